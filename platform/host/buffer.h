@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cutils/native_handle.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+namespace host {
+
+enum class ChromaOrder : int32_t { CbFirst = 0, CrFirst = 1 };
+
+/**
+ * The geometry of a 4:2:0 buffer. Sizes are in pixels, strides and the chroma step in bytes. The
+ * luma plane comes first: `height` rows, `stride` apart. The chroma follows, (height + 1) / 2 rows,
+ * `chromaStride` apart: interleaved in one plane, or with a chroma step of 1 in two planes.
+ */
+struct BufferSpec {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    uint32_t stride = 0;        ///< 0: the width, made even
+    uint32_t chromaStride = 0;  ///< 0: what the stride gives for the chroma step
+    ChromaOrder order = ChromaOrder::CbFirst;
+    uint32_t chromaStep = 2;  ///< 1 to 8
+    uint64_t usage = 0x33;    ///< often read and written by the processor
+};
+
+/** A buffer's memory is at most this large; a handle that claims more is none. */
+constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
+
+/**
+ * A graphics buffer as a client allocates it: a sealed memfd, a handle for it, and a mapping to
+ * look at its bytes. Resource type: owns all three, moved, not copied.
+ */
+class Buffer {
+public:
+    /** Nothing when the geometry cannot be, or memory or descriptors are short. */
+    static std::optional<Buffer> allocate(const BufferSpec& spec);
+
+    Buffer(Buffer&&) noexcept;
+    Buffer& operator=(Buffer&&) noexcept;
+    ~Buffer();
+
+    /** The raw handle, to be sent with a request; stays the buffer's own. */
+    const native_handle_t* handle() const;
+    /** As allocated, with the strides filled in. */
+    const BufferSpec& spec() const;
+
+    uint8_t* bytes() const;
+    size_t size() const;
+    /** Start of a luma row, and of a row of the chroma plane that comes first. */
+    uint8_t* lumaRow(uint32_t row) const;
+    uint8_t* chromaRow(uint32_t row) const;
+
+private:
+    struct Parts;
+    explicit Buffer(std::unique_ptr<Parts> parts);
+    std::unique_ptr<Parts> mParts;
+};
+
+/** Makes one lock of the real mapper in this process return `status`, after `skip` that pass. */
+void failLock(int status, int skip = 0);
+/** Makes the next GraphicBuffer::unlock() of this process return `status`; the buffer is unlocked.
+ */
+void failNextUnlock(int status);
+
+}  // namespace host

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace host {
+
+/** One call of __android_log_print(). */
+struct LogLine {
+    int priority;  ///< android_LogPriority
+    std::string tag;
+    std::string text;    ///< as written: a newline at its end belongs to it
+    std::string thread;  ///< name of the writing thread
+};
+
+/** Takes log lines. write() may be called from any thread, one call at a time. */
+class LogSink {
+public:
+    virtual ~LogSink() = default;
+    virtual void write(const LogLine& line) = 0;
+};
+
+/**
+ * Sends every line of the process to a sink for the scope of this object, and to the previous sink
+ * again afterwards. No call of the sink is under way once the destructor has returned. Scopes nest.
+ */
+class ScopedLogSink {
+public:
+    explicit ScopedLogSink(LogSink& sink);
+    ~ScopedLogSink();
+    ScopedLogSink(const ScopedLogSink&) = delete;
+    ScopedLogSink& operator=(const ScopedLogSink&) = delete;
+
+private:
+    LogSink* const mPrevious;
+};
+
+/** Keeps the lines of its scope. Any thread may ask while others write. */
+class LogCapture : private LogSink {
+public:
+    LogCapture() : mScope(*this) {}
+
+    std::vector<LogLine> lines() const;
+    /** The texts of one tag, or of all, in order. */
+    std::vector<std::string> texts(const std::string& tag = "") const;
+    /** How many lines have exactly this text. */
+    int count(const std::string& text) const;
+    /** Waits until `times` lines have this text; false at the deadline. */
+    bool waitFor(const std::string& text, int times = 1,
+                 std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    void clear();
+
+private:
+    void write(const LogLine& line) override;
+    int countLocked(const std::string& text) const;
+
+    mutable std::mutex mMutex;
+    mutable std::condition_variable mChanged;
+    std::vector<LogLine> mLines;  // guarded by mMutex
+    ScopedLogSink mScope;         // last: the sink is in place only while the rest exists
+};
+
+/** Lines of a lower priority are not written to stderr; sinks get them all. The default is all. */
+void setStderrLogPriority(int lowest);
+
+}  // namespace host

@@ -1,0 +1,37 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <utils/Errors.h>
+
+namespace android {
+
+/** A non-recursive POSIX mutex with default attributes. Resource type, not copied. */
+class Mutex {
+public:
+    Mutex() = default;
+    ~Mutex() { pthread_mutex_destroy(&mMutex); }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    status_t lock() { return -pthread_mutex_lock(&mMutex); }
+    void unlock() { pthread_mutex_unlock(&mMutex); }
+    status_t tryLock() { return -pthread_mutex_trylock(&mMutex); }
+
+    /** Holds the mutex for a scope. */
+    class Autolock {
+    public:
+        explicit Autolock(Mutex& mutex) : mMutex(mutex) { mMutex.lock(); }
+        ~Autolock() { mMutex.unlock(); }
+        Autolock(const Autolock&) = delete;
+        Autolock& operator=(const Autolock&) = delete;
+
+    private:
+        Mutex& mMutex;
+    };
+
+private:
+    pthread_mutex_t mMutex = PTHREAD_MUTEX_INITIALIZER;
+};
+
+}  // namespace android

@@ -1,0 +1,178 @@
+#include <utils/Thread.h>
+
+#include <android/log.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "thread_registry.h"
+
+namespace android {
+
+namespace {
+constexpr size_t kKernelNameLength = 15;
+
+bool startThread(pthread_t* handle, size_t stack, void* (*entry)(void*), void* argument) {
+    if (host::detail::takeThreadStartFailure())
+        return false;
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    const bool sized = stack == 0 || pthread_attr_setstacksize(&attributes, stack) == 0;
+    const bool started = sized && pthread_create(handle, &attributes, entry, argument) == 0;
+    pthread_attr_destroy(&attributes);
+    return started;
+}
+}  // namespace
+
+struct Thread::State {
+    std::atomic<bool> exitPending{false};
+    std::atomic<bool> running{false};
+    /** The process that started the thread: a forked child has no such thread to wait for. */
+    std::atomic<pid_t> process{0};
+
+    std::mutex mutex;
+    std::condition_variable changed;
+    // Guarded by mutex. The handle is worth something while `joinable`.
+    pthread_t handle{};
+    bool joinable = false;
+    bool joining = false;
+};
+
+namespace {
+/** What run() hands to the new thread. */
+template <typename State>
+struct Start {
+    sp<Thread> object;
+    std::shared_ptr<State> state;
+    std::string name;
+    int32_t priority;
+};
+}  // namespace
+
+Thread::Thread(bool /*canCallJava*/) : mState(std::make_shared<State>()) {}
+
+Thread::~Thread() {
+    const std::lock_guard<std::mutex> lock(mState->mutex);
+    if (!mState->joinable || mState->process != getpid())
+        return;
+    pthread_detach(mState->handle);
+    mState->joinable = false;
+}
+
+status_t Thread::run(const char* name, int32_t priority, size_t stack) {
+    std::unique_lock<std::mutex> lock(mState->mutex);
+    if (mState->running)
+        return INVALID_OPERATION;
+    mState->changed.wait(lock, [this] { return !mState->joining; });
+    if (mState->joinable)
+        pthread_detach(mState->handle);
+    mState->joinable = false;
+
+    auto start = std::make_unique<Start<State>>();
+    lock.unlock();  // the first reference runs onFirstRef(), which may look at this thread
+    start->object = this;
+    start->state = mState;
+    start->name = std::string(name != nullptr ? name : "").substr(0, kKernelNameLength);
+    start->priority = priority;
+    lock.lock();
+
+    mState->exitPending = false;
+    mState->running = true;
+    mState->process = getpid();
+    host::detail::threadStarted();
+    if (!startThread(&mState->handle, stack, &Thread::entry, start.get())) {
+        host::detail::threadEnded();
+        mState->running = false;
+        lock.unlock();
+        return UNKNOWN_ERROR;  // `start` drops the thread's reference, outside the lock
+    }
+    start.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
+    mState->joinable = true;
+    return NO_ERROR;
+}
+
+void* Thread::entry(void* argument) {
+    const std::unique_ptr<Start<State>> start(static_cast<Start<State>*>(argument));
+    const std::shared_ptr<State> state = start->state;
+    pthread_setname_np(pthread_self(), start->name.c_str());
+    if (start->priority != PRIORITY_DEFAULT) {
+        setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), start->priority);
+    }
+    {
+        // run() still holds the mutex until it has stored the handle that join() compares with.
+        const std::lock_guard<std::mutex> started(state->mutex);
+    }
+
+    sp<Thread> object = std::move(start->object);
+    const wp<Thread> weak(object);
+    bool goOn = object->readyToRun() == NO_ERROR && !state->exitPending;
+    while (goOn) {
+        goOn = object->threadLoop() && !state->exitPending;
+        if (!goOn)
+            break;
+        object.clear();
+        object = weak.promote();
+        goOn = object != nullptr;
+    }
+    state->running = false;
+    object.clear();  // may run the destructor on this thread
+    host::detail::threadEnded();
+    return nullptr;
+}
+
+void Thread::requestExit() {
+    mState->exitPending = true;
+}
+
+status_t Thread::readyToRun() {
+    return NO_ERROR;
+}
+
+bool Thread::exitPending() const {
+    return mState->exitPending;
+}
+
+bool Thread::isRunning() const {
+    return mState->running;
+}
+
+status_t Thread::join() {
+    const std::shared_ptr<State> state = mState;
+    if (state->process != getpid())
+        return NO_ERROR;
+    std::unique_lock<std::mutex> lock(state->mutex);
+    if (state->joinable && pthread_equal(state->handle, pthread_self()) != 0) {
+        __android_log_print(ANDROID_LOG_WARN, "Thread",
+                            "Thread (this=%p): don't call join() from this Thread object's thread. "
+                            "It's a guaranteed deadlock!",
+                            static_cast<void*>(this));
+        return WOULD_BLOCK;
+    }
+    state->changed.wait(lock, [&] { return !state->joining; });
+    if (!state->joinable)
+        return NO_ERROR;
+    state->joining = true;
+    const pthread_t handle = state->handle;
+    lock.unlock();
+    pthread_join(handle, nullptr);
+    lock.lock();
+    state->joinable = false;
+    state->joining = false;
+    state->changed.notify_all();
+    return NO_ERROR;
+}
+
+status_t Thread::requestExitAndWait() {
+    requestExit();
+    const status_t status = join();
+    if (status == NO_ERROR)
+        mState->exitPending = false;
+    return status;
+}
+
+}  // namespace android

@@ -1,0 +1,77 @@
+#include "host/buffer.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "buffer_format.h"
+#include "memory_map.h"
+
+namespace host {
+
+struct Buffer::Parts {
+    Parts(BufferSpec completed, native_handle_t* owned) : spec(completed), handle(owned) {}
+    ~Parts() {
+        native_handle_close(handle);
+        native_handle_delete(handle);
+    }
+    Parts(const Parts&) = delete;
+    Parts& operator=(const Parts&) = delete;
+
+    const BufferSpec spec;
+    native_handle_t* const handle;
+    detail::MemoryMap map;
+};
+
+std::optional<Buffer> Buffer::allocate(const BufferSpec& spec) {
+    const std::optional<BufferSpec> completed = detail::complete(spec);
+    if (!completed)
+        return std::nullopt;
+    const size_t size = detail::planesOf(*completed).total;
+
+    const int fd = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0)
+        return std::nullopt;
+    native_handle_t* const handle = detail::encode(fd, *completed);
+    if (handle == nullptr) {
+        close(fd);
+        return std::nullopt;
+    }
+    auto parts = std::make_unique<Parts>(*completed, handle);
+    const bool sized = ftruncate(fd, static_cast<off_t>(size)) == 0 &&
+                       fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0;
+    if (!sized || !parts->map.map(fd, size))
+        return std::nullopt;
+    return Buffer(std::move(parts));
+}
+
+Buffer::Buffer(std::unique_ptr<Parts> parts) : mParts(std::move(parts)) {}
+Buffer::Buffer(Buffer&&) noexcept = default;
+Buffer& Buffer::operator=(Buffer&&) noexcept = default;
+Buffer::~Buffer() = default;
+
+const native_handle_t* Buffer::handle() const {
+    return mParts->handle;
+}
+
+const BufferSpec& Buffer::spec() const {
+    return mParts->spec;
+}
+
+uint8_t* Buffer::bytes() const {
+    return mParts->map.data();
+}
+
+size_t Buffer::size() const {
+    return mParts->map.size();
+}
+
+uint8_t* Buffer::lumaRow(uint32_t row) const {
+    return bytes() + size_t{row} * spec().stride;
+}
+
+uint8_t* Buffer::chromaRow(uint32_t row) const {
+    return bytes() + detail::planesOf(spec()).chroma + size_t{row} * spec().chromaStride;
+}
+
+}  // namespace host

@@ -1,0 +1,205 @@
+#include "buffer_mapper.h"
+
+#include <fcntl.h>
+#include <hardware/gralloc.h>
+#include <sys/stat.h>
+
+#include "host/buffer.h"
+
+namespace host {
+
+MapperCounters mapperCounters() {
+    return detail::BufferMapper::get().counters();
+}
+
+void failLock(int status, int skip) {
+    detail::BufferMapper::get().failLock(status, skip);
+}
+
+namespace detail {
+
+namespace {
+
+constexpr uint64_t kCpuUsage = GRALLOC_USAGE_SW_READ_MASK | GRALLOC_USAGE_SW_WRITE_MASK;
+
+bool inside(const MapperRect& region, const BufferSpec& spec) {
+    return region.left >= 0 && region.top >= 0 && region.width >= 0 && region.height >= 0 &&
+           int64_t{region.left} + region.width <= int64_t{spec.width} &&
+           int64_t{region.top} + region.height <= int64_t{spec.height};
+}
+
+/** A plain lock may also see the buffer as one row of bytes. */
+bool insideAsRow(const MapperRect& region, size_t size) {
+    return region.left == 0 && region.top == 0 && region.height == 1 && region.width >= 0 &&
+           static_cast<size_t>(region.width) <= size;
+}
+
+}  // namespace
+
+BufferMapper& BufferMapper::get() {
+    static auto* const instance = new BufferMapper;
+    return *instance;
+}
+
+MapperError BufferMapper::import(const native_handle_t* raw, buffer_handle_t& imported) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return countLocked(importLocked(raw, imported));
+}
+
+MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle_t& imported) {
+    const std::optional<BufferSpec> spec = parse(raw);
+    if (!spec)
+        return MapperError::BAD_BUFFER;
+    MapperError error = MapperError::NONE;
+    std::shared_ptr<MemoryMap> memory = mapLocked(raw->data[0], planesOf(*spec).total, error);
+    if (memory == nullptr)
+        return error;
+    const native_handle_t* const clone = native_handle_clone(raw);
+    if (clone == nullptr) {
+        memory.reset();
+        dropUnusedLocked();
+        return MapperError::NO_RESOURCES;
+    }
+    mImports[clone] = Import{std::move(memory), *spec};
+    ++mCounters.imports;
+    imported = clone;
+    return MapperError::NONE;
+}
+
+std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, MapperError& error) {
+    error = MapperError::BAD_BUFFER;
+    const int seals = fcntl(fd, F_GET_SEALS);
+    if (seals < 0 || (seals & F_SEAL_SHRINK) == 0)
+        return nullptr;
+    struct stat file {};
+    if (fstat(fd, &file) != 0 || file.st_size < 0)
+        return nullptr;
+    const auto size = static_cast<uint64_t>(file.st_size);
+    if (size < needed || size > kMaxBufferBytes)
+        return nullptr;
+
+    std::weak_ptr<MemoryMap>& known = mMemory[{file.st_dev, file.st_ino}];
+    std::shared_ptr<MemoryMap> memory = known.lock();
+    if (memory != nullptr && memory->size() >= needed)
+        return memory;
+    memory = std::make_shared<MemoryMap>();
+    if (!memory->map(fd, static_cast<size_t>(size))) {
+        dropUnusedLocked();
+        return nullptr;
+    }
+    ++mCounters.maps;
+    known = memory;
+    return memory;
+}
+
+void BufferMapper::dropUnusedLocked() {
+    for (auto it = mMemory.begin(); it != mMemory.end();) {
+        it = it->second.expired() ? mMemory.erase(it) : std::next(it);
+    }
+}
+
+MapperError BufferMapper::free(buffer_handle_t imported) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    const auto found = mImports.find(imported);
+    if (found == mImports.end())
+        return countLocked(MapperError::BAD_BUFFER);
+    mImports.erase(found);
+    dropUnusedLocked();
+    native_handle_close(imported);
+    native_handle_delete(
+        const_cast<native_handle_t*>(imported));  // NOLINT: this mapper's own clone
+    ++mCounters.frees;
+    return MapperError::NONE;
+}
+
+MapperError BufferMapper::lock(buffer_handle_t imported, uint64_t usage, const MapperRect& region,
+                               void*& data) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    Import* const found = findLocked(imported);
+    if (found != nullptr && !inside(region, found->spec) &&
+        !insideAsRow(region, planesOf(found->spec).total)) {
+        return countLocked(MapperError::BAD_VALUE);
+    }
+    const MapperError error = lockLocked(found, usage);
+    if (error == MapperError::NONE)
+        data = found->memory->data();
+    return error;
+}
+
+MapperError BufferMapper::lockYCbCr(buffer_handle_t imported, uint64_t usage,
+                                    const MapperRect& region, MapperLayout& layout) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    Import* const found = findLocked(imported);
+    if (found != nullptr && !inside(region, found->spec)) {
+        return countLocked(MapperError::BAD_VALUE);
+    }
+    const MapperError error = lockLocked(found, usage);
+    if (error != MapperError::NONE)
+        return error;
+    uint8_t* const memory = found->memory->data();
+    const PlaneOffsets planes = planesOf(found->spec);
+    layout.y = memory;
+    layout.cb = memory + planes.cb;
+    layout.cr = memory + planes.cr;
+    layout.yStride = found->spec.stride;
+    layout.cStride = found->spec.chromaStride;
+    layout.chromaStep = found->spec.chromaStep;
+    return MapperError::NONE;
+}
+
+MapperError BufferMapper::lockLocked(Import* found, uint64_t usage) {
+    if (mFailStatus != 0 && mFailAfter-- == 0) {
+        return countLocked(static_cast<MapperError>(std::exchange(mFailStatus, 0)));
+    }
+    if (found == nullptr)
+        return countLocked(MapperError::BAD_BUFFER);
+    if ((usage & kCpuUsage) == 0)
+        return countLocked(MapperError::BAD_VALUE);
+    ++found->locks;
+    ++mCounters.locks;
+    return MapperError::NONE;
+}
+
+MapperError BufferMapper::unlock(buffer_handle_t imported) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    Import* const found = findLocked(imported);
+    if (found == nullptr || found->locks == 0)
+        return countLocked(MapperError::BAD_BUFFER);
+    --found->locks;
+    ++mCounters.unlocks;
+    return MapperError::NONE;
+}
+
+std::optional<BufferSpec> BufferMapper::specOf(buffer_handle_t imported) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    const Import* const found = findLocked(imported);
+    return found != nullptr ? std::optional<BufferSpec>(found->spec) : std::nullopt;
+}
+
+BufferMapper::Import* BufferMapper::findLocked(buffer_handle_t imported) {
+    const auto found = mImports.find(imported);
+    return found != mImports.end() ? &found->second : nullptr;
+}
+
+MapperError BufferMapper::countLocked(MapperError error) {
+    if (error != MapperError::NONE)
+        ++mCounters.refusals;
+    return error;
+}
+
+MapperCounters BufferMapper::counters() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    MapperCounters result = mCounters;
+    for (const auto& [file, memory] : mMemory)
+        result.mappings += memory.expired() ? 0 : 1;
+    return result;
+}
+
+void BufferMapper::failLock(int status, int skip) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mFailStatus = status;
+    mFailAfter = skip;
+}
+
+}  // namespace detail
+}  // namespace host

@@ -1,0 +1,80 @@
+#pragma once
+
+#include <android/hardware/graphics/mapper/2.0/IMapper.h>
+#include <cutils/native_handle.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <utility>
+
+#include "buffer_format.h"
+#include "host/mapper.h"
+#include "memory_map.h"
+
+namespace host::detail {
+
+using MapperError = android::hardware::graphics::mapper::V2_0::Error;
+using MapperRect = android::hardware::graphics::mapper::V2_0::IMapper::Rect;
+using MapperLayout = android::hardware::graphics::mapper::V2_0::YCbCrLayout;
+
+/**
+ * The one mapper of the process, behind both service versions and every graphics buffer.
+ *
+ * Each import is a clone of the handle and a share in the mapping of its memory. Memory is mapped
+ * once, at its first import, and unmapped with its last one: importing it again, from the raw
+ * handle or from an imported one, costs no mmap, and no lock ever does. What a client sent is
+ * checked before it is mapped: the seal first, then the size, so that the size cannot change under
+ * us.
+ *
+ * All operations are thread-safe. Never destroyed.
+ */
+class BufferMapper {
+public:
+    static BufferMapper& get();
+
+    /** On NONE `imported` is the caller's until free(). */
+    MapperError import(const native_handle_t* raw, buffer_handle_t& imported);
+    MapperError free(buffer_handle_t imported);
+
+    MapperError lock(buffer_handle_t imported, uint64_t usage, const MapperRect& region,
+                     void*& data);
+    MapperError lockYCbCr(buffer_handle_t imported, uint64_t usage, const MapperRect& region,
+                          MapperLayout& layout);
+    MapperError unlock(buffer_handle_t imported);
+
+    /** The geometry of an imported buffer. */
+    std::optional<BufferSpec> specOf(buffer_handle_t imported);
+
+    MapperCounters counters();
+    void failLock(int status, int skip);
+
+private:
+    /** Which file: device and inode. */
+    using FileId = std::pair<uint64_t, uint64_t>;
+
+    struct Import {
+        std::shared_ptr<MemoryMap> memory;
+        BufferSpec spec;
+        int locks = 0;
+    };
+
+    MapperError importLocked(const native_handle_t* raw, buffer_handle_t& imported);
+    std::shared_ptr<MemoryMap> mapLocked(int fd, size_t needed, MapperError& error);
+    MapperError lockLocked(Import* found, uint64_t usage);
+    Import* findLocked(buffer_handle_t imported);
+    MapperError countLocked(MapperError error);
+    void dropUnusedLocked();
+
+    std::mutex mMutex;
+    // Guarded by mMutex.
+    std::map<buffer_handle_t, Import> mImports;
+    std::map<FileId, std::weak_ptr<MemoryMap>> mMemory;
+    MapperCounters mCounters;
+    int mFailStatus = 0;
+    int mFailAfter = 0;
+};
+
+}  // namespace host::detail

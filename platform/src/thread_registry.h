@@ -1,0 +1,10 @@
+#pragma once
+
+namespace host::detail {
+
+/** True once for each failNextThreadStart(). */
+bool takeThreadStartFailure();
+void threadStarted();
+void threadEnded();
+
+}  // namespace host::detail

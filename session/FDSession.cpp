@@ -1,0 +1,666 @@
+// The session, in the order in which data flows: its life, the client's calls, the buffers, the
+// requests, the results, the notifications; then the scene and tracking controls. The rotation of a
+// frame stands before its one caller, the monitor's pass.
+
+#include "FDSession.h"
+
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <sys/time.h>
+#include <system/graphics.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <utility>
+
+#include "HandleImporter.h"
+#include "Rotate180.h"
+
+#define LOG_TAG "vendor.zoru.zoruprovider.fdstream@1.0-impl"
+
+namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
+
+using ::android::hardware::hidl_handle;
+using ::android::hardware::hidl_vec;
+using ::android::hardware::camera::common::V1_0::helper::HandleImporter;
+using ::android::hardware::camera::device::V3_2::BufferStatus;
+
+namespace {
+
+constexpr int64_t kStaleAfterUs = 1000000;
+constexpr std::chrono::microseconds kIdleWait(50000);
+constexpr Crop kDefaultPTZCrop = {0, 0, 1280, 720};
+
+/** The process that runs the monitor thread; 0 before there is a session. */
+std::atomic<pid_t> sMonitorProcess{0};
+
+int64_t wallClockUs() {
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    return int64_t{now.tv_sec} * 1000000 + now.tv_usec;
+}
+
+bool isSet(const hidl_handle& handle) {
+    return handle.getNativeHandle() != nullptr;
+}
+
+/** Whether every handle came along: one whose descriptors cannot be duplicated leaves an empty
+ * copy. */
+bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isSet(copy.buffer) == isSet(original.buffer) &&
+           isSet(copy.acquireFence) == isSet(original.acquireFence) &&
+           isSet(copy.releaseFence) == isSet(original.releaseFence);
+}
+
+bool areWhole(const hidl_vec<StreamBuffer>& copies, const hidl_vec<StreamBuffer>& originals) {
+    return std::equal(copies.begin(), copies.end(), originals.begin(), isWhole);
+}
+
+void logNotDuplicated(const char* operation, const StreamBuffer& buffer) {
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                        "%s: duplicating handles failed, streamId(%d), bufferId(%llu) \n",
+                        operation, buffer.streamId,
+                        static_cast<unsigned long long>(buffer.bufferId));
+}
+
+}  // namespace
+
+// Destroyed in the reverse of this order when the library goes.
+static std::recursive_mutex sLock;
+static sp<FDSession> sInstance;
+static HandleImporter sHandleImporter;
+
+using Lock = std::lock_guard<std::recursive_mutex>;
+
+/**
+ * Ends the monitor while sInstance still holds the session. Else the thread, in the middle of a
+ * pass, would hold the last reference and run the destructor in code that is being unmapped.
+ *
+ * Does nothing without a session, in a forked child, which has no such thread, and on the monitor
+ * thread itself. Takes no lock, because the pass it waits for does.
+ */
+class MonitorStopper {
+public:
+    MonitorStopper() = default;
+    MonitorStopper(const MonitorStopper&) = delete;
+    MonitorStopper& operator=(const MonitorStopper&) = delete;
+    ~MonitorStopper() {
+        if (sMonitorProcess != getpid())
+            return;
+        auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
+        if (session->stopMonitor() != ::android::NO_ERROR)
+            return;
+        // A thread counts as ended just before it drops its own reference.
+        for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
+            usleep(1000);
+        const int32_t others = session->getStrongCount() - 1;
+        if (others == 0)
+            return;
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "the library goes while %d references to the session are held \n",
+                            others);
+    }
+
+private:
+    static constexpr int kPatienceMs = 100;
+};
+
+static MonitorStopper sMonitorStopper;
+
+// ---- Life
+// -----------------------------------------------------------------------------------------
+
+sp<FDSession> FDSession::getInstance() {
+    const Lock lock(sLock);
+    if (sInstance == nullptr) {
+        sInstance = new FDSessionImpl;
+        sMonitorProcess = getpid();
+    }
+    return sInstance;
+}
+
+FDSessionImpl::FDSessionImpl()
+    : Thread(true),
+      mConfigSet(false),
+      mConfiguration(),
+      mTrackControl(),
+      mSceneControl(),
+      mPTZControl(),
+      mTrackingMode(),
+      mSceneCallback(nullptr),
+      mRequestCount(0) {
+    resetPTZScene();
+}
+
+void FDSessionImpl::onFirstRef() {
+    const Lock lock(sLock);
+    if (mInterface == nullptr)
+        mInterface = new TrampolineInterface(this);
+    run("CaptureRequestMonitor", ::android::PRIORITY_DEFAULT, 0);
+}
+
+FDSessionImpl::~FDSessionImpl() {
+    mSceneCallback = nullptr;
+    stopMonitor();
+    mInterface.clear();
+}
+
+::android::status_t FDSessionImpl::stopMonitor() {
+    requestExit();
+    mResultCondition.notify_one();
+    return join();
+}
+
+sp<IFDSession> FDSessionImpl::getInterface() {
+    const Lock lock(sLock);
+    return mInterface;
+}
+
+// ---- The client's calls
+// ---------------------------------------------------------------------------
+
+FDSessionImpl::TrampolineInterface::TrampolineInterface(sp<FDSessionImpl> session)
+    : mSession(session) {}
+
+Return<Status> FDSessionImpl::TrampolineInterface::setCallback(
+    const sp<IFDSessionCallback>& callback) {
+    const sp<FDSessionImpl> session = mSession.promote();
+    if (session == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
+        return Status::INTERNAL_ERROR;
+    }
+    session->handleSetCallback(callback);
+    return Status::OK;
+}
+
+Return<Status> FDSessionImpl::TrampolineInterface::configure(
+    const StreamConfiguration& configuration) {
+    const sp<FDSessionImpl> session = mSession.promote();
+    if (session == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
+        return Status::INTERNAL_ERROR;
+    }
+    return session->handleConfigure(configuration) == 0 ? Status::OK : Status::ILLEGAL_ARGUMENT;
+}
+
+Return<Status> FDSessionImpl::TrampolineInterface::processCaptureRequest(
+    const CaptureRequest& request) {
+    const sp<FDSessionImpl> session = mSession.promote();
+    if (session == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
+        return Status::INTERNAL_ERROR;
+    }
+    return session->handleCaptureRequest(request) == 0 ? Status::OK : Status::ILLEGAL_ARGUMENT;
+}
+
+void FDSessionImpl::handleSetCallback(const sp<IFDSessionCallback>& callback) {
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
+    // The old callback is the client's code: its last reference must not go under the lock.
+    sp<IFDSessionCallback> previous = callback;
+    const Lock lock(sLock);
+    std::swap(mCallback, previous);
+}
+
+sp<IFDSessionCallback> FDSessionImpl::currentCallback() {
+    const Lock lock(sLock);
+    return mCallback;
+}
+
+int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration) {
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
+    const Lock lock(sLock);
+    const size_t count = configuration.streams.size();
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
+                        static_cast<int>(count));
+    if (count != 1) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
+                            static_cast<int>(count));
+        return -1;
+    }
+    if (mConfigSet) {
+        while (!mCaptureRequests.empty())
+            mCaptureRequests.pop_front();
+        countRequests();
+        freeAllBuffers();
+    }
+    mConfiguration.streams = configuration.streams;
+    mConfiguration.operationMode = configuration.operationMode;
+    mConfigSet = true;
+    return 0;
+}
+
+int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
+    const Lock lock(sLock);
+    if (!mConfigSet)
+        return -1;
+    configuration.streams = mConfiguration.streams;
+    configuration.operationMode = mConfiguration.operationMode;
+    return 0;
+}
+
+// ---- The buffers
+// ----------------------------------------------------------------------------------
+
+int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle) {
+    CirculatingBuffers& buffers = mCirculatingBuffers[buffer.streamId];
+    const auto known = buffers.find(buffer.bufferId);
+    if (known != buffers.end()) {
+        handle = known->second;
+        return 0;
+    }
+
+    const auto bufferId = static_cast<unsigned long long>(buffer.bufferId);
+    handle = buffer.buffer.getNativeHandle();
+    if (handle == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: buffer streamId(%d), bufferId(%llu) \n", "handleCaptureRequest",
+                            buffer.streamId, bufferId);
+        return -1;
+    }
+    if (!sHandleImporter.importBuffer(handle)) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: import buffer failed, streamId(%d), bufferId(%llu) \n",
+                            "handleCaptureRequest", buffer.streamId, bufferId);
+        return -1;
+    }
+    buffers[buffer.bufferId] = handle;
+    const auto& stream = mConfiguration.streams[0];
+    mGraphicBuffers[buffer.bufferId] =
+        new GraphicBuffer(handle, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
+                          HAL_PIXEL_FORMAT_YCBCR_420_888, 1, stream.usage, stream.width);
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG,
+                        "%s: import buffer success, streamId(%d), bufferId(%llu) \n",
+                        "handleCaptureRequest", buffer.streamId, bufferId);
+    return 0;
+}
+
+sp<GraphicBuffer> FDSessionImpl::getBufferForId(uint64_t bufferId) {
+    const Lock lock(sLock);
+    const auto found = mGraphicBuffers.find(bufferId);
+    return found != mGraphicBuffers.end() ? found->second : nullptr;
+}
+
+void FDSessionImpl::freeBuffer(const StreamBuffer& buffer) {
+    const auto stream = mCirculatingBuffers.find(buffer.streamId);
+    if (stream == mCirculatingBuffers.end()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: CirculatingBuffers does not have streamId(%d) entry \n", __func__,
+                            buffer.streamId);
+        return;
+    }
+    const auto found = stream->second.find(buffer.bufferId);
+    if (found == stream->second.end()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: CirculatingBuffers does not have bufferId(%llu) entry \n",
+                            __func__, static_cast<unsigned long long>(buffer.bufferId));
+        return;
+    }
+    sHandleImporter.freeBuffer(found->second);
+    stream->second.erase(found);
+}
+
+void FDSessionImpl::freeAllBuffers() {
+    for (auto& [streamId, buffers] : mCirculatingBuffers) {
+        for (const auto& [bufferId, handle] : buffers)
+            sHandleImporter.freeBuffer(handle);
+        buffers.clear();
+    }
+    mCirculatingBuffers.clear();
+    mGraphicBuffers.clear();
+}
+
+// ---- The requests
+// ---------------------------------------------------------------------------------
+
+int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
+    const Lock lock(sLock);
+    if (request.outputBuffers.size() != 1) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: outputBuffersCount(%d)  \n", __func__,
+                            static_cast<int>(request.outputBuffers.size()));
+        return -1;
+    }
+    const StreamBuffer buffer = request.outputBuffers[0];
+    if (!mConfigSet) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mConfigSet(%d)  \n", __func__,
+                            static_cast<int>(mConfigSet));
+        return -1;
+    }
+    if (buffer.streamId != mConfiguration.streams[0].id) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: buffer streamId(%d), configuration streamId(%d) \n", __func__,
+                            buffer.streamId, mConfiguration.streams[0].id);
+        return -1;
+    }
+    if (!isWhole(buffer, request.outputBuffers[0])) {
+        logNotDuplicated(__func__, buffer);
+        return -1;
+    }
+
+    const size_t registered = mCirculatingBuffers[buffer.streamId].size();
+    buffer_handle_t handle = nullptr;
+    if (lookupOrImportBuffer(buffer, handle) != 0)
+        return -1;
+
+    CaptureRequestItem item = {request, 0};
+    // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
+    const hidl_handle registeredHandle(handle);
+    StreamBuffer& output = item.request.outputBuffers[0];
+    const bool whole = isWhole(item.request.inputBuffer, request.inputBuffer) &&
+                       areWhole(item.request.outputBuffers, request.outputBuffers);
+    output.buffer = registeredHandle;
+    if (!whole || isSet(output.buffer) != isSet(registeredHandle)) {
+        logNotDuplicated(__func__, buffer);
+        // The client is told of a refusal, so the id must not stay known with this handle.
+        if (mCirculatingBuffers[buffer.streamId].size() > registered)
+            freeBuffer(buffer);
+        return -1;
+    }
+
+    item.timestampUs = wallClockUs();
+    mCaptureRequests.push_back(std::move(item));
+    countRequests();
+    return 0;
+}
+
+bool FDSessionImpl::isCaptureRequestReady() {
+    return mRequestCount != 0;
+}
+
+int32_t FDSessionImpl::getProcessCaptureRequest(CaptureRequest& request) {
+    const Lock lock(sLock);
+    if (mCaptureRequests.empty())
+        return -1;
+    // The item owns all that it holds, so what moves out is what a deep copy would be.
+    request = std::move(mCaptureRequests.front().request);
+    mCaptureRequests.pop_front();
+    countRequests();
+    return 0;
+}
+
+void FDSessionImpl::countRequests() {
+    mRequestCount = mCaptureRequests.size();
+}
+
+// ---- The results
+// ----------------------------------------------------------------------------------
+
+void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
+    const std::lock_guard<std::mutex> lock(mResultMutex);
+    mCaptureResults.push_back(result);
+    CaptureResult& queued = mCaptureResults.back();
+    if (!areWhole(queued.outputBuffers, result.outputBuffers)) {
+        // Without its fence a frame could be read too early: the buffer goes back as not filled.
+        logNotDuplicated(__func__, queued.outputBuffers[0]);
+        queued.outputBuffers[0].status = BufferStatus::ERROR;
+    }
+    mResultCondition.notify_all();
+}
+
+namespace {
+
+// Two bytes that are one chroma sample, at any address, in memory that other types describe too.
+using ChromaPair = uint16_t __attribute__((aligned(1), may_alias));
+
+/** Exchanges two rows that do not overlap, sample by sample, each turned end for end. */
+template <typename Sample>
+void exchangeReversed(Sample* __restrict top, Sample* __restrict bottom, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const Sample sample = top[i];
+        top[i] = bottom[count - 1 - i];
+        bottom[count - 1 - i] = sample;
+    }
+}
+
+void turnLuma(uint8_t* luma, size_t stride, size_t width, size_t rows) {
+    for (size_t row = 0; row < rows / 2; ++row) {
+        exchangeReversed(luma + row * stride, luma + (rows - 1 - row) * stride, width);
+    }
+    if (rows % 2 != 0) {
+        uint8_t* const middle = luma + rows / 2 * stride;
+        std::reverse(middle, middle + width);
+    }
+}
+
+void turnChroma(uint8_t* chroma, size_t stride, size_t width, size_t rows) {
+    const auto pairsOf = [&](size_t row) {
+        return reinterpret_cast<ChromaPair*>(chroma + row * stride);
+    };
+    for (size_t row = 0; row < rows / 2; ++row) {
+        const size_t partner = rows - 1 - row;
+        exchangeReversed(pairsOf(row), pairsOf(partner), width / 2);
+        // An odd width leaves a byte that belongs to no pair of the row: it keeps its column.
+        if (width % 2 != 0) {
+            std::swap(chroma[row * stride + width - 1], chroma[partner * stride + width - 1]);
+        }
+    }
+    if (rows % 2 != 0)
+        std::reverse(pairsOf(rows / 2), pairsOf(rows / 2) + width / 2);
+}
+
+void turnFrame(const android_ycbcr& ycbcr, int width, int height) {
+    if (width <= 0 || height <= 0)
+        return;
+    const auto rowBytes = static_cast<size_t>(width);
+    const auto rows = static_cast<size_t>(height);
+    turnLuma(static_cast<uint8_t*>(ycbcr.y), ycbcr.ystride, rowBytes, rows);
+    if (rows < 4)
+        return;
+    auto* const chroma = static_cast<uint8_t*>(std::min(ycbcr.cb, ycbcr.cr, std::less<>()));
+    turnChroma(chroma, ycbcr.cstride, rowBytes, rows / 2);
+}
+
+}  // namespace
+
+void rotate180(sp<GraphicBuffer> buffer) {
+    if (buffer == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: Invalid graphics buffer \n", __func__);
+        return;
+    }
+    android_ycbcr ycbcr = {};
+    int status = buffer->lockYCbCr(static_cast<uint32_t>(buffer->getUsage()), &ycbcr);
+    if (status != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: lockYCbCr failed, error (%d) \n",
+                            __func__, status);
+        return;
+    }
+    if (ycbcr.chroma_step == 2) {
+        turnFrame(ycbcr, buffer->width, buffer->height);
+    } else {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: unhandled chroma format step %d \n",
+                            __func__, static_cast<int>(ycbcr.chroma_step));
+    }
+    status = buffer->unlock();
+    if (status != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: unlock failed, error (%d) \n",
+                            __func__, status);
+    }
+}
+
+bool FDSessionImpl::threadLoop() {
+    CaptureResult record = {};
+    if (takeResult(record) && record.outputBuffers.size() > 0) {
+        turnIfFlipped(record);
+        deliver(record);
+    }
+    if (takeStaleRequest(record))
+        deliver(record);
+    return true;
+}
+
+bool FDSessionImpl::takeResult(CaptureResult& record) {
+    std::unique_lock<std::mutex> lock(mResultMutex);
+    if (mCaptureResults.empty()) {
+        // One wait, whatever ends it: the sweep is due after it in any case.
+        mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
+    }
+    if (mCaptureResults.empty())
+        return false;
+    record = std::move(mCaptureResults.front());
+    mCaptureResults.pop_front();
+    return true;
+}
+
+void FDSessionImpl::turnIfFlipped(const CaptureResult& record) {
+    if (property_get_bool("vendor.zoru.flipped", 0) == 0)
+        return;
+    const sp<GraphicBuffer> buffer = getBufferForId(record.outputBuffers[0].bufferId);
+    if (buffer != nullptr)
+        rotate180(buffer);
+}
+
+bool FDSessionImpl::takeStaleRequest(CaptureResult& record) {
+    const Lock lock(sLock);
+    if (mCaptureRequests.empty())
+        return false;
+    CaptureRequestItem& oldest = mCaptureRequests.front();
+    if (wallClockUs() <= oldest.timestampUs + kStaleAfterUs)
+        return false;
+
+    record = CaptureResult();  // nothing of a delivered result may show in the error result
+    record.frameNumber = oldest.request.frameNumber;
+    record.outputBuffers = std::move(oldest.request.outputBuffers);
+    record.outputBuffers[0].status = BufferStatus::ERROR;
+    record.inputBuffer.streamId = -1;  // there is none
+    mCaptureRequests.pop_front();
+    countRequests();
+    return true;
+}
+
+void FDSessionImpl::deliver(CaptureResult& record) {
+    const sp<IFDSessionCallback> callback = currentCallback();
+    if (callback == nullptr)
+        return;
+    hidl_vec<CaptureResult> results;
+    results.resize(1);
+    results[0] = std::move(record);
+    const Return<void> status = callback->processCaptureResult(results);
+    if (!status.isOk()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: processCaptureResult transaction failed: %s", "threadLoop",
+                            status.description().c_str());
+    }
+}
+
+// ---- The notifications
+// ----------------------------------------------------------------------------
+
+void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
+    sp<IFDSessionCallback> callback;
+    {
+        const Lock lock(sLock);
+        if (mCallback == nullptr) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: notify failed: invalid session \n",
+                                __func__);
+            return;
+        }
+        callback = mCallback;
+    }
+    const Return<void> status = callback->notify({msg});
+    if (!status.isOk()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: notify transaction failed: %s",
+                            __func__, status.description().c_str());
+    }
+}
+
+// ---- Scene and tracking
+// ---------------------------------------------------------------------------
+
+void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
+    const Lock lock(sLock);
+    mSceneControl = sceneControl;
+    if (mSceneCallback == nullptr)
+        return;
+    mObserverCalls.begin(mSceneCallback);
+    mSceneCallback->onSceneControl(sceneControl);
+    mObserverCalls.end();
+}
+
+void FDSessionImpl::getSceneControl(SceneControl& sceneControl) {
+    const Lock lock(sLock);
+    sceneControl = mSceneControl;
+}
+
+void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
+    const Lock lock(sLock);
+    mPTZControl = ptzControl;
+    if (mSceneCallback == nullptr)
+        return;
+    mObserverCalls.begin(mSceneCallback);
+    mSceneCallback->onPTZControl(ptzControl);
+    mObserverCalls.end();
+}
+
+void FDSessionImpl::getPTZControl(SceneControl& ptzControl) {
+    const Lock lock(sLock);
+    ptzControl = mPTZControl;
+}
+
+void FDSessionImpl::resetPTZScene() {
+    const Lock lock(sLock);
+    mPTZControl.frameWidth = kDefaultPTZCrop.width;
+    mPTZControl.frameHeight = kDefaultPTZCrop.height;
+    mPTZControl.crops = {kDefaultPTZCrop};
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "PTZ Scene reset %d %d %d %d",
+                        kDefaultPTZCrop.x, kDefaultPTZCrop.y, kDefaultPTZCrop.width,
+                        kDefaultPTZCrop.height);
+}
+
+void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
+    const Lock lock(sLock);
+    if (trackingMode == mTrackingMode)
+        return;
+    mTrackingMode = trackingMode;
+    if (trackingMode == TrackingMode::OFF)
+        resetPTZScene();
+    __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
+                        static_cast<int>(trackingMode));
+    if (mSceneCallback == nullptr)
+        return;
+    mObserverCalls.begin(mSceneCallback);
+    mSceneCallback->onTrackingMode(trackingMode);
+    mObserverCalls.end();
+}
+
+TrackingMode FDSessionImpl::getTrackingMode() {
+    const Lock lock(sLock);
+    return mTrackingMode;
+}
+
+int32_t FDSessionImpl::getPeopleCount() {
+    const Lock lock(sLock);
+    return mSceneControl.peopleCount;
+}
+
+void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
+    ISceneCallback* observer = nullptr;
+    {
+        const Lock lock(sLock);
+        mTrackControl = trackControl;
+        observer = mSceneCallback;
+        if (observer != nullptr)
+            mObserverCalls.begin(observer);
+    }
+    if (observer == nullptr)
+        return;
+    observer->onTrackControl(trackControl);
+    mObserverCalls.end();
+}
+
+void FDSessionImpl::getTrackControl(TrackControl& trackControl) {
+    const Lock lock(sLock);
+    trackControl = mTrackControl;
+}
+
+void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
+    ISceneCallback* previous = sceneCallback;
+    {
+        const Lock lock(sLock);
+        std::swap(mSceneCallback, previous);
+    }
+    if (previous != sceneCallback)
+        mObserverCalls.waitUntilLeft(previous);
+}
+
+}  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation
