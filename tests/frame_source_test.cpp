@@ -1,0 +1,176 @@
+// The test frame source: a thread in the provider's place. Its pauses are gated, so nothing waits.
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "FDSessionTest.h"
+#include "support/interposed.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+namespace {
+constexpr size_t kFrameBytes = 1382400;
+constexpr const char* kInput = "fd_stream_subst_nv12.yuv";
+}  // namespace
+
+/** In a folder of its own, with the process's one session, which lives on from test to test. */
+class FrameSourceTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() { FDSession::getInstance(); }
+
+    FrameSourceTest() {
+        char name[] = "/tmp/fdstream-test-XXXXXX";
+        folder = mkdtemp(name);
+        std::filesystem::current_path(folder);
+        EXPECT_TRUE(client->setCallback(callback).isOk());
+        clock.stopAt(1);  // no request grows old
+    }
+    ~FrameSourceTest() override {
+        source->requestExit();
+        gate.reset();
+        source->join();
+        source.clear();
+        EXPECT_TRUE(log.waitFor("~FDSessionTest: \n"));
+        EXPECT_TRUE(client->configure(configurationOf(0)).isOk());  // lets go of the buffers
+        EXPECT_TRUE(client->setCallback(nullptr).isOk());
+        std::filesystem::current_path("/");
+        std::filesystem::remove_all(folder);
+    }
+
+    static void writeFrames(const std::string& values) {
+        std::ofstream file(kInput, std::ios::binary);
+        for (const char value : values)
+            file << std::string(kFrameBytes, value);
+    }
+    void configure(int32_t id, uint32_t width = 1280, uint32_t height = 720) {
+        EXPECT_TRUE(client->configure(configurationOf(id, width, height)).isOk());
+    }
+    void submit(uint32_t frame, int32_t streamId, const native_handle_t* handle) {
+        const auto status =
+            client->processCaptureRequest(requestFor(frame, frame, handle, streamId));
+        EXPECT_TRUE(status.isOk());
+    }
+    /** Lets the source go through one pass and returns what it said meanwhile. */
+    std::vector<std::string> pass(const char* tag = kSessionTag) {
+        log.clear();
+        EXPECT_TRUE(gate->passOnce());
+        return log.texts(tag);
+    }
+
+    WallClock clock;
+    host::LogCapture log;
+    Deliveries deliveries;
+    const sp<FDSession> session = FDSession::getInstance();
+    const sp<IFDSession> client = session->getInterface();
+    const sp<Callback> callback = new Callback(deliveries);
+    const host::Buffer buffer = allocate(1280, 720);
+    std::string folder;
+    std::unique_ptr<PauseGate> gate = std::make_unique<PauseGate>();
+    sp<FDSessionTest> source;
+};
+
+TEST_F(FrameSourceTest, LivesThroughItsFirstPassBeforeItsMakerHoldsIt) {
+    auto* const made = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
+    source = made;
+    EXPECT_EQ(made->getStrongCount(), 2);
+    ASSERT_TRUE(gate->passOnce());
+}
+
+TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
+    writeFrames("ab");
+    source = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    configure(4);
+    for (uint32_t frame = 1; frame <= 3; ++frame)
+        submit(frame, 4, buffer.handle());
+    for (uint32_t frame = 1; frame <= 3; ++frame) {
+        ASSERT_TRUE(gate->passOnce());
+        const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
+        EXPECT_EQ(result.frameNumber, frame);
+        EXPECT_EQ(result.fmqResultSize, 0U);
+        EXPECT_EQ(result.result.size(), 0U);
+        EXPECT_EQ(result.partialResult, 0U);
+        EXPECT_EQ(result.inputBuffer.streamId, -1);
+        EXPECT_EQ(result.outputBuffers[0].streamId, 4);
+        EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
+        EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
+        EXPECT_EQ(buffer.bytes()[0], frame == 2 ? 'b' : 'a');
+        EXPECT_EQ(buffer.bytes()[kFrameBytes - 1], frame == 2 ? 'b' : 'a');
+    }
+    EXPECT_EQ(deliveries.count(), 3U);
+}
+
+TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {
+    configure(0, 64, 64);
+    source = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    EXPECT_EQ(log.count("threadLoop: received first configration \n"), 1);
+    EXPECT_EQ(log.texts("zoruutil").size(), 4U);
+    const std::vector<std::string> nothing;
+    EXPECT_EQ(pass(), nothing);
+    configure(1, 64, 64);
+    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: stream configuration change  \n"});
+    EXPECT_EQ(log.texts("zoruutil").size(), 4U);
+
+    // The same id in another size: nothing is said, but the next wrapper takes the new size.
+    configure(1, 128, 64);
+    EXPECT_EQ(pass(), nothing);
+    const host::Buffer small = allocate(64, 64);
+    submit(1, 1, small.handle());
+    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: GraphicBuffer failed \n"});
+    EXPECT_EQ(deliveries.waitFor(1)[0].result.outputBuffers[0].status, BufferStatus::OK);
+}
+
+TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
+    source = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    configure(0);
+    std::fill_n(buffer.bytes(), buffer.size(), uint8_t{7});
+    submit(1, 0, buffer.handle());
+    submit(2, 0, buffer.handle());
+    ASSERT_TRUE(gate->passOnce());
+    ASSERT_TRUE(gate->passOnce());
+    deliveries.waitFor(2);
+    EXPECT_EQ(log.count(std::string("file ") + kInput +
+                        " open failed, error - No such file or directory \n"),
+              2);
+    EXPECT_EQ(buffer.bytes()[0], 7);
+
+    // A stream that needs more than a frame of the file: nothing is read past the frame memory.
+    writeFrames("a");
+    const host::Buffer large = allocate(1280, 722);
+    configure(0, 1280, 722);
+    submit(3, 0, large.handle());
+    const std::vector<std::string> lines = pass();
+    EXPECT_EQ(lines, std::vector<std::string>{"threadLoop: a frame of the file is too small for "
+                                              "width(1280) height(722) \n"});
+    EXPECT_EQ(deliveries.waitFor(3)[2].result.outputBuffers[0].status, BufferStatus::OK);
+    EXPECT_EQ(large.bytes()[0], 0);
+
+    // A handle that is no buffer any more when it is taken.
+    native_handle_t* const empty = native_handle_create(0, 0);
+    submit(4, 0, empty);
+    native_handle_delete(empty);
+    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: GraphicBuffer failed \n"});
+    EXPECT_EQ(deliveries.waitFor(4)[3].result.outputBuffers[0].status, BufferStatus::OK);
+}
+
+TEST_F(FrameSourceTest, EndsAfterThePassUnderWayWhenItIsLetGoOf) {
+    auto* const made = new FDSessionTest;
+    source = made;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    source->requestExit();
+    source.clear();  // the thread drops the last reference, and the object dies on it
+    gate.reset();
+    EXPECT_TRUE(log.waitFor("~FDSessionTest: \n"));
+    EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
+    gate = std::make_unique<PauseGate>();
+    source = new FDSessionTest;
+}
+
+}  // namespace testing_support

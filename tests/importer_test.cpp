@@ -1,0 +1,222 @@
+// The handle importer, against the real mapper behind both versions of its service.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "HandleImporter.h"
+#include "host/buffer.h"
+#include "host/log.h"
+#include "support/session_fixture.h"
+#include "support/spy_mapper.h"
+
+namespace testing_support {
+
+using android::hardware::camera::common::V1_0::helper::HandleImporter;
+using android::hardware::camera::common::V1_0::helper::YCbCrLayout;
+
+namespace {
+constexpr const char* kTag = "HandleImporter";
+}  // namespace
+
+template <typename Spy>
+class ImporterTest : public testing::Test {
+protected:
+    static auto real() {
+        if constexpr (std::is_same_v<Spy, SpyMapper3>) {
+            return host::realMapper3();
+        } else {
+            return host::realMapper2();
+        }
+    }
+    static android::sp<mapper3::IMapper> as3(const android::sp<Spy>& spy) {
+        if constexpr (std::is_same_v<Spy, SpyMapper3>)
+            return spy;
+        return nullptr;
+    }
+
+    const android::sp<Spy> spy = new Spy(real());
+    const android::sp<SpyMapper2> unused = new SpyMapper2(host::realMapper2());
+    const host::ScopedMapper scope{as3(spy), [this]() -> android::sp<mapper2::IMapper> {
+                                       if constexpr (std::is_same_v<Spy, SpyMapper2>)
+                                           return spy;
+                                       return unused;
+                                   }()};
+    host::LogCapture log;
+    const host::Buffer buffer = allocate(64, 32);
+    HandleImporter importer;
+};
+
+using BothVersions = testing::Types<SpyMapper3, SpyMapper2>;
+TYPED_TEST_SUITE(ImporterTest, BothVersions);
+
+TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
+    buffer_handle_t handle = this->buffer.handle();
+    ASSERT_TRUE(this->importer.importBuffer(handle));
+    ASSERT_NE(handle, this->buffer.handle());
+    EXPECT_EQ(handle, this->spy->imported[0]);
+
+    auto* const bytes = static_cast<uint8_t*>(this->importer.lock(handle, 0x100000033, 2048));
+    ASSERT_NE(bytes, nullptr);
+    bytes[5] = 77;
+    EXPECT_EQ(this->buffer.bytes()[5], 77);
+    EXPECT_EQ(this->spy->usage, 0x100000033U);
+    EXPECT_EQ(this->spy->region.left, 0);
+    EXPECT_EQ(this->spy->region.top, 0);
+    EXPECT_EQ(this->spy->region.width, 2048);
+    EXPECT_EQ(this->spy->region.height, 1);
+    EXPECT_EQ(this->importer.unlock(handle), -1);
+
+    const YCbCrLayout layout = this->importer.lockYCbCr(handle, 3, {2, 4, 8, 16});
+    EXPECT_EQ(this->spy->region.left, 2);
+    EXPECT_EQ(this->spy->region.height, 16);
+    EXPECT_EQ(layout.y, bytes);
+    EXPECT_EQ(layout.cb, bytes + 2048);
+    EXPECT_EQ(layout.cr, bytes + 2049);
+    EXPECT_EQ(layout.yStride, 64U);
+    EXPECT_EQ(layout.cStride, 64U);
+    EXPECT_EQ(layout.chromaStep, 2U);
+    EXPECT_EQ(this->importer.unlock(handle), -1);
+    this->importer.freeBuffer(handle);
+    EXPECT_EQ(this->spy->freed, this->spy->imported);
+    EXPECT_TRUE(this->log.lines().empty());
+    // The service was fetched once, and 2.0 only where there is no 3.0.
+    EXPECT_EQ(this->scope.asked3(), 1);
+    EXPECT_EQ(this->scope.asked2(), (std::is_same_v<TypeParam, SpyMapper2> ? 1 : 0));
+}
+
+TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
+    buffer_handle_t handle = this->buffer.handle();
+    this->spy->error = decltype(this->spy->error)::NO_RESOURCES;
+    EXPECT_FALSE(this->importer.importBuffer(handle));
+    EXPECT_EQ(handle, this->buffer.handle());
+    EXPECT_TRUE(this->log.lines().empty());  // a refusal is silent
+    this->importer.freeBuffer(static_cast<buffer_handle_t>(this->spy->imported[0]));
+
+    EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
+    EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
+    EXPECT_EQ(this->importer.unlock(handle), -1);
+    const std::vector<std::string> lines = {"operator(): failed to lock error 2!",
+                                            "operator(): failed to lockYCbCr error 2!",
+                                            "operator(): failed to unlock error 2!"};
+    EXPECT_EQ(this->log.texts(kTag), lines);
+}
+
+TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
+    buffer_handle_t handle = this->buffer.handle();
+    ASSERT_TRUE(this->importer.importBuffer(handle));
+    buffer_handle_t other = this->buffer.handle();
+    this->spy->failTransport = true;
+    EXPECT_FALSE(this->importer.importBuffer(other));
+    EXPECT_EQ(other, this->buffer.handle());
+    this->importer.freeBuffer(handle);
+    const std::string dead = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
+    EXPECT_EQ(this->log.count("importBufferInternal: mapper importBuffer failed: " + dead), 1);
+    EXPECT_EQ(this->log.count("freeBuffer: mapper freeBuffer failed: " + dead), 1);
+    EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
+    EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).cStride, 0U);
+    EXPECT_EQ(this->importer.unlock(handle), -1);
+    this->spy->failTransport = false;
+    this->importer.freeBuffer(handle);
+}
+
+TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {
+    buffer_handle_t handle = this->buffer.handle();
+    ASSERT_TRUE(this->importer.importBuffer(handle));
+    const auto unlockWith = [&](int descriptors, int integers, int descriptor) {
+        native_handle_t* const fence = native_handle_create(descriptors, integers);
+        if (descriptors > 0)
+            fence->data[0] = descriptor;
+        this->spy->releaseFence.setTo(fence);
+        this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32});
+        const int result = this->importer.unlock(handle);
+        this->spy->releaseFence.setTo(nullptr);
+        native_handle_delete(fence);
+        return result;
+    };
+    const int fence = unlockWith(1, 0, STDERR_FILENO);
+    EXPECT_GT(fence, STDERR_FILENO);
+    this->importer.closeFence(fence);
+    EXPECT_EQ(unlockWith(1, 0, -7), -1);
+    EXPECT_EQ(unlockWith(2, 0, STDERR_FILENO), -1);
+    EXPECT_EQ(unlockWith(1, 1, STDERR_FILENO), -1);
+    const std::vector<std::string> lines = {"operator(): bad release fence FD -1",
+                                            "operator(): bad release fence numInts 0 numFds 2",
+                                            "operator(): bad release fence numInts 1 numFds 1"};
+    EXPECT_EQ(this->log.texts(kTag), lines);
+    this->importer.freeBuffer(handle);
+}
+
+TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
+    host::LogCapture log;
+    const host::ScopedMapper none(nullptr, nullptr);
+    HandleImporter importer;
+    native_handle_t* const empty = native_handle_create(0, 0);
+    buffer_handle_t handle = empty;
+    EXPECT_TRUE(importer.importBuffer(handle));
+    EXPECT_EQ(handle, nullptr);
+    importer.freeBuffer(nullptr);
+    EXPECT_TRUE(log.lines().empty());
+    native_handle_delete(empty);
+
+    const host::Buffer buffer = allocate(4, 4);
+    handle = buffer.handle();
+    importer.freeBuffer(handle);
+    EXPECT_EQ(importer.unlock(handle), -1);
+    EXPECT_EQ(none.asked3() + none.asked2(), 0);  // neither connects
+    EXPECT_FALSE(importer.importBuffer(handle));
+    EXPECT_EQ(importer.lock(handle, 3, 4), nullptr);
+    EXPECT_EQ(importer.lockYCbCr(handle, 3, {0, 0, 4, 4}).y, nullptr);
+    EXPECT_EQ(none.asked3(), 3);
+    EXPECT_EQ(none.asked2(), 3);
+    const std::string hal = "initializeLocked: cannnot acccess graphics mapper HAL!";
+    const std::string null = ": mMapperV3 and mMapperV2 are both null!";
+    const std::vector<std::string> lines = {
+        "freeBuffer" + null, "unlock" + null, hal, "importBuffer" + null, hal, "lock" + null, hal,
+        "lockYCbCr" + null};
+    EXPECT_EQ(log.texts(kTag), lines);
+
+    // A mapper that appears is found, and forgotten by cleanup().
+    {
+        const host::ScopedMapper real(host::realMapper3(), nullptr);
+        ASSERT_TRUE(importer.importBuffer(handle));
+        importer.freeBuffer(handle);
+    }
+    importer.cleanup();
+    handle = buffer.handle();
+    EXPECT_FALSE(importer.importBuffer(handle));
+}
+
+TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
+    host::LogCapture log;
+    const HandleImporter importer;
+    int fd = 99;
+    EXPECT_TRUE(importer.importFence(nullptr, fd));
+    EXPECT_EQ(fd, -1);
+    native_handle_t* const fence = native_handle_create(2, 0);
+    fence->numFds = 0;
+    fd = 99;
+    EXPECT_TRUE(importer.importFence(fence, fd));
+    EXPECT_EQ(fd, -1);
+    fence->numFds = 1;
+    fence->data[0] = STDERR_FILENO;
+    EXPECT_TRUE(importer.importFence(fence, fd));
+    EXPECT_GT(fd, STDERR_FILENO);
+    importer.closeFence(fd);
+    importer.closeFence(-1);
+    fence->data[0] = -3;
+    EXPECT_FALSE(importer.importFence(fence, fd));
+    EXPECT_EQ(fd, -1);
+    fd = 99;
+    for (const int count : {2, -1}) {
+        fence->numFds = count;
+        EXPECT_FALSE(importer.importFence(fence, fd));
+        EXPECT_EQ(fd, 99);
+    }
+    native_handle_delete(fence);
+    const std::vector<std::string> lines = {"failed to dup fence fd -3",
+                                            "invalid fence handle with 2 file descriptors",
+                                            "invalid fence handle with -1 file descriptors"};
+    EXPECT_EQ(log.texts(kTag), lines);
+}
+
+}  // namespace testing_support

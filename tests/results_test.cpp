@@ -1,0 +1,300 @@
+// Delivery by the monitor thread, the stale-request sweep, and the rotation of a delivered frame.
+
+#include <sys/time.h>
+
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <random>
+#include <thread>
+
+#include "Rotate180.h"
+#include "host/mapper.h"
+#include "host/properties.h"
+#include "support/interposed.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+class ResultsTest : public SessionFixture {
+protected:
+    ~ResultsTest() override { host::clearProperty("vendor.zoru.flipped"); }
+
+    static constexpr int64_t kStart = 1700000000000000;  // microseconds
+
+    /** Waits until the monitor has swept the waiting requests twice more: one whole pass. */
+    void sweep() {
+        drivePass();
+        drivePass();
+        EXPECT_TRUE(clock.waitForReads(2));
+    }
+
+    WallClock clock;
+};
+
+TEST_F(ResultsTest, DeliversOneAtATimeInOrderOnTheMonitorThread) {
+    configure();
+    for (const uint32_t frame : {5U, 3U, 4U})
+        ASSERT_EQ(submit(frame, 1), 0);
+    for (int i = 0; i < 3; ++i) {
+        CaptureResult result = resultFor(take());
+        result.fmqResultSize = 11;
+        result.result = {1, 2};
+        result.partialResult = 1;
+        session->sendCaptureResult(result);
+    }
+    const auto came = deliveries.waitFor(3);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(came[i].batch, 1U);
+        EXPECT_EQ(came[i].thread, "CaptureRequestM");
+        EXPECT_EQ(came[i].result.frameNumber, (std::array{5U, 3U, 4U}[i]));
+        EXPECT_EQ(came[i].result.fmqResultSize, 11U);
+        EXPECT_EQ(came[i].result.result.size(), 2U);
+        EXPECT_EQ(came[i].result.partialResult, 1U);
+        EXPECT_EQ(came[i].result.outputBuffers[0].status, BufferStatus::OK);
+        EXPECT_NE(came[i].result.outputBuffers[0].buffer.getNativeHandle(), nullptr);
+    }
+}
+
+TEST_F(ResultsTest, DropsAResultWithoutBuffersAndGoesOnAfterAFailedCall) {
+    configure();
+    host::setProperty("vendor.zoru.flipped", "true");
+    log.clear();
+    drivePass();
+    ASSERT_EQ(submit(1, 1), 0);
+    callback->failing = true;
+    serveOne();
+    ASSERT_TRUE(
+        log.waitFor("threadLoop: processCaptureResult transaction failed: "
+                    "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the "
+                    "connection'"));
+    callback->failing = false;
+    ASSERT_EQ(submit(2, 1), 0);
+    serveOne();
+    EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 2U);
+}
+
+TEST_F(ResultsTest, DiscardsSilentlyWithoutACallback) {
+    clock.stopAt(kStart);
+    configure();
+    session->handleSetCallback(nullptr);
+    ASSERT_EQ(submit(1, 1), 0);
+    ASSERT_EQ(submit(2, 1), 0);
+    serveOne();
+    log.clear();
+    clock.stopAt(kStart + 1000001);
+    while (session->isCaptureRequestReady())
+        drivePass();  // consumed by the sweep
+    session->handleSetCallback(callback);
+    ASSERT_EQ(submit(3, 1), 0);
+    serveOne();
+    EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 3U);
+    EXPECT_EQ(log.texts(kSessionTag), std::vector<std::string>{"handleSetCallback: \n"});
+}
+
+TEST_F(ResultsTest, AnswersARequestThatIsOlderThanASecondAndNoYounger) {
+    clock.stopAt(kStart);
+    configure();
+    CaptureRequest request = requestFor(9, 4, buffer.handle());
+    request.settings = {1, 2, 3};
+    request.fmqSettingsSize = 3;
+    request.inputBuffer.streamId = 6;
+    ASSERT_EQ(session->handleCaptureRequest(request), 0);
+    clock.stopAt(kStart + 1000000);
+    sweep();
+    EXPECT_EQ(deliveries.count(), 0U);
+    clock.stopAt(kStart + 1000001);
+    drivePass();
+    const CaptureResult error = deliveries.waitFor(1)[0].result;
+    EXPECT_EQ(error.frameNumber, 9U);
+    EXPECT_EQ(error.fmqResultSize, 0U);
+    EXPECT_EQ(error.result.size(), 0U);
+    EXPECT_EQ(error.partialResult, 0U);
+    EXPECT_EQ(error.inputBuffer.streamId, -1);
+    ASSERT_EQ(error.outputBuffers.size(), 1U);
+    EXPECT_EQ(error.outputBuffers[0].streamId, 0);
+    EXPECT_EQ(error.outputBuffers[0].bufferId, 4U);
+    EXPECT_EQ(error.outputBuffers[0].status, BufferStatus::ERROR);
+    EXPECT_NE(error.outputBuffers[0].buffer.getNativeHandle(), nullptr);
+    EXPECT_FALSE(session->isCaptureRequestReady());
+}
+
+TEST_F(ResultsTest, AnswersStaleRequestsOneEachPassOldestFirst) {
+    clock.stopAt(kStart);
+    configure();
+    for (uint32_t frame = 0; frame < 5; ++frame)
+        ASSERT_EQ(submit(frame, frame), 0);
+    ASSERT_EQ(take().frameNumber, 0U);  // taken in time: never answered by the sweep
+    clock.stopAt(kStart + 1000001);
+    for (int i = 0; i < 4; ++i)
+        drivePass();
+    const auto came = deliveries.waitFor(4);
+    for (uint32_t i = 0; i < 4; ++i)
+        EXPECT_EQ(came[i].result.frameNumber, i + 1);
+    ASSERT_EQ(submit(9, 9), 0);
+    sweep();
+    EXPECT_EQ(deliveries.count(), 4U);
+}
+
+TEST_F(ResultsTest, KeepsADeliveredResultOutOfTheErrorResultOfTheSamePass) {
+    clock.stopAt(kStart);
+    configure();
+    ASSERT_EQ(submit(1, 1), 0);
+    ASSERT_EQ(submit(2, 2), 0);
+    CaptureResult full = resultFor(take());
+    full.fmqResultSize = 77;
+    full.result = {1, 2, 3};
+    full.partialResult = 3;
+    full.inputBuffer.streamId = 5;
+    full.inputBuffer.bufferId = 55;
+    full.outputBuffers.resize(2);
+    // The clock steps while the result is being delivered, so the sweep of that very pass is due.
+    callback->during = [&] { clock.stopAt(kStart + 1000001); };
+    session->sendCaptureResult(full);
+    const auto came = deliveries.waitFor(2);
+    EXPECT_EQ(came[0].result.outputBuffers.size(), 2U);
+    const CaptureResult& error = came[1].result;
+    EXPECT_EQ(error.frameNumber, 2U);
+    EXPECT_EQ(error.fmqResultSize, 0U);
+    EXPECT_EQ(error.result.size(), 0U);
+    EXPECT_EQ(error.partialResult, 0U);
+    EXPECT_EQ(error.inputBuffer.streamId, -1);
+    EXPECT_EQ(error.inputBuffer.bufferId, 0U);
+    EXPECT_EQ(error.outputBuffers.size(), 1U);
+}
+
+TEST_F(ResultsTest, MeasuresAgesOnAWallClockThatStepsEitherWay) {
+    clock.stopAt(kStart);
+    configure();
+    ASSERT_EQ(submit(1, 1), 0);
+    clock.stopAt(kStart - 3600000000);  // back: nothing is stale
+    sweep();
+    EXPECT_EQ(deliveries.count(), 0U);
+    clock.stopAt(kStart + 3600000000);  // forward: at once
+    EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 1U);
+}
+
+TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
+    clock.stopAt(kStart);
+    configure();
+    const auto fill = [this] {
+        std::iota(buffer.bytes(), buffer.bytes() + buffer.size(), uint8_t{0});
+    };
+    const auto isTurned = [this] { return buffer.lumaRow(0)[0] == 127; };
+    size_t delivered = 0;
+    const auto deliverOne = [&](const char* property) {
+        fill();
+        host::setProperty("vendor.zoru.flipped", property);
+        EXPECT_EQ(submit(1, 1), 0);
+        serveOne();
+        deliveries.waitFor(++delivered);
+        return isTurned();
+    };
+    EXPECT_FALSE(deliverOne("false"));
+    EXPECT_TRUE(deliverOne("true"));  // read anew for each result
+    EXPECT_FALSE(deliverOne(" true"));
+
+    // An id that the registry does not know, and an error result: delivered as they are.
+    fill();
+    host::setProperty("vendor.zoru.flipped", "1");
+    CaptureResult unknown = resultFor(requestFor(2, 42, buffer.handle()));
+    session->sendCaptureResult(unknown);
+    deliveries.waitFor(4);
+    ASSERT_EQ(submit(3, 1), 0);
+    clock.stopAt(kStart + 1000001);
+    drivePass();
+    deliveries.waitFor(5);
+    EXPECT_FALSE(isTurned());
+
+    // Turned even when nobody is there to see it.
+    session->handleSetCallback(nullptr);
+    const int64_t unlocks = host::mapperCounters().unlocks;
+    ASSERT_EQ(submit(4, 1), 0);
+    serveOne();
+    while (host::mapperCounters().unlocks == unlocks)
+        std::this_thread::yield();
+    EXPECT_TRUE(isTurned());
+}
+
+// ---- The rotation itself
+// --------------------------------------------------------------------------
+
+namespace {
+
+sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
+    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.spec().width,
+                             buffer.spec().height, 35, 1, usage, buffer.spec().width);
+}
+
+/** What a frame turned by 180 degrees is: the last sample first, in luma and in chroma pairs. */
+std::vector<uint8_t> turned(const host::Buffer& buffer) {
+    const host::BufferSpec& spec = buffer.spec();
+    std::vector<uint8_t> result(buffer.bytes(), buffer.bytes() + buffer.size());
+    const auto at = [&](const uint8_t* p) -> uint8_t& {
+        return result[static_cast<size_t>(p - buffer.bytes())];
+    };
+    for (uint32_t y = 0; y < spec.height; ++y) {
+        for (uint32_t x = 0; x < spec.width; ++x) {
+            at(buffer.lumaRow(y) + x) = buffer.lumaRow(spec.height - 1 - y)[spec.width - 1 - x];
+        }
+    }
+    const uint32_t rows = spec.height >= 4 ? spec.height / 2 : 0;
+    for (uint32_t y = 0; y < rows; ++y) {
+        for (uint32_t x = 0; x < spec.width; ++x) {
+            const uint32_t from =
+                x / 2 < spec.width / 2 ? (spec.width / 2 - 1 - x / 2) * 2 + x % 2 : x;
+            // The byte of no pair keeps its column; in a middle row it keeps its place.
+            at(buffer.chromaRow(y) + x) = buffer.chromaRow(rows - 1 - y)[from];
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
+    for (const uint32_t height : {1U, 2U, 3U, 4U, 5U, 6U, 7U, 12U}) {
+        for (const uint32_t width : {1U, 2U, 5U, 16U, 61U, 160U}) {
+            for (const bool crFirst : {false, true}) {
+                host::BufferSpec spec;
+                spec.stride = 192;
+                spec.chromaStride = 200;
+                spec.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
+                const host::Buffer buffer = allocate(width, height, spec);
+                std::minstd_rand random(width * 100 + height);
+                std::generate_n(buffer.bytes(), buffer.size(),
+                                [&] { return static_cast<uint8_t>(random()); });
+                const std::vector<uint8_t> expected = turned(buffer);
+                rotate180(wrap(buffer));
+                ASSERT_TRUE(std::equal(expected.begin(), expected.end(), buffer.bytes()))
+                    << width << " x " << height;
+            }
+        }
+    }
+}
+
+TEST(RotationTest, TellsWhatItCannotTurnAndUnlocksWhatItLocked) {
+    host::LogCapture log;
+    host::BufferSpec planar;
+    planar.chromaStep = 1;
+    const host::Buffer buffer = allocate(4, 4, planar);
+    std::iota(buffer.bytes(), buffer.bytes() + buffer.size(), uint8_t{0});
+    const std::vector<uint8_t> before(buffer.bytes(), buffer.bytes() + buffer.size());
+    const host::MapperCounters counters = host::mapperCounters();
+
+    rotate180(nullptr);
+    rotate180(wrap(buffer, 0));  // no processor usage: the lock fails
+    rotate180(wrap(buffer));
+    host::failNextUnlock(-5);
+    rotate180(wrap(allocate(4, 4)));
+
+    const std::vector<std::string> lines = {
+        "rotate180: Invalid graphics buffer \n", "rotate180: lockYCbCr failed, error (3) \n",
+        "rotate180: unhandled chroma format step 1 \n", "rotate180: unlock failed, error (-5) \n"};
+    EXPECT_EQ(log.texts(kSessionTag), lines);
+    EXPECT_TRUE(std::equal(before.begin(), before.end(), buffer.bytes()));
+    EXPECT_EQ(host::mapperCounters().unlocks - counters.unlocks, 2);
+    EXPECT_EQ(host::mapperCounters().locks - counters.locks, 2);
+}
+
+}  // namespace testing_support

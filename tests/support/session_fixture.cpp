@@ -1,0 +1,164 @@
+#include "support/session_fixture.h"
+
+#include <pthread.h>
+
+#include <cstdarg>
+
+#include "host/mapper.h"
+
+namespace testing_support {
+
+namespace {
+
+std::string threadName() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
+
+auto deadline() {
+    return std::chrono::system_clock::now() + std::chrono::seconds(10);
+}
+
+}  // namespace
+
+std::string text(const char* format, ...) {
+    char line[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(line, sizeof(line), format, arguments);
+    va_end(arguments);
+    return line;
+}
+
+void Deliveries::add(const hidl_vec<CaptureResult>& results) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mDeliveries.push_back({results[0], results.size(), threadName()});
+    mChanged.notify_all();
+}
+
+void Deliveries::add(const hidl_vec<FDNotifyMsg>& msgs) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    EXPECT_EQ(msgs.size(), 1U);
+    mNotified.push_back(msgs[0]);
+}
+
+void Deliveries::callbackDied() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mDeathThread = threadName();
+    mChanged.notify_all();
+}
+
+std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return mDeliveries.size() >= count; }))
+        << mDeliveries.size() << " of " << count << " results came";
+    std::vector<Delivery> result = mDeliveries;
+    result.resize(std::max(count, result.size()));
+    return result;
+}
+
+size_t Deliveries::count() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mDeliveries.size();
+}
+
+std::vector<FDNotifyMsg> Deliveries::notified() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mNotified;
+}
+
+std::string Deliveries::waitForDeath() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return !mDeathThread.empty(); }));
+    return mDeathThread;
+}
+
+Return<void> Callback::processCaptureResult(const hidl_vec<CaptureResult>& results) {
+    mDeliveries.add(results);
+    return answer();
+}
+
+Return<void> Callback::notify(const hidl_vec<FDNotifyMsg>& msgs) {
+    mDeliveries.add(msgs);
+    return answer();
+}
+
+Return<void> Callback::answer() {
+    if (during)
+        during();
+    if (!failing)
+        return {};
+    return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
+                                                  "the peer has closed the connection");
+}
+
+host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferSpec& other) {
+    host::BufferSpec spec = other;
+    spec.width = width;
+    spec.height = height;
+    std::optional<host::Buffer> buffer = host::Buffer::allocate(spec);
+    if (!buffer) {
+        ADD_FAILURE() << "no buffer of " << width << " x " << height;
+        abort();
+    }
+    return std::move(*buffer);
+}
+
+StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
+    using android::hardware::camera::device::V3_2::StreamConfigurationMode;
+    StreamConfiguration configuration = {};
+    configuration.streams.resize(1);
+    Stream& stream = configuration.streams[0];
+    stream.id = id;
+    stream.width = width;
+    stream.height = height;
+    stream.usage = 0x100000033;
+    configuration.operationMode = StreamConfigurationMode::VENDOR_MODE_1;
+    return configuration;
+}
+
+CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
+                          int32_t streamId) {
+    CaptureRequest request = {};
+    request.frameNumber = frameNumber;
+    request.inputBuffer.streamId = -1;
+    request.outputBuffers.resize(1);
+    request.outputBuffers[0].streamId = streamId;
+    request.outputBuffers[0].bufferId = bufferId;
+    request.outputBuffers[0].buffer = handle;
+    return request;
+}
+
+CaptureResult resultFor(const CaptureRequest& request) {
+    CaptureResult result = {};
+    result.frameNumber = request.frameNumber;
+    result.outputBuffers = request.outputBuffers;
+    result.inputBuffer.streamId = -1;
+    return result;
+}
+
+SessionFixture::SessionFixture()
+    : buffer(allocate(16, 8)),
+      session(new FDSessionImpl),
+      client(session->getInterface()),
+      callback(new Callback(deliveries)) {
+    session->handleSetCallback(callback);
+}
+
+SessionFixture::~SessionFixture() {
+    if (session == nullptr)
+        return;
+    session->handleConfigure(configurationOf(0));  // gives every imported buffer back
+    session->requestExit();
+    drivePass();  // ends the wait
+    session->join();
+}
+
+int64_t SessionFixture::mapperCalls() {
+    const host::MapperCounters counters = host::mapperCounters();
+    return counters.imports + counters.frees + counters.locks + counters.unlocks +
+           counters.refusals;
+}
+
+}  // namespace testing_support

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "FDSession.h"
+#include "host/buffer.h"
+#include "host/log.h"
+
+/** A session of the test's own, with a client that remembers what it was told. */
+namespace testing_support {
+
+using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
+using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
+using android::hardware::hidl_handle;
+using android::hardware::hidl_vec;
+using android::hardware::camera::device::V3_2::BufferStatus;
+using android::hardware::camera::device::V3_2::Stream;
+
+constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl";
+
+/** "%s: " is part of the text: printf for what a line has to say. */
+std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/** What the client was told, kept beyond the callback's own life. Any thread. */
+class Deliveries {
+public:
+    struct Delivery {
+        CaptureResult result;
+        size_t batch;        ///< results in the call
+        std::string thread;  ///< name of the calling thread
+    };
+
+    void add(const hidl_vec<CaptureResult>& results);
+    void add(const hidl_vec<FDNotifyMsg>& msgs);
+    void callbackDied();
+    /** Waits for the n-th delivery since the start and returns all; fails the test after 10 s. */
+    std::vector<Delivery> waitFor(size_t count);
+    size_t count() const;
+    std::vector<FDNotifyMsg> notified() const;
+    /** Name of the thread on which the callback died; waits for it. */
+    std::string waitForDeath();
+
+private:
+    mutable std::mutex mMutex;
+    std::condition_variable mChanged;
+    // Guarded by mMutex.
+    std::vector<Delivery> mDeliveries;
+    std::vector<FDNotifyMsg> mNotified;
+    std::string mDeathThread;
+};
+
+/** The client's callback. `during`, if set, runs inside each call, on the calling thread. */
+class Callback : public IFDSessionCallback {
+public:
+    explicit Callback(Deliveries& deliveries) : mDeliveries(deliveries) {}
+    ~Callback() override { mDeliveries.callbackDied(); }
+
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override;
+    Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override;
+
+    std::function<void()> during;
+    std::atomic<bool> failing{false};  ///< answers as if the client had died
+
+private:
+    Return<void> answer();
+
+    Deliveries& mDeliveries;
+};
+
+host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferSpec& other = {});
+
+StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
+CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
+                          int32_t streamId = 0);
+/** What the provider sends back for a request. */
+CaptureResult resultFor(const CaptureRequest& request);
+
+class SessionFixture : public testing::Test {
+protected:
+    SessionFixture();
+    ~SessionFixture() override;
+
+    /** Configures stream 0 and submits one request with a buffer of its size. */
+    void configure(int32_t id = 0) { ASSERT_EQ(session->handleConfigure(configurationOf(id)), 0); }
+    int32_t submit(uint32_t frameNumber, uint64_t bufferId) {
+        return session->handleCaptureRequest(requestFor(frameNumber, bufferId, buffer.handle()));
+    }
+    CaptureRequest take() {
+        CaptureRequest request = {};
+        EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
+        return request;
+    }
+    /** Takes the oldest request and hands its buffer back. */
+    void serveOne() { session->sendCaptureResult(resultFor(take())); }
+    /** Makes the monitor go through one pass at once. */
+    void drivePass() { session->sendCaptureResult(CaptureResult()); }
+    /** How many calls reached the mapper. */
+    static int64_t mapperCalls();
+
+    host::LogCapture log;
+    Deliveries deliveries;
+    const host::Buffer buffer;
+    sp<FDSessionImpl> session;
+    sp<IFDSession> client;
+    sp<Callback> callback;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,240 @@
+// Loads the implementation library, uses it, and unloads it or exits, again and again and at random
+// moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
+//
+//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep ROUNDS
+//
+// Exits with 0 when every round held; else a line says what did not.
+
+#include <dlfcn.h>
+#include <link.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FDSession.h"
+#include "host/buffer.h"
+#include "host/log.h"
+#include "host/mapper.h"
+#include "host/threads.h"
+
+namespace {
+
+using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
+using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
+using android::hardware::hidl_vec;
+
+constexpr uint64_t kBuffers = 3;
+
+std::atomic<pid_t> diedOn{0};
+
+/** Its end shows when, and on which thread, the session went. */
+struct ProbeCallback : public IFDSessionCallback {
+    ~ProbeCallback() override { diedOn = gettid(); }
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>&) override { return {}; }
+    Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
+};
+
+[[noreturn]] void fail(const std::string& what) {
+    fprintf(stderr, "unload-probe: %s\n", what.c_str());
+    _exit(1);
+}
+
+void require(bool held, const char* what) {
+    if (!held)
+        fail(what);
+}
+
+struct Range {
+    std::string name;
+    uintptr_t begin = UINTPTR_MAX;
+    uintptr_t end = 0;
+};
+
+/** Where the library is, by the loader's list; empty when it is not there. */
+Range findLoaded(const std::string& library) {
+    Range range{library};
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, size_t, void* data) {
+            auto* const found = static_cast<Range*>(data);
+            if (found->name != info->dlpi_name)
+                return 0;
+            for (int i = 0; i < info->dlpi_phnum; ++i) {
+                const ElfW(Phdr)& header = info->dlpi_phdr[i];
+                if (header.p_type != PT_LOAD)
+                    continue;
+                const uintptr_t start = info->dlpi_addr + header.p_vaddr;
+                found->begin = std::min(found->begin, start & ~uintptr_t{4095});
+                found->end = std::max(found->end, start + header.p_memsz);
+            }
+            return 1;
+        },
+        &range);
+    return range;
+}
+
+bool isMapped(const std::string& library) {
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+class Round {
+public:
+    explicit Round(const std::string& library)
+        : mLibrary(library), mHandle(dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+        if (mHandle == nullptr)
+            fail(dlerror());
+        void* const entry =
+            dlsym(mHandle,
+                  "_ZN6vendor4zoru12zoruprovider8fdstream4V1_014implementation9FDSession"
+                  "11getInstanceEv");
+        require(entry != nullptr, "getInstance is not exported");
+        mSession = reinterpret_cast<sp<FDSession> (*)()>(entry)();
+    }
+
+    /** A configured session with requests waiting, results queued and buffers known. */
+    void use(const std::vector<host::Buffer>& buffers) {
+        diedOn = 0;
+        const sp<IFDSession> client = mSession->getInterface();
+        require(client->setCallback(new ProbeCallback).isOk(), "setCallback failed");
+        configure();
+        for (uint64_t id = 0; id < buffers.size(); ++id) {
+            CaptureRequest request = {};
+            request.outputBuffers.resize(1);
+            request.outputBuffers[0].bufferId = id;
+            request.outputBuffers[0].buffer = buffers[id].handle();
+            const auto status = client->processCaptureRequest(request);
+            require(status.isOk() && Status(status) == Status::OK, "a request was refused");
+        }
+        for (int i = 0; i < 2; ++i) {
+            CaptureRequest taken = {};
+            require(mSession->getProcessCaptureRequest(taken) == 0, "no request was waiting");
+            CaptureResult result = {};
+            result.outputBuffers = taken.outputBuffers;
+            mSession->sendCaptureResult(result);
+        }
+    }
+
+    void configure() {
+        StreamConfiguration configuration = {};
+        configuration.streams.resize(1);
+        configuration.streams[0].width = 16;
+        configuration.streams[0].height = 8;
+        configuration.streams[0].usage = 0x33;
+        const auto status = mSession->getInterface()->configure(configuration);
+        require(status.isOk() && Status(status) == Status::OK, "configure was refused");
+    }
+
+    sp<FDSession> letGo() { return std::move(mSession); }
+
+    void unload() {
+        mSession.clear();
+        const Range range = findLoaded(mLibrary);
+        require(range.begin < range.end, "the library is not in the loader's list");
+        require(dlclose(mHandle) == 0, "dlclose failed");
+        require(findLoaded(mLibrary).end == 0, "the library is still in the loader's list");
+        require(!isMapped(mLibrary), "the library is still mapped");
+        require(host::threadCount() == 0, "a thread is left");
+        require(diedOn == gettid(), "the session did not die on the unloading thread");
+        // A library that is loaded again at the same address would hide a late call.
+        void* const wanted = reinterpret_cast<void*>(range.begin);  // NOLINT
+        const void* const reserved = mmap(wanted, range.end - range.begin, PROT_NONE,
+                                          MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+        require(reserved == wanted, "the library's range could not be reserved");
+    }
+
+private:
+    const std::string mLibrary;
+    void* const mHandle;
+    sp<FDSession> mSession;
+};
+
+/** Somewhere in the monitor's pass; now and then long enough for it to lie in its wait. */
+void waitAMoment(std::minstd_rand& random) {
+    const unsigned kind = static_cast<unsigned>(random() % 8);
+    if (kind == 0) {
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+    } else {
+        for (volatile unsigned spin = static_cast<unsigned>(random() % (2000 * kind)); spin > 0;) {
+            spin = spin - 1;
+        }
+    }
+}
+
+std::vector<host::Buffer> allocateBuffers() {
+    std::vector<host::Buffer> buffers;
+    for (uint64_t id = 0; id < kBuffers; ++id) {
+        host::BufferSpec spec;
+        spec.width = 16;
+        spec.height = 8;
+        buffers.push_back(std::move(*host::Buffer::allocate(spec)));
+    }
+    return buffers;
+}
+
+void runRounds(const std::string& library, const std::string& mode, int rounds) {
+    std::minstd_rand random(static_cast<unsigned>(getpid()));
+    const std::vector<host::Buffer> buffers = allocateBuffers();
+    for (int i = 0; i < rounds; ++i) {
+        const host::MapperCounters before = host::mapperCounters();
+        Round round(library);
+        round.use(buffers);
+        if (mode == "reconfigure")
+            round.configure();
+        waitAMoment(random);
+        round.unload();
+        const host::MapperCounters after = host::mapperCounters();
+        const int64_t left = (after.imports - before.imports) - (after.frees - before.frees);
+        // What is still registered is not handed back; a last reconfiguration hands it back.
+        require(left == (mode == "reconfigure" ? 0 : int64_t{kBuffers}),
+                "other handles are left imported than those of the registry");
+    }
+}
+
+/** A session that is still there when the process ends: in main's return, or in a child's exit().
+ */
+void leaveSession(const std::string& library, const std::string& mode) {
+    static Round* const round = new Round(library);  // alive at exit
+    round->use(allocateBuffers());
+    if (mode == "keep") {
+        static const sp<FDSession>* const kept = new sp<FDSession>(round->letGo());
+        static_cast<void>(kept);
+        return;
+    }
+    round->letGo();
+    if (mode != "fork")
+        return;
+    const pid_t child = fork();
+    if (child == 0)
+        exit(0);
+    int status = -1;
+    require(waitpid(child, &status, 0) == child && status == 0, "a forked child did not exit");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4)
+        return 2;
+    host::setStderrLogPriority(6);
+    const std::string mode = argv[2];
+    if (mode == "unload" || mode == "reconfigure") {
+        runRounds(argv[1], mode, atoi(argv[3]));  // NOLINT(cert-err34-c)
+    } else {
+        leaveSession(argv[1], mode);
+    }
+    return 0;
+}

@@ -1,0 +1,100 @@
+// Unloading and exiting, each batch in a process of its own; and what the library exports.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <set>
+#include <string>
+
+namespace testing_support {
+
+namespace {
+
+struct Output {
+    int status = -1;
+    std::string text;
+};
+
+Output runCommand(const std::string& command) {
+    Output output;
+    FILE* const pipe = popen((command + " 2>&1").c_str(), "re");
+    std::array<char, 4096> chunk{};
+    while (fgets(chunk.data(), chunk.size(), pipe) != nullptr)
+        output.text += chunk.data();
+    output.status = pclose(pipe);
+    return output;
+}
+
+Output probe(const std::string& mode, int rounds = 1) {
+    return runCommand("timeout 120 " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " + mode + " " +
+                      std::to_string(rounds));
+}
+
+/** More when the environment asks for it, as the nightly checks do. */
+int rounds() {
+    const char* const wanted = getenv("FDSTREAM_UNLOAD_ROUNDS");
+    return wanted != nullptr ? static_cast<int>(strtol(wanted, nullptr, 10)) : 150;
+}
+
+}  // namespace
+
+TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
+    for (const std::string mode : {"unload", "reconfigure"}) {
+        const Output output = probe(mode, rounds());
+        EXPECT_EQ(output.status, 0) << output.text;
+        EXPECT_EQ(output.text, "") << mode;
+    }
+}
+
+TEST(UnloadTest, ExitsInOrderWithALiveSession) {
+    for (const std::string mode : {"exit", "exit", "exit", "fork"}) {
+        const Output output = probe(mode);
+        EXPECT_EQ(output.status, 0) << output.text;
+        EXPECT_EQ(output.text, "") << mode;
+    }
+    const Output kept = probe("keep");
+    EXPECT_EQ(kept.status, 0) << kept.text;
+    EXPECT_NE(kept.text.find("the library goes while 1 references to the session are held"),
+              std::string::npos)
+        << kept.text;
+}
+
+TEST(ExportsTest, AreWhatOtherModulesUseAndNothingThatPinsTheLibrary) {
+    const Output symbols = runCommand("nm -D --defined-only " IMPLEMENTATION_LIBRARY " | c++filt");
+    ASSERT_EQ(symbols.status, 0) << symbols.text;
+    std::set<std::string> names;
+    size_t line = 0;
+    for (size_t end; (end = symbols.text.find('\n', line)) != std::string::npos; line = end + 1) {
+        const std::string entry = symbols.text.substr(line, end - line);
+        if (entry.find("__asan") != std::string::npos || entry.find("__odr") != std::string::npos) {
+            continue;
+        }
+        EXPECT_EQ(entry[17], 'T') << entry;  // no weak and no unique symbol
+        const std::string prefix = "vendor::zoru::zoruprovider::fdstream::V1_0::implementation::";
+        ASSERT_EQ(entry.compare(19, prefix.size(), prefix), 0) << entry;
+        names.insert(entry.substr(19 + prefix.size(), entry.find('(') - 19 - prefix.size()));
+    }
+    const std::set<std::string> wanted = {"FDSession::getInstance",
+                                          "FDSessionTest::FDSessionTest",
+                                          "FDSessionTest::~FDSessionTest",
+                                          "FDSessionTest::threadLoop",
+                                          "YUVFile::YUVFile",
+                                          "YUVFile::~YUVFile",
+                                          "YUVFile::getFrame",
+                                          "YUVFile::putFrame",
+                                          "ZoruUtil::copy",
+                                          "ZoruUtil::copyFrom",
+                                          "ZoruUtil::copyTo",
+                                          "ZoruUtil::dumpCaptureRequest",
+                                          "ZoruUtil::dumpConfiguration",
+                                          "zoru_ycbcr::zoru_ycbcr"};
+    EXPECT_EQ(names, wanted);
+}
+
+}  // namespace testing_support
