@@ -54,8 +54,7 @@ bool FDSessionTest::threadLoop() {
 
 bool FDSessionTest::updateConfiguration() {
     StreamConfiguration configuration = {};
-    if (mFdSession->getConfiguration(configuration) != 0)
-        return false;
+    if (mFdSession->getConfiguration(configuration) != 0) return false;
     if (mLastConfiguration.streams.size() == 0) {
         __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: received first configration \n",
                             "threadLoop");
@@ -91,8 +90,7 @@ void FDSessionTest::fill(const StreamBuffer& buffer) {
         return;
     }
     uint8_t* const frame = mFile.getFrame();
-    if (frame == nullptr)
-        return;
+    if (frame == nullptr) return;
     if (packedBytes(graphicBuffer->width, graphicBuffer->height) >
         packedBytes(kFrameWidth, kFrameHeight)) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,

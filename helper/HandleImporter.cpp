@@ -29,16 +29,14 @@ void logBothNull(const char* operation) {
 
 /** A transport failure that leaves a result at its initial value is at least said. */
 void logTransport(const details::return_status& status, const char* operation) {
-    if (status.isOk())
-        return;
+    if (status.isOk()) return;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper call failed: %s", operation,
                         status.description().c_str());
 }
 
 /** A duplicate of the fence for the caller, or -1 when the handle carries none. */
 int releaseFenceOf(const native_handle_t* handle) {
-    if (handle == nullptr)
-        return -1;
+    if (handle == nullptr) return -1;
     if (handle->numInts != 0 || handle->numFds != 1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "%s: bad release fence numInts %d numFds %d", "operator()",
@@ -59,11 +57,9 @@ HandleImporter::HandleImporter() = default;
 HandleImporter::~HandleImporter() = default;
 
 void HandleImporter::initializeLocked() {
-    if (mInitialized)
-        return;
+    if (mInitialized) return;
     mMapperV3 = MapperV3::getService("default", false);
-    if (mMapperV3 == nullptr)
-        mMapperV2 = IMapper::getService("default", false);
+    if (mMapperV3 == nullptr) mMapperV2 = IMapper::getService("default", false);
     if (mMapperV3 == nullptr && mMapperV2 == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: cannnot acccess graphics mapper HAL!",
                             "initializeLocked");
@@ -84,8 +80,7 @@ bool HandleImporter::importBuffer(buffer_handle_t& handle) {
         return true;
     }
     const Mutex::Autolock lock(mLock);
-    if (!mInitialized)
-        initializeLocked();
+    if (!mInitialized) initializeLocked();
     if (mMapperV3 != nullptr) {
         return importBufferInternal<MapperV3, MapperErrorV3>(mMapperV3, handle);
     }
@@ -110,23 +105,20 @@ bool HandleImporter::importBufferInternal(const sp<M>& mapper, buffer_handle_t& 
                             "importBufferInternal", status.description().c_str());
         return false;
     }
-    if (error != E::NONE)
-        return false;
+    if (error != E::NONE) return false;
     handle = imported;
     return true;
 }
 
 void HandleImporter::freeBuffer(buffer_handle_t handle) {
-    if (handle == nullptr)
-        return;
+    if (handle == nullptr) return;
     const Mutex::Autolock lock(mLock);
     if (mMapperV3 == nullptr && mMapperV2 == nullptr) {
         logBothNull("freeBuffer");
         return;
     }
     const auto examine = [](const details::return_status& status) {
-        if (status.isOk())
-            return;
+        if (status.isOk()) return;
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper freeBuffer failed: %s",
                             "freeBuffer", status.description().c_str());
     };
@@ -157,14 +149,12 @@ bool HandleImporter::importFence(const native_handle_t* handle, int& fd) const {
 }
 
 void HandleImporter::closeFence(int fd) const {
-    if (fd >= 0)
-        close(fd);
+    if (fd >= 0) close(fd);
 }
 
 void* HandleImporter::lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t size) {
     const Mutex::Autolock lock(mLock);
-    if (!mInitialized)
-        initializeLocked();
+    if (!mInitialized) initializeLocked();
     void* address = nullptr;
     const auto keep = [&address](auto error, void* data) {
         if (static_cast<int>(error) == 0) {
@@ -192,8 +182,7 @@ void* HandleImporter::lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t si
 YCbCrLayout HandleImporter::lockYCbCr(buffer_handle_t& handle, uint64_t cpuUsage,
                                       const Rect& accessRegion) {
     const Mutex::Autolock lock(mLock);
-    if (!mInitialized)
-        initializeLocked();
+    if (!mInitialized) initializeLocked();
     if (mMapperV3 != nullptr) {
         return lockYCbCrInternal<MapperV3, MapperErrorV3>(mMapperV3, handle, cpuUsage,
                                                           accessRegion);
@@ -225,10 +214,8 @@ YCbCrLayout HandleImporter::lockYCbCrInternal(const sp<M>& mapper, buffer_handle
 }
 
 int HandleImporter::unlock(buffer_handle_t& handle) {
-    if (mMapperV3 != nullptr)
-        return unlockInternal<MapperV3, MapperErrorV3>(mMapperV3, handle);
-    if (mMapperV2 != nullptr)
-        return unlockInternal<IMapper, MapperErrorV2>(mMapperV2, handle);
+    if (mMapperV3 != nullptr) return unlockInternal<MapperV3, MapperErrorV3>(mMapperV3, handle);
+    if (mMapperV2 != nullptr) return unlockInternal<IMapper, MapperErrorV2>(mMapperV2, handle);
     logBothNull("unlock");
     return -1;
 }

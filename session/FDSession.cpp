@@ -87,17 +87,14 @@ public:
     MonitorStopper(const MonitorStopper&) = delete;
     MonitorStopper& operator=(const MonitorStopper&) = delete;
     ~MonitorStopper() {
-        if (sMonitorProcess != getpid())
-            return;
+        if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
-        if (session->stopMonitor() != ::android::NO_ERROR)
-            return;
+        if (session->stopMonitor() != ::android::NO_ERROR) return;
         // A thread counts as ended just before it drops its own reference.
         for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
             usleep(1000);
         const int32_t others = session->getStrongCount() - 1;
-        if (others == 0)
-            return;
+        if (others == 0) return;
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "the library goes while %d references to the session are held \n",
                             others);
@@ -136,8 +133,7 @@ FDSessionImpl::FDSessionImpl()
 
 void FDSessionImpl::onFirstRef() {
     const Lock lock(sLock);
-    if (mInterface == nullptr)
-        mInterface = new TrampolineInterface(this);
+    if (mInterface == nullptr) mInterface = new TrampolineInterface(this);
     run("CaptureRequestMonitor", ::android::PRIORITY_DEFAULT, 0);
 }
 
@@ -233,8 +229,7 @@ int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration)
 
 int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
     const Lock lock(sLock);
-    if (!mConfigSet)
-        return -1;
+    if (!mConfigSet) return -1;
     configuration.streams = mConfiguration.streams;
     configuration.operationMode = mConfiguration.operationMode;
     return 0;
@@ -340,8 +335,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
 
     const size_t registered = mCirculatingBuffers[buffer.streamId].size();
     buffer_handle_t handle = nullptr;
-    if (lookupOrImportBuffer(buffer, handle) != 0)
-        return -1;
+    if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
 
     CaptureRequestItem item = {request, 0};
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
@@ -353,8 +347,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
     if (!whole || isSet(output.buffer) != isSet(registeredHandle)) {
         logNotDuplicated(__func__, buffer);
         // The client is told of a refusal, so the id must not stay known with this handle.
-        if (mCirculatingBuffers[buffer.streamId].size() > registered)
-            freeBuffer(buffer);
+        if (mCirculatingBuffers[buffer.streamId].size() > registered) freeBuffer(buffer);
         return -1;
     }
 
@@ -370,8 +363,7 @@ bool FDSessionImpl::isCaptureRequestReady() {
 
 int32_t FDSessionImpl::getProcessCaptureRequest(CaptureRequest& request) {
     const Lock lock(sLock);
-    if (mCaptureRequests.empty())
-        return -1;
+    if (mCaptureRequests.empty()) return -1;
     // The item owns all that it holds, so what moves out is what a deep copy would be.
     request = std::move(mCaptureRequests.front().request);
     mCaptureRequests.pop_front();
@@ -435,18 +427,15 @@ void turnChroma(uint8_t* chroma, size_t stride, size_t width, size_t rows) {
             std::swap(chroma[row * stride + width - 1], chroma[partner * stride + width - 1]);
         }
     }
-    if (rows % 2 != 0)
-        std::reverse(pairsOf(rows / 2), pairsOf(rows / 2) + width / 2);
+    if (rows % 2 != 0) std::reverse(pairsOf(rows / 2), pairsOf(rows / 2) + width / 2);
 }
 
 void turnFrame(const android_ycbcr& ycbcr, int width, int height) {
-    if (width <= 0 || height <= 0)
-        return;
+    if (width <= 0 || height <= 0) return;
     const auto rowBytes = static_cast<size_t>(width);
     const auto rows = static_cast<size_t>(height);
     turnLuma(static_cast<uint8_t*>(ycbcr.y), ycbcr.ystride, rowBytes, rows);
-    if (rows < 4)
-        return;
+    if (rows < 4) return;
     auto* const chroma = static_cast<uint8_t*>(std::min(ycbcr.cb, ycbcr.cr, std::less<>()));
     turnChroma(chroma, ycbcr.cstride, rowBytes, rows / 2);
 }
@@ -484,8 +473,7 @@ bool FDSessionImpl::threadLoop() {
         turnIfFlipped(record);
         deliver(record);
     }
-    if (takeStaleRequest(record))
-        deliver(record);
+    if (takeStaleRequest(record)) deliver(record);
     return true;
 }
 
@@ -495,28 +483,23 @@ bool FDSessionImpl::takeResult(CaptureResult& record) {
         // One wait, whatever ends it: the sweep is due after it in any case.
         mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
     }
-    if (mCaptureResults.empty())
-        return false;
+    if (mCaptureResults.empty()) return false;
     record = std::move(mCaptureResults.front());
     mCaptureResults.pop_front();
     return true;
 }
 
 void FDSessionImpl::turnIfFlipped(const CaptureResult& record) {
-    if (property_get_bool("vendor.zoru.flipped", 0) == 0)
-        return;
+    if (property_get_bool("vendor.zoru.flipped", 0) == 0) return;
     const sp<GraphicBuffer> buffer = getBufferForId(record.outputBuffers[0].bufferId);
-    if (buffer != nullptr)
-        rotate180(buffer);
+    if (buffer != nullptr) rotate180(buffer);
 }
 
 bool FDSessionImpl::takeStaleRequest(CaptureResult& record) {
     const Lock lock(sLock);
-    if (mCaptureRequests.empty())
-        return false;
+    if (mCaptureRequests.empty()) return false;
     CaptureRequestItem& oldest = mCaptureRequests.front();
-    if (wallClockUs() <= oldest.timestampUs + kStaleAfterUs)
-        return false;
+    if (wallClockUs() <= oldest.timestampUs + kStaleAfterUs) return false;
 
     record = CaptureResult();  // nothing of a delivered result may show in the error result
     record.frameNumber = oldest.request.frameNumber;
@@ -530,8 +513,7 @@ bool FDSessionImpl::takeStaleRequest(CaptureResult& record) {
 
 void FDSessionImpl::deliver(CaptureResult& record) {
     const sp<IFDSessionCallback> callback = currentCallback();
-    if (callback == nullptr)
-        return;
+    if (callback == nullptr) return;
     hidl_vec<CaptureResult> results;
     results.resize(1);
     results[0] = std::move(record);
@@ -570,8 +552,7 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
 void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
-    if (mSceneCallback == nullptr)
-        return;
+    if (mSceneCallback == nullptr) return;
     mObserverCalls.begin(mSceneCallback);
     mSceneCallback->onSceneControl(sceneControl);
     mObserverCalls.end();
@@ -585,8 +566,7 @@ void FDSessionImpl::getSceneControl(SceneControl& sceneControl) {
 void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
-    if (mSceneCallback == nullptr)
-        return;
+    if (mSceneCallback == nullptr) return;
     mObserverCalls.begin(mSceneCallback);
     mSceneCallback->onPTZControl(ptzControl);
     mObserverCalls.end();
@@ -609,15 +589,12 @@ void FDSessionImpl::resetPTZScene() {
 
 void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     const Lock lock(sLock);
-    if (trackingMode == mTrackingMode)
-        return;
+    if (trackingMode == mTrackingMode) return;
     mTrackingMode = trackingMode;
-    if (trackingMode == TrackingMode::OFF)
-        resetPTZScene();
+    if (trackingMode == TrackingMode::OFF) resetPTZScene();
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
-    if (mSceneCallback == nullptr)
-        return;
+    if (mSceneCallback == nullptr) return;
     mObserverCalls.begin(mSceneCallback);
     mSceneCallback->onTrackingMode(trackingMode);
     mObserverCalls.end();
@@ -639,11 +616,9 @@ void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
         const Lock lock(sLock);
         mTrackControl = trackControl;
         observer = mSceneCallback;
-        if (observer != nullptr)
-            mObserverCalls.begin(observer);
+        if (observer != nullptr) mObserverCalls.begin(observer);
     }
-    if (observer == nullptr)
-        return;
+    if (observer == nullptr) return;
     observer->onTrackControl(trackControl);
     mObserverCalls.end();
 }
@@ -659,8 +634,7 @@ void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
         const Lock lock(sLock);
         std::swap(mSceneCallback, previous);
     }
-    if (previous != sceneCallback)
-        mObserverCalls.waitUntilLeft(previous);
+    if (previous != sceneCallback) mObserverCalls.waitUntilLeft(previous);
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

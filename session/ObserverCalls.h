@@ -33,8 +33,7 @@ public:
     /** Waits until no thread is inside `observer`; not at all from inside a call. */
     void waitUntilLeft(const ISceneCallback* observer) {
         std::unique_lock<std::mutex> lock(mMutex);
-        if (std::any_of(mCalls.begin(), mCalls.end(), isMine))
-            return;
+        if (std::any_of(mCalls.begin(), mCalls.end(), isMine)) return;
         mEnded.wait(lock, [&] {
             return std::none_of(mCalls.begin(), mCalls.end(),
                                 [&](const Call& call) { return call.second == observer; });

@@ -29,16 +29,14 @@ protected:
         }
     }
     static android::sp<mapper3::IMapper> as3(const android::sp<Spy>& spy) {
-        if constexpr (std::is_same_v<Spy, SpyMapper3>)
-            return spy;
+        if constexpr (std::is_same_v<Spy, SpyMapper3>) return spy;
         return nullptr;
     }
 
     const android::sp<Spy> spy = new Spy(real());
     const android::sp<SpyMapper2> unused = new SpyMapper2(host::realMapper2());
     const host::ScopedMapper scope{as3(spy), [this]() -> android::sp<mapper2::IMapper> {
-                                       if constexpr (std::is_same_v<Spy, SpyMapper2>)
-                                           return spy;
+                                       if constexpr (std::is_same_v<Spy, SpyMapper2>) return spy;
                                        return unused;
                                    }()};
     host::LogCapture log;
@@ -124,8 +122,7 @@ TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {
     ASSERT_TRUE(this->importer.importBuffer(handle));
     const auto unlockWith = [&](int descriptors, int integers, int descriptor) {
         native_handle_t* const fence = native_handle_create(descriptors, integers);
-        if (descriptors > 0)
-            fence->data[0] = descriptor;
+        if (descriptors > 0) fence->data[0] = descriptor;
         this->spy->releaseFence.setTo(fence);
         this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32});
         const int result = this->importer.unlock(handle);

@@ -32,8 +32,7 @@ namespace {
 struct Counted : public RefBase {
     explicit Counted(int& alive, int32_t mode = 0) : mAlive(alive) {
         ++mAlive;
-        if (mode != 0)
-            extendObjectLifetime(OBJECT_LIFETIME_WEAK);
+        if (mode != 0) extendObjectLifetime(OBJECT_LIFETIME_WEAK);
     }
     ~Counted() override { --mAlive; }
     void onFirstRef() override { countAtFirstRef = getStrongCount(); }
@@ -123,8 +122,7 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
     // A forked child has no such thread: it must not wait for one.
     EXPECT_EQ(thread->run("parent"), android::NO_ERROR);
     const pid_t child = fork();
-    if (child == 0)
-        _exit(thread->join() == android::NO_ERROR ? 0 : 1);
+    if (child == 0) _exit(thread->join() == android::NO_ERROR ? 0 : 1);
     int status = -1;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);

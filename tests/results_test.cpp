@@ -161,6 +161,7 @@ TEST_F(ResultsTest, KeepsADeliveredResultOutOfTheErrorResultOfTheSamePass) {
     EXPECT_EQ(error.inputBuffer.streamId, -1);
     EXPECT_EQ(error.inputBuffer.bufferId, 0U);
     EXPECT_EQ(error.outputBuffers.size(), 1U);
+    stop();
 }
 
 TEST_F(ResultsTest, MeasuresAgesOnAWallClockThatStepsEitherWay) {

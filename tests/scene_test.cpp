@@ -29,19 +29,16 @@ struct Observer : public ISceneCallback {
     void onSceneControl(SceneControl scene) override {
         scenes.push_back(scene);
         scene.crops.resize(0);  // its own copy
-        if (during)
-            during();
+        if (during) during();
     }
     void onPTZControl(SceneControl ptz) override { ptzs.push_back(ptz); }
     void onTrackControl(TrackControl track) override {
         tracks.push_back(track);
-        if (during)
-            during();
+        if (during) during();
     }
     void onTrackingMode(TrackingMode mode) override {
         modes.push_back(static_cast<int>(mode));
-        if (during)
-            during();
+        if (during) during();
     }
 
     std::vector<SceneControl> scenes;

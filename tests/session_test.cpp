@@ -135,6 +135,7 @@ TEST_F(SessionTest, ReconfiguringStartsAfreshButKeepsQueuedResults) {
     EXPECT_EQ(session->getBufferForId(2), nullptr);
     drivePass();
     EXPECT_EQ(deliveries.count(), 2U);  // the dropped request is not answered
+    stop();
 }
 
 TEST_F(SessionTest, ReplacesItsCallbackWhileACallIsInFlight) {
@@ -157,6 +158,7 @@ TEST_F(SessionTest, ReplacesItsCallbackWhileACallIsInFlight) {
     EXPECT_EQ(deliveries.count(), 1U);
     EXPECT_EQ(Status(client->setCallback(nullptr)), Status::OK);
     EXPECT_EQ(log.count("handleSetCallback: \n"), 3);
+    stop();
 }
 
 TEST_F(SessionTest, LetsTheClientCallFromInsideItsCallback) {
@@ -172,6 +174,7 @@ TEST_F(SessionTest, LetsTheClientCallFromInsideItsCallback) {
     deliveries.waitFor(1);
     FDNotifyMsg msg = {};
     session->sendNotify(msg);  // on this thread, with no lock held
+    stop();
     EXPECT_EQ(take().frameNumber, 2U);
 }
 

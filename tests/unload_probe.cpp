@@ -50,8 +50,7 @@ struct ProbeCallback : public IFDSessionCallback {
 }
 
 void require(bool held, const char* what) {
-    if (!held)
-        fail(what);
+    if (!held) fail(what);
 }
 
 struct Range {
@@ -66,12 +65,10 @@ Range findLoaded(const std::string& library) {
     dl_iterate_phdr(
         [](dl_phdr_info* info, size_t, void* data) {
             auto* const found = static_cast<Range*>(data);
-            if (found->name != info->dlpi_name)
-                return 0;
+            if (found->name != info->dlpi_name) return 0;
             for (int i = 0; i < info->dlpi_phnum; ++i) {
                 const ElfW(Phdr)& header = info->dlpi_phdr[i];
-                if (header.p_type != PT_LOAD)
-                    continue;
+                if (header.p_type != PT_LOAD) continue;
                 const uintptr_t start = info->dlpi_addr + header.p_vaddr;
                 found->begin = std::min(found->begin, start & ~uintptr_t{4095});
                 found->end = std::max(found->end, start + header.p_memsz);
@@ -85,8 +82,7 @@ Range findLoaded(const std::string& library) {
 bool isMapped(const std::string& library) {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-        if (line.find(library) != std::string::npos)
-            return true;
+        if (line.find(library) != std::string::npos) return true;
     }
     return false;
 }
@@ -95,8 +91,7 @@ class Round {
 public:
     explicit Round(const std::string& library)
         : mLibrary(library), mHandle(dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-        if (mHandle == nullptr)
-            fail(dlerror());
+        if (mHandle == nullptr) fail(dlerror());
         void* const entry =
             dlsym(mHandle,
                   "_ZN6vendor4zoru12zoruprovider8fdstream4V1_014implementation9FDSession"
@@ -138,7 +133,7 @@ public:
         require(status.isOk() && Status(status) == Status::OK, "configure was refused");
     }
 
-    sp<FDSession> letGo() { return std::move(mSession); }
+    void letGo() { mSession.clear(); }
 
     void unload() {
         mSession.clear();
@@ -192,8 +187,7 @@ void runRounds(const std::string& library, const std::string& mode, int rounds) 
         const host::MapperCounters before = host::mapperCounters();
         Round round(library);
         round.use(buffers);
-        if (mode == "reconfigure")
-            round.configure();
+        if (mode == "reconfigure") round.configure();
         waitAMoment(random);
         round.unload();
         const host::MapperCounters after = host::mapperCounters();
@@ -204,22 +198,17 @@ void runRounds(const std::string& library, const std::string& mode, int rounds) 
     }
 }
 
-/** A session that is still there when the process ends: in main's return, or in a child's exit().
- */
+std::atomic<Round*> aliveAtExit{nullptr};
+
+/** Leaves a session for the end of the process: main's return, or a child's exit(). */
 void leaveSession(const std::string& library, const std::string& mode) {
-    static Round* const round = new Round(library);  // alive at exit
-    round->use(allocateBuffers());
-    if (mode == "keep") {
-        static const sp<FDSession>* const kept = new sp<FDSession>(round->letGo());
-        static_cast<void>(kept);
-        return;
-    }
-    round->letGo();
-    if (mode != "fork")
-        return;
+    aliveAtExit = new Round(library);
+    aliveAtExit.load()->use(allocateBuffers());
+    if (mode == "keep") return;
+    aliveAtExit.load()->letGo();
+    if (mode != "fork") return;
     const pid_t child = fork();
-    if (child == 0)
-        exit(0);
+    if (child == 0) exit(0);
     int status = -1;
     require(waitpid(child, &status, 0) == child && status == 0, "a forked child did not exit");
 }
@@ -227,8 +216,7 @@ void leaveSession(const std::string& library, const std::string& mode) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4)
-        return 2;
+    if (argc != 4) return 2;
     host::setStderrLogPriority(6);
     const std::string mode = argv[2];
     if (mode == "unload" || mode == "reconfigure") {

@@ -41,8 +41,7 @@ YUVFile::YUVFile(const char* inFile, int inWidth, int inHeight)
 
 YUVFile::~YUVFile() {
     free(pBuffer);
-    if (pFile != nullptr)
-        fclose(pFile);
+    if (pFile != nullptr) fclose(pFile);
 }
 
 size_t YUVFile::frameSize() const {
@@ -50,27 +49,21 @@ size_t YUVFile::frameSize() const {
 }
 
 bool YUVFile::openOnce(const char* mode) {
-    if (pFile == nullptr)
-        pFile = fopen(fileName, mode);
-    if (pFile != nullptr)
-        return true;
+    if (pFile == nullptr) pFile = fopen(fileName, mode);
+    if (pFile != nullptr) return true;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "file %s open failed, error - %s \n", fileName,
                         strerror(errno));
     return false;
 }
 
 uint8_t* YUVFile::getFrame() {
-    if (pBuffer == nullptr)
-        return nullptr;
-    if (!openOnce("rb"))
-        return nullptr;
-    if (fread(pBuffer, 1, frameSize(), pFile) == frameSize())
-        return pBuffer;
+    if (pBuffer == nullptr) return nullptr;
+    if (!openOnce("rb")) return nullptr;
+    if (fread(pBuffer, 1, frameSize(), pFile) == frameSize()) return pBuffer;
     rewind(pFile);
     errno = 0;
     const size_t count = fread(pBuffer, 1, frameSize(), pFile);
-    if (count == frameSize())
-        return pBuffer;
+    if (count == frameSize()) return pBuffer;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "file reading failed, status - %d error - %s \n", static_cast<int>(count),
                         strerror(errno));
@@ -78,13 +71,10 @@ uint8_t* YUVFile::getFrame() {
 }
 
 int YUVFile::putFrame() {
-    if (!openOnce("wb+"))
-        return -1;
-    if (pBuffer == nullptr)
-        return -1;
+    if (!openOnce("wb+")) return -1;
+    if (pBuffer == nullptr) return -1;
     const size_t count = fwrite(pBuffer, 1, frameSize(), pFile);
-    if (count == frameSize() && fflush(pFile) == 0)
-        return static_cast<int>(count);
+    if (count == frameSize() && fflush(pFile) == 0) return static_cast<int>(count);
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "file writing failed, status - %d error - %s \n", static_cast<int>(count),
                         strerror(errno));
@@ -96,8 +86,7 @@ int YUVFile::putFrame(sp<GraphicBuffer> buffer) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "invalid Graphics buffer \n");
         return -1;
     }
-    if (pBuffer != nullptr && !holds(buffer->width, buffer->height))
-        return -1;
+    if (pBuffer != nullptr && !holds(buffer->width, buffer->height)) return -1;
     if (ZoruUtil::copyFrom(pBuffer, buffer) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Failed to from Graphics buffer \n");
         return -1;
@@ -126,16 +115,14 @@ int YUVFile::putFrame(zoru_ycbcr& frame) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, " Invalid handle \n");
         return -1;
     }
-    if (!holds(frame.width, frame.height))
-        return -1;
+    if (!holds(frame.width, frame.height)) return -1;
     copyFrame(packedView(pBuffer, frame.width, frame.height), viewOf(frame), frame.width,
               frame.height);
     return putFrame();
 }
 
 bool YUVFile::holds(int frameWidth, int frameHeight) const {
-    if (packedBytes(frameWidth, frameHeight) <= static_cast<int64_t>(frameSize()))
-        return true;
+    if (packedBytes(frameWidth, frameHeight) <= static_cast<int64_t>(frameSize())) return true;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "frame is too large: width(%d) height(%d), file width(%d) height(%d) \n",
                         frameWidth, frameHeight, width, height);

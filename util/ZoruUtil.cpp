@@ -20,8 +20,7 @@ int lockWhole(const sp<GraphicBuffer>& buffer, android_ycbcr& ycbcr) {
 }
 
 bool isSemiPlanar(const android_ycbcr& ycbcr) {
-    if (ycbcr.chroma_step == 2)
-        return true;
+    if (ycbcr.chroma_step == 2) return true;
     if (ycbcr.chroma_step == 1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "420 planar format is not handled \n");
         return false;
@@ -44,8 +43,7 @@ bool fitsPackedFrame(const sp<GraphicBuffer>& buffer) {
 }
 
 bool covers(const sp<GraphicBuffer>& src, const sp<GraphicBuffer>& dst) {
-    if (src->width >= dst->width && src->height >= dst->height)
-        return true;
+    if (src->width >= dst->width && src->height >= dst->height) return true;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                         "source is smaller: width(%d) height(%d), not width(%d) height(%d) \n",
                         src->width, src->height, dst->width, dst->height);
@@ -124,8 +122,7 @@ int ZoruUtil::copy(sp<GraphicBuffer> dst, sp<GraphicBuffer> src) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "420 planar format is not handled \n");
     }
     const bool handled = semiPlanar && covers(src, dst);
-    if (handled)
-        copyFrame(viewOf(to), viewOf(from), dst->width, dst->height);
+    if (handled) copyFrame(viewOf(to), viewOf(from), dst->width, dst->height);
     src->unlock();
     dst->unlock();
     return handled ? 0 : -1;

@@ -31,8 +31,7 @@ template <typename Refused>
 bool incrementUnless(std::atomic<int32_t>& count, int32_t& before, Refused refused) {
     before = count.load();
     do {
-        if (refused(before))
-            return false;
+        if (refused(before)) return false;
     } while (!count.compare_exchange_weak(before, before + 1));
     return true;
 }
@@ -44,14 +43,12 @@ RefBase::~RefBase() {
     const bool neverHeld = mRefs->mStrong.load() == kNeverHeld;
     // An object on the stack, or one that lived with its weak references, has nobody else left to
     // free the block; all others leave it to the last weak reference.
-    if ((neverHeld || mRefs->livesWithWeak()) && mRefs->mWeak.load() == 0)
-        delete mRefs;
+    if ((neverHeld || mRefs->livesWithWeak()) && mRefs->mWeak.load() == 0) delete mRefs;
 }
 
 void RefBase::incStrong(const void* id) const {
     mRefs->incWeak(id);
-    if (mRefs->mStrong.fetch_add(1) != kNeverHeld)
-        return;
+    if (mRefs->mStrong.fetch_add(1) != kNeverHeld) return;
     mRefs->mStrong.fetch_sub(kNeverHeld);
     mRefs->mBase->onFirstRef();
 }
@@ -60,8 +57,7 @@ void RefBase::decStrong(const void* id) const {
     Counts* const refs = mRefs;
     if (refs->mStrong.fetch_sub(1) == 1) {
         refs->mBase->onLastStrongRef(id);
-        if (!refs->livesWithWeak())
-            delete this;
+        if (!refs->livesWithWeak()) delete this;
     }
     refs->decWeak(id);
 }
@@ -104,8 +100,7 @@ void RefBase::weakref_type::incWeak(const void* /*id*/) {
 
 void RefBase::weakref_type::decWeak(const void* id) {
     auto* const refs = static_cast<Counts*>(this);
-    if (refs->mWeak.fetch_sub(1) != 1)
-        return;
+    if (refs->mWeak.fetch_sub(1) != 1) return;
     if (refs->livesWithWeak()) {
         refs->mBase->onLastWeakRef(id);
         delete refs->mBase;

@@ -18,8 +18,7 @@ namespace {
 constexpr size_t kKernelNameLength = 15;
 
 bool startThread(pthread_t* handle, size_t stack, void* (*entry)(void*), void* argument) {
-    if (host::detail::takeThreadStartFailure())
-        return false;
+    if (host::detail::takeThreadStartFailure()) return false;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     const bool sized = stack == 0 || pthread_attr_setstacksize(&attributes, stack) == 0;
@@ -58,19 +57,16 @@ Thread::Thread(bool /*canCallJava*/) : mState(std::make_shared<State>()) {}
 
 Thread::~Thread() {
     const std::lock_guard<std::mutex> lock(mState->mutex);
-    if (!mState->joinable || mState->process != getpid())
-        return;
+    if (!mState->joinable || mState->process != getpid()) return;
     pthread_detach(mState->handle);
     mState->joinable = false;
 }
 
 status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     std::unique_lock<std::mutex> lock(mState->mutex);
-    if (mState->running)
-        return INVALID_OPERATION;
+    if (mState->running) return INVALID_OPERATION;
     mState->changed.wait(lock, [this] { return !mState->joining; });
-    if (mState->joinable)
-        pthread_detach(mState->handle);
+    if (mState->joinable) pthread_detach(mState->handle);
     mState->joinable = false;
 
     auto start = std::make_unique<Start<State>>();
@@ -113,8 +109,7 @@ void* Thread::entry(void* argument) {
     bool goOn = object->readyToRun() == NO_ERROR && !state->exitPending;
     while (goOn) {
         goOn = object->threadLoop() && !state->exitPending;
-        if (!goOn)
-            break;
+        if (!goOn) break;
         object.clear();
         object = weak.promote();
         goOn = object != nullptr;
@@ -143,8 +138,7 @@ bool Thread::isRunning() const {
 
 status_t Thread::join() {
     const std::shared_ptr<State> state = mState;
-    if (state->process != getpid())
-        return NO_ERROR;
+    if (state->process != getpid()) return NO_ERROR;
     std::unique_lock<std::mutex> lock(state->mutex);
     if (state->joinable && pthread_equal(state->handle, pthread_self()) != 0) {
         __android_log_print(ANDROID_LOG_WARN, "Thread",
@@ -154,8 +148,7 @@ status_t Thread::join() {
         return WOULD_BLOCK;
     }
     state->changed.wait(lock, [&] { return !state->joining; });
-    if (!state->joinable)
-        return NO_ERROR;
+    if (!state->joinable) return NO_ERROR;
     state->joining = true;
     const pthread_t handle = state->handle;
     lock.unlock();
@@ -170,8 +163,7 @@ status_t Thread::join() {
 status_t Thread::requestExitAndWait() {
     requestExit();
     const status_t status = join();
-    if (status == NO_ERROR)
-        mState->exitPending = false;
+    if (status == NO_ERROR) mState->exitPending = false;
     return status;
 }
 

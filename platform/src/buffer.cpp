@@ -25,13 +25,11 @@ struct Buffer::Parts {
 
 std::optional<Buffer> Buffer::allocate(const BufferSpec& spec) {
     const std::optional<BufferSpec> completed = detail::complete(spec);
-    if (!completed)
-        return std::nullopt;
+    if (!completed) return std::nullopt;
     const size_t size = detail::planesOf(*completed).total;
 
     const int fd = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (fd < 0)
-        return std::nullopt;
+    if (fd < 0) return std::nullopt;
     native_handle_t* const handle = detail::encode(fd, *completed);
     if (handle == nullptr) {
         close(fd);
@@ -40,8 +38,7 @@ std::optional<Buffer> Buffer::allocate(const BufferSpec& spec) {
     auto parts = std::make_unique<Parts>(*completed, handle);
     const bool sized = ftruncate(fd, static_cast<off_t>(size)) == 0 &&
                        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0;
-    if (!sized || !parts->map.map(fd, size))
-        return std::nullopt;
+    if (!sized || !parts->map.map(fd, size)) return std::nullopt;
     return Buffer(std::move(parts));
 }
 

@@ -46,15 +46,12 @@ std::optional<BufferSpec> complete(BufferSpec spec) {
         return std::nullopt;
     }
     const uint32_t chromaRow = pairs(spec.width) * spec.chromaStep;
-    if (spec.stride == 0)
-        spec.stride = 2 * pairs(spec.width);
+    if (spec.stride == 0) spec.stride = 2 * pairs(spec.width);
     if (spec.chromaStride == 0) {
         spec.chromaStride = std::max(spec.stride / 2 * spec.chromaStep, chromaRow);
     }
-    if (spec.stride < spec.width || spec.chromaStride < chromaRow)
-        return std::nullopt;
-    if (totalBytes(spec) > kMaxBufferBytes)
-        return std::nullopt;
+    if (spec.stride < spec.width || spec.chromaStride < chromaRow) return std::nullopt;
+    if (totalBytes(spec) > kMaxBufferBytes) return std::nullopt;
     return spec;
 }
 
@@ -73,8 +70,7 @@ PlaneOffsets planesOf(const BufferSpec& spec) {
 
 native_handle_t* encode(int fd, const BufferSpec& spec) {
     native_handle_t* const handle = native_handle_create(1, WORD_COUNT);
-    if (handle == nullptr)
-        return nullptr;
+    if (handle == nullptr) return nullptr;
     handle->data[0] = fd;
     int* const words = &handle->data[1];
     words[WORD_MAGIC] = kMagic;
@@ -96,8 +92,7 @@ std::optional<BufferSpec> parse(const native_handle_t* handle) {
     }
     const int* const words = &handle->data[1];
     const auto word = [words](Word index) { return static_cast<uint32_t>(words[index]); };
-    if (words[WORD_MAGIC] != kMagic)
-        return std::nullopt;
+    if (words[WORD_MAGIC] != kMagic) return std::nullopt;
     BufferSpec claimed;
     claimed.width = word(WORD_WIDTH);
     claimed.height = word(WORD_HEIGHT);

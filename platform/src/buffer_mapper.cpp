@@ -48,12 +48,10 @@ MapperError BufferMapper::import(const native_handle_t* raw, buffer_handle_t& im
 
 MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle_t& imported) {
     const std::optional<BufferSpec> spec = parse(raw);
-    if (!spec)
-        return MapperError::BAD_BUFFER;
+    if (!spec) return MapperError::BAD_BUFFER;
     MapperError error = MapperError::NONE;
     std::shared_ptr<MemoryMap> memory = mapLocked(raw->data[0], planesOf(*spec).total, error);
-    if (memory == nullptr)
-        return error;
+    if (memory == nullptr) return error;
     const native_handle_t* const clone = native_handle_clone(raw);
     if (clone == nullptr) {
         memory.reset();
@@ -69,19 +67,15 @@ MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle
 std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, MapperError& error) {
     error = MapperError::BAD_BUFFER;
     const int seals = fcntl(fd, F_GET_SEALS);
-    if (seals < 0 || (seals & F_SEAL_SHRINK) == 0)
-        return nullptr;
+    if (seals < 0 || (seals & F_SEAL_SHRINK) == 0) return nullptr;
     struct stat file {};
-    if (fstat(fd, &file) != 0 || file.st_size < 0)
-        return nullptr;
+    if (fstat(fd, &file) != 0 || file.st_size < 0) return nullptr;
     const auto size = static_cast<uint64_t>(file.st_size);
-    if (size < needed || size > kMaxBufferBytes)
-        return nullptr;
+    if (size < needed || size > kMaxBufferBytes) return nullptr;
 
     std::weak_ptr<MemoryMap>& known = mMemory[{file.st_dev, file.st_ino}];
     std::shared_ptr<MemoryMap> memory = known.lock();
-    if (memory != nullptr && memory->size() >= needed)
-        return memory;
+    if (memory != nullptr && memory->size() >= needed) return memory;
     memory = std::make_shared<MemoryMap>();
     if (!memory->map(fd, static_cast<size_t>(size))) {
         dropUnusedLocked();
@@ -101,8 +95,7 @@ void BufferMapper::dropUnusedLocked() {
 MapperError BufferMapper::free(buffer_handle_t imported) {
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto found = mImports.find(imported);
-    if (found == mImports.end())
-        return countLocked(MapperError::BAD_BUFFER);
+    if (found == mImports.end()) return countLocked(MapperError::BAD_BUFFER);
     mImports.erase(found);
     dropUnusedLocked();
     native_handle_close(imported);
@@ -121,8 +114,7 @@ MapperError BufferMapper::lock(buffer_handle_t imported, uint64_t usage, const M
         return countLocked(MapperError::BAD_VALUE);
     }
     const MapperError error = lockLocked(found, usage);
-    if (error == MapperError::NONE)
-        data = found->memory->data();
+    if (error == MapperError::NONE) data = found->memory->data();
     return error;
 }
 
@@ -134,8 +126,7 @@ MapperError BufferMapper::lockYCbCr(buffer_handle_t imported, uint64_t usage,
         return countLocked(MapperError::BAD_VALUE);
     }
     const MapperError error = lockLocked(found, usage);
-    if (error != MapperError::NONE)
-        return error;
+    if (error != MapperError::NONE) return error;
     uint8_t* const memory = found->memory->data();
     const PlaneOffsets planes = planesOf(found->spec);
     layout.y = memory;
@@ -151,10 +142,8 @@ MapperError BufferMapper::lockLocked(Import* found, uint64_t usage) {
     if (mFailStatus != 0 && mFailAfter-- == 0) {
         return countLocked(static_cast<MapperError>(std::exchange(mFailStatus, 0)));
     }
-    if (found == nullptr)
-        return countLocked(MapperError::BAD_BUFFER);
-    if ((usage & kCpuUsage) == 0)
-        return countLocked(MapperError::BAD_VALUE);
+    if (found == nullptr) return countLocked(MapperError::BAD_BUFFER);
+    if ((usage & kCpuUsage) == 0) return countLocked(MapperError::BAD_VALUE);
     ++found->locks;
     ++mCounters.locks;
     return MapperError::NONE;
@@ -163,8 +152,7 @@ MapperError BufferMapper::lockLocked(Import* found, uint64_t usage) {
 MapperError BufferMapper::unlock(buffer_handle_t imported) {
     const std::lock_guard<std::mutex> lock(mMutex);
     Import* const found = findLocked(imported);
-    if (found == nullptr || found->locks == 0)
-        return countLocked(MapperError::BAD_BUFFER);
+    if (found == nullptr || found->locks == 0) return countLocked(MapperError::BAD_BUFFER);
     --found->locks;
     ++mCounters.unlocks;
     return MapperError::NONE;
@@ -182,8 +170,7 @@ BufferMapper::Import* BufferMapper::findLocked(buffer_handle_t imported) {
 }
 
 MapperError BufferMapper::countLocked(MapperError error) {
-    if (error != MapperError::NONE)
-        ++mCounters.refusals;
+    if (error != MapperError::NONE) ++mCounters.refusals;
     return error;
 }
 

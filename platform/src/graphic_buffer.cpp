@@ -27,8 +27,7 @@ MapperError importChecked(const native_handle_t* handle, uint32_t width, uint32_
                           buffer_handle_t& imported) {
     BufferMapper& mapper = BufferMapper::get();
     const MapperError error = mapper.import(handle, imported);
-    if (error != MapperError::NONE)
-        return error;
+    if (error != MapperError::NONE) return error;
     const std::optional<host::BufferSpec> spec = mapper.specOf(imported);
     if (spec && width > 0 && height > 0 && width <= spec->width && height <= spec->height) {
         return MapperError::NONE;
@@ -46,8 +45,7 @@ GraphicBuffer::GraphicBuffer(const native_handle_t* sourceHandle, HandleWrapMeth
     // The import makes the clone that this buffer works on.
     const MapperError error = importChecked(sourceHandle, inWidth, inHeight, handle);
     mInitCheck = static_cast<status_t>(error);
-    if (error != MapperError::NONE)
-        return;
+    if (error != MapperError::NONE) return;
     width = static_cast<int>(inWidth);
     height = static_cast<int>(inHeight);
     stride = static_cast<int>(inStride);
@@ -56,16 +54,14 @@ GraphicBuffer::GraphicBuffer(const native_handle_t* sourceHandle, HandleWrapMeth
 }
 
 GraphicBuffer::~GraphicBuffer() {
-    if (handle != nullptr)
-        BufferMapper::get().free(handle);
+    if (handle != nullptr) BufferMapper::get().free(handle);
 }
 
 status_t GraphicBuffer::lockYCbCr(uint32_t inUsage, android_ycbcr* ycbcr) {
     host::detail::MapperLayout layout{};
     const MapperError error =
         BufferMapper::get().lockYCbCr(handle, inUsage, {0, 0, width, height}, layout);
-    if (error != MapperError::NONE)
-        return static_cast<status_t>(error);
+    if (error != MapperError::NONE) return static_cast<status_t>(error);
     ycbcr->y = layout.y;
     ycbcr->cb = layout.cb;
     ycbcr->cr = layout.cr;

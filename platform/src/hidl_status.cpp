@@ -35,15 +35,13 @@ Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
     Status status;
     status.mException = exceptionCode;
     status.mMessage = message;
-    if (exceptionCode == EX_TRANSACTION_FAILED)
-        status.mError = FAILED_TRANSACTION;
+    if (exceptionCode == EX_TRANSACTION_FAILED) status.mError = FAILED_TRANSACTION;
     return status;
 }
 
 Status Status::fromStatusT(status_t error, const char* message) {
     Status status;
-    if (error == OK)
-        return status;
+    if (error == OK) return status;
     status.mException = EX_TRANSACTION_FAILED;
     status.mError = error;
     status.mMessage = message;
@@ -51,8 +49,7 @@ Status Status::fromStatusT(status_t error, const char* message) {
 }
 
 std::string Status::description() const {
-    if (mException == EX_NONE)
-        return "Status(EX_NONE): ''";
+    if (mException == EX_NONE) return "Status(EX_NONE): ''";
     if (mException == EX_TRANSACTION_FAILED) {
         return "Status(EX_TRANSACTION_FAILED): '" + nameOf(mError) + ": " + mMessage + "'";
     }

@@ -15,8 +15,7 @@ void logAlwaysFatal(const char* message) {
 }
 
 uint32_t checkedSize(size_t size) {
-    if (size > std::numeric_limits<uint32_t>::max())
-        logAlwaysFatal("a size is over 32 bits");
+    if (size > std::numeric_limits<uint32_t>::max()) logAlwaysFatal("a size is over 32 bits");
     return static_cast<uint32_t>(size);
 }
 
@@ -35,8 +34,7 @@ hidl_handle::~hidl_handle() {
 }
 
 hidl_handle& hidl_handle::operator=(const hidl_handle& other) {
-    if (this == &other)
-        return *this;
+    if (this == &other) return *this;
     release();
     mHandle = native_handle_clone(other.mHandle);
     mOwnsHandle = mHandle != nullptr;
@@ -50,8 +48,7 @@ hidl_handle& hidl_handle::operator=(const native_handle_t* handle) {
 }
 
 hidl_handle& hidl_handle::operator=(hidl_handle&& other) noexcept {
-    if (this == &other)
-        return *this;
+    if (this == &other) return *this;
     release();
     mHandle = std::exchange(other.mHandle, nullptr);
     mOwnsHandle = std::exchange(other.mOwnsHandle, false);
@@ -88,8 +85,7 @@ hidl_string::hidl_string(hidl_string&& other) noexcept {
 }
 
 hidl_string::~hidl_string() {
-    if (mOwnsBuffer)
-        delete[] mBuffer;
+    if (mOwnsBuffer) delete[] mBuffer;
 }
 
 hidl_string& hidl_string::operator=(const hidl_string& other) {

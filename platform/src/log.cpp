@@ -38,8 +38,7 @@ char letterOf(int priority) {
 
 /** In the layout of logcat's threadtime, one write for a line. */
 void writeToStderr(const LogLine& line) {
-    if (line.priority < stderrPriority)
-        return;
+    if (line.priority < stderrPriority) return;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
@@ -50,8 +49,7 @@ void writeToStderr(const LogLine& line) {
     snprintf(prefix, sizeof(prefix), "%s.%03ld %5d %5d %c %s: ", date, now.tv_nsec / 1000000,
              getpid(), gettid(), letterOf(line.priority), line.tag.c_str());
     std::string text = prefix + line.text;
-    if (text.back() != '\n')
-        text += '\n';
+    if (text.back() != '\n') text += '\n';
     const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
     static_cast<void>(written);  // nowhere is left to say so
 }
@@ -93,8 +91,7 @@ std::vector<std::string> LogCapture::texts(const std::string& tag) const {
     const std::lock_guard<std::mutex> lock(mMutex);
     std::vector<std::string> result;
     for (const LogLine& line : mLines) {
-        if (tag.empty() || line.tag == tag)
-            result.push_back(line.text);
+        if (tag.empty() || line.tag == tag) result.push_back(line.text);
     }
     return result;
 }

@@ -12,8 +12,7 @@ class MemoryMap {
 public:
     MemoryMap() = default;
     ~MemoryMap() {
-        if (mData != nullptr)
-            munmap(mData, mSize);
+        if (mData != nullptr) munmap(mData, mSize);
     }
     MemoryMap(const MemoryMap&) = delete;
     MemoryMap& operator=(const MemoryMap&) = delete;
@@ -21,8 +20,7 @@ public:
     /** False when the kernel refuses; to be called once. */
     bool map(int fd, size_t size) {
         void* const data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (data == MAP_FAILED)
-            return false;
+        if (data == MAP_FAILED) return false;
         mData = static_cast<uint8_t*>(data);
         mSize = size;
         return true;

@@ -20,8 +20,7 @@ native_handle_t* native_handle_create(int numFds, int numInts) {
     }
     const size_t words = static_cast<size_t>(numFds) + static_cast<size_t>(numInts);
     void* const memory = calloc(1, sizeof(native_handle_t) + words * sizeof(int));
-    if (memory == nullptr)
-        return nullptr;
+    if (memory == nullptr) return nullptr;
     auto* const h = static_cast<native_handle_t*>(memory);
     h->version = sizeof(native_handle_t);
     h->numFds = numFds;
@@ -30,11 +29,9 @@ native_handle_t* native_handle_create(int numFds, int numInts) {
 }
 
 native_handle_t* native_handle_clone(const native_handle_t* handle) {
-    if (handle == nullptr)
-        return nullptr;
+    if (handle == nullptr) return nullptr;
     native_handle_t* const clone = native_handle_create(handle->numFds, handle->numInts);
-    if (clone == nullptr)
-        return nullptr;
+    if (clone == nullptr) return nullptr;
     for (int i = 0; i < handle->numFds; ++i) {
         clone->data[i] = fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0);
         if (clone->data[i] < 0) {
@@ -50,10 +47,8 @@ native_handle_t* native_handle_clone(const native_handle_t* handle) {
 }
 
 int native_handle_close(const native_handle_t* h) {
-    if (h == nullptr)
-        return 0;
-    if (!hasKnownVersion(h))
-        return -EINVAL;
+    if (h == nullptr) return 0;
+    if (!hasKnownVersion(h)) return -EINVAL;
     const int saved = errno;
     for (int i = 0; i < h->numFds; ++i)
         close(h->data[i]);
@@ -62,10 +57,8 @@ int native_handle_close(const native_handle_t* h) {
 }
 
 int native_handle_delete(native_handle_t* h) {
-    if (h == nullptr)
-        return 0;
-    if (!hasKnownVersion(h))
-        return -EINVAL;
+    if (h == nullptr) return 0;
+    if (!hasKnownVersion(h)) return -EINVAL;
     free(h);
     return 0;
 }

@@ -36,15 +36,12 @@ int8_t property_get_bool(const char* key, int8_t default_value) {
     host::Store& store = host::store();
     const std::lock_guard<std::mutex> lock(store.mutex);
     const auto found = store.values.find(key);
-    if (found == store.values.end())
-        return default_value;
+    if (found == store.values.end()) return default_value;
     for (const char* const yes : {"1", "y", "yes", "true", "on"}) {
-        if (found->second == yes)
-            return 1;
+        if (found->second == yes) return 1;
     }
     for (const char* const no : {"0", "n", "no", "false", "off"}) {
-        if (found->second == no)
-            return 0;
+        if (found->second == no) return 0;
     }
     return default_value;
 }

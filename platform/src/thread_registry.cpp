@@ -24,8 +24,7 @@ namespace detail {
 bool takeThreadStartFailure() {
     int left = failures.load();
     while (left > 0) {
-        if (failures.compare_exchange_weak(left, left - 1))
-            return true;
+        if (failures.compare_exchange_weak(left, left - 1)) return true;
     }
     return false;
 }

@@ -80,8 +80,7 @@ bool PauseGate::waitUntilPausing() {
 }
 
 bool PauseGate::passOnce() {
-    if (!waitUntilPausing())
-        return false;
+    if (!waitUntilPausing()) return false;
     {
         const std::lock_guard<std::mutex> lock(state().mutex);
         ++state().pausesAllowed;

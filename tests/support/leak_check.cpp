@@ -23,8 +23,7 @@ int countBufferMappings() {
     std::ifstream maps("/proc/self/maps");
     int count = 0;
     for (std::string line; std::getline(maps, line);) {
-        if (line.find("memfd:fdstream-buffer") != std::string::npos)
-            ++count;
+        if (line.find("memfd:fdstream-buffer") != std::string::npos) ++count;
     }
     return count;
 }
@@ -38,8 +37,7 @@ Holdings Holdings::now() {
 std::string Holdings::differenceFrom(const Holdings& before) const {
     std::ostringstream text;
     const auto compare = [&text](const char* what, int was, int is) {
-        if (was != is)
-            text << what << ": " << was << " before, " << is << " after. ";
+        if (was != is) text << what << ": " << was << " before, " << is << " after. ";
     };
     compare("descriptors", before.descriptors, descriptors);
     compare("threads", before.threads, threads);

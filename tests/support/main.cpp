@@ -1,6 +1,8 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "host/log.h"
 #include "support/leak_check.h"
 #include "support/spy_mapper.h"
@@ -19,6 +21,8 @@ int main(int argc, char** argv) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
+    // A sanitizer makes its own thread with the first thread of the program: before any count.
+    std::thread([] {}).join();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);
     return RUN_ALL_TESTS();

@@ -85,10 +85,8 @@ Return<void> Callback::notify(const hidl_vec<FDNotifyMsg>& msgs) {
 }
 
 Return<void> Callback::answer() {
-    if (during)
-        during();
-    if (!failing)
-        return {};
+    if (during) during();
+    if (!failing) return {};
     return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
                                                   "the peer has closed the connection");
 }
@@ -147,9 +145,12 @@ SessionFixture::SessionFixture()
 }
 
 SessionFixture::~SessionFixture() {
-    if (session == nullptr)
-        return;
+    if (session == nullptr) return;
     session->handleConfigure(configurationOf(0));  // gives every imported buffer back
+    stop();
+}
+
+void SessionFixture::stop() {
     session->requestExit();
     drivePass();  // ends the wait
     session->join();

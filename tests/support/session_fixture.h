@@ -98,6 +98,8 @@ protected:
     }
     /** Takes the oldest request and hands its buffer back. */
     void serveOne() { session->sendCaptureResult(resultFor(take())); }
+    /** Ends the monitor, so that what a callback's `during` refers to may go. */
+    void stop();
     /** Makes the monitor go through one pass at once. */
     void drivePass() { session->sendCaptureResult(CaptureResult()); }
     /** How many calls reached the mapper. */

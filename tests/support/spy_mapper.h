@@ -27,8 +27,7 @@ public:
 
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
-        if (failTransport)
-            return failure();
+        if (failTransport) return failure();
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
             answer(error == Error::NONE ? answered : error, buffer);
@@ -37,8 +36,7 @@ public:
 
     Return<Error> freeBuffer(void* buffer) override {
         freed.push_back(buffer);
-        if (failTransport)
-            return failure();
+        if (failTransport) return failure();
         return mReal->freeBuffer(buffer);
     }
 
@@ -46,8 +44,7 @@ public:
                       typename IMapper::lock_cb answer) override {
         region = lockRegion;
         usage = cpuUsage;
-        if (failTransport)
-            return failure();
+        if (failTransport) return failure();
         return mReal->lock(buffer, cpuUsage, lockRegion, fence, answer);
     }
 
@@ -55,14 +52,12 @@ public:
                            const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
         region = lockRegion;
         usage = cpuUsage;
-        if (failTransport)
-            return failure();
+        if (failTransport) return failure();
         return mReal->lockYCbCr(buffer, cpuUsage, lockRegion, fence, answer);
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
-        if (failTransport)
-            return failure();
+        if (failTransport) return failure();
         return mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
             answer(answered, releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
         });

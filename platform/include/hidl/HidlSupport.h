@@ -109,13 +109,11 @@ struct hidl_vec {
     ~hidl_vec() { release(); }
 
     hidl_vec& operator=(const hidl_vec& other) {
-        if (this != &other)
-            assign(other.begin(), other.size());
+        if (this != &other) assign(other.begin(), other.size());
         return *this;
     }
     hidl_vec& operator=(hidl_vec&& other) noexcept {
-        if (this == &other)
-            return *this;
+        if (this == &other) return *this;
         release();
         mBuffer = std::exchange(other.mBuffer, nullptr);
         mSize = std::exchange(other.mSize, 0);
@@ -169,8 +167,7 @@ private:
         mOwnsBuffer = true;
     }
     void release() {
-        if (mOwnsBuffer)
-            delete[] mBuffer;
+        if (mOwnsBuffer) delete[] mBuffer;
         mBuffer = nullptr;
         mSize = 0;
         mOwnsBuffer = false;

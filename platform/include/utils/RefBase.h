@@ -69,8 +69,7 @@ public:
         : mPtr(other), mRefs(other != nullptr ? other->createWeak(this) : nullptr) {}
     wp(const sp<T>& other) : wp(other.get()) {}  // NOLINT(google-explicit-constructor)
     wp(const wp& other) : mPtr(other.mPtr), mRefs(other.mRefs) {
-        if (mRefs != nullptr)
-            mRefs->incWeak(this);
+        if (mRefs != nullptr) mRefs->incWeak(this);
     }
     template <typename U>
     wp(const sp<U>& other) : wp(static_cast<T*>(other.get())) {}  // NOLINT
@@ -88,16 +87,14 @@ public:
     }
 
     void clear() {
-        if (mRefs != nullptr)
-            mRefs->decWeak(this);
+        if (mRefs != nullptr) mRefs->decWeak(this);
         mPtr = nullptr;
         mRefs = nullptr;
     }
 
     sp<T> promote() const {
         sp<T> result;
-        if (mRefs != nullptr && mRefs->attemptIncStrong(&result))
-            result.adopt(mPtr);
+        if (mRefs != nullptr && mRefs->attemptIncStrong(&result)) result.adopt(mPtr);
         return result;
     }
 

@@ -26,8 +26,7 @@ public:
         other.mPtr = nullptr;
     }
     ~sp() {
-        if (mPtr != nullptr)
-            mPtr->decStrong(this);
+        if (mPtr != nullptr) mPtr->decStrong(this);
     }
 
     sp& operator=(T* other) {
@@ -43,8 +42,7 @@ public:
         mPtr = other.mPtr;
         if (this != &other) {
             other.mPtr = nullptr;
-            if (old != nullptr)
-                old->decStrong(this);
+            if (old != nullptr) old->decStrong(this);
         }
         return *this;
     }
@@ -58,8 +56,7 @@ public:
         T* const old = mPtr;
         mPtr = other.mPtr;
         other.mPtr = nullptr;
-        if (old != nullptr)
-            old->decStrong(this);
+        if (old != nullptr) old->decStrong(this);
         return *this;
     }
     template <typename U>
@@ -71,8 +68,7 @@ public:
     void clear() {
         T* const old = mPtr;
         mPtr = nullptr;
-        if (old != nullptr)
-            old->decStrong(this);
+        if (old != nullptr) old->decStrong(this);
     }
 
     T& operator*() const { return *mPtr; }
@@ -98,17 +94,14 @@ private:
     friend class wp;
 
     void acquire() {
-        if (mPtr != nullptr)
-            mPtr->incStrong(this);
+        if (mPtr != nullptr) mPtr->incStrong(this);
     }
     /** Counts the new object first: its onFirstRef() runs while this still holds the old value. */
     void replace(T* other) {
-        if (other != nullptr)
-            other->incStrong(this);
+        if (other != nullptr) other->incStrong(this);
         T* const old = mPtr;
         mPtr = other;
-        if (old != nullptr)
-            old->decStrong(this);
+        if (old != nullptr) old->decStrong(this);
     }
     /** Takes over a reference that was counted already. */
     void adopt(T* counted) { mPtr = counted; }
