@@ -106,8 +106,7 @@ private:
 
 static MonitorStopper sMonitorStopper;
 
-// ---- Life
-// -----------------------------------------------------------------------------------------
+// ---- Life ----
 
 sp<FDSession> FDSession::getInstance() {
     const Lock lock(sLock);
@@ -154,8 +153,7 @@ sp<IFDSession> FDSessionImpl::getInterface() {
     return mInterface;
 }
 
-// ---- The client's calls
-// ---------------------------------------------------------------------------
+// ---- The client's calls ----
 
 FDSessionImpl::TrampolineInterface::TrampolineInterface(sp<FDSessionImpl> session)
     : mSession(session) {}
@@ -235,8 +233,7 @@ int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
     return 0;
 }
 
-// ---- The buffers
-// ----------------------------------------------------------------------------------
+// ---- The buffers ----
 
 int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle) {
     CirculatingBuffers& buffers = mCirculatingBuffers[buffer.streamId];
@@ -306,8 +303,7 @@ void FDSessionImpl::freeAllBuffers() {
     mGraphicBuffers.clear();
 }
 
-// ---- The requests
-// ---------------------------------------------------------------------------------
+// ---- The requests ----
 
 int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
     const Lock lock(sLock);
@@ -375,8 +371,7 @@ void FDSessionImpl::countRequests() {
     mRequestCount = mCaptureRequests.size();
 }
 
-// ---- The results
-// ----------------------------------------------------------------------------------
+// ---- The results ----
 
 void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
     const std::lock_guard<std::mutex> lock(mResultMutex);
@@ -525,8 +520,7 @@ void FDSessionImpl::deliver(CaptureResult& record) {
     }
 }
 
-// ---- The notifications
-// ----------------------------------------------------------------------------
+// ---- The notifications ----
 
 void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
     sp<IFDSessionCallback> callback;
@@ -546,8 +540,7 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
     }
 }
 
-// ---- Scene and tracking
-// ---------------------------------------------------------------------------
+// ---- Scene and tracking ----
 
 void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);

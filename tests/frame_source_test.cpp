@@ -74,7 +74,7 @@ protected:
 
 TEST_F(FrameSourceTest, LivesThroughItsFirstPassBeforeItsMakerHoldsIt) {
     auto* const made = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
+    EXPECT_TRUE(gate->waitUntilPausing());
     EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
     source = made;
     EXPECT_EQ(made->getStrongCount(), 2);

@@ -211,16 +211,14 @@ TEST_F(FramesTest, DumpsRequestsAndConfigurations) {
         "dumpConfiguration: dumping stream configuration:  \n",
         "dumpConfiguration: operationMode(32769)  \n",
         "dumpConfiguration: streamsCount(1)  \n",
-        "dumpConfiguration: streamId(2) streamType(0) width(1280) height(720) format(0x23) "
-        "usage(0x33) rotation(0)\n",
+        "dumpConfiguration: streamId(2) streamType(0) width(1280) height(720) format(0x23) usage(0x33) rotation(0)\n",
         "dumpConfiguration: dumping stream configuration:  \n",
         "dumpConfiguration: operationMode(0)  \n",
         "dumpConfiguration: streamsCount(0)  \n"};
     EXPECT_EQ(log.texts(kTag), lines);
 }
 
-// ---- The raw file
-// ---------------------------------------------------------------------------------
+// ---- The raw file ----
 
 TEST_F(FramesTest, PlaysWholeFramesInALoop) {
     const std::string file = write("2.5", std::string(6, 'a') + std::string(6, 'b') + "ccc");
@@ -228,7 +226,8 @@ TEST_F(FramesTest, PlaysWholeFramesInALoop) {
     for (const char frame : {'a', 'b', 'a', 'b', 'a'}) {
         const uint8_t* const bytes = frames.getFrame();
         ASSERT_NE(bytes, nullptr);
-        EXPECT_TRUE(std::all_of(bytes, bytes + 6, [&](uint8_t byte) { return byte == frame; }));
+        EXPECT_TRUE(
+            std::all_of(bytes, bytes + 6, [&](uint8_t byte) { return char(byte) == frame; }));
     }
     EXPECT_EQ(frames.putFrame(), -1);  // it serves one direction
     EXPECT_EQ(log.texts(kTag), std::vector<std::string>{"file writing failed, status - 0 error - "

@@ -45,7 +45,13 @@ protected:
 };
 
 using BothVersions = testing::Types<SpyMapper3, SpyMapper2>;
-TYPED_TEST_SUITE(ImporterTest, BothVersions);
+struct VersionName {
+    template <typename Spy>
+    static std::string GetName(int /*index*/) {
+        return std::is_same_v<Spy, SpyMapper3> ? "Mapper3" : "Mapper2";
+    }
+};
+TYPED_TEST_SUITE(ImporterTest, BothVersions, VersionName);
 
 TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
     buffer_handle_t handle = this->buffer.handle();

@@ -164,10 +164,10 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     EXPECT_EQ(fcntl(copy->data[0], F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(copy->data[1], 42);
     const hidl_handle moved(std::move(copy));
-    EXPECT_EQ(copy.getNativeHandle(), nullptr);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(copy.getNativeHandle(), nullptr);  // NOLINT: what a move leaves is the question
     raw->numFds = 2;  // of two descriptors the second cannot be duplicated
     raw->data[1] = -1;
-    const hidl_handle failed(borrowed);
+    const hidl_handle failed(borrowed);  // NOLINT(performance-unnecessary-copy-initialization)
     EXPECT_EQ(failed.getNativeHandle(), nullptr);
     raw->version = 13;
     EXPECT_NE(native_handle_close(raw), 0);
@@ -181,7 +181,8 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     words.resize(3);
     EXPECT_STREQ(words[1].c_str(), "two");
     EXPECT_TRUE(words[2].empty());
-    words = words;  // NOLINT(clang-diagnostic-self-assign-overloaded)
+    const auto& same = words;
+    words = same;
     hidl_vec<hidl_string> outside;
     outside.setToExternal(words.data(), 2);
     const hidl_vec<hidl_string> own = outside;
@@ -226,8 +227,7 @@ TEST(LogAndPropertiesTest, CutsALineAndReadsABoolean) {
     EXPECT_EQ(property_get_bool("test.bool", 1), 1);
 }
 
-// ---- The mapper, which takes handles from a process that it does not trust
-// --------------------------
+// ---- The mapper, which takes handles from a process that it does not trust ----
 
 TEST(MapperTest, MapsABufferOnceHoweverOftenItIsImported) {
     const host::Buffer buffer = allocate(640, 480);

@@ -217,8 +217,7 @@ TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
     EXPECT_TRUE(isTurned());
 }
 
-// ---- The rotation itself
-// --------------------------------------------------------------------------
+// ---- The rotation itself ----
 
 namespace {
 

@@ -6,7 +6,6 @@ namespace vendor::zoru::zoruprovider::fdstream::V1_0 {
 using ::android::hardware::hidl_string;
 using ::android::hardware::Return;
 using ::android::hardware::Void;
-using ::android::hidl::base::V1_0::IBase;
 
 const char* IFDSession::descriptor = "vendor.zoru.zoruprovider.fdstream@1.0::IFDSession";
 

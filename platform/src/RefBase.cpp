@@ -59,7 +59,7 @@ void RefBase::decStrong(const void* id) const {
         refs->mBase->onLastStrongRef(id);
         if (!refs->livesWithWeak()) delete this;
     }
-    refs->decWeak(id);
+    refs->decWeak(id);  // NOLINT(clang-analyzer-cplusplus.NewDelete): the block outlives the object
 }
 
 int32_t RefBase::getStrongCount() const {

@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <cstdarg>
-
 #include "host/mapper.h"
 
 namespace testing_support {
@@ -21,15 +19,6 @@ auto deadline() {
 }
 
 }  // namespace
-
-std::string text(const char* format, ...) {
-    char line[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(line, sizeof(line), format, arguments);
-    va_end(arguments);
-    return line;
-}
 
 void Deliveries::add(const hidl_vec<CaptureResult>& results) {
     const std::lock_guard<std::mutex> lock(mMutex);

@@ -24,9 +24,6 @@ using android::hardware::camera::device::V3_2::Stream;
 
 constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl";
 
-/** "%s: " is part of the text: printf for what a line has to say. */
-std::string text(const char* format, ...) __attribute__((format(printf, 1, 2)));
-
 /** What the client was told, kept beyond the callback's own life. Any thread. */
 class Deliveries {
 public:
