@@ -111,8 +111,7 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(thread->run("a name of more than fifteen"), android::NO_ERROR);
         EXPECT_EQ(thread->run("again"), android::INVALID_OPERATION);
-        while (passes == 0)
-            std::this_thread::yield();
+        EXPECT_TRUE(eventually([&] { return passes > 0; }));
         EXPECT_EQ(thread->requestExitAndWait(), android::NO_ERROR);
         EXPECT_FALSE(thread->isRunning());
         EXPECT_FALSE(thread->exitPending());
@@ -138,8 +137,7 @@ TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
     {
         const sp<LoopThread> thread = new LoopThread([&] { return ++passes, true; });
         thread->run("between");
-        while (passes < 3)
-            std::this_thread::yield();
+        EXPECT_TRUE(eventually([&] { return passes >= 3; }));
     }  // no exit was asked for: the promotion fails
     sp<LoopThread> own;
     std::promise<int> joined;

@@ -189,11 +189,11 @@ TEST_F(SceneTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {
         replaced = true;
     });
     // Wait until the replacing has been stored: from then on nobody is told any more.
-    do {
-        std::this_thread::yield();
+    EXPECT_TRUE(eventually([&] {
         observer.ptzs.clear();
         session->setPTZControl({});
-    } while (!observer.ptzs.empty());
+        return observer.ptzs.empty();
+    }));
     {
         const std::lock_guard<std::mutex> lock(mutex);
         mayLeave = true;

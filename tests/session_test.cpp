@@ -162,6 +162,21 @@ TEST_F(SessionTest, ReplacesItsCallbackWhileACallIsInFlight) {
     stop();
 }
 
+TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
+    // The callback's end is the client's code: here it waits for a thread that needs the session.
+    struct Waiting : public Callback {
+        Waiting(Deliveries& told, FDSessionImpl& called) : Callback(told), session(called) {}
+        ~Waiting() override {
+            std::thread([this] { session.getTrackingMode(); }).join();
+        }
+        FDSessionImpl& session;
+    };
+    Deliveries told;
+    session->handleSetCallback(new Waiting(told, *session));
+    session->handleSetCallback(nullptr);
+    EXPECT_EQ(told.waitForDeath(), threadName());
+}
+
 TEST_F(SessionTest, LetsTheClientCallFromInsideItsCallback) {
     configure();
     std::atomic<int> nested{0};

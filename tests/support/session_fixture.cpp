@@ -2,23 +2,35 @@
 
 #include <pthread.h>
 
+#include <chrono>
+#include <thread>
+
 #include "host/mapper.h"
 
 namespace testing_support {
 
 namespace {
 
-std::string threadName() {
-    char name[16] = "";
-    pthread_getname_np(pthread_self(), name, sizeof(name));
-    return name;
-}
-
 auto deadline() {
     return std::chrono::system_clock::now() + std::chrono::seconds(10);
 }
 
 }  // namespace
+
+bool eventually(const std::function<bool()>& condition) {
+    const auto limit = deadline();
+    while (!condition()) {
+        if (std::chrono::system_clock::now() > limit) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+std::string threadName() {
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof(name));
+    return name;
+}
 
 void Deliveries::add(const hidl_vec<CaptureResult>& results) {
     const std::lock_guard<std::mutex> lock(mMutex);

@@ -24,6 +24,12 @@ using android::hardware::camera::device::V3_2::Stream;
 
 constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl";
 
+/** Asks again and again, for events that nobody tells; false after 10 s. */
+bool eventually(const std::function<bool()>& condition);
+
+/** Of the calling thread, as the kernel keeps it. */
+std::string threadName();
+
 /** What the client was told, kept beyond the callback's own life. Any thread. */
 class Deliveries {
 public:
