@@ -1,6 +1,10 @@
 #include <android/log.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <filesystem>
+#include <string>
 #include <thread>
 
 #include "host/log.h"
@@ -14,6 +18,23 @@ SpyMapper3& sessionMapper() {
     return **spy;
 }
 
+namespace {
+
+/**
+ * A sanitizer makes a thread of its own with the first one of the program: that has to be before
+ * any count. A joined thread stays in the kernel's list for a moment, so wait until it has left
+ * that.
+ */
+void startFirstThread() {
+    pid_t id = 0;
+    std::thread([&id] { id = gettid(); }).join();
+    const std::string entry = "/proc/self/task/" + std::to_string(id);
+    while (std::filesystem::exists(entry))
+        std::this_thread::yield();
+}
+
+}  // namespace
+
 }  // namespace testing_support
 
 int main(int argc, char** argv) {
@@ -21,8 +42,7 @@ int main(int argc, char** argv) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
-    // A sanitizer makes its own thread with the first thread of the program: before any count.
-    std::thread([] {}).join();
+    testing_support::startFirstThread();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);
     return RUN_ALL_TESTS();
