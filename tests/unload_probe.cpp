@@ -1,7 +1,7 @@
 // Loads the implementation library, uses it, and unloads it or exits, again and again and at random
 // moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
 //
-//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep ROUNDS
+//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside ROUNDS
 //
 // Exits with 0 when every round held; else a line says what did not.
 
@@ -39,9 +39,16 @@ std::atomic<pid_t> diedOn{0};
 
 /** Its end shows when, and on which thread, the session went. */
 struct ProbeCallback : public IFDSessionCallback {
+    explicit ProbeCallback(bool exits) : mExits(exits) {}
     ~ProbeCallback() override { diedOn = gettid(); }
-    Return<void> processCaptureResult(const hidl_vec<CaptureResult>&) override { return {}; }
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>&) override {
+        if (mExits) exit(0);  // on the monitor thread, in the middle of its pass
+        return {};
+    }
     Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
+
+private:
+    const bool mExits;
 };
 
 [[noreturn]] void fail(const std::string& what) {
@@ -101,10 +108,10 @@ public:
     }
 
     /** A configured session with requests waiting, results queued and buffers known. */
-    void use(const std::vector<host::Buffer>& buffers) {
+    void use(const std::vector<host::Buffer>& buffers, bool exitInside = false) {
         diedOn = 0;
         const sp<IFDSession> client = mSession->getInterface();
-        require(client->setCallback(new ProbeCallback).isOk(), "setCallback failed");
+        require(client->setCallback(new ProbeCallback(exitInside)).isOk(), "setCallback failed");
         configure();
         for (uint64_t id = 0; id < buffers.size(); ++id) {
             CaptureRequest request = {};
@@ -203,7 +210,8 @@ std::atomic<Round*> aliveAtExit{nullptr};
 /** Leaves a session for the end of the process: main's return, or a child's exit(). */
 void leaveSession(const std::string& library, const std::string& mode) {
     aliveAtExit = new Round(library);
-    aliveAtExit.load()->use(allocateBuffers());
+    aliveAtExit.load()->use(allocateBuffers(), mode == "inside");
+    if (mode == "inside") pause();
     if (mode == "keep") return;
     aliveAtExit.load()->letGo();
     if (mode != "fork") return;

@@ -53,7 +53,7 @@ TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
 }
 
 TEST(UnloadTest, ExitsInOrderWithALiveSession) {
-    for (const std::string mode : {"exit", "exit", "exit", "fork"}) {
+    for (const std::string mode : {"exit", "exit", "exit", "fork", "inside"}) {
         const Output output = probe(mode);
         EXPECT_EQ(output.status, 0) << output.text;
         EXPECT_EQ(output.text, "") << mode;
