@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string_view>
+#include <vector>
+
+#include "frame.h"
+
+namespace tools {
+
+/** A picture in memory: rows without padding of red, green and blue bytes. Value type. */
+struct Picture {
+    Picture(int inWidth, int inHeight);
+
+    int width;
+    int height;
+    std::vector<uint8_t> rgb;
+};
+
+Picture toPicture(const Frame& frame);
+
+/** False after a sentence on stderr. */
+bool writePng(const Picture& picture, const std::filesystem::path& path);
+
+/** All frames of a scene on one page, small, each with its number. */
+class ContactSheet {
+public:
+    /** A page with room for this many frames, all of them still missing. */
+    explicit ContactSheet(size_t frames);
+
+    void put(size_t index, const Frame& frame);
+    const Picture& picture() const { return mPicture; }
+
+private:
+    Picture mPicture;
+};
+
+/** Two pictures beside each other, each below its heading. */
+Picture sideBySide(const Picture& left, std::string_view leftHeading, const Picture& right,
+                   std::string_view rightHeading);
+
+}  // namespace tools
