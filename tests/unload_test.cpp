@@ -16,6 +16,9 @@ namespace testing_support {
 
 namespace {
 
+constexpr const char* kStillReferenced =
+    "the library goes while 1 references to the session are held";
+
 struct Output {
     int status = -1;
     std::string text;
@@ -32,8 +35,11 @@ Output runCommand(const std::string& command) {
 }
 
 Output probe(const std::string& mode, int rounds = 1) {
-    return runCommand("timeout 120 " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " + mode + " " +
-                      std::to_string(rounds));
+    // A leak checker cannot stop the parent's threads from a forked child, and then sees false
+    // leaks.
+    const std::string options = mode == "fork" ? "ASAN_OPTIONS=detect_leaks=0 " : "";
+    return runCommand(options + "timeout 120 " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " + mode +
+                      " " + std::to_string(rounds));
 }
 
 /** More when the environment asks for it, as the nightly checks do. */
@@ -56,13 +62,11 @@ TEST(UnloadTest, ExitsInOrderWithALiveSession) {
     for (const std::string mode : {"exit", "exit", "exit", "fork", "inside"}) {
         const Output output = probe(mode);
         EXPECT_EQ(output.status, 0) << output.text;
-        EXPECT_EQ(output.text, "") << mode;
+        EXPECT_EQ(output.text.find(kStillReferenced), std::string::npos) << output.text;
     }
     const Output kept = probe("keep");
     EXPECT_EQ(kept.status, 0) << kept.text;
-    EXPECT_NE(kept.text.find("the library goes while 1 references to the session are held"),
-              std::string::npos)
-        << kept.text;
+    EXPECT_NE(kept.text.find(kStillReferenced), std::string::npos) << kept.text;
 }
 
 TEST(ExportsTest, AreWhatOtherModulesUseAndNothingThatPinsTheLibrary) {
