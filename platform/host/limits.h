@@ -1,0 +1,20 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+
+/** What the transport between processes takes, and how long it waits. */
+namespace host {
+
+/** Bytes of a message, its header included. */
+constexpr size_t kMaxMessageBytes = size_t{64} << 10;
+/** Descriptors of a message: those of its records, and one for each interface handed over. */
+constexpr size_t kMaxMessageFds = 64;
+/** Connections that one server serves at a time; one more is closed at once. */
+constexpr size_t kMaxConnections = 64;
+/** Descriptor slots that are kept free: calls that bring descriptors fail before they are taken. */
+constexpr size_t kReservedFds = 16;
+/** A call waits this long for its turn, its way and its answer together. */
+constexpr std::chrono::milliseconds kCallPatience(1000);
+
+}  // namespace host

@@ -1,0 +1,140 @@
+#pragma once
+
+#include <hidl/HidlSupport.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+#include <vector>
+
+#include "host/unique_fd.h"
+
+/**
+ * How records travel. A record lists its fields once, in a specialisation of Fields; writing,
+ * reading and every check of a length come from that list. Numbers go as they lie in memory: both
+ * ends are on one machine. Descriptors go beside the bytes, in the order of the handles that own
+ * them.
+ */
+namespace host {
+
+/** Specialised for each record: `template <typename A, typename R> static void visit(A&, R&)`. */
+template <typename Record>
+struct Fields;
+
+/** What goes out behind a message's header. The records it was written from have to outlive it. */
+struct Outgoing {
+    std::vector<uint8_t> bytes;
+    std::vector<int> fds;              ///< borrowed from the records, or from `handedOver`
+    std::vector<UniqueFd> handedOver;  ///< given away with the message
+};
+
+/** What came in behind a message's header. `data` is good until the next message of the channel. */
+struct Incoming {
+    const uint8_t* data = nullptr;
+    size_t size = 0;
+    std::vector<UniqueFd> fds;
+};
+
+/** Appends values to what goes out. Copies no descriptor: the kernel does, on the way. */
+class Writer {
+public:
+    explicit Writer(Outgoing& out) : mOut(out) {}
+
+    template <typename... Values>
+    void operator()(const Values&... values) {
+        (write(values), ...);
+    }
+    /** Gives a descriptor away. */
+    void descriptor(UniqueFd fd);
+
+private:
+    template <typename T>
+    void write(const T& value) {
+        if constexpr (std::is_arithmetic_v<T> || std::is_enum_v<T>) {
+            append(&value, sizeof(value));
+        } else {
+            Fields<T>::visit(*this, value);
+        }
+    }
+    template <typename T>
+    void write(const ::android::hardware::hidl_vec<T>& vector) {
+        write(static_cast<uint32_t>(vector.size()));
+        if constexpr (std::is_arithmetic_v<T>) {
+            append(vector.data(), vector.size() * sizeof(T));
+        } else {
+            for (const T& element : vector)
+                write(element);
+        }
+    }
+    void write(const ::android::hardware::hidl_handle& handle);
+    void append(const void* data, size_t size);
+
+    Outgoing& mOut;
+};
+
+/**
+ * Takes values out of what came in, which nobody vouches for. The first value that does not fit
+ * fails the whole: from then on nothing is read, and complete() is false. Nothing is allocated
+ * before the bytes that it is for are known to be there.
+ */
+class Reader {
+public:
+    explicit Reader(Incoming& in) : mIn(in) {}
+
+    template <typename... Values>
+    void operator()(Values&... values) {
+        (read(values), ...);
+    }
+    /** The next descriptor; invalid when there is none left. */
+    UniqueFd descriptor();
+    /** Whether every value fitted, and all bytes and descriptors were asked for. */
+    bool complete() const;
+
+private:
+    template <typename T>
+    void read(T& value) {
+        if constexpr (std::is_arithmetic_v<T> || std::is_enum_v<T>) {
+            take(&value, sizeof(value));
+        } else {
+            Fields<T>::visit(*this, value);
+        }
+    }
+    template <typename T>
+    void read(::android::hardware::hidl_vec<T>& vector) {
+        uint32_t count = 0;
+        read(count);
+        // Every element takes at least a byte, so a count beyond the bytes that are left is a lie.
+        if (mFailed || count > left() / smallest<T>()) {
+            mFailed = true;
+            return;
+        }
+        vector.resize(count);
+        if constexpr (std::is_arithmetic_v<T>) {
+            take(vector.data(), count * sizeof(T));
+        } else {
+            for (T& element : vector)
+                read(element);
+        }
+    }
+    void read(::android::hardware::hidl_handle& handle);
+
+    /** The fewest bytes that a value of this type takes. */
+    template <typename T>
+    static constexpr size_t smallest() {
+        if constexpr (std::is_arithmetic_v<T>) {
+            return sizeof(T);
+        } else {
+            return Fields<T>::kSmallest;
+        }
+    }
+    size_t left() const { return mIn.size - mAt; }
+    bool take(void* data, size_t size);
+
+    Incoming& mIn;
+    size_t mAt = 0;
+    size_t mNextFd = 0;
+    bool mFailed = false;
+};
+
+}  // namespace host

@@ -1,0 +1,130 @@
+#include "served_channel.h"
+
+#include <android/log.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "host/limits.h"
+#include "socket.h"
+
+#define LOG_TAG "transport"
+
+namespace host::detail {
+
+namespace {
+
+void logEnd(const char* why) {
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "a channel ends: %s", why);
+}
+
+rlim_t slots() {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    return limit.rlim_cur;
+}
+
+/**
+ * Whether the descriptors that came leave the reserve untouched. Numbers are given out from the
+ * lowest, so a free first number of the reserve nearly always tells that all of it is free; only
+ * when it is taken are the descriptors counted.
+ */
+bool leaveReserve() {
+    const rlim_t first = slots() - kReservedFds;
+    const UniqueFd probe(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, static_cast<int>(first)));
+    if (static_cast<rlim_t>(probe.get()) == first) return true;
+    std::error_code error;
+    std::filesystem::directory_iterator entries("/proc/self/fd", error);
+    if (error) return false;
+    const auto used = static_cast<rlim_t>(std::distance(begin(entries), end(entries)));
+    return used + kReservedFds <= slots();
+}
+
+bool answer(int socket, const Header& call, Header::Kind kind, const Outgoing& out) {
+    const Header header = {kind, call.method, call.serial, static_cast<uint32_t>(out.fds.size())};
+    const Failure failure =
+        sendMessage(socket, header, out, std::chrono::steady_clock::now() + kCallPatience);
+    if (!failure.isOk() && failure.status != ::android::DEAD_OBJECT) {
+        logEnd(failure.text.empty() ? "the peer does not read its answers" : failure.text.c_str());
+    }
+    return failure.isOk();
+}
+
+bool refuse(int socket, const Header& call, const std::string& why) {
+    Outgoing out;
+    out.bytes.assign(why.begin(), why.end());
+    return answer(socket, call, Header::REFUSED, out);
+}
+
+/** One call. False when the channel has come to its end. */
+bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer) {
+    Header call = {};
+    Incoming in;
+    const Failure failure = receiveMessage(socket, call, buffer, in, {});
+    if (!failure.isOk()) {
+        if (failure.status == ::android::DEAD_OBJECT) return false;
+        logEnd(failure.text.c_str());
+        // The bytes of a call whose descriptors were lost came whole, so its caller can be told.
+        if (failure.status == ::android::NO_MEMORY) refuse(socket, call, failure.text);
+        return false;
+    }
+    if (call.kind != Header::CALL) {
+        logEnd("bytes that are no call");
+        return false;
+    }
+    if (!in.fds.empty() && !leaveReserve()) {
+        in.fds.clear();
+        return refuse(socket, call, "too few descriptor slots are free");
+    }
+    Reader reader(in);
+    Outgoing out;
+    Writer writer(out);
+    if (!stub.dispatch(call.method, reader, writer)) {
+        logEnd("no such method, or arguments that do not add up");
+        return false;
+    }
+    return answer(socket, call, Header::ANSWER, out);
+}
+
+}  // namespace
+
+void serveChannel(int socket, Stub& stub) {
+    std::vector<uint8_t> buffer;
+    while (serveOne(socket, stub, buffer)) {
+    }
+    shutdown(socket, SHUT_RDWR);
+}
+
+void serveDetached(UniqueFd socket, std::unique_ptr<Stub> stub) {
+    std::thread([socket = std::move(socket), stub = std::move(stub)] {
+        pthread_setname_np(pthread_self(), "callback");
+        serveChannel(socket.get(), *stub);
+    }).detach();
+}
+
+bool makePair(UniqueFd& one, UniqueFd& other) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) return false;
+    one.reset(ends[0]);
+    other.reset(ends[1]);
+    return true;
+}
+
+bool isChannelSocket(int fd) {
+    int type = 0;
+    socklen_t size = sizeof(type);
+    sockaddr_storage address = {};
+    socklen_t addressSize = sizeof(address);
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET &&
+           getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressSize) == 0 &&
+           address.ss_family == AF_UNIX;
+}
+
+}  // namespace host::detail

@@ -1,0 +1,212 @@
+#include <android/log.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <thread>
+
+#include "host/channel.h"
+#include "host/remote.h"
+#include "served_channel.h"
+
+#define LOG_TAG "transport"
+
+namespace host {
+
+namespace {
+
+constexpr int kBacklog = 16;
+constexpr int kRetryMs = 50;
+
+bool addressOf(const std::string& path, sockaddr_un& address, std::string& problem) {
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+        problem = "a socket's path has 1 to " + std::to_string(sizeof(address.sun_path) - 1) +
+                  " characters: " + path;
+        return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size());
+    return true;
+}
+
+UniqueFd makeSocket() {
+    return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+}
+
+int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
+    return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+}
+
+bool isSameUser(int socket) {
+    ucred peer = {};
+    socklen_t size = sizeof(peer);
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
+}
+
+/** A socket file that nobody listens on any more is taken away. */
+bool clearStale(const std::string& path, const sockaddr_un& address, std::string& problem) {
+    struct stat file = {};
+    if (lstat(path.c_str(), &file) != 0) return true;
+    if (!S_ISSOCK(file.st_mode)) {
+        problem = path + " exists and is not a socket";
+        return false;
+    }
+    if (connectSocket(makeSocket(), address) == 0) {
+        problem = path + " is in use by another provider";
+        return false;
+    }
+    if (errno != ECONNREFUSED || unlink(path.c_str()) != 0) {
+        problem = path + ": " + strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+class Server::Impl {
+public:
+    Impl(std::string path, UniqueFd socket, std::unique_ptr<Stub> stub)
+        : mPath(std::move(path)),
+          mSocket(std::move(socket)),
+          mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+          mStub(std::move(stub)) {
+        mThread = std::thread([this] { acceptAll(); });
+    }
+
+    ~Impl() {
+        mStopping = true;
+        eventfd_write(mWake.get(), 1);
+        mThread.join();
+        unlink(mPath.c_str());
+        for (const Connection& connection : mConnections) {
+            shutdown(connection.socket.get(), SHUT_RDWR);
+        }
+        for (Connection& connection : mConnections)
+            connection.thread.join();
+    }
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+
+private:
+    struct Connection {
+        UniqueFd socket;
+        std::thread thread;
+        std::atomic<bool> ended{false};
+    };
+
+    void acceptAll() {
+        pthread_setname_np(pthread_self(), "accept");
+        bool full = false;
+        while (!mStopping) {
+            // Without a slot for it a connection stays in the backlog: asked for again, not spun
+            // on.
+            pollfd entries[] = {{mWake.get(), POLLIN, 0}, {mSocket.get(), POLLIN, 0}};
+            poll(entries, full ? 1 : 2, full ? kRetryMs : -1);
+            eventfd_t woken = 0;
+            eventfd_read(mWake.get(), &woken);
+            reap();
+            full = !mStopping && !acceptOne();
+        }
+    }
+
+    /** False when there was no slot for it. */
+    bool acceptOne() {
+        UniqueFd socket(accept4(mSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!socket.isValid()) return errno != EMFILE && errno != ENFILE;
+        if (!isSameUser(socket.get())) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
+            return true;
+        }
+        if (mConnections.size() >= kMaxConnections) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "a connection beyond the limit of %zu is refused", kMaxConnections);
+            return true;
+        }
+        Connection& connection = mConnections.emplace_back();
+        connection.socket = std::move(socket);
+        connection.thread = std::thread([this, &connection] {
+            pthread_setname_np(pthread_self(), "connection");
+            detail::serveChannel(connection.socket.get(), *mStub);
+            connection.ended = true;
+            eventfd_write(mWake.get(), 1);
+        });
+        return true;
+    }
+
+    void reap() {
+        mConnections.remove_if([](Connection& connection) {
+            if (!connection.ended) return false;
+            connection.thread.join();
+            return true;
+        });
+    }
+
+    const std::string mPath;
+    const UniqueFd mSocket;
+    const UniqueFd mWake;
+    const std::unique_ptr<Stub> mStub;
+    std::atomic<bool> mStopping{false};
+    // Used by the accepting thread alone, and by the destructor after it.
+    std::list<Connection> mConnections;
+    std::thread mThread;
+};
+
+std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>& object,
+                                       std::string& problem) {
+    std::string descriptor;
+    const auto described = object->interfaceDescriptor(
+        [&](const ::android::hardware::hidl_string& name) { descriptor = name; });
+    const InterfaceMakers* const makers =
+        described.isOk() ? detail::findInterface(descriptor.c_str()) : nullptr;
+    sockaddr_un address = {};
+    if (makers == nullptr) {
+        problem = "the interface " + descriptor + " cannot be served";
+        return nullptr;
+    }
+    if (!addressOf(path, address, problem) || !clearStale(path, address, problem)) return nullptr;
+    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // The mode is set before anybody can connect.
+    if (!socket.isValid() ||
+        bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(socket.get(), kBacklog) != 0) {
+        problem = path + ": " + strerror(errno);
+        return nullptr;
+    }
+    return std::unique_ptr<Server>(
+        new Server(std::make_unique<Impl>(path, std::move(socket), makers->stub(object))));
+}
+
+Server::Server(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
+Server::~Server() = default;
+
+sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string& problem) {
+    const InterfaceMakers* const makers = detail::findInterface(descriptor);
+    sockaddr_un address = {};
+    if (makers == nullptr) {
+        problem = std::string("the interface ") + descriptor + " is not known";
+        return nullptr;
+    }
+    if (!addressOf(path, address, problem)) return nullptr;
+    UniqueFd socket = makeSocket();
+    if (!socket.isValid() || connectSocket(socket, address) != 0) {
+        problem = path + ": " + strerror(errno);
+        return nullptr;
+    }
+    if (!isSameUser(socket.get())) {
+        problem = path + " is another user's";
+        return nullptr;
+    }
+    return makers->proxy(std::make_unique<CallChannel>(std::move(socket)));
+}
+
+}  // namespace host

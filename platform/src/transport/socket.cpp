@@ -1,0 +1,153 @@
+#include "socket.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "host/limits.h"
+
+namespace host::detail {
+
+namespace {
+
+using ::android::DEAD_OBJECT;
+using ::android::FAILED_TRANSACTION;
+using ::android::NO_MEMORY;
+using ::android::TIMED_OUT;
+
+using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMaxMessageFds)>;
+
+Failure closedByPeer() {
+    return {DEAD_OBJECT, "the peer has closed the connection"};
+}
+
+int millisecondsTo(Deadline deadline) {
+    if (!deadline) return -1;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<int64_t>(left.count(), 0));
+}
+
+/** Waits until the socket is ready for `events`, or its peer is gone. */
+Failure waitFor(int socket, short events, Deadline deadline) {
+    for (;;) {
+        pollfd entry = {socket, events, 0};
+        const int ready = poll(&entry, 1, millisecondsTo(deadline));
+        if (ready > 0) return {};
+        if (ready == 0) return {TIMED_OUT, {}};  // the caller knows how long it has waited
+        if (errno != EINTR) return {FAILED_TRANSACTION, strerror(errno)};
+    }
+}
+
+Failure failureOf(int error) {
+    switch (error) {
+        case EPIPE:
+        case ECONNRESET:
+        case ENOTCONN:
+            return closedByPeer();
+        case ETOOMANYREFS:
+            return {FAILED_TRANSACTION, "too many descriptors are on their way already"};
+        default:
+            return {FAILED_TRANSACTION, strerror(error)};
+    }
+}
+
+/** Takes over every descriptor that came, whatever becomes of the message. */
+void collect(msghdr& message, std::vector<UniqueFd>& fds) {
+    for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
+         control = CMSG_NXTHDR(&message, control)) {
+        if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) continue;
+        const size_t count = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        for (size_t i = 0; i < count; ++i) {
+            int fd = -1;
+            memcpy(&fd, CMSG_DATA(control) + i * sizeof(int), sizeof(int));
+            fds.emplace_back(fd);
+        }
+    }
+}
+
+Failure check(const msghdr& message, size_t size, const Header& header, const Incoming& in) {
+    if ((message.msg_flags & MSG_CTRUNC) != 0) {
+        return {NO_MEMORY, "descriptors were lost on the way: no slot was free for them"};
+    }
+    if ((message.msg_flags & MSG_TRUNC) != 0) return {FAILED_TRANSACTION, "message too long"};
+    if (size < sizeof(Header)) return {FAILED_TRANSACTION, "bytes that are no message"};
+    if (header.kind != Header::CALL && header.kind != Header::ANSWER &&
+        header.kind != Header::REFUSED) {
+        return {FAILED_TRANSACTION, "bytes that are no message"};
+    }
+    if (header.fds != in.fds.size()) {
+        return {FAILED_TRANSACTION, "other descriptors than the message announces"};
+    }
+    return {};
+}
+
+}  // namespace
+
+Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadline deadline) {
+    if (sizeof(header) + out.bytes.size() > kMaxMessageBytes || out.fds.size() > kMaxMessageFds) {
+        return {FAILED_TRANSACTION, "the message is over the limits"};
+    }
+    std::array<iovec, 2> parts = {
+        iovec{const_cast<Header*>(&header), sizeof(header)},               // NOLINT
+        iovec{const_cast<uint8_t*>(out.bytes.data()), out.bytes.size()}};  // NOLINT
+    alignas(cmsghdr) Control control = {};
+    msghdr message = {};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = parts.size();
+    if (!out.fds.empty()) {
+        const size_t bytes = out.fds.size() * sizeof(int);
+        message.msg_control = control.data();
+        message.msg_controllen = CMSG_SPACE(bytes);
+        cmsghdr* const first = CMSG_FIRSTHDR(&message);
+        first->cmsg_level = SOL_SOCKET;
+        first->cmsg_type = SCM_RIGHTS;
+        first->cmsg_len = CMSG_LEN(bytes);
+        memcpy(CMSG_DATA(first), out.fds.data(), bytes);
+    }
+    for (;;) {
+        if (sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return {};
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return failureOf(errno);
+        const Failure waited = waitFor(socket, POLLOUT, deadline);
+        if (!waited.isOk()) return waited;
+    }
+}
+
+Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
+                       Deadline deadline) {
+    buffer.resize(kMaxMessageBytes);
+    alignas(cmsghdr) Control control = {};
+    iovec part = {buffer.data(), buffer.size()};
+    msghdr message = {};
+    for (;;) {
+        message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = control.data();
+        message.msg_controllen = control.size();
+        const ssize_t size = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        if (size == 0) return closedByPeer();
+        if (size > 0) {
+            const auto length = static_cast<size_t>(size);
+            collect(message, in.fds);
+            memcpy(&header, buffer.data(), std::min(sizeof(header), length));
+            const Failure fault = check(message, length, header, in);
+            if (!fault.isOk()) return fault;
+            in.data = buffer.data() + sizeof(header);
+            in.size = length - sizeof(header);
+            return {};
+        }
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN) return failureOf(errno);
+        const Failure waited = waitFor(socket, POLLIN, deadline);
+        if (!waited.isOk()) return waited;
+    }
+}
+
+}  // namespace host::detail

@@ -1,0 +1,77 @@
+#include "host/wire.h"
+
+namespace host {
+
+using ::android::hardware::hidl_handle;
+
+void Writer::append(const void* data, size_t size) {
+    if (size == 0) return;
+    const size_t at = mOut.bytes.size();
+    mOut.bytes.resize(at + size);
+    memcpy(&mOut.bytes[at], data, size);
+}
+
+void Writer::descriptor(UniqueFd fd) {
+    mOut.fds.push_back(fd.get());
+    mOut.handedOver.push_back(std::move(fd));
+}
+
+void Writer::write(const hidl_handle& handle) {
+    const native_handle_t* const native = handle.getNativeHandle();
+    write(native != nullptr);
+    if (native == nullptr) return;
+    write(native->numFds);
+    write(native->numInts);
+    append(&native->data[native->numFds], static_cast<size_t>(native->numInts) * sizeof(int));
+    mOut.fds.insert(mOut.fds.end(), &native->data[0], &native->data[native->numFds]);
+}
+
+bool Reader::take(void* data, size_t size) {
+    if (mFailed || size > left()) {
+        mFailed = true;
+        return false;
+    }
+    if (size > 0) memcpy(data, &mIn.data[mAt], size);
+    mAt += size;
+    return true;
+}
+
+UniqueFd Reader::descriptor() {
+    if (mFailed || mNextFd == mIn.fds.size()) {
+        mFailed = true;
+        return {};
+    }
+    return std::move(mIn.fds[mNextFd++]);
+}
+
+void Reader::read(hidl_handle& handle) {
+    uint8_t present = 0;
+    read(present);
+    if (mFailed || present == 0) return;
+    int32_t numFds = 0;
+    int32_t numInts = 0;
+    read(numFds);
+    read(numInts);
+    const size_t fdsLeft = mIn.fds.size() - mNextFd;
+    if (mFailed || present != 1 || numFds < 0 || numInts < 0 ||
+        static_cast<size_t>(numFds) > fdsLeft ||
+        static_cast<size_t>(numInts) > left() / sizeof(int)) {
+        mFailed = true;
+        return;
+    }
+    native_handle_t* const native = native_handle_create(numFds, numInts);
+    if (native == nullptr) {  // more than a handle may have
+        mFailed = true;
+        return;
+    }
+    take(&native->data[numFds], static_cast<size_t>(numInts) * sizeof(int));
+    for (int i = 0; i < numFds; ++i)
+        native->data[i] = descriptor().release();
+    handle.setTo(native, true);
+}
+
+bool Reader::complete() const {
+    return !mFailed && left() == 0 && mNextFd == mIn.fds.size();
+}
+
+}  // namespace host
