@@ -1,10 +1,10 @@
 // The registry of the client's buffers, and the queue of its requests.
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "host/mapper.h"
+#include "support/few_descriptors.h"
 #include "support/session_fixture.h"
 #include "support/spy_mapper.h"
 
@@ -13,24 +13,6 @@ namespace testing_support {
 using BuffersTest = SessionFixture;
 
 namespace {
-
-/** Leaves the process `spare` descriptors for the scope of this object. */
-class FewDescriptors {
-public:
-    explicit FewDescriptors(rlim_t spare) {
-        getrlimit(RLIMIT_NOFILE, &mBefore);
-        const int next = dup(STDERR_FILENO);  // the lowest free number
-        close(next);
-        const rlimit few = {static_cast<rlim_t>(next) + spare, mBefore.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
-    }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &mBefore); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit mBefore = {};
-};
 
 bool sameFile(const native_handle_t* a, const native_handle_t* b) {
     return a != nullptr && b != nullptr && a->numInts == b->numInts && a != b &&

@@ -1,18 +1,14 @@
 #include "served_channel.h"
 
 #include <android/log.h>
-#include <fcntl.h>
 #include <pthread.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <chrono>
-#include <filesystem>
-#include <system_error>
 #include <thread>
 
 #include "host/limits.h"
+#include "slot_reserve.h"
 #include "socket.h"
 
 #define LOG_TAG "transport"
@@ -23,28 +19,6 @@ namespace {
 
 void logEnd(const char* why) {
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "a channel ends: %s", why);
-}
-
-rlim_t slots() {
-    rlimit limit = {};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    return limit.rlim_cur;
-}
-
-/**
- * Whether the descriptors that came leave the reserve untouched. Numbers are given out from the
- * lowest, so a free first number of the reserve nearly always tells that all of it is free; only
- * when it is taken are the descriptors counted.
- */
-bool leaveReserve() {
-    const rlim_t first = slots() - kReservedFds;
-    const UniqueFd probe(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, static_cast<int>(first)));
-    if (static_cast<rlim_t>(probe.get()) == first) return true;
-    std::error_code error;
-    std::filesystem::directory_iterator entries("/proc/self/fd", error);
-    if (error) return false;
-    const auto used = static_cast<rlim_t>(std::distance(begin(entries), end(entries)));
-    return used + kReservedFds <= slots();
 }
 
 bool answer(int socket, const Header& call, Header::Kind kind, const Outgoing& out) {
@@ -79,7 +53,7 @@ bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer) {
         logEnd("bytes that are no call");
         return false;
     }
-    if (!in.fds.empty() && !leaveReserve()) {
+    if (!in.fds.empty() && !SlotReserve::isUntouched()) {
         in.fds.clear();
         return refuse(socket, call, "too few descriptor slots are free");
     }

@@ -16,6 +16,7 @@
 #include "host/channel.h"
 #include "host/remote.h"
 #include "served_channel.h"
+#include "slot_reserve.h"
 
 #define LOG_TAG "transport"
 
@@ -121,7 +122,7 @@ private:
 
     /** False when there was no slot for it. */
     bool acceptOne() {
-        UniqueFd socket(accept4(mSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        UniqueFd socket = accept();
         if (!socket.isValid()) return errno != EMFILE && errno != ENFILE;
         if (!isSameUser(socket.get())) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
@@ -143,6 +144,16 @@ private:
         return true;
     }
 
+    UniqueFd accept() const {
+        const auto take = [this] {
+            return UniqueFd(accept4(mSocket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        };
+        UniqueFd socket = take();
+        if (socket.isValid() || errno != EMFILE) return socket;
+        const detail::SlotReserve::Opened opened;
+        return take();
+    }
+
     void reap() {
         mConnections.remove_if([](Connection& connection) {
             if (!connection.ended) return false;
@@ -151,6 +162,7 @@ private:
         });
     }
 
+    const detail::SlotReserve mReserve;
     const std::string mPath;
     const UniqueFd mSocket;
     const UniqueFd mWake;

@@ -1,0 +1,34 @@
+#pragma once
+
+namespace host::detail {
+
+/**
+ * Keeps the last kReservedFds descriptor slots of the process out of everybody's reach while a
+ * server is there, by a lower limit: what clients cause (duplicates in queues, descriptors that
+ * arrive) ends before them. Thread-safe.
+ */
+class SlotReserve {
+public:
+    SlotReserve();
+    ~SlotReserve();
+    SlotReserve(const SlotReserve&) = delete;
+    SlotReserve& operator=(const SlotReserve&) = delete;
+
+    /** Opens the reserve for the scope of this object: for a connection that finds no other slot.
+     */
+    class Opened {
+    public:
+        Opened();
+        ~Opened();
+        Opened(const Opened&) = delete;
+        Opened& operator=(const Opened&) = delete;
+    };
+
+    /**
+     * Whether descriptors that have just arrived leave kReservedFds more slots free below the
+     * limit; if not, they are to be closed, so that calls without descriptors still find some.
+     */
+    static bool isUntouched();
+};
+
+}  // namespace host::detail

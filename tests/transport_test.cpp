@@ -1,0 +1,471 @@
+// Interfaces between processes. Client and provider share this one here, so that a test sees both
+// ends; who is hostile speaks to the socket itself.
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "host/channel.h"
+#include "host/remote.h"
+#include "support/few_descriptors.h"
+#include "support/leak_check.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+using android::hardware::hidl_death_recipient;
+using android::hardware::camera::common::V1_0::Status;
+using android::hidl::base::V1_0::IBase;
+
+namespace {
+
+constexpr uint32_t kCall = 0x464443;
+constexpr uint32_t kConfigure = 2;
+constexpr uint32_t kRequest = 3;
+
+/** A channel's socket without its manners. */
+class RawClient {
+public:
+    explicit RawClient(const std::string& path)
+        : mSocket(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        mAddress.sun_family = AF_UNIX;
+        strncpy(mAddress.sun_path, path.c_str(), sizeof(mAddress.sun_path) - 1);
+    }
+    bool connect() {
+        return ::connect(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) ==
+               0;
+    }
+    void send(const std::vector<uint8_t>& bytes, int fds = 0) {
+        std::vector<char> control(CMSG_SPACE(sizeof(int) * 70));
+        iovec part = {const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        msghdr message = {};
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        if (fds > 0) {
+            message.msg_control = control.data();
+            message.msg_controllen = CMSG_SPACE(sizeof(int) * static_cast<size_t>(fds));
+            cmsghdr* const first = CMSG_FIRSTHDR(&message);
+            first->cmsg_level = SOL_SOCKET;
+            first->cmsg_type = SCM_RIGHTS;
+            first->cmsg_len = CMSG_LEN(sizeof(int) * static_cast<size_t>(fds));
+            const std::vector<int> copies(static_cast<size_t>(fds), STDERR_FILENO);
+            memcpy(CMSG_DATA(first), copies.data(), sizeof(int) * copies.size());
+        }
+        EXPECT_GE(sendmsg(mSocket.get(), &message, MSG_NOSIGNAL), 0);
+    }
+    /** Whether the other end has closed, or closes before it answers. */
+    bool isClosed() {
+        char byte = 0;
+        return recv(mSocket.get(), &byte, 1, 0) <= 0;
+    }
+
+private:
+    const host::UniqueFd mSocket;
+    sockaddr_un mAddress = {};
+};
+
+std::vector<uint8_t> message(std::initializer_list<uint32_t> words, size_t more = 0) {
+    std::vector<uint8_t> bytes(words.size() * 4 + more);
+    memcpy(bytes.data(), words.begin(), words.size() * 4);
+    return bytes;
+}
+
+}  // namespace
+
+class TransportTest : public SessionFixture {
+protected:
+    TransportTest() {
+        char name[] = "/tmp/fdstream-test-XXXXXX";
+        folder = mkdtemp(name);
+        path = folder + "/socket";
+        serve();
+    }
+    ~TransportTest() override {
+        remote.clear();
+        endCallback();
+        server.reset();
+        std::filesystem::remove_all(folder);
+    }
+
+    void serve() {
+        std::string problem;
+        server = host::Server::listen(path, client, problem);
+        ASSERT_NE(server, nullptr) << problem;
+        remote = host::connect<IFDSession>(path, problem);
+        ASSERT_NE(remote, nullptr) << problem;
+    }
+    /** A call answered with this status. */
+    static void expectStatus(const Return<Status>& answer, Status status) {
+        ASSERT_TRUE(answer.isOk()) << answer.description();
+        EXPECT_EQ(static_cast<Status>(answer), status);
+    }
+    void setUpStream() {
+        expectStatus(remote->setCallback(callback), Status::OK);
+        expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    }
+
+    /** Waits until no thread is in the callback, or will be. */
+    void endCallback() {
+        session->handleSetCallback(nullptr);
+        callback.clear();
+        deliveries.waitForDeath();
+    }
+
+    std::string folder;
+    std::string path;
+    std::unique_ptr<host::Server> server;
+    sp<IFDSession> remote;
+};
+
+TEST_F(TransportTest, CarriesEveryFieldAndEveryDescriptor) {
+    EXPECT_TRUE(remote->isRemote());
+    EXPECT_TRUE(remote->ping().isOk());
+    setUpStream();
+    StreamConfiguration kept = {};
+    const StreamConfiguration sent = configurationOf(0);
+    EXPECT_EQ(session->getConfiguration(kept), 0);
+    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): both value-initialised, padding too
+    EXPECT_EQ(memcmp(&kept.streams[0], &sent.streams[0], sizeof(Stream)), 0);
+    EXPECT_EQ(kept.operationMode, sent.operationMode);
+
+    native_handle_t* const fence = native_handle_create(2, 3);
+    fence->data[0] = dup(STDERR_FILENO);
+    fence->data[1] = dup(STDERR_FILENO);
+    fence->data[4] = 77;
+    CaptureRequest request = requestFor(9, UINT64_MAX, buffer.handle());
+    request.fmqSettingsSize = 5;
+    request.settings = {1, 2, 3};
+    request.inputBuffer.bufferId = 8;
+    request.outputBuffers[0].acquireFence.setTo(fence, true);
+    expectStatus(remote->processCaptureRequest(request), Status::OK);
+    const CaptureRequest taken = take();
+    EXPECT_EQ(taken.frameNumber, 9U);
+    EXPECT_EQ(taken.fmqSettingsSize, 5U);
+    EXPECT_TRUE(taken.settings == request.settings);
+    EXPECT_EQ(taken.inputBuffer.streamId, -1);
+    EXPECT_EQ(taken.inputBuffer.bufferId, 8U);
+    ASSERT_NE(taken.outputBuffers[0].acquireFence.getNativeHandle(), nullptr);
+    EXPECT_EQ(taken.outputBuffers[0].acquireFence->numFds, 2);
+    EXPECT_EQ(taken.outputBuffers[0].acquireFence->data[4], 77);
+
+    CaptureResult result = resultFor(taken);
+    result.fmqResultSize = 6;
+    result.result = {4, 5};
+    result.partialResult = 1;
+    session->sendCaptureResult(result);
+    const CaptureResult came = deliveries.waitFor(1)[0].result;
+    EXPECT_EQ(came.frameNumber, 9U);
+    EXPECT_EQ(came.fmqResultSize, 6U);
+    EXPECT_TRUE(came.result == result.result);
+    EXPECT_EQ(came.partialResult, 1U);
+    EXPECT_EQ(came.outputBuffers[0].bufferId, UINT64_MAX);
+    EXPECT_EQ(came.outputBuffers[0].acquireFence->numFds, 2);
+    FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
+    session->sendNotify(msg);
+    EXPECT_EQ(memcmp(&deliveries.notified()[0], &msg, sizeof(msg)), 0);
+}
+
+TEST_F(TransportTest, AnswersARefusalAndGoesOn) {
+    setUpStream();
+    native_handle_t* const noBuffer = native_handle_create(1, 1);
+    noBuffer->data[0] = dup(STDERR_FILENO);
+    hidl_handle owned;
+    owned.setTo(noBuffer, true);
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, noBuffer)),
+                 Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)),
+                 Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+}
+
+TEST_F(TransportTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {
+    // The next request goes out from inside; the provider's thread notifies at the same time.
+    constexpr uint32_t kFrames = 200;
+    std::atomic<uint32_t> next{2};
+    callback->during = [&] {
+        const uint32_t frame = next++;
+        if (frame <= kFrames) {
+            expectStatus(remote->processCaptureRequest(requestFor(frame, 1, nullptr)), Status::OK);
+        }
+    };
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
+    uint32_t served = 0;
+    FDNotifyMsg msg = {};
+    EXPECT_TRUE(eventually([&] {
+        msg.value = served;
+        session->sendNotify(msg);
+        CaptureRequest request = {};
+        if (session->getProcessCaptureRequest(request) != 0) return false;
+        session->sendCaptureResult(resultFor(request));
+        return ++served == kFrames;
+    }));
+    deliveries.waitFor(kFrames);
+    EXPECT_EQ(log.count("a channel ends: the answer is to another call"), 0);
+    endCallback();
+}
+
+TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
+    struct Fault {
+        const char* name;
+        std::vector<uint8_t> bytes;
+        int fds;
+    };
+    // A request: frame number, settings size, settings, then the input buffer from byte 16 on.
+    std::vector<uint8_t> manyInts = message({kCall, kRequest, 1, 0}, 60);
+    manyInts[16 + 16 + 12] = 1;                    // the input buffer has a handle
+    memset(&manyInts[16 + 16 + 13 + 4], 0x7f, 4);  // of very many integers
+    std::vector<uint8_t> manyFds = manyInts;
+    memset(&manyFds[16 + 16 + 13], 0x7f, 4);
+    std::vector<uint8_t> negative = manyInts;
+    memset(&negative[16 + 16 + 13], 0xff, 8);
+    const Fault faults[] = {
+        {"bytes that are no message", std::vector<uint8_t>(40, 0x55), 0},
+        {"a truncated header", message({kCall, kConfigure}), 0},
+        {"an answer without a call", message({0x464441, 1, 1, 0}), 0},
+        {"no such method", message({kCall, 99, 1, 0}), 0},
+        {"a truncated record", message({kCall, kRequest, 1, 0, 5}), 0},
+        {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0},
+        {"a count beyond the bytes", message({kCall, kConfigure, 1, 0, 3, 0}, 72), 0},
+        {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0},
+        {"integers that are not there", manyInts, 0},
+        {"descriptors that are not there", manyFds, 0},
+        {"negative counts", negative, 0},
+        {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2},
+        {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1},
+        {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2},
+        {"a callback that is no channel", message({kCall, 1, 1, 1}, 1), 1},
+        {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
+         0},
+    };
+    setUpStream();
+    for (const Fault& fault : faults) {
+        log.clear();
+        RawClient hostile(path);
+        ASSERT_TRUE(hostile.connect());
+        std::vector<uint8_t> bytes = fault.bytes;
+        if (strcmp(fault.name, "a callback that is no channel") == 0) bytes.back() = 1;
+        hostile.send(bytes, fault.fds);
+        EXPECT_TRUE(hostile.isClosed()) << fault.name;
+        EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
+        EXPECT_TRUE(remote->ping().isOk()) << fault.name;
+    }
+    // One that is cut off in the middle is no fault.
+    log.clear();
+    {
+        RawClient gone(path);
+        EXPECT_TRUE(gone.connect());
+    }
+    EXPECT_TRUE(remote->ping().isOk());
+    EXPECT_TRUE(log.texts("transport").empty());
+}
+
+TEST_F(TransportTest, FailsACallWhoseDescriptorsFindNoSlot) {
+    setUpStream();
+    const CaptureRequest request = requestFor(1, 1, buffer.handle());
+    {
+        const FewDescriptors few(host::kReservedFds);
+        const Return<Status> refused = remote->processCaptureRequest(request);
+        EXPECT_FALSE(refused.isOk());
+        EXPECT_NE(refused.description().find("too few descriptor slots are free"),
+                  std::string::npos);
+        EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
+    }
+    expectStatus(remote->processCaptureRequest(request), Status::OK);
+    {
+        const FewDescriptors none(0);
+        const Return<Status> lost = remote->processCaptureRequest(request);
+        EXPECT_FALSE(lost.isOk());
+        EXPECT_NE(lost.description().find("no slot was free for them"), std::string::npos);
+    }
+    EXPECT_FALSE(remote->ping().isOk());  // that channel is at its end
+    std::string problem;
+    const sp<IFDSession> again = host::connect<IFDSession>(path, problem);
+    ASSERT_NE(again, nullptr) << problem;
+    EXPECT_TRUE(again->ping().isOk());
+}
+
+TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
+    RawClient early(path);
+    RawClient late(path);
+    {
+        // A connection still gets one of the reserved slots; without those it waits.
+        const FewDescriptors none(0);
+        EXPECT_TRUE(early.connect());
+        early.send(message({kCall, 99, 1, 0}));
+        EXPECT_TRUE(early.isClosed());
+    }
+    std::promise<void> closed;
+    std::thread waiting;
+    {
+        const FewDescriptors none(0, host::kReservedFds);
+        EXPECT_TRUE(late.connect());
+        late.send(message({kCall, 99, 1, 0}));
+        EXPECT_TRUE(remote->ping().isOk());
+    }
+    EXPECT_TRUE(late.isClosed());
+    EXPECT_TRUE(remote->ping().isOk());
+}
+
+TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
+    // Takes as long as the bounded wait, which is what it is about.
+    std::mutex gate;
+    std::unique_lock<std::mutex> closed(gate);
+    callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
+    const auto start = std::chrono::steady_clock::now();
+    serveOne();  // the monitor waits ...
+    deliveries.waitFor(1);
+    FDNotifyMsg msg = {};
+    session->sendNotify(msg);  // ... and so does this thread, each on its own account
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, host::kCallPatience - std::chrono::milliseconds(100));
+    EXPECT_LT(waited, 2 * host::kCallPatience);
+    EXPECT_TRUE(
+        log.waitFor("threadLoop: processCaptureResult transaction failed: "
+                    "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'"));
+    const auto before = std::chrono::steady_clock::now();
+    for (int i = 0; i < 100; ++i)
+        session->sendNotify(msg);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, host::kCallPatience);
+    closed.unlock();
+    EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
+    endCallback();
+}
+
+TEST_F(TransportTest, TellsOfTheEndOfItsPeer) {
+    struct Recipient : public hidl_death_recipient {
+        void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+            died.set_value({cookie, who.promote() != nullptr});
+        }
+        std::promise<std::pair<uint64_t, bool>> died;
+    };
+    const sp<Recipient> told = new Recipient;
+    const sp<Recipient> unlinked = new Recipient;
+    EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));
+    EXPECT_TRUE(bool(remote->linkToDeath(unlinked, 43)));
+    EXPECT_TRUE(bool(remote->unlinkToDeath(unlinked)));
+    EXPECT_FALSE(bool(remote->unlinkToDeath(unlinked)));
+    EXPECT_FALSE(bool(remote->linkToDeath(nullptr, 1)));
+    server.reset();
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_EQ(told->died.get_future().get(), (std::pair<uint64_t, bool>{42, true}));
+    const Return<Status> answer = remote->configure(configurationOf(0));
+    EXPECT_FALSE(answer.isOk());
+    EXPECT_EQ(answer.description(),
+              "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the connection'");
+    remote.clear();
+    EXPECT_EQ(unlinked->died.get_future().wait_for(std::chrono::seconds(0)),
+              std::future_status::timeout);
+}
+
+TEST_F(TransportTest, SaysWhyItCannotListen) {
+    const auto problemWith = [this](const std::string& where) {
+        std::string problem;
+        EXPECT_EQ(host::Server::listen(where, client, problem), nullptr);
+        return problem;
+    };
+    EXPECT_EQ(problemWith(path), path + " is in use by another provider");
+    std::ofstream(folder + "/file") << "text";
+    EXPECT_EQ(problemWith(folder + "/file"), folder + "/file exists and is not a socket");
+    EXPECT_NE(problemWith(folder + "/no/socket").find("No such file"), std::string::npos);
+    EXPECT_NE(problemWith(std::string(200, 'x')).find("1 to 107 characters"), std::string::npos);
+    std::string problem;
+    EXPECT_EQ(host::connect<IFDSession>(folder + "/nobody", problem), nullptr);
+    EXPECT_NE(problem.find("No such file"), std::string::npos);
+
+    // What a killed provider left behind is taken over.
+    remote.clear();
+    std::filesystem::rename(path, folder + "/left");
+    server.reset();
+    std::filesystem::rename(folder + "/left", path);
+    serve();
+    struct stat file = {};
+    EXPECT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777U, 0600U);
+}
+
+TEST_F(TransportTest, RefusesAnotherUser) {
+    if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+    const auto connectAsNobody = [this] {
+        RawClient other(path);
+        const pid_t child = fork();
+        if (child == 0) {
+            if (setresuid(65534, 65534, 65534) != 0) _exit(2);
+            _exit(other.connect() && !other.isClosed() ? 1 : 0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        return status;
+    };
+    EXPECT_EQ(connectAsNobody(), 0);
+    // Even when the file's mode and folder would let it.
+    std::filesystem::permissions(folder, std::filesystem::perms::all);
+    std::filesystem::permissions(path, std::filesystem::perms::all);
+    EXPECT_EQ(connectAsNobody(), 0);
+    EXPECT_TRUE(eventually([&] { return log.count("another user's connection is refused") == 1; }));
+}
+
+// ---- The limits, each one below, at, and one above ----
+
+TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
+    setUpStream();
+    for (const int beyond : {-1, 0, 1}) {
+        const bool fits = beyond <= 0;
+        const auto offset = [beyond](size_t limit) {
+            return static_cast<size_t>(static_cast<int64_t>(limit) + beyond);
+        };
+        // Bytes of a message: all that a request takes without settings, and settings.
+        CaptureRequest request = requestFor(1, 1, nullptr);
+        constexpr size_t kWithoutSettings = 16 + 16 + 19 + 4 + 19;
+        request.settings.resize(offset(host::kMaxMessageBytes - kWithoutSettings));
+        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "bytes " << beyond;
+
+        // Descriptors of a message.
+        const size_t fds = offset(host::kMaxMessageFds);
+        native_handle_t* const fence = native_handle_create(static_cast<int>(fds), 0);
+        std::fill_n(&fence->data[0], fds, STDERR_FILENO);
+        request = requestFor(1, 1, nullptr);
+        request.outputBuffers[0].acquireFence = fence;
+        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;
+        native_handle_delete(fence);
+
+        // Free slots when a descriptor arrives: it takes one itself.
+        {
+            const FewDescriptors few(
+                static_cast<rlim_t>(static_cast<int>(host::kReservedFds) + 1 - beyond));
+            const CaptureRequest brings = requestFor(1, 2, buffer.handle());
+            const Return<Status> answer = remote->processCaptureRequest(brings);
+            EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;
+        }
+
+        // Connections: this test's own is one of them.
+        const int descriptors = Holdings::now().descriptors;
+        std::vector<sp<IFDSession>> connections;
+        std::string problem;
+        while (connections.size() + 1 < offset(host::kMaxConnections)) {
+            connections.push_back(host::connect<IFDSession>(path, problem));
+            ASSERT_NE(connections.back(), nullptr) << problem;
+        }
+        EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
+        connections.clear();
+        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors == descriptors; }));
+    }
+    EXPECT_TRUE(remote->ping().isOk());
+}
+
+}  // namespace testing_support
