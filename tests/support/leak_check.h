@@ -13,6 +13,10 @@ struct Holdings {
     int bufferMappings = 0;  ///< mappings of buffer memory, the mapper's and the tests' own
 
     static Holdings now();
+    bool isWithin(const Holdings& limit) const {
+        return descriptors <= limit.descriptors && threads <= limit.threads &&
+               bufferMappings <= limit.bufferMappings;
+    }
     /** Empty when equal, else a sentence for each difference. */
     std::string differenceFrom(const Holdings& before) const;
 };
