@@ -328,7 +328,10 @@ TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
     EXPECT_FALSE(importsFile(memory(6144, F_SEAL_GROW)));
     EXPECT_FALSE(importsFile(memory(6143, F_SEAL_SHRINK)));
     EXPECT_FALSE(importsFile(memory(6144, F_SEAL_SHRINK | F_SEAL_WRITE)));
-    EXPECT_FALSE(importsFile(memory(off_t{257} << 20, F_SEAL_SHRINK)));
+    const auto most = static_cast<off_t>(host::kMaxBufferBytes);
+    EXPECT_TRUE(importsFile(memory(most - 1, F_SEAL_SHRINK)));
+    EXPECT_TRUE(importsFile(memory(most, F_SEAL_SHRINK)));
+    EXPECT_FALSE(importsFile(memory(most + 1, F_SEAL_SHRINK)));
     const int writable = memory(6144, F_SEAL_SHRINK);
     const std::string name = "/proc/self/fd/" + std::to_string(writable);
     EXPECT_FALSE(importsFile(open(name.c_str(), O_RDONLY | O_CLOEXEC)));
@@ -343,7 +346,7 @@ TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
 
     native_handle_close(forged);
     native_handle_delete(forged);
-    EXPECT_EQ(host::mapperCounters().imports - before.imports, 2);
+    EXPECT_EQ(host::mapperCounters().imports - before.imports, 4);
     EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
 }
 
