@@ -16,11 +16,14 @@ bool serveOneRequest(const sp<FDSession>& session, uint8_t brightness) {
         usleep(1000);
     }
 
-    // The camera's work: a packed frame for the client's buffer, which may have wider rows.
-    std::vector<uint8_t> frame(1280 * 720 * 3 / 2, brightness);
-    const uint64_t bufferId = request.outputBuffers[0].bufferId;
-    const sp<GraphicBuffer> buffer = session->getBufferForId(bufferId);
-    const bool filled = buffer != nullptr && ZoruUtil::copyTo(frame.data(), buffer) == 0;
+    // The camera's work: a packed frame of the size that the client chose, whose rows may be wider.
+    const sp<GraphicBuffer> buffer = session->getBufferForId(request.outputBuffers[0].bufferId);
+    bool filled = false;
+    if (buffer != nullptr) {
+        const size_t pixels = size_t{buffer->getWidth()} * buffer->getHeight();
+        std::vector<uint8_t> frame(pixels * 3 / 2, brightness);
+        filled = ZoruUtil::copyTo(frame.data(), buffer) == 0;
+    }
 
     CaptureResult result = {};
     result.frameNumber = request.frameNumber;

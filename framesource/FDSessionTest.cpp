@@ -30,7 +30,15 @@ FDSessionTest::FDSessionTest()
                             __func__);
         return;
     }
-    run("FDSessionTest", ::android::PRIORITY_DEFAULT, 0);
+    // Without a thread the reference that run() takes would be the last, and its end the object's,
+    // in the middle of its construction. So one is held here; it stays when there is no thread.
+    incStrong(this);
+    if (run("FDSessionTest", ::android::PRIORITY_DEFAULT, 0) == ::android::NO_ERROR) {
+        decStrong(this);
+        return;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                        "%s: no thread could be made, and the object stays \n", __func__);
 }
 
 FDSessionTest::~FDSessionTest() {
@@ -75,30 +83,32 @@ void FDSessionTest::serve(CaptureRequest& request) {
     result.outputBuffers = std::move(request.outputBuffers);
     result.outputBuffers[0].status = BufferStatus::OK;
     result.inputBuffer.streamId = -1;  // there is none
-    fill(result.outputBuffers[0]);
+    // Kept until the result is sent.
+    const sp<GraphicBuffer> filled = fill(result.outputBuffers[0]);
     mFdSession->sendCaptureResult(result);
 }
 
-void FDSessionTest::fill(const StreamBuffer& buffer) {
+sp<GraphicBuffer> FDSessionTest::fill(const StreamBuffer& buffer) {
     const auto& stream = mLastConfiguration.streams[0];
-    const sp<GraphicBuffer> graphicBuffer =
+    sp<GraphicBuffer> graphicBuffer =
         new GraphicBuffer(buffer.buffer, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                           HAL_PIXEL_FORMAT_YCBCR_420_888, 1, stream.usage, stream.width);
     if (graphicBuffer->initCheck() != 0) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: GraphicBuffer failed \n",
                             "threadLoop");
-        return;
+        return graphicBuffer;
     }
     uint8_t* const frame = mFile.getFrame();
-    if (frame == nullptr) return;
+    if (frame == nullptr) return graphicBuffer;
     if (packedBytes(graphicBuffer->width, graphicBuffer->height) >
         packedBytes(kFrameWidth, kFrameHeight)) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "%s: a frame of the file is too small for width(%d) height(%d) \n",
                             "threadLoop", graphicBuffer->width, graphicBuffer->height);
-        return;
+        return graphicBuffer;
     }
     ZoruUtil::copyTo(frame, graphicBuffer);
+    return graphicBuffer;
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

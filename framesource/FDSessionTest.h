@@ -33,7 +33,8 @@ private:
     // REQUIRES: mLoopLock is held.
     bool updateConfiguration();
     void serve(CaptureRequest & request);
-    void fill(const StreamBuffer& buffer);
+    /** Copies the next frame into the buffer, as far as both are there; returns its wrapper. */
+    sp<GraphicBuffer> fill(const StreamBuffer& buffer);
 
     // Held for each pass, but for its pause.
     ::android::Mutex mLoopLock;

@@ -209,7 +209,7 @@ YCbCrLayout HandleImporter::lockYCbCrInternal(const sp<M>& mapper, buffer_handle
     };
     logTransport(
         mapper->lockYCbCr(toBuffer(handle), cpuUsage, toRect<M>(accessRegion), hidl_handle(), keep),
-        "lockYCbCrInternal");
+        "lockYCbCr");
     return layout;
 }
 
@@ -231,7 +231,7 @@ int HandleImporter::unlockInternal(const sp<M>& mapper, buffer_handle_t& handle)
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: failed to unlock error %d!",
                             "operator()", static_cast<int>(error));
     };
-    logTransport(mapper->unlock(toBuffer(handle), keep), "unlockInternal");
+    logTransport(mapper->unlock(toBuffer(handle), keep), "unlock");
     return releaseFence;
 }
 

@@ -23,7 +23,8 @@ using MapperV3 = ::android::hardware::graphics::mapper::V3_0::IMapper;
  * Prefers mapper 3.0 and falls back to 2.0. Connects on the first operation that needs a mapper,
  * and asks again each time while there is none. Failures are told by results and the log.
  *
- * Thread-safe but for cleanup(), which must not run beside another operation. Not copied.
+ * Thread-safe, but cleanup() must not run beside another operation, and unlock(), which takes no
+ * lock, not beside the first one that connects. Not copied.
  */
 class HandleImporter {
 public:

@@ -65,6 +65,13 @@ void logNotDuplicated(const char* operation, const StreamBuffer& buffer) {
                         static_cast<unsigned long long>(buffer.bufferId));
 }
 
+/** Without its fence a frame could be read too early: such a buffer goes back as not filled. */
+void returnUnfilledUnlessWhole(StreamBuffer& copy, const StreamBuffer& original) {
+    if (isWhole(copy, original)) return;
+    logNotDuplicated("sendCaptureResult", copy);
+    copy.status = BufferStatus::ERROR;
+}
+
 }  // namespace
 
 // Destroyed in the reverse of this order when the library goes.
@@ -78,8 +85,9 @@ using Lock = std::lock_guard<std::recursive_mutex>;
  * Ends the monitor while sInstance still holds the session. Else the thread, in the middle of a
  * pass, would hold the last reference and run the destructor in code that is being unmapped.
  *
- * Does nothing without a session, in a forked child, which has no such thread, and on the monitor
- * thread itself. Takes no lock, because the pass it waits for does.
+ * Does nothing without a session, in a forked child, which has no such thread, on the monitor
+ * thread itself, and inside an observer's operation, whose lock the monitor may be waiting for.
+ * Takes no lock, because the pass it waits for does.
  */
 class MonitorStopper {
 public:
@@ -89,11 +97,13 @@ public:
     ~MonitorStopper() {
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
+        if (session->mObserverCalls.isInside()) return;
         if (session->stopMonitor() != ::android::NO_ERROR) return;
         // A thread counts as ended just before it drops its own reference.
         for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
             usleep(1000);
-        const int32_t others = session->getStrongCount() - 1;
+        const int32_t others =
+            session->getStrongCount() - 1 + session->mInterface->getStrongCount() - 1;
         if (others == 0) return;
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "the library goes while %d references to the session are held \n",
@@ -324,26 +334,27 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
                             buffer.streamId, mConfiguration.streams[0].id);
         return -1;
     }
-    if (!isWhole(buffer, request.outputBuffers[0])) {
+    CaptureRequestItem item = {request, 0};
+    if (!isWhole(buffer, request.outputBuffers[0]) ||
+        !isWhole(item.request.inputBuffer, request.inputBuffer) ||
+        !areWhole(item.request.outputBuffers, request.outputBuffers)) {
         logNotDuplicated(__func__, buffer);
         return -1;
     }
 
-    const size_t registered = mCirculatingBuffers[buffer.streamId].size();
+    const size_t known = mGraphicBuffers.size();
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
-
-    CaptureRequestItem item = {request, 0};
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
     const hidl_handle registeredHandle(handle);
-    StreamBuffer& output = item.request.outputBuffers[0];
-    const bool whole = isWhole(item.request.inputBuffer, request.inputBuffer) &&
-                       areWhole(item.request.outputBuffers, request.outputBuffers);
-    output.buffer = registeredHandle;
-    if (!whole || isSet(output.buffer) != isSet(registeredHandle)) {
+    item.request.outputBuffers[0].buffer = registeredHandle;
+    if (isSet(item.request.outputBuffers[0].buffer) != isSet(registeredHandle)) {
         logNotDuplicated(__func__, buffer);
-        // The client is told of a refusal, so the id must not stay known with this handle.
-        if (mCirculatingBuffers[buffer.streamId].size() > registered) freeBuffer(buffer);
+        if (mGraphicBuffers.size() > known) {
+            // The client is told of a refusal, so nothing of this handle must stay.
+            freeBuffer(buffer);
+            mGraphicBuffers.erase(buffer.bufferId);
+        }
         return -1;
     }
 
@@ -374,35 +385,52 @@ void FDSessionImpl::countRequests() {
 // ---- The results ----
 
 void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
-    const std::lock_guard<std::mutex> lock(mResultMutex);
-    mCaptureResults.push_back(result);
-    CaptureResult& queued = mCaptureResults.back();
-    if (!areWhole(queued.outputBuffers, result.outputBuffers)) {
-        // Without its fence a frame could be read too early: the buffer goes back as not filled.
-        logNotDuplicated(__func__, queued.outputBuffers[0]);
-        queued.outputBuffers[0].status = BufferStatus::ERROR;
+    CaptureResult copy = result;
+    for (size_t i = 0; i < result.outputBuffers.size(); ++i) {
+        returnUnfilledUnlessWhole(copy.outputBuffers[i], result.outputBuffers[i]);
     }
+    returnUnfilledUnlessWhole(copy.inputBuffer, result.inputBuffer);
+
+    const std::lock_guard<std::mutex> lock(mResultMutex);
+    mCaptureResults.push_back(std::move(copy));
     mResultCondition.notify_all();
 }
 
 namespace {
 
 // Two bytes that are one chroma sample, at any address, in memory that other types describe too.
+// Only by its name has it these properties: a template's parameter would lose them.
 using ChromaPair = uint16_t __attribute__((aligned(1), may_alias));
 
-/** Exchanges two rows that do not overlap, sample by sample, each turned end for end. */
-template <typename Sample>
-void exchangeReversed(Sample* __restrict top, Sample* __restrict bottom, size_t count) {
+/** Exchanges two rows that do not overlap, each turned end for end. */
+void exchangeLuma(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
     for (size_t i = 0; i < count; ++i) {
-        const Sample sample = top[i];
+        const uint8_t sample = top[i];
         top[i] = bottom[count - 1 - i];
         bottom[count - 1 - i] = sample;
     }
 }
 
+void exchangeChroma(ChromaPair* __restrict top, ChromaPair* __restrict bottom, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        const uint16_t pair = top[i];
+        top[i] = bottom[count - 1 - i];
+        bottom[count - 1 - i] = pair;
+    }
+}
+
+/** Turns a row without a partner end for end. */
+void turnChromaRow(ChromaPair* row, size_t count) {
+    for (size_t i = 0; i < count / 2; ++i) {
+        const uint16_t pair = row[i];
+        row[i] = row[count - 1 - i];
+        row[count - 1 - i] = pair;
+    }
+}
+
 void turnLuma(uint8_t* luma, size_t stride, size_t width, size_t rows) {
     for (size_t row = 0; row < rows / 2; ++row) {
-        exchangeReversed(luma + row * stride, luma + (rows - 1 - row) * stride, width);
+        exchangeLuma(luma + row * stride, luma + (rows - 1 - row) * stride, width);
     }
     if (rows % 2 != 0) {
         uint8_t* const middle = luma + rows / 2 * stride;
@@ -416,13 +444,13 @@ void turnChroma(uint8_t* chroma, size_t stride, size_t width, size_t rows) {
     };
     for (size_t row = 0; row < rows / 2; ++row) {
         const size_t partner = rows - 1 - row;
-        exchangeReversed(pairsOf(row), pairsOf(partner), width / 2);
+        exchangeChroma(pairsOf(row), pairsOf(partner), width / 2);
         // An odd width leaves a byte that belongs to no pair of the row: it keeps its column.
         if (width % 2 != 0) {
             std::swap(chroma[row * stride + width - 1], chroma[partner * stride + width - 1]);
         }
     }
-    if (rows % 2 != 0) std::reverse(pairsOf(rows / 2), pairsOf(rows / 2) + width / 2);
+    if (rows % 2 != 0) turnChromaRow(pairsOf(rows / 2), width / 2);
 }
 
 void turnFrame(const android_ycbcr& ycbcr, int width, int height) {
@@ -622,12 +650,11 @@ void FDSessionImpl::getTrackControl(TrackControl& trackControl) {
 }
 
 void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
-    ISceneCallback* previous = sceneCallback;
     {
         const Lock lock(sLock);
-        std::swap(mSceneCallback, previous);
+        mSceneCallback = sceneCallback;
     }
-    if (previous != sceneCallback) mObserverCalls.waitUntilLeft(previous);
+    mObserverCalls.waitForAllBut(sceneCallback);
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

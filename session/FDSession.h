@@ -42,8 +42,9 @@ using ::vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackingMode;
  * Hears of every scene, PTZ and tracking control that is stored in the session. The session holds a
  * plain pointer and owns nothing; what an operation gets is a copy of its own.
  *
- * The operations run on the thread that stores. They may call the session, but must not wait for
- * another thread that needs it: all but onTrackControl() run with the session locked.
+ * The operations run on the thread that stores, all but onTrackControl() with the session locked.
+ * They may call the session. They must not wait for another thread that needs it, and none may wait
+ * for a thread that replaces the observer: that thread waits for them.
  */
 class ISceneCallback {
 public:
@@ -100,9 +101,9 @@ public:
     virtual void setTrackControl(const TrackControl& trackControl) = 0;
     virtual void getTrackControl(TrackControl& trackControl) = 0;
     /**
-     * Registers the observer, null for none. On return no call of the old one is under way, so it
-     * may be destroyed; unless this is called from inside an observer's operation, which never
-     * waits.
+     * Registers the observer, null for none. On return no call of any other one is under way,
+     * so those may be destroyed; unless this is called from inside an observer's operation, which
+     * never waits.
      */
     virtual void setSceneCallback(ISceneCallback* sceneCallback) = 0;
 

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdint>
+#include <iterator>
 #include <mutex>
 #include <thread>
-#include <utility>
 #include <vector>
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
@@ -19,7 +20,7 @@ class ObserverCalls {
 public:
     void begin(const ISceneCallback* observer) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.emplace_back(std::this_thread::get_id(), observer);
+        mCalls.push_back({std::this_thread::get_id(), observer, mNext++});
     }
 
     /** Ends the calling thread's latest call. */
@@ -30,24 +31,41 @@ public:
         mEnded.notify_all();
     }
 
-    /** Waits until no thread is inside `observer`; not at all from inside a call. */
-    void waitUntilLeft(const ISceneCallback* observer) {
+    /**
+     * Waits until every call has ended that is under way now, but for those of `current`; not at
+     * all from inside a call.
+     */
+    void waitForAllBut(const ISceneCallback* current) {
         std::unique_lock<std::mutex> lock(mMutex);
         if (std::any_of(mCalls.begin(), mCalls.end(), isMine)) return;
+        const uint64_t later = mNext;
         mEnded.wait(lock, [&] {
-            return std::none_of(mCalls.begin(), mCalls.end(),
-                                [&](const Call& call) { return call.second == observer; });
+            return std::none_of(mCalls.begin(), mCalls.end(), [&](const Call& call) {
+                return call.observer != current && call.number < later;
+            });
         });
     }
 
-private:
-    using Call = std::pair<std::thread::id, const ISceneCallback*>;
+    /** Whether the calling thread is inside a call. */
+    bool isInside() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return std::any_of(mCalls.begin(), mCalls.end(), isMine);
+    }
 
-    static bool isMine(const Call& call) { return call.first == std::this_thread::get_id(); }
+private:
+    struct Call {
+        std::thread::id thread;
+        const ISceneCallback* observer;
+        uint64_t number;
+    };
+
+    static bool isMine(const Call& call) { return call.thread == std::this_thread::get_id(); }
 
     std::mutex mMutex;
     std::condition_variable mEnded;
-    std::vector<Call> mCalls;  // guarded by mMutex
+    // Guarded by mMutex.
+    std::vector<Call> mCalls;
+    uint64_t mNext = 0;
 };
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "FDSessionTest.h"
+#include "host/threads.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
 
@@ -79,6 +80,15 @@ TEST_F(FrameSourceTest, LivesThroughItsFirstPassBeforeItsMakerHoldsIt) {
     source = made;
     EXPECT_EQ(made->getStrongCount(), 2);
     ASSERT_TRUE(gate->passOnce());
+}
+
+TEST_F(FrameSourceTest, StaysWhenNoThreadCanBeMade) {
+    host::failNextThreadStart();
+    auto* const made = new FDSessionTest;
+    EXPECT_EQ(made->getStrongCount(), 1);
+    EXPECT_EQ(log.count("FDSessionTest: no thread could be made, and the object stays \n"), 1);
+    source = made;
+    made->decStrong(this);  // what the maker's reference cannot know of
 }
 
 TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {

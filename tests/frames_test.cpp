@@ -144,6 +144,7 @@ TEST_F(FramesTest, TellsWhyAFrameIsNotCopied) {
     const sp<GraphicBuffer> wide = wrap(allocate(8, 4, wideSpec));
     const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);
     const sp<GraphicBuffer> small = wrap(allocate(4, 4));
+    const sp<GraphicBuffer> low = wrap(allocate(8, 2));
     std::vector<uint8_t> memory(48, 9);
     zoru_ycbcr frame(memory.data(), 8, 4);
     frame.cb = memory.data();
@@ -173,6 +174,8 @@ TEST_F(FramesTest, TellsWhyAFrameIsNotCopied) {
     fails(ZoruUtil::copy(closed, frame), {"copy:379: lockYCbCr failed, error (3) \n"});
     fails(ZoruUtil::copy(good, small),
           {"source is smaller: width(4) height(4), not width(8) height(4) \n"});
+    fails(ZoruUtil::copy(good, low),
+          {"source is smaller: width(8) height(2), not width(8) height(4) \n"});
     EXPECT_EQ(ZoruUtil::copyFrom(memory.data(), wide), -1);
     ASSERT_EQ(log.texts(kTag).size(), 1U);
     EXPECT_EQ(log.texts(kTag)[0].rfind(" unhanlded buffer format: y(0x", 0), 0U);

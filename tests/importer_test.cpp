@@ -187,6 +187,7 @@ TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
     importer.cleanup();
     handle = buffer.handle();
     EXPECT_FALSE(importer.importBuffer(handle));
+    EXPECT_EQ(none.asked3(), 5);  // once by the real mapper's scope, once more now
 }
 
 TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {

@@ -133,9 +133,11 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
 
 TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
     host::LogCapture log;
-    std::atomic<int> passes{0};
+    // Counted where the thread may still count when this function has ended.
+    const auto counter = std::make_shared<std::atomic<int>>(0);
+    const std::atomic<int>& passes = *counter;
     {
-        const sp<LoopThread> thread = new LoopThread([&] { return ++passes, true; });
+        const sp<LoopThread> thread = new LoopThread([counter] { return ++*counter, true; });
         thread->run("between");
         EXPECT_TRUE(eventually([&] { return passes >= 3; }));
     }  // no exit was asked for: the promotion fails

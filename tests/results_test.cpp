@@ -56,6 +56,19 @@ TEST_F(ResultsTest, DeliversOneAtATimeInOrderOnTheMonitorThread) {
     }
 }
 
+TEST_F(ResultsTest, DeliversWithoutWaitingOutItsIdleWait) {
+    // Each result is sent when the monitor lies in its wait of 50 ms: twenty of them, waited out,
+    // would take a second.
+    configure();
+    const auto start = std::chrono::steady_clock::now();
+    for (uint32_t frame = 0; frame < 20; ++frame) {
+        ASSERT_EQ(submit(frame, 1), 0);
+        serveOne();
+        deliveries.waitFor(frame + 1);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+}
+
 TEST_F(ResultsTest, DropsAResultWithoutBuffersAndGoesOnAfterAFailedCall) {
     configure();
     host::setProperty("vendor.zoru.flipped", "true");
@@ -267,8 +280,8 @@ TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
         for (const uint32_t width : {1U, 2U, 5U, 16U, 61U, 160U}) {
             for (const bool crFirst : {false, true}) {
                 host::BufferSpec spec;
-                spec.stride = 192;
-                spec.chromaStride = 200;
+                spec.stride = crFirst ? 192 : 191;  // an odd one moves pairs to odd addresses
+                spec.chromaStride = crFirst ? 200 : 201;
                 spec.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
                 const host::Buffer buffer = allocate(width, height, spec);
                 std::minstd_rand random(width * 100 + height);

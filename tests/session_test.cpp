@@ -2,6 +2,8 @@
 
 #include <android/log.h>
 
+#include <functional>
+#include <memory>
 #include <thread>
 
 #include "host/threads.h"
@@ -30,9 +32,8 @@ TEST_F(SessionTest, AnswersInternalErrorOnceItIsGone) {
     ASSERT_EQ(submit(1, 1), 0);
     serveOne();
     deliveries.waitFor(1);
-    session->handleConfigure(configurationOf(0));
-    ASSERT_EQ(submit(2, 1), 0);  // stays queued, with its buffer
-    session->handleConfigure(configurationOf(0));
+    ASSERT_EQ(submit(2, 1), 0);  // stays queued, and goes with the session
+    session->freeBuffer(resultFor(requestFor(1, 1, nullptr)).outputBuffers[0]);
     callback.clear();
     session.clear();
     deliveries.waitForDeath();
@@ -184,14 +185,83 @@ TEST_F(SessionTest, LetsTheClientCallFromInsideItsCallback) {
         if (nested++ == 0) {
             EXPECT_EQ(submit(2, 1), 0);
         }
+        // No lock is held: another thread gets through meanwhile.
+        std::thread([&] { session->getTrackingMode(); }).join();
     };
     ASSERT_EQ(submit(1, 1), 0);
     serveOne();
     deliveries.waitFor(1);
     FDNotifyMsg msg = {};
-    session->sendNotify(msg);  // on this thread, with no lock held
+    session->sendNotify(msg);
     stop();
     EXPECT_EQ(take().frameNumber, 2U);
+}
+
+TEST_F(SessionTest, TakesEveryOperationFromEveryThreadAtOnce) {
+    // What a missing lock breaks here the thread sanitizer tells.
+    struct Ignoring : public ISceneCallback {
+        void onSceneControl(SceneControl) override {}
+        void onPTZControl(SceneControl) override {}
+        void onTrackControl(TrackControl) override {}
+        void onTrackingMode(TrackingMode) override {}
+    };
+    configure();
+    const std::function<void(int)> operations[] = {
+        [&](int i) {
+            StreamConfiguration configuration = configurationOf(0);
+            if (i % 8 == 0) session->handleConfigure(configuration);
+            session->getConfiguration(configuration);
+        },
+        [&](int i) {
+            submit(static_cast<uint32_t>(i), static_cast<uint64_t>(i % 5));
+            session->getBufferForId(static_cast<uint64_t>(i % 5));
+        },
+        [&](int) {
+            CaptureRequest request = {};
+            if (session->isCaptureRequestReady() &&
+                session->getProcessCaptureRequest(request) == 0) {
+                session->sendCaptureResult(resultFor(request));
+            }
+        },
+        [&](int i) {
+            FDNotifyMsg msg = {};
+            session->sendNotify(msg);
+            client->setCallback(i % 4 == 0 ? nullptr : callback).isOk();
+            session->getInterface();
+        },
+        [&](int i) {
+            SceneControl scene = {};
+            scene.crops.resize(static_cast<size_t>(i % 3));
+            session->setSceneControl(scene);
+            session->getPTZControl(scene);
+            session->setPTZControl(scene);
+            session->getSceneControl(scene);
+            session->setTrackingMode(static_cast<TrackingMode>(i % 2));
+        },
+        [&](int) {
+            // Whoever replaced an observer may destroy it at once.
+            const auto observer = std::make_unique<Ignoring>();
+            session->setSceneCallback(observer.get());
+            TrackControl track = {};
+            session->setTrackControl(track);
+            session->getTrackControl(track);
+            session->getTrackingMode();
+            session->getPeopleCount();
+            session->setSceneCallback(nullptr);
+        }};
+    std::vector<std::thread> threads;
+    for (const auto& operation : operations) {
+        for (int copy = 0; copy < 2; ++copy) {
+            threads.emplace_back([&operation] {
+                for (int i = 0; i < 60; ++i)
+                    operation(i);
+            });
+        }
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    session->setSceneCallback(nullptr);
+    stop();
 }
 
 TEST_F(SessionTest, NotifiesAtOnceOnTheCallersThread) {

@@ -1,7 +1,7 @@
 // Loads the implementation library, uses it, and unloads it or exits, again and again and at random
 // moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
 //
-//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside ROUNDS
+//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside|observer ROUNDS
 //
 // Exits with 0 when every round held; else a line says what did not.
 
@@ -36,6 +36,17 @@ using android::hardware::hidl_vec;
 constexpr uint64_t kBuffers = 3;
 
 std::atomic<pid_t> diedOn{0};
+
+/** Exits while the session is locked. */
+struct ExitingObserver : public ISceneCallback {
+    void onSceneControl(SceneControl /*scene*/) override {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants the lock
+        exit(0);
+    }
+    void onPTZControl(SceneControl /*ptz*/) override {}
+    void onTrackControl(TrackControl /*track*/) override {}
+    void onTrackingMode(TrackingMode /*mode*/) override {}
+};
 
 /** Its end shows when, and on which thread, the session went. */
 struct ProbeCallback : public IFDSessionCallback {
@@ -142,6 +153,12 @@ public:
 
     void letGo() { mSession.clear(); }
 
+    void exitInsideObserver() {
+        static ExitingObserver observer;
+        mSession->setSceneCallback(&observer);
+        mSession->setSceneControl({});
+    }
+
     void unload() {
         mSession.clear();
         const Range range = findLoaded(mLibrary);
@@ -212,6 +229,7 @@ void leaveSession(const std::string& library, const std::string& mode) {
     aliveAtExit = new Round(library);
     aliveAtExit.load()->use(allocateBuffers(), mode == "inside");
     if (mode == "inside") pause();
+    if (mode == "observer") aliveAtExit.load()->exitInsideObserver();
     if (mode == "keep") return;
     aliveAtExit.load()->letGo();
     if (mode != "fork") return;

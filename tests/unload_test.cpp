@@ -59,7 +59,7 @@ TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
 }
 
 TEST(UnloadTest, ExitsInOrderWithALiveSession) {
-    for (const std::string mode : {"exit", "exit", "exit", "fork", "inside"}) {
+    for (const std::string mode : {"exit", "exit", "exit", "fork", "inside", "observer"}) {
         const Output output = probe(mode);
         EXPECT_EQ(output.status, 0) << output.text;
         EXPECT_EQ(output.text.find(kStillReferenced), std::string::npos) << output.text;

@@ -1,5 +1,6 @@
-// Streams a clip through the session in this one process, upright and turned, then without anybody
-// who takes the requests, and shows what the client got: pictures and figures.
+// Streams a clip from a provider in a process of its own, upright and turned, then from one that
+// takes no requests, then kills a client and sees how the next one fares; and shows what the
+// clients got: pictures and figures.
 
 #include <android/log.h>
 #include <err.h>
@@ -10,19 +11,23 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
-#include "FDSession.h"
-#include "FDSessionTest.h"
 #include "clip.h"
+#include "comparison.h"
 #include "figures.h"
+#include "holdings.h"
 #include "host/log.h"
-#include "host/properties.h"
+#include "kill_scene.h"
 #include "nv12_file.h"
 #include "picture.h"
+#include "picture_folder.h"
+#include "provider_process.h"
 #include "scene.h"
 
 namespace {
@@ -30,15 +35,11 @@ namespace {
 namespace fs = std::filesystem;
 using android::sp;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
-using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSession;
-using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSessionTest;
 
 constexpr int kAllRight = 0;
 constexpr int kNotRight = 1;
 constexpr int kNotPlayed = 2;
 
-constexpr const char* kFlippedProperty = "vendor.zoru.flipped";
-constexpr const char* kSourceName = FDSTREAM_TEST_INPUT;
 constexpr const char* kDrawnName = "clip.yuv";
 constexpr const char* kSideBySideName = "side-by-side.png";
 constexpr uint32_t kUnservedRequests = 4;
@@ -51,6 +52,8 @@ constexpr const char* kExamples =
     "  fdstream-demo --buffers 1          one request in flight: the latency without a queue\n"
     "  fdstream-demo --out pictures       puts the pictures somewhere else\n"
     "  fdstream-demo -v 2>log.txt         keeps what the library logs\n"
+    "\n"
+    "The two sides alone: fdstream-provider --help, fdstream-client --help\n"
     "\n"
     "Exit code: 0 every frame came and was right, 1 one is missing or wrong, 2 nothing was played.";
 
@@ -69,8 +72,9 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     constexpr uint32_t kMostFrames = 1000;
 
     CLI::App app(
-        "Streams a clip to a client in the same process, upright and turned by 180 "
-        "degrees, compares every frame with the clip's and writes it as a picture.",
+        "Streams a clip from a provider in another process, upright and turned by 180 degrees, "
+        "compares every frame with the clip's and writes it as a picture; then kills a client in "
+        "the middle of its stream.",
         "fdstream-demo");
     app.footer(kExamples);
     app.add_option("FILE", options.file, "clip to stream; without it one is drawn")->type_name("");
@@ -94,107 +98,106 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return std::nullopt;
 }
 
-void say(const std::string& sentence) {
-    warnx("%s", sentence.c_str());
+bool makeFolder(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    if (error) warnx("folder %s: %s", folder.c_str(), error.message().c_str());
+    return !error;
 }
 
+/** The path of the clip to play, which is drawn if need be. Nothing after a sentence on stderr. */
+std::optional<fs::path> findClip(const Options& options) {
+    if (options.file) return *options.file;
+    const fs::path drawn = fs::path(options.out) / kDrawnName;
+    // Not through a link, which could lead to a clip that somebody needs.
+    std::error_code error;
+    fs::remove(drawn, error);
+    return tools::drawClip(drawn.c_str()) ? std::optional(drawn) : std::nullopt;
+}
+
+/** Nothing after a sentence on stderr. */
 std::optional<tools::Nv12File> openClip(const fs::path& path) {
     std::string problem;
     std::optional<tools::Nv12File> clip = tools::Nv12File::open(path, problem);
-    if (!clip) {
-        say(path.string() + " cannot be played: " + problem);
-        return clip;
-    }
-    if (clip->tailBytes() != 0) {
-        say("warning: " + path.string() + " ends with a part of a frame (" +
-            std::to_string(clip->tailBytes()) + " bytes), which is left out");
-    }
+    if (!clip) warnx("%s cannot be played: %s", path.c_str(), problem.c_str());
     return clip;
 }
 
-bool enterFolder(const fs::path& folder) {
-    std::error_code error;
-    fs::create_directories(folder, error);
-    if (!error) fs::current_path(folder, error);
-    if (error) say("folder " + folder.string() + ": " + error.message());
-    return !error;
-}
-
-/** Puts the clip where the test frame source looks for it. */
-bool linkClip(const fs::path& clip) {
-    std::error_code error;
-    const bool isThere = fs::is_regular_file(fs::symlink_status(kSourceName, error)) &&
-                         fs::equivalent(clip, kSourceName, error);
-    if (isThere) return true;
-    fs::remove(kSourceName, error);
-    if (!error) fs::create_symlink(clip, kSourceName, error);
-    if (error)
-        say(std::string(kSourceName) + " cannot be made a link to the clip: " + error.message());
-    return !error;
-}
-
-std::optional<tools::Nv12File> openOwnClip(const std::string& file, const fs::path& out) {
-    std::optional<tools::Nv12File> clip = openClip(file);
-    if (!clip) return clip;
-    // The link's own name may be what was given: it is followed to what it stands for.
-    std::error_code error;
-    const fs::path target = fs::canonical(file, error);
-    if (error) {
-        say(file + ": " + error.message());
-        return std::nullopt;
-    }
-    if (!enterFolder(out) || !linkClip(target)) return std::nullopt;
-    return clip;
-}
-
-std::optional<tools::Nv12File> openDrawnClip(const fs::path& out) {
-    if (!enterFolder(out)) return std::nullopt;
-    // Not through a link, which could lead to a clip that somebody needs.
-    std::error_code error;
-    fs::remove(kDrawnName, error);
-    if (!tools::drawClip(kDrawnName) || !linkClip(kDrawnName)) return std::nullopt;
-    return openClip(kDrawnName);
-}
-
-/** A test frame source that starts with the first frame of its file. */
-class FrameSource {
-public:
-    FrameSource() : mSource(new FDSessionTest) {}
-    FrameSource(const FrameSource&) = delete;
-    FrameSource& operator=(const FrameSource&) = delete;
-    ~FrameSource() {
-        mSource->requestExit();
-        mSource->join();
-    }
-
-private:
-    const sp<FDSessionTest> mSource;
+/** A streaming scene that was played. */
+struct Played {
+    tools::Figures figures;
+    tools::ContactSheet sheet;
+    bool saved;  ///< whether every picture is on the disk
 };
 
-/** The property is set, or left alone, for the scope of this object. */
-class FlippedProperty {
-public:
-    explicit FlippedProperty(bool set) {
-        if (set) host::setProperty(kFlippedProperty, "true");
-    }
-    FlippedProperty(const FlippedProperty&) = delete;
-    FlippedProperty& operator=(const FlippedProperty&) = delete;
-    ~FlippedProperty() { host::clearProperty(kFlippedProperty); }
-};
-
-tools::Played playScene(const sp<IFDSession>& client, const tools::Direction& direction,
-                        tools::Nv12File& clip) {
-    const FlippedProperty flipped(direction.turned);
-    const FrameSource source;
-    return tools::playStream(client, direction, clip);
+tools::Direction directionOf(const Options& options, const std::string& name) {
+    tools::Direction direction;
+    direction.name = name;
+    direction.stream.frames = options.frames;
+    direction.stream.buffers = options.buffers;
+    return direction;
 }
 
-bool saveSheets(const tools::Played& upright, const tools::Played& turned) {
+/** Nothing after a sentence on stderr. */
+std::optional<Played> playScene(const tools::ProviderProcess& provider, const Options& options,
+                                const fs::path& clip, bool turned) {
+    tools::Direction direction = directionOf(options, turned ? "turned" : "upright");
+    const tools::PictureFolder folder(fs::path(options.out) / direction.name);
+    std::optional<tools::Nv12File> file = openClip(clip);
+    const sp<IFDSession> session = provider.connect();
+    if (!file || session == nullptr) return std::nullopt;
+
+    Played played = {{}, tools::ContactSheet(options.frames), folder.make() && folder.clear()};
+    tools::Comparison comparison(std::move(*file), turned);
+    direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
+        played.sheet.put(answer.frameNumber, answer.frame);
+        played.saved &= folder.save(answer.frameNumber, answer.frame, direction.stream.size);
+        return comparison.faultOf(answer, figures);
+    };
+    played.figures = tools::playStream(session, direction);
+    return played;
+}
+
+/** The scenes at the provider that serves. */
+struct Served {
+    Played upright;
+    Played turned;
+    tools::Killed killed;
+};
+
+/** Nothing after a sentence on stderr. */
+std::optional<Served> playServed(const Options& options, const fs::path& clip) {
+    std::vector<std::string> arguments = {"--input", clip};
+    if (options.verbose) arguments.insert(arguments.end(), {"--log", "debug"});
+    const auto provider = tools::ProviderProcess::start(arguments);
+    if (provider == nullptr) return std::nullopt;
+
+    std::optional<Played> upright = playScene(*provider, options, clip, false);
+    if (!upright || !provider->flip()) return std::nullopt;
+    std::optional<Played> turned = playScene(*provider, options, clip, true);
+    if (!turned || !provider->flip()) return std::nullopt;
+    std::optional<tools::Killed> killed =
+        tools::playKilled(*provider, options.frames, options.buffers, clip);
+    if (!killed || !provider->stop()) return std::nullopt;
+    return Served{std::move(*upright), std::move(*turned), std::move(*killed)};
+}
+
+/** The scene at a provider that takes no requests. Nothing after a sentence on stderr. */
+std::optional<tools::Figures> playIdle() {
+    const auto provider = tools::ProviderProcess::start({"--idle"});
+    if (provider == nullptr) return std::nullopt;
+    const sp<IFDSession> session = provider->connect();
+    if (session == nullptr) return std::nullopt;
+    tools::Figures figures = tools::playUnserved(session, "nobody serves", kUnservedRequests);
+    return provider->stop() ? std::optional(std::move(figures)) : std::nullopt;
+}
+
+bool saveSheets(const Played& upright, const Played& turned, const fs::path& out) {
     const tools::Picture both = tools::sideBySide(upright.sheet.picture(), "UPRIGHT",
                                                   turned.sheet.picture(), "TURNED BY 180 DEGREES");
-    bool saved = tools::writePng(upright.sheet.picture(), "upright.png");
-    saved &= tools::writePng(turned.sheet.picture(), "turned.png");
-    saved &= tools::writePng(both, kSideBySideName);
+    bool saved = tools::writePng(upright.sheet.picture(), out / "upright.png");
+    saved &= tools::writePng(turned.sheet.picture(), out / "turned.png");
+    saved &= tools::writePng(both, out / kSideBySideName);
     return saved && upright.saved && turned.saved;
 }
 
@@ -208,41 +211,49 @@ void printPaths(const fs::path& out) {
 }
 
 bool isRight(const tools::Figures& streamed) {
-    return streamed.delivered == streamed.wanted && streamed.wrong == 0;
+    return streamed.ending == tools::Ending::Complete && streamed.delivered == streamed.wanted &&
+           streamed.wrong == 0;
 }
 
-const char* verdict(bool right, bool saved) {
+const char* verdict(bool right, bool holds, bool saved) {
     if (!right) return "NOT RIGHT: frames are missing or wrong, see above.";
+    if (!holds) return "NOT RIGHT: the provider does not hold the same after a client was killed.";
     if (!saved) return "Every frame came and is right, but pictures could not be written.";
-    return "Every frame came and is right, byte for byte.";
+    return "Every frame came and is right, byte for byte; the killed client left nothing behind.";
 }
 
-int play(const Options& options, tools::Nv12File& clip) {
-    const sp<IFDSession> client = FDSession::getInstance()->getInterface();
-    const tools::Played upright =
-        playScene(client, {"upright", options.frames, options.buffers, false}, clip);
-    const tools::Played turned =
-        playScene(client, {"turned", options.frames, options.buffers, true}, clip);
-    const tools::Figures unserved = tools::playUnserved(client, "nobody serves", kUnservedRequests);
-
+int conclude(const Served& served, const tools::Figures& unserved, const Options& options) {
+    const tools::Killed& killed = served.killed;
     printf("\n");
-    tools::printTable({upright.figures, turned.figures, unserved});
-    const bool saved = saveSheets(upright, turned);
+    tools::printTable(
+        {served.upright.figures, served.turned.figures, killed.before, killed.after, unserved});
+    printf("\n");
+    tools::printHoldings({{"with the client before a kill", killed.heldBefore},
+                          {"with the client after a kill", killed.heldAfter}});
+    const bool saved = saveSheets(served.upright, served.turned, options.out);
     printPaths(options.out);
 
-    const bool right = isRight(upright.figures) && isRight(turned.figures) &&
+    const bool right = isRight(served.upright.figures) && isRight(served.turned.figures) &&
+                       isRight(killed.before) && isRight(killed.after) &&
                        unserved.failed() == kUnservedRequests && unserved.wrong == 0;
-    printf("%s\n", verdict(right, saved));
-    return right && saved ? kAllRight : kNotRight;
+    const bool holds = killed.heldBefore == killed.heldAfter;
+    printf("%s\n", verdict(right, holds, saved));
+    return right && holds && saved ? kAllRight : kNotRight;
 }
 
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     host::setStderrLogPriority(options.verbose ? ANDROID_LOG_DEBUG : ANDROID_LOG_ERROR);
-    std::optional<tools::Nv12File> clip =
-        options.file ? openOwnClip(*options.file, options.out) : openDrawnClip(options.out);
-    return clip ? play(options, *clip) : kNotPlayed;
+
+    if (!makeFolder(options.out)) return kNotPlayed;
+    const std::optional<fs::path> clip = findClip(options);
+    if (!clip || !openClip(*clip)) return kNotPlayed;
+
+    const std::optional<Served> served = playServed(options, *clip);
+    if (!served) return kNotRight;
+    const std::optional<tools::Figures> unserved = playIdle();
+    return unserved ? conclude(*served, *unserved, options) : kNotRight;
 }
 
 }  // namespace

@@ -1,25 +1,56 @@
 #include "figures.h"
 
+#include <err.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <fstream>
 
 namespace tools {
 
 namespace {
 
-/** Over the time between the first picture and the last; 0 where that is no time. */
-double framesPerSecond(const std::vector<Clock::time_point>& arrivals) {
-    if (arrivals.size() < 2) return 0;
-    const double span = inMilliseconds(arrivals.back() - arrivals.front());
-    return span > 0 ? static_cast<double>(arrivals.size() - 1) * 1000 / span : 0;
-}
+/** In milliseconds. */
+struct Latency {
+    double least;
+    double median;
+    double p99;
+};
 
 /** The smallest value that at least this share of all values does not exceed. */
 double percentile(const std::vector<Clock::duration>& sorted, size_t percent) {
     const size_t rank = (sorted.size() * percent + 99) / 100;
     return inMilliseconds(sorted[std::max(rank, size_t{1}) - 1]);
+}
+
+/** REQUIRES: there is at least one. */
+Latency latencyOf(std::vector<Clock::duration> latencies) {
+    std::sort(latencies.begin(), latencies.end());
+    return {percentile(latencies, 0), percentile(latencies, 50), percentile(latencies, 99)};
+}
+
+const char* nameOf(Ending ending) {
+    switch (ending) {
+        case Ending::Complete:
+            return "complete";
+        case Ending::Refused:
+            return "refused";
+        case Ending::Silent:
+            return "silent";
+        case Ending::Interrupted:
+            return "interrupted";
+        case Ending::Gone:
+            break;
+    }
+    return "provider gone";
+}
+
+std::string numberOrNull(bool isNumber, double number) {
+    char text[32] = "null";
+    if (isNumber) snprintf(text, sizeof(text), "%.3f", number);
+    return text;
 }
 
 void printRow(const Figures& figures) {
@@ -35,10 +66,8 @@ void printRow(const Figures& figures) {
         printf(" %9s %9s %9s\n", "-", "-", "-");
         return;
     }
-    std::vector<Clock::duration> sorted = figures.latencies;
-    std::sort(sorted.begin(), sorted.end());
-    printf(" %9.1f %9.1f %9.1f\n", percentile(sorted, 0), percentile(sorted, 50),
-           percentile(sorted, 99));
+    const Latency latency = latencyOf(figures.latencies);
+    printf(" %9.1f %9.1f %9.1f\n", latency.least, latency.median, latency.p99);
 }
 
 }  // namespace
@@ -59,7 +88,20 @@ void Figures::add(const Answer& answer) {
             break;
         case Answer::Outcome::Stray:
             break;
+        case Answer::Outcome::ForeignPicture:
+            ++foreignPictures;
+            ++foreign;
+            break;
+        case Answer::Outcome::ForeignError:
+            ++foreign;
+            break;
     }
+}
+
+double framesPerSecond(const std::vector<Clock::time_point>& arrivals) {
+    if (arrivals.size() < 2) return 0;
+    const double span = inMilliseconds(arrivals.back() - arrivals.front());
+    return span > 0 ? static_cast<double>(arrivals.size() - 1) * 1000 / span : 0;
 }
 
 double inMilliseconds(Clock::duration duration) {
@@ -73,6 +115,30 @@ void printTable(const std::vector<Figures>& scenes) {
            "missing", "wrong", "a second", "min", "median", "p99");
     for (const Figures& figures : scenes)
         printRow(figures);
+}
+
+bool writeJson(const Figures& figures, const std::filesystem::path& path) {
+    const double rate = framesPerSecond(figures.arrivals);
+    const bool answered = !figures.latencies.empty();
+    const Latency latency = answered ? latencyOf(figures.latencies) : Latency();
+
+    std::ofstream file(path);
+    file << "{\n"
+         << "  \"asked\": " << figures.asked << ",\n"
+         << "  \"delivered\": " << figures.delivered << ",\n"
+         << "  \"failed\": " << figures.failed() << ",\n"
+         << "  \"missing\": " << figures.missing() << ",\n"
+         << "  \"wrong\": " << figures.wrong << ",\n"
+         << "  \"foreign\": " << figures.foreign << ",\n"
+         << "  \"fps\": " << numberOrNull(rate > 0, rate) << ",\n"
+         << "  \"latency_min_ms\": " << numberOrNull(answered, latency.least) << ",\n"
+         << "  \"latency_median_ms\": " << numberOrNull(answered, latency.median) << ",\n"
+         << "  \"latency_p99_ms\": " << numberOrNull(answered, latency.p99) << ",\n"
+         << "  \"exit_reason\": \"" << nameOf(figures.ending) << "\"\n"
+         << "}\n";
+    if (file.flush()) return true;
+    warn("%s cannot be written", path.c_str());
+    return false;
 }
 
 }  // namespace tools

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -8,16 +9,28 @@
 
 namespace tools {
 
+/** Why a scene was over. */
+enum class Ending {
+    Complete,     ///< every request was answered
+    Refused,      ///< the session did not take the stream
+    Silent,       ///< no answer came for long
+    Interrupted,  ///< by a signal
+    Gone,         ///< the provider was lost, or was not there
+};
+
 /** What one scene came to. Value type. */
 struct Figures {
     std::string scene;
     uint32_t wanted = 0;             ///< requests that the scene was to make
     uint32_t asked = 0;              ///< requests that it made
     uint32_t delivered = 0;          ///< results with a picture
+    uint32_t foreign = 0;            ///< results meant for another client, which were let go of
     uint32_t wrong = 0;              ///< answers that are not what they have to be
+    uint32_t foreignPictures = 0;    ///< those of them for which the source took a frame
     std::vector<uint32_t> failures;  ///< frame numbers of error results and of refused requests
     std::vector<Clock::duration> latencies;
     std::vector<Clock::time_point> arrivals;  ///< of the pictures
+    Ending ending = Ending::Complete;
 
     uint32_t failed() const { return static_cast<uint32_t>(failures.size()); }
     uint32_t answered() const { return delivered + failed(); }
@@ -26,8 +39,15 @@ struct Figures {
     void add(const Answer& answer);
 };
 
+/** Over the time between the first picture and the last; 0 where that is no time. */
+double framesPerSecond(const std::vector<Clock::time_point>& arrivals);
+
 double inMilliseconds(Clock::duration duration);
 
 void printTable(const std::vector<Figures>& scenes);
+
+/** One object for scripts, its figures null where there are none. False after a sentence on stderr.
+ */
+bool writeJson(const Figures& figures, const std::filesystem::path& path);
 
 }  // namespace tools

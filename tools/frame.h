@@ -7,14 +7,28 @@
 
 namespace tools {
 
-// The one geometry of these programs: what the test frame source plays.
+/** In pixels; both are even. */
+struct FrameSize {
+    int width;
+    int height;
+
+    constexpr size_t lumaBytes() const {
+        return static_cast<size_t>(width) * static_cast<size_t>(height);
+    }
+    constexpr size_t bytes() const { return lumaBytes() / 2 * 3; }
+};
+
+// The geometry of clips: what the test frame source plays.
 constexpr int kFrameWidth = 1280;
 constexpr int kFrameHeight = 720;
-constexpr size_t kLumaBytes = size_t{kFrameWidth} * kFrameHeight;
-constexpr size_t kFrameBytes = kLumaBytes / 2 * 3;
+constexpr FrameSize kClipSize = {kFrameWidth, kFrameHeight};
+constexpr size_t kLumaBytes = kClipSize.lumaBytes();
+constexpr size_t kFrameBytes = kClipSize.bytes();
 
-/** A packed NV12 frame: kFrameBytes, the luma rows and then the rows of Cb-Cr pairs. */
+/** A packed NV12 frame: the luma rows and then the rows of Cb-Cr pairs. */
 using Frame = std::vector<uint8_t>;
+
+// These two are for frames of a clip's size.
 
 Frame turnedBy180(const Frame& frame);
 

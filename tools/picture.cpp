@@ -23,16 +23,15 @@ constexpr Rgb kPaper = {32, 34, 38};
 constexpr Rgb kMissing = {64, 66, 72};
 constexpr Rgb kInk = {225, 225, 225};
 
-constexpr int kThumbWidth = 256;
-constexpr int kThumbHeight = 144;
+constexpr FrameSize kThumb = {256, 144};
 constexpr int kPerRow = 8;
 constexpr int kGap = 8;
 constexpr int kLabelScale = 2;
 constexpr int kLabelHeight = font::kHeight * kLabelScale + 8;
 constexpr int kHeadingScale = 6;
 constexpr int kHeadingHeight = font::kHeight * kHeadingScale + 2 * kGap;
-constexpr int kColumnPitch = kThumbWidth + kGap;
-constexpr int kRowPitch = kThumbHeight + kLabelHeight + kGap;
+constexpr int kColumnPitch = kThumb.width + kGap;
+constexpr int kRowPitch = kThumb.height + kLabelHeight + kGap;
 
 size_t offsetOf(const Picture& picture, int x, int y) {
     return (static_cast<size_t>(y) * static_cast<size_t>(picture.width) + static_cast<size_t>(x)) *
@@ -62,24 +61,6 @@ void paste(Picture& onto, const Picture& picture, int left, int top) {
         std::copy_n(&picture.rgb[offsetOf(picture, 0, y)], rowBytes,
                     &onto.rgb[offsetOf(onto, left, top + y)]);
     }
-}
-
-Picture toRgb(const Frame& nv12, int width, int height) {
-    Picture picture(width, height);
-    const uint8_t* const chroma =
-        nv12.data() + static_cast<size_t>(width) * static_cast<size_t>(height);
-    libyuv::NV12ToRAW(nv12.data(), width, chroma, width, picture.rgb.data(), width * 3, width,
-                      height);
-    return picture;
-}
-
-Picture thumbnail(const Frame& frame) {
-    Frame small(size_t{kThumbWidth} * kThumbHeight / 2 * 3);
-    libyuv::NV12Scale(frame.data(), kFrameWidth, frame.data() + kLumaBytes, kFrameWidth,
-                      kFrameWidth, kFrameHeight, small.data(), kThumbWidth,
-                      small.data() + size_t{kThumbWidth} * kThumbHeight, kThumbWidth, kThumbWidth,
-                      kThumbHeight, libyuv::kFilterBox);
-    return toRgb(small, kThumbWidth, kThumbHeight);
 }
 
 struct Cell {
@@ -112,8 +93,20 @@ Picture::Picture(int inWidth, int inHeight)
     fill(*this, 0, 0, width, height, kPaper);
 }
 
-Picture toPicture(const Frame& frame) {
-    return toRgb(frame, kFrameWidth, kFrameHeight);
+Picture toPicture(const Frame& frame, FrameSize size) {
+    Picture picture(size.width, size.height);
+    libyuv::NV12ToRAW(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
+                      picture.rgb.data(), size.width * 3, size.width, size.height);
+    return picture;
+}
+
+Picture scaled(const Frame& frame, FrameSize size, FrameSize target) {
+    Frame small(target.bytes());
+    libyuv::NV12Scale(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
+                      size.width, size.height, small.data(), target.width,
+                      small.data() + target.lumaBytes(), target.width, target.width, target.height,
+                      libyuv::kFilterBox);
+    return toPicture(small, target);
 }
 
 bool writePng(const Picture& picture, const std::filesystem::path& path) {
@@ -132,14 +125,15 @@ bool writePng(const Picture& picture, const std::filesystem::path& path) {
 ContactSheet::ContactSheet(size_t frames) : mPicture(emptyPage(frames)) {
     for (size_t index = 0; index < frames; ++index) {
         const Cell cell = cellOf(index);
-        fill(mPicture, cell.left, cell.top, kThumbWidth, kThumbHeight, kMissing);
-        write(mPicture, std::to_string(index), cell.left, cell.top + kThumbHeight + 4, kLabelScale);
+        fill(mPicture, cell.left, cell.top, kThumb.width, kThumb.height, kMissing);
+        write(mPicture, std::to_string(index), cell.left, cell.top + kThumb.height + 4,
+              kLabelScale);
     }
 }
 
 void ContactSheet::put(size_t index, const Frame& frame) {
     const Cell cell = cellOf(index);
-    paste(mPicture, thumbnail(frame), cell.left, cell.top);
+    paste(mPicture, scaled(frame, kClipSize, kThumb), cell.left, cell.top);
 }
 
 Picture sideBySide(const Picture& left, std::string_view leftHeading, const Picture& right,

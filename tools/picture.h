@@ -19,12 +19,14 @@ struct Picture {
     std::vector<uint8_t> rgb;
 };
 
-Picture toPicture(const Frame& frame);
+Picture toPicture(const Frame& frame, FrameSize size);
+/** Another size of the same picture, smooth. */
+Picture scaled(const Frame& frame, FrameSize size, FrameSize target);
 
 /** False after a sentence on stderr. */
 bool writePng(const Picture& picture, const std::filesystem::path& path);
 
-/** All frames of a scene on one page, small, each with its number. */
+/** All frames of a scene, of a clip's size, on one page, small, each with its number. */
 class ContactSheet {
 public:
     /** A page with room for this many frames, all of them still missing. */

@@ -3,176 +3,208 @@
 #include <err.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <optional>
-#include <system_error>
-
-#include "frame.h"
-#include "stream_client.h"
+#include <vector>
 
 namespace tools {
 
 namespace {
 
-namespace fs = std::filesystem;
 using android::sp;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
 
 /** An answer takes little over a second at worst. One that takes longer is counted as missing. */
 constexpr std::chrono::seconds kPatience(5);
 
+/** Between two looks at whether the scene was interrupted. */
+constexpr std::chrono::milliseconds kLook(50);
+
 /** The session's own clock can differ from this program's by a little. */
 constexpr std::chrono::milliseconds kStaleAtLeast(980);
 
-/** One line that is written over again on a terminal, and a line now and then anywhere else. */
-void showProgress(const Figures& figures) {
-    constexpr uint32_t kSparse = 10;
-    const bool last = figures.answered() == figures.wanted;
-    if (isatty(STDOUT_FILENO) != 0) {
-        printf("\r%s: %u of %u frames%s", figures.scene.c_str(), figures.answered(), figures.wanted,
-               last ? "\n" : "");
-    } else if (last || figures.answered() % kSparse == 0) {
-        printf("%s: %u of %u frames\n", figures.scene.c_str(), figures.answered(), figures.wanted);
+/** Says how a scene goes. */
+class Reporter {
+public:
+    Reporter(std::string name, bool hushed)
+        : mName(std::move(name)), mHushed(hushed), mTerminal(isatty(STDOUT_FILENO) != 0) {}
+    ~Reporter() {
+        leaveLine();
+        for (const std::string& sentence : mKept)
+            warnx("%s", sentence.c_str());
     }
-    fflush(stdout);
-}
+    Reporter(const Reporter&) = delete;
+    Reporter& operator=(const Reporter&) = delete;
 
-/** Leaves the line that showProgress() may be writing over. */
-void complain(const std::string& scene, const std::string& what) {
-    if (isatty(STDOUT_FILENO) != 0) {
-        printf("\n");
+    /** A line that is written over again on a terminal, and a line now and then anywhere else. */
+    void progress(const Figures& figures, uint32_t wanted) {
+        constexpr uint32_t kSparse = 10;
+        if (mHushed) return;
+        const uint32_t answered = figures.answered();
+        const std::string of = wanted == UINT32_MAX ? "" : " of " + std::to_string(wanted);
+        if (mTerminal) {
+            printf("\r%s: %u%s frames", mName.c_str(), answered, of.c_str());
+            mOnLine = true;
+        } else if (answered == wanted || answered % kSparse == 0) {
+            printf("%s: %u%s frames\n", mName.c_str(), answered, of.c_str());
+        }
         fflush(stdout);
     }
-    warnx("%s: %s", scene.c_str(), what.c_str());
-}
 
-void complain(const std::string& scene, const Answer& answer, const std::string& what) {
-    complain(scene, "frame " + std::to_string(answer.frameNumber) + " " + what);
-}
-
-/** Waits for the next answer and counts it. Nothing after a sentence on stderr. */
-std::optional<Answer> take(StreamClient& client, Figures& figures) {
-    std::optional<Answer> answer = client.next(kPatience);
-    if (!answer) {
-        complain(figures.scene,
-                 "nothing came for " + std::to_string(kPatience.count()) + " seconds");
-        return answer;
+    void complain(const std::string& what) {
+        const std::string sentence = mName + ": " + what;
+        if (mHushed) {
+            constexpr size_t kMost = 20;
+            if (mKept.size() < kMost) mKept.push_back(sentence);
+            return;
+        }
+        leaveLine();
+        warnx("%s", sentence.c_str());
     }
-    figures.add(*answer);
-    return answer;
-}
 
-/** The folder without the pictures of an earlier, longer scene. */
-bool prepareFolder(const std::string& name) {
-    std::error_code error;
-    fs::create_directories(name, error);
-    for (fs::directory_iterator file(name, error), end; !error && file != end;
-         file.increment(error)) {
-        const std::string leaf = file->path().filename().string();
-        if (leaf.rfind("frame-", 0) == 0 && file->path().extension() == ".png")
-            fs::remove(file->path(), error);
+    void complain(const Answer& answer, const std::string& what) {
+        complain("frame " + std::to_string(answer.frameNumber) + " " + what);
     }
-    if (error) warnx("folder %s: %s", name.c_str(), error.message().c_str());
-    return !error;
-}
 
-std::string pictureName(uint32_t number) {
-    char name[32];
-    snprintf(name, sizeof(name), "frame-%03u.png", number);
-    return name;
-}
+    void leaveLine() {
+        if (!mOnLine) return;
+        printf("\n");
+        fflush(stdout);
+        mOnLine = false;
+    }
 
-/** In words, what is wrong with a picture; empty when it is the one that it has to be. */
-std::string faultOf(const Answer& answer, const Direction& direction, const Frame& original) {
-    if (original.empty()) return "cannot be compared: the file does not give its frame any more";
-    const std::string fault =
-        difference(answer.frame, direction.turned ? turnedBy180(original) : original);
-    if (fault.empty()) return {};
-    return std::string("is not the file's frame") + (direction.turned ? ", turned" : "") +
-           ": they first differ at " + fault;
-}
+private:
+    const std::string mName;
+    const bool mHushed;
+    const bool mTerminal;
+    bool mOnLine = false;
+    std::vector<std::string> mKept;
+};
 
-/** The source takes one frame of its file for each request, but for those that never reach it. */
-size_t indexInClip(const Answer& answer, const Figures& figures) {
-    const auto notServed =
-        std::count_if(figures.failures.begin(), figures.failures.end(),
-                      [&](uint32_t number) { return number < answer.frameNumber; });
-    return answer.frameNumber - static_cast<size_t>(notServed);
-}
+/** One run of a client, from its first request to its last answer. */
+class Run {
+public:
+    Run(const sp<IFDSession>& session, const Direction& direction)
+        : mDirection(direction),
+          mReporter(direction.name, direction.hushed),
+          mClient(session, direction.stream) {
+        mFigures.scene = direction.name;
+        mFigures.wanted = direction.stream.frames;
+    }
 
-void judge(const Answer& answer, const Direction& direction, Nv12File& clip, Figures& figures) {
-    const std::string fault = faultOf(answer, direction, clip.frame(indexInClip(answer, figures)));
-    if (fault.empty()) return;
-    ++figures.wrong;
-    complain(direction.name, answer, fault);
-}
+    bool start() {
+        std::string problem;
+        if (mClient.start(problem)) return true;
+        mFigures.ending = problem.empty() ? Ending::Gone : Ending::Refused;
+        mReporter.complain(problem.empty() ? "the provider is gone: " + mClient.loss() : problem);
+        return false;
+    }
 
-/** On the disk and on the sheet. False after a sentence on stderr. */
-bool keep(const Answer& answer, const Direction& direction, ContactSheet& sheet) {
-    sheet.put(answer.frameNumber, answer.frame);
-    return writePng(toPicture(answer.frame),
-                    fs::path(direction.name) / pictureName(answer.frameNumber));
-}
+    /** Waits for the next answer and counts it; nothing when the run is over. */
+    std::optional<Answer> take() {
+        Clock::time_point silent = Clock::now();
+        while (mFigures.answered() < mClient.wanted()) {
+            if (mDirection.interrupted() && !interrupt()) break;
+            if (std::optional<Answer> answer = mClient.next(kLook)) {
+                mFigures.add(*answer);
+                return answer;
+            }
+            const Clock::time_point now = Clock::now();
+            if (mClient.isIdle()) silent = now;
+            if (!mayGoOn(now - silent)) break;
+        }
+        mFigures.asked = mClient.asked();
+        return std::nullopt;
+    }
 
-/** Says what became of a request that has no picture to show. */
-void explain(const Answer& answer, Figures& figures) {
-    if (answer.outcome == Answer::Outcome::Stray) ++figures.wrong;
-    const char* const what =
-        answer.outcome == Answer::Outcome::Stray     ? "came, but no request for it is under way"
-        : answer.outcome == Answer::Outcome::Refused ? "was refused by the session"
-                                                     : "came back as an error";
-    complain(figures.scene, answer, what);
+    void progress() { mReporter.progress(mFigures, mClient.wanted()); }
+    Reporter& reporter() { return mReporter; }
+    Figures& figures() { return mFigures; }
+
+private:
+    /** The first time lets the requests under way come back; false from then on. */
+    bool interrupt() {
+        if (mFigures.ending == Ending::Interrupted) return false;
+        mFigures.ending = Ending::Interrupted;
+        mReporter.complain("interrupted: waiting for the requests under way, no further ones");
+        mClient.stopAsking();
+        return true;
+    }
+
+    bool mayGoOn(Clock::duration silence) {
+        const std::string loss = mClient.loss();
+        if (!loss.empty()) {
+            mFigures.ending = Ending::Gone;
+            mReporter.complain("the provider is gone: " + loss);
+            return false;
+        }
+        if (silence < kPatience) return true;
+        mFigures.ending = Ending::Silent;
+        mReporter.complain("nothing came for " + std::to_string(kPatience.count()) + " seconds");
+        return false;
+    }
+
+    const Direction& mDirection;
+    Reporter mReporter;
+    Figures mFigures;
+    StreamClient mClient;
+};
+
+/** In words, why an answer that has no picture is wrong; empty when it belongs to somebody else. */
+std::string faultWithout(const Answer& answer) {
+    switch (answer.outcome) {
+        case Answer::Outcome::Stray:
+            return "came, but no request for it is under way";
+        case Answer::Outcome::Refused:
+            return "was refused by the session";
+        case Answer::Outcome::Failed:
+            return "came back as an error";
+        case Answer::Outcome::Filled:
+        case Answer::Outcome::ForeignPicture:
+        case Answer::Outcome::ForeignError:
+            break;
+    }
+    return {};
 }
 
 }  // namespace
 
-Played playStream(const sp<IFDSession>& session, const Direction& direction, Nv12File& clip) {
-    Played played = {{}, ContactSheet(direction.frames), prepareFolder(direction.name)};
-    Figures& figures = played.figures;
-    figures.scene = direction.name;
-    figures.wanted = direction.frames;
-
-    StreamClient client(session, direction.frames);
-    if (!client.start(direction.buffers)) return played;
-    while (figures.answered() < direction.frames) {
-        const std::optional<Answer> answer = take(client, figures);
-        if (!answer) break;
-        if (answer->outcome == Answer::Outcome::Filled) {
-            judge(*answer, direction, clip, figures);
-            played.saved &= keep(*answer, direction, played.sheet);
-        } else {
-            explain(*answer, figures);
-        }
-        showProgress(figures);
+Figures playStream(const sp<IFDSession>& session, const Direction& direction) {
+    Run run(session, direction);
+    if (!run.start()) return run.figures();
+    while (const std::optional<Answer> answer = run.take()) {
+        const bool filled = answer->outcome == Answer::Outcome::Filled;
+        const std::string fault =
+            filled ? direction.look(*answer, run.figures()) : faultWithout(*answer);
+        if (!fault.empty()) run.reporter().complain(*answer, fault);
+        if (!fault.empty() && (filled || answer->outcome == Answer::Outcome::Stray))
+            ++run.figures().wrong;
+        run.progress();
     }
-    figures.asked = client.asked();
-    return played;
+    run.reporter().leaveLine();
+    direction.curtain();
+    return run.figures();
 }
 
 Figures playUnserved(const sp<IFDSession>& session, const std::string& name, uint32_t requests) {
-    Figures figures;
-    figures.scene = name;
-    figures.wanted = requests;
-
-    StreamClient client(session, requests);
-    if (!client.start(requests)) return figures;
-    while (figures.answered() < requests) {
-        const std::optional<Answer> answer = take(client, figures);
-        if (!answer) break;
+    Direction direction;
+    direction.name = name;
+    direction.stream.frames = requests;
+    direction.stream.buffers = requests;
+    Run run(session, direction);
+    if (!run.start()) return run.figures();
+    while (const std::optional<Answer> answer = run.take()) {
         if (answer->outcome == Answer::Outcome::Failed && answer->latency >= kStaleAtLeast) {
-            printf("%s: frame %u came back with an error, in buffer %d, after %.0f ms\n",
-                   name.c_str(), answer->frameNumber, static_cast<int>(answer->bufferId),
+            printf("%s: frame %u came back with an error, in buffer %u, after %.0f ms\n",
+                   name.c_str(), answer->frameNumber, answer->buffer,
                    inMilliseconds(answer->latency));
         } else {
-            ++figures.wrong;
-            complain(name, *answer, "should have come back as an error after a second");
+            ++run.figures().wrong;
+            run.reporter().complain(*answer, "should have come back as an error after a second");
         }
     }
-    figures.asked = client.asked();
-    return figures;
+    return run.figures();
 }
 
 }  // namespace tools

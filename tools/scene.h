@@ -4,36 +4,32 @@
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "figures.h"
-#include "nv12_file.h"
-#include "picture.h"
+#include "stream_client.h"
 
 namespace tools {
 
 /** How a streaming scene is to go. */
 struct Direction {
-    std::string name;  ///< of the scene, and of the folder for its pictures
-    uint32_t frames;
-    uint32_t buffers;
-    bool turned;  ///< whether the pictures have to come turned by 180 degrees
+    std::string name;
+    StreamSettings stream;
+    /** What becomes of each picture; in words, what is wrong with it, or nothing. */
+    std::function<std::string(const Answer&, const Figures&)> look;
+    /** Asked again and again whether to end early: first without further requests, then at once. */
+    std::function<bool()> interrupted = [] { return false; };
+    /** Called when all answers are here, and the session still holds the client's buffers. */
+    std::function<void()> curtain = [] {};
+    /** No progress is shown, and what is wrong is only said at the end. */
+    bool hushed = false;
 };
 
-/** A scene that was played. */
-struct Played {
-    Figures figures;
-    ContactSheet sheet;
-    bool saved;  ///< whether every picture is on the disk
-};
-
-/**
- * Streams frames, compares each with the file's, and writes each as a picture into the scene's
- * folder in the working directory. What is wrong is said on stderr, frame by frame.
- */
-Played playStream(
+/** Streams frames, and says on stderr what is wrong. */
+Figures playStream(
     const android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession>& session,
-    const Direction& direction, Nv12File& clip);
+    const Direction& direction);
 
 /**
  * Makes requests that nobody will take, and shows what comes of each. REQUIRES: no frame source is

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "frame.h"
 
@@ -13,51 +14,88 @@ namespace tools {
 
 using Clock = std::chrono::steady_clock;
 
+/** What a buffer is full of before it is filled. */
+constexpr uint8_t kNotWritten = 0xA5;
+
+/** The first of many buffer ids that no earlier client used: random, out of 2 to the 64th. */
+uint64_t freshBufferIds();
+
+/** What a client asks for. */
+struct StreamSettings {
+    uint32_t frames;
+    uint32_t buffers;
+    FrameSize size = kClipSize;
+    /** The pace of the requests; 0 for as fast as buffers come back. */
+    double requestsPerSecond = 0;
+    /** The buffers' ids follow one another from here. */
+    uint64_t firstBufferId = freshBufferIds();
+};
+
 /** What became of one request. */
 struct Answer {
     enum class Outcome {
-        Filled,   ///< `frame` is the picture
-        Failed,   ///< an error result
-        Refused,  ///< the session did not take the request
-        Stray,    ///< a result that belongs to no request under way
+        Filled,          ///< `frame` is the picture
+        Failed,          ///< an error result
+        Refused,         ///< the session did not take the request
+        Stray,           ///< a result that belongs to no request under way
+        ForeignPicture,  ///< a result in a buffer of another client, for which a frame was taken
+        ForeignError,    ///< an error result for another client
     };
 
     Outcome outcome;
     uint32_t frameNumber;
-    uint64_t bufferId;
+    uint32_t buffer;  ///< its place among the client's buffers
     Clock::time_point arrival;
     Clock::duration latency;  ///< from the request to its answer
     Frame frame;
 };
 
 /**
- * A client of the stream: asks for a number of frames in buffers of its own, and keeps every buffer
- * in flight until all frames are asked for. Knows the session by its client interface only.
+ * A client of the stream: asks for a number of frames in buffers of its own, at a pace or with
+ * every buffer in flight, until all frames are asked for. Knows the session by its client interface
+ * only.
  *
- * The next request is made from inside the callback that gives a buffer back. Pictures are copied
- * out there too, so who looks at them delays nobody. Operations are for one thread.
+ * Without a pace the next request is made from inside the callback that gives a buffer back.
+ * Pictures are copied out there too, so who looks at them delays nobody. Operations are for one
+ * thread.
  */
 class StreamClient {
 public:
     StreamClient(const android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession>& session,
-                 uint32_t frames);
+                 const StreamSettings& settings);
     /** Takes the callback away. A call under way may end later; it keeps what it needs. */
     ~StreamClient();
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
 
     /**
-     * Allocates the buffers, configures the stream and asks for one frame in each buffer. False
-     * after a sentence on stderr.
+     * Allocates the buffers, configures the stream and, without a pace, asks for one frame in each
+     * buffer. False when that cannot be: the sentence is in `problem`, or in loss().
      */
-    bool start(uint32_t buffers);
-    /** The next answer, in the order of arrival; nothing when none comes for so long. */
+    bool start(std::string& problem);
+    /**
+     * The next answer, in the order of arrival; nothing when none comes for so long, or the
+     * provider is gone. Requests that have a pace are made while this waits.
+     */
     std::optional<Answer> next(std::chrono::milliseconds patience);
+    /** Makes no further request. */
+    void stopAsking();
     /** Requests made so far. */
     uint32_t asked() const;
+    /** Requests that it will have made at the end. */
+    uint32_t wanted() const;
+    /** Whether no request is under way. */
+    bool isIdle() const;
+    /** How the provider was lost; empty while it is there. */
+    std::string loss() const;
 
 private:
     class Receiver;
+
+    /** Looks at both halves of an answer: whether the call arrived, and what it said. */
+    bool takes(
+        const android::hardware::Return<android::hardware::camera::common::V1_0::Status>& answer,
+        std::string& problem);
 
     const android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession> mSession;
     const android::sp<Receiver> mReceiver;

@@ -76,6 +76,10 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     start->name = std::string(name != nullptr ? name : "").substr(0, kKernelNameLength);
     start->priority = priority;
     lock.lock();
+    if (mState->running) {
+        lock.unlock();
+        return INVALID_OPERATION;  // another thread was faster; `start` goes outside the lock
+    }
 
     mState->exitPending = false;
     mState->running = true;

@@ -84,22 +84,6 @@ private:
     T mValue{};
 };
 
-template <typename T>
-class Return<sp<T>> : public details::return_status {
-public:
-    Return(sp<T> value) : mValue(std::move(value)) {}                 // NOLINT
-    Return(T* value) : mValue(value) {}                               // NOLINT
-    Return(const Status& status) : details::return_status(status) {}  // NOLINT
-
-    operator sp<T>() const {  // NOLINT(google-explicit-constructor)
-        assertOk();
-        return mValue;
-    }
-
-private:
-    sp<T> mValue;
-};
-
 template <>
 class Return<void> : public details::return_status {
 public:

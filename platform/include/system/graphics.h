@@ -21,5 +21,9 @@ struct android_ycbcr {
 };
 
 #ifdef __cplusplus
+static_assert(sizeof(android_ycbcr) == 80, "wrong layout");
+#endif
+
+#ifdef __cplusplus
 }
 #endif

@@ -16,7 +16,6 @@ public:
 
     status_t lock() { return -pthread_mutex_lock(&mMutex); }
     void unlock() { pthread_mutex_unlock(&mMutex); }
-    status_t tryLock() { return -pthread_mutex_trylock(&mMutex); }
 
     /** Holds the mutex for a scope. */
     class Autolock {

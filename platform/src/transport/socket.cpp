@@ -114,7 +114,7 @@ Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadl
         if (sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return {};
         if (errno == EINTR) continue;
         if (errno != EAGAIN) return failureOf(errno);
-        const Failure waited = waitFor(socket, POLLOUT, deadline);
+        Failure waited = waitFor(socket, POLLOUT, deadline);
         if (!waited.isOk()) return waited;
     }
 }
@@ -137,7 +137,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
             const auto length = static_cast<size_t>(size);
             collect(message, in.fds);
             memcpy(&header, buffer.data(), std::min(sizeof(header), length));
-            const Failure fault = check(message, length, header, in);
+            Failure fault = check(message, length, header, in);
             if (!fault.isOk()) return fault;
             in.data = buffer.data() + sizeof(header);
             in.size = length - sizeof(header);
@@ -145,7 +145,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
         }
         if (errno == EINTR) continue;
         if (errno != EAGAIN) return failureOf(errno);
-        const Failure waited = waitFor(socket, POLLIN, deadline);
+        Failure waited = waitFor(socket, POLLIN, deadline);
         if (!waited.isOk()) return waited;
     }
 }

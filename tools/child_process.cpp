@@ -1,0 +1,116 @@
+#include "child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+namespace tools {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+constexpr int kNotRun = 127;
+
+/** What is left to do between fork and exec, where other threads' locks may be held for ever. */
+[[noreturn]] void become(const char* program, char* const* arguments, int output, pid_t parent) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    // The parent may have ended before it was asked to be watched.
+    if (getppid() == parent && dup2(output, STDOUT_FILENO) >= 0) execv(program, arguments);
+    _exit(kNotRun);
+}
+
+int remainingMs(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::max(left, decltype(left){0}));
+}
+
+}  // namespace
+
+fs::path programFolder() {
+    std::error_code error;
+    return fs::read_symlink("/proc/self/exe", error).parent_path();
+}
+
+std::unique_ptr<ChildProcess> ChildProcess::start(const fs::path& program,
+                                                  const std::vector<std::string>& arguments,
+                                                  std::string& problem) {
+    int ends[2] = {-1, -1};
+    if (access(program.c_str(), X_OK) != 0 || pipe2(ends, O_CLOEXEC) != 0) {
+        problem = program.string() + " cannot be started: " + strerror(errno);
+        return nullptr;
+    }
+    host::UniqueFd output(ends[0]);
+    const host::UniqueFd input(ends[1]);
+
+    std::vector<std::string> words = {program.string()};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+
+    const pid_t parent = getpid();
+    const pid_t id = fork();
+    if (id == 0) become(program.c_str(), pointers.data(), input.get(), parent);
+    if (id < 0) {
+        problem = program.string() + " cannot be started: " + strerror(errno);
+        return nullptr;
+    }
+    return std::unique_ptr<ChildProcess>(new ChildProcess(id, std::move(output)));
+}
+
+ChildProcess::~ChildProcess() {
+    if (mEnd) return;
+    signal(SIGKILL);
+    while (waitpid(mId, nullptr, 0) < 0 && errno == EINTR) {
+    }
+}
+
+void ChildProcess::signal(int number) const {
+    if (!mEnd) kill(mId, number);
+}
+
+std::optional<std::string> ChildProcess::nextLine(std::chrono::milliseconds patience) {
+    const Clock::time_point deadline = Clock::now() + patience;
+    for (;;) {
+        const size_t end = mUnread.find('\n');
+        if (end != std::string::npos) {
+            std::string line = mUnread.substr(0, end);
+            mUnread.erase(0, end + 1);
+            return line;
+        }
+        pollfd entry = {mOutput.get(), POLLIN, 0};
+        if (poll(&entry, 1, remainingMs(deadline)) <= 0) return std::nullopt;
+        char bytes[1024];
+        const ssize_t count = read(mOutput.get(), bytes, sizeof(bytes));
+        if (count <= 0) return std::nullopt;
+        mUnread.append(bytes, static_cast<size_t>(count));
+    }
+}
+
+std::optional<int> ChildProcess::waitForEnd(std::chrono::milliseconds patience) {
+    constexpr std::chrono::milliseconds kPause(5);
+    const Clock::time_point deadline = Clock::now() + patience;
+    while (!mEnd) {
+        int status = 0;
+        if (waitpid(mId, &status, WNOHANG) == mId) mEnd = status;
+        if (mEnd || Clock::now() >= deadline) break;
+        std::this_thread::sleep_for(kPause);
+    }
+    return mEnd;
+}
+
+}  // namespace tools

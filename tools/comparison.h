@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "figures.h"
+#include "nv12_file.h"
+#include "stream_client.h"
+
+namespace tools {
+
+/**
+ * Tells whether a stream is what a file has. A provider goes on in its file from client to client,
+ * so the stream may start at any frame; from there on it has to follow the file. Value type.
+ */
+class Comparison {
+public:
+    Comparison(Nv12File clip, bool turned) : mClip(std::move(clip)), mTurned(turned) {}
+
+    /**
+     * In words, what is wrong with a picture; empty when it is the one that it has to be. `figures`
+     * are those of the answers so far.
+     */
+    std::string faultOf(const Answer& answer, const Figures& figures);
+
+private:
+    Frame expected(size_t start, size_t offset);
+
+    Nv12File mClip;
+    bool mTurned;
+    // Where the stream can have started; a file may show the same picture more than once. Empty
+    // until a picture was found.
+    std::vector<size_t> mStarts;
+};
+
+}  // namespace tools

@@ -1,0 +1,51 @@
+#include "picture_folder.h"
+
+#include <err.h>
+
+#include <cstdio>
+#include <string>
+#include <system_error>
+
+#include "picture.h"
+
+namespace tools {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool complain(const fs::path& folder, const std::error_code& error) {
+    if (error) warnx("folder %s: %s", folder.c_str(), error.message().c_str());
+    return !error;
+}
+
+std::string pictureName(uint32_t number) {
+    char name[32];
+    snprintf(name, sizeof(name), "frame-%03u.png", number);
+    return name;
+}
+
+}  // namespace
+
+bool PictureFolder::make() const {
+    std::error_code error;
+    fs::create_directories(mPath, error);
+    return complain(mPath, error);
+}
+
+bool PictureFolder::clear() const {
+    std::error_code error;
+    for (fs::directory_iterator file(mPath, error), end; !error && file != end;
+         file.increment(error)) {
+        const std::string leaf = file->path().filename().string();
+        if (leaf.rfind("frame-", 0) == 0 && file->path().extension() == ".png")
+            fs::remove(file->path(), error);
+    }
+    return complain(mPath, error);
+}
+
+bool PictureFolder::save(uint32_t number, const Frame& frame, FrameSize size) const {
+    return writePng(toPicture(frame, size), mPath / pictureName(number));
+}
+
+}  // namespace tools

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+
+#include "frame.h"
+
+namespace tools {
+
+/** A folder with a picture of each frame. */
+class PictureFolder {
+public:
+    explicit PictureFolder(std::filesystem::path path) : mPath(std::move(path)) {}
+
+    /** Makes the folder. False after a sentence on stderr. */
+    bool make() const;
+    /** Removes the pictures of an earlier, longer scene. False after a sentence on stderr. */
+    bool clear() const;
+    /** False after a sentence on stderr. */
+    bool save(uint32_t number, const Frame& frame, FrameSize size) const;
+
+private:
+    std::filesystem::path mPath;
+};
+
+}  // namespace tools

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+namespace tools {
+
+/**
+ * A private working directory in which the test frame source finds what it plays. Removed with this
+ * object.
+ */
+class PlayFolder {
+public:
+    PlayFolder() = default;
+    ~PlayFolder();
+    PlayFolder(const PlayFolder&) = delete;
+    PlayFolder& operator=(const PlayFolder&) = delete;
+
+    /**
+     * Makes the folder with a link to the clip, or with a clip that is drawn, and makes it the
+     * working directory. False after a sentence on stderr.
+     */
+    bool enter(const std::optional<std::string>& clip);
+
+private:
+    std::filesystem::path mPath;
+};
+
+}  // namespace tools

@@ -1,0 +1,194 @@
+// A provider in a process of its own: hosts the session, serves it on a socket, and fills the
+// client's buffers from a file.
+
+#include <android/log.h>
+#include <err.h>
+#include <utils/StrongPointer.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <system_error>
+
+#include "FDSession.h"
+#include "FDSessionTest.h"
+#include "default_socket.h"
+#include "host/channel.h"
+#include "host/log.h"
+#include "host/properties.h"
+#include "nv12_file.h"
+#include "play_folder.h"
+#include "signals.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using android::sp;
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSession;
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSessionTest;
+
+constexpr int kEnded = 0;
+constexpr int kNotStarted = 2;
+
+constexpr const char* kFlippedProperty = "vendor.zoru.flipped";
+
+const std::map<std::string, int>& logLevels() {
+    static const std::map<std::string, int> levels = {
+        {"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG},
+        {"info", ANDROID_LOG_INFO},       {"warn", ANDROID_LOG_WARN},
+        {"error", ANDROID_LOG_ERROR},     {"silent", ANDROID_LOG_SILENT}};
+    return levels;
+}
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  fdstream-provider                     plays a clip that it draws, at the usual place\n"
+    "  fdstream-provider --input street.yuv  plays your clip: raw NV12, 1280x720, no header\n"
+    "  fdstream-provider --flipped           frames come turned by 180 degrees\n"
+    "  fdstream-provider --idle              takes no requests: each comes back as an error after a\n"
+    "                                        second\n"
+    "  fdstream-provider --log debug         tells of every request\n"
+    "  fdstream-provider --socket ./cam.sock somewhere else\n"
+    "\n"
+    "Then, in another terminal: fdstream-client --watch --frames 0\n"
+    "\n"
+    "Signals: SIGHUP turns the frames by 180 degrees, or back; SIGINT (Ctrl-C) and SIGTERM end it.\n"
+    "It prints \"listening on PATH\" when clients can come.\n"
+    "\n"
+    "Exit code: 0 it was ended by a signal, 2 it could not start.";
+
+struct Options {
+    std::optional<std::string> socket;
+    std::optional<std::string> input;
+    bool flipped = false;
+    bool idle = false;
+    std::string log = "error";
+};
+
+/** Nothing when the provider is to go on, else the exit code. */
+std::optional<int> parse(int argc, char** argv, Options& options) {
+    CLI::App app(
+        "Serves the stream session to clients in other processes of this user, and fills their "
+        "buffers from a clip, at most 20 frames a second.",
+        "fdstream-provider");
+    app.footer(kExamples);
+    app.add_option("--socket", options.socket,
+                   std::string("where clients connect; without it ") + tools::kDefaultSocketInWords)
+        ->type_name("PATH");
+    auto* const input =
+        app.add_option("--input", options.input, "clip to play; without it one is drawn")
+            ->type_name("FILE");
+    app.add_flag("--flipped", options.flipped, "turns the frames by 180 degrees from the start");
+    app.add_flag("--idle", options.idle, "takes no requests")->excludes(input);
+    app.add_option("--log", options.log,
+                   "what of the log goes to stderr: verbose, debug, info, warn, error or silent")
+        ->check(CLI::IsMember(&logLevels()).description(""))
+        ->type_name("LEVEL")
+        ->capture_default_str();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kEnded : kNotStarted;
+    }
+    return std::nullopt;
+}
+
+/** The test frame source, for the scope of this object. */
+class FrameSource {
+public:
+    FrameSource() : mSource(new FDSessionTest) {}
+    FrameSource(const FrameSource&) = delete;
+    FrameSource& operator=(const FrameSource&) = delete;
+    ~FrameSource() {
+        mSource->requestExit();
+        mSource->join();
+    }
+
+private:
+    const sp<FDSessionTest> mSource;
+};
+
+void setFlipped(bool flipped) {
+    host::setProperty(kFlippedProperty, flipped ? "true" : "false");
+}
+
+/** Whether the file can be played; if not, after a sentence on stderr. */
+bool isPlayable(const std::string& file) {
+    std::string problem;
+    const std::optional<tools::Nv12File> clip = tools::Nv12File::open(file, problem);
+    if (!clip) {
+        warnx("%s cannot be played: %s", file.c_str(), problem.c_str());
+    } else if (clip->tailBytes() != 0) {
+        warnx("warning: %s ends with a part of a frame (%zu bytes), which is left out",
+              file.c_str(), clip->tailBytes());
+    }
+    return clip.has_value();
+}
+
+/** A whole path, because the working directory changes. Nothing after a sentence on stderr. */
+std::optional<std::string> socketPath(const Options& options) {
+    std::string problem;
+    std::error_code error;
+    std::optional<std::string> path = options.socket ? fs::absolute(*options.socket, error).string()
+                                                     : tools::defaultSocket(problem);
+    if (error) problem = *options.socket + ": " + error.message();
+    if (problem.empty()) return path;
+    warnx("%s", problem.c_str());
+    return std::nullopt;
+}
+
+void serve(const Options& options, const std::string& socket, const tools::Signals& signals) {
+    bool flipped = options.flipped;
+    printf("listening on %s\n", socket.c_str());
+    fflush(stdout);
+    while (signals.wait() == SIGHUP) {
+        flipped = !flipped;
+        setFlipped(flipped);
+        printf(flipped ? "frames come turned by 180 degrees\n" : "frames come upright\n");
+        fflush(stdout);
+    }
+}
+
+int run(int argc, char** argv) {
+    Options options;
+    if (const std::optional<int> code = parse(argc, argv, options)) return *code;
+    host::setStderrLogPriority(logLevels().at(options.log));
+    const tools::Signals signals({SIGHUP, SIGINT, SIGTERM});
+    signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines
+
+    const std::optional<std::string> socket = socketPath(options);
+    if (!socket || (options.input && !isPlayable(*options.input))) return kNotStarted;
+    tools::PlayFolder folder;
+    if (!options.idle && !folder.enter(options.input)) return kNotStarted;
+
+    setFlipped(options.flipped);
+    std::string problem;
+    const std::unique_ptr<host::Server> server =
+        host::Server::listen(*socket, FDSession::getInstance()->getInterface(), problem);
+    if (server == nullptr) {
+        warnx("%s", problem.c_str());
+        return kNotStarted;
+    }
+    // Ends before the server does, so that no frame is on its way when the connections end.
+    std::optional<FrameSource> source;
+    if (!options.idle) source.emplace();
+    serve(options, *socket, signals);
+    return kEnded;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {  // of the standard library, when memory is short
+        warnx("%s", error.what());
+        return kNotStarted;
+    }
+}

@@ -1,0 +1,27 @@
+#include "signals.h"
+
+#include <ctime>
+
+namespace tools {
+
+Signals::Signals(std::initializer_list<int> numbers) : mSet() {
+    sigemptyset(&mSet);
+    for (const int number : numbers)
+        sigaddset(&mSet, number);
+    pthread_sigmask(SIG_BLOCK, &mSet, nullptr);
+}
+
+int Signals::wait() const {
+    int number = 0;
+    while (sigwait(&mSet, &number) != 0) {
+    }
+    return number;
+}
+
+int Signals::poll() const {
+    const timespec now = {};
+    const int number = sigtimedwait(&mSet, nullptr, &now);
+    return number > 0 ? number : 0;
+}
+
+}  // namespace tools

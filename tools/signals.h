@@ -1,0 +1,25 @@
+#pragma once
+
+#include <csignal>
+#include <initializer_list>
+
+namespace tools {
+
+/**
+ * Signals that are taken when the program is ready for them, instead of breaking in. Made before
+ * the first thread, which would otherwise get them. A value; signals stay blocked.
+ */
+class Signals {
+public:
+    Signals(std::initializer_list<int> numbers);
+
+    /** Waits for the next one. */
+    int wait() const;
+    /** Takes one that has come; 0 when none has. */
+    int poll() const;
+
+private:
+    sigset_t mSet;
+};
+
+}  // namespace tools
