@@ -10,10 +10,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <iterator>
 #include <thread>
 
 #include "host/channel.h"
@@ -263,6 +265,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
         EXPECT_TRUE(remote->ping().isOk()) << fault.name;
     }
+    printf("%zu faults, each the end of its own channel only\n", std::size(faults));
     // One that is cut off in the middle is no fault.
     log.clear();
     {
@@ -318,6 +321,28 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
     }
     EXPECT_TRUE(late.isClosed());
     EXPECT_TRUE(remote->ping().isOk());
+}
+
+TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
+    RawClient late(path);
+    const FewDescriptors few(40);
+    uint32_t queued = 1;
+    for (;; ++queued) {
+        const Return<Status> answer = remote->processCaptureRequest(requestFor(queued, 1, nullptr));
+        ASSERT_TRUE(answer.isOk()) << answer.description();
+        if (static_cast<Status>(answer) == Status::ILLEGAL_ARGUMENT) break;
+        ASSERT_LE(queued, 40U);
+    }
+    EXPECT_GE(queued, 30U);
+    EXPECT_TRUE(late.connect());
+    late.send(message({kCall, 0, 1, 0}));
+    EXPECT_FALSE(late.isClosed());  // another client is still served
+    for (uint32_t i = 0; i < queued; ++i)
+        EXPECT_EQ(take().frameNumber, i);
+    EXPECT_FALSE(session->isCaptureRequestReady());
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)), Status::OK);
 }
 
 TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {

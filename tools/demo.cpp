@@ -40,7 +40,7 @@ constexpr int kAllRight = 0;
 constexpr int kNotRight = 1;
 constexpr int kNotPlayed = 2;
 
-constexpr const char* kDrawnName = "clip.yuv";
+constexpr const char* kDrawnName = "demo-clip.yuv";
 constexpr const char* kSideBySideName = "side-by-side.png";
 constexpr uint32_t kUnservedRequests = 4;
 
