@@ -42,10 +42,10 @@ bool accepted(const Return<Status>& answer) {
 }
 
 host::Buffer allocate() {
-    host::BufferSpec spec;
-    spec.width = 64;
-    spec.height = 32;
-    return std::move(*host::Buffer::allocate(spec));
+    host::BufferGeometry geometry;
+    geometry.width = 64;
+    geometry.height = 32;
+    return std::move(*host::Buffer::allocate(geometry));
 }
 
 /** Keeps one request under way in a buffer whose id no earlier client used. */

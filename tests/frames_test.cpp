@@ -24,8 +24,8 @@ namespace {
 constexpr const char* kTag = "zoruutil";
 
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
-    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.spec().width,
-                             buffer.spec().height, 35, 1, usage, buffer.spec().width);
+    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
+                             buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
 }
 
 void randomise(const host::Buffer& buffer, unsigned seed) {
@@ -35,23 +35,23 @@ void randomise(const host::Buffer& buffer, unsigned seed) {
 
 /** The rows of a buffer without their padding. */
 std::vector<uint8_t> packed(const host::Buffer& buffer) {
-    const host::BufferSpec& spec = buffer.spec();
+    const host::BufferGeometry& geometry = buffer.geometry();
     std::vector<uint8_t> result;
-    for (uint32_t y = 0; y < spec.height; ++y) {
-        result.insert(result.end(), buffer.lumaRow(y), buffer.lumaRow(y) + spec.width);
+    for (uint32_t y = 0; y < geometry.height; ++y) {
+        result.insert(result.end(), buffer.lumaRow(y), buffer.lumaRow(y) + geometry.width);
     }
-    for (uint32_t y = 0; y < spec.height / 2; ++y) {
-        result.insert(result.end(), buffer.chromaRow(y), buffer.chromaRow(y) + spec.width);
+    for (uint32_t y = 0; y < geometry.height / 2; ++y) {
+        result.insert(result.end(), buffer.chromaRow(y), buffer.chromaRow(y) + geometry.width);
     }
     return result;
 }
 
-host::BufferSpec strided(host::ChromaOrder order = host::ChromaOrder::CbFirst) {
-    host::BufferSpec spec;
-    spec.stride = 1536;
-    spec.chromaStride = 1600;
-    spec.order = order;
-    return spec;
+host::BufferGeometry strided(host::ChromaOrder order = host::ChromaOrder::CbFirst) {
+    host::BufferGeometry geometry;
+    geometry.stride = 1536;
+    geometry.chromaStride = 1600;
+    geometry.order = order;
+    return geometry;
 }
 
 class FramesTest : public testing::Test {
@@ -135,13 +135,13 @@ TEST_F(FramesTest, DescribesAPaddedFrameInMemory) {
 }
 
 TEST_F(FramesTest, TellsWhyAFrameIsNotCopied) {
-    host::BufferSpec planarSpec;
-    planarSpec.chromaStep = 1;
-    host::BufferSpec wideSpec;
-    wideSpec.chromaStep = 4;
+    host::BufferGeometry planarGeometry;
+    planarGeometry.chromaStep = 1;
+    host::BufferGeometry wideGeometry;
+    wideGeometry.chromaStep = 4;
     const sp<GraphicBuffer> good = wrap(allocate(8, 4));
-    const sp<GraphicBuffer> planar = wrap(allocate(8, 4, planarSpec));
-    const sp<GraphicBuffer> wide = wrap(allocate(8, 4, wideSpec));
+    const sp<GraphicBuffer> planar = wrap(allocate(8, 4, planarGeometry));
+    const sp<GraphicBuffer> wide = wrap(allocate(8, 4, wideGeometry));
     const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);
     const sp<GraphicBuffer> small = wrap(allocate(4, 4));
     const sp<GraphicBuffer> low = wrap(allocate(8, 2));

@@ -355,13 +355,13 @@ TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
 TEST(BufferTest, AllocatesNoImpossibleGeometry) {
     const auto possible = [](uint32_t width, uint32_t height, uint32_t stride = 0,
                              uint32_t chromaStride = 0, uint32_t chromaStep = 2) {
-        host::BufferSpec spec;
-        spec.width = width;
-        spec.height = height;
-        spec.stride = stride;
-        spec.chromaStride = chromaStride;
-        spec.chromaStep = chromaStep;
-        return host::Buffer::allocate(spec).has_value();
+        host::BufferGeometry geometry;
+        geometry.width = width;
+        geometry.height = height;
+        geometry.stride = stride;
+        geometry.chromaStride = chromaStride;
+        geometry.chromaStep = chromaStep;
+        return host::Buffer::allocate(geometry).has_value();
     };
     EXPECT_TRUE(possible(1, 1));
     EXPECT_TRUE(possible(3, 3, 3));

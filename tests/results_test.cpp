@@ -245,27 +245,28 @@ TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
 namespace {
 
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
-    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.spec().width,
-                             buffer.spec().height, 35, 1, usage, buffer.spec().width);
+    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
+                             buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
 }
 
 /** What a frame turned by 180 degrees is: the last sample first, in luma and in chroma pairs. */
 std::vector<uint8_t> turned(const host::Buffer& buffer) {
-    const host::BufferSpec& spec = buffer.spec();
+    const host::BufferGeometry& geometry = buffer.geometry();
     std::vector<uint8_t> result(buffer.bytes(), buffer.bytes() + buffer.size());
     const auto at = [&](const uint8_t* p) -> uint8_t& {
         return result[static_cast<size_t>(p - buffer.bytes())];
     };
-    for (uint32_t y = 0; y < spec.height; ++y) {
-        for (uint32_t x = 0; x < spec.width; ++x) {
-            at(buffer.lumaRow(y) + x) = buffer.lumaRow(spec.height - 1 - y)[spec.width - 1 - x];
+    for (uint32_t y = 0; y < geometry.height; ++y) {
+        for (uint32_t x = 0; x < geometry.width; ++x) {
+            at(buffer.lumaRow(y) + x) =
+                buffer.lumaRow(geometry.height - 1 - y)[geometry.width - 1 - x];
         }
     }
-    const uint32_t rows = spec.height >= 4 ? spec.height / 2 : 0;
+    const uint32_t rows = geometry.height >= 4 ? geometry.height / 2 : 0;
     for (uint32_t y = 0; y < rows; ++y) {
-        for (uint32_t x = 0; x < spec.width; ++x) {
+        for (uint32_t x = 0; x < geometry.width; ++x) {
             const uint32_t from =
-                x / 2 < spec.width / 2 ? (spec.width / 2 - 1 - x / 2) * 2 + x % 2 : x;
+                x / 2 < geometry.width / 2 ? (geometry.width / 2 - 1 - x / 2) * 2 + x % 2 : x;
             // The byte of no pair keeps its column; in a middle row it keeps its place.
             at(buffer.chromaRow(y) + x) = buffer.chromaRow(rows - 1 - y)[from];
         }
@@ -279,11 +280,11 @@ TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
     for (const uint32_t height : {1U, 2U, 3U, 4U, 5U, 6U, 7U, 12U}) {
         for (const uint32_t width : {1U, 2U, 5U, 16U, 61U, 160U}) {
             for (const bool crFirst : {false, true}) {
-                host::BufferSpec spec;
-                spec.stride = crFirst ? 192 : 191;  // an odd one moves pairs to odd addresses
-                spec.chromaStride = crFirst ? 200 : 201;
-                spec.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
-                const host::Buffer buffer = allocate(width, height, spec);
+                host::BufferGeometry geometry;
+                geometry.stride = crFirst ? 192 : 191;  // an odd one moves pairs to odd addresses
+                geometry.chromaStride = crFirst ? 200 : 201;
+                geometry.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
+                const host::Buffer buffer = allocate(width, height, geometry);
                 std::minstd_rand random(width * 100 + height);
                 std::generate_n(buffer.bytes(), buffer.size(),
                                 [&] { return static_cast<uint8_t>(random()); });
@@ -298,7 +299,7 @@ TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
 
 TEST(RotationTest, TellsWhatItCannotTurnAndUnlocksWhatItLocked) {
     host::LogCapture log;
-    host::BufferSpec planar;
+    host::BufferGeometry planar;
     planar.chromaStep = 1;
     const host::Buffer buffer = allocate(4, 4, planar);
     std::iota(buffer.bytes(), buffer.bytes() + buffer.size(), uint8_t{0});

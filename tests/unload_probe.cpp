@@ -196,10 +196,10 @@ void waitAMoment(std::minstd_rand& random) {
 std::vector<host::Buffer> allocateBuffers() {
     std::vector<host::Buffer> buffers;
     for (uint64_t id = 0; id < kBuffers; ++id) {
-        host::BufferSpec spec;
-        spec.width = 16;
-        spec.height = 8;
-        buffers.push_back(std::move(*host::Buffer::allocate(spec)));
+        host::BufferGeometry geometry;
+        geometry.width = 16;
+        geometry.height = 8;
+        buffers.push_back(std::move(*host::Buffer::allocate(geometry)));
     }
     return buffers;
 }

@@ -61,22 +61,22 @@ StreamConfiguration theStream(FrameSize size) {
 }
 
 std::optional<host::Buffer> allocate(FrameSize size) {
-    host::BufferSpec spec;
-    spec.width = static_cast<uint32_t>(size.width);
-    spec.height = static_cast<uint32_t>(size.height);
-    spec.stride = spec.width + kRowPadding;
-    spec.usage = kUsage;
-    return host::Buffer::allocate(spec);
+    host::BufferGeometry geometry;
+    geometry.width = static_cast<uint32_t>(size.width);
+    geometry.height = static_cast<uint32_t>(size.height);
+    geometry.stride = geometry.width + kRowPadding;
+    geometry.usage = kUsage;
+    return host::Buffer::allocate(geometry);
 }
 
 Frame copyOut(const host::Buffer& buffer) {
-    const host::BufferSpec& spec = buffer.spec();
+    const host::BufferGeometry& geometry = buffer.geometry();
     Frame frame;
-    frame.reserve(size_t{spec.width} * spec.height / 2 * 3);
-    for (uint32_t row = 0; row < spec.height; ++row)
-        frame.insert(frame.end(), buffer.lumaRow(row), buffer.lumaRow(row) + spec.width);
-    for (uint32_t row = 0; row < spec.height / 2; ++row)
-        frame.insert(frame.end(), buffer.chromaRow(row), buffer.chromaRow(row) + spec.width);
+    frame.reserve(size_t{geometry.width} * geometry.height / 2 * 3);
+    for (uint32_t row = 0; row < geometry.height; ++row)
+        frame.insert(frame.end(), buffer.lumaRow(row), buffer.lumaRow(row) + geometry.width);
+    for (uint32_t row = 0; row < geometry.height / 2; ++row)
+        frame.insert(frame.end(), buffer.chromaRow(row), buffer.chromaRow(row) + geometry.width);
     return frame;
 }
 

@@ -16,7 +16,7 @@ enum class ChromaOrder : int32_t { CbFirst = 0, CrFirst = 1 };
  * luma plane comes first: `height` rows, `stride` apart. The chroma follows, (height + 1) / 2 rows,
  * `chromaStride` apart: interleaved in one plane, or with a chroma step of 1 in two planes.
  */
-struct BufferSpec {
+struct BufferGeometry {
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t stride = 0;        ///< 0: the width, made even
@@ -36,7 +36,7 @@ constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
 class Buffer {
 public:
     /** Nothing when the geometry cannot be, or memory or descriptors are short. */
-    static std::optional<Buffer> allocate(const BufferSpec& spec);
+    static std::optional<Buffer> allocate(const BufferGeometry& geometry);
 
     Buffer(Buffer&&) noexcept;
     Buffer& operator=(Buffer&&) noexcept;
@@ -45,7 +45,7 @@ public:
     /** The raw handle, to be sent with a request; stays the buffer's own. */
     const native_handle_t* handle() const;
     /** As allocated, with the strides filled in. */
-    const BufferSpec& spec() const;
+    const BufferGeometry& geometry() const;
 
     uint8_t* bytes() const;
     size_t size() const;

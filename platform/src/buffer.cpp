@@ -10,7 +10,7 @@
 namespace host {
 
 struct Buffer::Parts {
-    Parts(BufferSpec completed, native_handle_t* owned) : spec(completed), handle(owned) {}
+    Parts(BufferGeometry completed, native_handle_t* owned) : geometry(completed), handle(owned) {}
     ~Parts() {
         native_handle_close(handle);
         native_handle_delete(handle);
@@ -18,13 +18,13 @@ struct Buffer::Parts {
     Parts(const Parts&) = delete;
     Parts& operator=(const Parts&) = delete;
 
-    const BufferSpec spec;
+    const BufferGeometry geometry;
     native_handle_t* const handle;
     detail::MemoryMap map;
 };
 
-std::optional<Buffer> Buffer::allocate(const BufferSpec& spec) {
-    const std::optional<BufferSpec> completed = detail::complete(spec);
+std::optional<Buffer> Buffer::allocate(const BufferGeometry& geometry) {
+    const std::optional<BufferGeometry> completed = detail::complete(geometry);
     if (!completed) return std::nullopt;
     const size_t size = detail::planesOf(*completed).total;
 
@@ -51,8 +51,8 @@ const native_handle_t* Buffer::handle() const {
     return mParts->handle;
 }
 
-const BufferSpec& Buffer::spec() const {
-    return mParts->spec;
+const BufferGeometry& Buffer::geometry() const {
+    return mParts->geometry;
 }
 
 uint8_t* Buffer::bytes() const {
@@ -64,11 +64,11 @@ size_t Buffer::size() const {
 }
 
 uint8_t* Buffer::lumaRow(uint32_t row) const {
-    return bytes() + size_t{row} * spec().stride;
+    return bytes() + size_t{row} * geometry().stride;
 }
 
 uint8_t* Buffer::chromaRow(uint32_t row) const {
-    return bytes() + detail::planesOf(spec()).chroma + size_t{row} * spec().chromaStride;
+    return bytes() + detail::planesOf(geometry()).chroma + size_t{row} * geometry().chromaStride;
 }
 
 }  // namespace host

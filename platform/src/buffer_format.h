@@ -15,8 +15,8 @@
  */
 namespace host::detail {
 
-/** The spec with its strides filled in; nothing when it cannot be a buffer. */
-std::optional<BufferSpec> complete(BufferSpec spec);
+/** The geometry with its strides filled in; nothing when it cannot be a buffer. */
+std::optional<BufferGeometry> complete(BufferGeometry geometry);
 
 /** Bytes from the start of the memory to each plane, and the size of it all. */
 struct PlaneOffsets {
@@ -25,11 +25,11 @@ struct PlaneOffsets {
     size_t chroma;  ///< the lower of the two
     size_t total;
 };
-PlaneOffsets planesOf(const BufferSpec& completed);
+PlaneOffsets planesOf(const BufferGeometry& completed);
 
 /** A handle that takes over `fd`; null without memory. */
-native_handle_t* encode(int fd, const BufferSpec& completed);
+native_handle_t* encode(int fd, const BufferGeometry& completed);
 /** The geometry a handle claims; nothing when it is not a buffer's. Looks at no memory or file. */
-std::optional<BufferSpec> parse(const native_handle_t* handle);
+std::optional<BufferGeometry> parse(const native_handle_t* handle);
 
 }  // namespace host::detail

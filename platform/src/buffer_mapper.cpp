@@ -22,10 +22,10 @@ namespace {
 
 constexpr uint64_t kCpuUsage = GRALLOC_USAGE_SW_READ_MASK | GRALLOC_USAGE_SW_WRITE_MASK;
 
-bool inside(const MapperRect& region, const BufferSpec& spec) {
+bool inside(const MapperRect& region, const BufferGeometry& geometry) {
     return region.left >= 0 && region.top >= 0 && region.width >= 0 && region.height >= 0 &&
-           int64_t{region.left} + region.width <= int64_t{spec.width} &&
-           int64_t{region.top} + region.height <= int64_t{spec.height};
+           int64_t{region.left} + region.width <= int64_t{geometry.width} &&
+           int64_t{region.top} + region.height <= int64_t{geometry.height};
 }
 
 /** A plain lock may also see the buffer as one row of bytes. */
@@ -47,10 +47,10 @@ MapperError BufferMapper::import(const native_handle_t* raw, buffer_handle_t& im
 }
 
 MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle_t& imported) {
-    const std::optional<BufferSpec> spec = parse(raw);
-    if (!spec) return MapperError::BAD_BUFFER;
+    const std::optional<BufferGeometry> geometry = parse(raw);
+    if (!geometry) return MapperError::BAD_BUFFER;
     MapperError error = MapperError::NONE;
-    std::shared_ptr<MemoryMap> memory = mapLocked(raw->data[0], planesOf(*spec).total, error);
+    std::shared_ptr<MemoryMap> memory = mapLocked(raw->data[0], planesOf(*geometry).total, error);
     if (memory == nullptr) return error;
     const native_handle_t* const clone = native_handle_clone(raw);
     if (clone == nullptr) {
@@ -58,7 +58,7 @@ MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle
         dropUnusedLocked();
         return MapperError::NO_RESOURCES;
     }
-    mImports[clone] = Import{std::move(memory), *spec};
+    mImports[clone] = Import{std::move(memory), *geometry};
     ++mCounters.imports;
     imported = clone;
     return MapperError::NONE;
@@ -109,8 +109,8 @@ MapperError BufferMapper::lock(buffer_handle_t imported, uint64_t usage, const M
                                void*& data) {
     const std::lock_guard<std::mutex> lock(mMutex);
     Import* const found = findLocked(imported);
-    if (found != nullptr && !inside(region, found->spec) &&
-        !insideAsRow(region, planesOf(found->spec).total)) {
+    if (found != nullptr && !inside(region, found->geometry) &&
+        !insideAsRow(region, planesOf(found->geometry).total)) {
         return countLocked(MapperError::BAD_VALUE);
     }
     const MapperError error = lockLocked(found, usage);
@@ -122,19 +122,19 @@ MapperError BufferMapper::lockYCbCr(buffer_handle_t imported, uint64_t usage,
                                     const MapperRect& region, MapperLayout& layout) {
     const std::lock_guard<std::mutex> lock(mMutex);
     Import* const found = findLocked(imported);
-    if (found != nullptr && !inside(region, found->spec)) {
+    if (found != nullptr && !inside(region, found->geometry)) {
         return countLocked(MapperError::BAD_VALUE);
     }
     const MapperError error = lockLocked(found, usage);
     if (error != MapperError::NONE) return error;
     uint8_t* const memory = found->memory->data();
-    const PlaneOffsets planes = planesOf(found->spec);
+    const PlaneOffsets planes = planesOf(found->geometry);
     layout.y = memory;
     layout.cb = memory + planes.cb;
     layout.cr = memory + planes.cr;
-    layout.yStride = found->spec.stride;
-    layout.cStride = found->spec.chromaStride;
-    layout.chromaStep = found->spec.chromaStep;
+    layout.yStride = found->geometry.stride;
+    layout.cStride = found->geometry.chromaStride;
+    layout.chromaStep = found->geometry.chromaStep;
     return MapperError::NONE;
 }
 
@@ -158,10 +158,10 @@ MapperError BufferMapper::unlock(buffer_handle_t imported) {
     return MapperError::NONE;
 }
 
-std::optional<BufferSpec> BufferMapper::specOf(buffer_handle_t imported) {
+std::optional<BufferGeometry> BufferMapper::geometryOf(buffer_handle_t imported) {
     const std::lock_guard<std::mutex> lock(mMutex);
     const Import* const found = findLocked(imported);
-    return found != nullptr ? std::optional<BufferSpec>(found->spec) : std::nullopt;
+    return found != nullptr ? std::optional<BufferGeometry>(found->geometry) : std::nullopt;
 }
 
 BufferMapper::Import* BufferMapper::findLocked(buffer_handle_t imported) {

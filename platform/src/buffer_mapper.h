@@ -46,7 +46,7 @@ public:
     MapperError unlock(buffer_handle_t imported);
 
     /** The geometry of an imported buffer. */
-    std::optional<BufferSpec> specOf(buffer_handle_t imported);
+    std::optional<BufferGeometry> geometryOf(buffer_handle_t imported);
 
     MapperCounters counters();
     void failLock(int status, int skip);
@@ -57,7 +57,7 @@ private:
 
     struct Import {
         std::shared_ptr<MemoryMap> memory;
-        BufferSpec spec;
+        BufferGeometry geometry;
         int locks = 0;
     };
 

@@ -28,8 +28,9 @@ MapperError importChecked(const native_handle_t* handle, uint32_t width, uint32_
     BufferMapper& mapper = BufferMapper::get();
     const MapperError error = mapper.import(handle, imported);
     if (error != MapperError::NONE) return error;
-    const std::optional<host::BufferSpec> spec = mapper.specOf(imported);
-    if (spec && width > 0 && height > 0 && width <= spec->width && height <= spec->height) {
+    const std::optional<host::BufferGeometry> geometry = mapper.geometryOf(imported);
+    if (geometry && width > 0 && height > 0 && width <= geometry->width &&
+        height <= geometry->height) {
         return MapperError::NONE;
     }
     mapper.free(imported);

@@ -92,11 +92,11 @@ Return<void> Callback::answer() {
                                                   "the peer has closed the connection");
 }
 
-host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferSpec& other) {
-    host::BufferSpec spec = other;
-    spec.width = width;
-    spec.height = height;
-    std::optional<host::Buffer> buffer = host::Buffer::allocate(spec);
+host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometry& other) {
+    host::BufferGeometry geometry = other;
+    geometry.width = width;
+    geometry.height = height;
+    std::optional<host::Buffer> buffer = host::Buffer::allocate(geometry);
     if (!buffer) {
         ADD_FAILURE() << "no buffer of " << width << " x " << height;
         abort();

@@ -76,7 +76,7 @@ private:
     Deliveries& mDeliveries;
 };
 
-host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferSpec& other = {});
+host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometry& other = {});
 
 StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
 CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
