@@ -32,6 +32,9 @@ public:
     FewDescriptors(const FewDescriptors&) = delete;
     FewDescriptors& operator=(const FewDescriptors&) = delete;
 
+    /** Gives the slots above the limit back, which stays as it is. */
+    void releaseReserved() { mTaken.clear(); }
+
 private:
     static bool isFree(rlim_t fd) { return fcntl(static_cast<int>(fd), F_GETFD) < 0; }
 

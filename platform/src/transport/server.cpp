@@ -116,8 +116,13 @@ private:
             eventfd_t woken = 0;
             eventfd_read(mWake.get(), &woken);
             reap();
-            full = !mStopping && !acceptOne();
+            full = !mStopping && isSomebodyWaiting() && !acceptOne();
         }
+    }
+
+    bool isSomebodyWaiting() const {
+        pollfd entry = {mSocket.get(), POLLIN, 0};
+        return poll(&entry, 1, 0) > 0;
     }
 
     /** False when there was no slot for it. */

@@ -13,7 +13,9 @@ namespace host::detail {
 namespace {
 
 std::mutex sMutex;
-int sServers = 0;  // guarded by sMutex
+// Guarded by sMutex.
+int sServers = 0;
+rlim_t sLowered = 0;
 
 rlim_t slots() {
     rlimit limit = {};
@@ -21,11 +23,12 @@ rlim_t slots() {
     return limit.rlim_cur;
 }
 
-void moveLimit(bool open) {
+/** Moves the limit from one value to another; not when somebody else has moved it meanwhile. */
+void moveLimit(rlim_t from, rlim_t to) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur == RLIM_INFINITY) return;
-    limit.rlim_cur = open ? limit.rlim_cur + kReservedFds : limit.rlim_cur - kReservedFds;
+    if (limit.rlim_cur != from) return;
+    limit.rlim_cur = to;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
@@ -33,21 +36,24 @@ void moveLimit(bool open) {
 
 SlotReserve::SlotReserve() {
     const std::lock_guard<std::mutex> lock(sMutex);
-    if (sServers++ == 0) moveLimit(false);
+    if (sServers++ > 0) return;
+    const rlim_t full = slots();
+    sLowered = full - kReservedFds;
+    moveLimit(full, sLowered);
 }
 
 SlotReserve::~SlotReserve() {
     const std::lock_guard<std::mutex> lock(sMutex);
-    if (--sServers == 0) moveLimit(true);
+    if (--sServers == 0) moveLimit(sLowered, sLowered + kReservedFds);
 }
 
-SlotReserve::Opened::Opened() {
+SlotReserve::Opened::Opened() : mLimit(slots()) {
     sMutex.lock();
-    moveLimit(true);
+    moveLimit(mLimit, mLimit + kReservedFds);
 }
 
 SlotReserve::Opened::~Opened() {
-    moveLimit(false);
+    moveLimit(mLimit + kReservedFds, mLimit);
     sMutex.unlock();
 }
 

@@ -22,6 +22,9 @@ public:
         ~Opened();
         Opened(const Opened&) = delete;
         Opened& operator=(const Opened&) = delete;
+
+    private:
+        const unsigned long mLimit;
     };
 
     /**
