@@ -20,6 +20,7 @@
 
 #include "host/channel.h"
 #include "host/remote.h"
+#include "host/threads.h"
 #include "support/few_descriptors.h"
 #include "support/leak_check.h"
 #include "support/session_fixture.h"
@@ -82,6 +83,13 @@ std::vector<uint8_t> message(std::initializer_list<uint32_t> words, size_t more 
     memcpy(bytes.data(), words.begin(), words.size() * 4);
     return bytes;
 }
+
+struct Recipient : public hidl_death_recipient {
+    void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
+        died.set_value({cookie, who.promote() != nullptr});
+    }
+    std::promise<std::pair<uint64_t, bool>> died;
+};
 
 }  // namespace
 
@@ -251,6 +259,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2},
         {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1},
         {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2},
+        {"more descriptors than a message may have", message({kCall, kConfigure, 1, 65, 0, 0}), 65},
         {"a callback that is no channel", message({kCall, 1, 1, 1}, 1), 1},
         {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
          0},
@@ -322,6 +331,28 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(remote->ping().isOk());
 }
 
+TEST_F(TransportTest, GoesOnWhenNoThreadCanBeMade) {
+    EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
+    std::string problem;
+    host::failNextThreadStart();
+    EXPECT_EQ(host::Server::listen(folder + "/other", client, problem), nullptr);
+    EXPECT_NE(problem.find("no thread can be made"), std::string::npos);
+    host::failNextThreadStart();
+    EXPECT_FALSE(remote->setCallback(callback).isOk());
+    host::failNextThreadStart();
+    EXPECT_FALSE(bool(remote->linkToDeath(new Recipient, 1)));
+    host::failNextThreadStart();
+    RawClient refused(path);
+    EXPECT_TRUE(refused.connect());
+    EXPECT_TRUE(refused.isClosed());
+    EXPECT_TRUE(remote->ping().isOk());
+    expectStatus(remote->setCallback(callback), Status::OK);
+    RawClient served(path);
+    EXPECT_TRUE(served.connect());
+    served.send(message({kCall, 0, 1, 0}));
+    EXPECT_FALSE(served.isClosed());
+}
+
 TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
@@ -372,12 +403,6 @@ TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
 }
 
 TEST_F(TransportTest, TellsOfTheEndOfItsPeer) {
-    struct Recipient : public hidl_death_recipient {
-        void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
-            died.set_value({cookie, who.promote() != nullptr});
-        }
-        std::promise<std::pair<uint64_t, bool>> died;
-    };
     const sp<Recipient> told = new Recipient;
     const sp<Recipient> unlinked = new Recipient;
     EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));

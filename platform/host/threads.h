@@ -2,7 +2,8 @@
 
 namespace host {
 
-/** Lets the next Thread::run() of this process fail as if no thread could be made. */
+/** Lets the next start of a thread, a Thread's or the transport's, fail as if none could be made.
+ */
 void failNextThreadStart();
 
 /** The platform's threads that were started and have not ended. Any thread may ask. */

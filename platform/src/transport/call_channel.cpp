@@ -10,6 +10,7 @@
 #include "host/limits.h"
 #include "host/remote.h"
 #include "socket.h"
+#include "start_thread.h"
 
 namespace host {
 
@@ -29,18 +30,10 @@ std::string noAnswer() {
 /** Waits for the end of the socket on a thread of its own; destroying it calls the wait off. */
 class CallChannel::DeathWatch {
 public:
-    DeathWatch(int socket, sp<hidl_death_recipient> recipient, uint64_t cookie,
-               const ::android::wp<IBase>& who)
-        : mRecipient(std::move(recipient)), mStop(eventfd(0, EFD_CLOEXEC)) {
-        // Everything by value: the recipient may let go of this watch while it is being told.
-        mThread = std::thread([socket, stop = mStop.get(), told = mRecipient, cookie, who] {
-            pollfd entries[] = {{socket, POLLRDHUP, 0}, {stop, POLLIN, 0}};
-            while (poll(entries, 2, -1) < 0 && errno == EINTR) {
-            }
-            if (entries[1].revents == 0) told->serviceDied(cookie, who);
-        });
-    }
+    explicit DeathWatch(sp<hidl_death_recipient> recipient)
+        : mRecipient(std::move(recipient)), mStop(eventfd(0, EFD_CLOEXEC)) {}
     ~DeathWatch() {
+        if (!mThread.joinable()) return;
         eventfd_write(mStop.get(), 1);
         // The recipient may be what lets go of the proxy, on this very thread.
         if (mThread.get_id() == std::this_thread::get_id()) {
@@ -51,6 +44,18 @@ public:
     }
     DeathWatch(const DeathWatch&) = delete;
     DeathWatch& operator=(const DeathWatch&) = delete;
+
+    /** False when there is no descriptor or no thread for it. */
+    bool start(int socket, uint64_t cookie, const ::android::wp<IBase>& who) {
+        // Everything by value: the recipient may let go of this watch while it is being told.
+        const auto watch = [socket, stop = mStop.get(), told = mRecipient, cookie, who] {
+            pollfd entries[] = {{socket, POLLRDHUP, 0}, {stop, POLLIN, 0}};
+            while (poll(entries, 2, -1) < 0 && errno == EINTR) {
+            }
+            if (entries[1].revents == 0) told->serviceDied(cookie, who);
+        };
+        return mStop.isValid() && detail::startThread(mThread, "death", watch);
+    }
 
     bool tells(const sp<hidl_death_recipient>& recipient) const { return mRecipient == recipient; }
 
@@ -118,8 +123,10 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
 bool CallChannel::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,
                               const ::android::wp<IBase>& who) {
     if (recipient == nullptr) return false;
+    auto watch = std::make_unique<DeathWatch>(recipient);
     const std::lock_guard<std::mutex> lock(mMutex);
-    mWatches.push_back(std::make_unique<DeathWatch>(mSocket.get(), recipient, cookie, who));
+    if (!watch->start(mSocket.get(), cookie, who)) return false;
+    mWatches.push_back(std::move(watch));
     return true;
 }
 

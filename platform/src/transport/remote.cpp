@@ -40,8 +40,10 @@ bool writeInterface(Writer& writer, const char* descriptor, const sp<IBase>& obj
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
     UniqueFd mine;
     UniqueFd theirs;
-    if (makers == nullptr || !detail::makePair(mine, theirs)) return false;
-    detail::serveDetached(std::move(mine), makers->stub(object));
+    if (makers == nullptr || !detail::makePair(mine, theirs) ||
+        !detail::serveDetached(std::move(mine), makers->stub(object))) {
+        return false;
+    }
     writer.descriptor(std::move(theirs));
     return true;
 }

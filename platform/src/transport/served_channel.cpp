@@ -1,7 +1,6 @@
 #include "served_channel.h"
 
 #include <android/log.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -10,6 +9,7 @@
 #include "host/limits.h"
 #include "slot_reserve.h"
 #include "socket.h"
+#include "start_thread.h"
 
 #define LOG_TAG "transport"
 
@@ -76,11 +76,14 @@ void serveChannel(int socket, Stub& stub) {
     shutdown(socket, SHUT_RDWR);
 }
 
-void serveDetached(UniqueFd socket, std::unique_ptr<Stub> stub) {
-    std::thread([socket = std::move(socket), stub = std::move(stub)] {
-        pthread_setname_np(pthread_self(), "callback");
-        serveChannel(socket.get(), *stub);
-    }).detach();
+bool serveDetached(UniqueFd socket, std::unique_ptr<Stub> stub) {
+    std::thread thread;
+    const bool started =
+        startThread(thread, "callback", [socket = std::move(socket), stub = std::move(stub)] {
+            serveChannel(socket.get(), *stub);
+        });
+    if (started) thread.detach();
+    return started;
 }
 
 bool makePair(UniqueFd& one, UniqueFd& other) {

@@ -1,6 +1,5 @@
 #include <android/log.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include "host/remote.h"
 #include "served_channel.h"
 #include "slot_reserve.h"
+#include "start_thread.h"
 
 #define LOG_TAG "transport"
 
@@ -80,14 +80,14 @@ public:
         : mPath(std::move(path)),
           mSocket(std::move(socket)),
           mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-          mStub(std::move(stub)) {
-        mThread = std::thread([this] { acceptAll(); });
-    }
+          mStub(std::move(stub)) {}
 
     ~Impl() {
-        mStopping = true;
-        eventfd_write(mWake.get(), 1);
-        mThread.join();
+        if (mThread.joinable()) {
+            mStopping = true;
+            eventfd_write(mWake.get(), 1);
+            mThread.join();
+        }
         unlink(mPath.c_str());
         for (const Connection& connection : mConnections) {
             shutdown(connection.socket.get(), SHUT_RDWR);
@@ -98,6 +98,11 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
+    /** False when there is no descriptor or no thread for it. */
+    bool start() {
+        return mWake.isValid() && detail::startThread(mThread, "accept", [this] { acceptAll(); });
+    }
+
 private:
     struct Connection {
         UniqueFd socket;
@@ -106,7 +111,6 @@ private:
     };
 
     void acceptAll() {
-        pthread_setname_np(pthread_self(), "accept");
         bool full = false;
         while (!mStopping) {
             // Without a slot for it a connection stays in the backlog: asked for again, not spun
@@ -140,12 +144,16 @@ private:
         }
         Connection& connection = mConnections.emplace_back();
         connection.socket = std::move(socket);
-        connection.thread = std::thread([this, &connection] {
-            pthread_setname_np(pthread_self(), "connection");
+        const auto serve = [this, &connection] {
             detail::serveChannel(connection.socket.get(), *mStub);
             connection.ended = true;
             eventfd_write(mWake.get(), 1);
-        });
+        };
+        if (!detail::startThread(connection.thread, "connection", serve)) {
+            mConnections.pop_back();
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "a connection is refused: no thread can be made for it");
+        }
         return true;
     }
 
@@ -199,8 +207,12 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
         problem = path + ": " + strerror(errno);
         return nullptr;
     }
-    return std::unique_ptr<Server>(
-        new Server(std::make_unique<Impl>(path, std::move(socket), makers->stub(object))));
+    auto impl = std::make_unique<Impl>(path, std::move(socket), makers->stub(object));
+    if (!impl->start()) {
+        problem = path + ": no thread can be made to serve it";
+        return nullptr;
+    }
+    return std::unique_ptr<Server>(new Server(std::move(impl)));
 }
 
 Server::Server(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}

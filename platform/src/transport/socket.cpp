@@ -73,6 +73,7 @@ void collect(msghdr& message, std::vector<UniqueFd>& fds) {
 
 Failure check(const msghdr& message, size_t size, const Header& header, const Incoming& in) {
     if ((message.msg_flags & MSG_CTRUNC) != 0) {
+        if (in.fds.size() == kMaxMessageFds) return {FAILED_TRANSACTION, "too many descriptors"};
         return {NO_MEMORY, "descriptors were lost on the way: no slot was free for them"};
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) return {FAILED_TRANSACTION, "message too long"};

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "thread_registry.h"
+
+namespace host::detail {
+
+/** Runs `body` on a new thread of this name. False, and `body` is gone, when none can be made. */
+template <typename Body>
+bool startThread(std::thread& thread, const char* name, Body body) {
+    if (takeThreadStartFailure()) return false;
+    try {
+        thread = std::thread([name, body = std::move(body)] {
+            pthread_setname_np(pthread_self(), name);
+            body();
+        });
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+}  // namespace host::detail
