@@ -1,0 +1,37 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "figures.h"
+
+namespace bench {
+
+/** How long a run takes. */
+struct Effort {
+    int rounds;  ///< samples of each side
+    double secondsPerSample;
+    bool quick;
+};
+
+/** One way to do a piece's work: the loop over a benchmark's state. */
+struct Contender {
+    std::string name;
+    std::function<void(benchmark::State&)> run;
+    std::optional<double> aim = std::nullopt;  ///< of ours against this one
+};
+
+/**
+ * Measures ours and its references with Google Benchmark, their samples in a random order, and adds
+ * a comparison with each reference. One that stops with an error, because what it made was wrong,
+ * gets no figure but a line among the faults.
+ */
+void compare(Figures& figures, const Effort& effort, const std::string& piece,
+             const std::string& what, const Contender& ours,
+             const std::vector<Contender>& references);
+
+}  // namespace bench
