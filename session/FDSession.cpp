@@ -403,6 +403,7 @@ namespace {
 using ChromaPair = uint16_t __attribute__((aligned(1), may_alias));
 
 /** Exchanges two rows that do not overlap, each turned end for end. */
+FDSTREAM_PROCESSOR_CLONES
 void exchangeLuma(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         const uint8_t sample = top[i];
@@ -411,6 +412,7 @@ void exchangeLuma(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t co
     }
 }
 
+FDSTREAM_PROCESSOR_CLONES
 void exchangeChroma(ChromaPair* __restrict top, ChromaPair* __restrict bottom, size_t count) {
     for (size_t i = 0; i < count; ++i) {
         const uint16_t pair = top[i];
