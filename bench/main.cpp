@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
 
     bench::Figures figures;
     bench::benchRotation(figures, effort);
+    bench::benchCopies(figures, effort);
     bench::print(figures);
     return figures.faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

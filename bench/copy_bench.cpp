@@ -1,0 +1,152 @@
+// The copies between packed memory and a buffer, against the plane copies of others.
+
+#include <libyuv.h>
+
+#include <cstring>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ZoruUtil.h"
+#include "benches.h"
+#include "frames.h"
+#include "pieces.h"
+
+#ifdef BENCH_HAS_AVUTIL
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+#endif
+
+namespace bench {
+
+namespace {
+
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::ZoruUtil;
+
+/** Where the two planes of a frame are; strides in bytes. */
+struct Planes {
+    uint8_t* luma;
+    int lumaStride;
+    uint8_t* chroma;
+    int chromaStride;
+};
+
+Planes planesOf(const FrameBuffer& frame) {
+    return {frame.luma(), frame.lumaStride(), frame.chroma(), frame.chromaStride()};
+}
+
+Planes planesOf(std::vector<uint8_t>& packed, FrameSize size) {
+    const auto width = static_cast<int>(size.width);
+    return {packed.data(), width, packed.data() + size_t{size.width} * size.height, width};
+}
+
+void copyWithYuv(const Planes& to, const Planes& from, int width, int height) {
+    libyuv::CopyPlane(from.luma, from.lumaStride, to.luma, to.lumaStride, width, height);
+    libyuv::CopyPlane(from.chroma, from.chromaStride, to.chroma, to.chromaStride, width,
+                      height / 2);
+}
+
+#ifdef BENCH_HAS_AVUTIL
+void copyWithAvutil(const Planes& to, const Planes& from, int width, int height) {
+    uint8_t* toPlanes[4] = {to.luma, to.chroma};
+    int toStrides[4] = {to.lumaStride, to.chromaStride};
+    const uint8_t* fromPlanes[4] = {from.luma, from.chroma};
+    const int fromStrides[4] = {from.lumaStride, from.chromaStride};
+    av_image_copy(toPlanes, toStrides, fromPlanes, fromStrides, AV_PIX_FMT_NV12, width, height);
+}
+#endif
+
+/** One direction of the copy, between a buffer and packed memory. */
+class Direction {
+public:
+    Direction(FrameSize size, uint32_t stride, bool toBuffer)
+        : mSize(size), mToBuffer(toBuffer), mBuffer(size, stride), mMemory(testFrame(size)) {
+        mBuffer.fill(testFrame(size));
+    }
+
+    void ours() {
+        if (mToBuffer) {
+            ZoruUtil::copyTo(mMemory.data(), mBuffer.wrapped);
+        } else {
+            ZoruUtil::copyFrom(mMemory.data(), mBuffer.wrapped);
+        }
+    }
+    template <typename Copy>
+    void planes(Copy copy) {
+        const Planes packed = planesOf(mMemory, mSize);
+        const Planes buffer = planesOf(mBuffer);
+        copy(mToBuffer ? buffer : packed, mToBuffer ? packed : buffer, mBuffer.width(),
+             mBuffer.height());
+    }
+    /** As many bytes, without rows. */
+    void once() {
+        uint8_t* const buffer = mBuffer.memory.bytes();
+        memcpy(mToBuffer ? buffer : mMemory.data(), mToBuffer ? mMemory.data() : buffer,
+               mSize.packedBytes());
+    }
+
+    Contender contender(const std::string& name, const std::function<void()>& copy,
+                        bool rows = true, std::optional<double> aim = std::nullopt) {
+        const auto run = [=](benchmark::State& state) {
+            if (rows && !isRight(copy)) {
+                state.SkipWithError("the frame came out wrong");
+                return;
+            }
+            for (auto _ : state)
+                copy();
+        };
+        return {name, run, aim};
+    }
+
+private:
+    /** Leaves both sides with the test frame. */
+    bool isRight(const std::function<void()>& copy) {
+        const std::vector<uint8_t> frame = testFrame(mSize);
+        const std::vector<uint8_t> other(frame.size(), 0x5a);
+        mMemory = mToBuffer ? frame : other;
+        mBuffer.fill(mToBuffer ? other : frame);
+        copy();
+        return mMemory == frame && mBuffer.packed() == frame;
+    }
+
+    const FrameSize mSize;
+    const bool mToBuffer;
+    FrameBuffer mBuffer;
+    std::vector<uint8_t> mMemory;
+};
+
+void benchDirection(Figures& figures, const Effort& effort, FrameSize size, bool strided,
+                    bool toBuffer) {
+    Direction direction(size, size.width + (strided ? 256 : 0), toBuffer);
+    // Level is what cannot be told apart: a ratio of a hundredth more.
+    const std::optional<double> aim = strided ? std::optional(1.01) : std::nullopt;
+    std::vector<Contender> references = {direction.contender(
+        "libyuv", [&] { direction.planes(copyWithYuv); }, true, aim)};
+#ifdef BENCH_HAS_AVUTIL
+    references.push_back(direction.contender(
+        "FFmpeg", [&] { direction.planes(copyWithAvutil); }, true, aim));
+#endif
+    references.push_back(direction.contender(
+        "one memcpy", [&] { direction.once(); }, false));
+    compare(figures, effort, toBuffer ? "copyTo" : "copyFrom",
+            size.name + std::string(strided ? ", strided" : ", unstrided"),
+            direction.contender("ours", [&] { direction.ours(); }), references);
+}
+
+}  // namespace
+
+void benchCopies(Figures& figures, const Effort& effort) {
+    for (const FrameSize& size : {kSizes[0], kSizes[2]}) {
+        for (const bool strided : {true, false}) {
+            for (const bool toBuffer : {true, false})
+                benchDirection(figures, effort, size, strided, toBuffer);
+        }
+    }
+#ifndef BENCH_HAS_AVUTIL
+    figures.absent.emplace_back("FFmpeg's image copy, because libavutil-dev is missing.");
+#endif
+}
+
+}  // namespace bench
