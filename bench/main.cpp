@@ -25,8 +25,10 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&count, arguments);
 
     bench::Figures figures;
-    bench::benchRotation(figures, effort);
-    bench::benchCopies(figures, effort);
+    // X bench::benchRotation(figures, effort);
+    // Xbench::benchCopies(figures, effort);
+    bench::benchRequest(figures, effort);
+    bench::benchDelivery(figures, effort);
     bench::print(figures);
     return figures.faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,0 +1,190 @@
+// A result from the provider's thread to the client's callback in the same process, against a bare
+// hand-off between two threads with the same copies of the record.
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "benches.h"
+#include "frames.h"
+#include "processor.h"
+#include "records.h"
+
+namespace bench {
+
+namespace {
+
+constexpr std::chrono::milliseconds kIdleWait(50);  // the session's own
+
+using Clock = std::chrono::steady_clock;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
+using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSessionCallback;
+
+/** The client's callback: keeps the time of its call, and wakes who waits for it. */
+class Receiver : public IFDSessionCallback {
+public:
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
+        const Clock::time_point now = Clock::now();
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mArrival = now;
+        mLast = results[0].frameNumber;
+        mArrived.notify_one();
+        return {};
+    }
+    Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
+
+    Clock::time_point waitFor(uint32_t frameNumber) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mArrived.wait(lock, [&] { return mLast == frameNumber; });
+        return mArrival;
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mArrived;
+    // Guarded by mMutex.
+    Clock::time_point mArrival;
+    uint32_t mLast = 0;
+};
+
+/** When the waiting thread is told: as the session has to tell it, or as is best for both. */
+enum class Notify { UnderMutex, AfterMutex };
+
+/** A queue, a mutex, a condition variable, and a thread that calls. */
+class BareHandoff {
+public:
+    BareHandoff(const sp<IFDSessionCallback>& callback, Notify notify)
+        : mCallback(callback), mNotify(notify), mThread([this] { run(); }) {}
+    ~BareHandoff() {
+        send(CaptureResult());  // the end
+        mThread.join();
+    }
+    BareHandoff(const BareHandoff&) = delete;
+    BareHandoff& operator=(const BareHandoff&) = delete;
+
+    void send(const CaptureResult& result) {
+        CaptureResult copy = result;
+        std::unique_lock<std::mutex> lock(mMutex);
+        mResults.push_back(std::move(copy));
+        if (mNotify == Notify::AfterMutex) lock.unlock();
+        mChanged.notify_all();
+    }
+
+private:
+    void run() {
+        for (;;) {
+            hidl_vec<CaptureResult> results;
+            results.resize(1);
+            {
+                std::unique_lock<std::mutex> lock(mMutex);
+                while (mResults.empty())
+                    mChanged.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
+                results[0] = std::move(mResults.front());
+                mResults.pop_front();
+            }
+            if (results[0].outputBuffers.size() == 0) return;
+            const Return<void> status = mCallback->processCaptureResult(results);
+            if (!status.isOk()) return;
+        }
+    }
+
+    const sp<IFDSessionCallback> mCallback;
+    const Notify mNotify;
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::deque<CaptureResult> mResults;  // guarded by mMutex
+    std::thread mThread;
+};
+
+/** What a round of hand-offs cost, in microseconds. */
+struct Round {
+    double median;
+    double p99;
+    double processor;  ///< time on processors, each
+};
+
+Round runRound(int count, Receiver& receiver, const CaptureResult& pattern,
+               const std::function<void(const CaptureResult&)>& send) {
+    std::vector<double> times;
+    CaptureResult result = pattern;
+    const double before = processorMicroseconds();
+    for (int i = 0; i < count; ++i) {
+        ++result.frameNumber;
+        const Clock::time_point start = Clock::now();
+        send(result);
+        const Clock::duration time = receiver.waitFor(result.frameNumber) - start;
+        times.push_back(std::chrono::duration<double, std::micro>(time).count());
+    }
+    const double processor = (processorMicroseconds() - before) / count;
+    return {percentile(times, 50), percentile(times, 99), processor};
+}
+
+/** The rounds of both sides, as three comparisons. */
+struct Rounds {
+    std::vector<Round> ours;
+    std::vector<Round> theirs;
+
+    Comparison comparison(double Round::*figure, const std::string& what,
+                          const std::string& reference, std::optional<double> aim) const {
+        Comparison result{"delivery", what, reference, "us", {}, {}, aim};
+        for (const Round& round : ours)
+            result.ours.push_back(round.*figure);
+        for (const Round& round : theirs)
+            result.theirs.push_back(round.*figure);
+        return result;
+    }
+};
+
+void benchAgainst(Figures& figures, const Effort& effort, const std::string& where, Notify notify,
+                  bool toAim) {
+    const bool alike = notify == Notify::UnderMutex;
+    const std::string reference =
+        std::string("hand-off, told ") + (alike ? "under the mutex" : "after the mutex");
+    fprintf(stderr, "delivery, %s, %s ...\n", where.c_str(), reference.c_str());
+    const FrameBuffer frame(kTiny, kTiny.width);
+    const CaptureResult pattern = resultFor(requestFor(0, 1, frame.memory.handle()));
+    const sp<Receiver> receiver = new Receiver;
+    const sp<FDSessionImpl> session = new FDSessionImpl;
+    session->handleSetCallback(receiver);
+    BareHandoff bare(receiver, notify);
+
+    const int count = effort.quick ? 1000 : 10000;
+    Rounds rounds;
+    for (int i = 0; i < effort.rounds; ++i) {
+        rounds.ours.push_back(runRound(count, *receiver, pattern, [&](const auto& result) {
+            session->sendCaptureResult(result);
+        }));
+        rounds.theirs.push_back(
+            runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); }));
+    }
+    session->handleSetCallback(nullptr);
+    const auto aim = [toAim](double ratio) { return toAim ? std::optional(ratio) : std::nullopt; };
+    for (const Comparison& each :
+         {rounds.comparison(&Round::median, where + ", median", reference, aim(1.25)),
+          rounds.comparison(&Round::p99, where + ", p99", reference, aim(1.5)),
+          rounds.comparison(&Round::processor, where + ", time on CPU", reference, {})}) {
+        figures.comparisons.push_back(each);
+    }
+}
+
+}  // namespace
+
+void benchDelivery(Figures& figures, const Effort& effort) {
+    {
+        const OnOneProcessor pinned;
+        benchAgainst(figures, effort, "one CPU", Notify::UnderMutex, true);
+        benchAgainst(figures, effort, "one CPU", Notify::AfterMutex, false);
+    }
+    benchAgainst(figures, effort, "unpinned", Notify::UnderMutex, false);
+}
+
+}  // namespace bench

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <sched.h>
+#include <sys/types.h>
+
+#include <string>
+
+namespace bench {
+
+/** Keeps this thread, and what it starts, on one processor for the scope of this object. */
+class OnOneProcessor {
+public:
+    OnOneProcessor();
+    ~OnOneProcessor();
+    OnOneProcessor(const OnOneProcessor&) = delete;
+    OnOneProcessor& operator=(const OnOneProcessor&) = delete;
+
+private:
+    cpu_set_t mBefore;
+};
+
+/** The time that a process has spent on processors so far, in microseconds; 0: this one. */
+double processorMicroseconds(pid_t process = 0);
+
+/** What the figures were measured with: processor and compiler. */
+std::string machine();
+
+}  // namespace bench
