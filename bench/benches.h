@@ -10,6 +10,7 @@ void benchRotation(Figures& figures, const Effort& effort);
 void benchCopies(Figures& figures, const Effort& effort);
 void benchRequest(Figures& figures, const Effort& effort);
 void benchDelivery(Figures& figures, const Effort& effort);
+void benchRoads(Figures& figures, const Effort& effort);
 void benchGrowth(Figures& figures, const Effort& effort);
 void benchIdle(Figures& figures, const Effort& effort);
 

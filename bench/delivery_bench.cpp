@@ -153,7 +153,7 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
     const FrameBuffer frame(kTiny, kTiny.width);
     const CaptureResult pattern = resultFor(requestFor(0, 1, frame.memory.handle()));
     const sp<Receiver> receiver = new Receiver;
-    const sp<FDSessionImpl> session = new FDSessionImpl;
+    const OwnSession session;
     session->handleSetCallback(receiver);
     BareHandoff bare(receiver, notify);
 
@@ -166,7 +166,6 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
         rounds.theirs.push_back(
             runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); }));
     }
-    session->handleSetCallback(nullptr);
     const auto aim = [toAim](double ratio) { return toAim ? std::optional(ratio) : std::nullopt; };
     for (const Comparison& each :
          {rounds.comparison(&Round::median, where + ", median", reference, aim(1.25)),

@@ -1,34 +1,78 @@
 // Measures what the library adds to a frame, against references in the same run.
 
+#include <android/log.h>
 #include <benchmark/benchmark.h>
-#include <CLI/CLI.hpp>
 
+#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "benches.h"
 #include "figures.h"
+#include "host/log.h"
 #include "pieces.h"
+#include "processor.h"
+#include "road_provider.h"
 
-int main(int argc, char** argv) {
-    CLI::App app("Measures what the library adds to a frame, against references in the same run.");
-    bool quick = false;
-    app.add_flag("--quick", quick, "fewer and shorter samples: about a minute");
-    CLI11_PARSE(app, argc, argv);
-    const bench::Effort effort =
-        quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};
+namespace {
 
+struct Part {
+    const char* name;
+    void (*run)(bench::Figures& figures, const bench::Effort& effort);
+};
+
+constexpr Part kParts[] = {
+    {"rotation", bench::benchRotation}, {"copies", bench::benchCopies},
+    {"request", bench::benchRequest},   {"delivery", bench::benchDelivery},
+    {"roads", bench::benchRoads},
+};
+
+std::vector<std::string> partNames() {
+    std::vector<std::string> names;
+    for (const Part& part : kParts)
+        names.emplace_back(part.name);
+    return names;
+}
+
+void initializeBenchmark() {
     char program[] = "fdstream-bench";
     char interleaved[] = "--benchmark_enable_random_interleaving=true";
     char* arguments[] = {program, interleaved, nullptr};
     int count = 2;
     benchmark::Initialize(&count, arguments);
+}
 
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Measures what the library adds to a frame, against references in the same run.");
+    bool quick = false;
+    app.add_flag("--quick", quick, "Fewer and shorter samples: about a minute");
+    std::vector<std::string> parts;
+    app.add_option("--only", parts, "Parts to run; all when there are none")
+        ->check(CLI::IsMember(partNames()));
+    CLI::App* const provider = app.add_subcommand("provider", "")->group("");  // for itself
+    std::string socket;
+    bool pictures = false;
+    provider->add_option("socket", socket)->required();
+    provider->add_flag("--pictures", pictures);
+    CLI11_PARSE(app, argc, argv);
+    if (*provider) return bench::serveRoad(socket, pictures);
+
+    host::setStderrLogPriority(ANDROID_LOG_ERROR);
+    initializeBenchmark();
+    const bench::Effort effort =
+        quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};
     bench::Figures figures;
-    // X bench::benchRotation(figures, effort);
-    // Xbench::benchCopies(figures, effort);
-    bench::benchRequest(figures, effort);
-    bench::benchDelivery(figures, effort);
+    for (const Part& part : kParts) {
+        const bool wanted =
+            parts.empty() || std::find(parts.begin(), parts.end(), part.name) != parts.end();
+        if (wanted) part.run(figures, effort);
+    }
+    printf("Measured on %s\n", bench::machine().c_str());
     bench::print(figures);
     return figures.faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

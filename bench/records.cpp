@@ -23,6 +23,14 @@ CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_
     return request;
 }
 
+OwnSession::~OwnSession() {
+    mSession->handleSetCallback(nullptr);
+    mSession->handleConfigure(streamOf(kTiny));  // gives every imported buffer back
+    mSession->requestExit();
+    mSession->sendCaptureResult(CaptureResult());  // ends the wait
+    mSession->join();
+}
+
 CaptureResult resultFor(CaptureRequest request) {
     CaptureResult result = {};
     result.frameNumber = request.frameNumber;

@@ -18,6 +18,21 @@ StreamConfiguration streamOf(FrameSize size);
 CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId,
                           const native_handle_t* handle = nullptr);
 
+/** A session that ends, its thread too, with this object. */
+class OwnSession {
+public:
+    OwnSession() : mSession(new FDSessionImpl) {}
+    ~OwnSession();
+    OwnSession(const OwnSession&) = delete;
+    OwnSession& operator=(const OwnSession&) = delete;
+
+    FDSessionImpl* operator->() const { return mSession.get(); }
+    FDSessionImpl& operator*() const { return *mSession; }
+
+private:
+    const sp<FDSessionImpl> mSession;
+};
+
 /** The provider's answer to a request that it took: its buffer, filled. */
 CaptureResult resultFor(CaptureRequest request);
 

@@ -25,7 +25,7 @@ bool oneRequest(FDSessionImpl& session, const CaptureRequest& request, CaptureRe
 
 void runOurs(benchmark::State& state) {
     const FrameBuffer frame(kTiny, kTiny.width);
-    const sp<FDSessionImpl> session = new FDSessionImpl;
+    const OwnSession session;
     session->handleConfigure(streamOf(kTiny));
     CaptureRequest taken;
     bool right = oneRequest(*session, requestFor(0, kBufferId, frame.memory.handle()), taken);
@@ -33,7 +33,6 @@ void runOurs(benchmark::State& state) {
     for (auto _ : state)
         right = oneRequest(*session, known, taken) && right;
     if (!right) state.SkipWithError("a request did not come out");
-    session->handleConfigure(streamOf(kTiny));  // gives the buffer back
 }
 
 /** Two look-ups, the copy of the buffer's record, the copy of the request with a duplicate of the
