@@ -126,13 +126,19 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
     alignas(cmsghdr) Control control = {};
     iovec part = {buffer.data(), buffer.size()};
     msghdr message = {};
+    // Without a deadline the call itself waits; with one the answer has hardly ever come already.
+    const int flags = MSG_CMSG_CLOEXEC | (deadline ? MSG_DONTWAIT : 0);
     for (;;) {
+        if (deadline) {
+            Failure waited = waitFor(socket, POLLIN, deadline);
+            if (!waited.isOk()) return waited;
+        }
         message = {};
         message.msg_iov = &part;
         message.msg_iovlen = 1;
         message.msg_control = control.data();
         message.msg_controllen = control.size();
-        const ssize_t size = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+        const ssize_t size = recvmsg(socket, &message, flags);
         if (size == 0) return closedByPeer();
         if (size > 0) {
             const auto length = static_cast<size_t>(size);
@@ -144,10 +150,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
             in.size = length - sizeof(header);
             return {};
         }
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN) return failureOf(errno);
-        Failure waited = waitFor(socket, POLLIN, deadline);
-        if (!waited.isOk()) return waited;
+        if (errno != EINTR && errno != EAGAIN) return failureOf(errno);
     }
 }
 
