@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <mutex>
 
 #include "host/limits.h"
@@ -13,8 +14,8 @@ namespace host::detail {
 namespace {
 
 std::mutex sMutex;
+std::atomic<int> sServers{0};  // changes under sMutex
 // Guarded by sMutex.
-int sServers = 0;
 rlim_t sLowered = 0;
 
 rlim_t slots() {
@@ -58,6 +59,7 @@ SlotReserve::Opened::~Opened() {
 }
 
 bool SlotReserve::isUntouched() {
+    if (sServers == 0) return true;
     // Numbers are given out from the lowest, so a free first number of the reserve nearly always
     // tells that all of it is free; only when it is taken are the slots counted.
     const rlim_t limit = slots();

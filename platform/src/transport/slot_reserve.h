@@ -30,6 +30,7 @@ public:
     /**
      * Whether descriptors that have just arrived leave kReservedFds more slots free below the
      * limit; if not, they are to be closed, so that calls without descriptors still find some.
+     * Always, in a process that serves nobody: what arrives there is what it asked for.
      */
     static bool isUntouched();
 };
