@@ -11,6 +11,7 @@ void benchCopies(Figures& figures, const Effort& effort);
 void benchRequest(Figures& figures, const Effort& effort);
 void benchDelivery(Figures& figures, const Effort& effort);
 void benchRoads(Figures& figures, const Effort& effort);
+void benchCounts(Figures& figures, const Effort& effort);
 void benchGrowth(Figures& figures, const Effort& effort);
 void benchIdle(Figures& figures, const Effort& effort);
 

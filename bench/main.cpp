@@ -5,12 +5,14 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "benches.h"
+#include "counts_bench.h"
 #include "figures.h"
 #include "host/log.h"
 #include "pieces.h"
@@ -27,7 +29,7 @@ struct Part {
 constexpr Part kParts[] = {
     {"rotation", bench::benchRotation}, {"copies", bench::benchCopies},
     {"request", bench::benchRequest},   {"delivery", bench::benchDelivery},
-    {"roads", bench::benchRoads},
+    {"roads", bench::benchRoads},       {"counts", bench::benchCounts},
 };
 
 std::vector<std::string> partNames() {
@@ -59,10 +61,16 @@ int main(int argc, char** argv) {
     bool pictures = false;
     provider->add_option("socket", socket)->required();
     provider->add_flag("--pictures", pictures);
+    CLI::App* const steady = app.add_subcommand("steady", "")->group("");  // for itself
+    std::string run;
+    uint32_t frames = 0;
+    steady->add_option("run", run)->required();
+    steady->add_option("frames", frames)->required();
     CLI11_PARSE(app, argc, argv);
     if (*provider) return bench::serveRoad(socket, pictures);
 
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
+    if (*steady) return bench::runSteady(run, frames);
     initializeBenchmark();
     const bench::Effort effort =
         quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};

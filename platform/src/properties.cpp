@@ -1,5 +1,6 @@
 #include <cutils/properties.h>
 
+#include <functional>
 #include <map>
 #include <mutex>
 
@@ -11,7 +12,7 @@ namespace {
 /** Never destroyed: a thread may read a property while the process exits. */
 struct Store {
     std::mutex mutex;
-    std::map<std::string, std::string> values;  // guarded by mutex
+    std::map<std::string, std::string, std::less<>> values;  // guarded by mutex
 };
 
 Store& store() {
