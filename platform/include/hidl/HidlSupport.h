@@ -138,7 +138,7 @@ struct hidl_vec {
     /** Allocates anew; what is kept is moved over, what is new is value-initialised. */
     void resize(size_t size) {
         const uint32_t count = details::checkedSize(size);
-        T* const elements = new T[count]();
+        T* const elements = count > 0 ? new T[count]() : nullptr;
         std::move(begin(), begin() + std::min(mSize, count), elements);
         release();
         own(elements, count);
@@ -156,7 +156,7 @@ private:
     template <typename Iterator>
     void assign(Iterator first, size_t size) {
         const uint32_t count = details::checkedSize(size);
-        T* const elements = new T[count]();
+        T* const elements = count > 0 ? new T[count]() : nullptr;
         std::copy_n(first, count, elements);
         release();
         own(elements, count);
