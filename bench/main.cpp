@@ -30,6 +30,7 @@ constexpr Part kParts[] = {
     {"rotation", bench::benchRotation}, {"copies", bench::benchCopies},
     {"request", bench::benchRequest},   {"delivery", bench::benchDelivery},
     {"roads", bench::benchRoads},       {"counts", bench::benchCounts},
+    {"growth", bench::benchGrowth},     {"idle", bench::benchIdle},
 };
 
 std::vector<std::string> partNames() {

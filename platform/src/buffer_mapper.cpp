@@ -50,35 +50,39 @@ MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle
     const std::optional<BufferGeometry> geometry = parse(raw);
     if (!geometry) return MapperError::BAD_BUFFER;
     MapperError error = MapperError::NONE;
-    std::shared_ptr<MemoryMap> memory = mapLocked(raw->data[0], planesOf(*geometry).total, error);
+    FileId file;
+    std::shared_ptr<MemoryMap> memory =
+        mapLocked(raw->data[0], planesOf(*geometry).total, file, error);
     if (memory == nullptr) return error;
     const native_handle_t* const clone = native_handle_clone(raw);
     if (clone == nullptr) {
         memory.reset();
-        dropUnusedLocked();
+        forgetUnusedLocked(file);
         return MapperError::NO_RESOURCES;
     }
-    mImports[clone] = Import{std::move(memory), *geometry};
+    mImports[clone] = Import{std::move(memory), file, *geometry};
     ++mCounters.imports;
     imported = clone;
     return MapperError::NONE;
 }
 
-std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, MapperError& error) {
+std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, FileId& file,
+                                                   MapperError& error) {
     error = MapperError::BAD_BUFFER;
     const int seals = fcntl(fd, F_GET_SEALS);
     if (seals < 0 || (seals & F_SEAL_SHRINK) == 0) return nullptr;
-    struct stat file {};
-    if (fstat(fd, &file) != 0 || file.st_size < 0) return nullptr;
-    const auto size = static_cast<uint64_t>(file.st_size);
+    struct stat status {};
+    if (fstat(fd, &status) != 0 || status.st_size < 0) return nullptr;
+    const auto size = static_cast<uint64_t>(status.st_size);
     if (size < needed || size > kMaxBufferBytes) return nullptr;
 
-    std::weak_ptr<MemoryMap>& known = mMemory[{file.st_dev, file.st_ino}];
+    file = {status.st_dev, status.st_ino};
+    std::weak_ptr<MemoryMap>& known = mMemory[file];
     std::shared_ptr<MemoryMap> memory = known.lock();
     if (memory != nullptr && memory->size() >= needed) return memory;
     memory = std::make_shared<MemoryMap>();
     if (!memory->map(fd, static_cast<size_t>(size))) {
-        dropUnusedLocked();
+        forgetUnusedLocked(file);
         return nullptr;
     }
     ++mCounters.maps;
@@ -86,18 +90,18 @@ std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, Mapper
     return memory;
 }
 
-void BufferMapper::dropUnusedLocked() {
-    for (auto it = mMemory.begin(); it != mMemory.end();) {
-        it = it->second.expired() ? mMemory.erase(it) : std::next(it);
-    }
+void BufferMapper::forgetUnusedLocked(const FileId& file) {
+    const auto found = mMemory.find(file);
+    if (found != mMemory.end() && found->second.expired()) mMemory.erase(found);
 }
 
 MapperError BufferMapper::free(buffer_handle_t imported) {
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto found = mImports.find(imported);
     if (found == mImports.end()) return countLocked(MapperError::BAD_BUFFER);
+    const FileId file = found->second.file;
     mImports.erase(found);
-    dropUnusedLocked();
+    forgetUnusedLocked(file);
     native_handle_close(imported);
     native_handle_delete(
         const_cast<native_handle_t*>(imported));  // NOLINT: this mapper's own clone

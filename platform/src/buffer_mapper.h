@@ -57,16 +57,18 @@ private:
 
     struct Import {
         std::shared_ptr<MemoryMap> memory;
+        FileId file;
         BufferGeometry geometry;
         int locks = 0;
     };
 
     MapperError importLocked(const native_handle_t* raw, buffer_handle_t& imported);
-    std::shared_ptr<MemoryMap> mapLocked(int fd, size_t needed, MapperError& error);
+    std::shared_ptr<MemoryMap> mapLocked(int fd, size_t needed, FileId& file, MapperError& error);
     MapperError lockLocked(Import* found, uint64_t usage);
     Import* findLocked(buffer_handle_t imported);
     MapperError countLocked(MapperError error);
-    void dropUnusedLocked();
+    /** Forgets the file when nobody has its memory any more. */
+    void forgetUnusedLocked(const FileId& file);
 
     std::mutex mMutex;
     // Guarded by mMutex.
