@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "counts_bench.h"
 #include "figures.h"
 #include "host/log.h"
+#include "output.h"
 #include "pieces.h"
 #include "processor.h"
 #include "road_provider.h"
@@ -57,6 +59,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> parts;
     app.add_option("--only", parts, "Parts to run; all when there are none")
         ->check(CLI::IsMember(partNames()));
+    std::filesystem::path out = "bench";
+    app.add_option("--out", out, "Folder for figures.json and the plots")->capture_default_str();
     CLI::App* const provider = app.add_subcommand("provider", "")->group("");  // for itself
     std::string socket;
     bool pictures = false;
@@ -75,13 +79,18 @@ int main(int argc, char** argv) {
     initializeBenchmark();
     const bench::Effort effort =
         quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};
+    std::filesystem::create_directories(out);
     bench::Figures figures;
     for (const Part& part : kParts) {
         const bool wanted =
             parts.empty() || std::find(parts.begin(), parts.end(), part.name) != parts.end();
         if (wanted) part.run(figures, effort);
     }
+    if (!drawPlots(figures, out))
+        figures.absent.emplace_back("The plots: gnuplot did not draw them.");
+    const bool written = bench::writeJson(figures, bench::machine(), out / "figures.json");
     printf("Measured on %s\n", bench::machine().c_str());
     bench::print(figures);
-    return figures.faults.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
+    printf("\nFigures and plots are in %s\n", out.c_str());
+    return figures.faults.empty() && written ? EXIT_SUCCESS : EXIT_FAILURE;
 }
