@@ -6,9 +6,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -104,6 +106,9 @@ void declare(CLI::App& app, Options& options) {
                    "most 20")
         ->type_name("F")
         ->check(CLI::Range(0.0, kMostPerSecond))
+        ->check([](const std::string& text) {
+            return std::isnan(atof(text.c_str())) ? text + " is no number" : std::string();
+        })
         ->capture_default_str();
     app.add_option("--size", options.size, kSizeHelp)
         ->type_name("WxH")
@@ -172,6 +177,11 @@ public:
                 warn("%s cannot be written", options.raw->c_str());
                 return false;
             }
+        }
+        // Found out now and not at the end of a long stream.
+        if (options.json && !std::ofstream(*options.json, std::ios::app)) {
+            warn("%s cannot be written", options.json->c_str());
+            return false;
         }
         if (!options.compare) return true;
         std::string problem;
@@ -251,6 +261,7 @@ int codeOf(const tools::Figures& figures, bool endless) {
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
+    tools::openStandardStreams();
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     const tools::Signals signals({SIGINT, SIGTERM});
     Outputs outputs(options);

@@ -3,11 +3,12 @@
 
 #include <android/log.h>
 #include <err.h>
+#include <poll.h>
+#include <unistd.h>
 #include <utils/StrongPointer.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
-#include <cstdio>
 #include <exception>
 #include <filesystem>
 #include <map>
@@ -143,21 +144,28 @@ std::optional<std::string> socketPath(const Options& options) {
     return std::nullopt;
 }
 
+/** Says a line to whoever reads; nothing holds it up when nobody does. */
+void say(const std::string& line) {
+    pollfd output = {STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&output, 1, 0) <= 0 || (output.revents & POLLOUT) == 0) return;
+    const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
+    static_cast<void>(written);  // it goes on without
+}
+
 void serve(const Options& options, const std::string& socket, const tools::Signals& signals) {
     bool flipped = options.flipped;
-    printf("listening on %s\n", socket.c_str());
-    fflush(stdout);
+    say("listening on " + socket + "\n");
     while (signals.wait() == SIGHUP) {
         flipped = !flipped;
         setFlipped(flipped);
-        printf(flipped ? "frames come turned by 180 degrees\n" : "frames come upright\n");
-        fflush(stdout);
+        say(flipped ? "frames come turned by 180 degrees\n" : "frames come upright\n");
     }
 }
 
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
+    tools::openStandardStreams();
     host::setStderrLogPriority(logLevels().at(options.log));
     const tools::Signals signals({SIGHUP, SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines

@@ -22,4 +22,10 @@ private:
     sigset_t mSet;
 };
 
+/**
+ * Gives a program that was started without its standard streams empty ones, so that no socket gets
+ * their numbers and takes what is printed.
+ */
+void openStandardStreams();
+
 }  // namespace tools

@@ -13,10 +13,11 @@ constexpr size_t kMaxMessageFds = 64;
 /** Connections that one server serves at a time; one more is closed at once. */
 constexpr size_t kMaxConnections = 64;
 /**
- * Descriptor slots, twice: a process that serves lowers its limit by so many, and keeps them for
- * new connections; and a call that brings descriptors fails when it would leave fewer below that
- * limit.
+ * Descriptor slots that a process that serves keeps for connections, by a lower limit: one for each
+ * that may be, and one to refuse another with.
  */
+constexpr size_t kConnectionFds = kMaxConnections + 1;
+/** A call that brings descriptors fails when it would leave fewer slots below that limit. */
 constexpr size_t kReservedFds = 16;
 /** A call waits this long for its turn, its way and its answer together. */
 constexpr std::chrono::milliseconds kCallPatience(1000);

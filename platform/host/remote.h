@@ -31,9 +31,10 @@ using ::android::sp;
 using ::android::hidl::base::V1_0::IBase;
 
 /**
- * The caller's end of a channel. Any thread may call; calls take turns, and each waits for its
- * turn, its way and its answer no longer than kCallPatience. After a failure on the way the channel
- * is dead for good: later calls fail at once. Resource type, shared by its proxy alone.
+ * The caller's end of a channel. Any thread may call; calls take turns in their order, and each
+ * waits for its turn, its way and its answer no longer than kCallPatience. After a failure on the
+ * way the channel is dead for good: later calls fail at once. Resource type, shared by its proxy
+ * alone.
  */
 class CallChannel {
 public:
@@ -50,20 +51,21 @@ public:
      */
     bool linkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient,
                      uint64_t cookie, const ::android::wp<IBase>& who);
+    /** On return it is not told any more, or is being told now; this does not wait for that. */
     bool unlinkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient);
 
 private:
     class DeathWatch;
-
-    ::android::hardware::Status die(::android::status_t status, const std::string& text);
 
     const UniqueFd mSocket;
 
     std::mutex mMutex;
     std::condition_variable mTurn;
     // Guarded by mMutex.
-    bool mBusy = false;
-    bool mDead = false;
+    std::vector<uint64_t> mTickets;  // in the order of the turns; the first has its turn
+    uint64_t mNextTicket = 0;
+    // What calls fail with once one has failed on its way.
+    ::android::hardware::Status mDeath;
     std::vector<std::unique_ptr<DeathWatch>> mWatches;
     // Used by whose turn it is.
     uint32_t mSerial = 0;

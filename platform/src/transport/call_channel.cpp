@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -5,7 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include "host/limits.h"
 #include "host/remote.h"
@@ -25,44 +28,78 @@ std::string noAnswer() {
     return "no answer within " + std::to_string(kCallPatience.count()) + " ms";
 }
 
+Status statusOf(const Failure& failure) {
+    return Status::fromStatusT(failure.status,
+                               (failure.text.empty() ? noAnswer() : failure.text).c_str());
+}
+
+/** What the peer says, fit for a line of a log. */
+std::string printable(const Incoming& in) {
+    constexpr size_t kMost = 120;
+    std::string text(reinterpret_cast<const char*>(in.data), std::min(in.size, kMost));
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    return text;
+}
+
 }  // namespace
 
-/** Waits for the end of the socket on a thread of its own; destroying it calls the wait off. */
+/**
+ * Waits for the end of the socket on a thread of its own; destroying it calls the wait off. It does
+ * not wait for that thread: the recipient may be what destroys it, or may wait for who does.
+ */
 class CallChannel::DeathWatch {
 public:
-    explicit DeathWatch(sp<hidl_death_recipient> recipient)
-        : mRecipient(std::move(recipient)), mStop(eventfd(0, EFD_CLOEXEC)) {}
+    explicit DeathWatch(const sp<hidl_death_recipient>& recipient)
+        : mShared(std::make_shared<Shared>()) {
+        mShared->recipient = recipient;
+    }
     ~DeathWatch() {
-        if (!mThread.joinable()) return;
-        eventfd_write(mStop.get(), 1);
-        // The recipient may be what lets go of the proxy, on this very thread.
-        if (mThread.get_id() == std::this_thread::get_id()) {
-            mThread.detach();
-        } else {
-            mThread.join();
-        }
+        mShared->takeRecipient();
+        eventfd_write(mShared->stop.get(), 1);
     }
     DeathWatch(const DeathWatch&) = delete;
     DeathWatch& operator=(const DeathWatch&) = delete;
 
-    /** False when there is no descriptor or no thread for it. */
+    /** False when there are no descriptors or no thread for it. */
     bool start(int socket, uint64_t cookie, const ::android::wp<IBase>& who) {
-        // Everything by value: the recipient may let go of this watch while it is being told.
-        const auto watch = [socket, stop = mStop.get(), told = mRecipient, cookie, who] {
-            pollfd entries[] = {{socket, POLLRDHUP, 0}, {stop, POLLIN, 0}};
+        mShared->socket.reset(fcntl(socket, F_DUPFD_CLOEXEC, 0));
+        mShared->stop.reset(eventfd(0, EFD_CLOEXEC));
+        if (!mShared->socket.isValid() || !mShared->stop.isValid()) return false;
+        std::thread thread;
+        const auto watch = [shared = mShared, cookie, who] {
+            pollfd entries[] = {{shared->socket.get(), POLLRDHUP, 0},
+                                {shared->stop.get(), POLLIN, 0}};
             while (poll(entries, 2, -1) < 0 && errno == EINTR) {
             }
-            if (entries[1].revents == 0) told->serviceDied(cookie, who);
+            const sp<hidl_death_recipient> told = shared->takeRecipient();
+            if (told != nullptr) told->serviceDied(cookie, who);
         };
-        return mStop.isValid() && detail::startThread(mThread, "death", watch);
+        if (!detail::startThread(thread, "death", watch)) return false;
+        thread.detach();
+        return true;
     }
 
-    bool tells(const sp<hidl_death_recipient>& recipient) const { return mRecipient == recipient; }
+    bool tells(const sp<hidl_death_recipient>& recipient) const {
+        const std::lock_guard<std::mutex> lock(mShared->mutex);
+        return mShared->recipient == recipient;
+    }
 
 private:
-    const sp<hidl_death_recipient> mRecipient;
-    const UniqueFd mStop;
-    std::thread mThread;
+    /** With the thread, which may end later. */
+    struct Shared {
+        sp<hidl_death_recipient> takeRecipient() {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return std::exchange(recipient, nullptr);
+        }
+
+        UniqueFd socket;
+        UniqueFd stop;
+        std::mutex mutex;
+        sp<hidl_death_recipient> recipient;  // guarded by mutex; null once told or called off
+    };
+
+    const std::shared_ptr<Shared> mShared;
 };
 
 CallChannel::CallChannel(UniqueFd socket) : mSocket(std::move(socket)) {}
@@ -73,13 +110,14 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
                          const std::function<void(Reader&)>& read) {
     const auto deadline = std::chrono::steady_clock::now() + kCallPatience;
     std::unique_lock<std::mutex> lock(mMutex);
-    if (!mTurn.wait_until(lock, deadline, [this] { return !mBusy || mDead; })) {
-        return Status::fromStatusT(::android::TIMED_OUT, noAnswer().c_str());
+    const uint64_t ticket = mNextTicket++;
+    mTickets.push_back(ticket);
+    const bool hasTurn = mTurn.wait_until(
+        lock, deadline, [&] { return mTickets.front() == ticket || !mDeath.isOk(); });
+    if (!hasTurn || !mDeath.isOk()) {
+        mTickets.erase(std::find(mTickets.begin(), mTickets.end(), ticket));
+        return hasTurn ? mDeath : statusOf({::android::TIMED_OUT, {}});
     }
-    if (mDead) {
-        return Status::fromStatusT(::android::DEAD_OBJECT, "the peer has closed the connection");
-    }
-    mBusy = true;
     lock.unlock();
 
     Header header = {Header::CALL, method, ++mSerial, static_cast<uint32_t>(out.fds.size())};
@@ -96,8 +134,7 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
         if (!failure.isOk()) return failure;
         if (!alive) return {::android::FAILED_TRANSACTION, "the answer is to another call"};
         if (answer.kind == Header::REFUSED) {
-            return {::android::FAILED_TRANSACTION,
-                    std::string(reinterpret_cast<const char*>(in.data), in.size)};
+            return {::android::FAILED_TRANSACTION, printable(in)};
         }
         Reader reader(in);
         read(reader);
@@ -108,16 +145,13 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
     const Failure failure = exchange();
 
     lock.lock();
-    mBusy = false;
+    mTickets.erase(mTickets.begin());
     if (!alive) {
-        mDead = true;
+        mDeath = statusOf({::android::DEAD_OBJECT, failure.text});
         shutdown(mSocket.get(), SHUT_RDWR);
     }
     mTurn.notify_all();
-    lock.unlock();
-    if (failure.isOk()) return Status::ok();
-    const std::string text = failure.text.empty() ? noAnswer() : failure.text;
-    return Status::fromStatusT(failure.status, text.c_str());
+    return statusOf(failure);
 }
 
 bool CallChannel::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie,

@@ -1,18 +1,23 @@
 #include <android/log.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <list>
 #include <thread>
+#include <utility>
 
 #include "host/channel.h"
+#include "host/limits.h"
 #include "host/remote.h"
 #include "served_channel.h"
 #include "slot_reserve.h"
@@ -43,7 +48,11 @@ UniqueFd makeSocket() {
     return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
 }
 
+/** As connect(2), but gives up with EAGAIN when nobody takes the connection for so long. */
 int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
+    const timeval patience = {
+        std::chrono::duration_cast<std::chrono::seconds>(kCallPatience).count(), 0};
+    setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
@@ -53,6 +62,40 @@ bool isSameUser(int socket) {
     return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
 }
 
+/** Which file a path names now; zeros for none. */
+using FileId = std::pair<dev_t, ino_t>;
+
+FileId fileId(const std::string& path) {
+    struct stat file = {};
+    lstat(path.c_str(), &file);
+    return {file.st_dev, file.st_ino};
+}
+
+/**
+ * Lets one process at a time of those that serve look at a socket's path and change it. Who cannot
+ * have the lock goes on without it after a while: somebody else may hold it for other reasons.
+ */
+class FolderLock {
+public:
+    explicit FolderLock(const std::string& path)
+        : mFolder(open(folderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        for (int i = 0; i < kTries && flock(mFolder.get(), LOCK_EX | LOCK_NB) != 0; ++i) {
+            if (errno != EWOULDBLOCK) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(kRetryMs));
+        }
+    }
+
+private:
+    static constexpr int kTries = 60;
+
+    static std::string folderOf(const std::string& path) {
+        const size_t slash = path.rfind('/');
+        return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+    }
+
+    const UniqueFd mFolder;
+};
+
 /** A socket file that nobody listens on any more is taken away. */
 bool clearStale(const std::string& path, const sockaddr_un& address, std::string& problem) {
     struct stat file = {};
@@ -61,7 +104,7 @@ bool clearStale(const std::string& path, const sockaddr_un& address, std::string
         problem = path + " exists and is not a socket";
         return false;
     }
-    if (connectSocket(makeSocket(), address) == 0) {
+    if (connectSocket(makeSocket(), address) == 0 || errno == EAGAIN) {
         problem = path + " is in use by another provider";
         return false;
     }
@@ -70,6 +113,22 @@ bool clearStale(const std::string& path, const sockaddr_un& address, std::string
         return false;
     }
     return true;
+}
+
+/** Invalid, and a sentence in `problem`, when the path cannot be had. */
+UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address,
+                         std::string& problem) {
+    const FolderLock lock(path);
+    if (!clearStale(path, address, problem)) return {};
+    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // The mode is set before anybody can connect.
+    if (!socket.isValid() ||
+        bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(socket.get(), kBacklog) != 0) {
+        problem = path + ": " + strerror(errno);
+        return {};
+    }
+    return socket;
 }
 
 }  // namespace
@@ -88,7 +147,7 @@ public:
             eventfd_write(mWake.get(), 1);
             mThread.join();
         }
-        unlink(mPath.c_str());
+        removeSocket();
         for (const Connection& connection : mConnections) {
             shutdown(connection.socket.get(), SHUT_RDWR);
         }
@@ -98,9 +157,12 @@ public:
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
 
-    /** False when there is no descriptor or no thread for it. */
-    bool start() {
-        return mWake.isValid() && detail::startThread(mThread, "accept", [this] { acceptAll(); });
+    /** Why it cannot serve; null when it does. */
+    const char* start() {
+        if (!mReserve.isHeld()) return "too few descriptors may be open to serve";
+        const bool started =
+            mWake.isValid() && detail::startThread(mThread, "accept", [this] { acceptAll(); });
+        return started ? nullptr : "no thread can be made to serve it";
     }
 
 private:
@@ -109,6 +171,12 @@ private:
         std::thread thread;
         std::atomic<bool> ended{false};
     };
+
+    /** Not what somebody else has put in its place. */
+    void removeSocket() const {
+        const FolderLock lock(mPath);
+        if (fileId(mPath) == mFile) unlink(mPath.c_str());
+    }
 
     void acceptAll() {
         bool full = false;
@@ -129,10 +197,10 @@ private:
         return poll(&entry, 1, 0) > 0;
     }
 
-    /** False when there was no slot for it. */
+    /** False when there was no slot, or no memory, for it. */
     bool acceptOne() {
         UniqueFd socket = accept();
-        if (!socket.isValid()) return errno != EMFILE && errno != ENFILE;
+        if (!socket.isValid()) return errno == ECONNABORTED || errno == EINTR || errno == EAGAIN;
         if (!isSameUser(socket.get())) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
             return true;
@@ -177,6 +245,7 @@ private:
 
     const detail::SlotReserve mReserve;
     const std::string mPath;
+    const FileId mFile = fileId(mPath);
     const UniqueFd mSocket;
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
@@ -198,18 +267,12 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
         problem = "the interface " + descriptor + " cannot be served";
         return nullptr;
     }
-    if (!addressOf(path, address, problem) || !clearStale(path, address, problem)) return nullptr;
-    UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    // The mode is set before anybody can connect.
-    if (!socket.isValid() ||
-        bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-        chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0 || ::listen(socket.get(), kBacklog) != 0) {
-        problem = path + ": " + strerror(errno);
-        return nullptr;
-    }
+    if (!addressOf(path, address, problem)) return nullptr;
+    UniqueFd socket = listeningSocket(path, address, problem);
+    if (!socket.isValid()) return nullptr;
     auto impl = std::make_unique<Impl>(path, std::move(socket), makers->stub(object));
-    if (!impl->start()) {
-        problem = path + ": no thread can be made to serve it";
+    if (const char* const reason = impl->start()) {
+        problem = path + ": " + reason;
         return nullptr;
     }
     return std::unique_ptr<Server>(new Server(std::move(impl)));
@@ -228,7 +291,8 @@ sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string
     if (!addressOf(path, address, problem)) return nullptr;
     UniqueFd socket = makeSocket();
     if (!socket.isValid() || connectSocket(socket, address) != 0) {
-        problem = path + ": " + strerror(errno);
+        problem =
+            path + ": " + (errno == EAGAIN ? "the provider takes no connections" : strerror(errno));
         return nullptr;
     }
     if (!isSameUser(socket.get())) {

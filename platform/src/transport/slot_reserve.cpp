@@ -13,6 +13,8 @@ namespace host::detail {
 
 namespace {
 
+constexpr rlim_t kFewest = 3 * kReservedFds;  // to serve one client at all
+
 std::mutex sMutex;
 std::atomic<int> sServers{0};  // changes under sMutex
 // Guarded by sMutex.
@@ -37,24 +39,30 @@ void moveLimit(rlim_t from, rlim_t to) {
 
 SlotReserve::SlotReserve() {
     const std::lock_guard<std::mutex> lock(sMutex);
-    if (sServers++ > 0) return;
-    const rlim_t full = slots();
-    sLowered = full - kReservedFds;
-    moveLimit(full, sLowered);
+    if (sServers == 0) {
+        const rlim_t full = slots();
+        if (full < kConnectionFds + kFewest) return;
+        sLowered = full - kConnectionFds;
+        moveLimit(full, sLowered);
+    }
+    ++sServers;
+    mHeld = true;
 }
 
 SlotReserve::~SlotReserve() {
+    if (!mHeld) return;
     const std::lock_guard<std::mutex> lock(sMutex);
-    if (--sServers == 0) moveLimit(sLowered, sLowered + kReservedFds);
+    if (--sServers == 0) moveLimit(sLowered, sLowered + kConnectionFds);
 }
 
-SlotReserve::Opened::Opened() : mLimit(slots()) {
+SlotReserve::Opened::Opened() {
     sMutex.lock();
-    moveLimit(mLimit, mLimit + kReservedFds);
+    mLimit = slots();
+    moveLimit(mLimit, mLimit + kConnectionFds);
 }
 
 SlotReserve::Opened::~Opened() {
-    moveLimit(mLimit + kReservedFds, mLimit);
+    moveLimit(mLimit + kConnectionFds, mLimit);
     sMutex.unlock();
 }
 

@@ -3,7 +3,7 @@
 namespace host::detail {
 
 /**
- * Keeps the last kReservedFds descriptor slots of the process out of everybody's reach while a
+ * Keeps the last kConnectionFds descriptor slots of the process out of everybody's reach while a
  * server is there, by a lower limit: what clients cause (duplicates in queues, descriptors that
  * arrive) ends before them. Thread-safe.
  */
@@ -13,6 +13,9 @@ public:
     ~SlotReserve();
     SlotReserve(const SlotReserve&) = delete;
     SlotReserve& operator=(const SlotReserve&) = delete;
+
+    /** False when so few descriptors may be open that nothing can be kept. */
+    bool isHeld() const { return mHeld; }
 
     /** Opens the reserve for the scope of this object: for a connection that finds no other slot.
      */
@@ -24,7 +27,7 @@ public:
         Opened& operator=(const Opened&) = delete;
 
     private:
-        const unsigned long mLimit;
+        unsigned long mLimit;
     };
 
     /**
@@ -33,6 +36,9 @@ public:
      * Always, in a process that serves nobody: what arrives there is what it asked for.
      */
     static bool isUntouched();
+
+private:
+    bool mHeld = false;
 };
 
 }  // namespace host::detail

@@ -44,6 +44,11 @@ Failure waitFor(int socket, short events, Deadline deadline) {
     }
 }
 
+bool hasHungUp(int socket) {
+    pollfd entry = {socket, POLLRDHUP, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
 Failure failureOf(int error) {
     switch (error) {
         case EPIPE:
@@ -139,10 +144,11 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
         message.msg_control = control.data();
         message.msg_controllen = control.size();
         const ssize_t size = recvmsg(socket, &message, flags);
-        if (size == 0) return closedByPeer();
-        if (size > 0) {
+        if (size >= 0) {
             const auto length = static_cast<size_t>(size);
             collect(message, in.fds);
+            // An empty message looks like the end of the connection.
+            if (length == 0 && in.fds.empty() && hasHungUp(socket)) return closedByPeer();
             memcpy(&header, buffer.data(), std::min(sizeof(header), length));
             Failure fault = check(message, length, header, in);
             if (!fault.isOk()) return fault;
