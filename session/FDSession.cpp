@@ -342,7 +342,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
         return -1;
     }
 
-    const size_t known = mGraphicBuffers.size();
+    const size_t known = mCirculatingBuffers[buffer.streamId].size();
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
@@ -350,7 +350,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
     item.request.outputBuffers[0].buffer = registeredHandle;
     if (isSet(item.request.outputBuffers[0].buffer) != isSet(registeredHandle)) {
         logNotDuplicated(__func__, buffer);
-        if (mGraphicBuffers.size() > known) {
+        if (mCirculatingBuffers[buffer.streamId].size() > known) {
             // The client is told of a refusal, so nothing of this handle must stay.
             freeBuffer(buffer);
             mGraphicBuffers.erase(buffer.bufferId);

@@ -23,11 +23,6 @@ namespace {
 
 constexpr const char* kTag = "zoruutil";
 
-sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
-    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
-                             buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
-}
-
 void randomise(const host::Buffer& buffer, unsigned seed) {
     std::minstd_rand random(seed);
     std::generate_n(buffer.bytes(), buffer.size(), [&] { return static_cast<uint8_t>(random()); });

@@ -1,7 +1,6 @@
 // The platform stand-in, where the product or a client leans on what it does.
 
 #include <android/log.h>
-#include <cutils/properties.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hidl/Status.h>
@@ -17,7 +16,6 @@
 #include "host/buffer.h"
 #include "host/log.h"
 #include "host/mapper.h"
-#include "host/properties.h"
 #include "host/threads.h"
 #include "support/leak_check.h"
 #include "support/session_fixture.h"
@@ -25,7 +23,6 @@
 namespace testing_support {
 
 using android::RefBase;
-using android::hardware::hidl_string;
 
 namespace {
 
@@ -176,18 +173,6 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     native_handle_delete(raw);
     EXPECT_EQ(native_handle_create(-1, 0), nullptr);
     EXPECT_EQ(native_handle_create(1025, 0), nullptr);
-
-    hidl_vec<hidl_string> words = {"one", "two"};
-    words.resize(3);
-    EXPECT_STREQ(words[1].c_str(), "two");
-    EXPECT_TRUE(words[2].empty());
-    const auto& same = words;
-    words = same;
-    hidl_vec<hidl_string> outside;
-    outside.setToExternal(words.data(), 2);
-    const hidl_vec<hidl_string> own = outside;
-    EXPECT_NE(own.data(), words.data());
-    EXPECT_EQ(std::vector<hidl_string>(own).size(), 2U);
 }
 
 TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
@@ -201,7 +186,7 @@ TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
     EXPECT_DEATH(static_cast<void>(int(Return<int>(failed()))), "failed HIDL call");
 }
 
-TEST(LogAndPropertiesTest, CutsALineAndReadsABoolean) {
+TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
     host::LogCapture outer;
     {
         host::LogCapture inner;
@@ -212,19 +197,6 @@ TEST(LogAndPropertiesTest, CutsALineAndReadsABoolean) {
     }
     __android_log_print(ANDROID_LOG_ERROR, "tag", "kept\n");
     EXPECT_EQ(outer.texts("tag"), std::vector<std::string>{"kept\n"});
-
-    const auto read = [](const char* value) {
-        host::setProperty("test.bool", value);
-        return property_get_bool("test.bool", 7);
-    };
-    for (const char* const yes : {"1", "y", "yes", "true", "on"})
-        EXPECT_EQ(read(yes), 1);
-    for (const char* const no : {"0", "n", "no", "false", "off"})
-        EXPECT_EQ(read(no), 0);
-    for (const char* const odd : {"", "TRUE", " true", "2"})
-        EXPECT_EQ(read(odd), 7);
-    host::clearProperty("test.bool");
-    EXPECT_EQ(property_get_bool("test.bool", 1), 1);
 }
 
 // ---- The mapper, which takes handles from a process that it does not trust ----
@@ -350,26 +322,6 @@ TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
     native_handle_delete(forged);
     EXPECT_EQ(host::mapperCounters().imports - before.imports, 4);
     EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
-}
-
-TEST(BufferTest, AllocatesNoImpossibleGeometry) {
-    const auto possible = [](uint32_t width, uint32_t height, uint32_t stride = 0,
-                             uint32_t chromaStride = 0, uint32_t chromaStep = 2) {
-        host::BufferGeometry geometry;
-        geometry.width = width;
-        geometry.height = height;
-        geometry.stride = stride;
-        geometry.chromaStride = chromaStride;
-        geometry.chromaStep = chromaStep;
-        return host::Buffer::allocate(geometry).has_value();
-    };
-    EXPECT_TRUE(possible(1, 1));
-    EXPECT_TRUE(possible(3, 3, 3));
-    EXPECT_FALSE(possible(0, 4));
-    EXPECT_FALSE(possible(4, 4, 3));
-    EXPECT_FALSE(possible(4, 4, 4, 3));
-    EXPECT_FALSE(possible(4, 4, 4, 4, 9));
-    EXPECT_FALSE(possible(16384, 16384));  // over the cap of 256 MiB
 }
 
 }  // namespace testing_support

@@ -156,14 +156,6 @@ TEST_F(SceneTest, ActsOnAChangeOfTheTrackingModeOnly) {
     expectDefaultPTZ(21, 9);
 }
 
-TEST_F(SceneTest, ForwardsATrackControlWithoutTheLock) {
-    // Another thread gets through the session while the observer is being told.
-    observer.during = [&] { std::thread([&] { session->getTrackingMode(); }).join(); };
-    session->setSceneCallback(&observer);
-    session->setTrackControl({});
-    EXPECT_EQ(observer.tracks.size(), 1U);
-}
-
 TEST_F(SceneTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {
     std::mutex mutex;
     std::condition_variable changed;

@@ -178,25 +178,6 @@ TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
     EXPECT_EQ(told.waitForDeath(), threadName());
 }
 
-TEST_F(SessionTest, LetsTheClientCallFromInsideItsCallback) {
-    configure();
-    std::atomic<int> nested{0};
-    callback->during = [&] {
-        if (nested++ == 0) {
-            EXPECT_EQ(submit(2, 1), 0);
-        }
-        // No lock is held: another thread gets through meanwhile.
-        std::thread([&] { session->getTrackingMode(); }).join();
-    };
-    ASSERT_EQ(submit(1, 1), 0);
-    serveOne();
-    deliveries.waitFor(1);
-    FDNotifyMsg msg = {};
-    session->sendNotify(msg);
-    stop();
-    EXPECT_EQ(take().frameNumber, 2U);
-}
-
 TEST_F(SessionTest, TakesEveryOperationFromEveryThreadAtOnce) {
     // What a missing lock breaks here the thread sanitizer tells.
     struct Ignoring : public ISceneCallback {

@@ -1,7 +1,9 @@
 // Interfaces between processes. Client and provider share this one here, so that a test sees both
 // ends; who is hostile speaks to the socket itself.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,6 +14,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -30,16 +34,19 @@ namespace testing_support {
 using android::hardware::hidl_death_recipient;
 using android::hardware::camera::common::V1_0::Status;
 using android::hidl::base::V1_0::IBase;
+using host::UniqueFd;
 
 namespace {
 
 constexpr uint32_t kCall = 0x464443;
+constexpr uint32_t kAnswer = 0x464441;
 constexpr uint32_t kConfigure = 2;
 constexpr uint32_t kRequest = 3;
 
 /** A channel's socket without its manners. */
 class RawClient {
 public:
+    explicit RawClient(UniqueFd connected) : mSocket(std::move(connected)) {}
     explicit RawClient(const std::string& path)
         : mSocket(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
         mAddress.sun_family = AF_UNIX;
@@ -48,6 +55,10 @@ public:
     bool connect() {
         return ::connect(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) ==
                0;
+    }
+    bool listen() {
+        return bind(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) == 0 &&
+               ::listen(mSocket.get(), 1) == 0;
     }
     void send(const std::vector<uint8_t>& bytes, int fds = 0) {
         std::vector<char> control(CMSG_SPACE(sizeof(int) * 70));
@@ -67,6 +78,18 @@ public:
         }
         EXPECT_GE(sendmsg(mSocket.get(), &message, MSG_NOSIGNAL), 0);
     }
+    /** Sends small calls and reads no answer, until no more go. */
+    void sendUnread(const std::vector<uint8_t>& call) {
+        while (::send(mSocket.get(), call.data(), call.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+    /** The method of the next call that comes. */
+    uint32_t receivedMethod() {
+        uint32_t words[4] = {};
+        EXPECT_EQ(recv(mSocket.get(), words, sizeof(words), 0),
+                  static_cast<ssize_t>(sizeof(words)));
+        return words[1];
+    }
     /** Whether the other end has closed, or closes before it answers. */
     bool isClosed() {
         char byte = 0;
@@ -74,7 +97,7 @@ public:
     }
 
 private:
-    const host::UniqueFd mSocket;
+    const UniqueFd mSocket;
     sockaddr_un mAddress = {};
 };
 
@@ -208,6 +231,8 @@ TEST_F(TransportTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {
     constexpr uint32_t kFrames = 200;
     std::atomic<uint32_t> next{2};
     callback->during = [&] {
+        // No lock is held: another thread gets through meanwhile.
+        std::thread([&] { session->getTrackingMode(); }).join();
         const uint32_t frame = next++;
         if (frame <= kFrames) {
             expectStatus(remote->processCaptureRequest(requestFor(frame, 1, nullptr)), Status::OK);
@@ -226,7 +251,6 @@ TEST_F(TransportTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {
         return ++served == kFrames;
     }));
     deliveries.waitFor(kFrames);
-    EXPECT_EQ(log.count("a channel ends: the answer is to another call"), 0);
     endCallback();
 }
 
@@ -241,13 +265,16 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     manyInts[16 + 16 + 12] = 1;                    // the input buffer has a handle
     memset(&manyInts[16 + 16 + 13 + 4], 0x7f, 4);  // of very many integers
     std::vector<uint8_t> manyFds = manyInts;
-    memset(&manyFds[16 + 16 + 13], 0x7f, 4);
-    std::vector<uint8_t> negative = manyInts;
-    memset(&negative[16 + 16 + 13], 0xff, 8);
+    manyFds[16 + 16 + 13] = 1;
+    memset(&manyFds[16 + 16 + 13 + 4], 0, 4);
+    std::vector<uint8_t> noChannel = message({kCall, 1, 1, 1}, 1);
+    noChannel.back() = 1;
     const Fault faults[] = {
+        {"an empty message", {}, 0},
+        {"an empty message with descriptors", {}, 2},
         {"bytes that are no message", std::vector<uint8_t>(40, 0x55), 0},
         {"a truncated header", message({kCall, kConfigure}), 0},
-        {"an answer without a call", message({0x464441, 1, 1, 0}), 0},
+        {"an answer without a call", message({kAnswer, 1, 1, 0}), 0},
         {"no such method", message({kCall, 99, 1, 0}), 0},
         {"a truncated record", message({kCall, kRequest, 1, 0, 5}), 0},
         {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0},
@@ -255,12 +282,11 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0},
         {"integers that are not there", manyInts, 0},
         {"descriptors that are not there", manyFds, 0},
-        {"negative counts", negative, 0},
         {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2},
         {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1},
         {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2},
         {"more descriptors than a message may have", message({kCall, kConfigure, 1, 65, 0, 0}), 65},
-        {"a callback that is no channel", message({kCall, 1, 1, 1}, 1), 1},
+        {"a callback that is no channel", noChannel, 1},
         {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
          0},
     };
@@ -269,9 +295,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         log.clear();
         RawClient hostile(path);
         ASSERT_TRUE(hostile.connect());
-        std::vector<uint8_t> bytes = fault.bytes;
-        if (strcmp(fault.name, "a callback that is no channel") == 0) bytes.back() = 1;
-        hostile.send(bytes, fault.fds);
+        hostile.send(fault.bytes, fault.fds);
         EXPECT_TRUE(hostile.isClosed()) << fault.name;
         EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
         EXPECT_TRUE(remote->ping().isOk()) << fault.name;
@@ -290,15 +314,6 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
 TEST_F(TransportTest, FailsACallWhoseDescriptorsFindNoSlot) {
     setUpStream();
     const CaptureRequest request = requestFor(1, 1, buffer.handle());
-    {
-        const FewDescriptors few(host::kReservedFds);
-        const Return<Status> refused = remote->processCaptureRequest(request);
-        EXPECT_FALSE(refused.isOk());
-        EXPECT_NE(refused.description().find("too few descriptor slots are free"),
-                  std::string::npos);
-        EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
-    }
-    expectStatus(remote->processCaptureRequest(request), Status::OK);
     {
         const FewDescriptors none(0);
         const Return<Status> lost = remote->processCaptureRequest(request);
@@ -322,10 +337,16 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
         early.send(message({kCall, 99, 1, 0}));
         EXPECT_TRUE(early.isClosed());
     }
-    FewDescriptors none(0, host::kReservedFds);
+    log.clear();
+    FewDescriptors none(0, host::kConnectionFds);
     EXPECT_TRUE(late.connect());
     late.send(message({kCall, 99, 1, 0}));
+    // Looked at over some time, because not to spin is what it is about.
+    const clock_t start = clock();
+    usleep(200000);
+    EXPECT_LT(clock() - start, CLOCKS_PER_SEC / 10);
     EXPECT_TRUE(remote->ping().isOk());
+    EXPECT_TRUE(log.texts("transport").empty());  // not served yet
     none.releaseReserved();
     EXPECT_TRUE(late.isClosed());
     EXPECT_TRUE(remote->ping().isOk());
@@ -356,7 +377,10 @@ TEST_F(TransportTest, GoesOnWhenNoThreadCanBeMade) {
 TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
-    RawClient late(path);
+    // Its own further connections, and the one of somebody else after them.
+    std::deque<RawClient> late;
+    while (late.size() + 1 < host::kMaxConnections)
+        late.emplace_back(path);
     const FewDescriptors few(40);
     uint32_t queued = 1;
     for (;; ++queued) {
@@ -366,9 +390,11 @@ TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
         ASSERT_LE(queued, 40U);
     }
     EXPECT_GE(queued, 30U);
-    EXPECT_TRUE(late.connect());
-    late.send(message({kCall, 0, 1, 0}));
-    EXPECT_FALSE(late.isClosed());  // another client is still served
+    for (RawClient& another : late) {
+        EXPECT_TRUE(another.connect());
+        another.send(message({kCall, 0, 1, 0}));
+        EXPECT_FALSE(another.isClosed());  // each is served
+    }
     for (uint32_t i = 0; i < queued; ++i)
         EXPECT_EQ(take().frameNumber, i);
     EXPECT_FALSE(session->isCaptureRequestReady());
@@ -382,6 +408,9 @@ TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
     callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
+    RawClient deaf(path);  // so is one that does not read what it is answered
+    EXPECT_TRUE(deaf.connect());
+    deaf.sendUnread(message({kCall, 0, 1, 0}));
     const auto start = std::chrono::steady_clock::now();
     serveOne();  // the monitor waits ...
     deliveries.waitFor(1);
@@ -397,10 +426,107 @@ TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
     for (int i = 0; i < 100; ++i)
         session->sendNotify(msg);
     EXPECT_LT(std::chrono::steady_clock::now() - before, host::kCallPatience);
+    EXPECT_TRUE(log.waitFor("a channel ends: the peer does not read its answers"));
     closed.unlock();
     EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
     endCallback();
 }
+
+// ---- The caller's end, and a peer that a test answers by hand ----
+
+class CallChannelTest : public testing::Test {
+protected:
+    CallChannelTest() {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        channel = std::make_unique<host::CallChannel>(UniqueFd(ends[0]));
+        peer = std::make_unique<RawClient>(UniqueFd(ends[1]));
+    }
+    std::string call(uint32_t method = 1) {
+        const auto status = channel->call(method, {}, [this](host::Reader& reader) {
+            const UniqueFd fd = reader.descriptor();
+            flags = fd.isValid() ? fcntl(fd.get(), F_GETFD) : -1;
+        });
+        return status.isOk() ? "" : status.description();
+    }
+
+    std::unique_ptr<host::CallChannel> channel;
+    std::unique_ptr<RawClient> peer;
+    int flags = -1;  ///< of the descriptor that the last answer brought
+};
+
+TEST_F(CallChannelTest, WaitsForASlowAnswerAndTakesWhatCameWithIt) {
+    std::thread slow([this] {
+        EXPECT_FALSE(peer->isClosed());
+        // Well within the bounded wait, and long enough to show that it is waited for.
+        std::this_thread::sleep_for(host::kCallPatience * 3 / 10);
+        peer->send(message({kAnswer, 1, 1, 1}), 1);
+    });
+    EXPECT_EQ(call(), "");
+    EXPECT_EQ(flags, FD_CLOEXEC);
+    slow.join();
+}
+
+TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
+    std::vector<uint8_t> refusal = message({0x464452, 1, 1, 0});
+    const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
+    refusal.insert(refusal.end(), text.begin(), text.end());
+    peer->send(refusal);
+    const std::string description = call();
+    EXPECT_NE(description.find("no?11-24 forged ?[31m"), std::string::npos) << description;
+    EXPECT_LT(description.size(), 200U);
+    peer->send(message({kAnswer, 1, 2, 1}), 1);
+    EXPECT_EQ(call(), "");
+}
+
+TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
+    const auto isAsleep = [](pid_t thread) {
+        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+        std::string text;
+        std::getline(file, text);
+        return text.find(") S ") != std::string::npos;
+    };
+    std::atomic<pid_t> second{0};
+    std::thread one([this] {
+        call(1);
+        call(3);  // not before the one that waits already
+    });
+    EXPECT_EQ(peer->receivedMethod(), 1U);
+    std::thread other([&] {
+        second = gettid();
+        call(2);
+    });
+    EXPECT_TRUE(eventually([&] { return second != 0 && isAsleep(second); }));
+    for (uint32_t serial = 1; serial <= 3; ++serial) {
+        if (serial > 1) {
+            EXPECT_EQ(peer->receivedMethod(), serial);
+        }
+        peer->send(message({kAnswer, 1, serial, 1}), 1);
+    }
+    one.join();
+    other.join();
+}
+
+class BadAnswerTest : public CallChannelTest,
+                      public testing::WithParamInterface<std::vector<uint8_t>> {};
+
+TEST_P(BadAnswerTest, EndsTheChannelForGood) {
+    peer->send(GetParam());
+    const std::string first = call();
+    EXPECT_NE(first, "");
+    EXPECT_FALSE(peer->isClosed());  // the call
+    EXPECT_TRUE(peer->isClosed());   // and then the end
+    const std::string later = call();
+    EXPECT_NE(later.find("DEAD_OBJECT"), std::string::npos);
+    EXPECT_NE(later.find(first.substr(first.rfind(": "))), std::string::npos) << later;
+}
+
+INSTANTIATE_TEST_SUITE_P(Bad, BadAnswerTest,
+                         testing::Values(message({kAnswer, 1, 9, 0}),  // to another call
+                                         message({kCall, 1, 1, 0}), message({kAnswer, 1}),
+                                         message({kAnswer, 1, 1, 0, 7}),  // bytes left over
+                                         message({kAnswer, 1, 1, 1}),     // no descriptor
+                                         std::vector<uint8_t>()));
 
 TEST_F(TransportTest, TellsOfTheEndOfItsPeer) {
     const sp<Recipient> told = new Recipient;
@@ -467,6 +593,21 @@ TEST_F(TransportTest, RefusesAnotherUser) {
     std::filesystem::permissions(path, std::filesystem::perms::all);
     EXPECT_EQ(connectAsNobody(), 0);
     EXPECT_TRUE(eventually([&] { return log.count("another user's connection is refused") == 1; }));
+
+    // Nor is another user's server taken for the provider.
+    RawClient foreign(folder + "/foreign");
+    const pid_t child = fork();
+    if (child == 0) {
+        if (setresuid(65534, 65534, 65534) != 0 || !foreign.listen()) _exit(1);
+        pause();
+    }
+    std::string problem;
+    EXPECT_TRUE(eventually([&] {
+        EXPECT_EQ(host::connect<IFDSession>(folder + "/foreign", problem), nullptr);
+        return problem.find("is another user's") != std::string::npos;
+    })) << problem;
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 // ---- The limits, each one below, at, and one above ----
@@ -500,6 +641,9 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
             const CaptureRequest brings = requestFor(1, 2, buffer.handle());
             const Return<Status> answer = remote->processCaptureRequest(brings);
             EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;
+            EXPECT_TRUE(fits || answer.description().find("too few descriptor slots are free") !=
+                                    std::string::npos);
+            EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
         }
 
         // Connections: this test's own is one of them.

@@ -104,6 +104,11 @@ host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometr
     return std::move(*buffer);
 }
 
+sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {
+    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
+                             buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
+}
+
 StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
     using android::hardware::camera::device::V3_2::StreamConfigurationMode;
     StreamConfiguration configuration = {};

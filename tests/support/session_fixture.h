@@ -78,6 +78,9 @@ private:
 
 host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometry& other = {});
 
+/** The buffer as the session wraps it, with this usage. */
+sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33);
+
 StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
 CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
                           int32_t streamId = 0);
