@@ -7,12 +7,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -32,6 +35,31 @@ namespace {
 constexpr uint32_t kFew = 1000;
 constexpr uint32_t kMany = 3000;
 constexpr std::chrono::minutes kPatience(2);
+
+/** What each thing that is counted is for. */
+struct Reason {
+    const char* run;
+    const char* what;
+    const char* why;
+};
+
+constexpr Reason kReasons[] = {
+    {"request", "fcntl", "the queued request's own duplicate of the registered handle"},
+    {"request", "close", "the end of that, when the provider lets go of it"},
+    {"request", "allocation", "list of buffers, duplicated handle, a quarter of a queue's node"},
+    {"two processes", "sendmsg", "a request, a result, and their answers"},
+    {"two processes", "recvmsg", "the same at the other ends"},
+    {"two processes", "poll", "an answer is waited for no longer than a second"},
+    {"two processes", "fcntl", "the duplicates that the queued request and result own"},
+    {"two processes", "close", "the end of those, and of what the client got"},
+};
+
+const char* reasonFor(const std::string& run, const std::string& what) {
+    const auto* const found = std::find_if(
+        std::begin(kReasons), std::end(kReasons),
+        [&](const Reason& reason) { return run == reason.run && what == reason.what; });
+    return found != std::end(kReasons) ? found->why : "not expected";
+}
 
 using Counts = std::map<std::string, double>;
 
@@ -66,7 +94,8 @@ Counts systemCalls(const std::string& run, uint32_t frames) {
         std::istringstream words(line);
         double calls = 0;
         std::string name;
-        if (words >> calls >> name && name != "total") counts[name] = calls;
+        const bool isRow = words >> calls >> name && isalpha(name.front()) != 0;
+        if (isRow && name != "total") counts[name] = calls;
     }
     return counts;
 }
@@ -98,7 +127,8 @@ void addCounts(Figures& figures, const std::string& run, const std::string& tool
         const auto before = few.find(name);
         const double each = (calls - (before != few.end() ? before->second : 0)) / (kMany - kFew);
         // What comes with the passing of time and not with each frame is noise here.
-        if (each >= 0.05) figures.facts.push_back({run + ": " + name, each, "a frame", ""});
+        if (each >= 0.05)
+            figures.facts.push_back({run + ": " + name, each, "a frame", reasonFor(run, name)});
     }
 }
 

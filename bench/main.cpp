@@ -53,13 +53,14 @@ void initializeBenchmark() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Measures what the library adds to a frame, against references in the same run.");
+    CLI::App app("Measures what the library adds to a frame, against references in the same run.",
+                 "fdstream-bench");
     bool quick = false;
     app.add_flag("--quick", quick, "Fewer and shorter samples: about a minute");
     std::vector<std::string> parts;
     app.add_option("--only", parts, "Parts to run; all when there are none")
         ->check(CLI::IsMember(partNames()));
-    std::filesystem::path out = "bench";
+    std::filesystem::path out = "out/bench";
     app.add_option("--out", out, "Folder for figures.json and the plots")->capture_default_str();
     CLI::App* const provider = app.add_subcommand("provider", "")->group("");  // for itself
     std::string socket;
