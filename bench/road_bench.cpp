@@ -17,6 +17,7 @@
 #include "bare_road.h"
 #include "benches.h"
 #include "child_process.h"
+#include "gst_road.h"
 #include "processor.h"
 #include "records.h"
 #include "road_client.h"
@@ -40,6 +41,12 @@ struct Side {
     pid_t provider;
 };
 
+/** What each round of a side cost. */
+struct Costs {
+    std::vector<double> wall;
+    std::vector<double> processor;
+};
+
 std::optional<Cost> costOf(const Side& side, uint32_t frames) {
     const double before = processorMicroseconds() + processorMicroseconds(side.provider);
     const Clock::time_point start = Clock::now();
@@ -49,25 +56,35 @@ std::optional<Cost> costOf(const Side& side, uint32_t frames) {
     return Cost{wall.count() / frames, (after - before) / frames};
 }
 
-void compareRoads(Figures& figures, const Effort& effort, const std::string& what,
-                  const std::string& reference, uint32_t frames, const Side& ours,
-                  const Side& theirs, std::optional<double> aim) {
-    Comparison wall{"two processes", what + ", wall", reference, "us", {}, {}, aim};
-    Comparison processor{"two processes", what + ", time on CPU", reference, "us", {}, {}, aim};
+/** The costs of each side, in rounds by turns; none, but a fault, when a frame was wrong. */
+std::vector<Costs> costsOf(Figures& figures, const Effort& effort, const std::string& what,
+                           uint32_t frames, const std::vector<Side>& sides) {
+    std::vector<Costs> costs(sides.size());
     for (int i = 0; i < effort.rounds; ++i) {
-        const std::optional<Cost> mine = costOf(ours, frames);
-        const std::optional<Cost> bare = costOf(theirs, frames);
-        if (!mine || !bare) {
-            figures.faults.push_back(what + ": a frame did not come, or was wrong");
-            return;
+        for (size_t side = 0; side < sides.size(); ++side) {
+            const std::optional<Cost> cost = costOf(sides[side], frames);
+            if (!cost) {
+                figures.faults.push_back(what + ": a frame did not come, or was wrong");
+                return {};
+            }
+            costs[side].wall.push_back(cost->wall);
+            costs[side].processor.push_back(cost->processor);
         }
-        wall.ours.push_back(mine->wall);
-        wall.theirs.push_back(bare->wall);
-        processor.ours.push_back(mine->processor);
-        processor.theirs.push_back(bare->processor);
     }
-    figures.comparisons.push_back(std::move(wall));
-    figures.comparisons.push_back(std::move(processor));
+    return costs;
+}
+
+void addComparisons(Figures& figures, const std::string& what, const std::string& reference,
+                    const Costs& ours, const Costs& theirs, std::optional<double> aim) {
+    figures.comparisons.push_back(
+        {"two processes", what + ", wall", reference, "us", ours.wall, theirs.wall, aim});
+    figures.comparisons.push_back({"two processes", what + ", time on CPU", reference, "us",
+                                   ours.processor, theirs.processor, aim});
+}
+
+void addFacts(Figures& figures, const std::string& whose, const Costs& costs) {
+    figures.facts.push_back({whose + ", frames", 1e6 / median(costs.wall), "a second", ""});
+    figures.facts.push_back({whose + ", time on CPU", median(costs.processor), "us a frame", ""});
 }
 
 void benchAgainstBare(Figures& figures, const Effort& effort, const std::string& where,
@@ -85,9 +102,44 @@ void benchAgainstBare(Figures& figures, const Effort& effort, const std::string&
         figures.faults.push_back(what + ": " + problem);
         return;
     }
-    compareRoads(figures, effort, what, "bare sockets and a hand-off", effort.quick ? 2000 : 20000,
-                 {[&](uint32_t frames) { return client->run(frames); }, provider->id()},
-                 {[&](uint32_t frames) { return bare.run(frames); }, bare.provider()}, aim);
+    const std::vector<Costs> costs =
+        costsOf(figures, effort, what, effort.quick ? 2000 : 20000,
+                {{[&](uint32_t frames) { return client->run(frames); }, provider->id()},
+                 {[&](uint32_t frames) { return bare.run(frames); }, bare.provider()}});
+    if (!costs.empty()) {
+        addComparisons(figures, what, "bare sockets and a hand-off", costs[0], costs[1], aim);
+    }
+}
+
+/** With the pixels: each frame is copied once, into memory that both processes have mapped. */
+void benchAgainstGstreamer(Figures& figures, const Effort& effort) {
+    constexpr uint32_t kInFlight = 4;
+    const std::string what = "720p, 4 in flight";
+    fprintf(stderr, "two processes, %s ...\n", what.c_str());
+    std::string problem;
+    const std::unique_ptr<GstRoad> gst = GstRoad::start(kSizes[0], kInFlight, problem);
+    if (gst == nullptr)
+        figures.absent.push_back("GStreamer's shmsink to shmsrc, because " + problem + ".");
+    const std::unique_ptr<RoadProvider> provider = RoadProvider::start(true, problem);
+    const std::unique_ptr<RoadClient> client =
+        provider != nullptr
+            ? RoadClient::connect(provider->socket(), kSizes[0], kInFlight, true, problem)
+            : nullptr;
+    if (client == nullptr) {
+        figures.faults.push_back(what + ": " + problem);
+        return;
+    }
+    std::vector<Side> sides = {
+        {[&](uint32_t frames) { return client->run(frames); }, provider->id()}};
+    if (gst != nullptr)
+        sides.push_back({[&](uint32_t frames) { return gst->run(frames); }, gst->producer()});
+    const std::vector<Costs> costs =
+        costsOf(figures, effort, what, effort.quick ? 200 : 1000, sides);
+    if (costs.empty()) return;
+    addFacts(figures, what + ", ours", costs[0]);
+    if (gst == nullptr) return;
+    addFacts(figures, what + ", GStreamer", costs[1]);
+    addComparisons(figures, what, "GStreamer shmsink to shmsrc", costs[0], costs[1], 1.0);
 }
 
 }  // namespace
@@ -99,6 +151,7 @@ void benchRoads(Figures& figures, const Effort& effort) {
         benchAgainstBare(figures, effort, "one CPU", 4, std::nullopt);
     }
     benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt);
+    benchAgainstGstreamer(figures, effort);
 }
 
 }  // namespace bench

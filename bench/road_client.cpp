@@ -5,13 +5,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
 #include "records.h"
+#include "road_provider.h"
 
 namespace bench {
 
@@ -29,11 +29,9 @@ bool accepted(const Return<Status>& answer) {
     return answer.isOk() && static_cast<Status>(answer) == Status::OK;
 }
 
-bool isMarked(const FrameBuffer& frame, uint32_t frameNumber) {
+bool hasMark(const FrameBuffer& frame, uint32_t frameNumber) {
     const auto rows = static_cast<uint32_t>(frame.height()) / 2;
-    const uint8_t* const end = frame.memory.chromaRow(rows - 1) + frame.width();
-    return memcmp(frame.luma(), &frameNumber, sizeof(frameNumber)) == 0 &&
-           memcmp(end - sizeof(frameNumber), &frameNumber, sizeof(frameNumber)) == 0;
+    return isMarked(frame.luma(), frame.memory.chromaRow(rows - 1) + frame.width(), frameNumber);
 }
 
 }  // namespace
@@ -62,7 +60,7 @@ public:
         const StreamBuffer& buffer = result.outputBuffers[0];
         const bool right =
             buffer.status == BufferStatus::OK && buffer.bufferId < mSlots.size() &&
-            (!mPictures || isMarked(mSlots[buffer.bufferId].frame, result.frameNumber));
+            (!mPictures || hasMark(mSlots[buffer.bufferId].frame, result.frameNumber));
         if (right) ask(buffer.bufferId);
         count(right);
         return {};

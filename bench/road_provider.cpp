@@ -99,6 +99,11 @@ void mark(uint8_t* packed, size_t bytes, uint32_t frameNumber) {
     memcpy(packed + bytes - sizeof(frameNumber), &frameNumber, sizeof(frameNumber));
 }
 
+bool isMarked(const uint8_t* begin, const uint8_t* end, uint32_t frameNumber) {
+    return memcmp(begin, &frameNumber, sizeof(frameNumber)) == 0 &&
+           memcmp(end - sizeof(frameNumber), &frameNumber, sizeof(frameNumber)) == 0;
+}
+
 int serveRoad(const std::string& socket, bool pictures) {
     const tools::Signals signals({SIGTERM});
     host::setStderrLogPriority(ANDROID_LOG_ERROR);

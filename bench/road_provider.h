@@ -36,5 +36,7 @@ int serveRoad(const std::string& socket, bool pictures);
 
 /** The mark of a frame, in the first bytes of its luma and the last of its chroma. */
 void mark(uint8_t* packed, size_t bytes, uint32_t frameNumber);
+/** Whether the frame from `begin` to `end` has that mark. */
+bool isMarked(const uint8_t* begin, const uint8_t* end, uint32_t frameNumber);
 
 }  // namespace bench
