@@ -78,6 +78,11 @@ private:
 RoadProvider::RoadProvider(std::string socket, std::unique_ptr<tools::ChildProcess> child)
     : mSocket(std::move(socket)), mChild(std::move(child)) {}
 
+RoadProvider::~RoadProvider() {
+    mChild->signal(SIGTERM);  // so that it removes its socket
+    mChild->waitForEnd(std::chrono::seconds(5));
+}
+
 std::unique_ptr<RoadProvider> RoadProvider::start(bool pictures, std::string& problem) {
     const auto folder = tools::privateFolder(problem);
     if (!folder) return nullptr;

@@ -17,6 +17,10 @@ public:
     /** Null, and a sentence in `problem`, when it does not start. */
     static std::unique_ptr<RoadProvider> start(bool pictures, std::string& problem);
 
+    ~RoadProvider();
+    RoadProvider(const RoadProvider&) = delete;
+    RoadProvider& operator=(const RoadProvider&) = delete;
+
     const std::string& socket() const { return mSocket; }
     pid_t id() const { return mChild->id(); }
 
