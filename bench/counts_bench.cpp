@@ -111,7 +111,7 @@ Counts allocations(const std::string& run, uint32_t frames) {
     for (size_t i = at + before.size(); text[i] != ' '; ++i) {
         if (text[i] != ',') digits += text[i];
     }
-    return {{"allocation", atof(digits.c_str())}};
+    return {{"allocation", std::stod(digits)}};
 }
 
 void addCounts(Figures& figures, const std::string& run, const std::string& tool,
@@ -123,12 +123,13 @@ void addCounts(Figures& figures, const std::string& run, const std::string& tool
         figures.absent.push_back("What " + tool + " counts, because it is missing or cannot run.");
         return;
     }
+    const std::string prefix = run + ": ";
     for (const auto& [name, calls] : many) {
         const auto before = few.find(name);
         const double each = (calls - (before != few.end() ? before->second : 0)) / (kMany - kFew);
         // What comes with the passing of time and not with each frame is noise here.
         if (each >= 0.05)
-            figures.facts.push_back({run + ": " + name, each, "a frame", reasonFor(run, name)});
+            figures.facts.push_back({prefix + name, each, "a frame", reasonFor(run, name)});
     }
 }
 

@@ -2,13 +2,15 @@
 
 #include <android/log.h>
 #include <benchmark/benchmark.h>
+#include <err.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
+#include <exception>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,48 +52,101 @@ void initializeBenchmark() {
     benchmark::Initialize(&count, arguments);
 }
 
+constexpr int kRight = 0;
+constexpr int kWrong = 1;
+constexpr int kBadUsage = 2;
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  fdstream-bench --quick                 every part in about a minute\n"
+    "  fdstream-bench                         every part, in some minutes, for figures to keep\n"
+    "  fdstream-bench --only rotation copies  two parts\n"
+    "\n"
+    "A ratio is ours to the reference's, measured in the same rounds: below 1 ours takes less.\n"
+    "docs/performance.md says what each piece and each reference is.\n"
+    "\n"
+    "Exit code: 0 measured, 1 something was wrong and got no figure, 2 bad usage. No speed fails it.";
+
+struct Options {
+    bool quick = false;
+    std::vector<std::string> parts;
+    std::filesystem::path out = "out/bench";
+    // What it runs as, once more, for itself.
+    bool isProvider = false;
+    std::string socket;
+    bool pictures = false;
+    bool isSteady = false;
+    std::string steadyRun;
+    uint32_t frames = 0;
+};
+
+/** Nothing when it is to go on, else the exit code. */
+std::optional<int> parse(int argc, char** argv, Options& options) {
+    CLI::App app("Measures what the library adds to a frame, against references in the same run.",
+                 "fdstream-bench");
+    app.footer(kExamples);
+    app.add_flag("--quick", options.quick, "fewer and shorter samples");
+    app.add_option("--only", options.parts, "parts to run; without it all")
+        ->check(CLI::IsMember(partNames()));
+    app.add_option("--out", options.out, "folder for figures.json and the plots")
+        ->type_name("DIR")
+        ->capture_default_str();
+    CLI::App* const provider = app.add_subcommand("provider", "")->group("");
+    provider->add_option("socket", options.socket)->required();
+    provider->add_flag("--pictures", options.pictures);
+    CLI::App* const steady = app.add_subcommand("steady", "")->group("");
+    steady->add_option("run", options.steadyRun)->required();
+    steady->add_option("frames", options.frames)->required();
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kRight : kBadUsage;
+    }
+    options.isProvider = provider->parsed();
+    options.isSteady = steady->parsed();
+    return std::nullopt;
+}
+
+bench::Figures measure(const Options& options) {
+    const bench::Effort effort =
+        options.quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};
+    const auto isWanted = [&](const Part& part) {
+        return options.parts.empty() || std::find(options.parts.begin(), options.parts.end(),
+                                                  part.name) != options.parts.end();
+    };
+    initializeBenchmark();
+    bench::Figures figures;
+    for (const Part& part : kParts) {
+        if (isWanted(part)) part.run(figures, effort);
+    }
+    return figures;
+}
+
+int run(int argc, char** argv) {
+    Options options;
+    if (const std::optional<int> code = parse(argc, argv, options)) return *code;
+    if (options.isProvider) return bench::serveRoad(options.socket, options.pictures);
+    host::setStderrLogPriority(ANDROID_LOG_ERROR);
+    if (options.isSteady) return bench::runSteady(options.steadyRun, options.frames);
+
+    std::filesystem::create_directories(options.out);
+    bench::Figures figures = measure(options);
+    if (!drawPlots(figures, options.out))
+        figures.absent.emplace_back("The plots: gnuplot did not draw them.");
+    printf("Measured on %s\n", bench::machine().c_str());
+    bench::print(figures);
+    printf("\nFigures and plots are in %s\n", options.out.c_str());
+    const bool written = bench::writeJson(figures, bench::machine(), options.out / "figures.json");
+    return figures.faults.empty() && written ? kRight : kWrong;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Measures what the library adds to a frame, against references in the same run.",
-                 "fdstream-bench");
-    bool quick = false;
-    app.add_flag("--quick", quick, "Fewer and shorter samples: about a minute");
-    std::vector<std::string> parts;
-    app.add_option("--only", parts, "Parts to run; all when there are none")
-        ->check(CLI::IsMember(partNames()));
-    std::filesystem::path out = "out/bench";
-    app.add_option("--out", out, "Folder for figures.json and the plots")->capture_default_str();
-    CLI::App* const provider = app.add_subcommand("provider", "")->group("");  // for itself
-    std::string socket;
-    bool pictures = false;
-    provider->add_option("socket", socket)->required();
-    provider->add_flag("--pictures", pictures);
-    CLI::App* const steady = app.add_subcommand("steady", "")->group("");  // for itself
-    std::string run;
-    uint32_t frames = 0;
-    steady->add_option("run", run)->required();
-    steady->add_option("frames", frames)->required();
-    CLI11_PARSE(app, argc, argv);
-    if (*provider) return bench::serveRoad(socket, pictures);
-
-    host::setStderrLogPriority(ANDROID_LOG_ERROR);
-    if (*steady) return bench::runSteady(run, frames);
-    initializeBenchmark();
-    const bench::Effort effort =
-        quick ? bench::Effort{5, 0.01, true} : bench::Effort{15, 0.1, false};
-    std::filesystem::create_directories(out);
-    bench::Figures figures;
-    for (const Part& part : kParts) {
-        const bool wanted =
-            parts.empty() || std::find(parts.begin(), parts.end(), part.name) != parts.end();
-        if (wanted) part.run(figures, effort);
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {  // of the standard library, when memory is short
+        warnx("%s", error.what());
+        return kWrong;
     }
-    if (!drawPlots(figures, out))
-        figures.absent.emplace_back("The plots: gnuplot did not draw them.");
-    const bool written = bench::writeJson(figures, bench::machine(), out / "figures.json");
-    printf("Measured on %s\n", bench::machine().c_str());
-    bench::print(figures);
-    printf("\nFigures and plots are in %s\n", out.c_str());
-    return figures.faults.empty() && written ? EXIT_SUCCESS : EXIT_FAILURE;
 }

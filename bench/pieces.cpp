@@ -46,8 +46,11 @@ void compare(Figures& figures, const Effort& effort, const std::string& piece,
     benchmark::RunSpecifiedBenchmarks(&collected, "all");
     benchmark::ClearRegisteredBenchmarks();
 
-    for (const auto& [name, error] : collected.errors)
-        figures.faults.push_back(piece + ", " + what + ", " + name + ": " + error);
+    for (const auto& [name, error] : collected.errors) {
+        figures.faults.push_back(piece);
+        for (const std::string& part : {what, name, error})
+            figures.faults.back().append(", ").append(part);
+    }
     const std::vector<double>& mine = collected.samples[ours.name];
     for (const Contender& reference : references) {
         const std::vector<double>& theirs = collected.samples[reference.name];
