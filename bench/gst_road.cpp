@@ -3,24 +3,25 @@
 #ifdef BENCH_HAS_GSTREAMER
 
 #include <err.h>
+#include <fcntl.h>
 #include <gst/app/gstappsink.h>
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <utility>
 #include <vector>
 
+#include "child_process.h"
 #include "default_socket.h"
+#include "frames.h"
 #include "host/unique_fd.h"
 #include "road_provider.h"
 
@@ -73,9 +74,9 @@ bool play(const Pipeline& pipeline) {
  */
 class Producer {
 public:
-    Producer(int orders, FrameSize size, Pipeline pipeline)
+    Producer(int orders, Pipeline pipeline)
         : mOrders(orders),
-          mFrame(testFrame(size)),
+          mFrame(testFrame(kSizes[0])),
           mBuffer(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, mFrame.data(),
                                               mFrame.size(), 0, mFrame.size(), nullptr, nullptr)),
           mPipeline(std::move(pipeline)) {}
@@ -114,32 +115,33 @@ private:
     const Pipeline mPipeline;  // goes first: its thread uses the others
 };
 
-/** The other process. It ends when this end of the orders closes, so that it can clean up. */
+/**
+ * The other process: this program once more, because GStreamer does not survive a fork. It ends
+ * when this end of the orders closes, so that it can clean up.
+ */
 class ProducerProcess {
 public:
-    ProducerProcess(const std::string& description, FrameSize size) {
+    explicit ProducerProcess(const std::string& description) {
         int orders[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, orders) != 0)
             err(EXIT_FAILURE, "no sockets for GStreamer's road");
         mOrders.reset(orders[0]);
         const host::UniqueFd theirs(orders[1]);
-        mId = fork();
-        if (mId != 0) return;
-        mOrders.reset();
-        signal(SIGINT, SIG_IGN);
+        fcntl(theirs.get(), F_SETFD, 0);  // goes with the program
         std::string problem;
-        if (Pipeline pipeline = pipelineOf(description, problem))
-            Producer(theirs.get(), size, std::move(pipeline)).serve();
-        _exit(EXIT_SUCCESS);
+        mProcess = tools::ChildProcess::start(
+            std::filesystem::read_symlink("/proc/self/exe"),
+            {"gst-producer", std::to_string(theirs.get()), description}, problem);
+        if (mProcess == nullptr) errx(EXIT_FAILURE, "%s", problem.c_str());
     }
     ~ProducerProcess() {
         mOrders.reset();
-        if (mId > 0) waitpid(mId, nullptr, 0);
+        mProcess->waitForEnd(kPatience);
     }
     ProducerProcess(const ProducerProcess&) = delete;
     ProducerProcess& operator=(const ProducerProcess&) = delete;
 
-    pid_t id() const { return mId; }
+    pid_t id() const { return mProcess->id(); }
     bool waitUntilReady() const {
         char byte = 0;
         return read(mOrders.get(), &byte, 1) == 1;
@@ -150,7 +152,7 @@ public:
 
 private:
     host::UniqueFd mOrders;
-    pid_t mId = -1;
+    std::unique_ptr<tools::ChildProcess> mProcess;
 };
 
 /** Looks at each frame on the thread that brought it: handing it to another costs a wake-up. */
@@ -211,7 +213,14 @@ private:
 
 }  // namespace
 
-std::unique_ptr<GstRoad> GstRoad::start(FrameSize size, uint32_t inFlight, std::string& problem) {
+int produceForGst(int orders, const std::string& description) {
+    std::string problem;
+    if (Pipeline pipeline = pipelineOf(description, problem))
+        Producer(orders, std::move(pipeline)).serve();
+    return EXIT_SUCCESS;
+}
+
+std::unique_ptr<GstRoad> GstRoad::start(uint32_t inFlight, std::string& problem) {
     const auto folder = tools::privateFolder(problem);
     if (!folder) return nullptr;
     const std::string socket =
@@ -219,10 +228,9 @@ std::unique_ptr<GstRoad> GstRoad::start(FrameSize size, uint32_t inFlight, std::
     // A preroll or a last sample would keep room that the next frames need.
     const std::string sink = " sync=false async=false enable-last-sample=false ";
     // The sink aligns each frame's start; the page is for that.
-    const std::string room = std::to_string(inFlight * size.packedBytes() + 4096);
+    const std::string room = std::to_string(inFlight * kSizes[0].packedBytes() + 4096);
     auto process = std::make_unique<ProducerProcess>(
-        "appsrc name=source ! shmsink wait-for-connection=true shm-size=" + room + sink + socket,
-        size);
+        "appsrc name=source ! shmsink wait-for-connection=true shm-size=" + room + sink + socket);
     Pipeline pipeline = pipelineOf("shmsrc " + socket + " ! appsink name=sink" + sink, problem);
     if (pipeline == nullptr) return nullptr;
     const bool isReady = process->waitUntilReady();
@@ -238,8 +246,11 @@ std::unique_ptr<GstRoad> GstRoad::start(FrameSize size, uint32_t inFlight, std::
 
 namespace bench {
 
-std::unique_ptr<GstRoad> GstRoad::start(FrameSize /*size*/, uint32_t /*inFlight*/,
-                                        std::string& problem) {
+int produceForGst(int /*orders*/, const std::string& /*description*/) {
+    return 1;
+}
+
+std::unique_ptr<GstRoad> GstRoad::start(uint32_t /*inFlight*/, std::string& problem) {
     problem = "libgstreamer-plugins-base1.0-dev is missing";
     return nullptr;
 }

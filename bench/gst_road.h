@@ -6,9 +6,10 @@
 #include <memory>
 #include <string>
 
-#include "frames.h"
-
 namespace bench {
+
+/** What the other process does until its end of the orders closes; the exit code. */
+int produceForGst(int orders, const std::string& description);
 
 /**
  * The road of GStreamer: another process copies marked frames into the shared memory of its
@@ -21,7 +22,7 @@ public:
      * Starts the other process and lets the first frames come. The shared memory has room for so
      * many frames. Null, and why in `problem`, when GStreamer or its elements are missing.
      */
-    static std::unique_ptr<GstRoad> start(FrameSize size, uint32_t inFlight, std::string& problem);
+    static std::unique_ptr<GstRoad> start(uint32_t inFlight, std::string& problem);
     virtual ~GstRoad() = default;
     GstRoad(const GstRoad&) = delete;
     GstRoad& operator=(const GstRoad&) = delete;

@@ -17,6 +17,7 @@
 #include "benches.h"
 #include "counts_bench.h"
 #include "figures.h"
+#include "gst_road.h"
 #include "host/log.h"
 #include "output.h"
 #include "pieces.h"
@@ -75,6 +76,9 @@ struct Options {
     bool isProvider = false;
     std::string socket;
     bool pictures = false;
+    bool isGstProducer = false;
+    int orders = -1;
+    std::string pipeline;
     bool isSteady = false;
     std::string steadyRun;
     uint32_t frames = 0;
@@ -94,6 +98,9 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App* const provider = app.add_subcommand("provider", "")->group("");
     provider->add_option("socket", options.socket)->required();
     provider->add_flag("--pictures", options.pictures);
+    CLI::App* const gstProducer = app.add_subcommand("gst-producer", "")->group("");
+    gstProducer->add_option("orders", options.orders)->required();
+    gstProducer->add_option("pipeline", options.pipeline)->required();
     CLI::App* const steady = app.add_subcommand("steady", "")->group("");
     steady->add_option("run", options.steadyRun)->required();
     steady->add_option("frames", options.frames)->required();
@@ -103,6 +110,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         return app.exit(error) == 0 ? kRight : kBadUsage;
     }
     options.isProvider = provider->parsed();
+    options.isGstProducer = gstProducer->parsed();
     options.isSteady = steady->parsed();
     return std::nullopt;
 }
@@ -126,6 +134,7 @@ int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     if (options.isProvider) return bench::serveRoad(options.socket, options.pictures);
+    if (options.isGstProducer) return bench::produceForGst(options.orders, options.pipeline);
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     if (options.isSteady) return bench::runSteady(options.steadyRun, options.frames);
 

@@ -112,12 +112,12 @@ void benchAgainstBare(Figures& figures, const Effort& effort, const std::string&
 }
 
 /** With the pixels: each frame is copied once, into memory that both processes have mapped. */
-void benchAgainstGstreamer(Figures& figures, const Effort& effort) {
+void benchAgainstGstreamer(Figures& figures, const Effort& effort, const std::string& where) {
     constexpr uint32_t kInFlight = 4;
-    const std::string what = "720p, 4 in flight";
+    const std::string what = where + ", 720p, 4 in flight";
     fprintf(stderr, "two processes, %s ...\n", what.c_str());
     std::string problem;
-    const std::unique_ptr<GstRoad> gst = GstRoad::start(kSizes[0], kInFlight, problem);
+    const std::unique_ptr<GstRoad> gst = GstRoad::start(kInFlight, problem);
     if (gst == nullptr)
         figures.absent.push_back("GStreamer's shmsink to shmsrc, because " + problem + ".");
     const std::unique_ptr<RoadProvider> provider = RoadProvider::start(true, problem);
@@ -149,9 +149,10 @@ void benchRoads(Figures& figures, const Effort& effort) {
         const OnOneProcessor pinned;
         benchAgainstBare(figures, effort, "one CPU", 1, 1.3);
         benchAgainstBare(figures, effort, "one CPU", 4, std::nullopt);
+        benchAgainstGstreamer(figures, effort, "one CPU");
     }
     benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt);
-    benchAgainstGstreamer(figures, effort);
+    benchAgainstGstreamer(figures, effort, "unpinned");
 }
 
 }  // namespace bench
