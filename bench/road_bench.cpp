@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -56,6 +57,43 @@ std::optional<Cost> costOf(const Side& side, uint32_t frames) {
     return Cost{wall.count() / frames, (after - before) / frames};
 }
 
+/** From a request to its callback at a camera's pace, when everybody has gone to sleep: the median.
+ */
+std::optional<double> pacedLatencyOf(const Side& side) {
+    constexpr int kFrames = 10;
+    std::vector<double> latencies;
+    Clock::time_point next = Clock::now();
+    for (int i = 0; i < kFrames; ++i) {
+        std::this_thread::sleep_until(next += std::chrono::milliseconds(33));
+        const Clock::time_point start = Clock::now();
+        if (!side.run(1)) return std::nullopt;
+        latencies.push_back(
+            std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    return median(latencies);
+}
+
+void addPaced(Figures& figures, const Effort& effort, const Side& ours, const Side& theirs) {
+    Comparison paced{"two processes",
+                     "unpinned, 30 frames a second, latency",
+                     "bare sockets and a hand-off",
+                     "us",
+                     {},
+                     {},
+                     std::nullopt};
+    for (int i = 0; i < effort.rounds; ++i) {
+        const std::optional<double> mine = pacedLatencyOf(ours);
+        const std::optional<double> bare = pacedLatencyOf(theirs);
+        if (!mine || !bare) {
+            figures.faults.push_back(paced.what + ": a frame did not come, or was wrong");
+            return;
+        }
+        paced.ours.push_back(*mine);
+        paced.theirs.push_back(*bare);
+    }
+    figures.comparisons.push_back(std::move(paced));
+}
+
 /** The costs of each side, in rounds by turns; none, but a fault, when a frame was wrong. */
 std::vector<Costs> costsOf(Figures& figures, const Effort& effort, const std::string& what,
                            uint32_t frames, const std::vector<Side>& sides) {
@@ -88,7 +126,7 @@ void addFacts(Figures& figures, const std::string& whose, const Costs& costs) {
 }
 
 void benchAgainstBare(Figures& figures, const Effort& effort, const std::string& where,
-                      uint32_t inFlight, std::optional<double> aim) {
+                      uint32_t inFlight, std::optional<double> aim, bool paced = false) {
     const std::string what = where + ", " + std::to_string(inFlight) + " in flight";
     fprintf(stderr, "two processes, %s ...\n", what.c_str());
     BareRoad bare(inFlight);
@@ -102,13 +140,14 @@ void benchAgainstBare(Figures& figures, const Effort& effort, const std::string&
         figures.faults.push_back(what + ": " + problem);
         return;
     }
+    const Side ours = {[&](uint32_t frames) { return client->run(frames); }, provider->id()};
+    const Side theirs = {[&](uint32_t frames) { return bare.run(frames); }, bare.provider()};
     const std::vector<Costs> costs =
-        costsOf(figures, effort, what, effort.quick ? 2000 : 20000,
-                {{[&](uint32_t frames) { return client->run(frames); }, provider->id()},
-                 {[&](uint32_t frames) { return bare.run(frames); }, bare.provider()}});
+        costsOf(figures, effort, what, effort.quick ? 2000 : 20000, {ours, theirs});
     if (!costs.empty()) {
         addComparisons(figures, what, "bare sockets and a hand-off", costs[0], costs[1], aim);
     }
+    if (paced) addPaced(figures, effort, ours, theirs);
 }
 
 /** With the pixels: each frame is copied once, into memory that both processes have mapped. */
@@ -151,7 +190,7 @@ void benchRoads(Figures& figures, const Effort& effort) {
         benchAgainstBare(figures, effort, "one CPU", 4, std::nullopt);
         benchAgainstGstreamer(figures, effort, "one CPU");
     }
-    benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt);
+    benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt, true);
     benchAgainstGstreamer(figures, effort, "unpinned");
 }
 
