@@ -103,6 +103,7 @@ TEST_F(KillTest, ServesTheNextClientAndKeepsNothingOfTheLast) {
         }
     });
     std::minstd_rand random(static_cast<unsigned>(getpid()));
+    const int alone = Holdings::now().threads;
     Holdings first;
     int held = 0;
     for (; held < kills(); ++held) {
@@ -110,6 +111,8 @@ TEST_F(KillTest, ServesTheNextClientAndKeepsNothingOfTheLast) {
             const ClientProcess early(folder + "/socket");  // one that is still setting up
             usleep(static_cast<useconds_t>(random() % 8000));
         }
+        // What it had sent is served to its end, so that it does not come after the next client's.
+        EXPECT_TRUE(eventually([&] { return Holdings::now().threads == alone; }));
         const ClientProcess process(folder + "/socket");
         if (!process.waitForFirstFrame()) break;
         // The same point of each client's life: nothing more than at the first one's.

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -115,6 +116,21 @@ struct Recipient : public hidl_death_recipient {
 };
 
 }  // namespace
+
+/** Takes every number below this one, for the scope of this object. */
+class TakenUpTo {
+public:
+    explicit TakenUpTo(size_t number) {
+        for (;;) {
+            UniqueFd fd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+            if (static_cast<size_t>(fd.get()) >= number) return;
+            mTaken.push_back(std::move(fd));
+        }
+    }
+
+private:
+    std::vector<UniqueFd> mTaken;
+};
 
 class TransportTest : public SessionFixture {
 protected:
@@ -404,6 +420,45 @@ TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
     expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)), Status::OK);
 }
 
+TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
+    remote.clear();
+    server.reset();
+    const FewDescriptors few(host::kConnectionFds + 100);
+    int end[2];
+    ASSERT_EQ(pipe2(end, O_CLOEXEC), 0);
+    const pid_t child = fork();  // early, while there are numbers for its sockets
+    if (child == 0) {
+        char byte = 0;
+        if (read(end[0], &byte, 1) != 1) _exit(1);
+        for (int i = 0; i < 500; ++i)
+            RawClient(path).connect();
+        _exit(0);
+    }
+    serve();
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
+    rlimit lowered = {};
+    getrlimit(RLIMIT_NOFILE, &lowered);
+    std::atomic<bool> done{false};
+    std::thread flood([&] {
+        while (!done)
+            EXPECT_TRUE(remote->processCaptureRequest(requestFor(1, 1, nullptr)).isOk());
+    });
+    EXPECT_EQ(write(end[1], "g", 1), 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    done = true;
+    flood.join();
+    // Nothing that stays got a number of the reserve, for calls or for connections.
+    for (auto fd = static_cast<int>(lowered.rlim_cur - host::kReservedFds); fd < 4096; ++fd) {
+        struct stat file = {};
+        EXPECT_FALSE(fstat(fd, &file) == 0 && S_ISREG(file.st_mode)) << fd;  // a buffer
+    }
+    close(end[0]);
+    close(end[1]);
+}
+
 TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
     // Takes as long as the bounded wait, which is what it is about.
     std::mutex gate;
@@ -617,6 +672,10 @@ TEST_F(TransportTest, RefusesAnotherUser) {
 // ---- The limits, each one below, at, and one above ----
 
 TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
+    remote.clear();
+    server.reset();
+    const FewDescriptors few(512);
+    serve();
     setUpStream();
     for (const int beyond : {-1, 0, 1}) {
         const bool fits = beyond <= 0;
@@ -638,10 +697,11 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;
         native_handle_delete(fence);
 
-        // Free slots when a descriptor arrives: it takes one itself.
+        // Free slots when a descriptor arrives: it may get the last number before the reserve.
         {
-            const FewDescriptors few(
-                static_cast<rlim_t>(static_cast<int>(host::kReservedFds) + 1 - beyond));
+            rlimit lowered = {};
+            getrlimit(RLIMIT_NOFILE, &lowered);
+            const TakenUpTo taken(offset(lowered.rlim_cur - host::kReservedFds - 1));
             const CaptureRequest brings = requestFor(1, 2, buffer.handle());
             const Return<Status> answer = remote->processCaptureRequest(brings);
             EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;

@@ -28,8 +28,10 @@ int Signals::poll() const {
 }
 
 void openStandardStreams() {
-    while (open("/dev/null", O_RDWR) <= STDERR_FILENO) {  // NOLINT: kept open on purpose
-    }
+    int fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+    while (fd >= 0 && fd <= STDERR_FILENO)
+        fd = open("/dev/null", O_RDWR | O_CLOEXEC);  // the one before stays
+    if (fd >= 0) close(fd);
 }
 
 }  // namespace tools

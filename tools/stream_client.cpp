@@ -359,7 +359,7 @@ bool StreamClient::Receiver::isIdle() const {
 
 void StreamClient::Receiver::lose(const std::string& how) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (mLoss.empty()) mLoss = how;
+    if (mLoss.empty() || mLoss == kDied) mLoss = how;  // what a call failed with says more
     mPosted.notify_one();
 }
 
@@ -386,12 +386,13 @@ StreamClient::~StreamClient() {
 }
 
 bool StreamClient::takes(const Return<Status>& answer, std::string& problem) {
-    if (!answer.isOk()) {
-        mReceiver->lose(answer.description());
-    } else if (static_cast<Status>(answer) == Status::OK) {
-        return true;
-    } else {
+    if (answer.isOk() && static_cast<Status>(answer) == Status::OK) return true;
+    if (answer.isOk()) {
         problem = "the session does not take the stream";
+    } else if (mSession->ping().isOk()) {
+        problem = "the stream cannot be set up: " + answer.description();
+    } else {
+        mReceiver->lose(answer.description());
     }
     return false;
 }

@@ -1,4 +1,5 @@
 #include <android/log.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -36,9 +37,23 @@ char letterOf(int priority) {
     return priority >= 0 && priority <= ANDROID_LOG_SILENT ? kLetters[priority] : '?';
 }
 
-/** In the layout of logcat's threadtime, one write for a line. */
+/** Whether a line can go out without waiting for who reads it: a client can make many lines. */
+bool isStderrReady() {
+    pollfd entry = {STDERR_FILENO, POLLOUT, 0};
+    return poll(&entry, 1, 0) > 0 && (entry.revents & POLLOUT) != 0;
+}
+
+/**
+ * In the layout of logcat's threadtime, one write for a line. Lines that nobody reads are dropped,
+ * and counted in the next one that goes out. REQUIRES: the router's mutex.
+ */
 void writeToStderr(const LogLine& line) {
+    static int dropped = 0;
     if (line.priority < stderrPriority) return;
+    if (!isStderrReady()) {
+        ++dropped;
+        return;
+    }
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
     tm local{};
@@ -49,6 +64,7 @@ void writeToStderr(const LogLine& line) {
     snprintf(prefix, sizeof(prefix), "%s.%03ld %5d %5d %c %s: ", date, now.tv_nsec / 1000000,
              getpid(), gettid(), letterOf(line.priority), line.tag.c_str());
     std::string text = prefix + line.text;
+    if (dropped > 0) text = "(" + std::to_string(std::exchange(dropped, 0)) + " dropped) " + text;
     if (text.back() != '\n') text += '\n';
     const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
     static_cast<void>(written);  // nowhere is left to say so

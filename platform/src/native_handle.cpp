@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "transport/slot_reserve.h"
+
 namespace {
 bool hasKnownVersion(const native_handle_t* h) {
     return h->version == static_cast<int>(sizeof(native_handle_t));
@@ -34,8 +36,9 @@ native_handle_t* native_handle_clone(const native_handle_t* handle) {
     if (clone == nullptr) return nullptr;
     for (int i = 0; i < handle->numFds; ++i) {
         clone->data[i] = fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0);
-        if (clone->data[i] < 0) {
-            clone->numFds = i;
+        const bool isMade = clone->data[i] >= 0;
+        if (!isMade || host::detail::SlotReserve::isReserved(clone->data[i])) {
+            clone->numFds = isMade ? i + 1 : i;
             native_handle_close(clone);
             native_handle_delete(clone);
             return nullptr;

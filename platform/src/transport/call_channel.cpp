@@ -55,8 +55,9 @@ public:
         mShared->recipient = recipient;
     }
     ~DeathWatch() {
-        mShared->takeRecipient();
-        eventfd_write(mShared->stop.get(), 1);
+        const std::lock_guard<std::mutex> lock(mShared->mutex);
+        mShared->recipient = nullptr;
+        if (mShared->stop.isValid()) eventfd_write(mShared->stop.get(), 1);
     }
     DeathWatch(const DeathWatch&) = delete;
     DeathWatch& operator=(const DeathWatch&) = delete;
@@ -72,7 +73,7 @@ public:
                                 {shared->stop.get(), POLLIN, 0}};
             while (poll(entries, 2, -1) < 0 && errno == EINTR) {
             }
-            const sp<hidl_death_recipient> told = shared->takeRecipient();
+            const sp<hidl_death_recipient> told = shared->end();
             if (told != nullptr) told->serviceDied(cookie, who);
         };
         if (!detail::startThread(thread, "death", watch)) return false;
@@ -88,14 +89,18 @@ public:
 private:
     /** With the thread, which may end later. */
     struct Shared {
-        sp<hidl_death_recipient> takeRecipient() {
+        /** Whom to tell; null when it was called off. */
+        sp<hidl_death_recipient> end() {
             const std::lock_guard<std::mutex> lock(mutex);
+            socket.reset();
+            stop.reset();
             return std::exchange(recipient, nullptr);
         }
 
+        std::mutex mutex;
+        // Closed by the thread at its end, under mutex.
         UniqueFd socket;
         UniqueFd stop;
-        std::mutex mutex;
         sp<hidl_death_recipient> recipient;  // guarded by mutex; null once told or called off
     };
 
@@ -165,7 +170,8 @@ bool CallChannel::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_
 }
 
 bool CallChannel::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
-    std::unique_ptr<DeathWatch> ended;  // ends after the lock: it waits for its thread
+    if (recipient == nullptr) return false;
+    std::unique_ptr<DeathWatch> ended;  // ends after the lock: the recipient may go with it
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto found = std::find_if(mWatches.begin(), mWatches.end(),
                                     [&](const auto& watch) { return watch->tells(recipient); });

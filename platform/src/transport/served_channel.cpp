@@ -3,6 +3,7 @@
 #include <android/log.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -53,7 +54,10 @@ bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer) {
         logEnd("bytes that are no call");
         return false;
     }
-    if (!in.fds.empty() && !SlotReserve::isUntouched()) {
+    const bool isShort = std::any_of(in.fds.begin(), in.fds.end(), [](const UniqueFd& fd) {
+        return SlotReserve::isReserved(fd.get());
+    });
+    if (isShort) {
         in.fds.clear();
         return refuse(socket, call, "too few descriptor slots are free");
     }

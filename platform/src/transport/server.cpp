@@ -50,8 +50,8 @@ UniqueFd makeSocket() {
 
 /** As connect(2), but gives up with EAGAIN when nobody takes the connection for so long. */
 int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
-    const timeval patience = {
-        std::chrono::duration_cast<std::chrono::seconds>(kCallPatience).count(), 0};
+    constexpr std::chrono::microseconds kMicroseconds = kCallPatience;
+    constexpr timeval patience = {kMicroseconds.count() / 1000000, kMicroseconds.count() % 1000000};
     setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
     return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
@@ -86,7 +86,7 @@ public:
     }
 
 private:
-    static constexpr int kTries = 60;
+    static constexpr int kTries = 20;
 
     static std::string folderOf(const std::string& path) {
         const size_t slash = path.rfind('/');
@@ -116,7 +116,7 @@ bool clearStale(const std::string& path, const sockaddr_un& address, std::string
 }
 
 /** Invalid, and a sentence in `problem`, when the path cannot be had. */
-UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address,
+UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address, FileId& file,
                          std::string& problem) {
     const FolderLock lock(path);
     if (!clearStale(path, address, problem)) return {};
@@ -128,6 +128,7 @@ UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address,
         problem = path + ": " + strerror(errno);
         return {};
     }
+    file = fileId(path);
     return socket;
 }
 
@@ -135,8 +136,9 @@ UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address,
 
 class Server::Impl {
 public:
-    Impl(std::string path, UniqueFd socket, std::unique_ptr<Stub> stub)
+    Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub)
         : mPath(std::move(path)),
+          mFile(file),
           mSocket(std::move(socket)),
           mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
           mStub(std::move(stub)) {}
@@ -172,7 +174,8 @@ private:
         std::atomic<bool> ended{false};
     };
 
-    /** Not what somebody else has put in its place. */
+    /** Not what somebody else has put in its place: the socket is open, so its number is its own.
+     */
     void removeSocket() const {
         const FolderLock lock(mPath);
         if (fileId(mPath) == mFile) unlink(mPath.c_str());
@@ -245,7 +248,7 @@ private:
 
     const detail::SlotReserve mReserve;
     const std::string mPath;
-    const FileId mFile = fileId(mPath);
+    const FileId mFile;
     const UniqueFd mSocket;
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
@@ -268,9 +271,10 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
         return nullptr;
     }
     if (!addressOf(path, address, problem)) return nullptr;
-    UniqueFd socket = listeningSocket(path, address, problem);
+    FileId file;
+    UniqueFd socket = listeningSocket(path, address, file, problem);
     if (!socket.isValid()) return nullptr;
-    auto impl = std::make_unique<Impl>(path, std::move(socket), makers->stub(object));
+    auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object));
     if (const char* const reason = impl->start()) {
         problem = path + ": " + reason;
         return nullptr;

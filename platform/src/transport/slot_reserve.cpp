@@ -1,13 +1,13 @@
 #include "slot_reserve.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
+#include <climits>
 #include <mutex>
 
 #include "host/limits.h"
-#include "host/unique_fd.h"
 
 namespace host::detail {
 
@@ -16,8 +16,9 @@ namespace {
 constexpr rlim_t kFewest = 3 * kReservedFds;  // to serve one client at all
 
 std::mutex sMutex;
-std::atomic<int> sServers{0};  // changes under sMutex
+std::atomic<int> sFirstReserved{INT_MAX};  // changes under sMutex
 // Guarded by sMutex.
+int sServers = 0;
 rlim_t sLowered = 0;
 
 rlim_t slots() {
@@ -44,6 +45,7 @@ SlotReserve::SlotReserve() {
         if (full < kConnectionFds + kFewest) return;
         sLowered = full - kConnectionFds;
         moveLimit(full, sLowered);
+        sFirstReserved = static_cast<int>(std::min<rlim_t>(sLowered - kReservedFds, INT_MAX));
     }
     ++sServers;
     mHeld = true;
@@ -52,7 +54,9 @@ SlotReserve::SlotReserve() {
 SlotReserve::~SlotReserve() {
     if (!mHeld) return;
     const std::lock_guard<std::mutex> lock(sMutex);
-    if (--sServers == 0) moveLimit(sLowered, sLowered + kConnectionFds);
+    if (--sServers > 0) return;
+    sFirstReserved = INT_MAX;
+    moveLimit(sLowered, sLowered + kConnectionFds);
 }
 
 SlotReserve::Opened::Opened() {
@@ -66,19 +70,8 @@ SlotReserve::Opened::~Opened() {
     sMutex.unlock();
 }
 
-bool SlotReserve::isUntouched() {
-    if (sServers == 0) return true;
-    // Numbers are given out from the lowest, so a free first number of the reserve nearly always
-    // tells that all of it is free; only when it is taken are the slots counted.
-    const rlim_t limit = slots();
-    const rlim_t first = limit - kReservedFds;
-    const UniqueFd probe(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, static_cast<int>(first)));
-    if (static_cast<rlim_t>(probe.get()) == first) return true;
-    rlim_t free = 0;
-    for (rlim_t fd = 0; fd < limit && free < kReservedFds; ++fd) {
-        if (fcntl(static_cast<int>(fd), F_GETFD) < 0) ++free;
-    }
-    return free + (probe.isValid() ? 1 : 0) >= kReservedFds;
+bool SlotReserve::isReserved(int fd) {
+    return fd >= sFirstReserved;
 }
 
 }  // namespace host::detail

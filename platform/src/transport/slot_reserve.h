@@ -3,9 +3,13 @@
 namespace host::detail {
 
 /**
- * Keeps the last kConnectionFds descriptor slots of the process out of everybody's reach while a
- * server is there, by a lower limit: what clients cause (duplicates in queues, descriptors that
- * arrive) ends before them. Thread-safe.
+ * Keeps the last descriptor slots of a process that serves out of its clients' reach.
+ *
+ * While a server is there the process's limit is kConnectionFds lower; those slots are for
+ * connections, which raise it for a moment. The kReservedFds below the limit are for calls on their
+ * way. What clients cause to stay (duplicates in queues, descriptors that arrived) is let go of at
+ * once when it got one of these numbers, also while the limit is raised: numbers are given out from
+ * the lowest, so that all others are taken then. Thread-safe.
  */
 class SlotReserve {
 public:
@@ -17,8 +21,7 @@ public:
     /** False when so few descriptors may be open that nothing can be kept. */
     bool isHeld() const { return mHeld; }
 
-    /** Opens the reserve for the scope of this object: for a connection that finds no other slot.
-     */
+    /** Opens the slots for connections for the scope of this object. */
     class Opened {
     public:
         Opened();
@@ -30,12 +33,8 @@ public:
         unsigned long mLimit;
     };
 
-    /**
-     * Whether descriptors that have just arrived leave kReservedFds more slots free below the
-     * limit; if not, they are to be closed, so that calls without descriptors still find some.
-     * Always, in a process that serves nobody: what arrives there is what it asked for.
-     */
-    static bool isUntouched();
+    /** Whether this number is one that may not stay; never in a process that serves nobody. */
+    static bool isReserved(int fd);
 
 private:
     bool mHeld = false;
