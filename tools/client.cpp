@@ -107,7 +107,8 @@ void declare(CLI::App& app, Options& options) {
         ->type_name("F")
         ->check(CLI::Range(0.0, kMostPerSecond))
         ->check([](const std::string& text) {
-            return std::isnan(atof(text.c_str())) ? text + " is no number" : std::string();
+            return std::isnan(strtod(text.c_str(), nullptr)) ? text + " is no number"
+                                                             : std::string();
         })
         ->capture_default_str();
     app.add_option("--size", options.size, kSizeHelp)
