@@ -342,7 +342,11 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
         return -1;
     }
 
-    const size_t known = mCirculatingBuffers[buffer.streamId].size();
+    // One stream at a time has buffers.
+    const auto countKnown = [this] {
+        return mCirculatingBuffers.empty() ? 0 : mCirculatingBuffers.begin()->second.size();
+    };
+    const size_t known = countKnown();
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
@@ -350,7 +354,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
     item.request.outputBuffers[0].buffer = registeredHandle;
     if (isSet(item.request.outputBuffers[0].buffer) != isSet(registeredHandle)) {
         logNotDuplicated(__func__, buffer);
-        if (mCirculatingBuffers[buffer.streamId].size() > known) {
+        if (countKnown() > known) {
             // The client is told of a refusal, so nothing of this handle must stay.
             freeBuffer(buffer);
             mGraphicBuffers.erase(buffer.bufferId);
