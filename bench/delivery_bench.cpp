@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -22,30 +23,39 @@ namespace bench {
 namespace {
 
 constexpr std::chrono::milliseconds kIdleWait(50);  // the session's own
+constexpr std::chrono::seconds kPatience(20);
 
 using Clock = std::chrono::steady_clock;
 using android::hardware::hidl_vec;
 using android::hardware::Return;
+using android::hardware::camera::device::V3_2::BufferStatus;
 using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSessionCallback;
+
+constexpr uint64_t kBufferId = 1;
 
 /** The client's callback: keeps the time of its call, and wakes who waits for it. */
 class Receiver : public IFDSessionCallback {
 public:
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         const Clock::time_point now = Clock::now();
+        const StreamBuffer& buffer = results[0].outputBuffers[0];
         const std::lock_guard<std::mutex> lock(mMutex);
         mArrival = now;
         mLast = results[0].frameNumber;
+        mRight = mRight && buffer.bufferId == kBufferId && buffer.status == BufferStatus::OK &&
+                 buffer.buffer.getNativeHandle() != nullptr;
         mArrived.notify_one();
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
 
-    Clock::time_point waitFor(uint32_t frameNumber) {
+    /** Nothing when it did not come, or was wrong. */
+    std::optional<Clock::time_point> waitFor(uint32_t frameNumber) {
         std::unique_lock<std::mutex> lock(mMutex);
-        mArrived.wait(lock, [&] { return mLast == frameNumber; });
-        return mArrival;
+        const bool came =
+            mArrived.wait_for(lock, kPatience, [&] { return mLast == frameNumber; }) && mRight;
+        return came ? std::optional(mArrival) : std::nullopt;
     }
 
 private:
@@ -54,6 +64,7 @@ private:
     // Guarded by mMutex.
     Clock::time_point mArrival;
     uint32_t mLast = 0;
+    bool mRight = true;
 };
 
 /** When the waiting thread is told: as the session has to tell it, or as is best for both. */
@@ -112,8 +123,9 @@ struct Round {
     double processor;  ///< time on processors, each
 };
 
-Round runRound(int count, Receiver& receiver, const CaptureResult& pattern,
-               const std::function<void(const CaptureResult&)>& send) {
+/** Nothing when a result did not come, or was wrong. */
+std::optional<Round> runRound(int count, Receiver& receiver, const CaptureResult& pattern,
+                              const std::function<void(const CaptureResult&)>& send) {
     std::vector<double> times;
     CaptureResult result = pattern;
     const double before = processorMicroseconds();
@@ -121,11 +133,12 @@ Round runRound(int count, Receiver& receiver, const CaptureResult& pattern,
         ++result.frameNumber;
         const Clock::time_point start = Clock::now();
         send(result);
-        const Clock::duration time = receiver.waitFor(result.frameNumber) - start;
-        times.push_back(std::chrono::duration<double, std::micro>(time).count());
+        const std::optional<Clock::time_point> arrival = receiver.waitFor(result.frameNumber);
+        if (!arrival) return std::nullopt;
+        times.push_back(std::chrono::duration<double, std::micro>(*arrival - start).count());
     }
     const double processor = (processorMicroseconds() - before) / count;
-    return {percentile(times, 50), percentile(times, 99), processor};
+    return Round{percentile(times, 50), percentile(times, 99), processor};
 }
 
 /** The rounds of both sides, as three comparisons. */
@@ -151,7 +164,7 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
         std::string("hand-off, told ") + (alike ? "under the mutex" : "after the mutex");
     fprintf(stderr, "delivery, %s, %s ...\n", where.c_str(), reference.c_str());
     const FrameBuffer frame(kTiny, kTiny.width);
-    const CaptureResult pattern = resultFor(requestFor(0, 1, frame.memory.handle()));
+    const CaptureResult pattern = resultFor(requestFor(0, kBufferId, frame.memory.handle()));
     const sp<Receiver> receiver = new Receiver;
     const OwnSession session;
     session->handleSetCallback(receiver);
@@ -160,11 +173,17 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
     const int count = effort.quick ? 1000 : 10000;
     Rounds rounds;
     for (int i = 0; i < effort.rounds; ++i) {
-        rounds.ours.push_back(runRound(count, *receiver, pattern, [&](const auto& result) {
+        const auto ours = runRound(count, *receiver, pattern, [&](const auto& result) {
             session->sendCaptureResult(result);
-        }));
-        rounds.theirs.push_back(
-            runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); }));
+        });
+        const auto theirs =
+            runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); });
+        if (!ours || !theirs) {
+            figures.faults.push_back("delivery, " + where + ": a result did not come, or was wrong");
+            return;
+        }
+        rounds.ours.push_back(*ours);
+        rounds.theirs.push_back(*theirs);
     }
     const auto aim = [toAim](double ratio) { return toAim ? std::optional(ratio) : std::nullopt; };
     for (const Comparison& each :

@@ -1,7 +1,6 @@
 // Measures what the library adds to a frame, against references in the same run.
 
 #include <android/log.h>
-#include <benchmark/benchmark.h>
 #include <err.h>
 
 #include <CLI/CLI.hpp>
@@ -43,14 +42,6 @@ std::vector<std::string> partNames() {
     for (const Part& part : kParts)
         names.emplace_back(part.name);
     return names;
-}
-
-void initializeBenchmark() {
-    char program[] = "fdstream-bench";
-    char interleaved[] = "--benchmark_enable_random_interleaving=true";
-    char* arguments[] = {program, interleaved, nullptr};
-    int count = 2;
-    benchmark::Initialize(&count, arguments);
 }
 
 constexpr int kRight = 0;
@@ -122,7 +113,6 @@ bench::Figures measure(const Options& options) {
         return options.parts.empty() || std::find(options.parts.begin(), options.parts.end(),
                                                   part.name) != options.parts.end();
     };
-    initializeBenchmark();
     bench::Figures figures;
     for (const Part& part : kParts) {
         if (isWanted(part)) part.run(figures, effort);

@@ -1,37 +1,62 @@
 #include "pieces.h"
 
+#include <cstddef>
 #include <cstdio>
-#include <map>
 
 namespace bench {
 
 namespace {
 
-/** Keeps the samples of each benchmark by its name, in microseconds. */
-class Collector : public benchmark::BenchmarkReporter {
+/** Keeps the one run that it is told of. */
+class LastRun : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context& /*context*/) override { return true; }
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.error_occurred) {
-                errors[run.run_name.function_name] = run.error_message;
-            } else if (run.run_type == Run::RT_Iteration) {
-                samples[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
-            }
-        }
-    }
+    void ReportRuns(const std::vector<Run>& runs) override { run = runs.front(); }
 
-    std::map<std::string, std::vector<double>> samples;
-    std::map<std::string, std::string> errors;
+    Run run;
 };
 
-void registerOne(const Contender& contender, const Effort& effort) {
-    benchmark::RegisterBenchmark(contender.name.c_str(), contender.run)
-        ->Unit(benchmark::kMicrosecond)
-        ->UseRealTime()
-        ->MinTime(effort.secondsPerSample)
-        ->Repetitions(effort.rounds);
-}
+/** One contender with its samples, in microseconds. */
+class Series {
+public:
+    Series(const Contender& contender, double secondsPerSample)
+        : mContender(contender), mSecondsPerSample(secondsPerSample) {
+        takeSample();  // finds how often it fits into a sample, and warms up
+        mSamples.clear();
+    }
+
+    void takeSample() {
+        auto* const benchmark =
+            benchmark::RegisterBenchmark(mContender.name.c_str(), mContender.run);
+        benchmark->Unit(benchmark::kMicrosecond)->UseRealTime();
+        if (mIterations == 0) {
+            benchmark->MinTime(mSecondsPerSample);
+        } else {
+            benchmark->Iterations(mIterations);
+        }
+        LastRun last;
+        benchmark::RunSpecifiedBenchmarks(&last, "all");
+        benchmark::ClearRegisteredBenchmarks();
+        if (last.run.error_occurred) {
+            mError = last.run.error_message;
+            return;
+        }
+        mIterations = last.run.iterations;
+        mSamples.push_back(last.run.GetAdjustedRealTime());
+    }
+
+    const Contender& contender() const { return mContender; }
+    const std::vector<double>& samples() const { return mSamples; }
+    /** Empty when all it made was right. */
+    const std::string& error() const { return mError; }
+
+private:
+    const Contender mContender;
+    const double mSecondsPerSample;
+    benchmark::IterationCount mIterations = 0;
+    std::vector<double> mSamples;
+    std::string mError;
+};
 
 }  // namespace
 
@@ -39,24 +64,23 @@ void compare(Figures& figures, const Effort& effort, const std::string& piece,
              const std::string& what, const Contender& ours,
              const std::vector<Contender>& references) {
     fprintf(stderr, "%s, %s ...\n", piece.c_str(), what.c_str());
-    registerOne(ours, effort);
+    std::vector<Series> all = {Series(ours, effort.secondsPerSample)};
     for (const Contender& reference : references)
-        registerOne(reference, effort);
-    Collector collected;
-    benchmark::RunSpecifiedBenchmarks(&collected, "all");
-    benchmark::ClearRegisteredBenchmarks();
-
-    for (const auto& [name, error] : collected.errors) {
-        figures.faults.push_back(piece);
-        for (const std::string& part : {what, name, error})
-            figures.faults.back().append(", ").append(part);
+        all.emplace_back(reference, effort.secondsPerSample);
+    for (size_t round = 0; round < static_cast<size_t>(effort.rounds); ++round) {
+        for (size_t i = 0; i < all.size(); ++i)
+            all[(round + i) % all.size()].takeSample();
     }
-    const std::vector<double>& mine = collected.samples[ours.name];
-    for (const Contender& reference : references) {
-        const std::vector<double>& theirs = collected.samples[reference.name];
-        if (mine.empty() || mine.size() != theirs.size()) continue;
-        figures.comparisons.push_back(
-            {piece, what, reference.name, "us", mine, theirs, reference.aim});
+
+    const Series& mine = all.front();
+    for (const Series& each : all) {
+        const std::string& name = each.contender().name;
+        if (!each.error().empty()) {
+            figures.faults.push_back(piece + ", " + what + ", " + name + ": " + each.error());
+        } else if (&each != &mine && mine.error().empty()) {
+            figures.comparisons.push_back(
+                {piece, what, name, "us", mine.samples(), each.samples(), each.contender().aim});
+        }
     }
 }
 

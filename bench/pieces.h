@@ -26,9 +26,10 @@ struct Contender {
 };
 
 /**
- * Measures ours and its references with Google Benchmark, their samples in a random order, and adds
- * a comparison with each reference. One that stops with an error, because what it made was wrong,
- * gets no figure but a line among the faults.
+ * Measures ours and its references with Google Benchmark, in rounds: one sample of each, one right
+ * after the other, beginning with another one each time. Adds a comparison with each reference. A
+ * contender that stops with an error, because what it made was wrong, gets no figure but a line
+ * among the faults.
  */
 void compare(Figures& figures, const Effort& effort, const std::string& piece,
              const std::string& what, const Contender& ours,

@@ -24,37 +24,43 @@ namespace {
 using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::rotate180;
 using Turn = std::function<void(FrameBuffer&)>;
 
-// One read and one write of every byte, and nothing to rearrange: row by row, which memory likes
-// best, and two rows at a time, as a rotation has to, which the second-level cache likes best.
+// One read and one write of every byte, and nothing to rearrange: row by row, and from both ends
+// toward the middle, in the order in which a rotation has to touch the bytes.
+
+constexpr size_t kStep = 64;  // divides the widths; a whole line of the cache
 
 FDSTREAM_PROCESSOR_CLONES
-void passOver(uint8_t* row, size_t count) {
+void invert(uint8_t* row, size_t count) {
     for (size_t i = 0; i < count; ++i)
         row[i] = static_cast<uint8_t>(~row[i]);
 }
 
 FDSTREAM_PROCESSOR_CLONES
-void passOverTwo(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
-    for (size_t i = 0; i < count; ++i) {
-        top[i] = static_cast<uint8_t>(~top[i]);
-        bottom[i] = static_cast<uint8_t>(~bottom[i]);
+void invertFromEnds(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
+    for (size_t at = 0; at < count; at += kStep) {
+        uint8_t* const early = top + at;
+        uint8_t* const late = bottom + count - kStep - at;
+        for (size_t i = 0; i < kStep; ++i)
+            early[i] = static_cast<uint8_t>(~early[i]);
+        for (size_t i = 0; i < kStep; ++i)
+            late[i] = static_cast<uint8_t>(~late[i]);
     }
 }
 
 void passRowByRow(FrameBuffer& frame) {
     const auto width = static_cast<size_t>(frame.width());
     for (int y = 0; y < frame.height(); ++y)
-        passOver(frame.luma() + y * frame.lumaStride(), width);
+        invert(frame.luma() + y * frame.lumaStride(), width);
     for (int y = 0; y < frame.height() / 2; ++y)
-        passOver(frame.chroma() + y * frame.chromaStride(), width);
+        invert(frame.chroma() + y * frame.chromaStride(), width);
 }
 
-void passTwoRows(FrameBuffer& frame) {
+void passFromEnds(FrameBuffer& frame) {
     const auto pass = [width = static_cast<size_t>(frame.width())](uint8_t* top, int stride,
                                                                    int rows) {
         uint8_t* bottom = top + (rows - 1) * stride;
         for (; top < bottom; top += stride, bottom -= stride)
-            passOverTwo(top, bottom, width);
+            invertFromEnds(top, bottom, width);
     };
     pass(frame.luma(), frame.lumaStride(), frame.height());
     pass(frame.chroma(), frame.chromaStride(), frame.height() / 2);
@@ -133,7 +139,7 @@ void benchRotation(Figures& figures, const Effort& effort) {
             const auto turnOurs = [](FrameBuffer& frame) { rotate180(frame.wrapped); };
             std::vector<Contender> references = {
                 contender("in-place pass", passRowByRow, size, inverted(size), frames, 1.10),
-                contender("the same, two rows at a time", passTwoRows, size, inverted(size), frames,
+                contender("the same, from both ends", passFromEnds, size, inverted(size), frames,
                           1.10),
                 contender("libyuv", turnWithYuv, size, expected, frames, 1.0)};
 #ifdef BENCH_HAS_OPENCV
