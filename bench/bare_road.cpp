@@ -1,32 +1,62 @@
 #include "bare_road.h"
 
 #include <err.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <future>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
-#include <vector>
+
+#include "interfaces/src/records.h"
+#include "platform/src/transport/socket.h"
+#include "records.h"
 
 namespace bench {
 
 namespace {
 
-// What a known buffer's request and result have: a header of 16 bytes and their fields.
-constexpr size_t kRequestBytes = 16 + 16 + 19 + 4 + 19;
-constexpr size_t kResultBytes = 16 + 4 + 4 + 8 + 4 + 4 + 19 + 8 + 40 + 19 + 4;
-constexpr size_t kAnswerBytes = 20;
+/** Of a known buffer's messages, as the real road has them. */
+struct Sizes {
+    size_t request;
+    size_t accepted;
+    size_t result;
+    size_t received;
+};
+
+template <typename... Values>
+size_t messageSize(const Values&... values) {
+    host::Outgoing out;
+    host::Writer writer(out);
+    writer(values...);
+    return sizeof(host::detail::Header) + out.bytes.size();
+}
+
+Sizes sizesOfMessages() {
+    const FrameBuffer frame(kTiny, kTiny.width);
+    const android::hardware::hidl_vec<CaptureResult> results = {
+        resultFor(requestFor(1, 1, frame.memory.handle()))};
+    return {messageSize(requestFor(1, 1)), messageSize(Status::OK), messageSize(results),
+            messageSize()};
+}
+
+constexpr size_t kMostBytes = 256;
 
 bool sendBytes(int socket, size_t size, int fd = -1) {
-    std::array<char, kResultBytes> bytes = {};
+    std::array<char, kMostBytes> bytes = {};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control = {};
     iovec part = {bytes.data(), size};
     msghdr message = {};
@@ -44,9 +74,10 @@ bool sendBytes(int socket, size_t size, int fd = -1) {
     return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
 }
 
-/** False at the end. A descriptor that comes is closed, as who gets a result has to. */
-bool receiveBytes(int socket, size_t size) {
-    std::array<char, kResultBytes> bytes;
+/** False at the end, or for another message. A descriptor is closed, as who gets a result has to.
+ */
+bool receiveBytes(int socket, size_t size, bool withDescriptor = false) {
+    std::array<char, kMostBytes> bytes;
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control;
     iovec part = {bytes.data(), bytes.size()};
     msghdr message = {};
@@ -61,23 +92,27 @@ bool receiveBytes(int socket, size_t size) {
         memcpy(&fd, CMSG_DATA(header), sizeof(fd));
         close(fd);
     }
-    return received == static_cast<ssize_t>(size);
+    return received == static_cast<ssize_t>(size) && (header != nullptr) == withDescriptor;
 }
 
 /** The other process: one thread takes requests, and another sends the results. */
 class BareProvider {
 public:
-    BareProvider(int requests, int results)
-        : mRequests(requests), mResults(results), mThread([this] { sendResults(); }) {}
+    BareProvider(const Sizes& sizes, const SharedFrames* frames, int requests, int results)
+        : mSizes(sizes), mFrames(frames), mRequests(requests), mResults(results), mThread([this] {
+              sendResults();
+          }) {}
 
     void serve() {
-        while (receiveBytes(mRequests, kRequestBytes)) {
+        MarkedFrame frame;
+        for (uint32_t i = 0; receiveBytes(mRequests, mSizes.request); ++i) {
+            if (mFrames != nullptr) memcpy(mFrames->of(i), frame.numbered(i), frame.size());
             {
                 const std::lock_guard<std::mutex> lock(mMutex);
                 mQueue.push_back(dup(STDERR_FILENO));
                 mChanged.notify_all();
             }
-            if (!sendBytes(mRequests, kAnswerBytes)) break;
+            if (!sendBytes(mRequests, mSizes.accepted)) break;
         }
         {
             const std::lock_guard<std::mutex> lock(mMutex);
@@ -98,12 +133,14 @@ private:
                 mQueue.pop_front();
             }
             if (fd < 0) return;
-            const bool sent = sendBytes(mResults, kResultBytes, fd);
+            const bool sent = sendBytes(mResults, mSizes.result, fd);
             close(fd);
-            if (!sent || !receiveBytes(mResults, kAnswerBytes)) return;
+            if (!sent || !receiveBytes(mResults, mSizes.received)) return;
         }
     }
 
+    const Sizes mSizes;
+    const SharedFrames* const mFrames;
     const int mRequests;
     const int mResults;
     std::mutex mMutex;
@@ -114,7 +151,19 @@ private:
 
 }  // namespace
 
-BareRoad::BareRoad(uint32_t inFlight) : mInFlight(inFlight) {
+SharedFrames::SharedFrames(uint32_t count)
+    : mCount(count),
+      mBytes(static_cast<uint8_t*>(mmap(nullptr, count * kFrameBytes, PROT_READ | PROT_WRITE,
+                                        MAP_SHARED | MAP_ANONYMOUS, -1, 0))) {
+    if (mBytes == MAP_FAILED) err(EXIT_FAILURE, "no memory for %u frames", count);
+}
+
+SharedFrames::~SharedFrames() {
+    munmap(mBytes, mCount * kFrameBytes);
+}
+
+BareRoad::BareRoad(uint32_t inFlight, bool pictures)
+    : mInFlight(inFlight), mFrames(pictures ? std::make_unique<SharedFrames>(inFlight) : nullptr) {
     int requests[2];
     int results[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, requests) != 0 ||
@@ -125,12 +174,13 @@ BareRoad::BareRoad(uint32_t inFlight) : mInFlight(inFlight) {
     mResults.reset(results[0]);
     const host::UniqueFd theirRequests(requests[1]);
     const host::UniqueFd theirResults(results[1]);
+    const Sizes sizes = sizesOfMessages();
     mProvider = fork();
     if (mProvider != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     mRequests.reset();
     mResults.reset();
-    BareProvider(theirRequests.get(), theirResults.get()).serve();
+    BareProvider(sizes, mFrames.get(), theirRequests.get(), theirResults.get()).serve();
     _exit(EXIT_SUCCESS);
 }
 
@@ -141,22 +191,44 @@ BareRoad::~BareRoad() {
 }
 
 bool BareRoad::run(uint32_t frames) {
-    const auto ask = [this] {
-        return sendBytes(mRequests.get(), kRequestBytes) &&
-               receiveBytes(mRequests.get(), kAnswerBytes);
-    };
+    const Sizes sizes = sizesOfMessages();
     uint32_t asked = 0;
-    while (asked < std::min(mInFlight, frames)) {
-        if (!ask()) return false;
+    const auto askUnlessAll = [&] {
+        if (asked == frames) return true;
         ++asked;
+        return sendBytes(mRequests.get(), sizes.request) &&
+               receiveBytes(mRequests.get(), sizes.accepted);
+    };
+    for (uint32_t i = 0; i < mInFlight; ++i) {
+        if (!askUnlessAll()) return false;
     }
     for (uint32_t came = 0; came < frames; ++came) {
-        if (!receiveBytes(mResults.get(), kResultBytes)) return false;
-        if (asked < frames && !ask()) return false;
-        ++asked;
-        if (!sendBytes(mResults.get(), kAnswerBytes)) return false;
+        if (!receiveBytes(mResults.get(), sizes.result, true)) return false;
+        if (!isExpected(came + 1 == frames) || !askUnlessAll()) return false;
+        if (!sendBytes(mResults.get(), sizes.received)) return false;
     }
     return true;
+}
+
+bool BareRoad::isExpected(bool everyByte) {
+    const uint32_t number = mCame++;
+    return mFrames == nullptr || mExpected.isIn(mFrames->of(number), number, everyByte);
+}
+
+std::optional<std::chrono::steady_clock::time_point> BareRoad::arrivalOfOne(
+    std::chrono::steady_clock::time_point askAt) {
+    const Sizes sizes = sizesOfMessages();
+    auto arrival = std::async(std::launch::async, [&] {
+        const bool came = receiveBytes(mResults.get(), sizes.result, true);
+        const auto now = std::chrono::steady_clock::now();
+        return came && sendBytes(mResults.get(), sizes.received) ? std::optional(now)
+                                                                 : std::nullopt;
+    });
+    std::this_thread::sleep_until(askAt);
+    const bool asked =
+        sendBytes(mRequests.get(), sizes.request) && receiveBytes(mRequests.get(), sizes.accepted);
+    if (!asked) shutdown(mResults.get(), SHUT_RDWR);  // ends the wait
+    return arrival.get();
 }
 
 }  // namespace bench

@@ -173,13 +173,13 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
     const int count = effort.quick ? 1000 : 10000;
     Rounds rounds;
     for (int i = 0; i < effort.rounds; ++i) {
-        const auto ours = runRound(count, *receiver, pattern, [&](const auto& result) {
-            session->sendCaptureResult(result);
-        });
+        const auto ours = runRound(count, *receiver, pattern,
+                                   [&](const auto& result) { session->sendCaptureResult(result); });
         const auto theirs =
             runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); });
         if (!ours || !theirs) {
-            figures.faults.push_back("delivery, " + where + ": a result did not come, or was wrong");
+            figures.faults.push_back("delivery, " + where +
+                                     ": a result did not come, or was wrong");
             return;
         }
         rounds.ours.push_back(*ours);

@@ -16,7 +16,7 @@ struct FrameSize {
     uint32_t width;
     uint32_t height;
 
-    size_t packedBytes() const { return size_t{width} * height / 2 * 3; }
+    constexpr size_t packedBytes() const { return size_t{width} * height / 2 * 3; }
 };
 
 constexpr FrameSize kSizes[] = {{"720p", 1280, 720}, {"1080p", 1920, 1080}, {"4K", 3840, 2160}};

@@ -11,19 +11,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 #include "child_process.h"
 #include "default_socket.h"
 #include "frames.h"
 #include "host/unique_fd.h"
-#include "road_provider.h"
+#include "marked_frame.h"
 
 namespace bench {
 
@@ -76,8 +76,7 @@ class Producer {
 public:
     Producer(int orders, Pipeline pipeline)
         : mOrders(orders),
-          mFrame(testFrame(kSizes[0])),
-          mBuffer(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, mFrame.data(),
+          mBuffer(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, mFrame.numbered(0),
                                               mFrame.size(), 0, mFrame.size(), nullptr, nullptr)),
           mPipeline(std::move(pipeline)) {}
 
@@ -103,12 +102,12 @@ private:
             if (read(mOrders, &more, sizeof(more)) != sizeof(more)) return;
             mOrdered += more;
         }
-        mark(mFrame.data(), mFrame.size(), mPushed++);
+        mFrame.numbered(mPushed++);
         gst_app_src_push_buffer(source, gst_buffer_ref(mBuffer.get()));
     }
 
     const int mOrders;
-    std::vector<uint8_t> mFrame;
+    MarkedFrame mFrame;
     const std::unique_ptr<GstBuffer, Unref> mBuffer;
     uint32_t mOrdered = 0;
     uint32_t mPushed = 0;
@@ -186,7 +185,9 @@ private:
         GstMapInfo map = {};
         if (buffer == nullptr || gst_buffer_map(buffer, &map, GST_MAP_READ) == FALSE)
             return GST_FLOW_ERROR;
-        const bool right = isMarked(map.data, map.data + map.size, mTaken++);
+        const uint32_t number = mTaken++;
+        const bool right =
+            map.size == mExpected.size() && mExpected.isIn(map.data, number, number + 1 == mWanted);
         gst_buffer_unmap(buffer, &map);
         count(right);
         return GST_FLOW_OK;
@@ -199,12 +200,14 @@ private:
     }
 
     const std::unique_ptr<ProducerProcess> mProcess;
-    uint32_t mTaken = 0;  // for the thread that brings the frames
+    std::atomic<uint32_t> mWanted{0};
+    // For the thread that brings the frames.
+    uint32_t mTaken = 0;
+    MarkedFrame mExpected;
 
     std::mutex mMutex;
     std::condition_variable mChanged;
     // Guarded by mMutex.
-    uint32_t mWanted = 0;
     uint32_t mCame = 0;
     bool mWrong = false;
 
@@ -235,8 +238,8 @@ std::unique_ptr<GstRoad> GstRoad::start(uint32_t inFlight, std::string& problem)
     if (pipeline == nullptr) return nullptr;
     const bool isReady = process->waitUntilReady();
     auto road = std::make_unique<Consumer>(std::move(process), std::move(pipeline));
-    if (isReady && road->connect() && road->run(inFlight)) return road;
-    problem = "its first frames did not come";
+    if (isReady && road->connect()) return road;
+    problem = "it does not start";
     return nullptr;
 }
 

@@ -19,8 +19,8 @@ int produceForGst(int orders, const std::string& description);
 class GstRoad {
 public:
     /**
-     * Starts the other process and lets the first frames come. The shared memory has room for so
-     * many frames. Null, and why in `problem`, when GStreamer or its elements are missing.
+     * Starts the other process. The shared memory has room for so many frames. Null, and why in
+     * `problem`, when GStreamer or its elements are missing.
      */
     static std::unique_ptr<GstRoad> start(uint32_t inFlight, std::string& problem);
     virtual ~GstRoad() = default;

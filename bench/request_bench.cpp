@@ -15,7 +15,8 @@ namespace {
 
 constexpr uint64_t kBufferId = 7;
 
-/** Whether this came of that request, with a duplicate of the handle that was sent for its buffer. */
+/** Whether this came of that request, with a duplicate of the handle that was sent for its buffer.
+ */
 bool isOf(const CaptureRequest& taken, const CaptureRequest& request, const native_handle_t* sent) {
     const native_handle_t* const handle = taken.outputBuffers[0].buffer.getNativeHandle();
     return taken.frameNumber == request.frameNumber && handle != nullptr && handle != sent;

@@ -1,23 +1,22 @@
 // The whole road of a frame over two processes: from the request to the client's callback, and the
 // next request from inside it.
 
-#include <unistd.h>
+#include <sys/types.h>
 
 #include <chrono>
-#include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "bare_road.h"
 #include "benches.h"
-#include "child_process.h"
+#include "frames.h"
 #include "gst_road.h"
 #include "processor.h"
 #include "records.h"
@@ -29,6 +28,9 @@ namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr const char* kPiece = "two processes";
+constexpr const char* kBare = "bare sockets and a hand-off";
 
 /** Microseconds a frame. */
 struct Cost {
@@ -57,30 +59,27 @@ std::optional<Cost> costOf(const Side& side, uint32_t frames) {
     return Cost{wall.count() / frames, (after - before) / frames};
 }
 
-/** From a request to its callback at a camera's pace, when everybody has gone to sleep: the median.
+/**
+ * From a request to its callback, or to its bare result, at a camera's pace, when everybody has
+ * gone to sleep: the median.
  */
-std::optional<double> pacedLatencyOf(const Side& side) {
+template <typename Road>
+std::optional<double> pacedLatencyOf(Road& road) {
     constexpr int kFrames = 10;
     std::vector<double> latencies;
     Clock::time_point next = Clock::now();
     for (int i = 0; i < kFrames; ++i) {
-        std::this_thread::sleep_until(next += std::chrono::milliseconds(33));
-        const Clock::time_point start = Clock::now();
-        if (!side.run(1)) return std::nullopt;
-        latencies.push_back(
-            std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        next += std::chrono::milliseconds(33);
+        const std::optional<Clock::time_point> arrival = road.arrivalOfOne(next);
+        if (!arrival) return std::nullopt;
+        latencies.push_back(std::chrono::duration<double, std::micro>(*arrival - next).count());
     }
     return median(latencies);
 }
 
-void addPaced(Figures& figures, const Effort& effort, const Side& ours, const Side& theirs) {
-    Comparison paced{"two processes",
-                     "unpinned, 30 frames a second, latency",
-                     "bare sockets and a hand-off",
-                     "us",
-                     {},
-                     {},
-                     std::nullopt};
+void addPaced(Figures& figures, const Effort& effort, RoadClient& ours, BareRoad& theirs) {
+    Comparison paced{kPiece, "unpinned, 30 frames a second, latency", kBare, "us", {}, {}, {}};
+    fprintf(stderr, "%s, %s ...\n", kPiece, paced.what.c_str());
     for (int i = 0; i < effort.rounds; ++i) {
         const std::optional<double> mine = pacedLatencyOf(ours);
         const std::optional<double> bare = pacedLatencyOf(theirs);
@@ -94,17 +93,22 @@ void addPaced(Figures& figures, const Effort& effort, const Side& ours, const Si
     figures.comparisons.push_back(std::move(paced));
 }
 
-/** The costs of each side, in rounds by turns; none, but a fault, when a frame was wrong. */
+/**
+ * The costs of each side, in rounds that begin with another side each time, after one to warm up.
+ * None, but a fault, when a frame was wrong.
+ */
 std::vector<Costs> costsOf(Figures& figures, const Effort& effort, const std::string& what,
                            uint32_t frames, const std::vector<Side>& sides) {
     std::vector<Costs> costs(sides.size());
-    for (int i = 0; i < effort.rounds; ++i) {
-        for (size_t side = 0; side < sides.size(); ++side) {
+    for (size_t round = 0; round <= static_cast<size_t>(effort.rounds); ++round) {
+        for (size_t i = 0; i < sides.size(); ++i) {
+            const size_t side = (round + i) % sides.size();
             const std::optional<Cost> cost = costOf(sides[side], frames);
             if (!cost) {
                 figures.faults.push_back(what + ": a frame did not come, or was wrong");
                 return {};
             }
+            if (round == 0) continue;
             costs[side].wall.push_back(cost->wall);
             costs[side].processor.push_back(cost->processor);
         }
@@ -115,70 +119,82 @@ std::vector<Costs> costsOf(Figures& figures, const Effort& effort, const std::st
 void addComparisons(Figures& figures, const std::string& what, const std::string& reference,
                     const Costs& ours, const Costs& theirs, std::optional<double> aim) {
     figures.comparisons.push_back(
-        {"two processes", what + ", wall", reference, "us", ours.wall, theirs.wall, aim});
-    figures.comparisons.push_back({"two processes", what + ", time on CPU", reference, "us",
-                                   ours.processor, theirs.processor, aim});
+        {kPiece, what + ", wall", reference, "us", ours.wall, theirs.wall, aim});
+    figures.comparisons.push_back(
+        {kPiece, what + ", time on CPU", reference, "us", ours.processor, theirs.processor, aim});
 }
 
-void addFacts(Figures& figures, const std::string& whose, const Costs& costs) {
-    figures.facts.push_back({whose + ", frames", 1e6 / median(costs.wall), "a second", ""});
-    figures.facts.push_back({whose + ", time on CPU", median(costs.processor), "us a frame", ""});
+/** The real road: a provider in a process of its own, and its client in this one. */
+struct OurRoad {
+    std::unique_ptr<RoadProvider> provider;
+    std::unique_ptr<RoadClient> client;  // goes before its provider
+
+    Side side() const {
+        return {[this](uint32_t frames) { return client->run(frames); }, provider->id()};
+    }
+};
+
+/** Without a client, and with a fault, when it does not start. */
+OurRoad startOurs(Figures& figures, const std::string& what, FrameSize size, uint32_t inFlight,
+                  bool pictures) {
+    OurRoad road;
+    std::string problem;
+    road.provider = RoadProvider::start(pictures, problem);
+    if (road.provider != nullptr) {
+        road.client =
+            RoadClient::connect(road.provider->socket(), size, inFlight, pictures, problem);
+    }
+    if (road.client == nullptr) figures.faults.push_back(what + ": " + problem);
+    return road;
+}
+
+Side sideOf(BareRoad& bare) {
+    return {[&bare](uint32_t frames) { return bare.run(frames); }, bare.provider()};
 }
 
 void benchAgainstBare(Figures& figures, const Effort& effort, const std::string& where,
                       uint32_t inFlight, std::optional<double> aim, bool paced = false) {
     const std::string what = where + ", " + std::to_string(inFlight) + " in flight";
-    fprintf(stderr, "two processes, %s ...\n", what.c_str());
-    BareRoad bare(inFlight);
-    std::string problem;
-    const std::unique_ptr<RoadProvider> provider = RoadProvider::start(false, problem);
-    const std::unique_ptr<RoadClient> client =
-        provider != nullptr
-            ? RoadClient::connect(provider->socket(), kTiny, inFlight, false, problem)
-            : nullptr;
-    if (client == nullptr) {
-        figures.faults.push_back(what + ": " + problem);
-        return;
-    }
-    const Side ours = {[&](uint32_t frames) { return client->run(frames); }, provider->id()};
-    const Side theirs = {[&](uint32_t frames) { return bare.run(frames); }, bare.provider()};
+    fprintf(stderr, "%s, %s ...\n", kPiece, what.c_str());
+    BareRoad bare(inFlight, false);
+    const OurRoad ours = startOurs(figures, what, kTiny, inFlight, false);
+    if (ours.client == nullptr) return;
     const std::vector<Costs> costs =
-        costsOf(figures, effort, what, effort.quick ? 2000 : 20000, {ours, theirs});
-    if (!costs.empty()) {
-        addComparisons(figures, what, "bare sockets and a hand-off", costs[0], costs[1], aim);
-    }
-    if (paced) addPaced(figures, effort, ours, theirs);
+        costsOf(figures, effort, what, effort.quick ? 2000 : 20000, {ours.side(), sideOf(bare)});
+    if (costs.empty()) return;
+    addComparisons(figures, what, kBare, costs[0], costs[1], aim);
+    if (paced) addPaced(figures, effort, *ours.client, bare);
 }
 
 /** With the pixels: each frame is copied once, into memory that both processes have mapped. */
-void benchAgainstGstreamer(Figures& figures, const Effort& effort, const std::string& where) {
+void benchWithPixels(Figures& figures, const Effort& effort, const std::string& where) {
     constexpr uint32_t kInFlight = 4;
     const std::string what = where + ", 720p, 4 in flight";
-    fprintf(stderr, "two processes, %s ...\n", what.c_str());
+    fprintf(stderr, "%s, %s ...\n", kPiece, what.c_str());
+    BareRoad bare(kInFlight, true);
+    const OurRoad ours = startOurs(figures, what, kSizes[0], kInFlight, true);
+    if (ours.client == nullptr) return;
+    std::vector<Side> sides = {ours.side(), sideOf(bare)};
     std::string problem;
     const std::unique_ptr<GstRoad> gst = GstRoad::start(kInFlight, problem);
-    if (gst == nullptr)
+    if (gst == nullptr) {
         figures.absent.push_back("GStreamer's shmsink to shmsrc, because " + problem + ".");
-    const std::unique_ptr<RoadProvider> provider = RoadProvider::start(true, problem);
-    const std::unique_ptr<RoadClient> client =
-        provider != nullptr
-            ? RoadClient::connect(provider->socket(), kSizes[0], kInFlight, true, problem)
-            : nullptr;
-    if (client == nullptr) {
-        figures.faults.push_back(what + ": " + problem);
-        return;
-    }
-    std::vector<Side> sides = {
-        {[&](uint32_t frames) { return client->run(frames); }, provider->id()}};
-    if (gst != nullptr)
+    } else {
         sides.push_back({[&](uint32_t frames) { return gst->run(frames); }, gst->producer()});
+    }
     const std::vector<Costs> costs =
         costsOf(figures, effort, what, effort.quick ? 200 : 1000, sides);
     if (costs.empty()) return;
-    addFacts(figures, what + ", ours", costs[0]);
+    addComparisons(figures, what, kBare + std::string(", and the copy"), costs[0], costs[1], {});
+    const auto addPace = [&](const char* whose, const Costs& side) {
+        figures.facts.push_back(
+            {what + ", " + whose, 1e6 / median(side.wall), "frames a second", ""});
+    };
+    addPace("ours", costs[0]);
+    addPace("bare", costs[1]);
     if (gst == nullptr) return;
-    addFacts(figures, what + ", GStreamer", costs[1]);
-    addComparisons(figures, what, "GStreamer shmsink to shmsrc", costs[0], costs[1], 1.0);
+    addPace("GStreamer", costs[2]);
+    addComparisons(figures, what, "GStreamer shmsink to shmsrc", costs[0], costs[2], 1.0);
 }
 
 }  // namespace
@@ -188,10 +204,10 @@ void benchRoads(Figures& figures, const Effort& effort) {
         const OnOneProcessor pinned;
         benchAgainstBare(figures, effort, "one CPU", 1, 1.3);
         benchAgainstBare(figures, effort, "one CPU", 4, std::nullopt);
-        benchAgainstGstreamer(figures, effort, "one CPU");
+        benchWithPixels(figures, effort, "one CPU");
     }
     benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt, true);
-    benchAgainstGstreamer(figures, effort, "unpinned");
+    benchWithPixels(figures, effort, "unpinned");
 }
 
 }  // namespace bench

@@ -6,12 +6,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
+#include "marked_frame.h"
 #include "records.h"
-#include "road_provider.h"
 
 namespace bench {
 
@@ -23,15 +25,12 @@ using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSessionCallback;
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::chrono::seconds kPatience(20);
 
 bool accepted(const Return<Status>& answer) {
     return answer.isOk() && static_cast<Status>(answer) == Status::OK;
-}
-
-bool hasMark(const FrameBuffer& frame, uint32_t frameNumber) {
-    const auto rows = static_cast<uint32_t>(frame.height()) / 2;
-    return isMarked(frame.luma(), frame.memory.chromaRow(rows - 1) + frame.width(), frameNumber);
 }
 
 }  // namespace
@@ -40,7 +39,8 @@ bool hasMark(const FrameBuffer& frame, uint32_t frameNumber) {
 class RoadClient::Receiver : public IFDSessionCallback {
 public:
     Receiver(sp<IFDSession> session, FrameSize size, uint32_t buffers, bool pictures)
-        : mSession(std::move(session)), mPictures(pictures) {
+        : mSession(std::move(session)) {
+        if (pictures) mExpected.emplace();
         while (mSlots.size() < buffers)
             mSlots.push_back({FrameBuffer(size, size.width)});
     }
@@ -55,12 +55,14 @@ public:
         return !mWrong && mCame == first + frames;
     }
 
+    Clock::time_point lastArrival() const { return mLastArrival; }
+
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
+        mLastArrival = Clock::now();
         const CaptureResult& result = results[0];
         const StreamBuffer& buffer = result.outputBuffers[0];
-        const bool right =
-            buffer.status == BufferStatus::OK && buffer.bufferId < mSlots.size() &&
-            (!mPictures || hasMark(mSlots[buffer.bufferId].frame, result.frameNumber));
+        const bool right = buffer.status == BufferStatus::OK && buffer.bufferId < mSlots.size() &&
+                           isExpected(mSlots[buffer.bufferId].frame.luma(), result.frameNumber);
         if (right) ask(buffer.bufferId);
         count(right);
         return {};
@@ -85,6 +87,10 @@ private:
         if (!accepted(mSession->processCaptureRequest(requestFor(number, id, handle))))
             count(false);
     }
+    /** By every byte of a run's last frame, and by the marks of the others. */
+    bool isExpected(const uint8_t* packed, uint32_t frameNumber) {
+        return !mExpected || mExpected->isIn(packed, frameNumber, frameNumber + 1 == mWanted);
+    }
     void count(bool right) {
         const std::lock_guard<std::mutex> lock(mMutex);
         ++mCame;
@@ -93,10 +99,11 @@ private:
     }
 
     const sp<IFDSession> mSession;
-    const bool mPictures;
+    std::optional<MarkedFrame> mExpected;  // for the thread of the callback
     std::vector<Slot> mSlots;
     std::atomic<uint32_t> mWanted{0};
     std::atomic<uint32_t> mAsked{0};
+    std::atomic<Clock::time_point> mLastArrival{{}};
 
     std::mutex mMutex;
     std::condition_variable mChanged;
@@ -130,6 +137,11 @@ std::unique_ptr<RoadClient> RoadClient::connect(const std::string& socket, Frame
 
 bool RoadClient::run(uint32_t frames) {
     return mReceiver->run(frames);
+}
+
+std::optional<Clock::time_point> RoadClient::arrivalOfOne(Clock::time_point askAt) {
+    std::this_thread::sleep_until(askAt);
+    return run(1) ? std::optional(mReceiver->lastArrival()) : std::nullopt;
 }
 
 }  // namespace bench

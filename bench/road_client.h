@@ -3,8 +3,10 @@
 #include <utils/StrongPointer.h>
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "frames.h"
@@ -19,7 +21,7 @@ class RoadClient {
 public:
     /**
      * Connects, configures, and lets each buffer become known with a first frame. With `pictures`
-     * every frame's marks are looked at. Null, and a sentence in `problem`, when that fails.
+     * every frame is looked at. Null, and a sentence in `problem`, when that fails.
      */
     static std::unique_ptr<RoadClient> connect(const std::string& socket, FrameSize size,
                                                uint32_t buffers, bool pictures,
@@ -30,6 +32,9 @@ public:
 
     /** Asks for so many frames and waits for them. False when one did not come or was wrong. */
     bool run(uint32_t frames);
+    /** Sleeps until then, asks for one frame, and says when its callback was called. */
+    std::optional<std::chrono::steady_clock::time_point> arrivalOfOne(
+        std::chrono::steady_clock::time_point askAt);
 
 private:
     class Receiver;

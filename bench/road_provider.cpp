@@ -2,25 +2,23 @@
 
 #include <android/log.h>
 #include <err.h>
-
 #include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
-#include <vector>
 
 #include "ZoruUtil.h"
 #include "default_socket.h"
-#include "frames.h"
 #include "host/channel.h"
 #include "host/log.h"
+#include "marked_frame.h"
 #include "records.h"
 #include "signals.h"
 
@@ -36,7 +34,7 @@ class ServingSession : public IFDSession {
 public:
     ServingSession(sp<FDSession> session, bool pictures)
         : mSession(std::move(session)), mInterface(mSession->getInterface()) {
-        if (pictures) mFrame = testFrame(kSizes[0]);
+        if (pictures) mFrame.emplace();
     }
 
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
@@ -55,7 +53,7 @@ private:
     void serveOne() {
         CaptureRequest taken = {};
         if (mSession->getProcessCaptureRequest(taken) != 0) return;
-        if (!mFrame.empty()) fill(taken);
+        if (mFrame) fill(taken);
         mSession->sendCaptureResult(resultFor(std::move(taken)));
     }
 
@@ -63,14 +61,13 @@ private:
         const sp<GraphicBuffer> buffer =
             mSession->getBufferForId(request.outputBuffers[0].bufferId);
         const std::lock_guard<std::mutex> lock(mMutex);
-        mark(mFrame.data(), mFrame.size(), request.frameNumber);
-        if (buffer != nullptr) ZoruUtil::copyTo(mFrame.data(), buffer);
+        if (buffer != nullptr) ZoruUtil::copyTo(mFrame->numbered(request.frameNumber), buffer);
     }
 
     const sp<FDSession> mSession;
     const sp<IFDSession> mInterface;
     std::mutex mMutex;
-    std::vector<uint8_t> mFrame;  // guarded by mMutex
+    std::optional<MarkedFrame> mFrame;  // guarded by mMutex, but for whether there is one
 };
 
 }  // namespace
@@ -97,16 +94,6 @@ std::unique_ptr<RoadProvider> RoadProvider::start(bool pictures, std::string& pr
         return nullptr;
     }
     return std::unique_ptr<RoadProvider>(new RoadProvider(socket, std::move(child)));
-}
-
-void mark(uint8_t* packed, size_t bytes, uint32_t frameNumber) {
-    memcpy(packed, &frameNumber, sizeof(frameNumber));
-    memcpy(packed + bytes - sizeof(frameNumber), &frameNumber, sizeof(frameNumber));
-}
-
-bool isMarked(const uint8_t* begin, const uint8_t* end, uint32_t frameNumber) {
-    return memcmp(begin, &frameNumber, sizeof(frameNumber)) == 0 &&
-           memcmp(end - sizeof(frameNumber), &frameNumber, sizeof(frameNumber)) == 0;
 }
 
 int serveRoad(const std::string& socket, bool pictures) {

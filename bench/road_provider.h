@@ -2,8 +2,6 @@
 
 #include <sys/types.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -34,13 +32,8 @@ private:
 /**
  * What that process does: a provider without a pace: it takes each request on the thread that
  * brought it, right after the session has accepted it. Serves until SIGTERM; the exit code of the
- * process. With `pictures` it copies a 720p frame that is marked with its number into each buffer.
+ * process. With `pictures` it copies a marked frame into each buffer.
  */
 int serveRoad(const std::string& socket, bool pictures);
-
-/** The mark of a frame, in the first bytes of its luma and the last of its chroma. */
-void mark(uint8_t* packed, size_t bytes, uint32_t frameNumber);
-/** Whether the frame from `begin` to `end` has that mark. */
-bool isMarked(const uint8_t* begin, const uint8_t* end, uint32_t frameNumber);
 
 }  // namespace bench
