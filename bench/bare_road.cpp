@@ -29,6 +29,8 @@ namespace bench {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 /** Of a known buffer's messages, as the real road has them. */
 struct Sizes {
     size_t request;
@@ -215,20 +217,21 @@ bool BareRoad::isExpected(bool everyByte) {
     return mFrames == nullptr || mExpected.isIn(mFrames->of(number), number, everyByte);
 }
 
-std::optional<std::chrono::steady_clock::time_point> BareRoad::arrivalOfOne(
-    std::chrono::steady_clock::time_point askAt) {
+std::optional<Clock::duration> BareRoad::latencyOfOne(Clock::time_point askAt) {
     const Sizes sizes = sizesOfMessages();
     auto arrival = std::async(std::launch::async, [&] {
         const bool came = receiveBytes(mResults.get(), sizes.result, true);
-        const auto now = std::chrono::steady_clock::now();
-        return came && sendBytes(mResults.get(), sizes.received) ? std::optional(now)
-                                                                 : std::nullopt;
+        const Clock::time_point now = Clock::now();
+        const bool answered = came && sendBytes(mResults.get(), sizes.received);
+        return answered ? std::optional(now) : std::nullopt;
     });
     std::this_thread::sleep_until(askAt);
+    const Clock::time_point start = Clock::now();
     const bool asked =
         sendBytes(mRequests.get(), sizes.request) && receiveBytes(mRequests.get(), sizes.accepted);
     if (!asked) shutdown(mResults.get(), SHUT_RDWR);  // ends the wait
-    return arrival.get();
+    const std::optional<Clock::time_point> end = arrival.get();
+    return end ? std::optional(*end - start) : std::nullopt;
 }
 
 }  // namespace bench

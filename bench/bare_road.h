@@ -50,10 +50,10 @@ public:
     /** False when the other process is gone, or a message was another one. */
     bool run(uint32_t frames);
     /**
-     * Sleeps until then, asks for one frame, and says when its result came, on a thread of its own
-     * that waits for it: as the client of the real road has one for its callback.
+     * Sleeps until then and asks for one frame: from there until its result comes, on a thread of
+     * its own that waits for it, as the client of the real road has one for its callback.
      */
-    std::optional<std::chrono::steady_clock::time_point> arrivalOfOne(
+    std::optional<std::chrono::steady_clock::duration> latencyOfOne(
         std::chrono::steady_clock::time_point askAt);
 
 private:

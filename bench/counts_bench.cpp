@@ -155,7 +155,8 @@ bool steadyRoad(uint32_t frames) {
     std::string problem;
     const auto provider = RoadProvider::start(false, problem);
     if (provider == nullptr) return false;
-    const auto client = RoadClient::connect(provider->socket(), kTiny, 1, false, problem);
+    const auto client =
+        RoadClient::connect(provider->socket(), kTiny, 1, Asking::InCallback, false, problem);
     return client != nullptr && client->run(frames);
 }
 

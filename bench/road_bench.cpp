@@ -38,10 +38,12 @@ struct Cost {
     double processor;  ///< of both processes
 };
 
-/** One side of the comparison: how it runs, and its other process. */
+/** One side of a comparison: how it runs, and its other process. */
 struct Side {
+    std::string name;
     std::function<bool(uint32_t frames)> run;
     pid_t provider;
+    std::optional<double> aim = std::nullopt;  ///< of ours against this one
 };
 
 /** What each round of a side cost. */
@@ -59,20 +61,16 @@ std::optional<Cost> costOf(const Side& side, uint32_t frames) {
     return Cost{wall.count() / frames, (after - before) / frames};
 }
 
-/**
- * From a request to its callback, or to its bare result, at a camera's pace, when everybody has
- * gone to sleep: the median.
- */
+/** At a camera's pace, when everybody has gone to sleep: the median. */
 template <typename Road>
 std::optional<double> pacedLatencyOf(Road& road) {
     constexpr int kFrames = 10;
     std::vector<double> latencies;
     Clock::time_point next = Clock::now();
     for (int i = 0; i < kFrames; ++i) {
-        next += std::chrono::milliseconds(33);
-        const std::optional<Clock::time_point> arrival = road.arrivalOfOne(next);
-        if (!arrival) return std::nullopt;
-        latencies.push_back(std::chrono::duration<double, std::micro>(*arrival - next).count());
+        const auto latency = road.latencyOfOne(next += std::chrono::milliseconds(33));
+        if (!latency) return std::nullopt;
+        latencies.push_back(std::chrono::duration<double, std::micro>(*latency).count());
     }
     return median(latencies);
 }
@@ -116,12 +114,22 @@ std::vector<Costs> costsOf(Figures& figures, const Effort& effort, const std::st
     return costs;
 }
 
-void addComparisons(Figures& figures, const std::string& what, const std::string& reference,
-                    const Costs& ours, const Costs& theirs, std::optional<double> aim) {
-    figures.comparisons.push_back(
-        {kPiece, what + ", wall", reference, "us", ours.wall, theirs.wall, aim});
-    figures.comparisons.push_back(
-        {kPiece, what + ", time on CPU", reference, "us", ours.processor, theirs.processor, aim});
+/** Adds ours, which is the first side, against each of the others. */
+void compareSides(Figures& figures, const Effort& effort, const std::string& what, uint32_t frames,
+                  const std::vector<Side>& sides, bool withPace) {
+    const std::vector<Costs> costs = costsOf(figures, effort, what, frames, sides);
+    for (size_t i = 0; i < costs.size(); ++i) {
+        const Side& side = sides[i];
+        if (withPace) {
+            figures.facts.push_back(
+                {what + ", " + side.name, 1e6 / median(costs[i].wall), "frames a second", ""});
+        }
+        if (i == 0) continue;
+        figures.comparisons.push_back(
+            {kPiece, what + ", wall", side.name, "us", costs[0].wall, costs[i].wall, side.aim});
+        figures.comparisons.push_back({kPiece, what + ", time on CPU", side.name, "us",
+                                       costs[0].processor, costs[i].processor, side.aim});
+    }
 }
 
 /** The real road: a provider in a process of its own, and its client in this one. */
@@ -130,26 +138,26 @@ struct OurRoad {
     std::unique_ptr<RoadClient> client;  // goes before its provider
 
     Side side() const {
-        return {[this](uint32_t frames) { return client->run(frames); }, provider->id()};
+        return {"ours", [this](uint32_t frames) { return client->run(frames); }, provider->id()};
     }
 };
 
 /** Without a client, and with a fault, when it does not start. */
 OurRoad startOurs(Figures& figures, const std::string& what, FrameSize size, uint32_t inFlight,
-                  bool pictures) {
+                  Asking asking, bool pictures) {
     OurRoad road;
     std::string problem;
     road.provider = RoadProvider::start(pictures, problem);
     if (road.provider != nullptr) {
         road.client =
-            RoadClient::connect(road.provider->socket(), size, inFlight, pictures, problem);
+            RoadClient::connect(road.provider->socket(), size, inFlight, asking, pictures, problem);
     }
     if (road.client == nullptr) figures.faults.push_back(what + ": " + problem);
     return road;
 }
 
-Side sideOf(BareRoad& bare) {
-    return {[&bare](uint32_t frames) { return bare.run(frames); }, bare.provider()};
+Side sideOf(BareRoad& bare, const std::string& name, std::optional<double> aim) {
+    return {name, [&bare](uint32_t frames) { return bare.run(frames); }, bare.provider(), aim};
 }
 
 void benchAgainstBare(Figures& figures, const Effort& effort, const std::string& where,
@@ -157,44 +165,36 @@ void benchAgainstBare(Figures& figures, const Effort& effort, const std::string&
     const std::string what = where + ", " + std::to_string(inFlight) + " in flight";
     fprintf(stderr, "%s, %s ...\n", kPiece, what.c_str());
     BareRoad bare(inFlight, false);
-    const OurRoad ours = startOurs(figures, what, kTiny, inFlight, false);
+    const OurRoad ours = startOurs(figures, what, kTiny, inFlight, Asking::InCallback, false);
     if (ours.client == nullptr) return;
-    const std::vector<Costs> costs =
-        costsOf(figures, effort, what, effort.quick ? 2000 : 20000, {ours.side(), sideOf(bare)});
-    if (costs.empty()) return;
-    addComparisons(figures, what, kBare, costs[0], costs[1], aim);
+    compareSides(figures, effort, what, effort.quick ? 2000 : 20000,
+                 {ours.side(), sideOf(bare, kBare, aim)}, false);
     if (paced) addPaced(figures, effort, *ours.client, bare);
 }
 
 /** With the pixels: each frame is copied once, into memory that both processes have mapped. */
-void benchWithPixels(Figures& figures, const Effort& effort, const std::string& where) {
+void benchWithPixels(Figures& figures, const Effort& effort, const std::string& where,
+                     Asking asking) {
     constexpr uint32_t kInFlight = 4;
     const std::string what = where + ", 720p, 4 in flight";
     fprintf(stderr, "%s, %s ...\n", kPiece, what.c_str());
     BareRoad bare(kInFlight, true);
-    const OurRoad ours = startOurs(figures, what, kSizes[0], kInFlight, true);
+    const OurRoad ours = startOurs(figures, what, kSizes[0], kInFlight, asking, true);
     if (ours.client == nullptr) return;
-    std::vector<Side> sides = {ours.side(), sideOf(bare)};
+    std::vector<Side> sides = {ours.side()};
+    // The bare road asks where a result comes, so it stands beside a client that does so too.
+    if (asking == Asking::InCallback) {
+        sides.push_back(sideOf(bare, kBare + std::string(", and the copy"), std::nullopt));
+    }
     std::string problem;
     const std::unique_ptr<GstRoad> gst = GstRoad::start(kInFlight, problem);
-    if (gst == nullptr) {
-        figures.absent.push_back("GStreamer's shmsink to shmsrc, because " + problem + ".");
+    if (gst != nullptr) {
+        sides.push_back({"GStreamer shmsink to shmsrc",
+                         [&](uint32_t frames) { return gst->run(frames); }, gst->producer(), 1.0});
     } else {
-        sides.push_back({[&](uint32_t frames) { return gst->run(frames); }, gst->producer()});
+        figures.absent.push_back("GStreamer's shmsink to shmsrc, because " + problem + ".");
     }
-    const std::vector<Costs> costs =
-        costsOf(figures, effort, what, effort.quick ? 200 : 1000, sides);
-    if (costs.empty()) return;
-    addComparisons(figures, what, kBare + std::string(", and the copy"), costs[0], costs[1], {});
-    const auto addPace = [&](const char* whose, const Costs& side) {
-        figures.facts.push_back(
-            {what + ", " + whose, 1e6 / median(side.wall), "frames a second", ""});
-    };
-    addPace("ours", costs[0]);
-    addPace("bare", costs[1]);
-    if (gst == nullptr) return;
-    addPace("GStreamer", costs[2]);
-    addComparisons(figures, what, "GStreamer shmsink to shmsrc", costs[0], costs[2], 1.0);
+    compareSides(figures, effort, what, effort.quick ? 200 : 1000, sides, true);
 }
 
 }  // namespace
@@ -204,10 +204,10 @@ void benchRoads(Figures& figures, const Effort& effort) {
         const OnOneProcessor pinned;
         benchAgainstBare(figures, effort, "one CPU", 1, 1.3);
         benchAgainstBare(figures, effort, "one CPU", 4, std::nullopt);
-        benchWithPixels(figures, effort, "one CPU");
+        benchWithPixels(figures, effort, "one CPU", Asking::InCallback);
     }
     benchAgainstBare(figures, effort, "unpinned", 1, std::nullopt, true);
-    benchWithPixels(figures, effort, "unpinned");
+    benchWithPixels(figures, effort, "unpinned", Asking::InRun);
 }
 
 }  // namespace bench

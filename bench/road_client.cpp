@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -38,21 +39,27 @@ bool accepted(const Return<Status>& answer) {
 /** The callback. Owns the buffers, which a late call could need. */
 class RoadClient::Receiver : public IFDSessionCallback {
 public:
-    Receiver(sp<IFDSession> session, FrameSize size, uint32_t buffers, bool pictures)
-        : mSession(std::move(session)) {
+    Receiver(sp<IFDSession> session, FrameSize size, uint32_t buffers, Asking asking, bool pictures)
+        : mSession(std::move(session)), mAsking(asking) {
         if (pictures) mExpected.emplace();
-        while (mSlots.size() < buffers)
+        for (uint64_t id = 0; id < buffers; ++id) {
             mSlots.push_back({FrameBuffer(size, size.width)});
+            mFree.push_back(id);
+        }
     }
 
     bool run(uint32_t frames) {
-        const uint32_t first = mAsked;
-        mWanted = first + frames;
-        for (uint64_t id = 0; id < mSlots.size(); ++id)
-            ask(id);
+        mWanted += frames;
+        // In the other case the callback goes on with the buffers that come back.
+        const uint32_t own = mAsking == Asking::InRun ? frames : countOfFree();
+        for (uint32_t i = 0; i < own; ++i) {
+            const std::optional<uint64_t> id = takeFree();
+            if (!id) return false;
+            if (!ask(*id)) giveBack(*id);
+        }
         std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait_for(lock, kPatience, [&] { return mWrong || mCame == first + frames; });
-        return !mWrong && mCame == first + frames;
+        mChanged.wait_for(lock, kPatience, [&] { return mWrong || mCame == mWanted; });
+        return !mWrong && mCame == mWanted;
     }
 
     Clock::time_point lastArrival() const { return mLastArrival; }
@@ -63,7 +70,9 @@ public:
         const StreamBuffer& buffer = result.outputBuffers[0];
         const bool right = buffer.status == BufferStatus::OK && buffer.bufferId < mSlots.size() &&
                            isExpected(mSlots[buffer.bufferId].frame.luma(), result.frameNumber);
-        if (right) ask(buffer.bufferId);
+        if (right) {
+            if (mAsking == Asking::InRun || !ask(buffer.bufferId)) giveBack(buffer.bufferId);
+        }
         count(right);
         return {};
     }
@@ -76,16 +85,36 @@ private:
         bool isKnown = false;
     };
 
-    void ask(uint64_t id) {
+    /** False when all that are wanted have been asked for. */
+    bool ask(uint64_t id) {
         uint32_t number = mAsked;
         do {
-            if (number == mWanted) return;
+            if (number == mWanted) return false;
         } while (!mAsked.compare_exchange_weak(number, number + 1));
         Slot& slot = mSlots[id];
         const native_handle_t* const handle = slot.isKnown ? nullptr : slot.frame.memory.handle();
         slot.isKnown = true;
         if (!accepted(mSession->processCaptureRequest(requestFor(number, id, handle))))
             count(false);
+        return true;
+    }
+    void giveBack(uint64_t id) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mFree.push_back(id);
+        if (mFree.size() == 1) mChanged.notify_one();
+    }
+    /** Nothing when something was wrong or no buffer came back. */
+    std::optional<uint64_t> takeFree() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait_for(lock, kPatience, [&] { return mWrong || !mFree.empty(); });
+        if (mWrong || mFree.empty()) return std::nullopt;
+        const uint64_t id = mFree.front();
+        mFree.pop_front();
+        return id;
+    }
+    uint32_t countOfFree() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return static_cast<uint32_t>(mFree.size());
     }
     /** By every byte of a run's last frame, and by the marks of the others. */
     bool isExpected(const uint8_t* packed, uint32_t frameNumber) {
@@ -99,6 +128,7 @@ private:
     }
 
     const sp<IFDSession> mSession;
+    const Asking mAsking;
     std::optional<MarkedFrame> mExpected;  // for the thread of the callback
     std::vector<Slot> mSlots;
     std::atomic<uint32_t> mWanted{0};
@@ -108,6 +138,7 @@ private:
     std::mutex mMutex;
     std::condition_variable mChanged;
     // Guarded by mMutex.
+    std::deque<uint64_t> mFree;
     uint32_t mCame = 0;
     bool mWrong = false;
 };
@@ -121,11 +152,11 @@ RoadClient::~RoadClient() {
 }
 
 std::unique_ptr<RoadClient> RoadClient::connect(const std::string& socket, FrameSize size,
-                                                uint32_t buffers, bool pictures,
+                                                uint32_t buffers, Asking asking, bool pictures,
                                                 std::string& problem) {
     const sp<IFDSession> session = host::connect<IFDSession>(socket, problem);
     if (session == nullptr) return nullptr;
-    const sp<Receiver> receiver = new Receiver(session, size, buffers, pictures);
+    const sp<Receiver> receiver = new Receiver(session, size, buffers, asking, pictures);
     std::unique_ptr<RoadClient> client(new RoadClient(session, receiver));
     if (accepted(session->setCallback(receiver)) && accepted(session->configure(streamOf(size))) &&
         client->run(buffers)) {
@@ -139,9 +170,10 @@ bool RoadClient::run(uint32_t frames) {
     return mReceiver->run(frames);
 }
 
-std::optional<Clock::time_point> RoadClient::arrivalOfOne(Clock::time_point askAt) {
+std::optional<Clock::duration> RoadClient::latencyOfOne(Clock::time_point askAt) {
     std::this_thread::sleep_until(askAt);
-    return run(1) ? std::optional(mReceiver->lastArrival()) : std::nullopt;
+    const Clock::time_point start = Clock::now();
+    return run(1) ? std::optional(mReceiver->lastArrival() - start) : std::nullopt;
 }
 
 }  // namespace bench

@@ -14,9 +14,13 @@
 namespace bench {
 
 /**
- * A client that asks for the next frame from inside the callback that gives a buffer back, with
- * every buffer in flight. Operations are for one thread.
+ * Where a client asks for the next frame: inside the callback that gives a buffer back, which
+ * spares a thread, or in run(), on the thread that waits for buffers, which keeps two processors
+ * busy.
  */
+enum class Asking { InCallback, InRun };
+
+/** A client with every buffer in flight. Operations are for one thread. */
 class RoadClient {
 public:
     /**
@@ -24,7 +28,7 @@ public:
      * every frame is looked at. Null, and a sentence in `problem`, when that fails.
      */
     static std::unique_ptr<RoadClient> connect(const std::string& socket, FrameSize size,
-                                               uint32_t buffers, bool pictures,
+                                               uint32_t buffers, Asking asking, bool pictures,
                                                std::string& problem);
     ~RoadClient();
     RoadClient(const RoadClient&) = delete;
@@ -32,8 +36,8 @@ public:
 
     /** Asks for so many frames and waits for them. False when one did not come or was wrong. */
     bool run(uint32_t frames);
-    /** Sleeps until then, asks for one frame, and says when its callback was called. */
-    std::optional<std::chrono::steady_clock::time_point> arrivalOfOne(
+    /** Sleeps until then and asks for one frame: from there until its callback. */
+    std::optional<std::chrono::steady_clock::duration> latencyOfOne(
         std::chrono::steady_clock::time_point askAt);
 
 private:
