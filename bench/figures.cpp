@@ -9,17 +9,30 @@ namespace bench {
 
 namespace {
 
+/** As wide as the longest of a column. */
+template <typename Item>
+int widthOf(const std::vector<Item>& items, std::string Item::*column) {
+    size_t width = 0;
+    for (const Item& item : items)
+        width = std::max(width, (item.*column).size());
+    return static_cast<int>(width);
+}
+
 void printComparisons(const std::vector<Comparison>& comparisons) {
-    printf("\n%-19s %-26s %-30s %10s %10s %-4s %6s %-13s %s\n", "piece", "case", "reference",
-           "ours", "theirs", "", "ratio", "quartiles", "aim");
+    if (comparisons.empty()) return;
+    const int piece = widthOf(comparisons, &Comparison::piece);
+    const int what = widthOf(comparisons, &Comparison::what);
+    const int reference = widthOf(comparisons, &Comparison::reference);
+    printf("\n%-*s  %-*s  %-*s  %9s %9s     %5s %-13s %s\n", piece, "piece", what, "case",
+           reference, "reference", "ours", "theirs", "ratio", "quartiles", "aim");
     for (const Comparison& comparison : comparisons) {
         const Summary summary = summaryOf(comparison);
-        printf("%-19s %-26s %-30s %10.2f %10.2f %-4s %6.2f %5.2f .. %-5.2f",
-               comparison.piece.c_str(), comparison.what.c_str(), comparison.reference.c_str(),
-               summary.ours, summary.theirs, comparison.unit.c_str(), summary.ratio, summary.low,
-               summary.high);
+        printf("%-*s  %-*s  %-*s  %9.2f %9.2f %-3s %5.2f %5.2f .. %-5.2f", piece,
+               comparison.piece.c_str(), what, comparison.what.c_str(), reference,
+               comparison.reference.c_str(), summary.ours, summary.theirs, comparison.unit.c_str(),
+               summary.ratio, summary.low, summary.high);
         if (comparison.aim) {
-            printf(" %.2f %s", *comparison.aim,
+            printf("%.2f %s", *comparison.aim,
                    summary.ratio <= *comparison.aim ? "met" : "NOT MET");
         }
         printf("\n");
@@ -61,9 +74,11 @@ void print(const Figures& figures) {
     for (const Curve& curve : figures.curves)
         printCurve(curve);
     printf("\n");
+    const int name = widthOf(figures.facts, &Fact::name);
+    const int unit = widthOf(figures.facts, &Fact::unit);
     for (const Fact& fact : figures.facts) {
-        printf("%-58s %10.2f %-10s %s\n", fact.name.c_str(), fact.value, fact.unit.c_str(),
-               fact.expected.c_str());
+        printf("%-*s  %10.2f %-*s  %s\n", name, fact.name.c_str(), fact.value, unit,
+               fact.unit.c_str(), fact.expected.c_str());
     }
     for (const std::string& sentence : figures.absent)
         printf("Left out: %s\n", sentence.c_str());

@@ -19,10 +19,13 @@ private:
     cpu_set_t mBefore;
 };
 
-/** The time that a process has spent on processors so far, in microseconds; 0: this one. */
+/**
+ * The time that a process has spent on processors so far, in microseconds; 0: this one. Ends the
+ * program when there is no such process.
+ */
 double processorMicroseconds(pid_t process = 0);
 
-/** What the figures were measured with: processor and compiler. */
+/** What the figures were measured with: processor, its largest cache, compiler. */
 std::string machine();
 
 }  // namespace bench
