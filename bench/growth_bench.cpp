@@ -33,6 +33,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kStepsPerSample = 1000;
 constexpr size_t kMostKnown = 10000;
+constexpr int kReconfigurations = 5;
 constexpr size_t kEarly = 1000;  ///< frames, after which a session holds what it needs
 // So many are queued and measured well before the session answers the oldest itself.
 constexpr size_t kMostWaiting = 100000;
@@ -57,16 +58,16 @@ struct Held {
     size_t bytes = mallinfo2().uordblks + mallinfo2().hblkhd;
 };
 
+/** Bytes are shown, for allocators keep some; a descriptor or a mapping more is a fault. */
 void addHeldSince(Figures& figures, const Held& before, const std::string& when,
                   const char* bytesExpected) {
     const Held now;
-    const auto add = [&](const char* what, size_t is, size_t was, const char* expected) {
-        const double more = static_cast<double>(is) - static_cast<double>(was);
-        figures.facts.push_back({when + ": " + what, more, "more", expected});
-    };
-    add("allocated bytes", now.bytes, before.bytes, bytesExpected);
-    add("descriptors", now.counted.descriptors, before.counted.descriptors, "0");
-    add("buffer mappings", now.counted.mappings, before.counted.mappings, "0");
+    const double bytes = static_cast<double>(now.bytes) - static_cast<double>(before.bytes);
+    figures.facts.push_back({when + ": allocated bytes", bytes, "more", bytesExpected});
+    if (now.counted.descriptors != before.counted.descriptors ||
+        now.counted.mappings != before.counted.mappings) {
+        figures.faults.push_back(when + ", descriptors or buffer mappings are left.");
+    }
 }
 
 /** Lets the process have as many descriptors as it may, for the scope of this object. */
@@ -146,21 +147,23 @@ std::optional<double> costOf(const Step& step, int rounds) {
     return median(samples);
 }
 
-/** The queue is filled again when the machine was so busy that the session answered from it. */
-std::optional<double> costBehind(Ends& ends, size_t waiting, int rounds) {
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        const Clock::time_point start = Clock::now();
-        bool right = true;
-        for (size_t i = 0; i < waiting; ++i)
-            right = ends.submit(1) && right;
-        const auto cost = costOf([&] { return ends.submit(1) && ends.take(); }, rounds);
-        for (size_t i = 0; i < waiting; ++i)
-            right = ends.take() && right;
-        if (right && cost && !ends.take()) return cost;
-        if (Clock::now() - start < kAnsweredBySession) break;
-        ends.startAgain();
-    }
-    return std::nullopt;
+/** What one step costs behind others that wait, if it could be told. */
+struct CostBehind {
+    std::optional<double> microseconds;
+    bool wasLate = false;  ///< the machine was so busy that the session answered from the queue
+};
+
+CostBehind costBehind(Ends& ends, size_t waiting, int rounds) {
+    const Clock::time_point start = Clock::now();
+    bool right = true;
+    for (size_t i = 0; i < waiting; ++i)
+        right = ends.submit(1) && right;
+    const auto cost = costOf([&] { return ends.submit(1) && ends.take(); }, rounds);
+    for (size_t i = 0; i < waiting; ++i)
+        right = ends.take() && right;
+    if (right && cost && !ends.take()) return {cost};
+    ends.startAgain();
+    return {std::nullopt, Clock::now() - start >= kAnsweredBySession};
 }
 
 /** Adds a point; false, and a fault, without a cost. */
@@ -183,8 +186,13 @@ void growQueue(Figures& figures, const Effort& effort) {
     const Held before;
     // A waiting request holds a duplicate of its buffer's descriptor.
     for (const size_t waiting : sizesUpTo(std::min(kMostWaiting, descriptors.roomFor(1)))) {
-        const auto cost = right ? costBehind(ends, waiting, effort.rounds) : std::nullopt;
-        right = addPoint(figures, curve, waiting, cost);
+        const CostBehind cost = right ? costBehind(ends, waiting, effort.rounds) : CostBehind();
+        if (cost.wasLate) {
+            figures.absent.push_back("A request behind " + std::to_string(waiting) +
+                                     " others: they waited for over a second.");
+        } else {
+            right = addPoint(figures, curve, waiting, cost.microseconds);
+        }
     }
     addHeldSince(figures, before, "after the longest queue", "4 a request: the queue's index");
     figures.curves.push_back(std::move(curve));
@@ -192,7 +200,8 @@ void growQueue(Figures& figures, const Effort& effort) {
 
 void growBuffers(Figures& figures, const Effort& effort) {
     Curve use = {"request and take, among known buffers", "buffers known", "us", {}};
-    Curve end = {"a buffer given back, when all are", "buffers known", "us", {}};
+    Curve end = {
+        "a reconfiguration, for each buffer that it gives back", "buffers known", "us", {}};
     const MostDescriptors descriptors;
     const OwnSession session;
     Ends ends(*session);
@@ -201,16 +210,24 @@ void growBuffers(Figures& figures, const Effort& effort) {
 
     const Held before;
     std::minstd_rand random(7);
+    const auto makeKnown = [&](size_t count) {
+        for (size_t id = 1; id <= count; ++id)
+            right = right && ends.submitNew(id) && ends.take();
+    };
     // The session's import holds one descriptor, and the graphics buffer's another.
     for (const size_t known : sizesUpTo(std::min(kMostKnown, descriptors.roomFor(2)))) {
-        for (size_t id = 1; id <= known; ++id)
-            right = right && ends.submitNew(id) && ends.take();
-        const auto step = [&] { return ends.submit(1 + random() % known) && ends.take(); };
-        const auto cost = right ? costOf(step, effort.rounds) : std::nullopt;
-        right = addPoint(figures, use, known, cost);
-        const Clock::time_point start = Clock::now();
-        ends.configure();
-        end.points.emplace_back(known, microsecondsSince(start) / static_cast<double>(known));
+        std::optional<double> cost;
+        std::vector<double> samples;
+        for (int i = 0; i < kReconfigurations; ++i) {
+            makeKnown(known);
+            const auto step = [&] { return ends.submit(1 + random() % known) && ends.take(); };
+            if (right && !cost) cost = costOf(step, effort.rounds);
+            const Clock::time_point start = Clock::now();
+            ends.configure();
+            samples.push_back(microsecondsSince(start) / static_cast<double>(known));
+        }
+        right = addPoint(figures, use, known, right ? cost : std::nullopt) &&
+                addPoint(figures, end, known, median(samples));
     }
     addHeldSince(figures, before, "after the most buffers", "0, but for the allocator's caches");
     figures.curves.push_back(std::move(use));
