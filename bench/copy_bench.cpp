@@ -143,9 +143,9 @@ void benchDirection(Figures& figures, const Effort& effort, FrameSize size, bool
 }  // namespace
 
 void benchCopies(Figures& figures, const Effort& effort) {
-    for (const FrameSize& size : {kSizes[0], kSizes[2]}) {
-        for (const bool strided : {true, false}) {
-            for (const bool toBuffer : {true, false})
+    for (const bool toBuffer : {true, false}) {
+        for (const FrameSize& size : {kSizes[0], kSizes[2]}) {
+            for (const bool strided : {true, false})
                 benchDirection(figures, effort, size, strided, toBuffer);
         }
     }

@@ -4,49 +4,89 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace bench {
 
 namespace {
 
-/** As wide as the longest of a column. */
-template <typename Item>
-int widthOf(const std::vector<Item>& items, std::string Item::*column) {
-    size_t width = 0;
-    for (const Item& item : items)
-        width = std::max(width, (item.*column).size());
-    return static_cast<int>(width);
+using Row = std::vector<std::string>;
+
+/** As Markdown has it, for the eye too; the first row is the header. */
+void printTable(const std::vector<Row>& rows) {
+    std::vector<size_t> widths(rows.front().size());
+    for (const Row& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    }
+    printf("\n");
+    for (const Row& row : rows) {
+        for (size_t i = 0; i < row.size(); ++i)
+            printf("| %-*s ", static_cast<int>(widths[i]), row[i].c_str());
+        printf("|\n");
+        if (&row != &rows.front()) continue;
+        for (const size_t width : widths)
+            printf("|%s", std::string(width + 2, '-').c_str());
+        printf("|\n");
+    }
 }
 
+std::string number(double value, int decimals) {
+    char text[32];
+    snprintf(text, sizeof(text), "%.*f", decimals, value);
+    return text;
+}
+
+std::string time(double value) {
+    return number(value, value < 100 ? 2 : 0);
+}
+
+Row rowOf(const Comparison& comparison) {
+    const Summary summary = summaryOf(comparison);
+    std::string aim;
+    if (comparison.aim) {
+        aim = number(*comparison.aim, 2) +
+              (summary.ratio <= *comparison.aim ? " met" : " **not met**");
+    }
+    return {comparison.what,
+            comparison.reference,
+            time(summary.ours),
+            time(summary.theirs),
+            number(summary.ratio, 2),
+            number(summary.low, 2) + " .. " + number(summary.high, 2),
+            aim};
+}
+
+/** A table for each piece. */
 void printComparisons(const std::vector<Comparison>& comparisons) {
-    if (comparisons.empty()) return;
-    const int piece = widthOf(comparisons, &Comparison::piece);
-    const int what = widthOf(comparisons, &Comparison::what);
-    const int reference = widthOf(comparisons, &Comparison::reference);
-    printf("\n%-*s  %-*s  %-*s  %9s %9s     %5s %-13s %s\n", piece, "piece", what, "case",
-           reference, "reference", "ours", "theirs", "ratio", "quartiles", "aim");
-    for (const Comparison& comparison : comparisons) {
-        const Summary summary = summaryOf(comparison);
-        printf("%-*s  %-*s  %-*s  %9.2f %9.2f %-3s %5.2f %5.2f .. %-5.2f", piece,
-               comparison.piece.c_str(), what, comparison.what.c_str(), reference,
-               comparison.reference.c_str(), summary.ours, summary.theirs, comparison.unit.c_str(),
-               summary.ratio, summary.low, summary.high);
-        if (comparison.aim) {
-            printf("%.2f %s", *comparison.aim,
-                   summary.ratio <= *comparison.aim ? "met" : "NOT MET");
-        }
-        printf("\n");
+    for (auto next = comparisons.begin(); next != comparisons.end();) {
+        const std::string piece = next->piece;
+        const std::string unit = ", " + next->unit;
+        std::vector<Row> rows = {
+            {piece, "reference", "ours" + unit, "theirs" + unit, "ratio", "quartiles", "aim"}};
+        for (; next != comparisons.end() && next->piece == piece; ++next)
+            rows.push_back(rowOf(*next));
+        printTable(rows);
     }
 }
 
 void printCurve(const Curve& curve) {
-    printf("\n%s, %s each\n%16s", curve.name.c_str(), curve.unit.c_str(), curve.size.c_str());
-    for (const auto& [size, cost] : curve.points)
-        printf(" %9.0f", size);
-    printf("\n%16s", "");
-    for (const auto& [size, cost] : curve.points)
-        printf(" %9.2f", cost);
-    printf("\n");
+    std::vector<Row> rows = {{curve.size}, {curve.name + ", " + curve.unit}};
+    for (const auto& [size, cost] : curve.points) {
+        rows[0].push_back(number(size, 0));
+        rows[1].push_back(time(cost));
+    }
+    printTable(rows);
+}
+
+void printFacts(const std::vector<Fact>& facts) {
+    if (facts.empty()) return;
+    std::vector<Row> rows = {{"counted", "", "", "expected"}};
+    for (const Fact& fact : facts)
+        rows.push_back({fact.name, time(fact.value), fact.unit, fact.expected});
+    printTable(rows);
 }
 
 }  // namespace
@@ -73,13 +113,8 @@ void print(const Figures& figures) {
     printComparisons(figures.comparisons);
     for (const Curve& curve : figures.curves)
         printCurve(curve);
+    printFacts(figures.facts);
     printf("\n");
-    const int name = widthOf(figures.facts, &Fact::name);
-    const int unit = widthOf(figures.facts, &Fact::unit);
-    for (const Fact& fact : figures.facts) {
-        printf("%-*s  %10.2f %-*s  %s\n", name, fact.name.c_str(), fact.value, unit,
-               fact.unit.c_str(), fact.expected.c_str());
-    }
     for (const std::string& sentence : figures.absent)
         printf("Left out: %s\n", sentence.c_str());
     for (const std::string& fault : figures.faults)

@@ -61,7 +61,7 @@ struct Figures {
     std::vector<std::string> faults;  ///< outputs that were wrong: those get no figure
 };
 
-/** The tables, on stdout. */
+/** The tables, in Markdown, on stdout. */
 void print(const Figures& figures);
 
 }  // namespace bench
