@@ -59,11 +59,11 @@ struct Held {
 };
 
 /** Bytes are shown, for allocators keep some; a descriptor or a mapping more is a fault. */
-void addHeldSince(Figures& figures, const Held& before, const std::string& when,
-                  const char* bytesExpected) {
+void addHeldSince(Figures& figures, const Held& before, const std::string& when) {
     const Held now;
     const double bytes = static_cast<double>(now.bytes) - static_cast<double>(before.bytes);
-    figures.facts.push_back({when + ": allocated bytes", bytes, "more", bytesExpected});
+    figures.facts.push_back(
+        {when + ": allocated bytes", bytes, "more", "0, but for the allocator's caches"});
     if (now.counted.descriptors != before.counted.descriptors ||
         now.counted.mappings != before.counted.mappings) {
         figures.faults.push_back(when + ", descriptors or buffer mappings are left.");
@@ -183,7 +183,9 @@ void growQueue(Figures& figures, const Effort& effort) {
     const OwnSession session;
     Ends ends(*session);
     bool right = ends.submitNew(1) && ends.take();
+    ends.configure();
     const Held before;
+    right = right && ends.submitNew(1) && ends.take();
     // A waiting request holds a duplicate of its buffer's descriptor.
     for (const size_t waiting : sizesUpTo(std::min(kMostWaiting, descriptors.roomFor(1)))) {
         const CostBehind cost = right ? costBehind(ends, waiting, effort.rounds) : CostBehind();
@@ -194,7 +196,8 @@ void growQueue(Figures& figures, const Effort& effort) {
             right = addPoint(figures, curve, waiting, cost.microseconds);
         }
     }
-    addHeldSince(figures, before, "after the longest queue", "4 a request: the queue's index");
+    ends.configure();
+    addHeldSince(figures, before, "after the longest queue");
     figures.curves.push_back(std::move(curve));
 }
 
@@ -229,7 +232,7 @@ void growBuffers(Figures& figures, const Effort& effort) {
         right = addPoint(figures, use, known, right ? cost : std::nullopt) &&
                 addPoint(figures, end, known, median(samples));
     }
-    addHeldSince(figures, before, "after the most buffers", "0, but for the allocator's caches");
+    addHeldSince(figures, before, "after the most buffers");
     figures.curves.push_back(std::move(use));
     figures.curves.push_back(std::move(end));
 }
@@ -286,8 +289,7 @@ void growFrames(Figures& figures, const Effort& effort) {
         right =
             addPoint(figures, curve, size, right ? std::optional(median(samples)) : std::nullopt);
     }
-    addHeldSince(figures, *early, "after all frames, since the first 1,000",
-                 "0, but for the allocator's caches");
+    addHeldSince(figures, *early, "after all frames, since the first 1,000");
     figures.curves.push_back(std::move(curve));
 }
 

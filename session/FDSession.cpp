@@ -226,6 +226,8 @@ int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration)
     if (mConfigSet) {
         while (!mCaptureRequests.empty())
             mCaptureRequests.pop_front();
+        // Empty as it is, it still has the index that its longest time needed.
+        decltype(mCaptureRequests)().swap(mCaptureRequests);
         countRequests();
         freeAllBuffers();
     }
