@@ -150,7 +150,7 @@ void benchCopies(Figures& figures, const Effort& effort) {
         }
     }
 #ifndef BENCH_HAS_AVUTIL
-    figures.absent.emplace_back("FFmpeg's image copy, because libavutil-dev is missing.");
+    figures.leaveOut("FFmpeg's image copy, because libavutil-dev is missing.");
 #endif
 }
 

@@ -121,7 +121,7 @@ void addCounts(Figures& figures, const std::string& run, const std::string& tool
     const Counts few = count(run, kFew);
     const Counts many = count(run, kMany);
     if (few.empty() || many.empty()) {
-        figures.absent.push_back("What " + tool + " counts, because it is missing or cannot run.");
+        figures.leaveOut("What " + tool + " counts, because it is missing or cannot run.");
         return;
     }
     double rest = 0;

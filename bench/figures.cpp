@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,7 +37,7 @@ void printTable(const std::vector<Row>& rows) {
 std::string number(double value, int decimals) {
     char text[32];
     snprintf(text, sizeof(text), "%.*f", decimals, value);
-    return text;
+    return strcmp(text, "-0.00") == 0 ? "0.00" : text;
 }
 
 std::string time(double value) {
@@ -107,6 +108,11 @@ Summary summaryOf(const Comparison& comparison) {
         ratios.push_back(comparison.ours[i] / comparison.theirs[i]);
     return {median(comparison.ours), median(comparison.theirs), median(ratios),
             percentile(ratios, 25), percentile(ratios, 75)};
+}
+
+void Figures::leaveOut(const std::string& sentence) {
+    if (std::find(absent.begin(), absent.end(), sentence) == absent.end())
+        absent.push_back(sentence);
 }
 
 void print(const Figures& figures) {

@@ -59,6 +59,9 @@ struct Figures {
     std::vector<Fact> facts;
     std::vector<std::string> absent;  ///< what was left out, and why: a sentence each
     std::vector<std::string> faults;  ///< outputs that were wrong: those get no figure
+
+    /** Adds to what is absent, once. */
+    void leaveOut(const std::string& sentence);
 };
 
 /** The tables, in Markdown, on stdout. */

@@ -190,8 +190,8 @@ void growQueue(Figures& figures, const Effort& effort) {
     for (const size_t waiting : sizesUpTo(std::min(kMostWaiting, descriptors.roomFor(1)))) {
         const CostBehind cost = right ? costBehind(ends, waiting, effort.rounds) : CostBehind();
         if (cost.wasLate) {
-            figures.absent.push_back("A request behind " + std::to_string(waiting) +
-                                     " others: they waited for over a second.");
+            figures.leaveOut("A request behind " + std::to_string(waiting) +
+                             " others: they waited for over a second.");
         } else {
             right = addPoint(figures, curve, waiting, cost.microseconds);
         }

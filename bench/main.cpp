@@ -130,8 +130,7 @@ int run(int argc, char** argv) {
 
     std::filesystem::create_directories(options.out);
     bench::Figures figures = measure(options);
-    if (!drawPlots(figures, options.out))
-        figures.absent.emplace_back("The plots: gnuplot did not draw them.");
+    if (!drawPlots(figures, options.out)) figures.leaveOut("The plots: gnuplot did not draw them.");
     printf("Measured on %s\n", bench::machine().c_str());
     bench::print(figures);
     printf("\nFigures and plots are in %s\n", options.out.c_str());

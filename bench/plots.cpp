@@ -98,10 +98,10 @@ bool drawPlots(const Figures& figures, const fs::path& folder) {
         const auto last = std::find_if(first, figures.comparisons.end(), [&](const auto& other) {
             return other.piece != first->piece;
         });
-        drawn = drawn && drawRatios(first->piece, {first, last}, folder);
+        drawn = drawRatios(first->piece, {first, last}, folder) && drawn;
         first = last;
     }
-    return figures.curves.empty() ? drawn : drawn && drawCurves(figures.curves, folder);
+    return (figures.curves.empty() || drawCurves(figures.curves, folder)) && drawn;
 }
 
 }  // namespace bench

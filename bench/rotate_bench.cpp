@@ -152,7 +152,7 @@ void benchRotation(Figures& figures, const Effort& effort) {
         }
     }
 #ifndef BENCH_HAS_OPENCV
-    figures.absent.emplace_back("OpenCV's flip, because libopencv-core-dev is missing.");
+    figures.leaveOut("OpenCV's flip, because libopencv-core-dev is missing.");
 #endif
 }
 
