@@ -47,6 +47,7 @@ constexpr Reason kReasons[] = {
     {"request", "fcntl", "the queued request's own duplicate of the registered handle"},
     {"request", "close", "the end of that, when the provider lets go of it"},
     {"request", "allocation", "list of buffers, duplicated handle, a quarter of a queue's node"},
+    {"request", "futex", "of the passing of time: the session's thread wakes 20 times a second"},
     {"two processes", "sendmsg", "a request, a result, and their answers"},
     {"two processes", "recvmsg", "the same at the other ends"},
     {"two processes", "poll", "an answer is waited for no longer than a second"},
