@@ -14,7 +14,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kStyle = R"(
-set terminal svg size 900,%HEIGHT% font 'sans,12' background '#ffffff'
+set terminal svg size 1100,%HEIGHT% font 'sans,12' background '#ffffff'
 set grid lc '#dddddd'
 set border lc '#888888'
 )";
@@ -61,14 +61,17 @@ bool drawRatios(const std::string& piece, const std::vector<Comparison>& compari
                   "' " + row;
     }
     std::string script = style(120 + 22 * rows);
-    script += "set title '" + piece + ": ours / reference, medians and quartiles'\n";
+    script +=
+        "set tmargin 3\nset label '" + piece +
+        ": ours / reference (dot: median, bar: quartiles, cross: aim)' at screen 0.5, graph 1 "
+        "offset 0, 1.5 center\n";
     script += "set logscale x 2\nset xlabel 'ratio (left of 1: ours takes less)'\n";
     script += "set arrow from 1, graph 0 to 1, graph 1 nohead lc '#444444'\n";
     script += "set yrange [0.3:" + std::to_string(rows) + ".7]\nset ytics (" + labels + ")\n";
-    script += "set key bmargin center horizontal\n";
+    script += "unset key\n";
     script += "$ratios << EOD\n" + ratios + "EOD\n$aims << EOD\n" + aims + "EOD\n";
-    script += "plot $ratios using 1:2:3:4 with xerrorbars pt 7 ps 0.8 lc '#1f6fb4' title 'ratio'";
-    if (!aims.empty()) script += ", $aims using 1:2 with points pt 2 lc '#c0392b' title 'aim'";
+    script += "plot $ratios using 1:2:3:4 with xerrorbars pt 7 ps 0.8 lc '#1f6fb4'";
+    if (!aims.empty()) script += ", $aims using 1:2 with points pt 2 lc '#c0392b'";
     return draw(script + "\n", folder / (fileName(piece) + ".svg"));
 }
 
@@ -76,7 +79,7 @@ bool drawCurves(const std::vector<Curve>& curves, const fs::path& folder) {
     std::string script = style(480);
     script += "set title 'Cost of a step as a session grows'\nset logscale xy\n";
     script += "set xlabel 'how many'\nset ylabel 'microseconds'\nset yrange [0.1:100]\n";
-    script += "set key bmargin center vertical\n";
+    script += "set key top left\n";
     std::string plot;
     for (size_t i = 0; i < curves.size(); ++i) {
         const std::string data = "$curve" + std::to_string(i);
