@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -97,6 +98,12 @@ bool receiveBytes(int socket, size_t size, bool withDescriptor = false) {
     return received == static_cast<ssize_t>(size) && (header != nullptr) == withDescriptor;
 }
 
+/** A message that does not come must not hold the bench up; requests come when they come. */
+void waitNoLonger(int socket) {
+    const timeval patience = {20, 0};
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+}
+
 /** The other process: one thread takes requests, and another sends the results. */
 class BareProvider {
 public:
@@ -174,11 +181,14 @@ BareRoad::BareRoad(uint32_t inFlight, bool pictures)
     }
     mRequests.reset(requests[0]);
     mResults.reset(results[0]);
+    for (const int socket : {requests[0], results[0], results[1]})
+        waitNoLonger(socket);
     const host::UniqueFd theirRequests(requests[1]);
     const host::UniqueFd theirResults(results[1]);
     const Sizes sizes = sizesOfMessages();
     mProvider = fork();
-    if (mProvider != 0) return;
+    if (mProvider < 0) err(EXIT_FAILURE, "no process for the bare road");
+    if (mProvider > 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     mRequests.reset();
     mResults.reset();

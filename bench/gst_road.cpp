@@ -8,12 +8,14 @@
 #include <gst/app/gstappsrc.h>
 #include <gst/gst.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <mutex>
@@ -24,6 +26,7 @@
 #include "frames.h"
 #include "host/unique_fd.h"
 #include "marked_frame.h"
+#include "signals.h"
 
 namespace bench {
 
@@ -116,7 +119,7 @@ private:
 
 /**
  * The other process: this program once more, because GStreamer does not survive a fork. It ends
- * when this end of the orders closes, so that it can clean up.
+ * when this end of the orders closes.
  */
 class ProducerProcess {
 public:
@@ -159,6 +162,8 @@ class Consumer : public GstRoad {
 public:
     Consumer(std::unique_ptr<ProducerProcess> process, Pipeline pipeline)
         : mProcess(std::move(process)), mPipeline(std::move(pipeline)) {
+        if (sched_getaffinity(0, sizeof(mProcessors), &mProcessors) != 0)
+            err(EXIT_FAILURE, "GStreamer's processors are not known");
         GstAppSinkCallbacks callbacks = {};
         callbacks.new_sample = [](GstAppSink* sink, gpointer self) {
             return static_cast<Consumer*>(self)->take(sink);
@@ -180,6 +185,9 @@ public:
 
 private:
     GstFlowReturn take(GstAppSink* sink) {
+        // GLib's threads come from where its first one was made, maybe pinned, maybe not.
+        if (mTaken == 0 && sched_setaffinity(0, sizeof(mProcessors), &mProcessors) != 0)
+            return GST_FLOW_ERROR;
         const std::unique_ptr<GstSample, Unref> sample(gst_app_sink_pull_sample(sink));
         GstBuffer* const buffer = sample != nullptr ? gst_sample_get_buffer(sample.get()) : nullptr;
         GstMapInfo map = {};
@@ -200,6 +208,7 @@ private:
     }
 
     const std::unique_ptr<ProducerProcess> mProcess;
+    cpu_set_t mProcessors;  // of the thread that has started the road
     std::atomic<uint32_t> mWanted{0};
     // For the thread that brings the frames.
     uint32_t mTaken = 0;
@@ -217,6 +226,9 @@ private:
 }  // namespace
 
 int produceForGst(int orders, const std::string& description) {
+    // The end of the orders ends it, also when the other process is killed, so that it can clean
+    // up.
+    const tools::Signals blocked({SIGINT, SIGTERM});
     std::string problem;
     if (Pipeline pipeline = pipelineOf(description, problem))
         Producer(orders, std::move(pipeline)).serve();

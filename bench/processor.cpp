@@ -13,16 +13,18 @@ namespace bench {
 
 OnOneProcessor::OnOneProcessor() {
     CPU_ZERO(&mBefore);
-    sched_getaffinity(0, sizeof(mBefore), &mBefore);
+    const bool known = sched_getaffinity(0, sizeof(mBefore), &mBefore) == 0;
     const int here = sched_getcpu();
     cpu_set_t one;
     CPU_ZERO(&one);
     CPU_SET(static_cast<size_t>(here < 0 ? 0 : here), &one);
-    sched_setaffinity(0, sizeof(one), &one);
+    if (!known || sched_setaffinity(0, sizeof(one), &one) != 0)
+        err(EXIT_FAILURE, "no thread can be kept on one processor");
 }
 
 OnOneProcessor::~OnOneProcessor() {
-    sched_setaffinity(0, sizeof(mBefore), &mBefore);
+    if (sched_setaffinity(0, sizeof(mBefore), &mBefore) != 0)
+        err(EXIT_FAILURE, "the thread cannot be let go again");
 }
 
 double processorMicroseconds(pid_t process) {

@@ -7,7 +7,10 @@
 
 namespace bench {
 
-/** Keeps this thread, and what it starts, on one processor for the scope of this object. */
+/**
+ * Keeps this thread, and what it starts, on one processor for the scope of this object. Ends the
+ * program when that cannot be.
+ */
 class OnOneProcessor {
 public:
     OnOneProcessor();

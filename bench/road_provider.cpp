@@ -97,7 +97,7 @@ std::unique_ptr<RoadProvider> RoadProvider::start(bool pictures, std::string& pr
 }
 
 int serveRoad(const std::string& socket, bool pictures) {
-    const tools::Signals signals({SIGTERM});
+    const tools::Signals signals({SIGTERM, SIGINT});
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     std::string problem;
     const auto server = host::Server::listen(
