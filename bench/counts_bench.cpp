@@ -4,19 +4,19 @@
 
 #include "counts_bench.h"
 
-#include <sys/wait.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,6 +24,7 @@
 #include "benches.h"
 #include "child_process.h"
 #include "frames.h"
+#include "host/unique_fd.h"
 #include "records.h"
 #include "road_client.h"
 #include "road_provider.h"
@@ -36,67 +37,73 @@ constexpr uint32_t kFew = 1000;
 constexpr uint32_t kMany = 3000;
 constexpr std::chrono::minutes kPatience(2);
 
-/** What each thing that is counted is for. */
+/** What each thing that is counted is for, and how many of it a frame is to have. */
 struct Reason {
     const char* run;
     const char* what;
+    std::optional<double> count;  ///< none: it depends on who is faster
     const char* why;
 };
 
 constexpr Reason kReasons[] = {
-    {"request", "fcntl", "the queued request's own duplicate of the registered handle"},
-    {"request", "close", "the end of that, when the provider lets go of it"},
-    {"request", "allocation", "list of buffers, duplicated handle, a quarter of a queue's node"},
-    {"request", "futex", "of the passing of time: the session's thread wakes 20 times a second"},
-    {"two processes", "sendmsg", "a request, a result, and their answers"},
-    {"two processes", "recvmsg", "the same at the other ends"},
-    {"two processes", "poll", "an answer is waited for no longer than a second"},
-    {"two processes", "fcntl", "the duplicates that the queued request and result own"},
-    {"two processes", "close", "the end of those, and of what the client got"},
-    {"two processes", "futex", "the hand-off to the session's thread, when that one has to wait"},
+    {"request", "fcntl", 1, "the queued request's own duplicate of the registered handle"},
+    {"request", "close", 1, "the end of that, when the provider lets go of it"},
+    {"request", "allocation", 2.25,
+     "list of buffers, duplicated handle, a quarter of a queue's node"},
+    {"request",
+     "futex",
+     {},
+     "of the passing of time: the session's thread wakes 20 times a second"},
+    {"two processes", "sendmsg", 4, "a request, a result, and their answers"},
+    {"two processes", "recvmsg", 4, "the same at the other ends"},
+    {"two processes", "poll", 2, "an answer is waited for no longer than a second"},
+    {"two processes", "fcntl", 2, "the duplicates that the queued request and result own"},
+    {"two processes", "close", 3, "the end of those, and of what the client got"},
+    {"two processes", "futex", {}, "the hand-off to the session's thread, if that one has to wait"},
 };
 
-const char* reasonFor(const std::string& run, const std::string& what) {
-    const auto* const found = std::find_if(
-        std::begin(kReasons), std::end(kReasons),
-        [&](const Reason& reason) { return run == reason.run && what == reason.what; });
-    return found != std::end(kReasons) ? found->why : "not expected";
-}
+// What comes with the passing of time, and not with each frame, stays below this.
+constexpr double kNoise = 0.05;
 
 using Counts = std::map<std::string, double>;
 
-/** Runs a tool on a steady run of this program and gives what the tool wrote; empty: it could not.
- */
-std::string report(std::vector<std::string> tool, const std::string& run, uint32_t frames) {
-    const std::filesystem::path file =
-        std::filesystem::temp_directory_path() / ("fdstream-bench-" + std::to_string(getpid()));
-    for (std::string& word : tool) {
-        const size_t at = word.find("FILE");
-        if (at != std::string::npos) word.replace(at, 4, file.string());
-    }
-    tool.insert(tool.end(), {std::filesystem::read_symlink("/proc/self/exe").string(), "steady",
-                             run, std::to_string(frames)});
-    const std::string program = "/usr/bin/" + tool.front();
-    tool.erase(tool.begin());
+const std::vector<std::string> kStrace = {"strace", "-f", "-c", "-U", "calls,name", "-o"};
+const std::vector<std::string> kValgrind = {"valgrind", "--leak-check=no", "--log-file="};
+
+/** A steady run of this program, under a tool or none; false when it fails. */
+bool runUnder(std::vector<std::string> words, const std::string& run, uint32_t frames) {
+    words.insert(words.end(), {std::filesystem::read_symlink("/proc/self/exe").string(), "steady",
+                               run, std::to_string(frames)});
     std::string problem;
-    const auto child = tools::ChildProcess::start(program, tool, problem);
-    const bool ran = child != nullptr && child->waitForEnd(kPatience) == 0;
+    const auto child = tools::ChildProcess::start("/usr/bin/env", words, problem);
+    return child != nullptr && child->waitForEnd(kPatience) == 0;
+}
+
+/** What a tool, whose last word awaits a file's name, wrote of a steady run; empty: it failed. */
+std::string report(std::vector<std::string> tool, const std::string& run, uint32_t frames) {
+    const host::UniqueFd file(memfd_create("counts", MFD_CLOEXEC));
+    const std::string name =
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(file.get());
+    if (tool.back().back() == '=') {
+        tool.back() += name;
+    } else {
+        tool.push_back(name);
+    }
     std::stringstream text;
-    if (ran) text << std::ifstream(file).rdbuf();
-    std::filesystem::remove(file);
+    if (runUnder(tool, run, frames)) text << std::ifstream(name).rdbuf();
     return text.str();
 }
 
 /** The calls in strace's table, by their names. */
 Counts systemCalls(const std::string& run, uint32_t frames) {
-    std::istringstream lines(
-        report({"strace", "-f", "-c", "-U", "calls,name", "-o", "FILE"}, run, frames));
+    std::istringstream lines(report(kStrace, run, frames));
     Counts counts;
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         double calls = 0;
         std::string name;
-        const bool isRow = words >> calls >> name && isalpha(name.front()) != 0;
+        const bool isRow = words >> calls >> name && name.front() >= 'a' && name.front() <= 'z';
+        if (name == "ppoll") name = "poll";  // what 64-bit Arm makes of it
         if (isRow && name != "total") counts[name] = calls;
     }
     return counts;
@@ -104,16 +111,41 @@ Counts systemCalls(const std::string& run, uint32_t frames) {
 
 /** The blocks in valgrind's summary, "total heap usage: 1,234 allocs, ...". */
 Counts allocations(const std::string& run, uint32_t frames) {
-    const std::string text =
-        report({"valgrind", "--log-file=FILE", "--leak-check=no"}, run, frames);
+    const std::string text = report(kValgrind, run, frames);
     const std::string before = "total heap usage: ";
     const size_t at = text.find(before);
     if (at == std::string::npos) return {};
-    std::string digits;
-    for (size_t i = at + before.size(); text[i] != ' '; ++i) {
-        if (text[i] != ',') digits += text[i];
+    std::string digits = text.substr(at + before.size(), text.find(" allocs", at) - at);
+    digits.erase(std::remove(digits.begin(), digits.end(), ','), digits.end());
+    return {{"allocation", std::strtod(digits.c_str(), nullptr)}};
+}
+
+/** A run's counts for one frame, and nothing of what the two runs have in common. */
+Counts eachFrame(const Counts& few, const Counts& many) {
+    Counts counts;
+    for (const auto& [name, calls] : many) {
+        const auto before = few.find(name);
+        const double more = calls - (before != few.end() ? before->second : 0);
+        counts[name] = more / (kMany - kFew);
     }
-    return {{"allocation", std::stod(digits)}};
+    return counts;
+}
+
+/** Adds what is expected of a run, and takes it out of the counts; another number is a fault. */
+void addExpected(Figures& figures, const std::string& run, bool isAllocation, Counts& counts) {
+    for (const Reason& reason : kReasons) {
+        if (run != reason.run || isAllocation != (reason.what == std::string("allocation")))
+            continue;
+        const double each = counts[reason.what];
+        counts.erase(reason.what);
+        if (reason.count && std::abs(each - *reason.count) > kNoise) {
+            figures.faults.push_back(run + ": " + std::to_string(each) + " " + reason.what +
+                                     " a frame, where " + std::to_string(*reason.count) +
+                                     " have a reason");
+        }
+        if (reason.count || each > kNoise)
+            figures.facts.push_back({run + ": " + reason.what, each, "a frame", reason.why});
+    }
 }
 
 void addCounts(Figures& figures, const std::string& run, const std::string& tool,
@@ -122,23 +154,15 @@ void addCounts(Figures& figures, const std::string& run, const std::string& tool
     const Counts few = count(run, kFew);
     const Counts many = count(run, kMany);
     if (few.empty() || many.empty()) {
-        figures.leaveOut("What " + tool + " counts, because it is missing or cannot run.");
+        figures.leaveOut("What " + tool + " counts of \"" + run +
+                         "\", because it is missing or cannot run.");
         return;
     }
-    double rest = 0;
-    for (const auto& [name, calls] : many) {
-        const auto before = few.find(name);
-        const double each = (calls - (before != few.end() ? before->second : 0)) / (kMany - kFew);
-        // What comes with the passing of time, and not with each frame, is not told one by one.
-        if (each < 0.05) {
-            rest += each;
-        } else {
-            figures.facts.push_back({run + ": " + name, each, "a frame", reasonFor(run, name)});
-        }
-    }
-    if (many.size() > 1) {
-        figures.facts.push_back(
-            {run + ": every other call", rest, "a frame", "about 0: of the passing of time"});
+    Counts counts = eachFrame(few, many);
+    addExpected(figures, run, tool == "valgrind", counts);
+    for (const auto& [name, each] : counts) {
+        if (each > kNoise)
+            figures.faults.push_back(run + ": " + name + ", a call that has no reason");
     }
 }
 
@@ -177,6 +201,12 @@ int runSteady(const std::string& run, uint32_t frames) {
 }
 
 void benchCounts(Figures& figures, const Effort& /*effort*/) {
+    for (const char* run : {"request", "two processes"}) {
+        if (!runUnder({}, run, kFew)) {
+            figures.faults.push_back(std::string(run) + ": a frame did not come, or was wrong");
+            return;
+        }
+    }
     addCounts(figures, "request", "strace", systemCalls);
     addCounts(figures, "request", "valgrind", allocations);
     addCounts(figures, "two processes", "strace", systemCalls);
