@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <numeric>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -42,9 +43,8 @@ public:
         const StreamBuffer& buffer = results[0].outputBuffers[0];
         const std::lock_guard<std::mutex> lock(mMutex);
         mArrival = now;
-        mLast = results[0].frameNumber;
-        mRight = mRight && buffer.bufferId == kBufferId && buffer.status == BufferStatus::OK &&
-                 buffer.buffer.getNativeHandle() != nullptr;
+        mRight = mRight && results[0].frameNumber == ++mLast && buffer.bufferId == kBufferId &&
+                 buffer.status == BufferStatus::OK && buffer.buffer.getNativeHandle() != nullptr;
         mArrived.notify_one();
         return {};
     }
@@ -119,29 +119,51 @@ private:
 /** What a round of hand-offs cost, in microseconds. */
 struct Round {
     double median;
+    double mean;
     double p99;
     double processor;  ///< time on processors, each
 };
 
-/** Nothing when a result did not come, or was wrong. */
-std::optional<Round> runRound(int count, Receiver& receiver, const CaptureResult& pattern,
-                              const std::function<void(const CaptureResult&)>& send) {
+using Send = std::function<void(const CaptureResult&)>;
+
+/** Some to warm up, then so many. Nothing when a result did not come, or was wrong. */
+std::optional<Round> runRound(int count, Receiver& receiver, const Send& send) {
+    const FrameBuffer frame(kTiny, kTiny.width);
+    CaptureResult result = resultFor(requestFor(0, kBufferId, frame.memory.handle()));
     std::vector<double> times;
-    CaptureResult result = pattern;
-    const double before = processorMicroseconds();
-    for (int i = 0; i < count; ++i) {
+    double before = 0;
+    for (int i = -count / 10; i < count; ++i) {
+        if (i == 0) before = processorMicroseconds();
         ++result.frameNumber;
         const Clock::time_point start = Clock::now();
         send(result);
         const std::optional<Clock::time_point> arrival = receiver.waitFor(result.frameNumber);
         if (!arrival) return std::nullopt;
+        if (i < 0) continue;
         times.push_back(std::chrono::duration<double, std::micro>(*arrival - start).count());
     }
     const double processor = (processorMicroseconds() - before) / count;
-    return Round{percentile(times, 50), percentile(times, 99), processor};
+    const double mean = std::accumulate(times.begin(), times.end(), 0.0) / count;
+    return Round{percentile(times, 50), mean, percentile(times, 99), processor};
 }
 
-/** The rounds of both sides, as three comparisons. */
+// Each round has threads of its own, because where and how they wake each other stays with them.
+
+std::optional<Round> runOurs(int count) {
+    const sp<Receiver> receiver = new Receiver;
+    const OwnSession session;
+    session->handleSetCallback(receiver);
+    return runRound(count, *receiver,
+                    [&](const CaptureResult& result) { session->sendCaptureResult(result); });
+}
+
+std::optional<Round> runBare(int count, Notify notify) {
+    const sp<Receiver> receiver = new Receiver;
+    BareHandoff bare(receiver, notify);
+    return runRound(count, *receiver, [&](const CaptureResult& result) { bare.send(result); });
+}
+
+/** The rounds of both sides, as comparisons. */
 struct Rounds {
     std::vector<Round> ours;
     std::vector<Round> theirs;
@@ -161,33 +183,28 @@ void benchAgainst(Figures& figures, const Effort& effort, const std::string& whe
                   bool toAim) {
     const bool alike = notify == Notify::UnderMutex;
     const std::string reference =
-        std::string("hand-off, told ") + (alike ? "under the mutex" : "after the mutex");
+        std::string("hand-off, told ") +
+        (alike ? "under the mutex (the contract)" : "after the mutex (against it)");
     fprintf(stderr, "delivery, %s, %s ...\n", where.c_str(), reference.c_str());
-    const FrameBuffer frame(kTiny, kTiny.width);
-    const CaptureResult pattern = resultFor(requestFor(0, kBufferId, frame.memory.handle()));
-    const sp<Receiver> receiver = new Receiver;
-    const OwnSession session;
-    session->handleSetCallback(receiver);
-    BareHandoff bare(receiver, notify);
-
     const int count = effort.quick ? 1000 : 10000;
     Rounds rounds;
     for (int i = 0; i < effort.rounds; ++i) {
-        const auto ours = runRound(count, *receiver, pattern,
-                                   [&](const auto& result) { session->sendCaptureResult(result); });
-        const auto theirs =
-            runRound(count, *receiver, pattern, [&](const auto& result) { bare.send(result); });
-        if (!ours || !theirs) {
+        std::optional<Round> ours;
+        if (i % 2 == 0) ours = runOurs(count);
+        const std::optional<Round> bare = runBare(count, notify);
+        if (i % 2 != 0) ours = runOurs(count);
+        if (!ours || !bare) {
             figures.faults.push_back("delivery, " + where +
                                      ": a result did not come, or was wrong");
             return;
         }
         rounds.ours.push_back(*ours);
-        rounds.theirs.push_back(*theirs);
+        rounds.theirs.push_back(*bare);
     }
     const auto aim = [toAim](double ratio) { return toAim ? std::optional(ratio) : std::nullopt; };
     for (const Comparison& each :
          {rounds.comparison(&Round::median, where + ", median", reference, aim(1.25)),
+          rounds.comparison(&Round::mean, where + ", mean", reference, {}),
           rounds.comparison(&Round::p99, where + ", p99", reference, aim(1.5)),
           rounds.comparison(&Round::processor, where + ", time on CPU", reference, {})}) {
         figures.comparisons.push_back(each);

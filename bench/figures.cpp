@@ -79,6 +79,10 @@ void printCurve(const Curve& curve) {
         rows[0].push_back(number(size, 0));
         rows[1].push_back(time(cost));
     }
+    if (!curve.points.empty()) {
+        rows[0].emplace_back("last / first");
+        rows[1].push_back(number(curve.points.back().second / curve.points.front().second, 2));
+    }
     printTable(rows);
 }
 
