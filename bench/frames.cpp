@@ -13,7 +13,7 @@ namespace bench {
 
 namespace {
 
-constexpr size_t kBeyondAnyCache = size_t{384} << 20;
+constexpr size_t kOutOfCache = size_t{384} << 20;  // more than most processors can keep
 
 host::Buffer allocate(FrameSize size, uint32_t stride) {
     host::BufferGeometry geometry;
@@ -59,13 +59,11 @@ std::vector<uint8_t> testFrame(FrameSize size) {
     return bytes;
 }
 
-std::vector<FrameBuffer> workingSet(FrameSize size, uint32_t stride, bool inCache) {
-    const size_t count = inCache ? 1 : kBeyondAnyCache / size.packedBytes() + 1;
+WorkingSet::WorkingSet(FrameSize size, uint32_t stride, bool inCache) {
+    const size_t count = inCache ? 1 : kOutOfCache / size.packedBytes() + 1;
     const std::vector<uint8_t> frame = testFrame(size);
-    std::vector<FrameBuffer> set;
-    while (set.size() < count)
-        set.emplace_back(size, stride).fill(frame);
-    return set;
+    while (mFrames.size() < count)
+        mFrames.emplace_back(size, stride).fill(frame);
 }
 
 }  // namespace bench

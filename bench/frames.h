@@ -47,6 +47,18 @@ std::vector<uint8_t> testFrame(FrameSize size);
  * Frames to work on in turn: one, which then stays in the cache, or so many that each has left it
  * when its turn comes again.
  */
-std::vector<FrameBuffer> workingSet(FrameSize size, uint32_t stride, bool inCache);
+class WorkingSet {
+public:
+    WorkingSet(FrameSize size, uint32_t stride, bool inCache);
+
+    FrameBuffer& next() {
+        mNext = mNext + 1 == mFrames.size() ? 0 : mNext + 1;
+        return mFrames[mNext];
+    }
+
+private:
+    std::vector<FrameBuffer> mFrames;
+    size_t mNext = 0;
+};
 
 }  // namespace bench

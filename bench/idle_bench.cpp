@@ -71,14 +71,15 @@ std::map<std::string, Use> useInASecond(std::chrono::seconds duration) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // until all threads have names
 
     const std::map<std::string, Use> before = useByName();
-    const auto start = std::chrono::steady_clock::now();
+    const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(duration);
     std::map<std::string, Use> use = useByName();
-    const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-    for (const auto& [name, earlier] : before) {
-        Use& now = use[name];
-        now.wakeUps = (now.wakeUps - earlier.wakeUps) / passed.count();
-        now.cpuMicroseconds = (now.cpuMicroseconds - earlier.cpuMicroseconds) / passed.count();
+    const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - begin;
+    for (auto& [name, now] : use) {
+        const auto earlier = before.find(name);
+        const Use start = earlier != before.end() ? earlier->second : Use();
+        now.wakeUps = (now.wakeUps - start.wakeUps) / passed.count();
+        now.cpuMicroseconds = (now.cpuMicroseconds - start.cpuMicroseconds) / passed.count();
     }
     end.set_value();
     bare.join();

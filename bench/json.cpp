@@ -1,7 +1,11 @@
 #include <err.h>
 
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <system_error>
+#include <vector>
 
 #include "output.h"
 
@@ -10,6 +14,7 @@ namespace bench {
 namespace {
 
 using nlohmann::ordered_json;
+namespace fs = std::filesystem;
 
 ordered_json asJson(const Comparison& comparison) {
     const Summary summary = summaryOf(comparison);
@@ -47,21 +52,47 @@ ordered_json listOf(const std::vector<Item>& items) {
     return list;
 }
 
+bool writeText(const std::string& text, const fs::path& folder) {
+    const fs::path file = folder / "figures.json";
+    std::ofstream stream(file);
+    stream << text;
+    if (stream.flush()) return true;
+    warn("%s cannot be written", file.c_str());
+    return false;
+}
+
+/** Whether the bench has written this script: its first line says what it draws. */
+bool isOurScript(const fs::path& file) {
+    std::ifstream stream(file);
+    std::string line;
+    std::getline(stream, line);
+    return file.extension() == ".gp" && line == "set output '" + file.stem().string() + ".svg'";
+}
+
 }  // namespace
 
-bool writeJson(const Figures& figures, const std::string& machine,
-               const std::filesystem::path& file) {
+bool prepareFolder(const fs::path& folder) {
+    std::error_code error;
+    fs::create_directories(folder, error);
+    std::vector<fs::path> plots;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder, error)) {
+        if (isOurScript(entry.path())) plots.push_back(entry.path());
+    }
+    for (fs::path& plot : plots) {
+        fs::remove(plot, error);
+        fs::remove(plot.replace_extension(".svg"), error);
+    }
+    return writeText({}, folder);
+}
+
+bool writeJson(const Figures& figures, const std::string& machine, const fs::path& folder) {
     const ordered_json json = {{"machine", machine},
                                {"comparisons", listOf(figures.comparisons)},
                                {"curves", listOf(figures.curves)},
                                {"facts", listOf(figures.facts)},
                                {"absent", figures.absent},
                                {"faults", figures.faults}};
-    std::ofstream stream(file);
-    stream << json.dump(2) << '\n';
-    if (stream.flush()) return true;
-    warn("%s cannot be written", file.c_str());
-    return false;
+    return writeText(json.dump(2) + "\n", folder);
 }
 
 }  // namespace bench

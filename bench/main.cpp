@@ -128,13 +128,13 @@ int run(int argc, char** argv) {
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     if (options.isSteady) return bench::runSteady(options.steadyRun, options.frames);
 
-    std::filesystem::create_directories(options.out);
+    if (!bench::prepareFolder(options.out)) return kWrong;
     bench::Figures figures = measure(options);
     if (!drawPlots(figures, options.out)) figures.leaveOut("The plots: gnuplot did not draw them.");
+    const bool written = bench::writeJson(figures, bench::machine(), options.out);
     printf("Measured on %s\n", bench::machine().c_str());
     bench::print(figures);
-    printf("\nFigures and plots are in %s\n", options.out.c_str());
-    const bool written = bench::writeJson(figures, bench::machine(), options.out / "figures.json");
+    if (written) printf("All samples, and the plots, are in %s\n", options.out.c_str());
     return figures.faults.empty() && written ? kRight : kWrong;
 }
 

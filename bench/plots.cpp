@@ -1,10 +1,10 @@
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
+#include <chrono>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "output.h"
 
 namespace bench {
@@ -34,9 +34,10 @@ bool draw(const std::string& script, const fs::path& picture) {
         stream << "set output '" << picture.filename().string() << "'\n" << script;
         if (!stream.flush()) return false;
     }
-    const std::string command =
-        "cd '" + file.parent_path().string() + "' && gnuplot '" + file.filename().string() + "'";
-    return system(command.c_str()) == 0;  // NOLINT(cert-env33-c): the shell is gnuplot's caller
+    std::string problem;
+    const auto gnuplot = tools::ChildProcess::start(
+        "/usr/bin/env", {"-C", file.parent_path(), "gnuplot", file.filename()}, problem);
+    return gnuplot != nullptr && gnuplot->waitForEnd(std::chrono::seconds(20)) == 0;
 }
 
 std::string fileName(std::string text) {
@@ -78,17 +79,19 @@ bool drawRatios(const std::string& piece, const std::vector<Comparison>& compari
 bool drawCurves(const std::vector<Curve>& curves, const fs::path& folder) {
     std::string script = style(480);
     script += "set title 'Cost of a step as a session grows'\nset logscale xy\n";
-    script += "set xlabel 'how many'\nset ylabel 'microseconds'\nset yrange [0.1:100]\n";
+    script += "set xlabel 'how many'\nset ylabel 'microseconds'\nset yrange [0.1:*]\n";
     script += "set key top left\n";
     std::string plot;
     for (size_t i = 0; i < curves.size(); ++i) {
+        if (curves[i].points.empty()) continue;
         const std::string data = "$curve" + std::to_string(i);
         script += data + " << EOD\n";
         for (const auto& [size, cost] : curves[i].points)
             script += std::to_string(size) + " " + std::to_string(cost) + "\n";
         script += "EOD\n";
-        plot += (i > 0 ? ", " : "plot ") + data + " with linespoints lw 2 pt 7 ps 0.6 title '" +
-                curves[i].name + " (" + curves[i].size + ")'";
+        plot += (plot.empty() ? "plot " : ", ") + data +
+                " with linespoints lw 2 pt 7 ps 0.6 title '" + curves[i].name + " (" +
+                curves[i].size + ")'";
     }
     return draw(script + plot + "\n", folder / "growth.svg");
 }

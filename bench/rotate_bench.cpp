@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -110,7 +111,7 @@ std::vector<uint8_t> inverted(FrameSize size) {
 }
 
 Contender contender(const std::string& name, const Turn& turn, FrameSize size,
-                    const std::vector<uint8_t>& expected, std::vector<FrameBuffer>& frames,
+                    const std::vector<uint8_t>& expected, WorkingSet& frames,
                     std::optional<double> aim = std::nullopt) {
     const auto run = [=, &frames](benchmark::State& state) {
         FrameBuffer probe(size, size.width);
@@ -120,11 +121,8 @@ Contender contender(const std::string& name, const Turn& turn, FrameSize size,
             state.SkipWithError("the frame came out wrong");
             return;
         }
-        size_t next = 0;
-        for (auto _ : state) {
-            turn(frames[next]);
-            next = next + 1 == frames.size() ? 0 : next + 1;
-        }
+        for (auto _ : state)
+            turn(frames.next());
     };
     return {name, run, aim};
 }
@@ -134,7 +132,7 @@ Contender contender(const std::string& name, const Turn& turn, FrameSize size,
 void benchRotation(Figures& figures, const Effort& effort) {
     for (const FrameSize& size : kSizes) {
         for (const bool inCache : {true, false}) {
-            std::vector<FrameBuffer> frames = workingSet(size, size.width, inCache);
+            WorkingSet frames(size, size.width, inCache);
             const std::vector<uint8_t> expected = turned(size);
             const auto turnOurs = [](FrameBuffer& frame) { rotate180(frame.wrapped); };
             std::vector<Contender> references = {
