@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -88,7 +89,10 @@ bool receiveBytes(int socket, size_t size, bool withDescriptor = false) {
     message.msg_iovlen = 1;
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-    const ssize_t received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    ssize_t received = -1;
+    do {
+        received = recvmsg(socket, &message, MSG_CMSG_CLOEXEC);
+    } while (received < 0 && errno == EINTR);  // with a time-out, stopping the process does that
     const cmsghdr* const header = CMSG_FIRSTHDR(&message);
     if (header != nullptr) {
         int fd = -1;

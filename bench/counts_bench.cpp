@@ -60,6 +60,10 @@ constexpr Reason kReasons[] = {
     {"two processes", "fcntl", 2, "the duplicates that the queued request and result own"},
     {"two processes", "close", 3, "the end of those, and of what the client got"},
     {"two processes", "futex", {}, "the hand-off to the session's thread, if that one has to wait"},
+    {"request", "clock_gettime", {}, "the clock, where the kernel has to be asked"},
+    {"request", "gettimeofday", {}, "the clock, where the kernel has to be asked"},
+    {"two processes", "clock_gettime", {}, "the clock, where the kernel has to be asked"},
+    {"two processes", "gettimeofday", {}, "the clock, where the kernel has to be asked"},
 };
 
 // What comes with the passing of time, and not with each frame, stays below this.

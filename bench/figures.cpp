@@ -41,7 +41,7 @@ std::string number(double value, int decimals) {
 }
 
 std::string time(double value) {
-    return number(value, value < 100 ? 2 : 0);
+    return number(value, std::abs(value) < 100 ? 2 : 0);
 }
 
 Row rowOf(const Comparison& comparison) {
