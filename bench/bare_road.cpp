@@ -33,28 +33,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/** Of a known buffer's messages, as the real road has them. */
-struct Sizes {
-    size_t request;
-    size_t accepted;
-    size_t result;
-    size_t received;
-};
-
 template <typename... Values>
 size_t messageSize(const Values&... values) {
     host::Outgoing out;
     host::Writer writer(out);
     writer(values...);
     return sizeof(host::detail::Header) + out.bytes.size();
-}
-
-Sizes sizesOfMessages() {
-    const FrameBuffer frame(kTiny, kTiny.width);
-    const android::hardware::hidl_vec<CaptureResult> results = {
-        resultFor(requestFor(1, 1, frame.memory.handle()))};
-    return {messageSize(requestFor(1, 1)), messageSize(Status::OK), messageSize(results),
-            messageSize()};
 }
 
 constexpr size_t kMostBytes = 256;
@@ -108,10 +92,12 @@ void waitNoLonger(int socket) {
     setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
 }
 
+}  // namespace
+
 /** The other process: one thread takes requests, and another sends the results. */
-class BareProvider {
+class BareRoad::Provider {
 public:
-    BareProvider(const Sizes& sizes, const SharedFrames* frames, int requests, int results)
+    Provider(const Sizes& sizes, const SharedFrames* frames, int requests, int results)
         : mSizes(sizes), mFrames(frames), mRequests(requests), mResults(results), mThread([this] {
               sendResults();
           }) {}
@@ -162,7 +148,13 @@ private:
     std::thread mThread;
 };
 
-}  // namespace
+BareRoad::Sizes BareRoad::sizesOfMessages() {
+    const FrameBuffer frame(kTiny, kTiny.width);
+    const android::hardware::hidl_vec<CaptureResult> results = {
+        resultFor(requestFor(1, 1, frame.memory.handle()))};
+    return {messageSize(requestFor(1, 1)), messageSize(Status::OK), messageSize(results),
+            messageSize()};
+}
 
 SharedFrames::SharedFrames(uint32_t count)
     : mCount(count),
@@ -176,7 +168,9 @@ SharedFrames::~SharedFrames() {
 }
 
 BareRoad::BareRoad(uint32_t inFlight, bool pictures)
-    : mInFlight(inFlight), mFrames(pictures ? std::make_unique<SharedFrames>(inFlight) : nullptr) {
+    : mSizes(sizesOfMessages()),
+      mInFlight(inFlight),
+      mFrames(pictures ? std::make_unique<SharedFrames>(inFlight) : nullptr) {
     int requests[2];
     int results[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, requests) != 0 ||
@@ -189,14 +183,13 @@ BareRoad::BareRoad(uint32_t inFlight, bool pictures)
         waitNoLonger(socket);
     const host::UniqueFd theirRequests(requests[1]);
     const host::UniqueFd theirResults(results[1]);
-    const Sizes sizes = sizesOfMessages();
     mProvider = fork();
     if (mProvider < 0) err(EXIT_FAILURE, "no process for the bare road");
     if (mProvider > 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     mRequests.reset();
     mResults.reset();
-    BareProvider(sizes, mFrames.get(), theirRequests.get(), theirResults.get()).serve();
+    Provider(mSizes, mFrames.get(), theirRequests.get(), theirResults.get()).serve();
     _exit(EXIT_SUCCESS);
 }
 
@@ -207,21 +200,20 @@ BareRoad::~BareRoad() {
 }
 
 bool BareRoad::run(uint32_t frames) {
-    const Sizes sizes = sizesOfMessages();
     uint32_t asked = 0;
     const auto askUnlessAll = [&] {
         if (asked == frames) return true;
         ++asked;
-        return sendBytes(mRequests.get(), sizes.request) &&
-               receiveBytes(mRequests.get(), sizes.accepted);
+        return sendBytes(mRequests.get(), mSizes.request) &&
+               receiveBytes(mRequests.get(), mSizes.accepted);
     };
     for (uint32_t i = 0; i < mInFlight; ++i) {
         if (!askUnlessAll()) return false;
     }
     for (uint32_t came = 0; came < frames; ++came) {
-        if (!receiveBytes(mResults.get(), sizes.result, true)) return false;
+        if (!receiveBytes(mResults.get(), mSizes.result, true)) return false;
         if (!isExpected(came + 1 == frames) || !askUnlessAll()) return false;
-        if (!sendBytes(mResults.get(), sizes.received)) return false;
+        if (!sendBytes(mResults.get(), mSizes.received)) return false;
     }
     return true;
 }
@@ -232,17 +224,16 @@ bool BareRoad::isExpected(bool everyByte) {
 }
 
 std::optional<Clock::duration> BareRoad::latencyOfOne(Clock::time_point askAt) {
-    const Sizes sizes = sizesOfMessages();
     auto arrival = std::async(std::launch::async, [&] {
-        const bool came = receiveBytes(mResults.get(), sizes.result, true);
+        const bool came = receiveBytes(mResults.get(), mSizes.result, true);
         const Clock::time_point now = Clock::now();
-        const bool answered = came && sendBytes(mResults.get(), sizes.received);
+        const bool answered = came && sendBytes(mResults.get(), mSizes.received);
         return answered ? std::optional(now) : std::nullopt;
     });
     std::this_thread::sleep_until(askAt);
     const Clock::time_point start = Clock::now();
-    const bool asked =
-        sendBytes(mRequests.get(), sizes.request) && receiveBytes(mRequests.get(), sizes.accepted);
+    const bool asked = sendBytes(mRequests.get(), mSizes.request) &&
+                       receiveBytes(mRequests.get(), mSizes.accepted);
     if (!asked) shutdown(mResults.get(), SHUT_RDWR);  // ends the wait
     const std::optional<Clock::time_point> end = arrival.get();
     return end ? std::optional(*end - start) : std::nullopt;

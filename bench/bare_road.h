@@ -57,8 +57,19 @@ public:
         std::chrono::steady_clock::time_point askAt);
 
 private:
+    /** Of a known buffer's messages, as the real road has them. */
+    struct Sizes {
+        size_t request;
+        size_t accepted;
+        size_t result;
+        size_t received;
+    };
+    class Provider;
+
+    static Sizes sizesOfMessages();
     bool isExpected(bool everyByte);
 
+    const Sizes mSizes;
     const uint32_t mInFlight;
     const std::unique_ptr<const SharedFrames> mFrames;  // null without pictures
     MarkedFrame mExpected;

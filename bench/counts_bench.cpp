@@ -41,7 +41,7 @@ constexpr std::chrono::minutes kPatience(2);
 struct Reason {
     const char* run;
     const char* what;
-    std::optional<double> count;  ///< none: it depends on who is faster
+    std::optional<double> count;  ///< none: it depends on the machine
     const char* why;
 };
 

@@ -24,8 +24,8 @@ enum class Asking { InCallback, InRun };
 class RoadClient {
 public:
     /**
-     * Connects, configures, and lets each buffer become known with a first frame. With `pictures`
-     * every frame is looked at. Null, and a sentence in `problem`, when that fails.
+     * Connects, configures, and lets as many first frames come as there are buffers. With
+     * `pictures` every frame is looked at. Null, and a sentence in `problem`, when that fails.
      */
     static std::unique_ptr<RoadClient> connect(const std::string& socket, FrameSize size,
                                                uint32_t buffers, Asking asking, bool pictures,
