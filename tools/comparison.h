@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <filesystem>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "figures.h"
@@ -18,6 +21,9 @@ class Comparison {
 public:
     Comparison(Nv12File clip, bool turned) : mClip(std::move(clip)), mTurned(turned) {}
 
+    /** With a clip that was judged before; nothing, after a sentence on stderr, if it is gone. */
+    static std::optional<Comparison> with(const std::filesystem::path& clip, bool turned);
+
     /**
      * In words, what is wrong with a picture; empty when it is the one that it has to be. `figures`
      * are those of the answers so far.
@@ -25,7 +31,11 @@ public:
     std::string faultOf(const Answer& answer, const Figures& figures);
 
 private:
-    Frame expected(size_t start, size_t offset);
+    /** A frame of the stream as the file has it, and the reverse. */
+    Frame inFileDirection(const Frame& frame) const;
+    /** Where the file can have been at the stream's start for it to have this frame now. */
+    std::vector<size_t> startsOf(const Frame& frame, size_t offset) const;
+    std::string mismatch(const Frame& frame, size_t offset) const;
 
     Nv12File mClip;
     bool mTurned;
