@@ -53,21 +53,26 @@ std::string numberOrNull(bool isNumber, double number) {
     return text;
 }
 
+/** One decimal, or a stroke where there is no figure. */
+void printCell(bool isThere, double number) {
+    if (isThere) {
+        printf(" %6.1f", number);
+    } else {
+        printf(" %6s", "-");
+    }
+}
+
 void printRow(const Figures& figures) {
-    printf("%-14s %6u %10u %7u %8u %6u", figures.scene.c_str(), figures.asked, figures.delivered,
+    printf("%-14s %5u %9u %6u %7u %5u", figures.scene.c_str(), figures.asked, figures.delivered,
            figures.failed(), figures.missing(), figures.wrong);
     const double rate = framesPerSecond(figures.arrivals);
-    if (rate > 0) {
-        printf(" %9.1f", rate);
-    } else {
-        printf(" %9s", "-");
-    }
-    if (figures.latencies.empty()) {
-        printf(" %9s %9s %9s\n", "-", "-", "-");
-        return;
-    }
-    const Latency latency = latencyOf(figures.latencies);
-    printf(" %9.1f %9.1f %9.1f\n", latency.least, latency.median, latency.p99);
+    const bool answered = !figures.latencies.empty();
+    const Latency latency = answered ? latencyOf(figures.latencies) : Latency();
+    printCell(rate > 0, rate);
+    printCell(answered, latency.least);
+    printCell(answered, latency.median);
+    printCell(answered, latency.p99);
+    printf("\n");
 }
 
 }  // namespace
@@ -109,12 +114,12 @@ double inMilliseconds(Clock::duration duration) {
 }
 
 void printTable(const std::vector<Figures>& scenes) {
-    printf("%-14s %6s %10s %7s %8s %6s %9s  latency in ms, request to answer\n", "", "", "", "", "",
-           "", "frames");
-    printf("%-14s %6s %10s %7s %8s %6s %9s %9s %9s %9s\n", "scene", "asked", "delivered", "failed",
-           "missing", "wrong", "a second", "min", "median", "p99");
+    printf("%-14s %5s %9s %6s %7s %5s %6s      latency, ms\n", "", "", "", "", "", "", "frames");
+    printf("%-14s %5s %9s %6s %7s %5s %6s %6s %6s %6s\n", "scene", "asked", "delivered", "failed",
+           "missing", "wrong", "per s", "min", "median", "p99");
     for (const Figures& figures : scenes)
         printRow(figures);
+    printf("Latency is from a request to its answer, so it waits for those made before it.\n");
 }
 
 bool writeJson(const Figures& figures, const std::filesystem::path& path) {
