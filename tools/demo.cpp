@@ -51,7 +51,7 @@ constexpr const char* kExamples =
     "  ./run demo street.yuv         streams your clip: raw NV12, 1280x720, no header\n"
     "  ffmpeg -i street.mp4 -f rawvideo -pix_fmt nv12 -s 1280x720 street.yuv\n"
     "                                makes such a clip of a video\n"
-    "  ./run demo --frames 100       asks for 100 frames; a clip starts anew at its end\n"
+    "  ./run demo --frames 100       asks for 100 frames; a clip then starts anew\n"
     "  ./run demo --buffers 1        one request in flight: latency without a queue\n"
     "  ./run demo --out pictures     puts the pictures somewhere else\n"
     "  ./run demo -v 2>log.txt       keeps what the library logs\n"
