@@ -41,7 +41,7 @@ bool writeInterface(Writer& writer, const char* descriptor, const sp<IBase>& obj
     UniqueFd mine;
     UniqueFd theirs;
     if (makers == nullptr || !detail::makePair(mine, theirs) ||
-        !detail::serveDetached(std::move(mine), makers->stub(object))) {
+        !detail::serveDetached(std::move(mine), object, makers->stub(object))) {
         return false;
     }
     writer.descriptor(std::move(theirs));

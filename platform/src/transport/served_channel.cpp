@@ -38,11 +38,31 @@ bool refuse(int socket, const Header& call, const std::string& why) {
     return answer(socket, call, Header::REFUSED, out);
 }
 
-/** One call. False when the channel has come to its end. */
-bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer) {
+/** A call that the watches of a served object know of, for the scope of this object. */
+class CallUnderWay {
+public:
+    explicit CallUnderWay(const Watches& watches) : mWatches(watches) {
+        for (const auto& calls : mWatches)
+            calls->begin();
+    }
+    ~CallUnderWay() {
+        for (const auto& calls : mWatches)
+            calls->end();
+    }
+    CallUnderWay(const CallUnderWay&) = delete;
+    CallUnderWay& operator=(const CallUnderWay&) = delete;
+
+private:
+    const Watches& mWatches;
+};
+
+/** One call. False when the channel has come to its end, which is as `end` says. */
+bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer, const Watches& watches,
+              ServedEnd& end) {
     Header call = {};
     Incoming in;
     const Failure failure = receiveMessage(socket, call, buffer, in, {});
+    const CallUnderWay underWay(watches);
     if (!failure.isOk()) {
         if (failure.status == ::android::DEAD_OBJECT) return false;
         logEnd(failure.text.c_str());
@@ -68,24 +88,31 @@ bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer) {
         logEnd("no such method, or arguments that do not add up");
         return false;
     }
-    return answer(socket, call, Header::ANSWER, out);
+    const bool answered = answer(socket, call, Header::ANSWER, out);
+    if (!answered) end = ServedEnd::GIVEN_UP;
+    return answered;
 }
 
 }  // namespace
 
-void serveChannel(int socket, Stub& stub) {
+ServedEnd serveChannel(int socket, Stub& stub, const Watches& watches) {
     std::vector<uint8_t> buffer;
-    while (serveOne(socket, stub, buffer)) {
+    ServedEnd end = ServedEnd::LET_GO;
+    while (serveOne(socket, stub, buffer, watches, end)) {
     }
     shutdown(socket, SHUT_RDWR);
+    return end;
 }
 
-bool serveDetached(UniqueFd socket, std::unique_ptr<Stub> stub) {
+bool serveDetached(UniqueFd socket, const sp<IBase>& object, std::unique_ptr<Stub> stub) {
+    auto serve = [socket = std::move(socket), stub = std::move(stub),
+                  watches = watchesOf(object.get())] {
+        const ServedEnd end = serveChannel(socket.get(), *stub, watches);
+        for (const auto& calls : watches)
+            calls->channelEnded(end);
+    };
     std::thread thread;
-    const bool started =
-        startThread(thread, "callback", [socket = std::move(socket), stub = std::move(stub)] {
-            serveChannel(socket.get(), *stub);
-        });
+    const bool started = startThread(thread, "callback", std::move(serve));
     if (started) thread.detach();
     return started;
 }

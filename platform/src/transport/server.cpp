@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstring>
 #include <list>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -56,11 +57,15 @@ int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
     return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
-bool isSameUser(int socket) {
+/** The process at the other end; nothing when it is not of this process's user. */
+std::optional<pid_t> sameUsersPeer(int socket) {
     ucred peer = {};
     socklen_t size = sizeof(peer);
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
+    const bool known = getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+    return known && peer.uid == geteuid() ? std::optional(peer.pid) : std::nullopt;
 }
+
+thread_local pid_t tCaller = 0;
 
 /** Which file a path names now; zeros for none. */
 using FileId = std::pair<dev_t, ino_t>;
@@ -136,12 +141,14 @@ UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address, Fi
 
 class Server::Impl {
 public:
-    Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub)
+    Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub,
+         ConnectionEvents events)
         : mPath(std::move(path)),
           mFile(file),
           mSocket(std::move(socket)),
           mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-          mStub(std::move(stub)) {}
+          mStub(std::move(stub)),
+          mEvents(std::move(events)) {}
 
     ~Impl() {
         if (mThread.joinable()) {
@@ -170,6 +177,7 @@ public:
 private:
     struct Connection {
         UniqueFd socket;
+        pid_t peer = 0;
         std::thread thread;
         std::atomic<bool> ended{false};
     };
@@ -204,7 +212,8 @@ private:
     bool acceptOne() {
         UniqueFd socket = accept();
         if (!socket.isValid()) return errno == ECONNABORTED || errno == EINTR || errno == EAGAIN;
-        if (!isSameUser(socket.get())) {
+        const std::optional<pid_t> peer = sameUsersPeer(socket.get());
+        if (!peer) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
             return true;
         }
@@ -215,12 +224,16 @@ private:
         }
         Connection& connection = mConnections.emplace_back();
         connection.socket = std::move(socket);
+        connection.peer = *peer;
+        if (mEvents.came) mEvents.came(*peer);
         const auto serve = [this, &connection] {
+            tCaller = connection.peer;
             detail::serveChannel(connection.socket.get(), *mStub);
             connection.ended = true;
             eventfd_write(mWake.get(), 1);
         };
         if (!detail::startThread(connection.thread, "connection", serve)) {
+            if (mEvents.went) mEvents.went(*peer);
             mConnections.pop_back();
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection is refused: no thread can be made for it");
@@ -239,9 +252,10 @@ private:
     }
 
     void reap() {
-        mConnections.remove_if([](Connection& connection) {
+        mConnections.remove_if([this](Connection& connection) {
             if (!connection.ended) return false;
             connection.thread.join();
+            if (mEvents.went) mEvents.went(connection.peer);
             return true;
         });
     }
@@ -252,6 +266,7 @@ private:
     const UniqueFd mSocket;
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
+    const ConnectionEvents mEvents;
     std::atomic<bool> mStopping{false};
     // Used by the accepting thread alone, and by the destructor after it.
     std::list<Connection> mConnections;
@@ -259,7 +274,7 @@ private:
 };
 
 std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>& object,
-                                       std::string& problem) {
+                                       std::string& problem, ConnectionEvents events) {
     std::string descriptor;
     const auto described = object->interfaceDescriptor(
         [&](const ::android::hardware::hidl_string& name) { descriptor = name; });
@@ -274,7 +289,8 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
     FileId file;
     UniqueFd socket = listeningSocket(path, address, file, problem);
     if (!socket.isValid()) return nullptr;
-    auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object));
+    auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object),
+                                       std::move(events));
     if (const char* const reason = impl->start()) {
         problem = path + ": " + reason;
         return nullptr;
@@ -285,7 +301,12 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
 Server::Server(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
 Server::~Server() = default;
 
-sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string& problem) {
+pid_t callingProcess() {
+    return tCaller;
+}
+
+sp<IBase> connectTo(const std::string& path, const char* descriptor,
+                    std::chrono::milliseconds patience, std::string& problem) {
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
     sockaddr_un address = {};
     if (makers == nullptr) {
@@ -293,13 +314,19 @@ sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string
         return nullptr;
     }
     if (!addressOf(path, address, problem)) return nullptr;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     UniqueFd socket = makeSocket();
-    if (!socket.isValid() || connectSocket(socket, address) != 0) {
-        problem =
-            path + ": " + (errno == EAGAIN ? "the provider takes no connections" : strerror(errno));
-        return nullptr;
+    while (!socket.isValid() || connectSocket(socket, address) != 0) {
+        const bool mayCome = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+        if (!mayCome || std::chrono::steady_clock::now() >= deadline) {
+            problem = path + ": " +
+                      (errno == EAGAIN ? "the provider takes no connections" : strerror(errno));
+            return nullptr;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(kRetryMs));
+        socket = makeSocket();
     }
-    if (!isSameUser(socket.get())) {
+    if (!sameUsersPeer(socket.get())) {
         problem = path + " is another user's";
         return nullptr;
     }
