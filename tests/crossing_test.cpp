@@ -390,6 +390,63 @@ TEST_F(CrossingTest, LetsALingeringSocketLinger) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
 }
 
+TEST_F(CrossingTest, BoundsWhatClientsLeaveWithTheProvider) {
+    // An empty handle costs its client no descriptor.
+    const hidl_handle empty = handleOf({});
+    std::string problem;
+    const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+    const auto submit = [&](const sp<IFDSession>& from, uint64_t id, bool withHandle) {
+        CaptureRequest request = requestFor(1, id, nullptr);
+        if (withHandle) request.outputBuffers[0].buffer = empty;
+        return from->processCaptureRequest(request);
+    };
+    const auto expectRefusal = [](const Return<Status>& answer, const char* sentence) {
+        EXPECT_FALSE(answer.isOk());
+        EXPECT_NE(answer.description().find(sentence), std::string::npos) << answer.description();
+    };
+    const char* const tooMany = "too many requests are on their way";
+    expectStatus(submit(remote, 1, true), Status::OK);
+    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(i % 2 == 0 ? remote : other, 1, false), Status::OK);
+    for (const sp<IFDSession>& each : {remote, other})
+        expectRefusal(submit(each, 1, false), tooMany);
+    // A result makes a place, whether the client takes it or not; one that goes nowhere does not.
+    serveOne();
+    deliveries.waitFor(1);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    callback->failing = true;
+    serveOne();
+    deliveries.waitFor(2);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+    serveOne();
+    drivePass();
+    drivePass();
+    expectRefusal(submit(remote, 1, false), tooMany);
+    // What the session refuses takes no place, and a refused configuration makes none.
+    expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    for (size_t i = 0; i < 2 * host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(remote, 1, false), Status::ILLEGAL_ARGUMENT);
+
+    // Ids that come with a handle: the same one any number of times, and a request that is refused
+    // brings its own too.
+    for (uint64_t id = 1; id < host::kMaxBufferIds; ++id) {
+        CaptureRequest request = requestFor(1, id, nullptr, 5);
+        request.outputBuffers[0].buffer = empty;
+        expectStatus(remote->processCaptureRequest(request), Status::ILLEGAL_ARGUMENT);
+    }
+    expectStatus(submit(other, host::kMaxBufferIds, true), Status::OK);
+    expectStatus(submit(remote, 1, true), Status::OK);
+    expectRefusal(submit(remote, host::kMaxBufferIds + 1, true),
+                  "too many buffer ids came since the stream was configured");
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, false), Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, true), Status::OK);
+}
+
 TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     const UniqueFd slow = openSlow();
     const auto bring = [&](size_t count) {

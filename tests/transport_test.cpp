@@ -423,12 +423,6 @@ TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
 }
 
 TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
-    const auto isAsleep = [](pid_t thread) {
-        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-        std::string text;
-        std::getline(file, text);
-        return text.find(") S ") != std::string::npos;
-    };
     std::atomic<pid_t> second{0};
     std::thread one([this] {
         call(1);

@@ -104,7 +104,7 @@ private:
         return words[word];
     }
 
-    const host::UniqueFd mSocket;
+    host::UniqueFd mSocket;
     sockaddr_un mAddress = {};
 };
 
