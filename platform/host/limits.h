@@ -21,5 +21,19 @@ constexpr size_t kConnectionFds = kMaxConnections + 1;
 constexpr size_t kReservedFds = 16;
 /** A call waits this long for its turn, its way and its answer together. */
 constexpr std::chrono::milliseconds kCallPatience(1000);
+/**
+ * Requests of all clients of a server together that are on their way: accepted, and no result for
+ * them handed to a callback yet. An accepted configuration starts afresh.
+ */
+constexpr size_t kMaxRequestsOnTheWay = 1024;
+/** Different buffer ids that come with a handle from one accepted configuration to the next. */
+constexpr size_t kMaxBufferIds = 4096;
+/** Threads that close what a client sent and what may wait for that client. */
+constexpr size_t kClosingThreads = 8;
+/**
+ * Descriptors that wait for those threads. While there are as many no new connection and no new
+ * callback is taken, and a channel that brings what may not cross ends.
+ */
+constexpr size_t kMaxWaitingToClose = 64;
 
 }  // namespace host

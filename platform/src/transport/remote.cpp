@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "control_data.h"
 #include "served_channel.h"
 
 namespace host {
@@ -41,7 +42,7 @@ bool writeInterface(Writer& writer, const char* descriptor, const sp<IBase>& obj
     UniqueFd mine;
     UniqueFd theirs;
     if (makers == nullptr || !detail::makePair(mine, theirs) ||
-        !detail::serveDetached(std::move(mine), makers->stub(object))) {
+        !detail::serveDetached(std::move(mine), object, makers->stub(object))) {
         return false;
     }
     writer.descriptor(std::move(theirs));
@@ -52,10 +53,12 @@ bool readInterface(Reader& reader, const char* descriptor, sp<IBase>& object) {
     uint8_t present = 0;
     reader(present);
     if (present == 0) return true;
-    UniqueFd socket = reader.descriptor();
+    UniqueFd socket = reader.descriptor(Crossing::CHANNEL);
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
-    if (present != 1 || makers == nullptr || !detail::isChannelSocket(socket.get())) return false;
-    object = makers->proxy(std::make_unique<CallChannel>(std::move(socket)));
+    if (present != 1 || makers == nullptr) return false;
+    if (!socket.isValid()) return true;  // the reader knows why
+    detail::switchOffControlData(socket.get());
+    object = makers->proxy(std::make_unique<CallChannel>(std::move(socket), Peer::CLIENT));
     return true;
 }
 

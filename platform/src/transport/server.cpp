@@ -13,9 +13,11 @@
 #include <chrono>
 #include <cstring>
 #include <list>
+#include <optional>
 #include <thread>
 #include <utility>
 
+#include "closing.h"
 #include "host/channel.h"
 #include "host/limits.h"
 #include "host/remote.h"
@@ -56,11 +58,15 @@ int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
     return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
 }
 
-bool isSameUser(int socket) {
+/** The process at the other end; nothing when it is not of this process's user. */
+std::optional<pid_t> sameUsersPeer(int socket) {
     ucred peer = {};
     socklen_t size = sizeof(peer);
-    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.uid == geteuid();
+    const bool known = getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0;
+    return known && peer.uid == geteuid() ? std::optional(peer.pid) : std::nullopt;
 }
+
+thread_local pid_t tCaller = 0;
 
 /** Which file a path names now; zeros for none. */
 using FileId = std::pair<dev_t, ino_t>;
@@ -136,12 +142,14 @@ UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address, Fi
 
 class Server::Impl {
 public:
-    Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub)
+    Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub,
+         ConnectionEvents events)
         : mPath(std::move(path)),
           mFile(file),
           mSocket(std::move(socket)),
           mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-          mStub(std::move(stub)) {}
+          mStub(std::move(stub)),
+          mEvents(std::move(events)) {}
 
     ~Impl() {
         if (mThread.joinable()) {
@@ -154,7 +162,10 @@ public:
             shutdown(connection.socket.get(), SHUT_RDWR);
         }
         for (Connection& connection : mConnections)
-            connection.thread.join();
+            end(connection);
+        // What is left in its queue goes with it.
+        shutdown(mSocket.get(), SHUT_RDWR);
+        detail::closeLater(std::move(mSocket));
     }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -170,6 +181,7 @@ public:
 private:
     struct Connection {
         UniqueFd socket;
+        pid_t peer = 0;
         std::thread thread;
         std::atomic<bool> ended{false};
     };
@@ -181,17 +193,22 @@ private:
         if (fileId(mPath) == mFile) unlink(mPath.c_str());
     }
 
+    static void end(Connection& connection) {
+        connection.thread.join();
+        detail::closeLater(std::move(connection.socket));
+    }
+
     void acceptAll() {
         bool full = false;
         while (!mStopping) {
-            // Without a slot for it a connection stays in the backlog: asked for again, not spun
-            // on.
+            // Without a slot for it, or while too much waits to be closed, a connection stays in
+            // the backlog: asked for again, not spun on.
             pollfd entries[] = {{mWake.get(), POLLIN, 0}, {mSocket.get(), POLLIN, 0}};
             poll(entries, full ? 1 : 2, full ? kRetryMs : -1);
             eventfd_t woken = 0;
             eventfd_read(mWake.get(), &woken);
             reap();
-            full = !mStopping && isSomebodyWaiting() && !acceptOne();
+            full = !mStopping && isSomebodyWaiting() && (detail::isClosingBehind() || !acceptOne());
         }
     }
 
@@ -204,23 +221,31 @@ private:
     bool acceptOne() {
         UniqueFd socket = accept();
         if (!socket.isValid()) return errno == ECONNABORTED || errno == EINTR || errno == EAGAIN;
-        if (!isSameUser(socket.get())) {
+        const std::optional<pid_t> peer = sameUsersPeer(socket.get());
+        if (!peer) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
+            detail::closeLater(std::move(socket));
             return true;
         }
         if (mConnections.size() >= kMaxConnections) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection beyond the limit of %zu is refused", kMaxConnections);
+            detail::closeLater(std::move(socket));
             return true;
         }
         Connection& connection = mConnections.emplace_back();
         connection.socket = std::move(socket);
+        connection.peer = *peer;
+        if (mEvents.came) mEvents.came(*peer);
         const auto serve = [this, &connection] {
-            detail::serveChannel(connection.socket.get(), *mStub);
+            tCaller = connection.peer;
+            detail::serveChannel(connection.socket.get(), *mStub, Peer::CLIENT);
             connection.ended = true;
             eventfd_write(mWake.get(), 1);
         };
         if (!detail::startThread(connection.thread, "connection", serve)) {
+            if (mEvents.went) mEvents.went(*peer);
+            detail::closeLater(std::move(connection.socket));
             mConnections.pop_back();
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection is refused: no thread can be made for it");
@@ -239,9 +264,10 @@ private:
     }
 
     void reap() {
-        mConnections.remove_if([](Connection& connection) {
+        mConnections.remove_if([this](Connection& connection) {
             if (!connection.ended) return false;
-            connection.thread.join();
+            end(connection);
+            if (mEvents.went) mEvents.went(connection.peer);
             return true;
         });
     }
@@ -249,9 +275,10 @@ private:
     const detail::SlotReserve mReserve;
     const std::string mPath;
     const FileId mFile;
-    const UniqueFd mSocket;
+    UniqueFd mSocket;
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
+    const ConnectionEvents mEvents;
     std::atomic<bool> mStopping{false};
     // Used by the accepting thread alone, and by the destructor after it.
     std::list<Connection> mConnections;
@@ -259,7 +286,7 @@ private:
 };
 
 std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>& object,
-                                       std::string& problem) {
+                                       std::string& problem, ConnectionEvents events) {
     std::string descriptor;
     const auto described = object->interfaceDescriptor(
         [&](const ::android::hardware::hidl_string& name) { descriptor = name; });
@@ -274,7 +301,8 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
     FileId file;
     UniqueFd socket = listeningSocket(path, address, file, problem);
     if (!socket.isValid()) return nullptr;
-    auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object));
+    auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object),
+                                       std::move(events));
     if (const char* const reason = impl->start()) {
         problem = path + ": " + reason;
         return nullptr;
@@ -285,7 +313,12 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
 Server::Server(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
 Server::~Server() = default;
 
-sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string& problem) {
+pid_t callingProcess() {
+    return tCaller;
+}
+
+sp<IBase> connectTo(const std::string& path, const char* descriptor,
+                    std::chrono::milliseconds patience, std::string& problem) {
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
     sockaddr_un address = {};
     if (makers == nullptr) {
@@ -293,13 +326,19 @@ sp<IBase> connectTo(const std::string& path, const char* descriptor, std::string
         return nullptr;
     }
     if (!addressOf(path, address, problem)) return nullptr;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     UniqueFd socket = makeSocket();
-    if (!socket.isValid() || connectSocket(socket, address) != 0) {
-        problem =
-            path + ": " + (errno == EAGAIN ? "the provider takes no connections" : strerror(errno));
-        return nullptr;
+    while (!socket.isValid() || connectSocket(socket, address) != 0) {
+        const bool mayCome = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+        if (!mayCome || std::chrono::steady_clock::now() >= deadline) {
+            problem = path + ": " +
+                      (errno == EAGAIN ? "the provider takes no connections" : strerror(errno));
+            return nullptr;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(kRetryMs));
+        socket = makeSocket();
     }
-    if (!isSameUser(socket.get())) {
+    if (!sameUsersPeer(socket.get())) {
         problem = path + " is another user's";
         return nullptr;
     }

@@ -10,10 +10,12 @@
 
 namespace host::detail {
 
-/** Runs `body` on a new thread of this name. False, and `body` is gone, when none can be made. */
+/**
+ * Runs `body` on a new thread of this name. False, and `body` is gone, when none can be made. No
+ * test lets this one fail.
+ */
 template <typename Body>
-bool startThread(std::thread& thread, const char* name, Body body) {
-    if (takeThreadStartFailure()) return false;
+bool startThreadAlways(std::thread& thread, const char* name, Body body) {
     try {
         thread = std::thread([name, body = std::move(body)] {
             pthread_setname_np(pthread_self(), name);
@@ -23,6 +25,12 @@ bool startThread(std::thread& thread, const char* name, Body body) {
         return false;
     }
     return true;
+}
+
+/** The same, as failNextThreadStart() lets it. */
+template <typename Body>
+bool startThread(std::thread& thread, const char* name, Body body) {
+    return !takeThreadStartFailure() && startThreadAlways(thread, name, std::move(body));
 }
 
 }  // namespace host::detail

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <android/hidl/base/1.0/IBase.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "host/limits.h"
+
+namespace host {
+
+namespace detail {
+class ServedCalls;
+}
+
+/** How a channel over which an object was served came to its end. */
+enum class ServedEnd {
+    LET_GO,    ///< every call was answered; the other process has let go of the object
+    GIVEN_UP,  ///< the last answer could not be sent: the other process has given the object up
+};
+
+/**
+ * Watches the channels over which an object of this process is served, a callback that was handed
+ * over, for the scope of this object. Make it before the object is handed over. Thread-safe; keeps
+ * a reference to the object.
+ */
+class ServedWatch {
+public:
+    /** `ended`, if given, is called once for each channel that ends, on that channel's thread. */
+    explicit ServedWatch(const ::android::sp<::android::hidl::base::V1_0::IBase>& object,
+                         std::function<void(ServedEnd)> ended = {});
+    /** On return `ended` is not called any more, or is being called now; does not wait for that. */
+    ~ServedWatch();
+    ServedWatch(const ServedWatch&) = delete;
+    ServedWatch& operator=(const ServedWatch&) = delete;
+
+    /**
+     * Waits until every call of the object that came has been answered: who ends earlier leaves the
+     * caller without an answer. False when that takes longer. REQUIRES: not called from inside such
+     * a call, which would wait for itself.
+     */
+    bool waitUntilAnswered(std::chrono::milliseconds patience = kCallPatience);
+
+private:
+    const ::android::sp<::android::hidl::base::V1_0::IBase> mObject;
+    const std::shared_ptr<detail::ServedCalls> mCalls;
+};
+
+}  // namespace host
