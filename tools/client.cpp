@@ -95,7 +95,8 @@ void declare(CLI::App& app, Options& options) {
     app.add_option("--frames", options.frames, "frames to ask for; 0: until interrupted")
         ->type_name("N")
         ->capture_default_str();
-    app.add_option("--buffers", options.buffers, "the client's buffers, 1 to 32: the most that is in flight")
+    app.add_option("--buffers", options.buffers,
+                   "the client's buffers, 1 to 32: the most that is in flight")
         ->type_name("K")
         ->check(CLI::Range(uint32_t{1}, kMostBuffers))
         ->capture_default_str();

@@ -169,8 +169,8 @@ private:
         mSettings.firstFrame = mClient->asked();
         mSettings.frames = mClient->wanted();
         mLost = mSettings.firstFrame - mFigures.answered();
-        mReporter.complain(mClient->lossInWords() + ": " + std::to_string(mLost) +
-                           " frames are missing");
+        mReporter.complain(mClient->lossInWords() +
+                           "; frames missing by now: " + std::to_string(mLost));
         if (mSettings.firstFrame == mSettings.frames) return true;
         const sp<IFDSession> session = mDirection.connectAnew();
         if (session == nullptr) {
