@@ -2,9 +2,11 @@
 // program does.
 
 #include <android/log.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,6 +26,7 @@
 #include "ZoruUtil.h"
 #include "client_watch.h"
 #include "host/channel.h"
+#include "host/unique_fd.h"
 #include "support/session_fixture.h"
 #include "watched_session.h"
 
@@ -251,8 +254,26 @@ TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
     }
 }
 
+TEST_F(ClientToolTest, AsksForNoMoreThanIsRead) {
+    ASSERT_EQ(mkfifo((folder + "/pipe").c_str(), 0600), 0);
+    const host::UniqueFd reader(open((folder + "/pipe").c_str(), O_RDONLY | O_NONBLOCK));
+    auto running = std::async(std::launch::async, [this] { return run("--frames 0 --raw pipe"); });
+    EXPECT_TRUE(eventually([&] {
+        const int before = served;
+        usleep(100000);  // as long as it takes for some frames more
+        return before > 0 && served == before;
+    }));
+    EXPECT_LT(served, 50);
+    kill(tool, SIGINT);
+    EXPECT_EQ(running.get(), 1);
+    EXPECT_TRUE(has(read("err"), "pipe cannot be written: Interrupted")) << read("err");
+}
+
 TEST_F(ClientToolTest, LeavesNoErrorBehindAtACleanEnd) {
-    for (int i = 0; i < 12; ++i)
+    // Takes a second or two: without the wait at its end only some of twenty left one, and those at
+    // a camera's pace.
+    pauseUs = 20000;
+    for (int i = 0; i < 20; ++i)
         EXPECT_EQ(run("--frames 2"), 0) << read("err");
     for (const host::LogLine& line : log.lines())
         EXPECT_LT(line.priority, ANDROID_LOG_ERROR) << line.text;
