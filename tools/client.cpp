@@ -98,13 +98,13 @@ void declare(CLI::App& app, Options& options) {
     app.add_option("--buffers", options.buffers,
                    "the client's buffers, 1 to 32: the most that is in flight")
         ->type_name("K")
-        ->check(CLI::Range(uint32_t{1}, kMostBuffers))
+        ->check(CLI::Range(uint32_t{1}, kMostBuffers).description(""))
         ->capture_default_str();
     app.add_option("--fps", options.fps,
                    "requests a second; 0: as fast as buffers come back. The test source gives at "
                    "most 20")
         ->type_name("F")
-        ->check(CLI::Range(0.0, kMostPerSecond))
+        ->check(CLI::Range(0.0, kMostPerSecond).description(""))
         ->check([](const std::string& text) {
             return std::isnan(strtod(text.c_str(), nullptr)) ? text + " is no number"
                                                              : std::string();
@@ -166,15 +166,20 @@ sp<IFDSession> findProvider(const Options& options, const tools::Signals& signal
     const std::optional<std::string> socket =
         options.socket ? options.socket : tools::defaultSocket(problem);
     if (socket && options.wait) warnx("waiting for a provider at %s", socket->c_str());
+    const std::chrono::milliseconds patience = options.wait ? kLook : kLook * 0;
     sp<IFDSession> session;
-    while (socket && session == nullptr) {
-        session =
-            host::connectWithin<IFDSession>(*socket, options.wait ? kLook : kLook * 0, problem);
-        if (!options.wait || signals.poll() != 0) break;
+    bool mayCome = socket.has_value();
+    while (session == nullptr && mayCome) {
+        const auto start = tools::Clock::now();
+        session = host::connectWithin<IFDSession>(*socket, patience, problem);
+        // What is not waited for, such as a path that is too long, does not come.
+        const bool waited = tools::Clock::now() - start >= patience;
+        mayCome = options.wait && waited && signals.poll() == 0;
     }
     if (session == nullptr) {
         warnx("there is no provider: %s", problem.c_str());
-        warnx("start one with fdstream-provider in another terminal, or wait for one with --wait");
+        if (!options.wait)
+            warnx("start one with fdstream-provider in another terminal, or wait with --wait");
     }
     return session;
 }
