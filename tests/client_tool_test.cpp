@@ -4,6 +4,7 @@
 #include <android/log.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <regex.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -269,7 +270,8 @@ TEST_F(ClientToolTest, AsksForNoMoreThanIsRead) {
     EXPECT_TRUE(eventually([&] {
         const int before = served;
         usleep(100000);  // as long as it takes for some frames more
-        return before > 0 && served == before;
+        pollfd entry = {reader.get(), POLLIN, 0};
+        return poll(&entry, 1, 0) == 1 && served == before;
     }));
     EXPECT_LT(served, 50);
     kill(tool, SIGINT);
@@ -350,7 +352,7 @@ TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
 TEST_F(ClientToolTest, SaysThatTooManyInFlightOutliveTheirSecond) {
     pauseUs = 100000;  // so that ten of them take the second
     EXPECT_EQ(run("--frames 13 --buffers 13"), 1);
-    EXPECT_TRUE(matches(read("err"), "outlived the second.*--buffers [789]\n")) << read("err");
+    EXPECT_TRUE(matches(read("err"), "outlived the second.*--buffers [1-9]\n")) << read("err");
 }
 
 TEST_F(ClientToolTest, WatchesWithinTheWindowAndInItsColours) {

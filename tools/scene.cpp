@@ -216,10 +216,11 @@ std::string adviceOn(const Figures& figures, uint32_t buffers) {
     const double rate = framesPerSecond(figures.arrivals());
     if (late == 0 || rate <= 0 || buffers == 1 || buffers < rate) return {};
     char text[160];
-    snprintf(text, sizeof(text),
-             "%d requests outlived the second that each may wait: at %.1f frames a second %u in "
-             "flight are too many, take --buffers %d",
-             static_cast<int>(late), rate, buffers, std::max(1, static_cast<int>(rate) - 1));
+    snprintf(
+        text, sizeof(text),
+        "%d of the requests outlived the second that each may wait: at %.1f frames a second %u in "
+        "flight are too many, take --buffers %d",
+        static_cast<int>(late), rate, buffers, std::max(1, static_cast<int>(rate) - 1));
     return text;
 }
 
