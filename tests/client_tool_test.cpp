@@ -142,12 +142,16 @@ protected:
             session->getBufferForId(request.outputBuffers[0].bufferId);
         ZoruUtil::copyTo(frame.data(), wrapped);
         session->sendCaptureResult(resultFor(request));
-        if (++served == eventAfter) event();
+        if (++served == eventAfter) {
+            const std::lock_guard<std::mutex> lock(eventMutex);
+            event();
+        }
         usleep(pauseUs);
         return true;
     }
-    /** Runs this on the provider's thread when so many frames have been served. */
+    /** Runs this on the provider's thread when so many frames have been served, inside a run(). */
     void after(int frames, std::function<void()> what) {
+        const std::lock_guard<std::mutex> lock(eventMutex);
         event = std::move(what);
         eventAfter = served + frames;
     }
@@ -156,6 +160,8 @@ protected:
         const std::string command = "cd " + folder + "; exec >out 2>err; " + before +
                                     " timeout 60 " CLIENT_TOOL " --socket socket " + arguments;
         const int status = system(command.c_str());
+        const std::lock_guard<std::mutex> lock(
+            eventMutex);  // what an event did is seen from here on
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     std::string read(const std::string& name) const { return contentOf(folder + "/" + name); }
@@ -175,7 +181,8 @@ protected:
     std::atomic<int> served{0};
     std::atomic<int> eventAfter{-1};
     std::atomic<useconds_t> pauseUs{0};
-    std::function<void()> event;  // set before eventAfter
+    mutable std::mutex eventMutex;
+    std::function<void()> event;  // guarded by eventMutex
     std::thread provider;
     std::mutex mutex;
     std::string said;  // by the watch, guarded by mutex
@@ -350,7 +357,11 @@ TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
 }
 
 TEST_F(ClientToolTest, SaysThatTooManyInFlightOutliveTheirSecond) {
-    pauseUs = 100000;  // so that ten of them take the second
+    pauseUs = 100000;  // ten frames a second, of which only the first three come
+    after(3, [&] {
+        EXPECT_TRUE(eventually([&] { return session->isCaptureRequestReady(); }));
+        EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
+    });
     EXPECT_EQ(run("--frames 13 --buffers 13"), 1);
     EXPECT_TRUE(matches(read("err"), "outlived the second.*--buffers [1-9]\n")) << read("err");
 }
