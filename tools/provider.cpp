@@ -14,12 +14,15 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
+#include "client_watch.h"
 #include "command_line.h"
 #include "default_socket.h"
 #include "host/channel.h"
@@ -28,6 +31,7 @@
 #include "nv12_file.h"
 #include "play_folder.h"
 #include "signals.h"
+#include "watched_session.h"
 
 namespace {
 
@@ -149,12 +153,31 @@ std::optional<std::string> socketPath(const Options& options) {
     return std::nullopt;
 }
 
-/** Says a line to whoever reads; nothing holds it up when nobody does. */
+/** Says a line to whoever reads; nothing holds it up when nobody does. Any thread. */
 void say(const std::string& line) {
+    // One at a time, so that the room that was seen is still there.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     if (poll(&output, 1, 0) <= 0 || (output.revents & POLLOUT) == 0) return;
     const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
     static_cast<void>(written);  // it goes on without
+}
+
+/** Null after a sentence on stderr. */
+std::unique_ptr<host::Server> listen(const std::string& socket) {
+    const auto watch =
+        std::make_shared<tools::ClientWatch>([](const std::string& line) { say(line + "\n"); });
+    const sp<tools::WatchedSession> session =
+        new tools::WatchedSession(FDSession::getInstance()->getInterface(), watch);
+    host::ConnectionEvents events;
+    events.came = [watch](pid_t client) { watch->came(client); };
+    events.went = [watch](pid_t client) { watch->went(client); };
+    std::string problem;
+    std::unique_ptr<host::Server> server =
+        host::Server::listen(socket, session, problem, std::move(events));
+    if (server == nullptr) warnx("%s", problem.c_str());
+    return server;
 }
 
 /** Until a signal ends it. False, after a sentence on stderr, when its clip has been cut before. */
@@ -200,13 +223,8 @@ int run(int argc, char** argv) {
         return kNotStarted;
 
     setFlipped(options.flipped);
-    std::string problem;
-    const std::unique_ptr<host::Server> server =
-        host::Server::listen(*socket, FDSession::getInstance()->getInterface(), problem);
-    if (server == nullptr) {
-        warnx("%s", problem.c_str());
-        return kNotStarted;
-    }
+    const std::unique_ptr<host::Server> server = listen(*socket);
+    if (server == nullptr) return kNotStarted;
     // Ends before the server does, so that no frame is on its way when the connections end.
     std::optional<FrameSource> source;
     if (!options.idle) source.emplace();
