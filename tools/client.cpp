@@ -14,8 +14,10 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "command_line.h"
+#include "comparison.h"
 #include "default_socket.h"
 #include "figures.h"
 #include "host/channel.h"
@@ -130,11 +132,15 @@ void declare(CLI::App& app, Options& options) {
                    "writes the figures for a script; - is the standard output")
         ->type_name("FILE");
     auto* const compare = app.add_option("--compare", options.outputs.compare,
-                                         "compares every frame with this clip's; the stream may "
-                                         "start at any frame of it")
+                                         "compares every frame with this clip's, which can come "
+                                         "from a pipe or - too; the stream may start at any "
+                                         "frame of it")
                               ->type_name("FILE");
     app.add_flag("--turned", options.outputs.turned,
                  "the frames have to come turned by 180 degrees")
+        ->needs(compare);
+    app.add_flag("--partial", options.outputs.partial,
+                 "leaves out a part of a frame at that clip's end")
         ->needs(compare);
     app.add_flag("--watch", options.outputs.watch, "shows the stream in the terminal");
 }
@@ -218,6 +224,12 @@ int run(int argc, char** argv) {
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     tools::openStandardStreams();
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
+    // Before signals are blocked: a pipe may never end.
+    std::optional<tools::Comparison> comparison;
+    if (const tools::OutputChoice& choice = options.outputs; choice.compare) {
+        comparison = tools::Comparison::with(*choice.compare, choice.turned, choice.partial);
+        if (!comparison) return kBadUsage;
+    }
     const tools::Signals signals = signalsToTake();
     // A reader that goes away, or a limit of a file's size, is a failure to write like others.
     signal(SIGPIPE, SIG_IGN);
@@ -225,7 +237,8 @@ int run(int argc, char** argv) {
 
     tools::Direction direction = directionOf(options);
     direction.interrupted = [&] { return signals.poll() != 0; };
-    tools::Outputs outputs(options.outputs, direction.stream.size, direction.interrupted);
+    tools::Outputs outputs(options.outputs, direction.stream.size, std::move(comparison),
+                           direction.interrupted);
     direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
         return outputs.take(answer, figures);
     };

@@ -25,11 +25,11 @@ size_t servedBefore(const Answer& answer, const Figures& figures) {
 
 }  // namespace
 
-std::optional<Comparison> Comparison::with(const std::filesystem::path& clip, bool turned) {
+std::optional<Comparison> Comparison::with(const std::string& clip, bool turned, bool partial) {
     std::string problem;
-    std::optional<Nv12File> file = Nv12File::open(clip, problem, true);
+    std::optional<Nv12File> file = Nv12File::open(clip, problem, partial);
     if (file) return Comparison(std::move(*file), turned);
-    warnx("%s cannot be compared with: %s", clip.c_str(), problem.c_str());
+    warnx("%s cannot be compared with: %s", clipInWords(clip).c_str(), problem.c_str());
     return std::nullopt;
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
@@ -21,14 +20,16 @@ class Comparison {
 public:
     Comparison(Nv12File clip, bool turned) : mClip(std::move(clip)), mTurned(turned) {}
 
-    /** With a clip that was judged before; nothing, after a sentence on stderr, if it is gone. */
-    static std::optional<Comparison> with(const std::filesystem::path& clip, bool turned);
+    /** With the clip of this name, as Nv12File opens it; nothing after a sentence on stderr. */
+    static std::optional<Comparison> with(const std::string& clip, bool turned, bool partial);
 
     /**
      * In words, what is wrong with a picture; empty when it is the one that it has to be. `figures`
      * are those of the answers so far.
      */
     std::string faultOf(const Answer& answer, const Figures& figures);
+    /** The pictures to come may start at any frame again. */
+    void startAnew() { mStarts.clear(); }
 
 private:
     /** A frame of the stream as the file has it, and the reverse. */

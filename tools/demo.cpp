@@ -155,7 +155,7 @@ std::optional<Played> playScene(const tools::ProviderProcess& provider, const Op
                                 const fs::path& clip, bool turned) {
     tools::Direction direction = directionOf(options, turned ? "turned" : "upright");
     const tools::PictureFolder folder(fs::path(options.out) / direction.name);
-    std::optional<tools::Comparison> comparison = tools::Comparison::with(clip, turned);
+    std::optional<tools::Comparison> comparison = tools::Comparison::with(clip, turned, true);
     const sp<IFDSession> session = provider.connect();
     if (!comparison || session == nullptr) return std::nullopt;
 
@@ -249,8 +249,8 @@ void printFigures(const Served& served, const tools::Figures& unserved, uint32_t
         {served.upright.figures, served.turned.figures, killed.before, killed.after, unserved});
     if (buffers > 1) {
         printf(
-            "With %u buffers in flight and a source that gives 20 frames a second that is about\n"
-            "%u ms; with --buffers 1 nothing waits before it.\n",
+            "With %u buffers in flight and 20 frames a second that makes about %u ms;\n"
+            "with --buffers 1 it waits for none.\n",
             buffers, buffers * 50);
     }
     printf("\n");

@@ -30,7 +30,7 @@ std::pair<Figures, Holdings> playWatched(const ProviderProcess& provider, Direct
     figures.wanted = direction.stream.frames;
     figures.ending = Ending::Gone;
 
-    std::optional<Comparison> comparison = Comparison::with(clip, false);
+    std::optional<Comparison> comparison = Comparison::with(clip, false, true);
     const auto session = provider.connect();
     if (!comparison || session == nullptr) return result;
     direction.look = [&](const Answer& answer, const Figures& soFar) {

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "figures_json.h"
-#include "nv12_file.h"
 
 namespace tools {
 
@@ -34,8 +33,9 @@ std::string OutputChoice::problem(FrameSize size) const {
     return watch ? TerminalView::obstacle() : std::string();
 }
 
-Outputs::Outputs(OutputChoice choice, FrameSize size, std::function<bool()> interrupted)
-    : mChoice(std::move(choice)), mSize(size) {
+Outputs::Outputs(OutputChoice choice, FrameSize size, std::optional<Comparison> comparison,
+                 std::function<bool()> interrupted)
+    : mChoice(std::move(choice)), mSize(size), mComparison(std::move(comparison)) {
     if (mChoice.png) mFolder.emplace(*mChoice.png);
     if (mChoice.raw) mRaw.emplace(*mChoice.raw, interrupted);
     if (mChoice.json) mJson.emplace(*mChoice.json, interrupted);
@@ -43,19 +43,7 @@ Outputs::Outputs(OutputChoice choice, FrameSize size, std::function<bool()> inte
 
 bool Outputs::open() {
     // The figures' file, too: that it cannot be written is found out before a long stream.
-    return (!mFolder || mFolder->make()) && (!mRaw || mRaw->open()) && (!mJson || mJson->open()) &&
-           (!mChoice.compare || openComparison());
-}
-
-bool Outputs::openComparison() {
-    std::string problem;
-    std::optional<Nv12File> clip = Nv12File::open(*mChoice.compare, problem);
-    if (clip) {
-        mComparison.emplace(std::move(*clip), mChoice.turned);
-    } else {
-        warnx("%s cannot be compared with: %s", mChoice.compare->c_str(), problem.c_str());
-    }
-    return clip.has_value();
+    return (!mFolder || mFolder->make()) && (!mRaw || mRaw->open()) && (!mJson || mJson->open());
 }
 
 std::string Outputs::take(const Answer& answer, const Figures& figures) {
@@ -69,7 +57,7 @@ std::string Outputs::take(const Answer& answer, const Figures& figures) {
 
 void Outputs::breakOff() {
     // From here on the stream may go on with any frame of the clip.
-    if (mComparison) openComparison();
+    if (mComparison) mComparison->startAnew();
 }
 
 bool Outputs::isBroken() const {

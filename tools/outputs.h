@@ -22,6 +22,7 @@ struct OutputChoice {
     std::optional<std::string> json;
     std::optional<std::string> compare;
     bool turned = false;
+    bool partial = false;
     bool watch = false;
 
     bool hasStandardOutput() const { return raw == "-" || json == "-"; }
@@ -33,7 +34,8 @@ struct OutputChoice {
 class Outputs {
 public:
     /** `interrupted` is asked while nobody reads an output. */
-    Outputs(OutputChoice choice, FrameSize size, std::function<bool()> interrupted);
+    Outputs(OutputChoice choice, FrameSize size, std::optional<Comparison> comparison,
+            std::function<bool()> interrupted);
 
     /** False after a sentence on stderr. */
     bool open();
@@ -52,8 +54,6 @@ public:
     bool finish(const Figures& figures, const StreamSettings& settings);
 
 private:
-    bool openComparison();
-
     const OutputChoice mChoice;
     const FrameSize mSize;
     std::optional<PictureFolder> mFolder;
