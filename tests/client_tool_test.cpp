@@ -220,6 +220,7 @@ TEST_F(ClientToolTest, KeepsTheStandardOutputForWhatIsToGoThere) {
     EXPECT_EQ(run("--frames 3 --raw -"), 0) << read("err");
     EXPECT_EQ(read("out").size(), 3 * kFrameBytes);
     EXPECT_TRUE(has(read("err"), "delivered"));
+    EXPECT_LE(widestLine(read("err")), 80U) << read("err");
 
     EXPECT_EQ(run("--frames 3 --buffers 2 --json -"), 0) << read("err");
     const std::string json = read("out");

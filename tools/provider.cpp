@@ -71,7 +71,9 @@ constexpr const char* kExamples =
     "Then, in another terminal: fdstream-client --watch --frames 0\n"
     "\n"
     "Signals: SIGHUP turns the frames by 180 degrees, or back; SIGINT (Ctrl-C) and\n"
-    "SIGTERM end it. It prints \"listening on PATH\" when clients can come.\n"
+    "SIGTERM end it. It prints \"listening on PATH\" when clients can come, then who\n"
+    "comes, takes the session over and goes, by process number, and whose requests\n"
+    "wait for nobody.\n"
     "\n"
     "Exit code: 0 it was ended by a signal, 1 its clip was cut short, 2 it could not\n"
     "start.";
