@@ -4,11 +4,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,85 +29,18 @@
 #include "host/threads.h"
 #include "support/few_descriptors.h"
 #include "support/leak_check.h"
-#include "support/session_fixture.h"
+#include "support/raw_client.h"
+#include "support/transport_fixture.h"
 
 namespace testing_support {
 
 using android::hardware::hidl_death_recipient;
-using android::hardware::camera::common::V1_0::Status;
 using android::hidl::base::V1_0::IBase;
 using host::UniqueFd;
 
 namespace {
 
-constexpr uint32_t kCall = 0x464443;
-constexpr uint32_t kAnswer = 0x464441;
-constexpr uint32_t kConfigure = 2;
-constexpr uint32_t kRequest = 3;
-
-/** A channel's socket without its manners. */
-class RawClient {
-public:
-    explicit RawClient(UniqueFd connected) : mSocket(std::move(connected)) {}
-    explicit RawClient(const std::string& path)
-        : mSocket(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        mAddress.sun_family = AF_UNIX;
-        strncpy(mAddress.sun_path, path.c_str(), sizeof(mAddress.sun_path) - 1);
-    }
-    bool connect() {
-        return ::connect(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) ==
-               0;
-    }
-    bool listen() {
-        return bind(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) == 0 &&
-               ::listen(mSocket.get(), 1) == 0;
-    }
-    void send(const std::vector<uint8_t>& bytes, int fds = 0) {
-        std::vector<char> control(CMSG_SPACE(sizeof(int) * 70));
-        iovec part = {const_cast<uint8_t*>(bytes.data()), bytes.size()};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (fds > 0) {
-            message.msg_control = control.data();
-            message.msg_controllen = CMSG_SPACE(sizeof(int) * static_cast<size_t>(fds));
-            cmsghdr* const first = CMSG_FIRSTHDR(&message);
-            first->cmsg_level = SOL_SOCKET;
-            first->cmsg_type = SCM_RIGHTS;
-            first->cmsg_len = CMSG_LEN(sizeof(int) * static_cast<size_t>(fds));
-            const std::vector<int> copies(static_cast<size_t>(fds), STDERR_FILENO);
-            memcpy(CMSG_DATA(first), copies.data(), sizeof(int) * copies.size());
-        }
-        EXPECT_GE(sendmsg(mSocket.get(), &message, MSG_NOSIGNAL), 0);
-    }
-    /** Sends calls and reads no answer, until the other end has closed. */
-    void sendUnread(const std::vector<uint8_t>& call) {
-        while (::send(mSocket.get(), call.data(), call.size(), MSG_NOSIGNAL) > 0) {
-        }
-    }
-    /** The method of the next call that comes. */
-    uint32_t receivedMethod() {
-        uint32_t words[4] = {};
-        EXPECT_EQ(recv(mSocket.get(), words, sizeof(words), 0),
-                  static_cast<ssize_t>(sizeof(words)));
-        return words[1];
-    }
-    /** Whether the other end has closed, or closes before it answers. */
-    bool isClosed() {
-        char byte = 0;
-        return recv(mSocket.get(), &byte, 1, 0) <= 0;
-    }
-
-private:
-    const UniqueFd mSocket;
-    sockaddr_un mAddress = {};
-};
-
-std::vector<uint8_t> message(std::initializer_list<uint32_t> words, size_t more = 0) {
-    std::vector<uint8_t> bytes(words.size() * 4 + more);
-    memcpy(bytes.data(), words.begin(), words.size() * 4);
-    return bytes;
-}
+using TransportTest = TransportFixture;
 
 struct Recipient : public hidl_death_recipient {
     void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
@@ -133,52 +66,6 @@ private:
     std::vector<UniqueFd> mTaken;
 };
 
-class TransportTest : public SessionFixture {
-protected:
-    TransportTest() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
-        path = folder + "/socket";
-        session->handleSetCallback(nullptr);  // what a test sets goes through the socket
-        serve();
-    }
-    ~TransportTest() override {
-        remote.clear();
-        endCallback();
-        server.reset();
-        std::filesystem::remove_all(folder);
-    }
-
-    void serve() {
-        std::string problem;
-        server = host::Server::listen(path, client, problem);
-        ASSERT_NE(server, nullptr) << problem;
-        remote = host::connect<IFDSession>(path, problem);
-        ASSERT_NE(remote, nullptr) << problem;
-    }
-    /** A call answered with this status. */
-    static void expectStatus(const Return<Status>& answer, Status status) {
-        ASSERT_TRUE(answer.isOk()) << answer.description();
-        EXPECT_EQ(static_cast<Status>(answer), status);
-    }
-    void setUpStream() {
-        expectStatus(remote->setCallback(callback), Status::OK);
-        expectStatus(remote->configure(configurationOf(0)), Status::OK);
-    }
-
-    /** Waits until no thread is in the callback, or will be. */
-    void endCallback() {
-        session->handleSetCallback(nullptr);
-        callback.clear();
-        deliveries.waitForDeath();
-    }
-
-    std::string folder;
-    std::string path;
-    std::unique_ptr<host::Server> server;
-    sp<IFDSession> remote;
-};
-
 TEST_F(TransportTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_TRUE(remote->isRemote());
     EXPECT_TRUE(remote->ping().isOk());
@@ -191,8 +78,8 @@ TEST_F(TransportTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(kept.operationMode, sent.operationMode);
 
     native_handle_t* const fence = native_handle_create(2, 3);
-    fence->data[0] = dup(STDERR_FILENO);
-    fence->data[1] = dup(STDERR_FILENO);
+    fence->data[0] = eventfd(0, EFD_CLOEXEC);
+    fence->data[1] = eventfd(0, EFD_CLOEXEC);
     fence->data[4] = 77;
     CaptureRequest request = requestFor(9, UINT64_MAX, buffer.handle());
     request.fmqSettingsSize = 5;
@@ -231,7 +118,7 @@ TEST_F(TransportTest, CarriesEveryFieldAndEveryDescriptor) {
 TEST_F(TransportTest, AnswersARefusalAndGoesOn) {
     setUpStream();
     native_handle_t* const noBuffer = native_handle_create(1, 1);
-    noBuffer->data[0] = dup(STDERR_FILENO);
+    noBuffer->data[0] = memfd_create("no buffer", MFD_CLOEXEC);
     hidl_handle owned;
     owned.setTo(noBuffer, true);
     expectStatus(remote->processCaptureRequest(requestFor(1, 1, noBuffer)),
@@ -275,7 +162,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     struct Fault {
         const char* name;
         std::vector<uint8_t> bytes;
-        int fds;
+        size_t fds;
     };
     // A request: frame number, settings size, settings, then the input buffer from byte 16 on.
     std::vector<uint8_t> manyInts = message({kCall, kRequest, 1, 0}, 60);
@@ -284,8 +171,6 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     std::vector<uint8_t> manyFds = manyInts;
     manyFds[16 + 16 + 13] = 1;
     memset(&manyFds[16 + 16 + 13 + 4], 0, 4);
-    std::vector<uint8_t> noChannel = message({kCall, 1, 1, 1}, 1);
-    noChannel.back() = 1;
     const Fault faults[] = {
         {"an empty message", {}, 0},
         {"an empty message with descriptors", {}, 2},
@@ -303,7 +188,6 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1},
         {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2},
         {"more descriptors than a message may have", message({kCall, kConfigure, 1, 65, 0, 0}), 65},
-        {"a callback that is no channel", noChannel, 1},
         {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
          0},
     };
@@ -312,7 +196,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         log.clear();
         RawClient hostile(path);
         ASSERT_TRUE(hostile.connect());
-        hostile.send(fault.bytes, fault.fds);
+        hostile.send(fault.bytes, std::vector<int>(fault.fds, STDERR_FILENO));
         EXPECT_TRUE(hostile.isClosed()) << fault.name;
         EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
         EXPECT_TRUE(remote->ping().isOk()) << fault.name;
@@ -506,51 +390,39 @@ protected:
         peer = std::make_unique<RawClient>(UniqueFd(ends[1]));
     }
     /** Why the call fails; empty when it does not. */
-    std::string call(uint32_t method = 1, bool bringsDescriptor = true) {
-        const auto status = channel->call(method, {}, [&](host::Reader& reader) {
-            if (!bringsDescriptor) return;
-            const UniqueFd fd = reader.descriptor();
-            flags = fd.isValid() ? fcntl(fd.get(), F_GETFD) : -1;
-        });
+    std::string call(uint32_t method = 1) {
+        const auto status = channel->call(method, {}, [](host::Reader& /*reader*/) {});
         return status.isOk() ? "" : status.description();
     }
 
     std::unique_ptr<host::CallChannel> channel;
     std::unique_ptr<RawClient> peer;
-    int flags = -1;  ///< of the descriptor that the last answer brought
 };
 
-TEST_F(CallChannelTest, WaitsForASlowAnswerAndTakesWhatCameWithIt) {
+TEST_F(CallChannelTest, WaitsForASlowAnswer) {
     std::thread slow([this] {
         EXPECT_FALSE(peer->isClosed());
         // Well within the bounded wait, and long enough to show that it is waited for.
         std::this_thread::sleep_for(host::kCallPatience * 3 / 10);
-        peer->send(message({kAnswer, 1, 1, 1}), 1);
+        peer->send(message({kAnswer, 1, 1, 0}));
     });
     EXPECT_EQ(call(), "");
-    EXPECT_EQ(flags, FD_CLOEXEC);
     slow.join();
 }
 
 TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
-    std::vector<uint8_t> refusal = message({0x464452, 1, 1, 0});
+    std::vector<uint8_t> refusal = message({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
     refusal.insert(refusal.end(), text.begin(), text.end());
     peer->send(refusal);
     const std::string description = call();
     EXPECT_NE(description.find("no?11-24 forged ?[31m"), std::string::npos) << description;
     EXPECT_LT(description.size(), 200U);
-    peer->send(message({kAnswer, 1, 2, 1}), 1);
+    peer->send(message({kAnswer, 1, 2, 0}));
     EXPECT_EQ(call(), "");
 }
 
 TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
-    const auto isAsleep = [](pid_t thread) {
-        std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
-        std::string text;
-        std::getline(file, text);
-        return text.find(") S ") != std::string::npos;
-    };
     std::atomic<pid_t> second{0};
     std::thread one([this] {
         call(1);
@@ -566,25 +438,29 @@ TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
         if (serial > 1) {
             EXPECT_EQ(peer->receivedMethod(), serial);
         }
-        peer->send(message({kAnswer, 1, serial, 1}), 1);
+        peer->send(message({kAnswer, 1, serial, 0}));
     }
     one.join();
     other.join();
 }
 
 TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
-    for (const std::vector<uint8_t>& bad : {message({kAnswer, 1, 9, 0}),  // to another call
-                                            message({kCall, 1, 1, 0}), message({kAnswer, 1}),
-                                            message({kAnswer, 1, 1, 0, 7}),  // bytes left over
-                                            message({kAnswer, 1, 1, 1}),     // no descriptor
-                                            std::vector<uint8_t>()}) {
+    struct Bad {
+        std::vector<uint8_t> bytes;
+        std::vector<int> fds;
+    };
+    for (const Bad& bad : {Bad{message({kAnswer, 1, 9, 0}), {}},  // to another call
+                           Bad{message({kCall, 1, 1, 0}), {}}, Bad{message({kAnswer, 1}), {}},
+                           Bad{message({kAnswer, 1, 1, 0, 7}), {}},  // bytes left over
+                           Bad{message({kAnswer, 1, 1, 1}), {STDERR_FILENO}},
+                           Bad{message({kRefused, 1, 1, 1}), {STDERR_FILENO}}, Bad()}) {
         connect();
-        peer->send(bad);
-        const std::string first = call(1, false);
+        peer->send(bad.bytes, bad.fds);
+        const std::string first = call();
         EXPECT_NE(first, "");
         EXPECT_FALSE(peer->isClosed());  // the call
         EXPECT_TRUE(peer->isClosed());   // and then the end
-        const std::string later = call(1, false);
+        const std::string later = call();
         EXPECT_NE(later.find("DEAD_OBJECT"), std::string::npos);
         EXPECT_NE(later.find(first.substr(first.rfind(": "))), std::string::npos) << later;
     }
@@ -694,7 +570,8 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         // Descriptors of a message.
         const size_t fds = offset(host::kMaxMessageFds);
         native_handle_t* const fence = native_handle_create(static_cast<int>(fds), 0);
-        std::fill_n(&fence->data[0], fds, STDERR_FILENO);
+        const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+        std::fill_n(&fence->data[0], fds, event.get());
         request = requestFor(1, 1, nullptr);
         request.outputBuffers[0].acquireFence = fence;
         EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;

@@ -31,7 +31,8 @@ struct Fields<::android::hardware::camera::device::V3_2::StreamBuffer> {
     static constexpr size_t kSmallest = 19;
     template <typename Archive, typename Record>
     static void visit(Archive& archive, Record& r) {
-        archive(r.streamId, r.bufferId, r.buffer, r.status, r.acquireFence, r.releaseFence);
+        archive(r.streamId, r.bufferId, memory(r.buffer), r.status, fence(r.acquireFence),
+                fence(r.releaseFence));
     }
 };
 

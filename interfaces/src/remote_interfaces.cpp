@@ -10,6 +10,7 @@
 
 #include "host/remote.h"
 #include "records.h"
+#include "request_bounds.h"
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0 {
 
@@ -28,6 +29,7 @@ using ::android::hidl::base::V1_0::IBase;
 using host::CallChannel;
 using host::Outgoing;
 using host::Reader;
+using host::RequestBounds;
 using host::Stub;
 using host::Writer;
 
@@ -100,13 +102,26 @@ class BpHwFDSessionCallback : public Proxy<IFDSessionCallback> {
 public:
     using Proxy::Proxy;
 
+    /** The results that it is called with end requests that these bounds count. */
+    void endRequestsOf(std::shared_ptr<RequestBounds> bounds) { mBounds = std::move(bounds); }
+
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
+        // Before the call, because the client may ask for the next frame from inside it.
+        if (mBounds != nullptr) mBounds->handedOver(results.size());
         return callVoid(FIRST, written(results));
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override {
         return callVoid(SECOND, written(msgs));
     }
+
+private:
+    // Set before anybody else knows this object.
+    std::shared_ptr<RequestBounds> mBounds;
 };
+
+bool isAccepted(const Return<Status>& answer) {
+    return answer.isOk() && static_cast<Status>(answer) == Status::OK;
+}
 
 /** A local call's transport status is of no interest, but has to be looked at. */
 template <typename Result>
@@ -116,42 +131,72 @@ bool answered(const Result& result, Writer& writer) {
     return true;
 }
 
+/**
+ * Reads what a call brings and, if it adds up and nothing of it is refused, calls with it. False
+ * when it does not add up.
+ */
+template <typename Arguments, typename Call>
+bool callWith(Reader& reader, Call call) {
+    Arguments arguments = {};
+    reader(arguments);
+    if (!reader.complete()) return false;
+    if (reader.refusal().empty()) return call(arguments);
+    return true;
+}
+
 class BnHwFDSession : public Stub {
 public:
-    explicit BnHwFDSession(sp<IFDSession> session) : mSession(std::move(session)) {}
+    explicit BnHwFDSession(sp<IFDSession> session)
+        : mSession(std::move(session)), mBounds(std::make_shared<RequestBounds>()) {}
 
     bool dispatch(uint32_t method, Reader& reader, Writer& writer) override {
         switch (method) {
             case PING:
                 return reader.complete();
-            case FIRST: {
-                sp<IBase> callback;
-                if (!host::readInterface(reader, IFDSessionCallback::descriptor, callback) ||
-                    !reader.complete()) {
-                    return false;
-                }
-                return answered(
-                    mSession->setCallback(static_cast<IFDSessionCallback*>(callback.get())),
-                    writer);
-            }
-            case SECOND: {
-                StreamConfiguration configuration = {};
-                reader(configuration);
-                return reader.complete() && answered(mSession->configure(configuration), writer);
-            }
-            case THIRD: {
-                CaptureRequest request = {};
-                reader(request);
-                return reader.complete() &&
-                       answered(mSession->processCaptureRequest(request), writer);
-            }
+            case FIRST:
+                return setCallback(reader, writer);
+            case SECOND:
+                return callWith<StreamConfiguration>(reader, [&](const auto& configuration) {
+                    return configure(configuration, writer);
+                });
+            case THIRD:
+                return callWith<CaptureRequest>(
+                    reader, [&](const auto& request) { return submit(request, reader, writer); });
             default:
                 return false;
         }
     }
 
 private:
+    bool setCallback(Reader& reader, Writer& writer) {
+        sp<IBase> proxy;
+        if (!host::readInterface(reader, IFDSessionCallback::descriptor, proxy) ||
+            !reader.complete()) {
+            return false;
+        }
+        if (!reader.refusal().empty()) return true;
+        const sp<BpHwFDSessionCallback> callback = static_cast<BpHwFDSessionCallback*>(proxy.get());
+        if (callback != nullptr) callback->endRequestsOf(mBounds);
+        return answered(mSession->setCallback(callback), writer);
+    }
+    bool configure(const StreamConfiguration& configuration, Writer& writer) {
+        const Return<Status> answer = mSession->configure(configuration);
+        if (isAccepted(answer)) mBounds->restart();
+        return answered(answer, writer);
+    }
+    bool submit(const CaptureRequest& request, Reader& reader, Writer& writer) {
+        RequestBounds::Place place(*mBounds, request);
+        if (place.problem() != nullptr) {
+            reader.refuse(place.problem());
+            return true;
+        }
+        const Return<Status> answer = mSession->processCaptureRequest(request);
+        if (isAccepted(answer)) place.keep();
+        return answered(answer, writer);
+    }
+
     const sp<IFDSession> mSession;
+    const std::shared_ptr<RequestBounds> mBounds;
 };
 
 class BnHwFDSessionCallback : public Stub {
@@ -163,17 +208,14 @@ public:
         switch (method) {
             case PING:
                 return reader.complete();
-            case FIRST: {
-                hidl_vec<CaptureResult> results;
-                reader(results);
-                return reader.complete() &&
-                       answered(mCallback->processCaptureResult(results), writer);
-            }
-            case SECOND: {
-                hidl_vec<FDNotifyMsg> msgs;
-                reader(msgs);
-                return reader.complete() && answered(mCallback->notify(msgs), writer);
-            }
+            case FIRST:
+                return callWith<hidl_vec<CaptureResult>>(reader, [&](const auto& results) {
+                    return answered(mCallback->processCaptureResult(results), writer);
+                });
+            case SECOND:
+                return callWith<hidl_vec<FDNotifyMsg>>(reader, [&](const auto& msgs) {
+                    return answered(mCallback->notify(msgs), writer);
+                });
             default:
                 return false;
         }

@@ -33,12 +33,14 @@ using ::android::hidl::base::V1_0::IBase;
 /**
  * The caller's end of a channel. Any thread may call; calls take turns in their order, and each
  * waits for its turn, its way and its answer no longer than kCallPatience. After a failure on the
- * way the channel is dead for good: later calls fail at once. Resource type, shared by its proxy
- * alone.
+ * way the channel is dead for good: later calls fail at once. An answer carries no descriptors.
+ * Resource type, shared by its proxy alone.
  */
 class CallChannel {
 public:
-    explicit CallChannel(UniqueFd socket);
+    /** `peer` is who serves the other end; a client's socket is closed where nobody waits for it.
+     */
+    explicit CallChannel(UniqueFd socket, Peer peer = Peer::PROVIDER);
     ~CallChannel();
     CallChannel(const CallChannel&) = delete;
     CallChannel& operator=(const CallChannel&) = delete;
@@ -57,7 +59,8 @@ public:
 private:
     class DeathWatch;
 
-    const UniqueFd mSocket;
+    UniqueFd mSocket;
+    const Peer mPeer;
 
     std::mutex mMutex;
     std::condition_variable mTurn;
@@ -78,7 +81,8 @@ public:
     virtual ~Stub() = default;
     /**
      * Reads the arguments, calls the object, writes the answer. False when there is no such method,
-     * or the arguments do not add up; the object was not called then.
+     * or the arguments do not add up. The object is not called then, nor when the reader refuses
+     * what came, which is the answer.
      */
     virtual bool dispatch(uint32_t method, Reader& reader, Writer& writer) = 0;
 };
@@ -95,7 +99,7 @@ void registerInterface(const char* descriptor, const InterfaceMakers& makers);
  * peer lets go of the other. Null is legal. False when no channel could be made.
  */
 bool writeInterface(Writer& writer, const char* descriptor, const sp<IBase>& object);
-/** What writeInterface() wrote: a proxy, or null. False when it was no channel. */
+/** What writeInterface() wrote: a proxy, or null. False when it was not that. */
 bool readInterface(Reader& reader, const char* descriptor, sp<IBase>& object);
 
 }  // namespace host

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <type_traits>
 #include <vector>
 
@@ -21,6 +22,27 @@ namespace host {
 /** Specialised for each record: `template <typename A, typename R> static void visit(A&, R&)`. */
 template <typename Record>
 struct Fields;
+
+/**
+ * What a descriptor that crosses may be: kinds whose closing waits for nobody. Memory is a memfd
+ * (not of huge pages), a fence an eventfd, a sync file or an end of a pipe.
+ */
+enum class Crossing { MEMORY, FENCE, CHANNEL };
+
+/** A handle of a record, and what its descriptors may be. */
+template <typename Handle>
+struct HandleOf {
+    Handle& handle;
+    Crossing kind;
+};
+template <typename Handle>
+HandleOf<Handle> memory(Handle& handle) {
+    return {handle, Crossing::MEMORY};
+}
+template <typename Handle>
+HandleOf<Handle> fence(Handle& handle) {
+    return {handle, Crossing::FENCE};
+}
 
 /** What goes out behind a message's header. The records it was written from have to outlive it. */
 struct Outgoing {
@@ -67,29 +89,44 @@ private:
                 write(element);
         }
     }
-    void write(const ::android::hardware::hidl_handle& handle);
+    template <typename Handle>
+    void write(const HandleOf<Handle>& carried) {
+        writeHandle(carried.handle);
+    }
+    void writeHandle(const ::android::hardware::hidl_handle& handle);
     void append(const void* data, size_t size);
 
     Outgoing& mOut;
 };
 
+/** Who sent what came in. A client's descriptors are held against what may cross. */
+enum class Peer { PROVIDER, CLIENT };
+
 /**
  * Takes values out of what came in, which nobody vouches for. The first value that does not fit
  * fails the whole: from then on nothing is read, and complete() is false. Nothing is allocated
  * before the bytes that it is for are known to be there.
+ *
+ * What fits but is not wanted is refused: reading goes on, but from then on descriptors stay with
+ * what came in, and nobody may be called with the values.
  */
 class Reader {
 public:
-    explicit Reader(Incoming& in) : mIn(in) {}
+    explicit Reader(Incoming& in, Peer peer = Peer::PROVIDER) : mIn(in), mPeer(peer) {}
 
     template <typename... Values>
-    void operator()(Values&... values) {
+    void operator()(Values&&... values) {
         (read(values), ...);
     }
-    /** The next descriptor; invalid when there is none left. */
-    UniqueFd descriptor();
+    /** The next descriptor; invalid when there is none left, or what came is refused. */
+    UniqueFd descriptor(Crossing kind);
     /** Whether every value fitted, and all bytes and descriptors were asked for. */
     bool complete() const;
+
+    /** Refuses what came, with a sentence for who sent it; the first one counts. */
+    void refuse(const std::string& why);
+    /** Why it is refused; empty when it is not. */
+    const std::string& refusal() const { return mRefusal; }
 
 private:
     template <typename T>
@@ -117,7 +154,11 @@ private:
                 read(element);
         }
     }
-    void read(::android::hardware::hidl_handle& handle);
+    template <typename Handle>
+    void read(HandleOf<Handle>& carried) {
+        readHandle(carried.handle, carried.kind);
+    }
+    void readHandle(::android::hardware::hidl_handle& handle, Crossing kind);
 
     /** The fewest bytes that a value of this type takes. */
     template <typename T>
@@ -132,9 +173,11 @@ private:
     bool take(void* data, size_t size);
 
     Incoming& mIn;
+    const Peer mPeer;
     size_t mAt = 0;
     size_t mNextFd = 0;
     bool mFailed = false;
+    std::string mRefusal;
 };
 
 }  // namespace host

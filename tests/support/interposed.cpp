@@ -1,12 +1,18 @@
 #include "support/interposed.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 namespace testing_support {
 
@@ -24,7 +30,18 @@ struct State {
     bool gateClosed = false;
     int64_t pausesBegun = 0;
     int64_t pausesAllowed = 0;
+    std::pair<dev_t, ino_t> slowFile;
+    std::thread::id unheld;
+    int held = 0;
 };
+
+std::atomic<bool> sIsSlow{false};  // whether `slowFile` holds for anything
+
+std::pair<dev_t, ino_t> fileOf(int fd) {
+    struct stat file = {};
+    fstat(fd, &file);
+    return {file.st_dev, file.st_ino};
+}
 
 State& state() {
     static auto* const instance = new State;
@@ -35,6 +52,20 @@ template <typename Condition>
 bool waitFor(std::unique_lock<std::mutex>& lock, Condition condition) {
     return state().changed.wait_until(
         lock, std::chrono::system_clock::now() + std::chrono::seconds(10), condition);
+}
+
+/** Waits as long as the gate holds this file up. */
+void passCloseGate(int fd) {
+    if (!sIsSlow) return;
+    const int saved = errno;
+    const std::pair<dev_t, ino_t> file = fileOf(fd);
+    std::unique_lock<std::mutex> lock(state().mutex);
+    if (sIsSlow && file == state().slowFile && std::this_thread::get_id() != state().unheld) {
+        ++state().held;
+        state().changed.notify_all();
+        state().changed.wait(lock, [] { return !sIsSlow; });
+    }
+    errno = saved;
 }
 
 }  // namespace
@@ -89,9 +120,33 @@ bool PauseGate::passOnce() {
     return waitUntilPausing();
 }
 
+CloseGate::CloseGate(int fd) {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().slowFile = fileOf(fd);
+    state().unheld = std::this_thread::get_id();
+    state().held = 0;
+    sIsSlow = true;
+}
+
+CloseGate::~CloseGate() {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    sIsSlow = false;
+    state().changed.notify_all();
+}
+
+bool CloseGate::waitUntilHeld(int count) {
+    std::unique_lock<std::mutex> lock(state().mutex);
+    return waitFor(lock, [count] { return state().held >= count; });
+}
+
 }  // namespace testing_support
 
 using testing_support::state;
+
+extern "C" int close(int fd) {
+    testing_support::passCloseGate(fd);
+    return static_cast<int>(syscall(SYS_close, fd));
+}
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {

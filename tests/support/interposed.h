@@ -3,8 +3,8 @@
 #include <cstdint>
 
 /**
- * The test program's own gettimeofday() and usleep(): a program's symbols win over the library's,
- * and the product cannot tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep() and close(): a program's symbols win over the
+ * library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -35,6 +35,22 @@ public:
     bool waitUntilPausing();
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
+};
+
+/**
+ * Holds up every close() of one file, for the scope of this object and but for the thread that made
+ * it: as a file does whose file system never answers.
+ */
+class CloseGate {
+public:
+    explicit CloseGate(int fd);
+    ~CloseGate();
+    CloseGate(const CloseGate&) = delete;
+    CloseGate& operator=(const CloseGate&) = delete;
+
+    /** Waits until so many threads are held up, all of them since the beginning; false after 10 s.
+     */
+    bool waitUntilHeld(int count);
 };
 
 }  // namespace testing_support

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "host/mapper.h"
@@ -24,6 +25,13 @@ bool eventually(const std::function<bool()>& condition) {
         std::this_thread::yield();
     }
     return true;
+}
+
+bool isAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    return text.find(") S ") != std::string::npos;
 }
 
 std::string threadName() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <condition_variable>
 #include <functional>
@@ -26,6 +27,9 @@ constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl"
 
 /** Asks again and again, for events that nobody tells; false after 10 s. */
 bool eventually(const std::function<bool()>& condition);
+
+/** Whether this thread of the process waits for something. */
+bool isAsleep(pid_t thread);
 
 /** Of the calling thread, as the kernel keeps it. */
 std::string threadName();

@@ -10,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "closing.h"
 #include "host/limits.h"
 #include "host/remote.h"
 #include "socket.h"
@@ -91,8 +92,9 @@ private:
     struct Shared {
         /** Whom to tell; null when it was called off. */
         sp<hidl_death_recipient> end() {
+            UniqueFd closedLast;  // without the mutex: it can wait for the peer
             const std::lock_guard<std::mutex> lock(mutex);
-            socket.reset();
+            closedLast = std::move(socket);
             stop.reset();
             return std::exchange(recipient, nullptr);
         }
@@ -107,9 +109,11 @@ private:
     const std::shared_ptr<Shared> mShared;
 };
 
-CallChannel::CallChannel(UniqueFd socket) : mSocket(std::move(socket)) {}
+CallChannel::CallChannel(UniqueFd socket, Peer peer) : mSocket(std::move(socket)), mPeer(peer) {}
 
-CallChannel::~CallChannel() = default;
+CallChannel::~CallChannel() {
+    if (mPeer == Peer::CLIENT) detail::closeLater(std::move(mSocket));
+}
 
 Status CallChannel::call(uint32_t method, const Outgoing& out,
                          const std::function<void(Reader&)>& read) {
@@ -135,8 +139,11 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
         if (!alive) return failure;
         Header answer = {};
         failure = detail::receiveMessage(mSocket.get(), answer, mBuffer, in, deadline);
-        alive = failure.isOk() && answer.serial == header.serial && answer.kind != Header::CALL;
+        alive = failure.isOk() && in.fds.empty() && answer.serial == header.serial &&
+                answer.kind != Header::CALL;
         if (!failure.isOk()) return failure;
+        if (!in.fds.empty())
+            return {::android::FAILED_TRANSACTION, "the answer brings descriptors"};
         if (!alive) return {::android::FAILED_TRANSACTION, "the answer is to another call"};
         if (answer.kind == Header::REFUSED) {
             return {::android::FAILED_TRANSACTION, printable(in)};
@@ -148,6 +155,7 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
         return {};
     };
     const Failure failure = exchange();
+    detail::letGoOf(in.fds);
 
     lock.lock();
     mTickets.erase(mTickets.begin());

@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 
+#include "control_data.h"
 #include "served_channel.h"
 
 namespace host {
@@ -52,10 +53,12 @@ bool readInterface(Reader& reader, const char* descriptor, sp<IBase>& object) {
     uint8_t present = 0;
     reader(present);
     if (present == 0) return true;
-    UniqueFd socket = reader.descriptor();
+    UniqueFd socket = reader.descriptor(Crossing::CHANNEL);
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
-    if (present != 1 || makers == nullptr || !detail::isChannelSocket(socket.get())) return false;
-    object = makers->proxy(std::make_unique<CallChannel>(std::move(socket)));
+    if (present != 1 || makers == nullptr) return false;
+    if (!socket.isValid()) return true;  // the reader knows why
+    detail::switchOffControlData(socket.get());
+    object = makers->proxy(std::make_unique<CallChannel>(std::move(socket), Peer::CLIENT));
     return true;
 }
 

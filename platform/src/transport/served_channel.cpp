@@ -7,6 +7,7 @@
 #include <chrono>
 #include <thread>
 
+#include "closing.h"
 #include "host/limits.h"
 #include "slot_reserve.h"
 #include "socket.h"
@@ -56,11 +57,22 @@ private:
     const Watches& mWatches;
 };
 
-/** One call. False when the channel has come to its end, which is as `end` says. */
-bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer, const Watches& watches,
-              ServedEnd& end) {
+/** What came with a call; what nobody took of it is let go of at the end. */
+struct Arrival {
+    Arrival() = default;
+    ~Arrival() { letGoOf(in.fds); }
+    Arrival(const Arrival&) = delete;
+    Arrival& operator=(const Arrival&) = delete;
+
     Header call = {};
     Incoming in;
+};
+
+/** One call. False when the channel has come to its end, which is as `end` says. */
+bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
+              const Watches& watches, ServedEnd& end) {
+    Arrival arrival;
+    auto& [call, in] = arrival;
     const Failure failure = receiveMessage(socket, call, buffer, in, {});
     const CallUnderWay underWay(watches);
     if (!failure.isOk()) {
@@ -78,14 +90,23 @@ bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer, const Watche
         return SlotReserve::isReserved(fd.get());
     });
     if (isShort) {
-        in.fds.clear();
+        letGoOf(in.fds);
         return refuse(socket, call, "too few descriptor slots are free");
     }
-    Reader reader(in);
+    Reader reader(in, peer);
     Outgoing out;
     Writer writer(out);
     if (!stub.dispatch(call.method, reader, writer)) {
         logEnd("no such method, or arguments that do not add up");
+        return false;
+    }
+    if (!reader.refusal().empty()) {
+        const bool answered = refuse(socket, call, reader.refusal());
+        const bool isUnfit = std::any_of(in.fds.begin(), in.fds.end(),
+                                         [](const UniqueFd& fd) { return fd.isValid(); });
+        letGoOf(in.fds);
+        if (!isUnfit || !isClosingBehind()) return answered;
+        logEnd("it brings what may not cross, and too much waits to be closed already");
         return false;
     }
     const bool answered = answer(socket, call, Header::ANSWER, out);
@@ -95,10 +116,10 @@ bool serveOne(int socket, Stub& stub, std::vector<uint8_t>& buffer, const Watche
 
 }  // namespace
 
-ServedEnd serveChannel(int socket, Stub& stub, const Watches& watches) {
+ServedEnd serveChannel(int socket, Stub& stub, Peer peer, const Watches& watches) {
     std::vector<uint8_t> buffer;
     ServedEnd end = ServedEnd::LET_GO;
-    while (serveOne(socket, stub, buffer, watches, end)) {
+    while (serveOne(socket, stub, peer, buffer, watches, end)) {
     }
     shutdown(socket, SHUT_RDWR);
     return end;
@@ -107,7 +128,7 @@ ServedEnd serveChannel(int socket, Stub& stub, const Watches& watches) {
 bool serveDetached(UniqueFd socket, const sp<IBase>& object, std::unique_ptr<Stub> stub) {
     auto serve = [socket = std::move(socket), stub = std::move(stub),
                   watches = watchesOf(object.get())] {
-        const ServedEnd end = serveChannel(socket.get(), *stub, watches);
+        const ServedEnd end = serveChannel(socket.get(), *stub, Peer::PROVIDER, watches);
         for (const auto& calls : watches)
             calls->channelEnded(end);
     };
@@ -123,16 +144,6 @@ bool makePair(UniqueFd& one, UniqueFd& other) {
     one.reset(ends[0]);
     other.reset(ends[1]);
     return true;
-}
-
-bool isChannelSocket(int fd) {
-    int type = 0;
-    socklen_t size = sizeof(type);
-    sockaddr_storage address = {};
-    socklen_t addressSize = sizeof(address);
-    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_SEQPACKET &&
-           getsockname(fd, reinterpret_cast<sockaddr*>(&address), &addressSize) == 0 &&
-           address.ss_family == AF_UNIX;
 }
 
 }  // namespace host::detail

@@ -8,10 +8,11 @@
 namespace host::detail {
 
 /**
- * Takes calls from a socket until the peer lets go, is at fault, or the socket is shut down. Tells
- * the watches of each call.
+ * Takes calls from a socket until the peer lets go, is at fault, or the socket is shut down. What a
+ * client's calls bring is held against what may cross; a provider is trusted. Tells the watches of
+ * each call.
  */
-ServedEnd serveChannel(int socket, Stub& stub, const Watches& watches = {});
+ServedEnd serveChannel(int socket, Stub& stub, Peer peer, const Watches& watches = {});
 
 /**
  * Serves an object on a thread of its own, for as long as the peer holds the other end. False when
@@ -24,6 +25,5 @@ const InterfaceMakers* findInterface(const char* descriptor);
 
 /** A connected pair of close-on-exec SOCK_SEQPACKET sockets. */
 bool makePair(UniqueFd& one, UniqueFd& other);
-bool isChannelSocket(int fd);
 
 }  // namespace host::detail

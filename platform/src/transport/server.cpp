@@ -17,6 +17,7 @@
 #include <thread>
 #include <utility>
 
+#include "closing.h"
 #include "host/channel.h"
 #include "host/limits.h"
 #include "host/remote.h"
@@ -161,7 +162,10 @@ public:
             shutdown(connection.socket.get(), SHUT_RDWR);
         }
         for (Connection& connection : mConnections)
-            connection.thread.join();
+            end(connection);
+        // What is left in its queue goes with it.
+        shutdown(mSocket.get(), SHUT_RDWR);
+        detail::closeLater(std::move(mSocket));
     }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -189,17 +193,22 @@ private:
         if (fileId(mPath) == mFile) unlink(mPath.c_str());
     }
 
+    static void end(Connection& connection) {
+        connection.thread.join();
+        detail::closeLater(std::move(connection.socket));
+    }
+
     void acceptAll() {
         bool full = false;
         while (!mStopping) {
-            // Without a slot for it a connection stays in the backlog: asked for again, not spun
-            // on.
+            // Without a slot for it, or while too much waits to be closed, a connection stays in
+            // the backlog: asked for again, not spun on.
             pollfd entries[] = {{mWake.get(), POLLIN, 0}, {mSocket.get(), POLLIN, 0}};
             poll(entries, full ? 1 : 2, full ? kRetryMs : -1);
             eventfd_t woken = 0;
             eventfd_read(mWake.get(), &woken);
             reap();
-            full = !mStopping && isSomebodyWaiting() && !acceptOne();
+            full = !mStopping && isSomebodyWaiting() && (detail::isClosingBehind() || !acceptOne());
         }
     }
 
@@ -215,11 +224,13 @@ private:
         const std::optional<pid_t> peer = sameUsersPeer(socket.get());
         if (!peer) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
+            detail::closeLater(std::move(socket));
             return true;
         }
         if (mConnections.size() >= kMaxConnections) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection beyond the limit of %zu is refused", kMaxConnections);
+            detail::closeLater(std::move(socket));
             return true;
         }
         Connection& connection = mConnections.emplace_back();
@@ -228,12 +239,13 @@ private:
         if (mEvents.came) mEvents.came(*peer);
         const auto serve = [this, &connection] {
             tCaller = connection.peer;
-            detail::serveChannel(connection.socket.get(), *mStub);
+            detail::serveChannel(connection.socket.get(), *mStub, Peer::CLIENT);
             connection.ended = true;
             eventfd_write(mWake.get(), 1);
         };
         if (!detail::startThread(connection.thread, "connection", serve)) {
             if (mEvents.went) mEvents.went(*peer);
+            detail::closeLater(std::move(connection.socket));
             mConnections.pop_back();
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection is refused: no thread can be made for it");
@@ -254,7 +266,7 @@ private:
     void reap() {
         mConnections.remove_if([this](Connection& connection) {
             if (!connection.ended) return false;
-            connection.thread.join();
+            end(connection);
             if (mEvents.went) mEvents.went(connection.peer);
             return true;
         });
@@ -263,7 +275,7 @@ private:
     const detail::SlotReserve mReserve;
     const std::string mPath;
     const FileId mFile;
-    const UniqueFd mSocket;
+    UniqueFd mSocket;
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
     const ConnectionEvents mEvents;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "control_data.h"
 #include "host/limits.h"
 
 namespace host::detail {
@@ -59,20 +60,6 @@ Failure failureOf(int error) {
             return {FAILED_TRANSACTION, "too many descriptors are on their way already"};
         default:
             return {FAILED_TRANSACTION, strerror(error)};
-    }
-}
-
-/** Takes over every descriptor that came, whatever becomes of the message. */
-void collect(msghdr& message, std::vector<UniqueFd>& fds) {
-    for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
-         control = CMSG_NXTHDR(&message, control)) {
-        if (control->cmsg_level != SOL_SOCKET || control->cmsg_type != SCM_RIGHTS) continue;
-        const size_t count = (control->cmsg_len - CMSG_LEN(0)) / sizeof(int);
-        for (size_t i = 0; i < count; ++i) {
-            int fd = -1;
-            memcpy(&fd, CMSG_DATA(control) + i * sizeof(int), sizeof(int));
-            fds.emplace_back(fd);
-        }
     }
 }
 
@@ -146,7 +133,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
         const ssize_t size = recvmsg(socket, &message, flags);
         if (size >= 0) {
             const auto length = static_cast<size_t>(size);
-            collect(message, in.fds);
+            takeDescriptors(message, in.fds);
             // An empty message looks like the end of the connection.
             if (length == 0 && in.fds.empty() && hasHungUp(socket)) return closedByPeer();
             memcpy(&header, buffer.data(), std::min(sizeof(header), length));

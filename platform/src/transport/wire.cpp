@@ -1,8 +1,31 @@
 #include "host/wire.h"
 
+#include "closing.h"
+#include "descriptor_kind.h"
+
 namespace host {
 
 using ::android::hardware::hidl_handle;
+
+namespace {
+
+/** Why a descriptor may not cross as this; null when it may. */
+const char* faultOf(int fd, Crossing kind) {
+    switch (kind) {
+        case Crossing::MEMORY:
+            return detail::isMemory(fd) ? nullptr : "a buffer's handle takes a memfd only";
+        case Crossing::FENCE:
+            return detail::isFence(fd) ? nullptr
+                                       : "a fence takes an eventfd, a sync file or a pipe only";
+        case Crossing::CHANNEL:
+            break;
+    }
+    if (!detail::isChannelSocket(fd)) return "an interface takes a channel's socket only";
+    // Closing it takes with it what its peer has left in it.
+    return detail::isClosingBehind() ? "too much of what clients sent waits to be closed" : nullptr;
+}
+
+}  // namespace
 
 void Writer::append(const void* data, size_t size) {
     if (size == 0) return;
@@ -16,7 +39,7 @@ void Writer::descriptor(UniqueFd fd) {
     mOut.handedOver.push_back(std::move(fd));
 }
 
-void Writer::write(const hidl_handle& handle) {
+void Writer::writeHandle(const hidl_handle& handle) {
     const native_handle_t* const native = handle.getNativeHandle();
     write(native != nullptr);
     if (native == nullptr) return;
@@ -36,15 +59,23 @@ bool Reader::take(void* data, size_t size) {
     return true;
 }
 
-UniqueFd Reader::descriptor() {
+UniqueFd Reader::descriptor(Crossing kind) {
     if (mFailed || mNextFd == mIn.fds.size()) {
         mFailed = true;
         return {};
     }
-    return std::move(mIn.fds[mNextFd++]);
+    UniqueFd& next = mIn.fds[mNextFd++];
+    if (mPeer == Peer::CLIENT) {
+        if (const char* const fault = faultOf(next.get(), kind)) refuse(fault);
+    }
+    return mRefusal.empty() ? std::move(next) : UniqueFd();
 }
 
-void Reader::read(hidl_handle& handle) {
+void Reader::refuse(const std::string& why) {
+    if (mRefusal.empty()) mRefusal = why;
+}
+
+void Reader::readHandle(hidl_handle& handle, Crossing kind) {
     uint8_t present = 0;
     read(present);
     if (mFailed || present == 0) return;
@@ -66,7 +97,7 @@ void Reader::read(hidl_handle& handle) {
     }
     take(&native->data[numFds], static_cast<size_t>(numInts) * sizeof(int));
     for (int i = 0; i < numFds; ++i)
-        native->data[i] = descriptor().release();
+        native->data[i] = descriptor(kind).release();
     handle.setTo(native, true);
 }
 

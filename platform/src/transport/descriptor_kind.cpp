@@ -1,0 +1,53 @@
+#include "descriptor_kind.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/socket.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <string>
+#include <string_view>
+
+namespace host::detail {
+
+namespace {
+
+/** Its beginning, which is all that tells kinds apart. The path of a file begins with a slash. */
+std::string nameOf(int fd) {
+    char name[32];
+    const std::string link = "/proc/self/fd/" + std::to_string(fd);
+    const ssize_t length = readlink(link.c_str(), name, sizeof(name));
+    return length > 0 ? std::string(name, static_cast<size_t>(length)) : std::string();
+}
+
+bool beginsWith(const std::string& name, std::string_view beginning) {
+    return name.compare(0, beginning.size(), beginning) == 0;
+}
+
+int optionOf(int socket, int option) {
+    int value = -1;
+    socklen_t size = sizeof(value);
+    return getsockopt(socket, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+}  // namespace
+
+bool isMemory(int fd) {
+    // Only memory has seals; the name tells a memfd from a file of a file system in memory.
+    struct statfs system = {};
+    return fcntl(fd, F_GET_SEALS) >= 0 && beginsWith(nameOf(fd), "/memfd:") &&
+           fstatfs(fd, &system) == 0 && system.f_type != HUGETLBFS_MAGIC;
+}
+
+bool isFence(int fd) {
+    const std::string name = nameOf(fd);
+    return beginsWith(name, "anon_inode:[eventfd]") || beginsWith(name, "anon_inode:sync_file") ||
+           beginsWith(name, "pipe:[");
+}
+
+bool isChannelSocket(int fd) {
+    return optionOf(fd, SO_TYPE) == SOCK_SEQPACKET && optionOf(fd, SO_DOMAIN) == AF_UNIX;
+}
+
+}  // namespace host::detail

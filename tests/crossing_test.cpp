@@ -1,0 +1,483 @@
+// What a client may send across, and what becomes of the rest: kinds of descriptors, what the
+// kernel adds to messages, closing that waits for the client, and what costs a client nothing.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/channel.h"
+#include "host/limits.h"
+#include "src/transport/control_data.h"
+#include "src/transport/socket.h"
+#include "support/interposed.h"
+#include "support/leak_check.h"
+#include "support/raw_client.h"
+#include "support/transport_fixture.h"
+
+namespace testing_support {
+
+using host::UniqueFd;
+
+namespace {
+
+constexpr int kPassPidfd = 76;
+constexpr int kPidfd = 0x04;
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+/** A handle that holds no more than these descriptors, which stay the caller's. */
+hidl_handle handleOf(const std::vector<int>& fds) {
+    native_handle_t* const native = native_handle_create(static_cast<int>(fds.size()), 0);
+    std::copy(fds.begin(), fds.end(), &native->data[0]);
+    hidl_handle borrowed(native);
+    hidl_handle owned(borrowed);
+    native_handle_delete(native);
+    return owned;
+}
+
+/** The files that are open in this process, each with one of its descriptors. */
+std::map<std::string, int> openFiles() {
+    std::map<std::string, int> files;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        files[std::filesystem::read_symlink(entry.path(), gone)] =
+            std::stoi(entry.path().filename());
+    }
+    return files;
+}
+
+/** Two connected sockets, as whoever hands a callback over has them. */
+struct Pair {
+    explicit Pair(int type = SOCK_SEQPACKET) {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
+        mine.reset(ends[0]);
+        theirs.reset(ends[1]);
+    }
+    UniqueFd mine;
+    UniqueFd theirs;
+};
+
+}  // namespace
+
+class CrossingTest : public TransportFixture {
+protected:
+    CrossingTest() : slowPath(folder + "/slow") {
+        std::ofstream(slowPath) << "slow";
+        setUpStream();
+    }
+    UniqueFd openSlow() const { return UniqueFd(open(slowPath.c_str(), O_RDONLY | O_CLOEXEC)); }
+
+    /** A request for a buffer that the session does not know, with these descriptors in a fence. */
+    static CaptureRequest withFence(const std::vector<int>& fds) {
+        CaptureRequest request = requestFor(1, 77, nullptr);
+        request.outputBuffers[0].releaseFence = handleOf(fds);
+        return request;
+    }
+    /** What stands behind the colon when the call is refused on its way; empty when it is not. */
+    std::string refusalOf(const CaptureRequest& request) {
+        const Return<Status> answer = remote->processCaptureRequest(request);
+        const std::string text = answer.isOk() ? "" : answer.description();
+        return text.substr(text.find(": ", text.find("FAILED_TRANSACTION")) + 1);
+    }
+    /** Whether the provider goes on: calls of another client, its own, and a notification. */
+    void expectNobodyIsHeldUp() {
+        std::string problem;
+        const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+        ASSERT_NE(other, nullptr) << problem;
+        expectStatus(other->setCallback(callback), Status::OK);
+        expectStatus(other->configure(configurationOf(0)), Status::OK);
+        const size_t before = deliveries.notified().size();
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_EQ(deliveries.notified().size(), before + 1);
+    }
+
+    /** On another thread, because a gate does not hold this one up. */
+    void expectAnEndInTime() {
+        std::promise<void> ended;
+        std::thread([&] {
+            server.reset();
+            ended.set_value();
+        }).detach();
+        const auto patience = std::chrono::seconds(10);
+        EXPECT_EQ(ended.get_future().wait_for(patience), std::future_status::ready);
+    }
+
+    const std::string slowPath;
+};
+
+TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
+    const UniqueFd reading(pipeEnds[0]);
+    const UniqueFd writing(pipeEnds[1]);
+    ASSERT_EQ(mkfifo((folder + "/fifo").c_str(), 0600), 0);
+    const Pair channel;
+    const Pair stream(SOCK_STREAM);
+    const auto inMemory = [](const char* name) {
+        const std::string file = std::string("/dev/shm/") + name;
+        UniqueFd fd(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        unlink(file.c_str());
+        return fd;
+    };
+    enum Place { NOWHERE, MEMORY, FENCE, CHANNEL };
+    struct Kind {
+        const char* name;
+        Place place;
+        UniqueFd fd;
+    };
+    Kind kinds[] = {
+        {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC))},
+        {"sealed memfd", MEMORY, UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0))},
+        {"memfd of huge pages", NOWHERE, UniqueFd(memfd_create("h", MFD_CLOEXEC | MFD_HUGETLB))},
+        {"eventfd", FENCE, UniqueFd(eventfd(0, EFD_CLOEXEC))},
+        {"pipe, to read", FENCE, UniqueFd(dup(reading.get()))},
+        {"pipe, to write", FENCE, UniqueFd(dup(writing.get()))},
+        {"channel", CHANNEL, UniqueFd(dup(channel.mine.get()))},
+        {"stream socket", NOWHERE, UniqueFd(dup(stream.mine.get()))},
+        {"TCP socket", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))},
+        {"file", NOWHERE, openSlow()},
+        {"file in memory", NOWHERE, inMemory("fdstream-test")},
+        {"file in memory with a memfd's name", NOWHERE, inMemory("memfd:x")},
+        {"folder", NOWHERE, UniqueFd(open(folder.c_str(), O_RDONLY | O_CLOEXEC))},
+        {"device", NOWHERE, UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC))},
+        {"terminal", NOWHERE, UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))},
+        {"named pipe", NOWHERE, UniqueFd(open((folder + "/fifo").c_str(), O_RDWR | O_CLOEXEC))},
+        {"epoll", NOWHERE, UniqueFd(epoll_create1(EPOLL_CLOEXEC))},
+        {"pidfd", NOWHERE, UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)))},
+        {"path only", NOWHERE, UniqueFd(open(slowPath.c_str(), O_PATH | O_CLOEXEC))},
+    };
+    const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+    for (const Kind& kind : kinds) {
+        if (!kind.fd.isValid()) printf("not tried, for want of one: %s\n", kind.name);
+        if (!kind.fd.isValid()) continue;
+        const int fd = kind.fd.get();
+        CaptureRequest request = requestFor(1, 77, nullptr);
+        request.outputBuffers[0].buffer = handleOf({fd});
+        EXPECT_EQ(refusalOf(request),
+                  kind.place == MEMORY ? "" : " a buffer's handle takes a memfd only'")
+            << kind.name;
+        // In each fence, and behind another descriptor that may cross.
+        for (const bool ofInput : {false, true}) {
+            for (const bool acquire : {false, true}) {
+                request = requestFor(1, 77, nullptr);
+                auto& of = ofInput ? request.inputBuffer : request.outputBuffers[0];
+                (acquire ? of.acquireFence : of.releaseFence) = handleOf({event.get(), fd});
+                EXPECT_EQ(refusalOf(request),
+                          kind.place == FENCE
+                              ? ""
+                              : " a fence takes an eventfd, a sync file or a pipe only'")
+                    << kind.name;
+            }
+        }
+        RawClient raw(path);
+        ASSERT_TRUE(raw.connect());
+        EXPECT_EQ(raw.setCallback(fd), kind.place == CHANNEL ? kAnswer : kRefused) << kind.name;
+        EXPECT_TRUE(raw.isServed()) << kind.name;
+    }
+    EXPECT_EQ(log.count("a channel ends"), 0);
+}
+
+TEST_F(CrossingTest, TakesOrClosesWhateverComesAsControlData) {
+    const auto open3 = [] {
+        std::vector<int> fds;
+        for (int i = 0; i < 3; ++i)
+            fds.push_back(eventfd(0, EFD_CLOEXEC));
+        return fds;
+    };
+    const std::vector<int> first = open3();
+    const std::vector<int> pidfds = open3();
+    const std::vector<int> second = open3();
+    const std::vector<int> foreign = open3();
+    struct {
+        int level;
+        int type;
+        const std::vector<int>& words;
+    } const parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, {foreign}},
+                       {SOL_SOCKET, SCM_RIGHTS, first},
+                       {SOL_SOCKET, kPidfd, pidfds},
+                       {SOL_IP, SCM_RIGHTS, foreign},
+                       {SOL_SOCKET, SO_TIMESTAMP, foreign},
+                       {SOL_SOCKET, SCM_RIGHTS, second}};
+    alignas(
+        cmsghdr) char control[sizeof(parts) / sizeof(parts[0]) * CMSG_SPACE(3 * sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr* next = CMSG_FIRSTHDR(&message);
+    for (const auto& part : parts) {
+        next->cmsg_level = part.level;
+        next->cmsg_type = part.type;
+        next->cmsg_len = CMSG_LEN(3 * sizeof(int));
+        memcpy(CMSG_DATA(next), part.words.data(), 3 * sizeof(int));
+        next = CMSG_NXTHDR(&message, next);
+    }
+    {
+        std::vector<UniqueFd> fds;
+        host::detail::takeDescriptors(message, fds);
+        ASSERT_EQ(fds.size(), 6U);
+        EXPECT_EQ(fds[0].get(), first[0]);
+        EXPECT_EQ(fds[5].get(), second[2]);
+        for (const int fd : pidfds)
+            EXPECT_FALSE(isOpen(fd));
+    }
+    for (const int fd : foreign) {
+        EXPECT_TRUE(isOpen(fd));  // numbers, but no descriptors that came
+        close(fd);
+    }
+}
+
+TEST_F(CrossingTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
+    const Pair pair;
+    const int on = 1;
+    const auto set = [&] {
+        for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_TIMESTAMP})
+            setsockopt(pair.theirs.get(), SOL_SOCKET, option, &on, sizeof(on));
+        return setsockopt(pair.theirs.get(), SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0;
+    };
+    if (!set()) GTEST_SKIP() << "this kernel adds no pidfd to a message (it needs Linux 6.5)";
+    RawClient raw(path);
+    ASSERT_TRUE(raw.connect());
+    ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+    int value = -1;
+    socklen_t size = sizeof(value);
+    EXPECT_EQ(getsockopt(pair.theirs.get(), SOL_SOCKET, kPassPidfd, &value, &size), 0);
+    EXPECT_EQ(value, 0);  // switched off when it was handed over ...
+    ASSERT_TRUE(set());   // ... and on again by the peer, for the socket is its own too
+    RawClient peer(UniqueFd(fcntl(pair.mine.get(), F_DUPFD_CLOEXEC, 0)));
+    const int before = Holdings::now().descriptors;
+    for (uint32_t serial = 1; serial <= 40; ++serial) {
+        peer.send(message({kAnswer, 1, serial, 0}));
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_EQ(peer.receivedKind(), kCall);
+    }
+    EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= before; }));
+    EXPECT_EQ(log.count("notify transaction failed"), 0);
+}
+
+TEST_F(CrossingTest, ReceivesDescriptorsThatNoChildInherits) {
+    const Pair pair;
+    host::Outgoing out;
+    out.fds = {STDERR_FILENO};
+    const host::detail::Header header = {host::detail::Header::CALL, 1, 1, 1};
+    ASSERT_TRUE(host::detail::sendMessage(pair.mine.get(), header, out, {}).isOk());
+    host::detail::Header came = {};
+    std::vector<uint8_t> bytes;
+    host::Incoming in;
+    ASSERT_TRUE(host::detail::receiveMessage(pair.theirs.get(), came, bytes, in, {}).isOk());
+    EXPECT_EQ(fcntl(in.fds.at(0).get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
+    const UniqueFd slow = openSlow();
+    CloseGate gate(slow.get());
+    EXPECT_NE(refusalOf(withFence({slow.get()})), "");  // the answer does not wait
+    EXPECT_TRUE(gate.waitUntilHeld(1));
+    expectNobodyIsHeldUp();
+
+    RawClient faulty(path);
+    ASSERT_TRUE(faulty.connect());
+    faulty.send(message({kCall, kConfigure, 1, 1, 0, 0}), {slow.get()});
+    EXPECT_TRUE(faulty.isClosed());
+    EXPECT_TRUE(gate.waitUntilHeld(2));
+    expectNobodyIsHeldUp();
+
+    // An answer that brings it ends its channel, and the monitor goes on.
+    const Pair pair;
+    RawClient raw(path);
+    ASSERT_TRUE(raw.connect());
+    ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+    RawClient peer(UniqueFd(dup(pair.mine.get())));
+    peer.send(message({kAnswer, 1, 1, 1}), {slow.get()});
+    const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
+    session->sendCaptureResult(result);
+    EXPECT_TRUE(
+        log.waitFor("threadLoop: processCaptureResult transaction failed: "
+                    "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the answer brings "
+                    "descriptors'"));
+    EXPECT_TRUE(gate.waitUntilHeld(3));
+    expectNobodyIsHeldUp();
+    session->sendCaptureResult(result);
+    deliveries.waitFor(1);
+    expectAnEndInTime();
+}
+
+TEST_F(CrossingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
+    // What waits unread in a socket's queue goes with the socket.
+    const Pair pair;
+    RawClient raw(path);
+    ASSERT_TRUE(raw.connect());
+    {
+        CloseGate gate(pair.theirs.get());
+        ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+        expectNobodyIsHeldUp();  // another callback replaces this one
+        EXPECT_TRUE(gate.waitUntilHeld(1));
+        expectNobodyIsHeldUp();
+    }
+    // So it is with what a client connected, whether it left or the server ends.
+    for (const bool leaves : {true, false}) {
+        std::optional<RawClient> connected(path);
+        const std::map<std::string, int> before = openFiles();
+        ASSERT_TRUE(connected->connect() && connected->isServed());
+        std::map<std::string, int> after = openFiles();
+        for (const auto& [file, fd] : before)
+            after.erase(file);
+        ASSERT_EQ(after.size(), 1U);  // the server's end
+        CloseGate gate(after.begin()->second);
+        if (leaves) {
+            connected.reset();
+            EXPECT_TRUE(gate.waitUntilHeld(1));
+            expectNobodyIsHeldUp();
+        } else {
+            expectAnEndInTime();
+            EXPECT_TRUE(gate.waitUntilHeld(1));
+        }
+    }
+}
+
+TEST_F(CrossingTest, LetsALingeringSocketLinger) {
+    // A second, which is how long the socket lingers.
+    UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof(address);
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listening.get(), any, size), 0);
+    ASSERT_EQ(getsockname(listening.get(), any, &size), 0);
+    ASSERT_EQ(listen(listening.get(), 1), 0);
+    UniqueFd sending(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    connect(sending.get(), any, size);
+    const UniqueFd receiving(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    const linger lingering = {1, 1};
+    setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering));
+    const std::vector<char> bytes(1 << 16);
+    while (send(sending.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
+    }
+    fcntl(sending.get(), F_SETFL, 0);  // one that does not block does not linger
+
+    RawClient raw(path);
+    ASSERT_TRUE(raw.connect());
+    std::vector<uint8_t> call = message({kCall, kConfigure, 1, 1, 0, 0});
+    raw.send(call, {sending.get()});
+    sending.reset();  // what is on its way is the last one
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(raw.isClosed());
+    expectNobodyIsHeldUp();
+    server.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
+}
+
+TEST_F(CrossingTest, BoundsWhatClientsLeaveWithTheProvider) {
+    // An empty handle costs its client no descriptor.
+    const hidl_handle empty = handleOf({});
+    std::string problem;
+    const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+    const auto submit = [&](const sp<IFDSession>& from, uint64_t id, bool withHandle) {
+        CaptureRequest request = requestFor(1, id, nullptr);
+        if (withHandle) request.outputBuffers[0].buffer = empty;
+        return from->processCaptureRequest(request);
+    };
+    const auto expectRefusal = [](const Return<Status>& answer, const char* sentence) {
+        EXPECT_FALSE(answer.isOk());
+        EXPECT_NE(answer.description().find(sentence), std::string::npos) << answer.description();
+    };
+    const char* const tooMany = "too many requests are on their way";
+    expectStatus(submit(remote, 1, true), Status::OK);
+    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(i % 2 == 0 ? remote : other, 1, false), Status::OK);
+    for (const sp<IFDSession>& each : {remote, other})
+        expectRefusal(submit(each, 1, false), tooMany);
+    // A result makes a place, whether the client takes it or not; one that goes nowhere does not.
+    serveOne();
+    deliveries.waitFor(1);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    callback->failing = true;
+    serveOne();
+    deliveries.waitFor(2);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+    serveOne();
+    drivePass();
+    drivePass();
+    expectRefusal(submit(remote, 1, false), tooMany);
+    // What the session refuses takes no place, and a refused configuration makes none.
+    expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    for (size_t i = 0; i < 2 * host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(remote, 1, false), Status::ILLEGAL_ARGUMENT);
+
+    // Ids that come with a handle: the same one any number of times, and a request that is refused
+    // brings its own too.
+    for (uint64_t id = 1; id < host::kMaxBufferIds; ++id) {
+        CaptureRequest request = requestFor(1, id, nullptr, 5);
+        request.outputBuffers[0].buffer = empty;
+        expectStatus(remote->processCaptureRequest(request), Status::ILLEGAL_ARGUMENT);
+    }
+    expectStatus(submit(other, host::kMaxBufferIds, true), Status::OK);
+    expectStatus(submit(remote, 1, true), Status::OK);
+    expectRefusal(submit(remote, host::kMaxBufferIds + 1, true),
+                  "too many buffer ids came since the stream was configured");
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, false), Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, true), Status::OK);
+}
+
+TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
+    const UniqueFd slow = openSlow();
+    const auto bring = [&](size_t count) {
+        return refusalOf(withFence(std::vector<int>(count, slow.get())));
+    };
+    const Pair pair;
+    RawClient early(path);
+    RawClient late(path);
+    ASSERT_TRUE(early.connect());
+    {
+        CloseGate gate(slow.get());
+        EXPECT_NE(bring(host::kClosingThreads), "");
+        EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
+        EXPECT_NE(bring(host::kMaxWaitingToClose - 2), "");
+        EXPECT_NE(bring(1), "");
+        EXPECT_TRUE(remote->ping().isOk());
+        EXPECT_EQ(early.setCallback(pair.theirs.get()), kAnswer);
+        log.clear();
+        EXPECT_NE(bring(1), "");
+        EXPECT_TRUE(log.waitFor(
+            "a channel ends: it brings what may not cross, and too much waits to be closed already"));
+        EXPECT_FALSE(remote->ping().isOk());
+
+        ASSERT_TRUE(late.connect());
+        late.send(message({kCall, 0, 1, 0}));
+        EXPECT_TRUE(early.isServed());  // calls of the others go on
+        EXPECT_EQ(early.setCallback(pair.theirs.get()), kRefused);
+        EXPECT_TRUE(early.isClosed());
+        EXPECT_FALSE(late.hasAnswer());
+    }
+    EXPECT_EQ(late.receivedKind(), kAnswer);
+}
+
+}  // namespace testing_support
