@@ -335,17 +335,25 @@ TEST_F(CrossingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
         EXPECT_TRUE(gate.waitUntilHeld(1));
         expectNobodyIsHeldUp();
     }
-    // So it is with what a client connected, whether it left or the server ends.
-    for (const bool leaves : {true, false}) {
+    // So it is with what a client connected, whether it leaves or the server ends, and with what
+    // the server listens on, in whose queue others may wait.
+    enum Case { LEAVES, ENDS, LISTENS };
+    for (const Case it : {LEAVES, ENDS, LISTENS}) {
+        if (server == nullptr) serve();
+        std::map<std::string, int> ends = openFiles();
         std::optional<RawClient> connected(path);
-        const std::map<std::string, int> before = openFiles();
         ASSERT_TRUE(connected->connect() && connected->isServed());
-        std::map<std::string, int> after = openFiles();
-        for (const auto& [file, fd] : before)
-            after.erase(file);
-        ASSERT_EQ(after.size(), 1U);  // the server's end
-        CloseGate gate(after.begin()->second);
-        if (leaves) {
+        int slow = -1;
+        for (const auto& [file, fd] : openFiles()) {
+            int listens = 0;
+            socklen_t size = sizeof(listens);
+            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
+            const bool isServers = ends.count(file) == 0 && fd != connected->fd();
+            if (it == LISTENS ? listens != 0 : isServers) slow = fd;
+        }
+        ASSERT_GE(slow, 0);
+        CloseGate gate(slow);
+        if (it == LEAVES) {
             connected.reset();
             EXPECT_TRUE(gate.waitUntilHeld(1));
             expectNobodyIsHeldUp();
