@@ -49,15 +49,16 @@ constexpr int kWrong = 1;
 constexpr int kBadUsage = 2;
 
 constexpr const char* kExamples =
-    "Examples:\n"
-    "  fdstream-bench --quick                 every part in about a minute\n"
-    "  fdstream-bench                         every part, in some minutes, for figures to keep\n"
-    "  fdstream-bench --only rotation copies  two parts\n"
+    "Examples (./run bench is this program, built if need be):\n"
+    "  ./run bench --quick                 every part in 90 seconds\n"
+    "  ./run bench                         every part in five minutes, to keep\n"
+    "  ./run bench --only rotation copies  two parts\n"
     "\n"
-    "A ratio is ours to the reference's, measured in the same rounds: below 1 ours takes less.\n"
-    "docs/performance.md says what each piece and each reference is.\n"
+    "A ratio is ours to the reference's, measured in the same rounds: below 1 ours\n"
+    "takes less. docs/performance.md says what each piece and each reference is.\n"
     "\n"
-    "Exit code: 0 measured, 1 something was wrong and got no figure, 2 bad usage. No speed fails it.";
+    "Exit code: 0 measured, 1 something was wrong and got no figure, 2 bad usage.\n"
+    "No speed fails it.";
 
 struct Options {
     bool quick = false;

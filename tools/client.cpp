@@ -5,29 +5,27 @@
 #include <err.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "command_line.h"
 #include "comparison.h"
 #include "default_socket.h"
 #include "figures.h"
 #include "host/channel.h"
 #include "host/log.h"
-#include "nv12_file.h"
-#include "picture_folder.h"
+#include "outputs.h"
 #include "scene.h"
 #include "signals.h"
 #include "stream_client.h"
-#include "terminal_view.h"
 
 namespace {
 
@@ -38,23 +36,28 @@ constexpr int kAllDelivered = 0;
 constexpr int kSomeFailed = 1;
 constexpr int kBadUsage = 2;
 constexpr int kProviderGone = 3;
+constexpr int kTakenOver = 4;
 
 constexpr const char* kExamples =
     "Examples:\n"
-    "  fdstream-client                            40 frames from the provider's usual place\n"
-    "  fdstream-client --watch --frames 0         a live view in the terminal, until Ctrl-C\n"
-    "  fdstream-client --png pictures             each frame as pictures/frame-NNN.png\n"
+    "  fdstream-client                            40 frames from the usual place\n"
+    "  fdstream-client --watch --frames 0         a live view, until Ctrl-C\n"
+    "  fdstream-client --png pictures             each as pictures/frame-NNN.png\n"
     "  fdstream-client --raw frames.yuv           packed NV12, which plays with\n"
     "      ffplay -f rawvideo -pixel_format nv12 -video_size 1280x720 frames.yuv\n"
-    "  fdstream-client --buffers 1 --json f.json  the latency without a queue, for a script\n"
+    "  fdstream-client --buffers 1 --json f.json  the latency without a queue\n"
     "  fdstream-client --fps 5                    asks for five frames a second\n"
-    "  fdstream-client --compare clip.yuv         every frame has to be the file's, and the next\n"
+    "  fdstream-client --compare clip.yuv         every frame has to be the file's,\n"
+    "                                             and the next\n"
     "  fdstream-client --socket /run/me/cam.sock  another provider\n"
     "\n"
-    "A provider has to be there: start fdstream-provider first, in another terminal.\n"
+    "A provider has to be there: start fdstream-provider first, in another terminal,\n"
+    "or at any time with --wait. It serves one client at a time: the last to come\n"
+    "has the session. What the fields of the JSON are stands in docs/client-json.md.\n"
+    "A file has \".part\" behind its name until it is finished.\n"
     "\n"
-    "Exit code: 0 all delivered, 1 some failed, missing or wrong, 2 bad usage, 3 the provider is\n"
-    "gone or not there.";
+    "Exit code: 0 all delivered, 1 some failed, missing, wrong or not written, 2 bad\n"
+    "usage, 3 the provider is gone or not there, 4 another client took the session.";
 
 constexpr const char* kSizeHelp =
     "the stream's size, both numbers even. The test source knows 1280x720 only: a smaller size gets "
@@ -63,16 +66,12 @@ constexpr const char* kSizeHelp =
 
 struct Options {
     std::optional<std::string> socket;
+    bool wait = false;
     uint32_t frames = 40;
     uint32_t buffers = 4;
     double fps = 0;
     std::string size = "1280x720";
-    std::optional<std::string> png;
-    std::optional<std::string> raw;
-    std::optional<std::string> json;
-    std::optional<std::string> compare;
-    bool turned = false;
-    bool watch = false;
+    tools::OutputChoice outputs;
 };
 
 /** Nothing when this is not WxH with even numbers that can be. */
@@ -94,18 +93,20 @@ void declare(CLI::App& app, Options& options) {
     app.add_option("--socket", options.socket,
                    std::string("the provider's socket; without it ") + tools::kDefaultSocketInWords)
         ->type_name("PATH");
+    app.add_flag("--wait", options.wait, "waits until a provider is there");
     app.add_option("--frames", options.frames, "frames to ask for; 0: until interrupted")
         ->type_name("N")
         ->capture_default_str();
-    app.add_option("--buffers", options.buffers, "the client's buffers, the most that is in flight")
+    app.add_option("--buffers", options.buffers,
+                   "the client's buffers, 1 to 32: the most that is in flight")
         ->type_name("K")
-        ->check(CLI::Range(uint32_t{1}, kMostBuffers))
+        ->check(CLI::Range(uint32_t{1}, kMostBuffers).description(""))
         ->capture_default_str();
     app.add_option("--fps", options.fps,
                    "requests a second; 0: as fast as buffers come back. The test source gives at "
                    "most 20")
         ->type_name("F")
-        ->check(CLI::Range(0.0, kMostPerSecond))
+        ->check(CLI::Range(0.0, kMostPerSecond).description(""))
         ->check([](const std::string& text) {
             return std::isnan(strtod(text.c_str(), nullptr)) ? text + " is no number"
                                                              : std::string();
@@ -122,17 +123,26 @@ void declare(CLI::App& app, Options& options) {
             },
             ""))
         ->capture_default_str();
-    app.add_option("--png", options.png, "writes each frame as a picture")->type_name("DIR");
-    app.add_option("--raw", options.raw, "writes the frames one after another, as packed NV12")
+    app.add_option("--png", options.outputs.png, "writes each frame as a picture")
+        ->type_name("DIR");
+    app.add_option("--raw", options.outputs.raw,
+                   "writes the frames one after another, as packed NV12; - is the standard output")
         ->type_name("FILE");
-    app.add_option("--json", options.json, "writes the figures for a script")->type_name("FILE");
-    auto* const compare = app.add_option("--compare", options.compare,
-                                         "compares every frame with this clip's; the stream may "
-                                         "start at any frame of it")
+    app.add_option("--json", options.outputs.json,
+                   "writes the figures for a script; - is the standard output")
+        ->type_name("FILE");
+    auto* const compare = app.add_option("--compare", options.outputs.compare,
+                                         "compares every frame with this clip's, which can come "
+                                         "from a pipe or - too; the stream may start at any "
+                                         "frame of it")
                               ->type_name("FILE");
-    app.add_flag("--turned", options.turned, "the frames have to come turned by 180 degrees")
+    app.add_flag("--turned", options.outputs.turned,
+                 "the frames have to come turned by 180 degrees")
         ->needs(compare);
-    app.add_flag("--watch", options.watch, "shows the stream in the terminal");
+    app.add_flag("--partial", options.outputs.partial,
+                 "leaves out a part of a frame at that clip's end")
+        ->needs(compare);
+    app.add_flag("--watch", options.outputs.watch, "shows the stream in the terminal");
 }
 
 /** Nothing when the client is to go on, else the exit code. */
@@ -140,94 +150,45 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App app("Streams frames from a provider in another process, and tells how it went.",
                  "fdstream-client");
     declare(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kAllDelivered : kBadUsage;
-    }
-    std::string problem;
-    const tools::FrameSize size = *sizeOf(options.size);
-    if (options.watch && !tools::TerminalView::isPossible()) {
-        problem = "--watch needs a terminal to show the stream in";
-    } else if (options.compare && size.bytes() != tools::kFrameBytes) {
-        problem = "--compare goes with the clip's own size, 1280x720";
-    }
+    if (const auto code = tools::parseCommandLine(app, argc, argv, kBadUsage)) return code;
+    const std::string problem = options.outputs.problem(*sizeOf(options.size));
     if (problem.empty()) return std::nullopt;
     warnx("%s", problem.c_str());
     return kBadUsage;
 }
 
-bool isUnfilled(const tools::Frame& frame) {
-    return std::all_of(frame.begin(), frame.end(),
-                       [](uint8_t byte) { return byte == tools::kNotWritten; });
+/** SIGHUP ends a stream in order, but for a program that was started to survive it. */
+tools::Signals signalsToTake() {
+    struct sigaction hangup = {};
+    sigaction(SIGHUP, nullptr, &hangup);
+    return hangup.sa_handler == SIG_IGN ? tools::Signals({SIGINT, SIGTERM})
+                                        : tools::Signals({SIGINT, SIGTERM, SIGHUP});
 }
 
-/** All that is done with the pictures. */
-class Outputs {
-public:
-    explicit Outputs(const Options& options)
-        : mSize(*sizeOf(options.size)), mWatch(options.watch) {}
-
-    /** False after a sentence on stderr. */
-    bool open(const Options& options) {
-        if (options.png) mFolder.emplace(*options.png);
-        if (mFolder && !mFolder->make()) return false;
-        if (options.raw) {
-            mRaw.open(*options.raw, std::ios::binary);
-            if (!mRaw) {
-                warn("%s cannot be written", options.raw->c_str());
-                return false;
-            }
-        }
-        // Found out now and not at the end of a long stream.
-        if (options.json && !std::ofstream(*options.json, std::ios::app)) {
-            warn("%s cannot be written", options.json->c_str());
-            return false;
-        }
-        if (!options.compare) return true;
-        std::string problem;
-        std::optional<tools::Nv12File> clip = tools::Nv12File::open(*options.compare, problem);
-        if (clip) {
-            mComparison.emplace(std::move(*clip), options.turned);
-        } else {
-            warnx("%s cannot be compared with: %s", options.compare->c_str(), problem.c_str());
-        }
-        return clip.has_value();
+/** Null after a sentence on stderr. */
+sp<IFDSession> findProvider(const Options& options, const tools::Signals& signals) {
+    constexpr std::chrono::milliseconds kLook(200);
+    std::string problem;
+    const std::optional<std::string> socket =
+        options.socket ? options.socket : tools::defaultSocket(problem);
+    if (socket && options.wait) warnx("waiting for a provider at %s", socket->c_str());
+    const std::chrono::milliseconds patience = options.wait ? kLook : kLook * 0;
+    sp<IFDSession> session;
+    bool mayCome = socket.has_value();
+    while (session == nullptr && mayCome) {
+        const auto start = tools::Clock::now();
+        session = host::connectWithin<IFDSession>(*socket, patience, problem);
+        // What is not waited for, such as a path that is too long, does not come.
+        const bool waited = tools::Clock::now() - start >= patience;
+        mayCome = options.wait && waited && signals.poll() == 0;
     }
-
-    void stopWatching() { mView.reset(); }
-
-    /** In words, what is wrong with the picture; empty when nothing is. */
-    std::string take(const tools::Answer& answer, const tools::Figures& figures) {
-        if (mFolder) mSaved &= mFolder->save(answer.frameNumber, answer.frame, mSize);
-        if (mRaw.is_open()) {
-            mRaw.write(reinterpret_cast<const char*>(answer.frame.data()),
-                       static_cast<std::streamsize>(answer.frame.size()));
-        }
-        if (mWatch && !mView) mView.emplace(mSize);
-        if (mView) mView->show(answer, figures);
-        if (isUnfilled(answer.frame)) return "came back as delivered, but unfilled";
-        return mComparison ? mComparison->faultOf(answer, figures) : std::string();
+    if (session == nullptr) {
+        warnx("there is no provider: %s", problem.c_str());
+        if (!options.wait)
+            warnx("start one with fdstream-provider in another terminal, or wait with --wait");
     }
-
-    /** Whether all is on the disk; if not, after a sentence on stderr. */
-    bool finish() {
-        if (mRaw.is_open() && !mRaw.flush()) {
-            warnx("the raw file could not be written to its end");
-            return false;
-        }
-        return mSaved;
-    }
-
-private:
-    const tools::FrameSize mSize;
-    const bool mWatch;
-    std::optional<tools::PictureFolder> mFolder;
-    std::ofstream mRaw;
-    std::optional<tools::Comparison> mComparison;
-    std::optional<tools::TerminalView> mView;
-    bool mSaved = true;
-};
+    return session;
+}
 
 tools::Direction directionOf(const Options& options) {
     tools::Direction direction;
@@ -236,25 +197,24 @@ tools::Direction directionOf(const Options& options) {
     direction.stream.buffers = options.buffers;
     direction.stream.size = *sizeOf(options.size);
     direction.stream.requestsPerSecond = options.fps;
-    direction.hushed = options.watch;
+    direction.hushed = options.outputs.watch;
     return direction;
 }
 
-tools::Figures stream(const sp<IFDSession>& session, const Options& options, Outputs& outputs,
+tools::Figures stream(const Options& options, const tools::Direction& direction,
                       const tools::Signals& signals) {
-    tools::Direction direction = directionOf(options);
-    direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
-        return outputs.take(answer, figures);
-    };
-    direction.interrupted = [&] { return signals.poll() != 0; };
-    direction.curtain = [&] { outputs.stopWatching(); };
-    return tools::playStream(session, direction);
+    const sp<IFDSession> session = findProvider(options, signals);
+    if (session != nullptr) return tools::playStream(session, direction);
+    tools::Figures figures;
+    figures.ending = tools::Ending::Gone;
+    return figures;
 }
 
-int codeOf(const tools::Figures& figures, bool endless) {
+int codeOf(const tools::Figures& figures) {
     if (figures.ending == tools::Ending::Gone) return kProviderGone;
-    const bool atEnd = figures.ending == tools::Ending::Complete ||
-                       (endless && figures.ending == tools::Ending::Interrupted);
+    if (figures.ending == tools::Ending::TakenOver) return kTakenOver;
+    const bool atEnd =
+        figures.ending == tools::Ending::Complete || figures.ending == tools::Ending::Interrupted;
     const bool right = figures.failed() == 0 && figures.missing() == 0 && figures.wrong == 0;
     return atEnd && right ? kAllDelivered : kSomeFailed;
 }
@@ -264,27 +224,39 @@ int run(int argc, char** argv) {
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     tools::openStandardStreams();
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
-    const tools::Signals signals({SIGINT, SIGTERM});
-    Outputs outputs(options);
-    if (!outputs.open(options)) return kBadUsage;
-
-    std::string problem;
-    const std::optional<std::string> socket =
-        options.socket ? options.socket : tools::defaultSocket(problem);
-    const sp<IFDSession> session =
-        socket ? host::connect<IFDSession>(*socket, problem) : sp<IFDSession>();
-    tools::Figures figures;
-    figures.ending = tools::Ending::Gone;
-    if (session == nullptr) {
-        warnx("there is no provider: %s", problem.c_str());
-    } else {
-        figures = stream(session, options, outputs, signals);
-        tools::printTable({figures});
+    // Before signals are blocked: a pipe may never end.
+    std::optional<tools::Comparison> comparison;
+    if (const tools::OutputChoice& choice = options.outputs; choice.compare) {
+        comparison = tools::Comparison::with(*choice.compare, choice.turned, choice.partial);
+        if (!comparison) return kBadUsage;
     }
-    bool saved = outputs.finish();
-    if (options.json) saved &= tools::writeJson(figures, *options.json);
-    const int code = codeOf(figures, options.frames == 0);
-    return code == kAllDelivered && !saved ? kSomeFailed : code;
+    const tools::Signals signals = signalsToTake();
+    // A reader that goes away, or a limit of a file's size, is a failure to write like others.
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+
+    tools::Direction direction = directionOf(options);
+    direction.interrupted = [&] { return signals.poll() != 0; };
+    tools::Outputs outputs(options.outputs, direction.stream.size, std::move(comparison),
+                           direction.interrupted);
+    direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
+        return outputs.take(answer, figures);
+    };
+    direction.broken = [&] { return outputs.isBroken(); };
+    direction.connectAnew = [&] {
+        outputs.breakOff();
+        return findProvider(options, signals);
+    };
+    direction.curtain = [&] { outputs.stopWatching(); };
+    direction.talk = outputs.talk();
+    if (!outputs.open()) return kBadUsage;
+
+    const tools::Figures figures = stream(options, direction, signals);
+    if (!figures.scene.empty()) tools::printTable({figures}, outputs.talk());
+    const bool saved = outputs.finish(figures, direction.stream);
+    const bool printed = tools::finishStandardOutput();
+    const int code = codeOf(figures);
+    return code == kAllDelivered && !(saved && printed) ? kSomeFailed : code;
 }
 
 }  // namespace

@@ -120,6 +120,21 @@ public:
         });
     }
 
+    /** A line with round ends. */
+    void line(float x, float y, float toX, float toY, float width, Colour colour) {
+        const Box box = {
+            static_cast<int>(std::min(x, toX) - width), static_cast<int>(std::min(y, toY) - width),
+            static_cast<int>(std::max(x, toX) + width), static_cast<int>(std::max(y, toY) + width)};
+        const float length = std::hypot(toX - x, toY - y);
+        const float alongX = (toX - x) / length;
+        const float alongY = (toY - y) / length;
+        paint(box, colour, [&](float px, float py) {
+            const float along = std::clamp((px - x) * alongX + (py - y) * alongY, 0.0F, length);
+            const float distance = std::hypot(px - x - along * alongX, py - y - along * alongY);
+            return inUnit(width / 2.0F - distance + 0.5F);
+        });
+    }
+
 private:
     uint8_t& luma(int x, int y) const {
         auto* const plane = static_cast<uint8_t*>(mFrame.y);
@@ -139,8 +154,12 @@ constexpr int kMargin = 64;
 constexpr int kRightEdge = kFrameWidth - kMargin;
 constexpr int kTextScale = 6;
 constexpr int kNumberScale = 26;
-constexpr Box kBar = {kMargin, 320, kMargin + 264, 492};
-constexpr int kBarPitch = 296;
+constexpr int kBarTop = 320;
+constexpr int kBarBottom = 492;
+constexpr int kBarWidth = 232;
+constexpr float kClockX = kFrameWidth / 2;
+constexpr float kClockY = (kBarTop + kBarBottom) / 2;
+constexpr float kClockRadius = 82.0F;
 constexpr int kGround = 668;
 constexpr float kBallRadius = 40.0F;
 constexpr float kJump = 84.0F;
@@ -167,24 +186,21 @@ void drawUpSign(Canvas& canvas) {
 }
 
 void drawBars(Canvas& canvas) {
-    struct NamedColour {
+    struct Bar {
+        int left;
         std::string_view name;
         Colour colour;
         Colour text;
     };
-    constexpr NamedColour kBars[] = {{"RED", rgb(215, 30, 35), kWhite},
-                                     {"GREEN", rgb(40, 170, 60), kBlack},
-                                     {"BLUE", rgb(30, 60, 210), kWhite},
-                                     {"YELLOW", rgb(245, 220, 40), kBlack}};
-    Box box = kBar;
-    for (const NamedColour& bar : kBars) {
-        canvas.fill(box, bar.colour);
-        const int width = widthOf(bar.name);
-        const int left = (box.left + (box.right - box.left - width) / 2) / 2 * 2;
-        const int top = (box.top + box.bottom - font::kHeight * kTextScale) / 4 * 2;
+    constexpr Bar kBars[] = {{kMargin, "RED", rgb(215, 30, 35), kWhite},
+                             {kMargin + 248, "GREEN", rgb(40, 170, 60), kBlack},
+                             {kRightEdge - kBarWidth - 248, "BLUE", rgb(30, 60, 210), kWhite},
+                             {kRightEdge - kBarWidth, "YELLOW", rgb(245, 220, 40), kBlack}};
+    for (const Bar& bar : kBars) {
+        canvas.fill({bar.left, kBarTop, bar.left + kBarWidth, kBarBottom}, bar.colour);
+        const int left = (bar.left + (kBarWidth - widthOf(bar.name)) / 2) / 2 * 2;
+        const int top = (kBarTop + kBarBottom - font::kHeight * kTextScale) / 4 * 2;
         canvas.write(bar.name, left, top, kTextScale, bar.text);
-        box.left += kBarPitch;
-        box.right += kBarPitch;
     }
 }
 
@@ -192,6 +208,8 @@ void drawStill(Canvas& canvas) {
     drawSky(canvas);
     drawUpSign(canvas);
     drawBars(canvas);
+    canvas.ellipse(kClockX, kClockY, kClockRadius, kClockRadius, kWhite, 1.0F);
+    canvas.ellipse(kClockX, kClockY, kClockRadius - 6, kClockRadius - 6, kBlack, 1.0F);
     canvas.fill({kMargin, kGround, kRightEdge, kGround + 4}, kBlack, 0.7F);
     canvas.write("FRAME", kMargin, 48, kTextScale, kWhite);
     constexpr int kNumberWidth = font::widthOf("00") * kNumberScale;
@@ -210,10 +228,20 @@ void drawBall(Canvas& canvas, int index) {
     canvas.ellipse(x - 12.0F, y - 14.0F, 12.0F, 9.0F, kWhite, 0.7F);
 }
 
+/** In the middle of the picture: a hand that goes round once, from the top. */
+void drawClockHand(Canvas& canvas, int index) {
+    constexpr float kTwoPi = 6.2831853F;
+    constexpr float kLength = kClockRadius - 24;
+    const float angle = kTwoPi * static_cast<float>(index) / kClipFrames;
+    canvas.line(kClockX, kClockY, kClockX + kLength * std::sin(angle),
+                kClockY - kLength * std::cos(angle), 16.0F, kOrange);
+}
+
 void drawMoving(Canvas& canvas, int index) {
     const std::string number = std::to_string(index);
     canvas.write(std::string(number.size() < 2 ? "0" : "") + number, kMargin, 104, kNumberScale,
                  kWhite);
+    drawClockHand(canvas, index);
     drawBall(canvas, index);
     constexpr int kStep = (kRightEdge - kMargin) / kClipFrames;
     canvas.fill({kMargin, 692, kMargin + (index + 1) * kStep, 702}, kWhite);

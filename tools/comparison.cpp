@@ -1,7 +1,12 @@
 #include "comparison.h"
 
+#include <err.h>
+
 #include <algorithm>
 #include <cstdint>
+#include <iterator>
+#include <numeric>
+#include <utility>
 
 namespace tools {
 
@@ -20,34 +25,50 @@ size_t servedBefore(const Answer& answer, const Figures& figures) {
 
 }  // namespace
 
-Frame Comparison::expected(size_t start, size_t offset) {
-    const Frame original = mClip.frame(start + offset);
-    return mTurned && !original.empty() ? turnedBy180(original) : original;
+std::optional<Comparison> Comparison::with(const std::string& clip, bool turned, bool partial) {
+    std::string problem;
+    std::optional<Nv12File> file = Nv12File::open(clip, problem, partial);
+    if (file) return Comparison(std::move(*file), turned);
+    warnx("%s cannot be compared with: %s", clipInWords(clip).c_str(), problem.c_str());
+    return std::nullopt;
+}
+
+Frame Comparison::inFileDirection(const Frame& frame) const {
+    return mTurned ? turnedBy180(frame) : frame;
+}
+
+std::vector<size_t> Comparison::startsOf(const Frame& frame, size_t offset) const {
+    std::vector<size_t> candidates = mStarts;
+    if (candidates.empty()) {
+        candidates.resize(mClip.frameCount());
+        std::iota(candidates.begin(), candidates.end(), size_t{0});
+    }
+    std::vector<size_t> starts;
+    std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(starts),
+                 [&](size_t start) { return mClip.frame(start + offset) == frame; });
+    return starts;
+}
+
+std::string Comparison::mismatch(const Frame& frame, size_t offset) const {
+    const std::string turned = mTurned ? ", turned" : "";
+    std::string words = "is none of the file's frames" + turned;
+    if (!mStarts.empty()) {
+        const Frame original = mClip.frame(mStarts.front() + offset);
+        if (original.empty())
+            return "cannot be compared: the file does not give its frame any more";
+        words = "is not the file's frame" + turned + ": they first differ at " +
+                difference(frame, inFileDirection(original));
+    }
+    const Frame otherWay = turnedBy180(inFileDirection(frame));
+    if (startsOf(otherWay, offset).empty()) return words;
+    return words + (mTurned ? "; upright" : "; turned by 180 degrees") + " it would be right";
 }
 
 std::string Comparison::faultOf(const Answer& answer, const Figures& figures) {
     const size_t offset = servedBefore(answer, figures);
-    const auto fits = [&](size_t start) { return expected(start, offset) == answer.frame; };
-
-    if (mStarts.empty()) {
-        for (size_t start = 0; start < mClip.frameCount(); ++start) {
-            if (fits(start)) mStarts.push_back(start);
-        }
-        return mStarts.empty()
-                   ? std::string("is none of the file's frames") + (mTurned ? ", turned" : "")
-                   : std::string();
-    }
-
-    std::vector<size_t> fitting;
-    std::copy_if(mStarts.begin(), mStarts.end(), std::back_inserter(fitting), fits);
-    if (fitting.empty()) {
-        const Frame original = expected(mStarts.front(), offset);
-        if (original.empty())
-            return "cannot be compared: the file does not give its frame any more";
-        return std::string("is not the file's frame") + (mTurned ? ", turned" : "") +
-               ": they first differ at " + difference(answer.frame, original);
-    }
-    mStarts = std::move(fitting);
+    std::vector<size_t> starts = startsOf(inFileDirection(answer.frame), offset);
+    if (starts.empty()) return mismatch(answer.frame, offset);
+    mStarts = std::move(starts);
     return {};
 }
 

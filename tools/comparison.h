@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "figures.h"
@@ -18,14 +20,23 @@ class Comparison {
 public:
     Comparison(Nv12File clip, bool turned) : mClip(std::move(clip)), mTurned(turned) {}
 
+    /** With the clip of this name, as Nv12File opens it; nothing after a sentence on stderr. */
+    static std::optional<Comparison> with(const std::string& clip, bool turned, bool partial);
+
     /**
      * In words, what is wrong with a picture; empty when it is the one that it has to be. `figures`
      * are those of the answers so far.
      */
     std::string faultOf(const Answer& answer, const Figures& figures);
+    /** The pictures to come may start at any frame again. */
+    void startAnew() { mStarts.clear(); }
 
 private:
-    Frame expected(size_t start, size_t offset);
+    /** A frame of the stream as the file has it, and the reverse. */
+    Frame inFileDirection(const Frame& frame) const;
+    /** Where the file can have been at the stream's start for it to have this frame now. */
+    std::vector<size_t> startsOf(const Frame& frame, size_t offset) const;
+    std::string mismatch(const Frame& frame, size_t offset) const;
 
     Nv12File mClip;
     bool mTurned;

@@ -1,5 +1,5 @@
-// Streams a clip from a provider in a process of its own, upright and turned, then from one that
-// takes no requests, then kills a client and sees how the next one fares; and shows what the
+// Streams a clip from a provider in a process of its own, upright and turned, then kills a client
+// and sees how the next one fares, then asks a provider that takes no requests; and shows what the
 // clients got: pictures and figures.
 
 #include <android/log.h>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "clip.h"
+#include "command_line.h"
 #include "comparison.h"
 #include "figures.h"
 #include "holdings.h"
@@ -45,23 +46,27 @@ constexpr const char* kSideBySideName = "side-by-side.png";
 constexpr uint32_t kUnservedRequests = 4;
 
 constexpr const char* kExamples =
-    "Examples:\n"
-    "  fdstream-demo                      draws a clip of 24 frames and streams it\n"
-    "  fdstream-demo street.yuv           streams your clip: raw NV12, 1280x720, no header\n"
-    "  fdstream-demo --frames 100         asks for 100 frames; a clip starts again at its end\n"
-    "  fdstream-demo --buffers 1          one request in flight: the latency without a queue\n"
-    "  fdstream-demo --out pictures       puts the pictures somewhere else\n"
-    "  fdstream-demo -v 2>log.txt         keeps what the library logs\n"
+    "Examples (./run demo is this program, built if need be):\n"
+    "  ./run demo                    draws a clip of 24 frames and streams it\n"
+    "  ./run demo street.yuv         streams your clip: raw NV12, 1280x720, no header\n"
+    "  ffmpeg -i street.mp4 -f rawvideo -pix_fmt nv12 -s 1280x720 street.yuv\n"
+    "                                makes such a clip of a video\n"
+    "  ./run demo --frames 100       asks for 100 frames; a clip then starts anew\n"
+    "  ./run demo --buffers 1        one request in flight: latency without a queue\n"
+    "  ./run demo --out pictures     puts the pictures somewhere else\n"
+    "  ./run demo -v 2>log.txt       keeps what the library logs\n"
     "\n"
     "The two sides alone: fdstream-provider --help, fdstream-client --help\n"
     "\n"
-    "Exit code: 0 every frame came and was right, 1 one is missing or wrong, 2 nothing was played.";
+    "Exit code: 0 every frame came and was right, 1 one is missing or wrong,\n"
+    "2 nothing was played.";
 
 struct Options {
     std::optional<std::string> file;
     std::string out = "out/demo";
     uint32_t frames = 40;
     uint32_t buffers = 4;
+    bool partial = false;
     bool verbose = false;
 };
 
@@ -74,10 +79,15 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App app(
         "Streams a clip from a provider in another process, upright and turned by 180 degrees, "
         "compares every frame with the clip's and writes it as a picture; then kills a client in "
-        "the middle of its stream.",
+        "the middle of its stream, and last asks a provider that takes no requests.",
         "fdstream-demo");
     app.footer(kExamples);
-    app.add_option("FILE", options.file, "clip to stream; without it one is drawn")->type_name("");
+    auto* const file = app.add_option("FILE", options.file,
+                                      "clip to stream, which can be a pipe, or - for standard "
+                                      "input; without it one is drawn")
+                           ->type_name("");
+    app.add_flag("--partial", options.partial, "leaves out a part of a frame at the clip's end")
+        ->needs(file);
     app.add_option("--out", options.out, "folder for the pictures")
         ->type_name("DIR")
         ->capture_default_str();
@@ -90,12 +100,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::Range(uint32_t{1}, kMostBuffers))
         ->capture_default_str();
     app.add_flag("-v,--verbose", options.verbose, "let all that the library logs through");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kAllRight : kNotPlayed;
-    }
-    return std::nullopt;
+    return tools::parseCommandLine(app, argc, argv, kNotPlayed);
 }
 
 bool makeFolder(const fs::path& folder) {
@@ -105,21 +110,28 @@ bool makeFolder(const fs::path& folder) {
     return !error;
 }
 
-/** The path of the clip to play, which is drawn if need be. Nothing after a sentence on stderr. */
-std::optional<fs::path> findClip(const Options& options) {
-    if (options.file) return *options.file;
+/** Draws a clip where the pictures will be. Nothing after a sentence on stderr. */
+std::optional<std::string> drawnClip(const Options& options) {
     const fs::path drawn = fs::path(options.out) / kDrawnName;
     // Not through a link, which could lead to a clip that somebody needs.
     std::error_code error;
     fs::remove(drawn, error);
-    return tools::drawClip(drawn.c_str()) ? std::optional(drawn) : std::nullopt;
+    return tools::drawClip(drawn.c_str()) ? std::optional(drawn.string()) : std::nullopt;
 }
 
 /** Nothing after a sentence on stderr. */
-std::optional<tools::Nv12File> openClip(const fs::path& path) {
+std::optional<tools::Nv12File> openClip(const Options& options) {
+    const std::optional<std::string> name = options.file ? options.file : drawnClip(options);
+    if (!name) return std::nullopt;
     std::string problem;
-    std::optional<tools::Nv12File> clip = tools::Nv12File::open(path, problem);
-    if (!clip) warnx("%s cannot be played: %s", path.c_str(), problem.c_str());
+    std::optional<tools::Nv12File> clip = tools::Nv12File::open(*name, problem, options.partial);
+    const std::string words = tools::clipInWords(*name);
+    if (!clip) {
+        warnx("%s cannot be played: %s", words.c_str(), problem.c_str());
+    } else if (options.file) {
+        printf("%s is played as %s\n", words.c_str(), clip->description().c_str());
+        fflush(stdout);
+    }
     return clip;
 }
 
@@ -143,22 +155,29 @@ std::optional<Played> playScene(const tools::ProviderProcess& provider, const Op
                                 const fs::path& clip, bool turned) {
     tools::Direction direction = directionOf(options, turned ? "turned" : "upright");
     const tools::PictureFolder folder(fs::path(options.out) / direction.name);
-    std::optional<tools::Nv12File> file = openClip(clip);
+    std::optional<tools::Comparison> comparison = tools::Comparison::with(clip, turned, true);
     const sp<IFDSession> session = provider.connect();
-    if (!file || session == nullptr) return std::nullopt;
+    if (!comparison || session == nullptr) return std::nullopt;
 
     Played played = {{}, tools::ContactSheet(options.frames), folder.make() && folder.clear()};
-    tools::Comparison comparison(std::move(*file), turned);
     direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
         played.sheet.put(answer.frameNumber, answer.frame);
         played.saved &= folder.save(answer.frameNumber, answer.frame, direction.stream.size);
-        return comparison.faultOf(answer, figures);
+        return comparison->faultOf(answer, figures);
     };
     played.figures = tools::playStream(session, direction);
     return played;
 }
 
-/** The scenes at the provider that serves. */
+/** Null after a sentence on stderr. */
+std::unique_ptr<tools::ProviderProcess> startProvider(const Options& options, const fs::path& clip,
+                                                      std::vector<std::string> arguments) {
+    arguments.insert(arguments.end(), {"--partial", "--input", clip});
+    if (options.verbose) arguments.insert(arguments.end(), {"--log", "debug"});
+    return tools::ProviderProcess::start(arguments);
+}
+
+/** The scenes at providers that serve. */
 struct Served {
     Played upright;
     Played turned;
@@ -167,13 +186,14 @@ struct Served {
 
 /** Nothing after a sentence on stderr. */
 std::optional<Served> playServed(const Options& options, const fs::path& clip) {
-    std::vector<std::string> arguments = {"--input", clip};
-    if (options.verbose) arguments.insert(arguments.end(), {"--log", "debug"});
-    const auto provider = tools::ProviderProcess::start(arguments);
+    // Each scene with pictures has a provider of its own, which begins with the clip's first frame.
+    auto provider = startProvider(options, clip, {});
     if (provider == nullptr) return std::nullopt;
-
     std::optional<Played> upright = playScene(*provider, options, clip, false);
-    if (!upright || !provider->flip()) return std::nullopt;
+    if (!upright || !provider->stop()) return std::nullopt;
+
+    provider = startProvider(options, clip, {"--flipped"});
+    if (provider == nullptr) return std::nullopt;
     std::optional<Played> turned = playScene(*provider, options, clip, true);
     if (!turned || !provider->flip()) return std::nullopt;
     std::optional<tools::Killed> killed =
@@ -218,21 +238,32 @@ bool isRight(const tools::Figures& streamed) {
 const char* verdict(bool right, bool holds, bool saved) {
     if (!right) return "NOT RIGHT: frames are missing or wrong, see above.";
     if (!holds) return "NOT RIGHT: the provider does not hold the same after a client was killed.";
-    if (!saved) return "Every frame came and is right, but pictures could not be written.";
-    return "Every frame came and is right, byte for byte; the killed client left nothing behind.";
+    if (!saved) return "All frames came as they are in the file, but not all pictures are written.";
+    return "All frames came as they are in the file; the killed client left nothing behind.";
 }
 
-int conclude(const Served& served, const tools::Figures& unserved, const Options& options) {
+void printFigures(const Served& served, const tools::Figures& unserved, uint32_t buffers) {
     const tools::Killed& killed = served.killed;
     printf("\n");
     tools::printTable(
         {served.upright.figures, served.turned.figures, killed.before, killed.after, unserved});
+    if (buffers > 1) {
+        printf(
+            "With %u buffers in flight and 20 frames a second that makes about %u ms;\n"
+            "with --buffers 1 it waits for none.\n",
+            buffers, buffers * 50);
+    }
     printf("\n");
-    tools::printHoldings({{"with the client before a kill", killed.heldBefore},
-                          {"with the client after a kill", killed.heldAfter}});
+    tools::printHoldings({{"with client A, before the kill", killed.heldBefore},
+                          {"with client C, after the kill", killed.heldAfter}});
+}
+
+int conclude(const Served& served, const tools::Figures& unserved, const Options& options) {
+    printFigures(served, unserved, options.buffers);
     const bool saved = saveSheets(served.upright, served.turned, options.out);
     printPaths(options.out);
 
+    const tools::Killed& killed = served.killed;
     const bool right = isRight(served.upright.figures) && isRight(served.turned.figures) &&
                        isRight(killed.before) && isRight(killed.after) &&
                        unserved.failed() == kUnservedRequests && unserved.wrong == 0;
@@ -247,10 +278,10 @@ int run(int argc, char** argv) {
     host::setStderrLogPriority(options.verbose ? ANDROID_LOG_DEBUG : ANDROID_LOG_ERROR);
 
     if (!makeFolder(options.out)) return kNotPlayed;
-    const std::optional<fs::path> clip = findClip(options);
-    if (!clip || !openClip(*clip)) return kNotPlayed;
+    const std::optional<tools::Nv12File> clip = openClip(options);
+    if (!clip) return kNotPlayed;
 
-    const std::optional<Served> served = playServed(options, *clip);
+    const std::optional<Served> served = playServed(options, clip->path());
     if (!served) return kNotRight;
     const std::optional<tools::Figures> unserved = playIdle();
     return unserved ? conclude(*served, *unserved, options) : kNotRight;

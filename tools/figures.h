@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -15,7 +15,24 @@ enum class Ending {
     Refused,      ///< the session did not take the stream
     Silent,       ///< no answer came for long
     Interrupted,  ///< by a signal
+    TakenOver,    ///< another client has the session
+    NotKept,      ///< what came could not be written
     Gone,         ///< the provider was lost, or was not there
+};
+
+/** When a request was made and answered. Value type. */
+struct FrameTimes {
+    uint32_t number;
+    Answer::Outcome outcome;  ///< filled, failed or refused
+    Clock::time_point requested;
+    Clock::time_point answered;
+};
+
+/** In milliseconds. */
+struct Latency {
+    double least;
+    double median;
+    double p99;
 };
 
 /** What one scene came to. Value type. */
@@ -28,13 +45,16 @@ struct Figures {
     uint32_t wrong = 0;              ///< answers that are not what they have to be
     uint32_t foreignPictures = 0;    ///< those of them for which the source took a frame
     std::vector<uint32_t> failures;  ///< frame numbers of error results and of refused requests
-    std::vector<Clock::duration> latencies;
-    std::vector<Clock::time_point> arrivals;  ///< of the pictures
+    std::vector<FrameTimes> frames;  ///< in the order of the answers
     Ending ending = Ending::Complete;
 
     uint32_t failed() const { return static_cast<uint32_t>(failures.size()); }
     uint32_t answered() const { return delivered + failed(); }
     uint32_t missing() const { return asked - answered(); }
+    /** Of the requests that the session took. */
+    std::vector<Clock::duration> latencies() const;
+    /** Of the pictures. */
+    std::vector<Clock::time_point> arrivals() const;
 
     void add(const Answer& answer);
 };
@@ -44,10 +64,9 @@ double framesPerSecond(const std::vector<Clock::time_point>& arrivals);
 
 double inMilliseconds(Clock::duration duration);
 
-void printTable(const std::vector<Figures>& scenes);
+/** REQUIRES: there is at least one. */
+Latency latencyOf(std::vector<Clock::duration> latencies);
 
-/** One object for scripts, its figures null where there are none. False after a sentence on stderr.
- */
-bool writeJson(const Figures& figures, const std::filesystem::path& path);
+void printTable(const std::vector<Figures>& scenes, FILE* to = stdout);
 
 }  // namespace tools

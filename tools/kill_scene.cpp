@@ -13,7 +13,6 @@
 
 #include "child_process.h"
 #include "comparison.h"
-#include "nv12_file.h"
 #include "scene.h"
 
 namespace tools {
@@ -31,13 +30,11 @@ std::pair<Figures, Holdings> playWatched(const ProviderProcess& provider, Direct
     figures.wanted = direction.stream.frames;
     figures.ending = Ending::Gone;
 
-    std::string problem;
-    std::optional<Nv12File> file = Nv12File::open(clip, problem);
+    std::optional<Comparison> comparison = Comparison::with(clip, false, true);
     const auto session = provider.connect();
-    if (!file || session == nullptr) return result;
-    Comparison comparison(std::move(*file), false);
+    if (!comparison || session == nullptr) return result;
     direction.look = [&](const Answer& answer, const Figures& soFar) {
-        return comparison.faultOf(answer, soFar);
+        return comparison->faultOf(answer, soFar);
     };
     direction.curtain = [&, &held = holdings] { held = settledHoldings(provider.id()); };
     figures = playStream(session, direction);
@@ -57,8 +54,12 @@ bool killOne(const ProviderProcess& provider, uint32_t buffers) {
     }
     const std::optional<std::string> line = client->nextLine(kPatience);
     // Said first, because the provider's log tells of the result that it cannot deliver.
-    if (line) printf("%s, and now it is killed\n", line->c_str());
-    fflush(stdout);
+    if (line) {
+        printf(
+            "client B is killed in the middle of its stream: an ERROR line of the provider\n"
+            "about that would be as expected\n");
+        fflush(stdout);
+    }
     client->signal(SIGKILL);
     if (!client->waitForEnd(kPatience) || !line) {
         warnx("no client could be killed in the middle of its stream");
@@ -74,11 +75,11 @@ std::optional<Killed> playKilled(const ProviderProcess& provider, uint32_t frame
     // Both use all their buffers, so that the provider holds as many of each.
     const uint32_t used = std::min(buffers, frames);
     Direction first;
-    first.name = "before a kill";
+    first.name = "client A";
     first.stream.frames = used;
     first.stream.buffers = used;
     Direction second;
-    second.name = "after a kill";
+    second.name = "client C";
     second.stream.frames = frames;
     second.stream.buffers = used;
 

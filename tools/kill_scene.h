@@ -10,10 +10,10 @@
 
 namespace tools {
 
-/** A client that was killed, between two that were not. */
+/** A client that was killed (B), between two that were not (A and C). */
 struct Killed {
-    Figures before;  ///< of the client before
-    Figures after;   ///< of the client after, whose every frame is compared
+    Figures before;  ///< of client A
+    Figures after;   ///< of client C; each has every frame compared
     // What the provider held at the same point of the two clients' lives.
     Holdings heldBefore;
     Holdings heldAfter;

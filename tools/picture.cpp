@@ -5,6 +5,8 @@
 #include <png.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <string>
 
 #include "font.h"
@@ -116,9 +118,12 @@ bool writePng(const Picture& picture, const std::filesystem::path& path) {
     image.height = static_cast<png_uint_32>(picture.height);
     image.format = PNG_FORMAT_RGB;
     image.flags = PNG_IMAGE_FLAG_FAST;
+    errno = 0;
     if (png_image_write_to_file(&image, path.c_str(), 0, picture.rgb.data(), 0, nullptr) != 0)
         return true;
-    warnx("%s cannot be written: %s", path.c_str(), image.message);
+    // The library knows only that it could not write.
+    const char* const reason = errno != 0 ? strerror(errno) : image.message;
+    warnx("%s cannot be written: %s", path.c_str(), reason);
     return false;
 }
 

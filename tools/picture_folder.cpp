@@ -45,7 +45,13 @@ bool PictureFolder::clear() const {
 }
 
 bool PictureFolder::save(uint32_t number, const Frame& frame, FrameSize size) const {
-    return writePng(toPicture(frame, size), mPath / pictureName(number));
+    const fs::path path = mPath / pictureName(number);
+    fs::path part = path;
+    part += ".part";  // until it is whole
+    if (!writePng(toPicture(frame, size), part)) return false;
+    std::error_code error;
+    fs::rename(part, path, error);
+    return complain(mPath, error);
 }
 
 }  // namespace tools

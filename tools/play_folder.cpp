@@ -24,20 +24,15 @@ PlayFolder::~PlayFolder() {
     if (error) warnx("folder %s: %s", mPath.c_str(), error.message().c_str());
 }
 
-bool PlayFolder::enter(const std::optional<std::string>& clip) {
+bool PlayFolder::enter(const std::optional<fs::path>& clip) {
     std::error_code error;
-    const fs::path target = clip ? fs::canonical(*clip, error) : fs::path();
-    if (error) {
-        warnx("%s: %s", clip->c_str(), error.message().c_str());
-        return false;
-    }
     std::string name = fs::temp_directory_path(error) / "fdstream-provider-XXXXXX";
     if (error || mkdtemp(name.data()) == nullptr) {
         warn("no temporary folder for the clip");
         return false;
     }
     mPath = name;
-    if (clip) fs::create_symlink(target, mPath / kSourceName, error);
+    if (clip) fs::create_symlink(fs::absolute(*clip), mPath / kSourceName, error);
     if (!error) fs::current_path(mPath, error);
     if (error) warnx("folder %s: %s", mPath.c_str(), error.message().c_str());
     return !error && (clip || drawClip(kSourceName));

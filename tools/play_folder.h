@@ -2,7 +2,6 @@
 
 #include <filesystem>
 #include <optional>
-#include <string>
 
 namespace tools {
 
@@ -21,7 +20,7 @@ public:
      * Makes the folder with a link to the clip, or with a clip that is drawn, and makes it the
      * working directory. False after a sentence on stderr.
      */
-    bool enter(const std::optional<std::string>& clip);
+    bool enter(const std::optional<std::filesystem::path>& clip);
 
 private:
     std::filesystem::path mPath;

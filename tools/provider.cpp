@@ -8,17 +8,22 @@
 #include <utils/StrongPointer.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <csignal>
 #include <exception>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
+#include "client_watch.h"
+#include "command_line.h"
 #include "default_socket.h"
 #include "host/channel.h"
 #include "host/log.h"
@@ -26,6 +31,7 @@
 #include "nv12_file.h"
 #include "play_folder.h"
 #include "signals.h"
+#include "watched_session.h"
 
 namespace {
 
@@ -35,6 +41,7 @@ using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSession;
 using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSessionTest;
 
 constexpr int kEnded = 0;
+constexpr int kClipLost = 1;
 constexpr int kNotStarted = 2;
 
 constexpr const char* kFlippedProperty = "vendor.zoru.flipped";
@@ -49,24 +56,30 @@ const std::map<std::string, int>& logLevels() {
 
 constexpr const char* kExamples =
     "Examples:\n"
-    "  fdstream-provider                     plays a clip that it draws, at the usual place\n"
-    "  fdstream-provider --input street.yuv  plays your clip: raw NV12, 1280x720, no header\n"
+    "  fdstream-provider                     plays a clip that it draws, at the usual\n"
+    "                                        place\n"
+    "  fdstream-provider --input street.yuv  plays your clip: raw NV12, 1280x720, no\n"
+    "                                        header\n"
+    "  ffmpeg -i street.mp4 -f rawvideo -pix_fmt nv12 -s 1280x720 - |\n"
+    "      fdstream-provider --input -       reads it to its end first, at most 4 GiB\n"
     "  fdstream-provider --flipped           frames come turned by 180 degrees\n"
-    "  fdstream-provider --idle              takes no requests: each comes back as an error after a\n"
-    "                                        second\n"
+    "  fdstream-provider --idle              takes no requests: each comes back as an\n"
+    "                                        error after a second\n"
     "  fdstream-provider --log debug         tells of every request\n"
     "  fdstream-provider --socket ./cam.sock somewhere else\n"
     "\n"
     "Then, in another terminal: fdstream-client --watch --frames 0\n"
     "\n"
-    "Signals: SIGHUP turns the frames by 180 degrees, or back; SIGINT (Ctrl-C) and SIGTERM end it.\n"
-    "It prints \"listening on PATH\" when clients can come.\n"
+    "Signals: SIGHUP turns the frames by 180 degrees, or back; SIGINT (Ctrl-C) and\n"
+    "SIGTERM end it. It prints \"listening on PATH\" when clients can come.\n"
     "\n"
-    "Exit code: 0 it was ended by a signal, 2 it could not start.";
+    "Exit code: 0 it was ended by a signal, 1 its clip was cut short, 2 it could not\n"
+    "start.";
 
 struct Options {
     std::optional<std::string> socket;
     std::optional<std::string> input;
+    bool partial = false;
     bool flipped = false;
     bool idle = false;
     std::string log = "error";
@@ -83,8 +96,12 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
                    std::string("where clients connect; without it ") + tools::kDefaultSocketInWords)
         ->type_name("PATH");
     auto* const input =
-        app.add_option("--input", options.input, "clip to play; without it one is drawn")
+        app.add_option("--input", options.input,
+                       "clip to play, which can be a pipe, or - for standard input; without it "
+                       "one is drawn")
             ->type_name("FILE");
+    app.add_flag("--partial", options.partial, "leaves out a part of a frame at the clip's end")
+        ->needs(input);
     app.add_flag("--flipped", options.flipped, "turns the frames by 180 degrees from the start");
     app.add_flag("--idle", options.idle, "takes no requests")->excludes(input);
     app.add_option("--log", options.log,
@@ -92,12 +109,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::IsMember(&logLevels()).description(""))
         ->type_name("LEVEL")
         ->capture_default_str();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kEnded : kNotStarted;
-    }
-    return std::nullopt;
+    return tools::parseCommandLine(app, argc, argv, kNotStarted);
 }
 
 /** The test frame source, for the scope of this object. */
@@ -119,17 +131,14 @@ void setFlipped(bool flipped) {
     host::setProperty(kFlippedProperty, flipped ? "true" : "false");
 }
 
-/** Whether the file can be played; if not, after a sentence on stderr. */
-bool isPlayable(const std::string& file) {
+/** The clip of this name; nothing after a sentence on stderr. */
+std::optional<tools::Nv12File> openClip(const std::string& name, bool partial) {
     std::string problem;
-    const std::optional<tools::Nv12File> clip = tools::Nv12File::open(file, problem);
+    std::optional<tools::Nv12File> clip = tools::Nv12File::open(name, problem, partial);
     if (!clip) {
-        warnx("%s cannot be played: %s", file.c_str(), problem.c_str());
-    } else if (clip->tailBytes() != 0) {
-        warnx("warning: %s ends with a part of a frame (%zu bytes), which is left out",
-              file.c_str(), clip->tailBytes());
+        warnx("%s cannot be played: %s", tools::clipInWords(name).c_str(), problem.c_str());
     }
-    return clip.has_value();
+    return clip;
 }
 
 /** A whole path, because the working directory changes. Nothing after a sentence on stderr. */
@@ -144,21 +153,54 @@ std::optional<std::string> socketPath(const Options& options) {
     return std::nullopt;
 }
 
-/** Says a line to whoever reads; nothing holds it up when nobody does. */
+/** Says a line to whoever reads; nothing holds it up when nobody does. Any thread. */
 void say(const std::string& line) {
+    // One at a time, so that the room that was seen is still there.
+    static std::mutex mutex;
+    const std::lock_guard<std::mutex> lock(mutex);
     pollfd output = {STDOUT_FILENO, POLLOUT, 0};
     if (poll(&output, 1, 0) <= 0 || (output.revents & POLLOUT) == 0) return;
     const ssize_t written = write(STDOUT_FILENO, line.data(), line.size());
     static_cast<void>(written);  // it goes on without
 }
 
-void serve(const Options& options, const std::string& socket, const tools::Signals& signals) {
+/** Null after a sentence on stderr. */
+std::unique_ptr<host::Server> listen(const std::string& socket) {
+    const auto watch =
+        std::make_shared<tools::ClientWatch>([](const std::string& line) { say(line + "\n"); });
+    const sp<tools::WatchedSession> session =
+        new tools::WatchedSession(FDSession::getInstance()->getInterface(), watch);
+    host::ConnectionEvents events;
+    events.came = [watch](pid_t client) { watch->came(client); };
+    events.went = [watch](pid_t client) { watch->went(client); };
+    std::string problem;
+    std::unique_ptr<host::Server> server =
+        host::Server::listen(socket, session, problem, std::move(events));
+    if (server == nullptr) warnx("%s", problem.c_str());
+    return server;
+}
+
+/** Until a signal ends it. False, after a sentence on stderr, when its clip has been cut before. */
+bool serve(const Options& options, const std::string& socket,
+           const std::optional<tools::Nv12File>& clip, const tools::Signals& signals) {
+    constexpr std::chrono::milliseconds kLook(200);
     bool flipped = options.flipped;
+    const std::string name = tools::clipInWords(options.input.value_or(""));
     say("listening on " + socket + "\n");
-    while (signals.wait() == SIGHUP) {
-        flipped = !flipped;
-        setFlipped(flipped);
-        say(flipped ? "frames come turned by 180 degrees\n" : "frames come upright\n");
+    if (clip) say(name + " is played as " + clip->description() + "\n");
+    for (;;) {
+        const int number = clip ? signals.wait(kLook) : signals.wait();
+        if (clip && clip->isCut()) {
+            warnx("%s has become shorter while it was played", name.c_str());
+            return false;
+        }
+        if (number == SIGHUP) {
+            flipped = !flipped;
+            setFlipped(flipped);
+            say(flipped ? "frames come turned by 180 degrees\n" : "frames come upright\n");
+        } else if (number != 0) {
+            return true;
+        }
     }
 }
 
@@ -167,27 +209,26 @@ int run(int argc, char** argv) {
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     tools::openStandardStreams();
     host::setStderrLogPriority(logLevels().at(options.log));
+    const std::optional<std::string> socket = socketPath(options);
+    if (!socket) return kNotStarted;
+    // Before signals are blocked: a pipe may never end.
+    std::optional<tools::Nv12File> clip;
+    if (options.input) clip = openClip(*options.input, options.partial);
+    if (options.input && !clip) return kNotStarted;
+
     const tools::Signals signals({SIGHUP, SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines
-
-    const std::optional<std::string> socket = socketPath(options);
-    if (!socket || (options.input && !isPlayable(*options.input))) return kNotStarted;
     tools::PlayFolder folder;
-    if (!options.idle && !folder.enter(options.input)) return kNotStarted;
+    if (!options.idle && !folder.enter(clip ? std::optional(clip->path()) : std::nullopt))
+        return kNotStarted;
 
     setFlipped(options.flipped);
-    std::string problem;
-    const std::unique_ptr<host::Server> server =
-        host::Server::listen(*socket, FDSession::getInstance()->getInterface(), problem);
-    if (server == nullptr) {
-        warnx("%s", problem.c_str());
-        return kNotStarted;
-    }
+    const std::unique_ptr<host::Server> server = listen(*socket);
+    if (server == nullptr) return kNotStarted;
     // Ends before the server does, so that no frame is on its way when the connections end.
     std::optional<FrameSource> source;
     if (!options.idle) source.emplace();
-    serve(options, *socket, signals);
-    return kEnded;
+    return serve(options, *socket, clip, signals) ? kEnded : kClipLost;
 }
 
 }  // namespace

@@ -21,6 +21,14 @@ using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
 
 constexpr std::chrono::seconds kPatience(20);
 
+/** Waits until it prints a line that begins so. */
+bool says(ChildProcess& child, const std::string& beginning) {
+    while (const std::optional<std::string> line = child.nextLine(kPatience)) {
+        if (line->rfind(beginning, 0) == 0) return true;
+    }
+    return false;
+}
+
 /** Null after a sentence on stderr. */
 std::unique_ptr<ChildProcess> startListening(const std::vector<std::string>& arguments) {
     std::string problem;
@@ -30,8 +38,7 @@ std::unique_ptr<ChildProcess> startListening(const std::vector<std::string>& arg
         warnx("%s", problem.c_str());
         return nullptr;
     }
-    const std::optional<std::string> line = child->nextLine(kPatience);
-    if (line && line->rfind("listening on ", 0) == 0) return child;
+    if (says(*child, "listening on ")) return child;
     warnx("the provider does not start");
     return nullptr;
 }
@@ -61,7 +68,7 @@ sp<IFDSession> ProviderProcess::connect() const {
 
 bool ProviderProcess::flip() {
     mChild->signal(SIGHUP);
-    if (mChild->nextLine(kPatience)) return true;
+    if (says(*mChild, "frames come ")) return true;
     warnx("the provider does not turn its frames");
     return false;
 }

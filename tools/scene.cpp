@@ -3,6 +3,7 @@
 #include <err.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <optional>
@@ -27,8 +28,11 @@ constexpr std::chrono::milliseconds kStaleAtLeast(980);
 /** Says how a scene goes. */
 class Reporter {
 public:
-    Reporter(std::string name, bool hushed)
-        : mName(std::move(name)), mHushed(hushed), mTerminal(isatty(STDOUT_FILENO) != 0) {}
+    explicit Reporter(const Direction& direction)
+        : mName(direction.name),
+          mHushed(direction.hushed),
+          mTalk(direction.talk),
+          mTerminal(isatty(fileno(mTalk)) != 0) {}
     ~Reporter() {
         leaveLine();
         for (const std::string& sentence : mKept)
@@ -44,12 +48,12 @@ public:
         const uint32_t answered = figures.answered();
         const std::string of = wanted == UINT32_MAX ? "" : " of " + std::to_string(wanted);
         if (mTerminal) {
-            printf("\r%s: %u%s frames", mName.c_str(), answered, of.c_str());
+            fprintf(mTalk, "\r%s: %u%s frames", mName.c_str(), answered, of.c_str());
             mOnLine = true;
         } else if (answered == wanted || answered % kSparse == 0) {
-            printf("%s: %u%s frames\n", mName.c_str(), answered, of.c_str());
+            fprintf(mTalk, "%s: %u%s frames\n", mName.c_str(), answered, of.c_str());
         }
-        fflush(stdout);
+        fflush(mTalk);
     }
 
     void complain(const std::string& what) {
@@ -69,14 +73,15 @@ public:
 
     void leaveLine() {
         if (!mOnLine) return;
-        printf("\n");
-        fflush(stdout);
+        fprintf(mTalk, "\n");
+        fflush(mTalk);
         mOnLine = false;
     }
 
 private:
     const std::string mName;
     const bool mHushed;
+    FILE* const mTalk;
     const bool mTerminal;
     bool mOnLine = false;
     std::vector<std::string> mKept;
@@ -86,69 +91,102 @@ private:
 class Run {
 public:
     Run(const sp<IFDSession>& session, const Direction& direction)
-        : mDirection(direction),
-          mReporter(direction.name, direction.hushed),
-          mClient(session, direction.stream) {
+        : mDirection(direction), mSettings(direction.stream), mReporter(direction) {
+        mClient.emplace(session, mSettings);
         mFigures.scene = direction.name;
         mFigures.wanted = direction.stream.frames;
     }
 
     bool start() {
         std::string problem;
-        if (mClient.start(problem)) return true;
-        mFigures.ending = problem.empty() ? Ending::Gone : Ending::Refused;
-        mReporter.complain(problem.empty() ? "the provider is gone: " + mClient.loss() : problem);
-        return false;
+        if (mClient->start(problem)) return true;
+        if (problem.empty()) return endLost();
+        mReporter.complain(problem);
+        return end(Ending::Refused);
     }
 
     /** Waits for the next answer and counts it; nothing when the run is over. */
     std::optional<Answer> take() {
+        if (mFigures.ending != Ending::NotKept && mDirection.broken()) stop(Ending::NotKept);
         Clock::time_point silent = Clock::now();
-        while (mFigures.answered() < mClient.wanted()) {
+        while (mFigures.answered() + mLost < mClient->wanted()) {
             if (mDirection.interrupted() && !interrupt()) break;
-            if (std::optional<Answer> answer = mClient.next(kLook)) {
+            if (std::optional<Answer> answer = mClient->next(kLook)) {
                 mFigures.add(*answer);
                 return answer;
             }
             const Clock::time_point now = Clock::now();
-            if (mClient.isIdle()) silent = now;
-            if (!mayGoOn(now - silent)) break;
+            if (mClient->isIdle()) silent = now;
+            if (mClient->loss() == Loss::None) {
+                if (now - silent >= kPatience && !endSilent()) break;
+            } else {
+                if (!goOnElsewhere()) break;
+                silent = Clock::now();
+            }
         }
-        mFigures.asked = mClient.asked();
+        mFigures.asked = mClient->asked();
         return std::nullopt;
     }
 
-    void progress() { mReporter.progress(mFigures, mClient.wanted()); }
+    void progress() { mReporter.progress(mFigures, mClient->wanted()); }
     Reporter& reporter() { return mReporter; }
     Figures& figures() { return mFigures; }
 
 private:
-    /** The first time lets the requests under way come back; false from then on. */
-    bool interrupt() {
-        if (mFigures.ending == Ending::Interrupted) return false;
-        mFigures.ending = Ending::Interrupted;
-        mReporter.complain("interrupted: waiting for the requests under way, no further ones");
-        mClient.stopAsking();
-        return true;
-    }
-
-    bool mayGoOn(Clock::duration silence) {
-        const std::string loss = mClient.loss();
-        if (!loss.empty()) {
-            mFigures.ending = Ending::Gone;
-            mReporter.complain("the provider is gone: " + loss);
-            return false;
-        }
-        if (silence < kPatience) return true;
-        mFigures.ending = Ending::Silent;
-        mReporter.complain("nothing came for " + std::to_string(kPatience.count()) + " seconds");
+    bool end(Ending how) {
+        mFigures.ending = how;
         return false;
     }
 
+    /** Lets the requests under way come back. */
+    void stop(Ending why) {
+        mFigures.ending = why;
+        mClient->stopAsking();
+    }
+
+    /** False when it is to end at once, because it was about to end already. */
+    bool interrupt() {
+        if (mFigures.ending != Ending::Complete) return false;
+        mReporter.complain("interrupted: waiting for the requests under way, no further ones");
+        stop(Ending::Interrupted);
+        return true;
+    }
+
+    bool endSilent() {
+        mReporter.complain("nothing came for " + std::to_string(kPatience.count()) + " seconds");
+        return end(Ending::Silent);
+    }
+
+    bool endLost() {
+        const bool takenOver = mClient->loss() == Loss::TakenOver;
+        mReporter.complain((takenOver ? "" : "the provider is gone: ") + mClient->lossInWords());
+        return end(takenOver ? Ending::TakenOver : Ending::Gone);
+    }
+
+    /** After a loss: whether the stream goes on all the same. */
+    bool goOnElsewhere() {
+        if (mClient->loss() != Loss::GivenUp) return endLost();
+        mSettings.firstFrame = mClient->asked();
+        mSettings.frames = mClient->wanted();
+        mLost = mSettings.firstFrame - mFigures.answered();
+        mReporter.complain(mClient->lossInWords() +
+                           "; frames missing by now: " + std::to_string(mLost));
+        if (mSettings.firstFrame == mSettings.frames) return true;
+        const sp<IFDSession> session = mDirection.connectAnew();
+        if (session == nullptr) {
+            mReporter.complain("there is no way to connect anew");
+            return end(Ending::Gone);
+        }
+        mClient.emplace(session, mSettings);
+        return start();
+    }
+
     const Direction& mDirection;
+    StreamSettings mSettings;
     Reporter mReporter;
     Figures mFigures;
-    StreamClient mClient;
+    uint32_t mLost = 0;  // requests that nobody answers any more
+    std::optional<StreamClient> mClient;
 };
 
 /** In words, why an answer that has no picture is wrong; empty when it belongs to somebody else. */
@@ -168,6 +206,24 @@ std::string faultWithout(const Answer& answer) {
     return {};
 }
 
+/** In words, why requests were given up that would have been served; empty when none was. */
+std::string adviceOn(const Figures& figures, uint32_t buffers) {
+    const auto late =
+        std::count_if(figures.frames.begin(), figures.frames.end(), [](const FrameTimes& frame) {
+            return frame.outcome == Answer::Outcome::Failed &&
+                   frame.answered - frame.requested >= kStaleAtLeast;
+        });
+    const double rate = framesPerSecond(figures.arrivals());
+    if (late == 0 || rate <= 0 || buffers == 1 || buffers < rate) return {};
+    char text[160];
+    snprintf(
+        text, sizeof(text),
+        "%d of the requests outlived the second that each may wait: at %.1f frames a second %u in "
+        "flight are too many, take --buffers %d",
+        static_cast<int>(late), rate, buffers, std::max(1, static_cast<int>(rate) - 1));
+    return text;
+}
+
 }  // namespace
 
 Figures playStream(const sp<IFDSession>& session, const Direction& direction) {
@@ -183,6 +239,8 @@ Figures playStream(const sp<IFDSession>& session, const Direction& direction) {
         run.progress();
     }
     run.reporter().leaveLine();
+    const std::string advice = adviceOn(run.figures(), direction.stream.buffers);
+    if (!advice.empty()) run.reporter().complain(advice);
     direction.curtain();
     return run.figures();
 }

@@ -4,6 +4,7 @@
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -20,10 +21,20 @@ struct Direction {
     std::function<std::string(const Answer&, const Figures&)> look;
     /** Asked again and again whether to end early: first without further requests, then at once. */
     std::function<bool()> interrupted = [] { return false; };
+    /** Asked after each picture whether it could not be kept, so that no more are needed. */
+    std::function<bool()> broken = [] { return false; };
+    /**
+     * A connection on which the stream goes on after the provider gave this client up; null for
+     * none. What was under way is missing, and what follows is not what would have come next.
+     */
+    std::function<android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession>()>
+        connectAnew = [] { return nullptr; };
     /** Called when all answers are here, and the session still holds the client's buffers. */
     std::function<void()> curtain = [] {};
     /** No progress is shown, and what is wrong is only said at the end. */
     bool hushed = false;
+    /** Where progress is shown. */
+    FILE* talk = stdout;
 };
 
 /** Streams frames, and says on stderr what is wrong. */

@@ -21,10 +21,15 @@ int Signals::wait() const {
     return number;
 }
 
-int Signals::poll() const {
-    const timespec now = {};
-    const int number = sigtimedwait(&mSet, nullptr, &now);
+int Signals::wait(std::chrono::milliseconds patience) const {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
+    const timespec time = {seconds.count(), std::chrono::nanoseconds(patience - seconds).count()};
+    const int number = sigtimedwait(&mSet, nullptr, &time);
     return number > 0 ? number : 0;
+}
+
+int Signals::poll() const {
+    return wait(std::chrono::milliseconds(0));
 }
 
 void openStandardStreams() {

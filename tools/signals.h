@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <csignal>
 #include <initializer_list>
 
@@ -15,6 +16,8 @@ public:
 
     /** Waits for the next one. */
     int wait() const;
+    /** Waits for so long only; 0 when none has come. */
+    int wait(std::chrono::milliseconds patience) const;
     /** Takes one that has come; 0 when none has. */
     int poll() const;
 

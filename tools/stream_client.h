@@ -9,6 +9,7 @@
 #include <string>
 
 #include "frame.h"
+#include "host/served_watch.h"
 
 namespace tools {
 
@@ -17,9 +18,6 @@ using Clock = std::chrono::steady_clock;
 /** What a buffer is full of before it is filled. */
 constexpr uint8_t kNotWritten = 0xA5;
 
-/** The first of many buffer ids that no earlier client used: random, out of 2 to the 64th. */
-uint64_t freshBufferIds();
-
 /** What a client asks for. */
 struct StreamSettings {
     uint32_t frames;
@@ -27,8 +25,8 @@ struct StreamSettings {
     FrameSize size = kClipSize;
     /** The pace of the requests; 0 for as fast as buffers come back. */
     double requestsPerSecond = 0;
-    /** The buffers' ids follow one another from here. */
-    uint64_t firstBufferId = freshBufferIds();
+    /** The number of the first one; those before it are counted among `frames`. */
+    uint32_t firstFrame = 0;
 };
 
 /** What became of one request. */
@@ -50,27 +48,37 @@ struct Answer {
     Frame frame;
 };
 
+/** What a stream can be lost by. */
+enum class Loss {
+    None,
+    Gone,       ///< the provider is not there any more
+    TakenOver,  ///< another client has the session
+    GivenUp,    ///< this client did not answer in time, and is not called any more
+};
+
+class StreamReceiver;
+
 /**
  * A client of the stream: asks for a number of frames in buffers of its own, at a pace or with
  * every buffer in flight, until all frames are asked for. Knows the session by its client interface
  * only.
  *
  * Without a pace the next request is made from inside the callback that gives a buffer back.
- * Pictures are copied out there too, so who looks at them delays nobody. Operations are for one
- * thread.
+ * Pictures are copied out there too, so who looks at them delays nobody; who is far behind gets no
+ * further ones until then. Operations are for one thread.
  */
 class StreamClient {
 public:
     StreamClient(const android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession>& session,
                  const StreamSettings& settings);
-    /** Takes the callback away. A call under way may end later; it keeps what it needs. */
+    /** Takes the callback away, if the session still has it, and waits for the last call's end. */
     ~StreamClient();
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
 
     /**
      * Allocates the buffers, configures the stream and, without a pace, asks for one frame in each
-     * buffer. False when that cannot be: the sentence is in `problem`, or in loss().
+     * buffer. False when that cannot be: the sentence is in `problem`, or in lossInWords().
      */
     bool start(std::string& problem);
     /**
@@ -86,19 +94,19 @@ public:
     uint32_t wanted() const;
     /** Whether no request is under way. */
     bool isIdle() const;
-    /** How the provider was lost; empty while it is there. */
-    std::string loss() const;
+    /** None as long as answers are left that came before it. */
+    Loss loss() const;
+    std::string lossInWords() const;
 
 private:
-    class Receiver;
-
     /** Looks at both halves of an answer: whether the call arrived, and what it said. */
     bool takes(
         const android::hardware::Return<android::hardware::camera::common::V1_0::Status>& answer,
         std::string& problem);
 
     const android::sp<vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession> mSession;
-    const android::sp<Receiver> mReceiver;
+    const android::sp<StreamReceiver> mReceiver;
+    const host::ServedWatch mWatch;  // tells the receiver when the session does not call any more
 };
 
 }  // namespace tools

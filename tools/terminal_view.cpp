@@ -4,9 +4,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
-#include <optional>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -17,58 +17,18 @@ namespace tools {
 namespace {
 
 constexpr int kTextWidth = 22;
+constexpr int kGap = 2;
 constexpr size_t kRecentFrames = 20;
-
-struct Cells {
-    int columns;
-    int lines;
-};
-
-Cells terminalSize() {
-    winsize size = {};
-    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
-        return {80, 24};
-    return {size.ws_col, size.ws_row};
-}
 
 int even(double value) {
     return std::max(2, static_cast<int>(value) / 2 * 2);
 }
 
 /** The largest picture that leaves room for the text, one column and half a line for each pixel. */
-FrameSize fitting(FrameSize size, Cells cells) {
-    const double scale = std::min(static_cast<double>(cells.columns - kTextWidth) / size.width,
-                                  static_cast<double>(cells.lines - 1) * 2 / size.height);
+FrameSize fitting(FrameSize size, int columns, int lines) {
+    const double scale = std::min(static_cast<double>(columns - kTextWidth) / size.width,
+                                  static_cast<double>(lines) * 2 / size.height);
     return {even(size.width * scale), even(size.height * scale)};
-}
-
-using Colour = std::array<uint8_t, 3>;
-
-Colour colourAt(const Picture& picture, int x, int y) {
-    const size_t at =
-        (static_cast<size_t>(y) * static_cast<size_t>(picture.width) + static_cast<size_t>(x)) * 3;
-    return {picture.rgb[at], picture.rgb[at + 1], picture.rgb[at + 2]};
-}
-
-/** Sets one of the two colours of what follows, where it is not set already. */
-void setColour(std::string& out, const char* which, Colour colour, std::optional<Colour>& current) {
-    if (current == colour) return;
-    current = colour;
-    char sequence[32];
-    snprintf(sequence, sizeof(sequence), "\x1b[%s;2;%d;%d;%dm", which, colour[0], colour[1],
-             colour[2]);
-    out += sequence;
-}
-
-void drawLine(std::string& out, const Picture& picture, int line) {
-    std::optional<Colour> upper;
-    std::optional<Colour> lower;
-    for (int x = 0; x < picture.width; ++x) {
-        setColour(out, "38", colourAt(picture, x, 2 * line), upper);
-        setColour(out, "48", colourAt(picture, x, 2 * line + 1), lower);
-        out += "\u2580";  // the upper half of the cell
-    }
-    out += "\x1b[0m";
 }
 
 std::vector<std::string> textOf(const Answer& answer, const Figures& figures, double rate) {
@@ -94,7 +54,7 @@ void put(const std::string& text) {
 
 }  // namespace
 
-TerminalView::TerminalView(FrameSize size) : mSize(size) {
+TerminalView::TerminalView(FrameSize size) : mSize(size), mColours(coloursOfTerminal()) {
     put("\x1b[?1049h\x1b[?25l\x1b[2J");  // another screen, no cursor
 }
 
@@ -102,8 +62,19 @@ TerminalView::~TerminalView() {
     put("\x1b[?25h\x1b[?1049l");
 }
 
-bool TerminalView::isPossible() {
-    return isatty(STDOUT_FILENO) != 0;
+std::string TerminalView::obstacle() {
+    const char* const terminal = getenv("TERM");
+    if (isatty(STDOUT_FILENO) == 0) return "--watch needs a terminal to show the stream in";
+    if (terminal == nullptr || strcmp(terminal, "dumb") == 0)
+        return "--watch needs a terminal whose cursor can be moved, which TERM does not promise";
+    return {};
+}
+
+TerminalView::Window TerminalView::window() {
+    winsize size = {};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0)
+        return {80, 24};
+    return {size.ws_col, size.ws_row};
 }
 
 void TerminalView::show(const Answer& answer, const Figures& figures) {
@@ -111,18 +82,27 @@ void TerminalView::show(const Answer& answer, const Figures& figures) {
     if (mRecent.size() > kRecentFrames) mRecent.pop_front();
     const double rate = framesPerSecond({mRecent.begin(), mRecent.end()});
 
-    const Picture picture = scaled(answer.frame, mSize, fitting(mSize, terminalSize()));
-    const std::vector<std::string> text = textOf(answer, figures, rate);
     std::string out = "\x1b[H";
-    const int lines = std::max(picture.height / 2, static_cast<int>(text.size()));
+    const Window now = window();
+    if (now.columns != mWindow.columns || now.lines != mWindow.lines) out += "\x1b[2J";
+    mWindow = now;
+
+    const Picture picture =
+        scaled(answer.frame, mSize, fitting(mSize, mWindow.columns, mWindow.lines));
+    const int pictureColumns = std::min(picture.width, mWindow.columns);
+    const int textColumns = std::max(0, mWindow.columns - picture.width - kGap);
+    const std::vector<std::string> text = textOf(answer, figures, rate);
+    const int textLines = textColumns > 0 ? static_cast<int>(text.size()) : 0;
+    const int lines = std::min(std::max(picture.height / 2, textLines), mWindow.lines);
     for (int line = 0; line < lines; ++line) {
-        if (line < picture.height / 2) drawLine(out, picture, line);
+        if (line > 0) out += "\r\n";
+        if (line < picture.height / 2) drawLine(out, picture, line, pictureColumns, mColours);
+        if (line >= textLines) continue;
         // What is to the right of an earlier, longer line goes away.
-        out += "\x1b[" + std::to_string(picture.width + 3) + "G\x1b[K";
-        if (static_cast<size_t>(line) < text.size()) out += text[static_cast<size_t>(line)];
-        out += "\r\n";
+        out += "\x1b[" + std::to_string(picture.width + kGap + 1) + "G\x1b[K";
+        out += text[static_cast<size_t>(line)].substr(0, static_cast<size_t>(textColumns));
     }
-    put(out + "\x1b[J");
+    put(out);
 }
 
 }  // namespace tools

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <deque>
+#include <string>
 
+#include "cells.h"
 #include "figures.h"
 #include "frame.h"
 #include "stream_client.h"
@@ -9,8 +11,10 @@
 namespace tools {
 
 /**
- * Shows the stream in a terminal of 24-bit colour, two rows of the picture in each line, and what
- * there is to say beside it. Has the whole screen for its own life, and gives the old one back.
+ * Shows the stream in a terminal, two rows of the picture in each line, and what there is to say
+ * beside it. In the colours that the terminal has, by TERM and COLORTERM; in characters of more or
+ * less ink when it has none, or NO_COLOR is set. Keeps to the window, whatever its size. Has the
+ * whole screen for its own life, and gives the old one back.
  */
 class TerminalView {
 public:
@@ -19,13 +23,22 @@ public:
     TerminalView(const TerminalView&) = delete;
     TerminalView& operator=(const TerminalView&) = delete;
 
-    /** Whether the standard output is a terminal. */
-    static bool isPossible();
+    /** In words, why the standard output can show nothing; empty when it can. */
+    static std::string obstacle();
 
     void show(const Answer& answer, const Figures& figures);
 
 private:
+    struct Window {
+        int columns;
+        int lines;
+    };
+
+    static Window window();
+
     const FrameSize mSize;
+    const Colours mColours;
+    Window mWindow = {};
     // Of the last second or so, for a rate that follows the stream.
     std::deque<Clock::time_point> mRecent;
 };

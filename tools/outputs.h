@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdio>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "comparison.h"
+#include "figures.h"
+#include "frame.h"
+#include "output_file.h"
+#include "picture_folder.h"
+#include "stream_client.h"
+#include "terminal_view.h"
+
+namespace tools {
+
+/** What is to become of the pictures and the figures. */
+struct OutputChoice {
+    std::optional<std::string> png;
+    std::optional<std::string> raw;
+    std::optional<std::string> json;
+    std::optional<std::string> compare;
+    bool turned = false;
+    bool partial = false;
+    bool watch = false;
+
+    bool hasStandardOutput() const { return raw == "-" || json == "-"; }
+    /** In words, why this cannot be; empty when it can. */
+    std::string problem(FrameSize size) const;
+};
+
+/** All that is done with the pictures and the figures. For one thread. */
+class Outputs {
+public:
+    /** `interrupted` is asked while nobody reads an output. */
+    Outputs(OutputChoice choice, FrameSize size, std::optional<Comparison> comparison,
+            std::function<bool()> interrupted);
+
+    /** False after a sentence on stderr. */
+    bool open();
+    /** Where people are talked to: not where an output goes. */
+    FILE* talk() const { return mChoice.hasStandardOutput() ? stderr : stdout; }
+
+    /** In words, what is wrong with the picture; empty when nothing is. */
+    std::string take(const Answer& answer, const Figures& figures);
+    /** The pictures to come do not follow those that came. */
+    void breakOff();
+    void stopWatching() { mView.reset(); }
+    /** Whether an output has failed, so that nothing more is needed. */
+    bool isBroken() const;
+
+    /** Whether all is written; if not, after a sentence on stderr. */
+    bool finish(const Figures& figures, const StreamSettings& settings);
+
+private:
+    const OutputChoice mChoice;
+    const FrameSize mSize;
+    std::optional<PictureFolder> mFolder;
+    std::optional<OutputFile> mRaw;
+    std::optional<OutputFile> mJson;
+    std::optional<Comparison> mComparison;
+    std::optional<TerminalView> mView;
+    bool mSaved = true;
+};
+
+}  // namespace tools

@@ -1,0 +1,346 @@
+#include "stream_receiver.h"
+
+#include <android/hardware/camera/common/1.0/types.h>
+#include <android/hardware/graphics/common/1.0/types.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "host/limits.h"
+
+namespace tools {
+
+namespace {
+
+using android::sp;
+using android::wp;
+using android::hardware::hidl_vec;
+using android::hardware::camera::common::V1_0::Status;
+using android::hardware::camera::device::V3_2::BufferStatus;
+using android::hardware::camera::device::V3_2::Stream;
+using android::hardware::camera::device::V3_2::StreamConfiguration;
+using android::hardware::camera::device::V3_2::StreamType;
+using android::hardware::graphics::common::V1_0::BufferUsage;
+using android::hardware::graphics::common::V1_0::PixelFormat;
+using android::hidl::base::V1_0::IBase;
+
+constexpr int32_t kStreamId = 0;
+constexpr uint32_t kRowPadding = 256;  // so that a forgotten stride shows
+constexpr uint64_t kUsage = static_cast<uint64_t>(BufferUsage::CPU_READ_OFTEN) |
+                            static_cast<uint64_t>(BufferUsage::CPU_WRITE_OFTEN);
+constexpr const char* kDied = "it has ended, or closed the connection";
+/** Of pictures that nobody has looked at yet. */
+constexpr size_t kMostUnread = 32;
+
+std::optional<host::Buffer> allocate(FrameSize size) {
+    host::BufferGeometry geometry;
+    geometry.width = static_cast<uint32_t>(size.width);
+    geometry.height = static_cast<uint32_t>(size.height);
+    geometry.stride = geometry.width + kRowPadding;
+    geometry.usage = kUsage;
+    return host::Buffer::allocate(geometry);
+}
+
+Frame copyOut(const host::Buffer& buffer) {
+    const host::BufferGeometry& geometry = buffer.geometry();
+    Frame frame;
+    frame.reserve(size_t{geometry.width} * geometry.height / 2 * 3);
+    for (uint32_t row = 0; row < geometry.height; ++row)
+        frame.insert(frame.end(), buffer.lumaRow(row), buffer.lumaRow(row) + geometry.width);
+    for (uint32_t row = 0; row < geometry.height / 2; ++row)
+        frame.insert(frame.end(), buffer.chromaRow(row), buffer.chromaRow(row) + geometry.width);
+    return frame;
+}
+
+/** The first of many buffer ids that no earlier client used: random, out of 2 to the 64th. */
+uint64_t freshBufferIds() {
+    std::random_device random;
+    return uint64_t{random()} << 32 | random();
+}
+
+Clock::duration periodOf(double perSecond) {
+    if (perSecond <= 0) return Clock::duration::zero();
+    return std::chrono::duration_cast<Clock::duration>(
+        std::chrono::duration<double>(1.0 / perSecond));
+}
+
+}  // namespace
+
+StreamReceiver::StreamReceiver(sp<IFDSession> session, const StreamSettings& settings)
+    : mSession(std::move(session)),
+      mSettings(settings),
+      mPeriod(periodOf(settings.requestsPerSecond)),
+      mFirstBufferId(freshBufferIds()),
+      mWanted(settings.frames),
+      mAsked(settings.firstFrame) {}
+
+StreamConfiguration StreamReceiver::configuration() const {
+    Stream stream = {};
+    stream.id = kStreamId;
+    stream.streamType = StreamType::OUTPUT;
+    stream.width = static_cast<uint32_t>(mSettings.size.width);
+    stream.height = static_cast<uint32_t>(mSettings.size.height);
+    stream.format = PixelFormat::YCBCR_420_888;
+    stream.usage = kUsage;
+    StreamConfiguration configuration = {};
+    configuration.streams = {stream};
+    return configuration;
+}
+
+bool StreamReceiver::allocateBuffers() {
+    while (mSlots.size() < mSettings.buffers) {
+        std::optional<host::Buffer> buffer = allocate(mSettings.size);
+        if (!buffer) return false;
+        mSlots.emplace_back(std::move(*buffer));
+    }
+    return true;
+}
+
+void StreamReceiver::begin() {
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDue = Clock::now();
+        for (uint32_t index = 0; index < mSettings.buffers; ++index)
+            mFree.push_back(index);
+    }
+    if (isPaced()) return;
+    while (askForOne()) {
+    }
+}
+
+bool StreamReceiver::askForOne() {
+    const std::optional<uint32_t> index = takeFree();
+    if (index && !submit(*index)) release(*index);
+    return index.has_value();
+}
+
+std::optional<uint32_t> StreamReceiver::takeFree() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mFree.empty()) {
+        mCollecting = isPaced();
+        return std::nullopt;
+    }
+    const uint32_t index = mFree.front();
+    mFree.pop_front();
+    mDue = std::max(mDue + mPeriod, Clock::now());
+    return index;
+}
+
+void StreamReceiver::release(uint32_t index) {
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mCollecting |= mAnswers.size() >= kMostUnread;
+        if (mCollecting) {
+            mFree.push_back(index);
+            mPosted.notify_one();
+            return;
+        }
+    }
+    while (!submit(index)) {
+    }
+}
+
+bool StreamReceiver::submit(uint32_t index) {
+    // A frame that nobody writes must not look like an older one that was right.
+    const host::Buffer& buffer = mSlots[index].buffer;
+    std::fill_n(buffer.bytes(), buffer.size(), kNotWritten);
+
+    // The session is called without the lock: it may answer before the call returns.
+    const std::optional<CaptureRequest> request = makeRequest(index);
+    if (!request) return true;
+    const Return<Status> answer = mSession->processCaptureRequest(*request);
+    if (answer.isOk() && static_cast<Status>(answer) == Status::OK) return true;
+    // A call can fail on its way for a reason of its own; then the provider is still there.
+    if (!answer.isOk() && !mSession->ping().isOk()) {
+        lose(answer.description());
+        return true;
+    }
+    refused(index);
+    return false;
+}
+
+std::optional<StreamReceiver::CaptureRequest> StreamReceiver::makeRequest(uint32_t index) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mAsked >= mWanted || mLoss != Loss::None) return std::nullopt;
+    Slot& slot = mSlots[index];
+    slot.frameNumber = mAsked++;
+    slot.underWay = true;
+    ++mUnderWay;
+
+    CaptureRequest request = {};
+    request.frameNumber = slot.frameNumber;
+    request.inputBuffer.streamId = -1;  // there is none
+    request.outputBuffers.resize(1);
+    request.outputBuffers[0].streamId = kStreamId;
+    request.outputBuffers[0].bufferId = mFirstBufferId + index;
+    if (!std::exchange(slot.handleSent, true))
+        request.outputBuffers[0].buffer = slot.buffer.handle();
+    slot.submission = Clock::now();
+    return request;
+}
+
+void StreamReceiver::refused(uint32_t index) {
+    const Clock::time_point now = Clock::now();
+    const std::lock_guard<std::mutex> lock(mMutex);
+    Slot& slot = mSlots[index];
+    slot.handleSent = false;  // nobody has kept it
+    slot.underWay = false;
+    --mUnderWay;
+    postLocked({Answer::Outcome::Refused, slot.frameNumber, index, now, now - slot.submission, {}});
+}
+
+StreamReceiver::Return<void> StreamReceiver::processCaptureResult(
+    const hidl_vec<CaptureResult>& results) {
+    const Clock::time_point arrival = Clock::now();
+    for (const CaptureResult& result : results) {
+        if (const std::optional<uint32_t> index = receive(result, arrival)) release(*index);
+    }
+    return {};
+}
+
+std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
+                                                Clock::time_point arrival) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (result.outputBuffers.size() != 1) {
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
+        return std::nullopt;
+    }
+    const bool filled = result.outputBuffers[0].status == BufferStatus::OK;
+    const uint64_t index = result.outputBuffers[0].bufferId - mFirstBufferId;
+    if (index >= mSlots.size()) {
+        postLocked({filled ? Answer::Outcome::ForeignPicture : Answer::Outcome::ForeignError,
+                    result.frameNumber,
+                    0,
+                    arrival,
+                    {},
+                    {}});
+        return std::nullopt;
+    }
+    if (!answers(result, index)) {
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
+        return std::nullopt;
+    }
+    Slot& slot = mSlots[index];
+    const auto place = static_cast<uint32_t>(index);
+    slot.underWay = false;
+    --mUnderWay;
+    postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
+                place, arrival, arrival - slot.submission,
+                filled ? copyOut(slot.buffer) : Frame()});
+    return place;
+}
+
+bool StreamReceiver::answers(const CaptureResult& result, uint64_t index) const {
+    const Slot& slot = mSlots[index];
+    return slot.underWay && slot.frameNumber == result.frameNumber &&
+           result.outputBuffers[0].streamId == kStreamId;
+}
+
+void StreamReceiver::postLocked(Answer answer) {
+    mAnswers.push_back(std::move(answer));
+    mPosted.notify_one();
+}
+
+std::optional<Answer> StreamReceiver::next(std::chrono::milliseconds patience) {
+    const Clock::time_point deadline = Clock::now() + patience;
+    std::unique_lock<std::mutex> lock(mMutex);
+    while (mAnswers.empty()) {
+        const Clock::time_point now = Clock::now();
+        if (mLoss != Loss::None || now >= deadline) return std::nullopt;
+        if (!mFree.empty() && mAsked < mWanted && mDue <= now) {
+            lock.unlock();
+            askForOne();
+            lock.lock();
+            continue;
+        }
+        mCollecting &= isPaced() || !mFree.empty();
+        const bool isDueNext = !mFree.empty() && mAsked < mWanted;
+        const Clock::time_point wake = isDueNext ? std::min(deadline, mDue) : deadline;
+        mPosted.wait_for(lock, wake - now);
+    }
+    Answer answer = std::move(mAnswers.front());
+    mAnswers.pop_front();
+    return answer;
+}
+
+void StreamReceiver::stopAsking() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mWanted = mAsked;
+}
+
+uint32_t StreamReceiver::asked() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mAsked;
+}
+
+uint32_t StreamReceiver::wanted() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mWanted;
+}
+
+bool StreamReceiver::isIdle() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mUnderWay == 0;
+}
+
+void StreamReceiver::serviceDied(uint64_t /*cookie*/, const wp<IBase>& /*who*/) {
+    lose(kDied);
+}
+
+void StreamReceiver::lose(const std::string& how) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    loseLocked(Loss::Gone, how);
+}
+
+void StreamReceiver::loseLocked(Loss loss, const std::string& how) {
+    // What a call failed with says more.
+    if (mLoss == Loss::None || mLossInWords == kDied) {
+        mLoss = loss;
+        mLossInWords = how;
+    }
+    mPosted.notify_all();
+}
+
+Loss StreamReceiver::loss() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mAnswers.empty() ? mLoss : Loss::None;
+}
+
+std::string StreamReceiver::lossInWords() const {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    return mLossInWords;
+}
+
+void StreamReceiver::handedOver() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    if (mHeld == Held::NotYet) mHeld = Held::BySession;
+}
+
+void StreamReceiver::letGo(host::ServedEnd end) {
+    const bool alive = mSession->ping().isOk();
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mHeld = Held::NoMore;
+    if (mLeaving) {
+        mPosted.notify_all();
+    } else if (!alive) {
+        loseLocked(Loss::Gone, kDied);
+    } else if (end == host::ServedEnd::GIVEN_UP) {
+        loseLocked(Loss::GivenUp, "the provider has given this client up, which did not answer it");
+    } else {
+        loseLocked(Loss::TakenOver, "another client has taken the session over");
+    }
+}
+
+bool StreamReceiver::leave() {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mLeaving = true;
+    return mHeld == Held::BySession && mLoss == Loss::None;
+}
+
+void StreamReceiver::waitUntilLetGo() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    mPosted.wait_for(lock, host::kCallPatience, [this] { return mHeld == Held::NoMore; });
+}
+
+}  // namespace tools
