@@ -4,14 +4,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "host/channel.h"
+#include "host/limits.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
 #include "support/raw_client.h"
@@ -32,9 +34,11 @@ struct Asked : public IFDSession {
         return Status::OK;
     }
     Return<Status> processCaptureRequest(const CaptureRequest& /*request*/) override {
-        return Status::OK;
+        const auto once = std::exchange(during, nullptr);
+        return once ? once() : Status::OK;
     }
     pid_t caller = 0;
+    std::function<Status()> during;
 };
 
 }  // namespace
@@ -87,6 +91,28 @@ TEST_F(ServedTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
     watch.reset();  // from now on nobody is told, which a third promise would not survive
     provider.reset();
     endCallback();
+}
+
+TEST_F(ServedTest, CountsARequestThatAConfigurationOvertakes) {
+    for (const Status late : {Status::OK, Status::ILLEGAL_ARGUMENT}) {
+        const sp<Asked> asked = new Asked;
+        std::string problem;
+        const auto second = host::Server::listen(folder + "/second", asked, problem);
+        const auto one = host::connect<IFDSession>(folder + "/second", problem);
+        const auto other = host::connect<IFDSession>(folder + "/second", problem);
+        ASSERT_NE(other, nullptr) << problem;
+        const CaptureRequest request = requestFor(1, 1, nullptr);
+        asked->during = [&] {
+            expectStatus(other->configure(configurationOf(0)), Status::OK);
+            expectStatus(other->processCaptureRequest(request), Status::OK);
+            return late;
+        };
+        expectStatus(one->processCaptureRequest(request), late);
+        size_t accepted = late == Status::OK ? 2 : 1;
+        while (one->processCaptureRequest(request).isOk())
+            ++accepted;
+        EXPECT_EQ(accepted, host::kMaxRequestsOnTheWay);
+    }
 }
 
 TEST_F(ServedTest, TellsOfConnectionsAndOfWhoCalls) {

@@ -37,6 +37,7 @@ public:
         mAddress.sun_family = AF_UNIX;
         strncpy(mAddress.sun_path, path.c_str(), sizeof(mAddress.sun_path) - 1);
     }
+    int fd() const { return mSocket.get(); }
     bool connect() {
         return ::connect(mSocket.get(), reinterpret_cast<sockaddr*>(&mAddress), sizeof(mAddress)) ==
                0;

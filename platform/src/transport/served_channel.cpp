@@ -89,10 +89,7 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
     const bool isShort = std::any_of(in.fds.begin(), in.fds.end(), [](const UniqueFd& fd) {
         return SlotReserve::isReserved(fd.get());
     });
-    if (isShort) {
-        letGoOf(in.fds);
-        return refuse(socket, call, "too few descriptor slots are free");
-    }
+    if (isShort) return refuse(socket, call, "too few descriptor slots are free");
     Reader reader(in, peer);
     Outgoing out;
     Writer writer(out);
