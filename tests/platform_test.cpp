@@ -31,12 +31,19 @@ struct Counted : public RefBase {
         ++mAlive;
         if (mode != 0) extendObjectLifetime(OBJECT_LIFETIME_WEAK);
     }
-    ~Counted() override { --mAlive; }
+    ~Counted() override {
+        --mAlive;
+        if (shownBy != nullptr) seenAtEnd = shownBy->get();
+    }
     void onFirstRef() override { countAtFirstRef = getStrongCount(); }
 
     int& mAlive;
     int32_t countAtFirstRef = 0;
+    /** What this still shows when the object ends goes to `seenAtEnd`. */
+    const sp<Counted>* shownBy = nullptr;
+    static const Counted* seenAtEnd;
 };
+const Counted* Counted::seenAtEnd = nullptr;
 
 /** Runs `body` in each pass. */
 class LoopThread : public android::Thread {
@@ -83,9 +90,33 @@ TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
     auto* const unheld = new Counted(alive);
     {
         const wp<Counted> early(unheld);
-        EXPECT_NE(early.promote(), nullptr);  // the first strong reference, and so the last
+        const sp<Counted> first = early.promote();
+        ASSERT_NE(first, nullptr);
+        EXPECT_EQ(first->countAtFirstRef, 0);  // a promotion does not run onFirstRef()
     }
     EXPECT_EQ(alive, 0);
+
+    // Each way of replacing an object lets go of it before it shows the other one.
+    using Held = sp<Counted>;
+    const std::function<void(Held&, Held)> ways[] = {
+        [](Held& own, const Held& next) { own = next; },
+        [](Held& own, const Held& next) { own = next.get(); },
+        [](Held& own, Held next) { own = std::move(next); },
+        [](Held& own, const Held&) { own.clear(); }};
+    for (const auto& replace : ways) {
+        strong = new Counted(alive);
+        const Counted* const old = strong.get();
+        strong->shownBy = &strong;
+        replace(strong, new Counted(alive));
+        EXPECT_EQ(Counted::seenAtEnd, old);
+        EXPECT_NE(strong.get(), old);
+    }
+    EXPECT_EQ(alive, 0);  // the last way was clear()
+    strong = new Counted(alive);
+    sp<Counted>& same = strong;
+    strong = same;
+    strong = std::move(same);
+    EXPECT_EQ(strong->getStrongCount(), 1);
 
     strong = new Counted(alive, 1);
     weak = strong;
