@@ -160,7 +160,6 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
 }
 
 TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
-    host::LogCapture log;
     // Counted where the thread may still count when this function has ended.
     const auto counter = std::make_shared<std::atomic<int>>(0);
     const std::atomic<int>& passes = *counter;
@@ -169,16 +168,22 @@ TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
         thread->run("between");
         EXPECT_TRUE(eventually([&] { return passes >= 3; }));
     }  // no exit was asked for: the promotion fails
-    sp<LoopThread> own;
-    std::promise<int> joined;
-    own = new LoopThread([&] {
-        joined.set_value(own->join());
+}
+
+TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
+    host::LogCapture log;
+    LoopThread* own = nullptr;
+    const sp<LoopThread> thread = new LoopThread([&] {
+        EXPECT_EQ(own->join(), android::WOULD_BLOCK);
+        EXPECT_EQ(own->requestExitAndWait(), android::WOULD_BLOCK);
+        EXPECT_FALSE(own->exitPending());
         return false;
     });
-    own->run("own");
-    EXPECT_EQ(joined.get_future().get(), android::WOULD_BLOCK);
-    EXPECT_EQ(own->join(), android::NO_ERROR);
-    EXPECT_EQ(log.lines().size(), 1U);
+    own = thread.get();
+    thread->run("own");
+    EXPECT_EQ(thread->join(), android::NO_ERROR);
+    EXPECT_TRUE(thread->exitPending());  // until the next run, although nobody asked for it
+    EXPECT_EQ(log.texts("Thread").size(), 2U);
 }
 
 TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
