@@ -209,6 +209,14 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     native_handle_delete(raw);
     EXPECT_EQ(native_handle_create(-1, 0), nullptr);
     EXPECT_EQ(native_handle_create(1025, 0), nullptr);
+    // What belongs to another is copied, not moved away, when a vector grows.
+    using android::hardware::hidl_string;
+    hidl_string elements[] = {"one", "two"};
+    android::hardware::hidl_vec<hidl_string> vector;
+    vector.setToExternal(elements, 2);
+    vector.resize(3);
+    EXPECT_EQ(vector[1], "two");
+    EXPECT_EQ(elements[1], "two");
 }
 
 TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
