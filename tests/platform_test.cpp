@@ -17,6 +17,7 @@
 #include "host/log.h"
 #include "host/mapper.h"
 #include "host/threads.h"
+#include "support/interposed.h"
 #include "support/leak_check.h"
 #include "support/session_fixture.h"
 
@@ -279,6 +280,18 @@ TEST(MapperTest, MapsABufferOnceHoweverOftenItIsImported) {
         EXPECT_GT(wrong->lockYCbCr(0x33, &planes), 0);
     }
     EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+}
+
+TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
+    const OneInodeNumber wrapped;
+    const host::Buffer one = allocate(8, 4);
+    const host::Buffer other = allocate(8, 4);
+    other.bytes()[0] = 7;
+    const sp<GraphicBuffer> first = wrap(one);
+    const sp<GraphicBuffer> second = wrap(other);
+    android_ycbcr planes = {};
+    ASSERT_EQ(second->lockYCbCr(0x33, &planes), 0);
+    EXPECT_EQ(*static_cast<uint8_t*>(planes.y), 7);
 }
 
 TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {

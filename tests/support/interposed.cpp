@@ -1,18 +1,24 @@
 #include "support/interposed.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 namespace testing_support {
 
 namespace {
 
 constexpr useconds_t kFrameSourcePauseUs = 50000;
+
+std::atomic<bool> hasOneInodeNumber{false};
 
 struct State {
     std::mutex mutex;
@@ -89,6 +95,14 @@ bool PauseGate::passOnce() {
     return waitUntilPausing();
 }
 
+OneInodeNumber::OneInodeNumber() {
+    hasOneInodeNumber = true;
+}
+
+OneInodeNumber::~OneInodeNumber() {
+    hasOneInodeNumber = false;
+}
+
 }  // namespace testing_support
 
 using testing_support::state;
@@ -121,4 +135,13 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,
+                     struct statx* __restrict status) noexcept {
+    const long result = syscall(SYS_statx, folder, path, flags, mask, status);
+    if (result == 0 && testing_support::hasOneInodeNumber) {
+        status->stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status->stx_ino, 1));
+    }
+    return static_cast<int>(result);
 }

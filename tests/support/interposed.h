@@ -3,8 +3,8 @@
 #include <cstdint>
 
 /**
- * The test program's own gettimeofday() and usleep(): a program's symbols win over the library's,
- * and the product cannot tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep() and statx(): a program's symbols win over the
+ * library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -35,6 +35,15 @@ public:
     bool waitUntilPausing();
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
+};
+
+/** Gives all files one inode number, and each a time of birth of its own, for this scope. */
+class OneInodeNumber {
+public:
+    OneInodeNumber();
+    ~OneInodeNumber();
+    OneInodeNumber(const OneInodeNumber&) = delete;
+    OneInodeNumber& operator=(const OneInodeNumber&) = delete;
 };
 
 }  // namespace testing_support
