@@ -286,6 +286,9 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
         EXPECT_EQ(file.putFrame(frame), 24);
         frame.height = 1;  // one luma row, no chroma: the rest is that of the frame before
         EXPECT_EQ(file.putFrame(frame), 24);
+        frame.height = frame.width = -6;  // nothing is copied, and all of it written again
+        EXPECT_EQ(file.putFrame(frame), 24);
+        frame.width = 4;
 
         // A larger one is refused: nothing written, nothing past the frame memory.
         EXPECT_EQ(file.putFrame(wrap(allocate(6, 4))), -1);
@@ -294,7 +297,7 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
 
         std::ifstream in(name, std::ios::binary);
         const std::string all((std::istreambuf_iterator<char>(in)), {});
-        ASSERT_EQ(all.size(), 144U);
+        ASSERT_EQ(all.size(), 168U);
         const std::vector<uint8_t> fromBuffer = packed(buffer);
         const std::string expected(fromBuffer.begin(), fromBuffer.end());
         EXPECT_EQ(all.substr(0, 24), std::string(24, '\0'));
@@ -307,6 +310,7 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
         EXPECT_EQ(all.substr(72, 24), rows);
         EXPECT_EQ(all.substr(96, 24), rows);
         EXPECT_EQ(all.substr(120, 24), rows);
+        EXPECT_EQ(all.substr(144, 24), rows);
     }
     const std::vector<std::string> lines = {
         "frame is too large: width(6) height(4), file width(4) height(4) \n",

@@ -115,9 +115,12 @@ int YUVFile::putFrame(zoru_ycbcr& frame) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, " Invalid handle \n");
         return -1;
     }
-    if (!holds(frame.width, frame.height)) return -1;
-    copyFrame(packedView(pBuffer, frame.width, frame.height), viewOf(frame), frame.width,
-              frame.height);
+    // A record without an extent has no rows.
+    if (frame.width >= 1 && frame.height >= 1) {
+        if (!holds(frame.width, frame.height)) return -1;
+        copyFrame(packedView(pBuffer, frame.width, frame.height), viewOf(frame), frame.width,
+                  frame.height);
+    }
     return putFrame();
 }
 
