@@ -1,5 +1,6 @@
 // Frames in memory and in files: the copies, the dumps, and the raw YUV file.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -242,9 +243,18 @@ TEST_F(FramesTest, TellsWhyThereIsNoFrameAndTriesAgain) {
     EXPECT_EQ(missing.getFrame(), nullptr);
     write("later", "123456");
     EXPECT_NE(missing.getFrame(), nullptr);
+    // A pipe has no beginning to play from again.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(::write(ends[1], "abc", 3), 3);
+    YUVFile pipe(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), 2, 2);
+    close(ends[1]);
+    EXPECT_EQ(pipe.getFrame(), nullptr);
+    close(ends[0]);
     const std::vector<std::string> lines = {
         "file reading failed, status - 3 error - Success \n",
-        "file " + path("later") + " open failed, error - No such file or directory \n"};
+        "file " + path("later") + " open failed, error - No such file or directory \n",
+        "file reading failed, status - 0 error - Illegal seek \n"};
     EXPECT_EQ(log.texts(kTag), lines);
 }
 
