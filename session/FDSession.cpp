@@ -46,16 +46,18 @@ bool isSet(const hidl_handle& handle) {
     return handle.getNativeHandle() != nullptr;
 }
 
-/** Whether every handle came along: one whose descriptors cannot be duplicated leaves an empty
- * copy. */
-bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isSet(copy.buffer) == isSet(original.buffer) &&
-           isSet(copy.acquireFence) == isSet(original.acquireFence) &&
-           isSet(copy.releaseFence) == isSet(original.releaseFence);
+/** A handle whose descriptors cannot be duplicated leaves an empty copy. */
+bool isWhole(const hidl_handle& copy, const hidl_handle& original) {
+    return isSet(copy) == isSet(original);
 }
 
-bool areWhole(const hidl_vec<StreamBuffer>& copies, const hidl_vec<StreamBuffer>& originals) {
-    return std::equal(copies.begin(), copies.end(), originals.begin(), isWhole);
+bool hasItsFences(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isWhole(copy.acquireFence, original.acquireFence) &&
+           isWhole(copy.releaseFence, original.releaseFence);
+}
+
+bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isWhole(copy.buffer, original.buffer) && hasItsFences(copy, original);
 }
 
 void logNotDuplicated(const char* operation, const StreamBuffer& buffer) {
@@ -70,6 +72,36 @@ void returnUnfilledUnlessWhole(StreamBuffer& copy, const StreamBuffer& original)
     if (isWhole(copy, original)) return;
     logNotDuplicated("sendCaptureResult", copy);
     copy.status = BufferStatus::ERROR;
+}
+
+/** A copy of all but the handles of the output buffers, which the registry's stand for. */
+CaptureRequest copyForQueue(const CaptureRequest& request) {
+    CaptureRequest copy = {};
+    copy.frameNumber = request.frameNumber;
+    copy.fmqSettingsSize = request.fmqSettingsSize;
+    copy.settings = request.settings;
+    copy.inputBuffer = request.inputBuffer;
+    copy.outputBuffers.resize(request.outputBuffers.size());
+    for (size_t i = 0; i < request.outputBuffers.size(); ++i) {
+        const StreamBuffer& original = request.outputBuffers[i];
+        StreamBuffer& buffer = copy.outputBuffers[i];
+        buffer.streamId = original.streamId;
+        buffer.bufferId = original.bufferId;
+        buffer.status = original.status;
+        buffer.acquireFence = original.acquireFence;
+        buffer.releaseFence = original.releaseFence;
+    }
+    return copy;
+}
+
+/** What a request that nobody took is answered with. Takes its output buffers. */
+CaptureResult errorResultFor(CaptureRequest& request) {
+    CaptureResult result = {};
+    result.frameNumber = request.frameNumber;
+    result.outputBuffers = std::move(request.outputBuffers);
+    result.outputBuffers[0].status = BufferStatus::ERROR;
+    result.inputBuffer.streamId = -1;  // there is none
+    return result;
 }
 
 }  // namespace
@@ -214,6 +246,8 @@ sp<IFDSessionCallback> FDSessionImpl::currentCallback() {
 
 int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration) {
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
+    // Goes after the lock, with the descriptors that the client sent.
+    std::deque<CaptureRequestItem> dropped;
     const Lock lock(sLock);
     const size_t count = configuration.streams.size();
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
@@ -224,10 +258,7 @@ int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration)
         return -1;
     }
     if (mConfigSet) {
-        while (!mCaptureRequests.empty())
-            mCaptureRequests.pop_front();
-        // Empty as it is, it still has the index that its longest time needed.
-        decltype(mCaptureRequests)().swap(mCaptureRequests);
+        mCaptureRequests.swap(dropped);
         countRequests();
         freeAllBuffers();
     }
@@ -246,6 +277,11 @@ int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
 }
 
 // ---- The buffers ----
+
+bool FDSessionImpl::isKnown(const StreamBuffer& buffer) const {
+    const auto stream = mCirculatingBuffers.find(buffer.streamId);
+    return stream != mCirculatingBuffers.end() && stream->second.count(buffer.bufferId) != 0;
+}
 
 int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle) {
     CirculatingBuffers& buffers = mCirculatingBuffers[buffer.streamId];
@@ -318,13 +354,15 @@ void FDSessionImpl::freeAllBuffers() {
 // ---- The requests ----
 
 int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
+    // Copied before the lock, so that whatever of it goes again goes without the lock.
+    CaptureRequestItem item = {copyForQueue(request), 0};
     const Lock lock(sLock);
     if (request.outputBuffers.size() != 1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: outputBuffersCount(%d)  \n", __func__,
                             static_cast<int>(request.outputBuffers.size()));
         return -1;
     }
-    const StreamBuffer buffer = request.outputBuffers[0];
+    const StreamBuffer& buffer = request.outputBuffers[0];
     if (!mConfigSet) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mConfigSet(%d)  \n", __func__,
                             static_cast<int>(mConfigSet));
@@ -336,27 +374,18 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
                             buffer.streamId, mConfiguration.streams[0].id);
         return -1;
     }
-    CaptureRequestItem item = {request, 0};
-    if (!isWhole(buffer, request.outputBuffers[0]) ||
-        !isWhole(item.request.inputBuffer, request.inputBuffer) ||
-        !areWhole(item.request.outputBuffers, request.outputBuffers)) {
-        logNotDuplicated(__func__, buffer);
-        return -1;
-    }
 
-    // One stream at a time has buffers.
-    const auto countKnown = [this] {
-        return mCirculatingBuffers.empty() ? 0 : mCirculatingBuffers.begin()->second.size();
-    };
-    const size_t known = countKnown();
+    const bool isNew = isSet(buffer.buffer) && !isKnown(buffer);
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
     const hidl_handle registeredHandle(handle);
-    item.request.outputBuffers[0].buffer = registeredHandle;
-    if (isSet(item.request.outputBuffers[0].buffer) != isSet(registeredHandle)) {
+    StreamBuffer& queued = item.request.outputBuffers[0];
+    queued.buffer = registeredHandle;
+    if (!isWhole(queued.buffer, registeredHandle) || !hasItsFences(queued, buffer) ||
+        !isWhole(item.request.inputBuffer, request.inputBuffer)) {
         logNotDuplicated(__func__, buffer);
-        if (countKnown() > known) {
+        if (isNew) {
             // The client is told of a refusal, so nothing of this handle must stay.
             freeBuffer(buffer);
             mGraphicBuffers.erase(buffer.bufferId);
@@ -375,13 +404,22 @@ bool FDSessionImpl::isCaptureRequestReady() {
 }
 
 int32_t FDSessionImpl::getProcessCaptureRequest(CaptureRequest& request) {
-    const Lock lock(sLock);
-    if (mCaptureRequests.empty()) return -1;
+    CaptureRequest oldest = {};
+    {
+        const Lock lock(sLock);
+        if (mCaptureRequests.empty()) return -1;
+        oldest = takeOldestRequest();
+    }
+    request = std::move(oldest);  // what it was until now goes here, without the lock
+    return 0;
+}
+
+CaptureRequest FDSessionImpl::takeOldestRequest() {
     // The item owns all that it holds, so what moves out is what a deep copy would be.
-    request = std::move(mCaptureRequests.front().request);
+    CaptureRequest oldest = std::move(mCaptureRequests.front().request);
     mCaptureRequests.pop_front();
     countRequests();
-    return 0;
+    return oldest;
 }
 
 void FDSessionImpl::countRequests() {
@@ -504,55 +542,48 @@ void rotate180(sp<GraphicBuffer> buffer) {
 }
 
 bool FDSessionImpl::threadLoop() {
-    CaptureResult record = {};
-    if (takeResult(record) && record.outputBuffers.size() > 0) {
-        turnIfFlipped(record);
-        deliver(record);
+    CaptureResult result = {};
+    if (takeResult(result) && result.outputBuffers.size() > 0) {
+        turnIfFlipped(result);
+        deliver(std::move(result));
     }
-    if (takeStaleRequest(record)) deliver(record);
+    CaptureRequest stale = {};
+    if (takeStaleRequest(stale)) deliver(errorResultFor(stale));
     return true;
 }
 
-bool FDSessionImpl::takeResult(CaptureResult& record) {
+bool FDSessionImpl::takeResult(CaptureResult& result) {
     std::unique_lock<std::mutex> lock(mResultMutex);
     if (mCaptureResults.empty()) {
         // One wait, whatever ends it: the sweep is due after it in any case.
         mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
     }
     if (mCaptureResults.empty()) return false;
-    record = std::move(mCaptureResults.front());
+    result = std::move(mCaptureResults.front());
     mCaptureResults.pop_front();
     return true;
 }
 
-void FDSessionImpl::turnIfFlipped(const CaptureResult& record) {
+void FDSessionImpl::turnIfFlipped(const CaptureResult& result) {
     if (property_get_bool("vendor.zoru.flipped", 0) == 0) return;
-    const sp<GraphicBuffer> buffer = getBufferForId(record.outputBuffers[0].bufferId);
+    const sp<GraphicBuffer> buffer = getBufferForId(result.outputBuffers[0].bufferId);
     if (buffer != nullptr) rotate180(buffer);
 }
 
-bool FDSessionImpl::takeStaleRequest(CaptureResult& record) {
+bool FDSessionImpl::takeStaleRequest(CaptureRequest& request) {
     const Lock lock(sLock);
     if (mCaptureRequests.empty()) return false;
-    CaptureRequestItem& oldest = mCaptureRequests.front();
-    if (wallClockUs() <= oldest.timestampUs + kStaleAfterUs) return false;
-
-    record = CaptureResult();  // nothing of a delivered result may show in the error result
-    record.frameNumber = oldest.request.frameNumber;
-    record.outputBuffers = std::move(oldest.request.outputBuffers);
-    record.outputBuffers[0].status = BufferStatus::ERROR;
-    record.inputBuffer.streamId = -1;  // there is none
-    mCaptureRequests.pop_front();
-    countRequests();
+    if (wallClockUs() <= mCaptureRequests.front().timestampUs + kStaleAfterUs) return false;
+    request = takeOldestRequest();
     return true;
 }
 
-void FDSessionImpl::deliver(CaptureResult& record) {
+void FDSessionImpl::deliver(CaptureResult&& result) {
     const sp<IFDSessionCallback> callback = currentCallback();
     if (callback == nullptr) return;
     hidl_vec<CaptureResult> results;
     results.resize(1);
-    results[0] = std::move(record);
+    results[0] = std::move(result);
     const Return<void> status = callback->processCaptureResult(results);
     if (!status.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,

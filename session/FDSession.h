@@ -188,16 +188,19 @@ private:
     sp<IFDSessionCallback> currentCallback();
 
     // REQUIRES: sLock is held.
+    bool isKnown(const StreamBuffer& buffer) const;
     int32_t lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle);
     void freeAllBuffers();
+    /** REQUIRES: one waits. */
+    CaptureRequest takeOldestRequest();
     void countRequests();
 
     // The steps of a pass.
-    bool takeResult(CaptureResult& record);
-    bool takeStaleRequest(CaptureResult& record);
-    void turnIfFlipped(const CaptureResult& record);
-    /** Moves the record out to the client; without a callback it is let go of. */
-    void deliver(CaptureResult& record);
+    bool takeResult(CaptureResult& result);
+    bool takeStaleRequest(CaptureRequest& request);
+    void turnIfFlipped(const CaptureResult& result);
+    /** Moves the result out to the client; without a callback it is the caller's to let go of. */
+    void deliver(CaptureResult&& result);
 
     // Guarded by sLock.
     std::map<int32_t, CirculatingBuffers> mCirculatingBuffers;

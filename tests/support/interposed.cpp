@@ -1,12 +1,16 @@
 #include "support/interposed.h"
 
+#include <dlfcn.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
+#include <utility>
 
 namespace testing_support {
 
@@ -25,6 +29,19 @@ struct State {
     int64_t pausesBegun = 0;
     int64_t pausesAllowed = 0;
 };
+
+struct Watch {
+    std::atomic<bool> isOn{false};
+    std::recursive_mutex mutex;
+    // Guarded by mutex.
+    struct stat file {};
+    std::function<void()> during;
+};
+
+Watch& watch() {
+    static auto* const instance = new Watch;
+    return *instance;
+}
 
 State& state() {
     static auto* const instance = new State;
@@ -89,9 +106,23 @@ bool PauseGate::passOnce() {
     return waitUntilPausing();
 }
 
+CloseWatch::CloseWatch(int fd, std::function<void()> during) {
+    const std::lock_guard<std::recursive_mutex> lock(watch().mutex);
+    fstat(fd, &watch().file);
+    watch().during = std::move(during);
+    watch().isOn = true;
+}
+
+CloseWatch::~CloseWatch() {
+    const std::lock_guard<std::recursive_mutex> lock(watch().mutex);
+    watch().isOn = false;
+    watch().during = nullptr;
+}
+
 }  // namespace testing_support
 
 using testing_support::state;
+using testing_support::watch;
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
@@ -121,4 +152,18 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int close(int fd) {
+    // The next one may be a sanitizer's.
+    static auto* const next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+    if (watch().isOn) {
+        struct stat file {};
+        const std::lock_guard<std::recursive_mutex> lock(watch().mutex);
+        const bool isWatched = watch().during && fstat(fd, &file) == 0 &&
+                               file.st_dev == watch().file.st_dev &&
+                               file.st_ino == watch().file.st_ino;
+        if (isWatched) watch().during();
+    }
+    return next(fd);
 }

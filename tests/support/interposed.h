@@ -1,10 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 /**
- * The test program's own gettimeofday() and usleep(): a program's symbols win over the library's,
- * and the product cannot tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep() and close(): a program's symbols win over the
+ * library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -35,6 +36,15 @@ public:
     bool waitUntilPausing();
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
+};
+
+/** Runs `during` inside each close of the watched file, on the closing thread, one at a time. */
+class CloseWatch {
+public:
+    CloseWatch(int fd, std::function<void()> during);
+    ~CloseWatch();
+    CloseWatch(const CloseWatch&) = delete;
+    CloseWatch& operator=(const CloseWatch&) = delete;
 };
 
 }  // namespace testing_support
