@@ -118,8 +118,8 @@ using Lock = std::lock_guard<std::recursive_mutex>;
  * pass, would hold the last reference and run the destructor in code that is being unmapped.
  *
  * Does nothing without a session, in a forked child, which has no such thread, on the monitor
- * thread itself, and inside an observer's operation, whose lock the monitor may be waiting for.
- * Takes no lock, because the pass it waits for does.
+ * thread itself, and inside an observer's operation that has the session locked, which the monitor
+ * may be waiting for. Takes no lock, because the pass it waits for does.
  */
 class MonitorStopper {
 public:
@@ -129,7 +129,7 @@ public:
     ~MonitorStopper() {
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
-        if (session->mObserverCalls.isInside()) return;
+        if (session->mObserverCalls.isInsideLocked()) return;
         if (session->stopMonitor() != ::android::NO_ERROR) return;
         // A thread counts as ended just before it drops its own reference.
         for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
@@ -605,6 +605,12 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
         }
         callback = mCallback;
     }
+    if (mObserverCalls.isInsideLocked()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: called inside an observer's operation that has the session "
+                            "locked \n",
+                            __func__);
+    }
     const Return<void> status = callback->notify({msg});
     if (!status.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: notify transaction failed: %s",
@@ -618,7 +624,7 @@ void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onSceneControl(sceneControl);
     mObserverCalls.end();
 }
@@ -632,7 +638,7 @@ void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onPTZControl(ptzControl);
     mObserverCalls.end();
 }
@@ -660,7 +666,7 @@ void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onTrackingMode(trackingMode);
     mObserverCalls.end();
 }
@@ -681,7 +687,9 @@ void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
         const Lock lock(sLock);
         mTrackControl = trackControl;
         observer = mSceneCallback;
-        if (observer != nullptr) mObserverCalls.begin(observer);
+        if (observer != nullptr) {
+            mObserverCalls.begin(observer, ObserverCalls::SessionLock::FREE);
+        }
     }
     if (observer == nullptr) return;
     observer->onTrackControl(trackControl);
