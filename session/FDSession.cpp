@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "HandleImporter.h"
@@ -31,6 +32,7 @@ namespace {
 
 constexpr int64_t kStaleAfterUs = 1000000;
 constexpr std::chrono::microseconds kIdleWait(50000);
+constexpr std::chrono::seconds kEndPatience(2);
 constexpr Crop kDefaultPTZCrop = {0, 0, 1280, 720};
 
 /** The process that runs the monitor thread; 0 before there is a session. */
@@ -112,6 +114,17 @@ static sp<FDSession> sInstance;
 static HandleImporter sHandleImporter;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
+using Clock = std::chrono::steady_clock;
+
+/** Asks each millisecond; false when it still does not hold at the deadline. */
+template <typename Condition>
+static bool waitUntil(Clock::time_point deadline, Condition holds) {
+    while (!holds()) {
+        if (Clock::now() >= deadline) return false;
+        usleep(1000);
+    }
+    return true;
+}
 
 /**
  * Ends the monitor while sInstance still holds the session. Else the thread, in the middle of a
@@ -119,7 +132,8 @@ using Lock = std::lock_guard<std::recursive_mutex>;
  *
  * Does nothing without a session, in a forked child, which has no such thread, on the monitor
  * thread itself, and inside an observer's operation that has the session locked, which the monitor
- * may be waiting for. Takes no lock, because the pass it waits for does.
+ * may be waiting for. Takes no lock, because the pass it waits for does; and waits no longer than
+ * kEndPatience, because the client it calls may never answer.
  */
 class MonitorStopper {
 public:
@@ -129,11 +143,25 @@ public:
     ~MonitorStopper() {
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
+        if (session->mMonitor == std::this_thread::get_id()) return;
         if (session->mObserverCalls.isInsideLocked()) return;
-        if (session->stopMonitor() != ::android::NO_ERROR) return;
+
+        const auto deadline = Clock::now() + kEndPatience;
+        session->requestExit();
+        // Each time anew: a thread that is just about to wait does not hear of it.
+        const bool hasEnded = waitUntil(deadline, [session] {
+            session->mResultCondition.notify_one();
+            return !session->isRunning();
+        });
+        if (!hasEnded) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "the library goes while the session's thread is still inside a "
+                                "pass \n");
+            return;
+        }
+        session->join();
         // A thread counts as ended just before it drops its own reference.
-        for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
-            usleep(1000);
+        waitUntil(deadline, [session] { return session->getStrongCount() == 1; });
         const int32_t others =
             session->getStrongCount() - 1 + session->mInterface->getStrongCount() - 1;
         if (others == 0) return;
@@ -141,9 +169,6 @@ public:
                             "the library goes while %d references to the session are held \n",
                             others);
     }
-
-private:
-    static constexpr int kPatienceMs = 100;
 };
 
 static MonitorStopper sMonitorStopper;
@@ -180,14 +205,10 @@ void FDSessionImpl::onFirstRef() {
 
 FDSessionImpl::~FDSessionImpl() {
     mSceneCallback = nullptr;
-    stopMonitor();
-    mInterface.clear();
-}
-
-::android::status_t FDSessionImpl::stopMonitor() {
     requestExit();
     mResultCondition.notify_one();
-    return join();
+    join();
+    mInterface.clear();
 }
 
 sp<IFDSession> FDSessionImpl::getInterface() {
@@ -542,6 +563,7 @@ void rotate180(sp<GraphicBuffer> buffer) {
 }
 
 bool FDSessionImpl::threadLoop() {
+    mMonitor = std::this_thread::get_id();
     CaptureResult result = {};
     if (takeResult(result) && result.outputBuffers.size() > 0) {
         turnIfFlipped(result);

@@ -19,6 +19,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "ObserverCalls.h"
 
@@ -205,8 +206,6 @@ private:
 
     using CirculatingBuffers = std::map<uint64_t, buffer_handle_t>;
 
-    /** Asks for the thread's exit, wakes it and waits; join()'s status. */
-    ::android::status_t stopMonitor();
     sp<IFDSessionCallback> currentCallback();
 
     // REQUIRES: sLock is held.
@@ -247,6 +246,8 @@ private:
 
     // The length of mCaptureRequests, for a look without the lock. Written under sLock.
     std::atomic<size_t> mRequestCount;
+    // The monitor thread, from its first pass on.
+    std::atomic<std::thread::id> mMonitor{std::thread::id()};
     // Has a lock of its own.
     ObserverCalls mObserverCalls;
 };
