@@ -12,9 +12,9 @@ add_library(fdstream SHARED ${product_objects})
 set_target_properties(fdstream PROPERTIES
     OUTPUT_NAME vendor.zoru.zoruprovider.fdstream@1.0-impl
     PREFIX ""
-    LINK_DEPENDS ${CMAKE_SOURCE_DIR}/cmake/product.map)
+    LINK_DEPENDS ${CMAKE_CURRENT_LIST_DIR}/product.map)
 target_link_options(fdstream PRIVATE
-    -Wl,--version-script=${CMAKE_SOURCE_DIR}/cmake/product.map)
+    -Wl,--version-script=${CMAKE_CURRENT_LIST_DIR}/product.map)
 if(NOT FDSTREAM_SANITIZE)
     target_link_options(fdstream PRIVATE -Wl,--no-undefined)
 endif()
@@ -23,7 +23,7 @@ add_library(fdstream_static STATIC ${product_objects})
 
 foreach(library fdstream fdstream_static)
     target_include_directories(${library} INTERFACE
-        ${CMAKE_SOURCE_DIR}/session ${CMAKE_SOURCE_DIR}/util ${CMAKE_SOURCE_DIR}/framesource)
+        ${fdstream_SOURCE_DIR}/session ${fdstream_SOURCE_DIR}/util ${fdstream_SOURCE_DIR}/framesource)
     target_link_libraries(${library} PUBLIC interfaces)
 endforeach()
-target_include_directories(fdstream_static INTERFACE ${CMAKE_SOURCE_DIR}/helper)
+target_include_directories(fdstream_static INTERFACE ${fdstream_SOURCE_DIR}/helper)

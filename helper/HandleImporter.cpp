@@ -3,6 +3,8 @@
 #include <android/log.h>
 #include <unistd.h>
 
+#include <limits>
+
 #define LOG_TAG "HandleImporter"
 
 namespace android::hardware::camera::common::V1_0::helper {
@@ -155,6 +157,15 @@ void HandleImporter::closeFence(int fd) const {
 void* HandleImporter::lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t size) {
     const Mutex::Autolock lock(mLock);
     if (!mInitialized) initializeLocked();
+    if (mMapperV3 == nullptr && mMapperV2 == nullptr) {
+        logBothNull("lock");
+        return nullptr;
+    }
+    if (size > std::numeric_limits<int32_t>::max()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: size %zu is over 31 bits", "lock",
+                            size);
+        return nullptr;
+    }
     void* address = nullptr;
     const auto keep = [&address](auto error, void* data) {
         if (static_cast<int>(error) == 0) {
@@ -171,10 +182,8 @@ void* HandleImporter::lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t si
                             [&](MapperErrorV3 error, void* data, int32_t /*perPixel*/,
                                 int32_t /*perStride*/) { keep(error, data); }),
             "lock");
-    } else if (mMapperV2 != nullptr) {
-        logTransport(mMapperV2->lock(toBuffer(handle), cpuUsage, row, hidl_handle(), keep), "lock");
     } else {
-        logBothNull("lock");
+        logTransport(mMapperV2->lock(toBuffer(handle), cpuUsage, row, hidl_handle(), keep), "lock");
     }
     return address;
 }

@@ -48,7 +48,8 @@ public:
     bool importFence(const native_handle_t* handle, int& fd) const;
     void closeFence(int fd) const;
 
-    /** Address of the first `size` bytes of a buffer, taken as one row; null on failure. */
+    /** Address of the first `size` bytes of a buffer, taken as one row; null on failure, and for a
+     * size over 31 bits. */
     void* lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t size);
     /** The planes of a YCbCr buffer; all zero on failure. */
     YCbCrLayout lockYCbCr(buffer_handle_t& handle, uint64_t cpuUsage, const Rect& accessRegion);

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <thread>
 #include <utility>
 
 #include "HandleImporter.h"
@@ -31,6 +32,7 @@ namespace {
 
 constexpr int64_t kStaleAfterUs = 1000000;
 constexpr std::chrono::microseconds kIdleWait(50000);
+constexpr std::chrono::seconds kEndPatience(2);
 constexpr Crop kDefaultPTZCrop = {0, 0, 1280, 720};
 
 /** The process that runs the monitor thread; 0 before there is a session. */
@@ -46,16 +48,18 @@ bool isSet(const hidl_handle& handle) {
     return handle.getNativeHandle() != nullptr;
 }
 
-/** Whether every handle came along: one whose descriptors cannot be duplicated leaves an empty
- * copy. */
-bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isSet(copy.buffer) == isSet(original.buffer) &&
-           isSet(copy.acquireFence) == isSet(original.acquireFence) &&
-           isSet(copy.releaseFence) == isSet(original.releaseFence);
+/** A handle whose descriptors cannot be duplicated leaves an empty copy. */
+bool isWhole(const hidl_handle& copy, const hidl_handle& original) {
+    return isSet(copy) == isSet(original);
 }
 
-bool areWhole(const hidl_vec<StreamBuffer>& copies, const hidl_vec<StreamBuffer>& originals) {
-    return std::equal(copies.begin(), copies.end(), originals.begin(), isWhole);
+bool hasItsFences(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isWhole(copy.acquireFence, original.acquireFence) &&
+           isWhole(copy.releaseFence, original.releaseFence);
+}
+
+bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isWhole(copy.buffer, original.buffer) && hasItsFences(copy, original);
 }
 
 void logNotDuplicated(const char* operation, const StreamBuffer& buffer) {
@@ -72,6 +76,36 @@ void returnUnfilledUnlessWhole(StreamBuffer& copy, const StreamBuffer& original)
     copy.status = BufferStatus::ERROR;
 }
 
+/** A copy of all but the handles of the output buffers, which the registry's stand for. */
+CaptureRequest copyForQueue(const CaptureRequest& request) {
+    CaptureRequest copy = {};
+    copy.frameNumber = request.frameNumber;
+    copy.fmqSettingsSize = request.fmqSettingsSize;
+    copy.settings = request.settings;
+    copy.inputBuffer = request.inputBuffer;
+    copy.outputBuffers.resize(request.outputBuffers.size());
+    for (size_t i = 0; i < request.outputBuffers.size(); ++i) {
+        const StreamBuffer& original = request.outputBuffers[i];
+        StreamBuffer& buffer = copy.outputBuffers[i];
+        buffer.streamId = original.streamId;
+        buffer.bufferId = original.bufferId;
+        buffer.status = original.status;
+        buffer.acquireFence = original.acquireFence;
+        buffer.releaseFence = original.releaseFence;
+    }
+    return copy;
+}
+
+/** What a request that nobody took is answered with. Takes its output buffers. */
+CaptureResult errorResultFor(CaptureRequest& request) {
+    CaptureResult result = {};
+    result.frameNumber = request.frameNumber;
+    result.outputBuffers = std::move(request.outputBuffers);
+    result.outputBuffers[0].status = BufferStatus::ERROR;
+    result.inputBuffer.streamId = -1;  // there is none
+    return result;
+}
+
 }  // namespace
 
 // Destroyed in the reverse of this order when the library goes.
@@ -80,14 +114,26 @@ static sp<FDSession> sInstance;
 static HandleImporter sHandleImporter;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
+using Clock = std::chrono::steady_clock;
+
+/** Asks each millisecond; false when it still does not hold at the deadline. */
+template <typename Condition>
+static bool waitUntil(Clock::time_point deadline, Condition holds) {
+    while (!holds()) {
+        if (Clock::now() >= deadline) return false;
+        usleep(1000);
+    }
+    return true;
+}
 
 /**
  * Ends the monitor while sInstance still holds the session. Else the thread, in the middle of a
  * pass, would hold the last reference and run the destructor in code that is being unmapped.
  *
  * Does nothing without a session, in a forked child, which has no such thread, on the monitor
- * thread itself, and inside an observer's operation, whose lock the monitor may be waiting for.
- * Takes no lock, because the pass it waits for does.
+ * thread itself, and inside an observer's operation that has the session locked, which the monitor
+ * may be waiting for. Takes no lock, because the pass it waits for does; and waits no longer than
+ * kEndPatience, because the client it calls may never answer.
  */
 class MonitorStopper {
 public:
@@ -97,11 +143,25 @@ public:
     ~MonitorStopper() {
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
-        if (session->mObserverCalls.isInside()) return;
-        if (session->stopMonitor() != ::android::NO_ERROR) return;
+        if (session->mMonitor == std::this_thread::get_id()) return;
+        if (session->mObserverCalls.isInsideLocked()) return;
+
+        const auto deadline = Clock::now() + kEndPatience;
+        session->requestExit();
+        // Each time anew: a thread that is just about to wait does not hear of it.
+        const bool hasEnded = waitUntil(deadline, [session] {
+            session->mResultCondition.notify_one();
+            return !session->isRunning();
+        });
+        if (!hasEnded) {
+            __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                                "the library goes while the session's thread is still inside a "
+                                "pass \n");
+            return;
+        }
+        session->join();
         // A thread counts as ended just before it drops its own reference.
-        for (int i = 0; i < kPatienceMs && session->getStrongCount() > 1; ++i)
-            usleep(1000);
+        waitUntil(deadline, [session] { return session->getStrongCount() == 1; });
         const int32_t others =
             session->getStrongCount() - 1 + session->mInterface->getStrongCount() - 1;
         if (others == 0) return;
@@ -109,9 +169,6 @@ public:
                             "the library goes while %d references to the session are held \n",
                             others);
     }
-
-private:
-    static constexpr int kPatienceMs = 100;
 };
 
 static MonitorStopper sMonitorStopper;
@@ -148,14 +205,10 @@ void FDSessionImpl::onFirstRef() {
 
 FDSessionImpl::~FDSessionImpl() {
     mSceneCallback = nullptr;
-    stopMonitor();
-    mInterface.clear();
-}
-
-::android::status_t FDSessionImpl::stopMonitor() {
     requestExit();
     mResultCondition.notify_one();
-    return join();
+    join();
+    mInterface.clear();
 }
 
 sp<IFDSession> FDSessionImpl::getInterface() {
@@ -214,6 +267,8 @@ sp<IFDSessionCallback> FDSessionImpl::currentCallback() {
 
 int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration) {
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
+    // Goes after the lock, with the descriptors that the client sent.
+    std::deque<CaptureRequestItem> dropped;
     const Lock lock(sLock);
     const size_t count = configuration.streams.size();
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
@@ -224,10 +279,7 @@ int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration)
         return -1;
     }
     if (mConfigSet) {
-        while (!mCaptureRequests.empty())
-            mCaptureRequests.pop_front();
-        // Empty as it is, it still has the index that its longest time needed.
-        decltype(mCaptureRequests)().swap(mCaptureRequests);
+        mCaptureRequests.swap(dropped);
         countRequests();
         freeAllBuffers();
     }
@@ -246,6 +298,11 @@ int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
 }
 
 // ---- The buffers ----
+
+bool FDSessionImpl::isKnown(const StreamBuffer& buffer) const {
+    const auto stream = mCirculatingBuffers.find(buffer.streamId);
+    return stream != mCirculatingBuffers.end() && stream->second.count(buffer.bufferId) != 0;
+}
 
 int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle) {
     CirculatingBuffers& buffers = mCirculatingBuffers[buffer.streamId];
@@ -318,13 +375,15 @@ void FDSessionImpl::freeAllBuffers() {
 // ---- The requests ----
 
 int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
+    // Copied before the lock, so that whatever of it goes again goes without the lock.
+    CaptureRequestItem item = {copyForQueue(request), 0};
     const Lock lock(sLock);
     if (request.outputBuffers.size() != 1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: outputBuffersCount(%d)  \n", __func__,
                             static_cast<int>(request.outputBuffers.size()));
         return -1;
     }
-    const StreamBuffer buffer = request.outputBuffers[0];
+    const StreamBuffer& buffer = request.outputBuffers[0];
     if (!mConfigSet) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mConfigSet(%d)  \n", __func__,
                             static_cast<int>(mConfigSet));
@@ -336,27 +395,18 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
                             buffer.streamId, mConfiguration.streams[0].id);
         return -1;
     }
-    CaptureRequestItem item = {request, 0};
-    if (!isWhole(buffer, request.outputBuffers[0]) ||
-        !isWhole(item.request.inputBuffer, request.inputBuffer) ||
-        !areWhole(item.request.outputBuffers, request.outputBuffers)) {
-        logNotDuplicated(__func__, buffer);
-        return -1;
-    }
 
-    // One stream at a time has buffers.
-    const auto countKnown = [this] {
-        return mCirculatingBuffers.empty() ? 0 : mCirculatingBuffers.begin()->second.size();
-    };
-    const size_t known = countKnown();
+    const bool isNew = isSet(buffer.buffer) && !isKnown(buffer);
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
     // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
     const hidl_handle registeredHandle(handle);
-    item.request.outputBuffers[0].buffer = registeredHandle;
-    if (isSet(item.request.outputBuffers[0].buffer) != isSet(registeredHandle)) {
+    StreamBuffer& queued = item.request.outputBuffers[0];
+    queued.buffer = registeredHandle;
+    if (!isWhole(queued.buffer, registeredHandle) || !hasItsFences(queued, buffer) ||
+        !isWhole(item.request.inputBuffer, request.inputBuffer)) {
         logNotDuplicated(__func__, buffer);
-        if (countKnown() > known) {
+        if (isNew) {
             // The client is told of a refusal, so nothing of this handle must stay.
             freeBuffer(buffer);
             mGraphicBuffers.erase(buffer.bufferId);
@@ -375,13 +425,22 @@ bool FDSessionImpl::isCaptureRequestReady() {
 }
 
 int32_t FDSessionImpl::getProcessCaptureRequest(CaptureRequest& request) {
-    const Lock lock(sLock);
-    if (mCaptureRequests.empty()) return -1;
+    CaptureRequest oldest = {};
+    {
+        const Lock lock(sLock);
+        if (mCaptureRequests.empty()) return -1;
+        oldest = takeOldestRequest();
+    }
+    request = std::move(oldest);  // what it was until now goes here, without the lock
+    return 0;
+}
+
+CaptureRequest FDSessionImpl::takeOldestRequest() {
     // The item owns all that it holds, so what moves out is what a deep copy would be.
-    request = std::move(mCaptureRequests.front().request);
+    CaptureRequest oldest = std::move(mCaptureRequests.front().request);
     mCaptureRequests.pop_front();
     countRequests();
-    return 0;
+    return oldest;
 }
 
 void FDSessionImpl::countRequests() {
@@ -504,55 +563,49 @@ void rotate180(sp<GraphicBuffer> buffer) {
 }
 
 bool FDSessionImpl::threadLoop() {
-    CaptureResult record = {};
-    if (takeResult(record) && record.outputBuffers.size() > 0) {
-        turnIfFlipped(record);
-        deliver(record);
+    mMonitor = std::this_thread::get_id();
+    CaptureResult result = {};
+    if (takeResult(result) && result.outputBuffers.size() > 0) {
+        turnIfFlipped(result);
+        deliver(std::move(result));
     }
-    if (takeStaleRequest(record)) deliver(record);
+    CaptureRequest stale = {};
+    if (takeStaleRequest(stale)) deliver(errorResultFor(stale));
     return true;
 }
 
-bool FDSessionImpl::takeResult(CaptureResult& record) {
+bool FDSessionImpl::takeResult(CaptureResult& result) {
     std::unique_lock<std::mutex> lock(mResultMutex);
     if (mCaptureResults.empty()) {
         // One wait, whatever ends it: the sweep is due after it in any case.
         mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
     }
     if (mCaptureResults.empty()) return false;
-    record = std::move(mCaptureResults.front());
+    result = std::move(mCaptureResults.front());
     mCaptureResults.pop_front();
     return true;
 }
 
-void FDSessionImpl::turnIfFlipped(const CaptureResult& record) {
+void FDSessionImpl::turnIfFlipped(const CaptureResult& result) {
     if (property_get_bool("vendor.zoru.flipped", 0) == 0) return;
-    const sp<GraphicBuffer> buffer = getBufferForId(record.outputBuffers[0].bufferId);
+    const sp<GraphicBuffer> buffer = getBufferForId(result.outputBuffers[0].bufferId);
     if (buffer != nullptr) rotate180(buffer);
 }
 
-bool FDSessionImpl::takeStaleRequest(CaptureResult& record) {
+bool FDSessionImpl::takeStaleRequest(CaptureRequest& request) {
     const Lock lock(sLock);
     if (mCaptureRequests.empty()) return false;
-    CaptureRequestItem& oldest = mCaptureRequests.front();
-    if (wallClockUs() <= oldest.timestampUs + kStaleAfterUs) return false;
-
-    record = CaptureResult();  // nothing of a delivered result may show in the error result
-    record.frameNumber = oldest.request.frameNumber;
-    record.outputBuffers = std::move(oldest.request.outputBuffers);
-    record.outputBuffers[0].status = BufferStatus::ERROR;
-    record.inputBuffer.streamId = -1;  // there is none
-    mCaptureRequests.pop_front();
-    countRequests();
+    if (wallClockUs() <= mCaptureRequests.front().timestampUs + kStaleAfterUs) return false;
+    request = takeOldestRequest();
     return true;
 }
 
-void FDSessionImpl::deliver(CaptureResult& record) {
+void FDSessionImpl::deliver(CaptureResult&& result) {
     const sp<IFDSessionCallback> callback = currentCallback();
     if (callback == nullptr) return;
     hidl_vec<CaptureResult> results;
     results.resize(1);
-    results[0] = std::move(record);
+    results[0] = std::move(result);
     const Return<void> status = callback->processCaptureResult(results);
     if (!status.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
@@ -574,6 +627,12 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
         }
         callback = mCallback;
     }
+    if (mObserverCalls.isInsideLocked()) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                            "%s: called inside an observer's operation that has the session "
+                            "locked \n",
+                            __func__);
+    }
     const Return<void> status = callback->notify({msg});
     if (!status.isOk()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: notify transaction failed: %s",
@@ -587,7 +646,7 @@ void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onSceneControl(sceneControl);
     mObserverCalls.end();
 }
@@ -601,7 +660,7 @@ void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onPTZControl(ptzControl);
     mObserverCalls.end();
 }
@@ -629,7 +688,7 @@ void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback);
+    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
     mSceneCallback->onTrackingMode(trackingMode);
     mObserverCalls.end();
 }
@@ -650,7 +709,9 @@ void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
         const Lock lock(sLock);
         mTrackControl = trackControl;
         observer = mSceneCallback;
-        if (observer != nullptr) mObserverCalls.begin(observer);
+        if (observer != nullptr) {
+            mObserverCalls.begin(observer, ObserverCalls::SessionLock::FREE);
+        }
     }
     if (observer == nullptr) return;
     observer->onTrackControl(trackControl);

@@ -19,6 +19,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "ObserverCalls.h"
 
@@ -45,6 +46,11 @@ using ::vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackingMode;
  * The operations run on the thread that stores, all but onTrackControl() with the session locked.
  * They may call the session. They must not wait for another thread that needs it, and none may wait
  * for a thread that replaces the observer: that thread waits for them.
+ *
+ * Only onTrackControl() may call FDSession::sendNotify(). The others must not: the client would be
+ * called with the session locked, and a client that is slow, or that calls the session before it
+ * answers, would keep everybody out. Such a call is made all the same, with an ERROR line each
+ * time.
  */
 class ISceneCallback {
 public:
@@ -75,15 +81,22 @@ public:
     virtual int32_t getConfiguration(StreamConfiguration& configuration) = 0;
     /**
      * 0 and the oldest waiting request, now the caller's, or -1 and `request` as it was. Its one
-     * output buffer carries a duplicate of the imported handle. Each request taken is answered with
-     * one sendCaptureResult() of the same frame number and output buffer.
+     * output buffer carries a duplicate of the imported handle. Each request taken is the caller's
+     * to answer, however late, with one sendCaptureResult() of the same frame number and output
+     * buffer: the session does not watch over it any more.
      */
     virtual int32_t getProcessCaptureRequest(CaptureRequest& request) = 0;
     /** Whether a request waits. A hint: getProcessCaptureRequest() may still give -1. */
     virtual bool isCaptureRequestReady() = 0;
-    /** Calls the client at once, on this thread. A failure is only logged. */
+    /**
+     * Calls the client at once, on this thread, and without a lock; but for a call from inside an
+     * observer's operation, as ISceneCallback says. A failure is only logged.
+     */
     virtual void sendNotify(FDNotifyMsg& msg) = 0;
-    /** Queues a copy for the client and returns; the session's own thread delivers it. */
+    /**
+     * Queues a copy for the client and returns; the session's own thread delivers it. Nothing of it
+     * is checked against the requests: what the provider says is what the client hears.
+     */
     virtual void sendCaptureResult(const CaptureResult& result) = 0;
 
     /** Stores a copy, then tells the observer; also when nothing changed. */
@@ -103,7 +116,8 @@ public:
     /**
      * Registers the observer, null for none. On return no call of any other one is under way,
      * so those may be destroyed; unless this is called from inside an observer's operation, which
-     * never waits.
+     * never waits. So it blocks while another observer's operation runs, also its onTrackControl(),
+     * and one that waits for whoever replaces it hangs both.
      */
     virtual void setSceneCallback(ISceneCallback* sceneCallback) = 0;
 
@@ -122,11 +136,20 @@ struct CaptureRequestItem {
  *
  * Locks: sLock, of the source file, guards the members marked so; it is recursive, and held while
  * the mapper and the observer are called. mResultMutex guards the result queue. The two are never
- * held together, and neither while the client is called.
+ * held together. Neither is held while the client is called, unless an observer notifies it from
+ * where it must not, nor while anything that a client or the provider sent is closed, but for the
+ * imported buffers, which sLock guards.
  */
 class FDSessionImpl : public FDSession, public ::android::Thread {
 public:
-    /** Serves the client. Holds the session weakly, so that a client cannot keep it alive. */
+    /**
+     * Serves the client. Holds the session weakly, so that a client cannot keep it alive.
+     *
+     * One call of the old callback may still be under way when setCallback() returns. A result of
+     * before a configure() is still delivered after it, and its buffer id is looked up anew: while
+     * results are outstanding, the ids of before must not be used again. With "vendor.zoru.flipped"
+     * the old result would turn the new buffer.
+     */
     class TrampolineInterface : public IFDSession {
     public:
         explicit TrampolineInterface(sp<FDSessionImpl> session);
@@ -183,21 +206,22 @@ private:
 
     using CirculatingBuffers = std::map<uint64_t, buffer_handle_t>;
 
-    /** Asks for the thread's exit, wakes it and waits; join()'s status. */
-    ::android::status_t stopMonitor();
     sp<IFDSessionCallback> currentCallback();
 
     // REQUIRES: sLock is held.
+    bool isKnown(const StreamBuffer& buffer) const;
     int32_t lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle);
     void freeAllBuffers();
+    /** REQUIRES: one waits. */
+    CaptureRequest takeOldestRequest();
     void countRequests();
 
     // The steps of a pass.
-    bool takeResult(CaptureResult& record);
-    bool takeStaleRequest(CaptureResult& record);
-    void turnIfFlipped(const CaptureResult& record);
-    /** Moves the record out to the client; without a callback it is let go of. */
-    void deliver(CaptureResult& record);
+    bool takeResult(CaptureResult& result);
+    bool takeStaleRequest(CaptureRequest& request);
+    void turnIfFlipped(const CaptureResult& result);
+    /** Moves the result out to the client; without a callback it is the caller's to let go of. */
+    void deliver(CaptureResult&& result);
 
     // Guarded by sLock.
     std::map<int32_t, CirculatingBuffers> mCirculatingBuffers;
@@ -222,6 +246,8 @@ private:
 
     // The length of mCaptureRequests, for a look without the lock. Written under sLock.
     std::atomic<size_t> mRequestCount;
+    // The monitor thread, from its first pass on.
+    std::atomic<std::thread::id> mMonitor{std::thread::id()};
     // Has a lock of its own.
     ObserverCalls mObserverCalls;
 };

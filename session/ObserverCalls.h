@@ -14,13 +14,17 @@ class ISceneCallback;
 
 /**
  * Who is inside a call of which observer, so that whoever replaces an observer can wait until
- * nobody is inside the old one. Thread-safe; its lock is the innermost.
+ * nobody is inside the old one; and who has the session locked meanwhile. Thread-safe; its lock is
+ * the innermost.
  */
 class ObserverCalls {
 public:
-    void begin(const ISceneCallback* observer) {
+    /** Whether the caller holds the session's lock during the call. */
+    enum class SessionLock { HELD, FREE };
+
+    void begin(const ISceneCallback* observer, SessionLock sessionLock) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.push_back({std::this_thread::get_id(), observer, mNext++});
+        mCalls.push_back({std::this_thread::get_id(), observer, mNext++, sessionLock});
     }
 
     /** Ends the calling thread's latest call. */
@@ -46,10 +50,12 @@ public:
         });
     }
 
-    /** Whether the calling thread is inside a call. */
-    bool isInside() {
+    /** Whether the calling thread is inside a call that holds the session's lock. */
+    bool isInsideLocked() {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return std::any_of(mCalls.begin(), mCalls.end(), isMine);
+        return std::any_of(mCalls.begin(), mCalls.end(), [](const Call& call) {
+            return isMine(call) && call.sessionLock == SessionLock::HELD;
+        });
     }
 
 private:
@@ -57,6 +63,7 @@ private:
         std::thread::id thread;
         const ISceneCallback* observer;
         uint64_t number;
+        SessionLock sessionLock;
     };
 
     static bool isMine(const Call& call) { return call.thread == std::this_thread::get_id(); }

@@ -3,8 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <future>
+
 #include "host/mapper.h"
+#include "host/unique_fd.h"
 #include "support/few_descriptors.h"
+#include "support/interposed.h"
 #include "support/leak_check.h"
 #include "support/session_fixture.h"
 #include "support/spy_mapper.h"
@@ -20,6 +25,19 @@ bool sameFile(const native_handle_t* a, const native_handle_t* b) {
            a->data[0] != b->data[0] &&
            std::equal(&a->data[1], &a->data[1] + a->numInts, &b->data[1]);
 }
+
+/** A handle of these descriptors, which stay the caller's. */
+struct Fence {
+    Fence(std::initializer_list<int> descriptors)
+        : handle(native_handle_create(static_cast<int>(descriptors.size()), 0)) {
+        std::copy(descriptors.begin(), descriptors.end(), &handle->data[0]);
+    }
+    ~Fence() { native_handle_delete(handle); }
+    Fence(const Fence&) = delete;
+    Fence& operator=(const Fence&) = delete;
+
+    native_handle_t* const handle;
+};
 
 }  // namespace
 
@@ -147,56 +165,150 @@ TEST_F(BuffersTest, QueuesInOrder) {
     EXPECT_EQ(session->getProcessCaptureRequest(kept), -1);
 }
 
-TEST_F(BuffersTest, RefusesARequestWhoseHandlesCannotBeDuplicated) {
+TEST_F(BuffersTest, RefusesAndForgetsWhatItCannotKeepAndAcceptsTheRestWhole) {
     configure();
-    const CaptureRequest request = requestFor(1, 1, buffer.handle());
-    // Each copy and each import takes one. Whichever step fails, nothing is queued, nothing stays
-    // open, and the id does not stay known.
     const int open = Holdings::now().descriptors;
-    for (rlim_t spare = 0; spare < 5; ++spare) {
-        {
-            const FewDescriptors few(spare);
-            const bool accepted = session->handleCaptureRequest(request) == 0;
-            EXPECT_EQ(session->isCaptureRequestReady(), accepted);
-            EXPECT_TRUE(spare >= 3 || !accepted);
-            if (accepted) session->handleConfigure(configurationOf(0));
+    const Fence fence = {STDERR_FILENO};
+    // A fence, the imported handle, its wrapper's and the queue's take one each.
+    for (const bool isFenced : {false, true}) {
+        CaptureRequest request = requestFor(1, 1, buffer.handle());
+        if (isFenced) request.outputBuffers[0].acquireFence = fence.handle;
+        for (rlim_t spare = 0; spare < 7; ++spare) {
+            const bool isEnough = spare >= (isFenced ? 4 : 3);
+            {
+                const FewDescriptors few(spare);
+                EXPECT_EQ(session->handleCaptureRequest(request), isEnough ? 0 : -1) << spare;
+            }
+            const sp<GraphicBuffer> wrapped = session->getBufferForId(1);
+            EXPECT_EQ(wrapped != nullptr && wrapped->initCheck() == 0, isEnough) << spare;
+            EXPECT_EQ(wrapped == nullptr, !isEnough) << spare;
+            EXPECT_EQ(session->isCaptureRequestReady(), isEnough);
+            EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1, nullptr)), isEnough ? 0 : -1);
+            session->handleConfigure(configurationOf(0));
         }
-        EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1, nullptr)), -1);
-        EXPECT_EQ(session->getBufferForId(1), nullptr);
     }
-    // Fences that cannot be duplicated, whatever the number of free slots.
-    native_handle_t* const broken = native_handle_create(1, 0);
-    broken->data[0] = -1;
+    // Handles that cannot be duplicated, whatever the number of free slots.
+    const Fence broken = {-1};
     for (const int which : {0, 1, 2}) {
         CaptureRequest bad = requestFor(1, 1, buffer.handle());
         (which == 0   ? bad.inputBuffer.buffer
          : which == 1 ? bad.outputBuffers[0].acquireFence
-                      : bad.outputBuffers[0].releaseFence) = broken;
+                      : bad.outputBuffers[0].releaseFence) = broken.handle;
         EXPECT_EQ(session->handleCaptureRequest(bad), -1);
         EXPECT_EQ(session->getBufferForId(1), nullptr);
     }
-    native_handle_delete(broken);
     EXPECT_EQ(Holdings::now().descriptors, open);
+}
+
+TEST_F(BuffersTest, TakesNoDescriptorForAHandleThatIsIgnored) {
+    configure();
+    ASSERT_EQ(submit(1, 1), 0);
+    const Fence four = {-1, -1, -1, -1};
+    {
+        const FewDescriptors one(1);
+        EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1, four.handle)), 0);
+        log.clear();
+        EXPECT_EQ(session->handleCaptureRequest(requestFor(3, 1, nullptr)), -1);
+        EXPECT_EQ(log.texts(kSessionTag),
+                  std::vector<std::string>{
+                      "handleCaptureRequest: duplicating handles failed, streamId(0), "
+                      "bufferId(1) \n"});
+        EXPECT_EQ(take().frameNumber, 1U);  // moved out: needs no descriptor
+    }
+    // The buffer had been known before the refusal, and stays so.
+    EXPECT_EQ(session->handleCaptureRequest(requestFor(4, 1, nullptr)), 0);
+    EXPECT_TRUE(sameFile(take().outputBuffers[0].buffer, buffer.handle()));
+}
+
+TEST_F(BuffersTest, LetsGoOfWhatWasSentWithoutALock) {
+    // Closing may take as long as the client likes; another thread goes on meanwhile.
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe2(ends.data(), O_CLOEXEC), 0);
+    const host::UniqueFd readEnd(ends[0]);
+    const host::UniqueFd writeEnd(ends[1]);
+    const Fence fence = {readEnd.get()};
+    const Fence half = {readEnd.get(), -1};
+    const auto fenced = [&](uint64_t bufferId, const native_handle_t* handle) {
+        CaptureRequest request = requestFor(1, bufferId, handle);
+        request.inputBuffer.acquireFence = fence.handle;
+        request.outputBuffers[0].acquireFence = fence.handle;
+        return request;
+    };
+    const auto expectClosed = [&](const char* what, int times, const std::function<void()>& act) {
+        std::vector<std::future<void>> others;
+        std::atomic<int> closes{0};
+        const CloseWatch watch(readEnd.get(), [&] {
+            others.push_back(std::async(std::launch::async, [this] {
+                session->getTrackingMode();
+                drivePass();
+            }));
+            EXPECT_EQ(others.back().wait_for(std::chrono::seconds(5)), std::future_status::ready)
+                << what;
+            ++closes;
+        });
+        act();
+        EXPECT_TRUE(eventually([&] { return closes == times; })) << what << ": " << closes;
+    };
+    const auto submitFenced = [&] {
+        EXPECT_EQ(session->handleCaptureRequest(fenced(1, buffer.handle())), 0);
+    };
+    WallClock clock;
+    int64_t now = 1700000000000000;
+    clock.stopAt(now);
+    session->handleSetCallback(nullptr);  // what is to be delivered ends here
+    configure();
+
+    expectClosed("a refused request", 2,
+                 [&] { EXPECT_EQ(session->handleCaptureRequest(fenced(9, nullptr)), -1); });
+    expectClosed("one whose handles cannot all be duplicated", 3, [&] {
+        CaptureRequest request = fenced(9, buffer.handle());
+        request.outputBuffers[0].releaseFence = half.handle;
+        EXPECT_EQ(session->handleCaptureRequest(request), -1);
+    });
+    expectClosed("a reconfiguration", 2, [&] {
+        submitFenced();
+        configure();
+    });
+    expectClosed("what the provider's record held", 2, [&] {
+        submitFenced();
+        ASSERT_EQ(submit(2, 1), 0);
+        CaptureRequest request = take();
+        EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
+        EXPECT_EQ(request.frameNumber, 2U);
+    });
+    expectClosed("a stale request", 2, [&] {
+        submitFenced();
+        clock.stopAt(now += 1000001);
+        drivePass();
+    });
+    // Held in a delivery, the monitor finds a stale request in that pass and in the next.
+    std::mutex gate;
+    std::unique_lock<std::mutex> closed(gate);
+    callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
+    session->handleSetCallback(callback);
     ASSERT_EQ(submit(3, 1), 0);
-    const FewDescriptors none(0);
-    log.clear();
-    EXPECT_EQ(session->handleCaptureRequest(requestFor(4, 1, nullptr)), -1);
-    EXPECT_EQ(log.count("handleCaptureRequest: duplicating handles failed, streamId(0), "
-                        "bufferId(1) \n"),
-              1);
-    EXPECT_EQ(take().frameNumber, 3U);  // moved out: needs no descriptor
-    EXPECT_FALSE(session->isCaptureRequestReady());
+    serveOne();
+    deliveries.waitFor(1);
+    expectClosed("a result, in a pass that answers a stale request too", 1, [&] {
+        ASSERT_EQ(submit(4, 1), 0);
+        ASSERT_EQ(submit(5, 1), 0);
+        clock.stopAt(now += 1000001);
+        CaptureResult result = {};
+        result.inputBuffer.releaseFence = fence.handle;
+        session->sendCaptureResult(result);
+        closed.unlock();
+    });
+    EXPECT_EQ(deliveries.waitFor(3)[2].result.frameNumber, 5U);
+    stop();
 }
 
 TEST_F(BuffersTest, MarksABufferNotFilledThatLostItsHandles) {
-    native_handle_t* const broken = native_handle_create(1, 0);
-    broken->data[0] = -1;
+    const Fence broken = {-1};
     CaptureResult result = resultFor(requestFor(1, 1, buffer.handle()));
     result.outputBuffers.resize(2);
     result.outputBuffers[1].bufferId = 2;
-    result.outputBuffers[1].releaseFence = broken;
+    result.outputBuffers[1].releaseFence = broken.handle;
     session->sendCaptureResult(result);
-    native_handle_delete(broken);
     const CaptureResult delivered = deliveries.waitFor(1)[0].result;
     EXPECT_EQ(delivered.outputBuffers[0].status, BufferStatus::OK);
     EXPECT_EQ(delivered.outputBuffers[1].status, BufferStatus::ERROR);

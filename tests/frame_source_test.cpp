@@ -179,6 +179,7 @@ TEST_F(FrameSourceTest, EndsAfterThePassUnderWayWhenItIsLetGoOf) {
     gate.reset();
     EXPECT_TRUE(log.waitFor("~FDSessionTest: \n"));
     EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
+    EXPECT_TRUE(log.texts("Thread").empty());
     gate = std::make_unique<PauseGate>();
     source = new FDSessionTest;
 }

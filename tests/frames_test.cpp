@@ -1,5 +1,6 @@
 // Frames in memory and in files: the copies, the dumps, and the raw YUV file.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -242,9 +243,18 @@ TEST_F(FramesTest, TellsWhyThereIsNoFrameAndTriesAgain) {
     EXPECT_EQ(missing.getFrame(), nullptr);
     write("later", "123456");
     EXPECT_NE(missing.getFrame(), nullptr);
+    // A pipe has no beginning to play from again.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    ASSERT_EQ(::write(ends[1], "abc", 3), 3);
+    YUVFile pipe(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), 2, 2);
+    close(ends[1]);
+    EXPECT_EQ(pipe.getFrame(), nullptr);
+    close(ends[0]);
     const std::vector<std::string> lines = {
         "file reading failed, status - 3 error - Success \n",
-        "file " + path("later") + " open failed, error - No such file or directory \n"};
+        "file " + path("later") + " open failed, error - No such file or directory \n",
+        "file reading failed, status - 0 error - Illegal seek \n"};
     EXPECT_EQ(log.texts(kTag), lines);
 }
 
@@ -286,6 +296,9 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
         EXPECT_EQ(file.putFrame(frame), 24);
         frame.height = 1;  // one luma row, no chroma: the rest is that of the frame before
         EXPECT_EQ(file.putFrame(frame), 24);
+        frame.height = frame.width = -6;  // nothing is copied, and all of it written again
+        EXPECT_EQ(file.putFrame(frame), 24);
+        frame.width = 4;
 
         // A larger one is refused: nothing written, nothing past the frame memory.
         EXPECT_EQ(file.putFrame(wrap(allocate(6, 4))), -1);
@@ -294,7 +307,7 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
 
         std::ifstream in(name, std::ios::binary);
         const std::string all((std::istreambuf_iterator<char>(in)), {});
-        ASSERT_EQ(all.size(), 144U);
+        ASSERT_EQ(all.size(), 168U);
         const std::vector<uint8_t> fromBuffer = packed(buffer);
         const std::string expected(fromBuffer.begin(), fromBuffer.end());
         EXPECT_EQ(all.substr(0, 24), std::string(24, '\0'));
@@ -307,6 +320,7 @@ TEST_F(FramesTest, AppendsFramesOfEverySource) {
         EXPECT_EQ(all.substr(72, 24), rows);
         EXPECT_EQ(all.substr(96, 24), rows);
         EXPECT_EQ(all.substr(120, 24), rows);
+        EXPECT_EQ(all.substr(144, 24), rows);
     }
     const std::vector<std::string> lines = {
         "frame is too large: width(6) height(4), file width(4) height(4) \n",

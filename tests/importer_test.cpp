@@ -99,9 +99,12 @@ TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
     EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
     EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
     EXPECT_EQ(this->importer.unlock(handle), -1);
-    const std::vector<std::string> lines = {"operator(): failed to lock error 2!",
-                                            "operator(): failed to lockYCbCr error 2!",
-                                            "operator(): failed to unlock error 2!"};
+    EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
+    EXPECT_EQ(this->importer.lock(handle, 3, size_t{1} << 31), nullptr);
+    const std::vector<std::string> lines = {
+        "operator(): failed to lock error 2!", "operator(): failed to lockYCbCr error 2!",
+        "operator(): failed to unlock error 2!", "lock: size 4294967360 is over 31 bits",
+        "lock: size 2147483648 is over 31 bits"};
     EXPECT_EQ(this->log.texts(kTag), lines);
 }
 

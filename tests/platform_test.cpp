@@ -17,6 +17,7 @@
 #include "host/log.h"
 #include "host/mapper.h"
 #include "host/threads.h"
+#include "support/interposed.h"
 #include "support/leak_check.h"
 #include "support/session_fixture.h"
 
@@ -31,12 +32,19 @@ struct Counted : public RefBase {
         ++mAlive;
         if (mode != 0) extendObjectLifetime(OBJECT_LIFETIME_WEAK);
     }
-    ~Counted() override { --mAlive; }
+    ~Counted() override {
+        --mAlive;
+        if (shownBy != nullptr) seenAtEnd = shownBy->get();
+    }
     void onFirstRef() override { countAtFirstRef = getStrongCount(); }
 
     int& mAlive;
     int32_t countAtFirstRef = 0;
+    /** What this still shows when the object ends goes to `seenAtEnd`. */
+    const sp<Counted>* shownBy = nullptr;
+    static const Counted* seenAtEnd;
 };
+const Counted* Counted::seenAtEnd = nullptr;
 
 /** Runs `body` in each pass. */
 class LoopThread : public android::Thread {
@@ -83,9 +91,33 @@ TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
     auto* const unheld = new Counted(alive);
     {
         const wp<Counted> early(unheld);
-        EXPECT_NE(early.promote(), nullptr);  // the first strong reference, and so the last
+        const sp<Counted> first = early.promote();
+        ASSERT_NE(first, nullptr);
+        EXPECT_EQ(first->countAtFirstRef, 0);  // a promotion does not run onFirstRef()
     }
     EXPECT_EQ(alive, 0);
+
+    // Each way of replacing an object lets go of it before it shows the other one.
+    using Held = sp<Counted>;
+    const std::function<void(Held&, Held)> ways[] = {
+        [](Held& own, const Held& next) { own = next; },
+        [](Held& own, const Held& next) { own = next.get(); },
+        [](Held& own, Held next) { own = std::move(next); },
+        [](Held& own, const Held&) { own.clear(); }};
+    for (const auto& replace : ways) {
+        strong = new Counted(alive);
+        const Counted* const old = strong.get();
+        strong->shownBy = &strong;
+        replace(strong, new Counted(alive));
+        EXPECT_EQ(Counted::seenAtEnd, old);
+        EXPECT_NE(strong.get(), old);
+    }
+    EXPECT_EQ(alive, 0);  // the last way was clear()
+    strong = new Counted(alive);
+    sp<Counted>& same = strong;
+    strong = same;
+    strong = std::move(same);
+    EXPECT_EQ(strong->getStrongCount(), 1);
 
     strong = new Counted(alive, 1);
     weak = strong;
@@ -129,7 +161,6 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
 }
 
 TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
-    host::LogCapture log;
     // Counted where the thread may still count when this function has ended.
     const auto counter = std::make_shared<std::atomic<int>>(0);
     const std::atomic<int>& passes = *counter;
@@ -138,16 +169,22 @@ TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
         thread->run("between");
         EXPECT_TRUE(eventually([&] { return passes >= 3; }));
     }  // no exit was asked for: the promotion fails
-    sp<LoopThread> own;
-    std::promise<int> joined;
-    own = new LoopThread([&] {
-        joined.set_value(own->join());
+}
+
+TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
+    host::LogCapture log;
+    LoopThread* own = nullptr;
+    const sp<LoopThread> thread = new LoopThread([&] {
+        EXPECT_EQ(own->join(), android::WOULD_BLOCK);
+        EXPECT_EQ(own->requestExitAndWait(), android::WOULD_BLOCK);
+        EXPECT_FALSE(own->exitPending());
         return false;
     });
-    own->run("own");
-    EXPECT_EQ(joined.get_future().get(), android::WOULD_BLOCK);
-    EXPECT_EQ(own->join(), android::NO_ERROR);
-    EXPECT_EQ(log.lines().size(), 1U);
+    own = thread.get();
+    thread->run("own");
+    EXPECT_EQ(thread->join(), android::NO_ERROR);
+    EXPECT_TRUE(thread->exitPending());  // until the next run, although nobody asked for it
+    EXPECT_EQ(log.texts("Thread").size(), 2U);
 }
 
 TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
@@ -173,6 +210,14 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     native_handle_delete(raw);
     EXPECT_EQ(native_handle_create(-1, 0), nullptr);
     EXPECT_EQ(native_handle_create(1025, 0), nullptr);
+    // What belongs to another is copied, not moved away, when a vector grows.
+    using android::hardware::hidl_string;
+    hidl_string elements[] = {"one", "two"};
+    android::hardware::hidl_vec<hidl_string> vector;
+    vector.setToExternal(elements, 2);
+    vector.resize(3);
+    EXPECT_EQ(vector[1], "two");
+    EXPECT_EQ(elements[1], "two");
 }
 
 TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
@@ -183,6 +228,12 @@ TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
     EXPECT_EQ(examined.description(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'");
     EXPECT_EQ(Return<int>(failed()).withDefault(5), 5);
     EXPECT_DEATH({ const Return<void> ignored(failed()); }, "not checked.*DEAD_OBJECT: gone");
+    EXPECT_DEATH(
+        {
+            Return<void> overwritten(failed());
+            overwritten = Return<void>();
+        },
+        "not checked.*DEAD_OBJECT: gone");
     EXPECT_DEATH(static_cast<void>(int(Return<int>(failed()))), "failed HIDL call");
 }
 
@@ -229,6 +280,18 @@ TEST(MapperTest, MapsABufferOnceHoweverOftenItIsImported) {
         EXPECT_GT(wrong->lockYCbCr(0x33, &planes), 0);
     }
     EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+}
+
+TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
+    const OneInodeNumber wrapped;
+    const host::Buffer one = allocate(8, 4);
+    const host::Buffer other = allocate(8, 4);
+    other.bytes()[0] = 7;
+    const sp<GraphicBuffer> first = wrap(one);
+    const sp<GraphicBuffer> second = wrap(other);
+    android_ycbcr planes = {};
+    ASSERT_EQ(second->lockYCbCr(0x33, &planes), 0);
+    EXPECT_EQ(*static_cast<uint8_t*>(planes.y), 7);
 }
 
 TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {

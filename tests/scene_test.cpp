@@ -24,14 +24,17 @@ SceneControl sceneOf(size_t crops, int32_t frameWidth, int32_t peopleCount) {
     return scene;
 }
 
-/** Remembers what it heard; `during` runs inside each operation. */
+/** Remembers what it heard; `during` runs inside each operation but onPTZControl(). */
 struct Observer : public ISceneCallback {
     void onSceneControl(SceneControl scene) override {
         scenes.push_back(scene);
         scene.crops.resize(0);  // its own copy
         if (during) during();
     }
-    void onPTZControl(SceneControl ptz) override { ptzs.push_back(ptz); }
+    void onPTZControl(SceneControl ptz) override {
+        ptzs.push_back(ptz);
+        if (duringPTZ) duringPTZ();
+    }
     void onTrackControl(TrackControl track) override {
         tracks.push_back(track);
         if (during) during();
@@ -46,6 +49,7 @@ struct Observer : public ISceneCallback {
     std::vector<TrackControl> tracks;
     std::vector<int> modes;
     std::function<void()> during;
+    std::function<void()> duringPTZ;
 };
 
 }  // namespace
@@ -154,6 +158,39 @@ TEST_F(SceneTest, ActsOnAChangeOfTheTrackingModeOnly) {
     EXPECT_EQ(ptzInside, 1U);
     EXPECT_EQ(observer.ptzs.size(), 1U);  // the store, not the reset
     expectDefaultPTZ(21, 9);
+}
+
+TEST_F(SceneTest, NotifiesAtOnceFromInsideAnOperationAndSaysWhichMustNot) {
+    const auto linesAfter = [&](const std::function<void()>& act) {
+        log.clear();
+        act();
+        return log.count(
+            "sendNotify: called inside an observer's operation that has the session "
+            "locked \n");
+    };
+    observer.during = [&] {
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_FALSE(deliveries.notified().empty());
+    };
+    observer.duringPTZ = observer.during;
+    session->setSceneCallback(&observer);
+    EXPECT_EQ(linesAfter([&] { session->setSceneControl({}); }), 1);
+    EXPECT_EQ(linesAfter([&] { session->setPTZControl({}); }), 1);
+    EXPECT_EQ(linesAfter([&] { session->setTrackingMode(TrackingMode::GROUP); }), 1);
+    EXPECT_EQ(deliveries.notified().size(), 3U);
+    // The one that may: another thread has the session meanwhile.
+    callback->during = [&] { std::thread([&] { session->getTrackingMode(); }).join(); };
+    EXPECT_EQ(linesAfter([&] { session->setTrackControl({}); }), 0);
+    callback->during = nullptr;
+    // But not when it is told from inside one of the others.
+    observer.during = [&] {
+        if (observer.tracks.size() == 1) session->setTrackControl({});
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+    };
+    EXPECT_EQ(linesAfter([&] { session->setSceneControl({}); }), 2);
+    EXPECT_EQ(deliveries.notified().size(), 6U);
 }
 
 TEST_F(SceneTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {

@@ -1,13 +1,16 @@
 // Loads the implementation library, uses it, and unloads it or exits, again and again and at random
 // moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
 //
-//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside|observer ROUNDS
+//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside|observer|track|stuck|lost|memory
+//                ROUNDS
 //
 // Exits with 0 when every round held; else a line says what did not.
 
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,10 +19,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <android/log.h>
 
 #include "FDSession.h"
 #include "host/buffer.h"
@@ -37,30 +43,40 @@ constexpr uint64_t kBuffers = 3;
 
 std::atomic<pid_t> diedOn{0};
 
-/** Exits while the session is locked. */
+/** Whether the monitor's next waits begin too late for a wake-up, and end only after an hour. */
+std::atomic<bool> losesWakeUps{false};
+std::atomic<bool> isAboutToWait{false};
+
+/** Exits while the session is locked, or from the operation during which it is not. */
 struct ExitingObserver : public ISceneCallback {
     void onSceneControl(SceneControl /*scene*/) override {
         std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants the lock
         exit(0);
     }
     void onPTZControl(SceneControl /*ptz*/) override {}
-    void onTrackControl(TrackControl /*track*/) override {}
+    void onTrackControl(TrackControl /*track*/) override { exit(0); }
     void onTrackingMode(TrackingMode /*mode*/) override {}
 };
 
 /** Its end shows when, and on which thread, the session went. */
 struct ProbeCallback : public IFDSessionCallback {
-    explicit ProbeCallback(bool exits) : mExits(exits) {}
+    explicit ProbeCallback(std::string mode) : mMode(std::move(mode)) {}
     ~ProbeCallback() override { diedOn = gettid(); }
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>&) override {
-        if (mExits) exit(0);  // on the monitor thread, in the middle of its pass
+        isInCallback = true;
+        if (mMode == "inside") exit(0);  // on the monitor thread, in the middle of its pass
+        while (mMode == "stuck")
+            pause();
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
 
+    static std::atomic<bool> isInCallback;
+
 private:
-    const bool mExits;
+    const std::string mMode;
 };
+std::atomic<bool> ProbeCallback::isInCallback{false};
 
 [[noreturn]] void fail(const std::string& what) {
     fprintf(stderr, "unload-probe: %s\n", what.c_str());
@@ -119,10 +135,10 @@ public:
     }
 
     /** A configured session with requests waiting, results queued and buffers known. */
-    void use(const std::vector<host::Buffer>& buffers, bool exitInside = false) {
+    void use(const std::vector<host::Buffer>& buffers, const std::string& mode) {
         diedOn = 0;
         const sp<IFDSession> client = mSession->getInterface();
-        require(client->setCallback(new ProbeCallback(exitInside)).isOk(), "setCallback failed");
+        require(client->setCallback(new ProbeCallback(mode)).isOk(), "setCallback failed");
         configure();
         for (uint64_t id = 0; id < buffers.size(); ++id) {
             CaptureRequest request = {};
@@ -153,10 +169,27 @@ public:
 
     void letGo() { mSession.clear(); }
 
-    void exitInsideObserver() {
+    void exitInsideObserver(const std::string& mode) {
         static ExitingObserver observer;
-        mSession->setSceneCallback(&observer);
-        mSession->setSceneControl({});
+        FDSession* const session = mSession.get();
+        session->setSceneCallback(&observer);
+        letGo();
+        mode == "track" ? session->setTrackControl({}) : session->setSceneControl({});
+    }
+
+    /** Stores more than there is memory for, which happens with the session locked. */
+    void runOutOfMemory() {
+        SceneControl scene = {};
+        scene.crops.resize(size_t{4} << 20);  // 64 MiB
+        const rlimit none = {0, 0};
+        require(setrlimit(RLIMIT_CORE, &none) == 0 && setrlimit(RLIMIT_AS, &none) == 0,
+                "no limit could be set");
+        try {
+            mSession->setSceneControl(scene);
+        } catch (const std::bad_alloc&) {
+            fail("an exception came out of the library, which has left its lock held");
+        }
+        fail("there was memory");
     }
 
     void unload() {
@@ -210,7 +243,7 @@ void runRounds(const std::string& library, const std::string& mode, int rounds) 
     for (int i = 0; i < rounds; ++i) {
         const host::MapperCounters before = host::mapperCounters();
         Round round(library);
-        round.use(buffers);
+        round.use(buffers, mode);
         if (mode == "reconfigure") round.configure();
         waitAMoment(random);
         round.unload();
@@ -226,11 +259,19 @@ std::atomic<Round*> aliveAtExit{nullptr};
 
 /** Leaves a session for the end of the process: main's return, or a child's exit(). */
 void leaveSession(const std::string& library, const std::string& mode) {
+    if (mode == "exit" || mode == "track" || mode == "lost") {
+        // Runs after all of the library's own.
+        atexit([] { require(host::threadCount() == 0, "the monitor was not ended"); });
+    }
     aliveAtExit = new Round(library);
-    aliveAtExit.load()->use(allocateBuffers(), mode == "inside");
+    aliveAtExit.load()->use(allocateBuffers(), mode);
     if (mode == "inside") pause();
-    if (mode == "observer") aliveAtExit.load()->exitInsideObserver();
+    if (mode == "observer" || mode == "track") aliveAtExit.load()->exitInsideObserver(mode);
+    if (mode == "memory") aliveAtExit.load()->runOutOfMemory();
     if (mode == "keep") return;
+    losesWakeUps = mode == "lost";
+    while ((mode == "lost" && !isAboutToWait) || (mode == "stuck" && !ProbeCallback::isInCallback))
+        std::this_thread::yield();
     aliveAtExit.load()->letGo();
     if (mode != "fork") return;
     const pid_t child = fork();
@@ -241,9 +282,22 @@ void leaveSession(const std::string& library, const std::string& mode) {
 
 }  // namespace
 
+/** The wait of the session's thread: a program's symbol wins over the library's. */
+extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
+                                      pthread_mutex_t* __restrict mutex,
+                                      const timespec* __restrict time) {
+    timespec deadline = *time;
+    if (losesWakeUps) {
+        isAboutToWait = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        deadline.tv_sec += 3600;  // as if the clock had been set back
+    }
+    return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
+}
+
 int main(int argc, char** argv) {
     if (argc != 4) return 2;
-    host::setStderrLogPriority(6);
+    host::setStderrLogPriority(ANDROID_LOG_WARN);
     const std::string mode = argv[2];
     if (mode == "unload" || mode == "reconfigure") {
         runRounds(argv[1], mode, atoi(argv[3]));  // NOLINT(cert-err34-c)

@@ -23,18 +23,16 @@ FrameView viewOf(const android_ycbcr& ycbcr) {
 }
 
 FrameView packedView(uint8_t* memory, int width, int height) {
-    const auto rowBytes = static_cast<size_t>(std::max(width, 0));
-    const auto rows = static_cast<size_t>(std::max(height, 0));
+    const auto rowBytes = static_cast<size_t>(width);
+    const auto rows = static_cast<size_t>(height);
     return {memory, rowBytes, memory + rowBytes * rows, rowBytes};
 }
 
 int64_t packedBytes(int width, int height) {
-    if (width <= 0 || height <= 0) return 0;
     return int64_t{width} * height + int64_t{height / 2} * width;
 }
 
 void copyFrame(const FrameView& dst, const FrameView& src, int width, int height) {
-    if (width <= 0 || height <= 0) return;
     const auto rowBytes = static_cast<size_t>(width);
     const auto rows = static_cast<size_t>(height);
     copyRows(dst.luma, dst.lumaStride, src.luma, src.lumaStride, rowBytes, rows);

@@ -60,8 +60,10 @@ uint8_t* YUVFile::getFrame() {
     if (pBuffer == nullptr) return nullptr;
     if (!openOnce("rb")) return nullptr;
     if (fread(pBuffer, 1, frameSize(), pFile) == frameSize()) return pBuffer;
-    rewind(pFile);
+    // Not rewind(), which may hide why a pipe cannot be played in a loop.
     errno = 0;
+    fseek(pFile, 0, SEEK_SET);
+    clearerr(pFile);
     const size_t count = fread(pBuffer, 1, frameSize(), pFile);
     if (count == frameSize()) return pBuffer;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
@@ -115,9 +117,12 @@ int YUVFile::putFrame(zoru_ycbcr& frame) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, " Invalid handle \n");
         return -1;
     }
-    if (!holds(frame.width, frame.height)) return -1;
-    copyFrame(packedView(pBuffer, frame.width, frame.height), viewOf(frame), frame.width,
-              frame.height);
+    // A record without an extent has no rows.
+    if (frame.width >= 1 && frame.height >= 1) {
+        if (!holds(frame.width, frame.height)) return -1;
+        copyFrame(packedView(pBuffer, frame.width, frame.height), viewOf(frame), frame.width,
+                  frame.height);
+    }
     return putFrame();
 }
 

@@ -2,8 +2,6 @@
 
 #include <android/log.h>
 
-#include <limits>
-
 #include "FrameCopy.h"
 
 #define LOG_TAG "zoruutil"
@@ -32,16 +30,6 @@ bool isSemiPlanar(const android_ycbcr& ycbcr) {
     return false;
 }
 
-/** The offset of a packed frame's chroma is a signed 32-bit number. */
-bool fitsPackedFrame(const sp<GraphicBuffer>& buffer) {
-    if (packedBytes(buffer->width, buffer->height) <= std::numeric_limits<int32_t>::max()) {
-        return true;
-    }
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "frame is too large: width(%d) height(%d) \n",
-                        buffer->width, buffer->height);
-    return false;
-}
-
 bool covers(const sp<GraphicBuffer>& src, const sp<GraphicBuffer>& dst) {
     if (src->width >= dst->width && src->height >= dst->height) return true;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
@@ -64,7 +52,7 @@ int ZoruUtil::copyFrom(uint8_t* dst, sp<GraphicBuffer> src) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "lockYCbCr failed, error (%d) \n", status);
         return -1;
     }
-    const bool handled = isSemiPlanar(ycbcr) && fitsPackedFrame(src);
+    const bool handled = isSemiPlanar(ycbcr);
     if (handled) {
         copyFrame(packedView(dst, src->width, src->height), viewOf(ycbcr), src->width, src->height);
     }
@@ -88,7 +76,7 @@ int ZoruUtil::copyTo(uint8_t* src, sp<GraphicBuffer> dst) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "lockYCbCr failed, error(%d) \n", status);
         return -1;
     }
-    const bool handled = isSemiPlanar(ycbcr) && fitsPackedFrame(dst);
+    const bool handled = isSemiPlanar(ycbcr);
     if (handled) {
         copyFrame(viewOf(ycbcr), packedView(src, dst->width, dst->height), dst->width, dst->height);
     }

@@ -124,10 +124,7 @@ bool RefBase::weakref_type::attemptIncStrong(const void* id) {
         decWeak(id);
         return false;
     }
-    if (before == kNeverHeld) {
-        refs->mStrong.fetch_sub(kNeverHeld);
-        refs->mBase->onFirstRef();
-    }
+    if (before == kNeverHeld) refs->mStrong.fetch_sub(kNeverHeld);
     return true;
 }
 

@@ -40,6 +40,9 @@ struct Thread::State {
     pthread_t handle{};
     bool joinable = false;
     bool joining = false;
+
+    /** REQUIRES: mutex is held. */
+    bool isOwnThread() const { return joinable && pthread_equal(handle, pthread_self()) != 0; }
 };
 
 namespace {
@@ -118,6 +121,7 @@ void* Thread::entry(void* argument) {
         object = weak.promote();
         goOn = object != nullptr;
     }
+    state->exitPending = true;
     state->running = false;
     object.clear();  // may run the destructor on this thread
     host::detail::threadEnded();
@@ -140,17 +144,25 @@ bool Thread::isRunning() const {
     return mState->running;
 }
 
+bool Thread::wouldBlock(const char* operation) const {
+    if (mState->process != getpid()) return false;
+    {
+        const std::lock_guard<std::mutex> lock(mState->mutex);
+        if (!mState->running || !mState->isOwnThread()) return false;
+    }
+    __android_log_print(ANDROID_LOG_WARN, "Thread",
+                        "Thread (this=%p): don't call %s() from this Thread object's thread. "
+                        "It's a guaranteed deadlock!",
+                        static_cast<const void*>(this), operation);
+    return true;
+}
+
 status_t Thread::join() {
     const std::shared_ptr<State> state = mState;
     if (state->process != getpid()) return NO_ERROR;
+    if (wouldBlock("join")) return WOULD_BLOCK;
     std::unique_lock<std::mutex> lock(state->mutex);
-    if (state->joinable && pthread_equal(state->handle, pthread_self()) != 0) {
-        __android_log_print(ANDROID_LOG_WARN, "Thread",
-                            "Thread (this=%p): don't call join() from this Thread object's thread. "
-                            "It's a guaranteed deadlock!",
-                            static_cast<void*>(this));
-        return WOULD_BLOCK;
-    }
+    if (state->isOwnThread()) return NO_ERROR;  // its loop has ended
     state->changed.wait(lock, [&] { return !state->joining; });
     if (!state->joinable) return NO_ERROR;
     state->joining = true;
@@ -165,9 +177,10 @@ status_t Thread::join() {
 }
 
 status_t Thread::requestExitAndWait() {
+    if (wouldBlock("requestExitAndWait")) return WOULD_BLOCK;
     requestExit();
     const status_t status = join();
-    if (status == NO_ERROR) mState->exitPending = false;
+    mState->exitPending = false;
     return status;
 }
 

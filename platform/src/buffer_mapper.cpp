@@ -4,6 +4,8 @@
 #include <hardware/gralloc.h>
 #include <sys/stat.h>
 
+#include <utility>
+
 #include "host/buffer.h"
 
 namespace host {
@@ -50,7 +52,7 @@ MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle
     const std::optional<BufferGeometry> geometry = parse(raw);
     if (!geometry) return MapperError::BAD_BUFFER;
     MapperError error = MapperError::NONE;
-    FileId file;
+    FileId file{};
     std::shared_ptr<MemoryMap> memory =
         mapLocked(raw->data[0], planesOf(*geometry).total, file, error);
     if (memory == nullptr) return error;
@@ -71,12 +73,13 @@ std::shared_ptr<MemoryMap> BufferMapper::mapLocked(int fd, size_t needed, FileId
     error = MapperError::BAD_BUFFER;
     const int seals = fcntl(fd, F_GET_SEALS);
     if (seals < 0 || (seals & F_SEAL_SHRINK) == 0) return nullptr;
-    struct stat status {};
-    if (fstat(fd, &status) != 0 || status.st_size < 0) return nullptr;
-    const auto size = static_cast<uint64_t>(status.st_size);
+    struct statx status {};
+    if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) return nullptr;
+    const uint64_t size = status.stx_size;
     if (size < needed || size > kMaxBufferBytes) return nullptr;
 
-    file = {status.st_dev, status.st_ino};
+    file = {status.stx_dev_major, status.stx_dev_minor, status.stx_ino,
+            static_cast<uint64_t>(status.stx_btime.tv_sec), status.stx_btime.tv_nsec};
     std::weak_ptr<MemoryMap>& known = mMemory[file];
     std::shared_ptr<MemoryMap> memory = known.lock();
     if (memory != nullptr && memory->size() >= needed) return memory;

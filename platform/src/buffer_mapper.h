@@ -3,12 +3,12 @@
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <cutils/native_handle.h>
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <utility>
 
 #include "buffer_format.h"
 #include "host/mapper.h"
@@ -52,8 +52,12 @@ public:
     void failLock(int status, int skip);
 
 private:
-    /** Which file: device and inode. */
-    using FileId = std::pair<uint64_t, uint64_t>;
+    /**
+     * Which file: device, inode and time of birth. The last tells two files apart whose inodes have
+     * the same number, because a kernel counts 32 bits of them only and began anew; it is 0 where
+     * the kernel does not know it.
+     */
+    using FileId = std::array<uint64_t, 5>;
 
     struct Import {
         std::shared_ptr<MemoryMap> memory;

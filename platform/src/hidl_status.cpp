@@ -58,13 +58,18 @@ std::string Status::description() const {
 
 namespace details {
 
-return_status::~return_status() {
+void return_status::assertExamined() const {
     if (!mStatus.isOk() && !mExamined) {
         logAlwaysFatal(("Failed HIDL return status not checked: " + description()).c_str());
     }
 }
 
+return_status::~return_status() {
+    assertExamined();
+}
+
 return_status& return_status::operator=(return_status&& other) noexcept {
+    assertExamined();
     mStatus = std::exchange(other.mStatus, Status());
     mExamined = std::exchange(other.mExamined, false);
     return *this;

@@ -1,5 +1,6 @@
 #include "support/interposed.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -10,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -19,6 +21,8 @@ namespace testing_support {
 namespace {
 
 constexpr useconds_t kFrameSourcePauseUs = 50000;
+
+std::atomic<bool> hasOneInodeNumber{false};
 
 struct State {
     std::mutex mutex;
@@ -30,12 +34,23 @@ struct State {
     bool gateClosed = false;
     int64_t pausesBegun = 0;
     int64_t pausesAllowed = 0;
-    std::pair<dev_t, ino_t> slowFile;
-    std::thread::id unheld;
-    int held = 0;
 };
 
-std::atomic<bool> sIsSlow{false};  // whether `slowFile` holds for anything
+/** The one file whose closing is watched. */
+struct Watched {
+    std::atomic<bool> isAny{false};
+    std::mutex mutex;
+    std::condition_variable noneInside;
+    // Guarded by mutex.
+    std::pair<dev_t, ino_t> file;
+    std::function<void()> during;
+    int inside = 0;
+};
+
+Watched& watched() {
+    static auto* const instance = new Watched;
+    return *instance;
+}
 
 std::pair<dev_t, ino_t> fileOf(int fd) {
     struct stat file = {};
@@ -54,16 +69,19 @@ bool waitFor(std::unique_lock<std::mutex>& lock, Condition condition) {
         lock, std::chrono::system_clock::now() + std::chrono::seconds(10), condition);
 }
 
-/** Waits as long as the gate holds this file up. */
-void passCloseGate(int fd) {
-    if (!sIsSlow) return;
+void tellOfClose(int fd) {
+    if (!watched().isAny) return;
     const int saved = errno;
     const std::pair<dev_t, ino_t> file = fileOf(fd);
-    std::unique_lock<std::mutex> lock(state().mutex);
-    if (sIsSlow && file == state().slowFile && std::this_thread::get_id() != state().unheld) {
-        ++state().held;
-        state().changed.notify_all();
-        state().changed.wait(lock, [] { return !sIsSlow; });
+    std::unique_lock<std::mutex> lock(watched().mutex);
+    if (watched().during && file == watched().file) {
+        const std::function<void()> during = watched().during;
+        ++watched().inside;
+        lock.unlock();
+        during();
+        lock.lock();
+        --watched().inside;
+        watched().noneInside.notify_all();
     }
     errno = saved;
 }
@@ -120,23 +138,50 @@ bool PauseGate::passOnce() {
     return waitUntilPausing();
 }
 
-CloseGate::CloseGate(int fd) {
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    state().slowFile = fileOf(fd);
-    state().unheld = std::this_thread::get_id();
-    state().held = 0;
-    sIsSlow = true;
+CloseWatch::CloseWatch(int fd, std::function<void()> during) {
+    const std::lock_guard<std::mutex> lock(watched().mutex);
+    watched().file = fileOf(fd);
+    watched().during = std::move(during);
+    watched().isAny = true;
 }
 
+CloseWatch::~CloseWatch() {
+    std::unique_lock<std::mutex> lock(watched().mutex);
+    watched().isAny = false;
+    watched().during = nullptr;
+    watched().noneInside.wait(lock, [] { return watched().inside == 0; });
+}
+
+CloseGate::CloseGate(int fd)
+    : mWatch(fd, [this, maker = std::this_thread::get_id()] {
+          if (std::this_thread::get_id() != maker) hold();
+      }) {}
+
 CloseGate::~CloseGate() {
-    const std::lock_guard<std::mutex> lock(state().mutex);
-    sIsSlow = false;
-    state().changed.notify_all();
+    const std::lock_guard<std::mutex> lock(mMutex);
+    mIsOpen = true;
+    mChanged.notify_all();
+}
+
+void CloseGate::hold() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    ++mHeld;
+    mChanged.notify_all();
+    mChanged.wait(lock, [this] { return mIsOpen; });
 }
 
 bool CloseGate::waitUntilHeld(int count) {
-    std::unique_lock<std::mutex> lock(state().mutex);
-    return waitFor(lock, [count] { return state().held >= count; });
+    std::unique_lock<std::mutex> lock(mMutex);
+    return mChanged.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(10),
+                               [&] { return mHeld >= count; });
+}
+
+OneInodeNumber::OneInodeNumber() {
+    hasOneInodeNumber = true;
+}
+
+OneInodeNumber::~OneInodeNumber() {
+    hasOneInodeNumber = false;
 }
 
 }  // namespace testing_support
@@ -144,8 +189,10 @@ bool CloseGate::waitUntilHeld(int count) {
 using testing_support::state;
 
 extern "C" int close(int fd) {
-    testing_support::passCloseGate(fd);
-    return static_cast<int>(syscall(SYS_close, fd));
+    // The next one may be a sanitizer's.
+    static auto* const next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
+    testing_support::tellOfClose(fd);
+    return next(fd);
 }
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
@@ -176,4 +223,13 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,
+                     struct statx* __restrict status) noexcept {
+    const long result = syscall(SYS_statx, folder, path, flags, mask, status);
+    if (result == 0 && testing_support::hasOneInodeNumber) {
+        status->stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status->stx_ino, 1));
+    }
+    return static_cast<int>(result);
 }

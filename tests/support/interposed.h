@@ -1,10 +1,13 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep() and close(): a program's symbols win over the
- * library's, and the product cannot tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep(), close() and statx(): a program's symbols win
+ * over the library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -37,6 +40,16 @@ public:
     bool passOnce();
 };
 
+/** Runs `during` inside each close() of one file, on the closing thread; of one file at a time. */
+class CloseWatch {
+public:
+    CloseWatch(int fd, std::function<void()> during);
+    /** Waits until no thread is inside `during`. */
+    ~CloseWatch();
+    CloseWatch(const CloseWatch&) = delete;
+    CloseWatch& operator=(const CloseWatch&) = delete;
+};
+
 /**
  * Holds up every close() of one file, for the scope of this object and but for the thread that made
  * it: as a file does whose file system never answers.
@@ -48,9 +61,28 @@ public:
     CloseGate(const CloseGate&) = delete;
     CloseGate& operator=(const CloseGate&) = delete;
 
-    /** Waits until so many threads are held up, all of them since the beginning; false after 10 s.
-     */
+    /** Waits until so many closes are held up, all since the beginning; false after 10 s. */
     bool waitUntilHeld(int count);
+
+private:
+    void hold();
+
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    // Guarded by mMutex.
+    int mHeld = 0;
+    bool mIsOpen = false;
+    // Goes first: nobody is held any more when the rest goes.
+    CloseWatch mWatch;
+};
+
+/** Gives all files one inode number, and each a time of birth of its own, for this scope. */
+class OneInodeNumber {
+public:
+    OneInodeNumber();
+    ~OneInodeNumber();
+    OneInodeNumber(const OneInodeNumber&) = delete;
+    OneInodeNumber& operator=(const OneInodeNumber&) = delete;
 };
 
 }  // namespace testing_support

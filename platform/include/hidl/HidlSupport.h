@@ -135,11 +135,17 @@ struct hidl_vec {
     const T* begin() const { return mBuffer; }
     const T* end() const { return mBuffer + mSize; }
 
-    /** Allocates anew; what is kept is moved over, what is new is value-initialised. */
+    /** Allocates anew; what is kept is moved over, or copied where it is another's, and what is new
+     * is value-initialised. */
     void resize(size_t size) {
         const uint32_t count = details::checkedSize(size);
         T* const elements = count > 0 ? new T[count]() : nullptr;
-        std::move(begin(), begin() + std::min(mSize, count), elements);
+        const uint32_t kept = std::min(mSize, count);
+        if (mOwnsBuffer) {
+            std::move(begin(), begin() + kept, elements);
+        } else {
+            std::copy(begin(), begin() + kept, elements);
+        }
         release();
         own(elements, count);
     }

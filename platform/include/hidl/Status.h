@@ -37,8 +37,8 @@ private:
 namespace details {
 
 /**
- * The transport's half of every result. Has to be looked at: destroying a failed one that nobody
- * examined with isOk() ends the process. Moved, not copied.
+ * The transport's half of every result. Has to be looked at: destroying or overwriting a failed one
+ * that nobody examined with isOk() ends the process. Moved, not copied.
  */
 class return_status {
 public:
@@ -60,6 +60,8 @@ protected:
     void assertOk() const;
 
 private:
+    void assertExamined() const;
+
     Status mStatus;
     mutable bool mExamined = false;
 };

@@ -11,8 +11,9 @@ namespace android {
  * block in which both counts live. Resource type, not copied. All operations are thread-safe.
  *
  * The first strong reference runs onFirstRef(), at count 1, before the `sp` that takes it holds its
- * new value. The last strong release deletes the object on the thread that releases it, weak
- * references or not, unless the life time was extended to the weak references.
+ * new value; it is never run when that first one comes from a promotion. The last strong release
+ * deletes the object on the thread that releases it, weak references or not, unless the life time
+ * was extended to the weak references.
  */
 class RefBase {
 public:

@@ -5,7 +5,13 @@ namespace android {
 template <typename T>
 class wp;
 
-/** A strong reference to a RefBase: one of the owners of the object. */
+/**
+ * A strong reference to a RefBase: one of the owners of the object.
+ *
+ * What takes the place of another object counts the new one first, then lets go of the old one, and
+ * only then shows the new one: onFirstRef() of the new and the destructor of the old still see the
+ * old pointer here. So an object must not own the reference through which it is let go of.
+ */
 template <typename T>
 class sp {
 public:
@@ -38,12 +44,7 @@ public:
         return *this;
     }
     sp& operator=(sp&& other) noexcept {
-        T* const old = mPtr;
-        mPtr = other.mPtr;
-        if (this != &other) {
-            other.mPtr = nullptr;
-            if (old != nullptr) old->decStrong(this);
-        }
+        show(other.take());
         return *this;
     }
     template <typename U>
@@ -53,10 +54,7 @@ public:
     }
     template <typename U>
     sp& operator=(sp<U>&& other) {
-        T* const old = mPtr;
-        mPtr = other.mPtr;
-        other.mPtr = nullptr;
-        if (old != nullptr) old->decStrong(this);
+        show(other.take());
         return *this;
     }
     template <typename U>
@@ -65,11 +63,7 @@ public:
         return *this;
     }
 
-    void clear() {
-        T* const old = mPtr;
-        mPtr = nullptr;
-        if (old != nullptr) old->decStrong(this);
-    }
+    void clear() { show(nullptr); }
 
     T& operator*() const { return *mPtr; }
     T* operator->() const { return mPtr; }
@@ -96,12 +90,19 @@ private:
     void acquire() {
         if (mPtr != nullptr) mPtr->incStrong(this);
     }
-    /** Counts the new object first: its onFirstRef() runs while this still holds the old value. */
     void replace(T* other) {
         if (other != nullptr) other->incStrong(this);
-        T* const old = mPtr;
-        mPtr = other;
-        if (old != nullptr) old->decStrong(this);
+        show(other);
+    }
+    /** Lets go of the old object, then shows one that was counted already, or null. */
+    void show(T* counted) {
+        if (mPtr != nullptr) mPtr->decStrong(this);
+        mPtr = counted;
+    }
+    T* take() {
+        T* const taken = mPtr;
+        mPtr = nullptr;
+        return taken;
     }
     /** Takes over a reference that was counted already. */
     void adopt(T* counted) { mPtr = counted; }

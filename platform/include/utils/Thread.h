@@ -35,22 +35,32 @@ public:
      * INVALID_OPERATION while running, UNKNOWN_ERROR when no thread could be made.
      */
     virtual status_t run(const char* name, int32_t priority = PRIORITY_DEFAULT, size_t stack = 0);
-    /** Asks for the exit after the pass under way; sticks until the next run(). */
+    /** Asks for the exit after the pass under way. */
     virtual void requestExit();
     /** Runs on the thread before the first pass; anything but 0 ends it. */
     virtual status_t readyToRun();
 
-    /** WOULD_BLOCK on the thread itself. */
+    /**
+     * Asks for the exit, waits until the thread is gone, and takes the wish back. On the thread
+     * itself, while its loop runs: WOULD_BLOCK, with a warning, and no exit is asked for.
+     */
     status_t requestExitAndWait();
-    /** Waits until the thread is gone. WOULD_BLOCK, with a warning, on the thread itself. */
+    /**
+     * Waits until the thread is gone. On the thread itself it does not wait: WOULD_BLOCK, with a
+     * warning, while its loop runs; 0 after that, as for a destructor at the thread's end.
+     */
     status_t join();
     bool isRunning() const;
 
 protected:
+    /** An exit was asked for, or the loop has ended; until the next run(). */
     bool exitPending() const;
 
 private:
     virtual bool threadLoop() = 0;
+
+    /** True, with a warning, on the thread itself while its loop runs. */
+    bool wouldBlock(const char* operation) const;
 
     /** What the running thread needs after its object is gone. */
     struct State;
