@@ -42,7 +42,7 @@ protected:
         std::string content = beginning;
         for (size_t index = content.size(); index < size; ++index)
             content += static_cast<char>(index % 251);
-        const std::string path = folder / name;
+        std::string path = folder / name;
         std::ofstream(path, std::ios::binary) << content;
         return path;
     }
