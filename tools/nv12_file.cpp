@@ -121,9 +121,9 @@ Nv12File::Nv12File(host::UniqueFd file, fs::path path, off_t size)
 
 std::string Nv12File::description() const {
     const size_t rest = static_cast<size_t>(mSize) % kFrameBytes;
-    return "NV12 of " + inPixels() + ", " + std::to_string(mFrameCount) + " frames" +
-           (rest == 0 ? "" : " and a rest of " + std::to_string(rest) + " bytes that is left out") +
-           ",\nwhich a file without a header cannot confirm";
+    return "NV12 of " + inPixels() + ", " + std::to_string(mFrameCount) +
+           " frames,\nwhich a file without a header cannot confirm" +
+           (rest == 0 ? "" : "; " + std::to_string(rest) + " bytes are left out");
 }
 
 bool Nv12File::isCut() const {
