@@ -56,7 +56,7 @@ constexpr Reason kReasons[] = {
      "of the passing of time: the session's thread wakes 20 times a second"},
     {"two processes", "sendmsg", 4, "a request, a result, and their answers"},
     {"two processes", "recvmsg", 4, "the same at the other ends"},
-    {"two processes", "poll", 2, "an answer is waited for no longer than a second"},
+    {"two processes", "poll", 1, "a client's answer is waited for no longer than a second"},
     {"two processes", "fcntl", 2, "the duplicates that the queued request and result own"},
     {"two processes", "close", 3, "the end of those, and of what the client got"},
     {"two processes", "futex", {}, "the hand-off to the session's thread, if that one has to wait"},

@@ -410,6 +410,26 @@ TEST_F(CallChannelTest, WaitsForASlowAnswer) {
     slow.join();
 }
 
+TEST_F(CallChannelTest, WaitsASecondForAnAnswerThatNeverComes) {
+    // As a client does, by a time-out of its socket, and as a provider does, without.
+    const auto expectPatience = [](host::Peer other) {
+        int ends[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+        const UniqueFd silent(ends[1]);
+        host::CallChannel waiting{UniqueFd(ends[0]), other};
+        const auto start = std::chrono::steady_clock::now();
+        const auto status = waiting.call(1, {}, [](host::Reader& /*reader*/) {});
+        const auto waited = std::chrono::steady_clock::now() - start;
+        EXPECT_EQ(status.description(),
+                  "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
+        EXPECT_GE(waited, host::kCallPatience);
+        EXPECT_LT(waited, 2 * host::kCallPatience);
+    };
+    std::thread provider([&] { expectPatience(host::Peer::CLIENT); });
+    expectPatience(host::Peer::PROVIDER);
+    provider.join();
+}
+
 TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
     std::vector<uint8_t> refusal = message({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');

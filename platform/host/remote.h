@@ -61,6 +61,7 @@ private:
 
     UniqueFd mSocket;
     const Peer mPeer;
+    const bool mHasTimeout;  // a time-out of the socket's own, which a client's has not
 
     std::mutex mMutex;
     std::condition_variable mTurn;

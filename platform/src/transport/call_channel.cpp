@@ -109,7 +109,10 @@ private:
     const std::shared_ptr<Shared> mShared;
 };
 
-CallChannel::CallChannel(UniqueFd socket, Peer peer) : mSocket(std::move(socket)), mPeer(peer) {}
+CallChannel::CallChannel(UniqueFd socket, Peer peer)
+    : mSocket(std::move(socket)),
+      mPeer(peer),
+      mHasTimeout(peer == Peer::PROVIDER && detail::setReceiveTimeout(mSocket.get())) {}
 
 CallChannel::~CallChannel() {
     if (mPeer == Peer::CLIENT) detail::closeLater(std::move(mSocket));
@@ -138,7 +141,7 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
         alive = failure.isOk();
         if (!alive) return failure;
         Header answer = {};
-        failure = detail::receiveMessage(mSocket.get(), answer, mBuffer, in, deadline);
+        failure = detail::receiveMessage(mSocket.get(), answer, mBuffer, in, deadline, mHasTimeout);
         alive = failure.isOk() && in.fds.empty() && answer.serial == header.serial &&
                 answer.kind != Header::CALL;
         if (!failure.isOk()) return failure;

@@ -21,6 +21,9 @@ using ::android::FAILED_TRANSACTION;
 using ::android::NO_MEMORY;
 using ::android::TIMED_OUT;
 
+/** Short enough to be over before a call's patience is. */
+constexpr auto kReceiveTimeout = kCallPatience - std::chrono::milliseconds(10);
+
 using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMaxMessageFds)>;
 
 Failure closedByPeer() {
@@ -112,16 +115,23 @@ Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadl
     }
 }
 
+bool setReceiveTimeout(int socket) {
+    const timeval timeout = {0, std::chrono::microseconds(kReceiveTimeout).count()};
+    return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) == 0;
+}
+
 Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
-                       Deadline deadline) {
+                       Deadline deadline, bool hasTimeout) {
     buffer.resize(kMaxMessageBytes);
     alignas(cmsghdr) Control control = {};
     iovec part = {buffer.data(), buffer.size()};
     msghdr message = {};
-    // Without a deadline the call itself waits; with one the answer has hardly ever come already.
-    const int flags = MSG_CMSG_CLOEXEC | (deadline ? MSG_DONTWAIT : 0);
+    // The call itself waits, for ever or by the socket's time-out, where that is soon enough; else
+    // a poll does before it, because what is waited for has hardly ever come already.
+    bool waitsItself = !deadline || (hasTimeout && *deadline - std::chrono::steady_clock::now() >=
+                                                       kReceiveTimeout);
     for (;;) {
-        if (deadline) {
+        if (!waitsItself) {
             Failure waited = waitFor(socket, POLLIN, deadline);
             if (!waited.isOk()) return waited;
         }
@@ -130,7 +140,8 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
         message.msg_iovlen = 1;
         message.msg_control = control.data();
         message.msg_controllen = control.size();
-        const ssize_t size = recvmsg(socket, &message, flags);
+        const ssize_t size =
+            recvmsg(socket, &message, MSG_CMSG_CLOEXEC | (waitsItself ? 0 : MSG_DONTWAIT));
         if (size >= 0) {
             const auto length = static_cast<size_t>(size);
             takeDescriptors(message, in.fds);
@@ -144,6 +155,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
             return {};
         }
         if (errno != EINTR && errno != EAGAIN) return failureOf(errno);
+        waitsItself = !deadline;
     }
 }
 

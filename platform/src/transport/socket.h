@@ -36,11 +36,18 @@ struct Header {
 Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadline deadline);
 
 /**
+ * Gives the socket a time-out of its own, a little before kCallPatience, for receiveMessage() to
+ * wait in. Only for a socket of which no other process has this end, because it could change that.
+ */
+bool setReceiveTimeout(int socket);
+
+/**
  * Receives into `buffer`, which `in` then points into. Descriptors are close-on-exec and owned by
  * `in` whatever comes of it. A message that is no message, or has lost descriptors on the way, is a
- * failure of the channel: it must not be used again.
+ * failure of the channel: it must not be used again. A socket that has setReceiveTimeout()'s waits
+ * in the receive itself, which is a system call less.
  */
 Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
-                       Deadline deadline);
+                       Deadline deadline, bool hasTimeout = false);
 
 }  // namespace host::detail

@@ -9,6 +9,8 @@ using ::android::hardware::hidl_handle;
 
 namespace {
 
+constexpr size_t kUsualBytes = 256;
+
 /** Why a descriptor may not cross as this; null when it may. */
 const char* faultOf(int fd, Crossing kind) {
     switch (kind) {
@@ -29,6 +31,9 @@ const char* faultOf(int fd, Crossing kind) {
 
 void Writer::append(const void* data, size_t size) {
     if (size == 0) return;
+    // Room for a usual message at once, where its values would make the vector grow again and
+    // again.
+    if (mOut.bytes.empty()) mOut.bytes.reserve(kUsualBytes);
     const size_t at = mOut.bytes.size();
     mOut.bytes.resize(at + size);
     memcpy(&mOut.bytes[at], data, size);
