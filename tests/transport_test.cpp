@@ -410,7 +410,7 @@ TEST_F(CallChannelTest, WaitsForASlowAnswer) {
     slow.join();
 }
 
-TEST_F(CallChannelTest, WaitsASecondForAnAnswerThatNeverComes) {
+TEST_F(CallChannelTest, WaitsASecondForASilentPeer) {
     // As a client does, by a time-out of its socket, and as a provider does, without.
     const auto expectPatience = [](host::Peer other) {
         int ends[2];
