@@ -168,6 +168,7 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         {"path only", NOWHERE, UniqueFd(open(slowPath.c_str(), O_PATH | O_CLOEXEC))},
     };
     const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+    const int before = Holdings::now().descriptors;
     for (const Kind& kind : kinds) {
         if (!kind.fd.isValid()) printf("not tried, for want of one: %s\n", kind.name);
         if (!kind.fd.isValid()) continue;
@@ -194,6 +195,8 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         ASSERT_TRUE(raw.connect());
         EXPECT_EQ(raw.setCallback(fd), kind.place == CHANNEL ? kAnswer : kRefused) << kind.name;
         EXPECT_TRUE(raw.isServed()) << kind.name;
+        // Not more at once than may wait to be closed.
+        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= before + 8; }));
     }
     EXPECT_EQ(log.count("a channel ends"), 0);
 }
