@@ -240,7 +240,7 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
         early.send(message({kCall, 99, 1, 0}));
         EXPECT_TRUE(early.isClosed());
     }
-    EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors == descriptors; }));
+    EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= descriptors; }));
     log.clear();
     FewDescriptors none(0, host::kConnectionFds);
     EXPECT_TRUE(late.connect());
@@ -620,7 +620,7 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         }
         EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
         connections.clear();
-        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors == descriptors; }));
+        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= descriptors; }));
     }
     EXPECT_TRUE(remote->ping().isOk());
 }
