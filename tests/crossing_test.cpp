@@ -301,9 +301,21 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
 
     RawClient faulty(path);
     ASSERT_TRUE(faulty.connect());
-    faulty.send(message({kCall, kConfigure, 1, 1, 0, 0}), {slow.get()});
+    // More than a message may have, of which none is left for the kernel to close.
+    std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
+    many.push_back(slow.get());
+    faulty.send(message({kCall, kConfigure, 1, 65, 0, 0}), many);
     EXPECT_TRUE(faulty.isClosed());
     EXPECT_TRUE(gate.waitUntilHeld(2));
+    expectNobodyIsHeldUp();
+    // A callback that is half one.
+    RawClient half(path);
+    ASSERT_TRUE(half.connect());
+    std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
+    call.back() = 2;
+    half.send(call, {slow.get()});
+    EXPECT_TRUE(half.isClosed());
+    EXPECT_TRUE(gate.waitUntilHeld(3));
     expectNobodyIsHeldUp();
 
     // An answer that brings it ends its channel, and the monitor goes on.
@@ -319,7 +331,7 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
         log.waitFor("threadLoop: processCaptureResult transaction failed: "
                     "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the answer brings "
                     "descriptors'"));
-    EXPECT_TRUE(gate.waitUntilHeld(3));
+    EXPECT_TRUE(gate.waitUntilHeld(4));
     expectNobodyIsHeldUp();
     session->sendCaptureResult(result);
     deliveries.waitFor(1);
@@ -480,7 +492,7 @@ TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
         log.clear();
         EXPECT_NE(bring(1), "");
         EXPECT_TRUE(log.waitFor(
-            "a channel ends: it brings what may not cross, and too much waits to be closed already"));
+            "a channel ends: it brings what has to be closed, and too much waits for that already"));
         EXPECT_FALSE(remote->ping().isOk());
 
         ASSERT_TRUE(late.connect());

@@ -32,7 +32,8 @@ constexpr size_t kMaxBufferIds = 4096;
 constexpr size_t kClosingThreads = 8;
 /**
  * Descriptors that wait for those threads. While there are as many no new connection and no new
- * callback is taken, and a channel that brings what may not cross ends.
+ * callback is taken, and a channel that brings a callback or what may not cross ends: it can add no
+ * more than one message's.
  */
 constexpr size_t kMaxWaitingToClose = 64;
 

@@ -16,7 +16,7 @@ class ServedCalls;
 
 /** How a channel over which an object was served came to its end. */
 enum class ServedEnd {
-    LET_GO,    ///< every call was answered; the other process has let go of the object
+    LET_GO,    ///< the other process has let go of the object, or sent what is no call
     GIVEN_UP,  ///< the last answer could not be sent: the other process has given the object up
 };
 
@@ -30,13 +30,14 @@ public:
     /** `ended`, if given, is called once for each channel that ends, on that channel's thread. */
     explicit ServedWatch(const ::android::sp<::android::hidl::base::V1_0::IBase>& object,
                          std::function<void(ServedEnd)> ended = {});
-    /** On return `ended` is not called any more, or is being called now; does not wait for that. */
+    /** One call of `ended` may still come, or be under way: what it captures has to live by itself.
+     */
     ~ServedWatch();
     ServedWatch(const ServedWatch&) = delete;
     ServedWatch& operator=(const ServedWatch&) = delete;
 
     /**
-     * Waits until every call of the object that came has been answered: who ends earlier leaves the
+     * Waits until every call that has reached the object is answered: who ends earlier leaves the
      * caller without an answer. False when that takes longer. REQUIRES: not called from inside such
      * a call, which would wait for itself.
      */

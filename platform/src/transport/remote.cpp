@@ -53,9 +53,9 @@ bool readInterface(Reader& reader, const char* descriptor, sp<IBase>& object) {
     uint8_t present = 0;
     reader(present);
     if (present == 0) return true;
-    UniqueFd socket = reader.descriptor(Crossing::CHANNEL);
     const InterfaceMakers* const makers = detail::findInterface(descriptor);
     if (present != 1 || makers == nullptr) return false;
+    UniqueFd socket = reader.descriptor(Crossing::CHANNEL);
     if (!socket.isValid()) return true;  // the reader knows why
     detail::switchOffControlData(socket.get());
     object = makers->proxy(std::make_unique<CallChannel>(std::move(socket), Peer::CLIENT));

@@ -68,6 +68,19 @@ struct Arrival {
     Incoming in;
 };
 
+/** Refuses a call. False when the channel ends, because too much of what came waits to be closed.
+ */
+bool refuseAndLetGo(int socket, Arrival& arrival, const std::string& why) {
+    const bool answered = refuse(socket, arrival.call, why);
+    auto& fds = arrival.in.fds;
+    const bool isAnyLeft =
+        std::any_of(fds.begin(), fds.end(), [](const UniqueFd& fd) { return fd.isValid(); });
+    letGoOf(fds);
+    if (!isAnyLeft || !isClosingBehind()) return answered;
+    logEnd("it brings what has to be closed, and too much waits for that already");
+    return false;
+}
+
 /** One call. False when the channel has come to its end, which is as `end` says. */
 bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
               const Watches& watches, ServedEnd& end) {
@@ -89,7 +102,7 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
     const bool isShort = std::any_of(in.fds.begin(), in.fds.end(), [](const UniqueFd& fd) {
         return SlotReserve::isReserved(fd.get());
     });
-    if (isShort) return refuse(socket, call, "too few descriptor slots are free");
+    if (isShort) return refuseAndLetGo(socket, arrival, "too few descriptor slots are free");
     Reader reader(in, peer);
     Outgoing out;
     Writer writer(out);
@@ -97,15 +110,7 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
         logEnd("no such method, or arguments that do not add up");
         return false;
     }
-    if (!reader.refusal().empty()) {
-        const bool answered = refuse(socket, call, reader.refusal());
-        const bool isUnfit = std::any_of(in.fds.begin(), in.fds.end(),
-                                         [](const UniqueFd& fd) { return fd.isValid(); });
-        letGoOf(in.fds);
-        if (!isUnfit || !isClosingBehind()) return answered;
-        logEnd("it brings what may not cross, and too much waits to be closed already");
-        return false;
-    }
+    if (!reader.refusal().empty()) return refuseAndLetGo(socket, arrival, reader.refusal());
     const bool answered = answer(socket, call, Header::ANSWER, out);
     if (!answered) end = ServedEnd::GIVEN_UP;
     return answered;

@@ -24,7 +24,13 @@ using ::android::TIMED_OUT;
 /** Short enough to be over before a call's patience is. */
 constexpr auto kReceiveTimeout = kCallPatience - std::chrono::milliseconds(10);
 
-using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMaxMessageFds)>;
+/**
+ * What one message can bring: as many descriptors as the kernel lets through, and what it adds.
+ * What finds no room here the kernel would close on the receiving thread, however long that takes.
+ */
+constexpr size_t kMostFdsOfKernel = 253;
+constexpr size_t kAddedBytes = 512;
+using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMostFdsOfKernel) + kAddedBytes>;
 
 Failure closedByPeer() {
     return {DEAD_OBJECT, "the peer has closed the connection"};
@@ -67,8 +73,8 @@ Failure failureOf(int error) {
 }
 
 Failure check(const msghdr& message, size_t size, const Header& header, const Incoming& in) {
+    if (in.fds.size() > kMaxMessageFds) return {FAILED_TRANSACTION, "too many descriptors"};
     if ((message.msg_flags & MSG_CTRUNC) != 0) {
-        if (in.fds.size() == kMaxMessageFds) return {FAILED_TRANSACTION, "too many descriptors"};
         return {NO_MEMORY, "descriptors were lost on the way: no slot was free for them"};
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) return {FAILED_TRANSACTION, "message too long"};
