@@ -21,37 +21,14 @@ uint32_t checkedSize(size_t size) {
 
 }  // namespace details
 
-hidl_handle::hidl_handle(const hidl_handle& other) {
-    *this = other;
-}
-
-hidl_handle::hidl_handle(hidl_handle&& other) noexcept {
-    *this = std::move(other);
-}
-
-hidl_handle::~hidl_handle() {
-    release();
-}
-
-hidl_handle& hidl_handle::operator=(const hidl_handle& other) {
-    if (this == &other) return *this;
-    release();
+void hidl_handle::clone(const hidl_handle& other) {
     mHandle = native_handle_clone(other.mHandle);
     mOwnsHandle = mHandle != nullptr;
-    return *this;
 }
 
 hidl_handle& hidl_handle::operator=(const native_handle_t* handle) {
     release();
     mHandle = handle;
-    return *this;
-}
-
-hidl_handle& hidl_handle::operator=(hidl_handle&& other) noexcept {
-    if (this == &other) return *this;
-    release();
-    mHandle = std::exchange(other.mHandle, nullptr);
-    mOwnsHandle = std::exchange(other.mOwnsHandle, false);
     return *this;
 }
 
@@ -61,13 +38,9 @@ void hidl_handle::setTo(native_handle_t* handle, bool shouldOwn) {
     mOwnsHandle = shouldOwn;
 }
 
-void hidl_handle::release() {
-    if (mOwnsHandle) {
-        native_handle_close(mHandle);
-        native_handle_delete(const_cast<native_handle_t*>(mHandle));  // NOLINT: owned
-    }
-    mHandle = nullptr;
-    mOwnsHandle = false;
+void hidl_handle::closeOwn() {
+    native_handle_close(mHandle);
+    native_handle_delete(const_cast<native_handle_t*>(mHandle));  // NOLINT: owned
 }
 
 hidl_string::hidl_string(const std::string& text) {

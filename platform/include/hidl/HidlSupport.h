@@ -39,13 +39,23 @@ uint32_t checkedSize(size_t size);
 struct hidl_handle {
     hidl_handle() = default;
     hidl_handle(const native_handle_t* handle) : mHandle(handle) {}  // NOLINT
-    hidl_handle(const hidl_handle& other);
-    hidl_handle(hidl_handle&& other) noexcept;
-    ~hidl_handle();
+    hidl_handle(const hidl_handle& other) { *this = other; }
+    hidl_handle(hidl_handle&& other) noexcept { take(other); }
+    ~hidl_handle() { release(); }
 
-    hidl_handle& operator=(const hidl_handle& other);
+    hidl_handle& operator=(const hidl_handle& other) {
+        if (this == &other) return *this;
+        release();
+        if (other.mHandle != nullptr) clone(other);
+        return *this;
+    }
     hidl_handle& operator=(const native_handle_t* handle);
-    hidl_handle& operator=(hidl_handle&& other) noexcept;
+    hidl_handle& operator=(hidl_handle&& other) noexcept {
+        if (this == &other) return *this;
+        release();
+        take(other);
+        return *this;
+    }
 
     /** Lets go of what it owned. With `shouldOwn` the descriptors and the memory become its own. */
     void setTo(native_handle_t* handle, bool shouldOwn = false);
@@ -55,7 +65,17 @@ struct hidl_handle {
     const native_handle_t* getNativeHandle() const { return mHandle; }
 
 private:
-    void release();
+    void release() {
+        if (mOwnsHandle) closeOwn();
+        mHandle = nullptr;
+        mOwnsHandle = false;
+    }
+    void closeOwn();
+    void clone(const hidl_handle& other);
+    void take(hidl_handle& other) {
+        mHandle = std::exchange(other.mHandle, nullptr);
+        mOwnsHandle = std::exchange(other.mOwnsHandle, false);
+    }
 
     alignas(8) const native_handle_t* mHandle = nullptr;
     alignas(8) bool mOwnsHandle = false;
