@@ -174,6 +174,8 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     std::vector<uint8_t> manyFds = manyInts;
     manyFds[16 + 16 + 13] = 1;
     memset(&manyFds[16 + 16 + 13 + 4], 0, 4);
+    std::vector<uint8_t> halfThere = message({kCall, kRequest, 1, 0}, 39);
+    halfThere[16 + 16 + 12] = 2;
     const Fault faults[] = {
         {"an empty message", {}, 0},
         {"an empty message with descriptors", {}, 2},
@@ -185,6 +187,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
         {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0},
         {"a count beyond the bytes", message({kCall, kConfigure, 1, 0, 3, 0}, 72), 0},
         {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0},
+        {"a handle that is neither there nor not", halfThere, 0},
         {"integers that are not there", manyInts, 0},
         {"descriptors that are not there", manyFds, 0},
         {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2},

@@ -44,9 +44,27 @@ HandleOf<Handle> fence(Handle& handle) {
     return {handle, Crossing::FENCE};
 }
 
+/** Bytes, put one after the other. Those of a usual message take one allocation. Value type. */
+class Bytes {
+public:
+    void append(const void* data, size_t size) {
+        if (size > mRoom.size() - mSize) makeRoom(size);
+        if (size > 0) memcpy(&mRoom[mSize], data, size);
+        mSize += size;
+    }
+    const uint8_t* data() const { return mRoom.data(); }
+    size_t size() const { return mSize; }
+
+private:
+    void makeRoom(size_t size);
+
+    std::vector<uint8_t> mRoom;
+    size_t mSize = 0;
+};
+
 /** What goes out behind a message's header. The records it was written from have to outlive it. */
 struct Outgoing {
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
     std::vector<int> fds;              ///< borrowed from the records, or from `handedOver`
     std::vector<UniqueFd> handedOver;  ///< given away with the message
 };
@@ -74,7 +92,7 @@ private:
     template <typename T>
     void write(const T& value) {
         if constexpr (std::is_arithmetic_v<T> || std::is_enum_v<T>) {
-            append(&value, sizeof(value));
+            mOut.bytes.append(&value, sizeof(value));
         } else {
             Fields<T>::visit(*this, value);
         }
@@ -83,7 +101,7 @@ private:
     void write(const ::android::hardware::hidl_vec<T>& vector) {
         write(static_cast<uint32_t>(vector.size()));
         if constexpr (std::is_arithmetic_v<T>) {
-            append(vector.data(), vector.size() * sizeof(T));
+            mOut.bytes.append(vector.data(), vector.size() * sizeof(T));
         } else {
             for (const T& element : vector)
                 write(element);
@@ -91,10 +109,11 @@ private:
     }
     template <typename Handle>
     void write(const HandleOf<Handle>& carried) {
-        writeHandle(carried.handle);
+        const native_handle_t* const handle = carried.handle.getNativeHandle();
+        write(handle != nullptr);
+        if (handle != nullptr) writeHandle(*handle);
     }
-    void writeHandle(const ::android::hardware::hidl_handle& handle);
-    void append(const void* data, size_t size);
+    void writeHandle(const native_handle_t& handle);
 
     Outgoing& mOut;
 };
@@ -156,7 +175,10 @@ private:
     }
     template <typename Handle>
     void read(HandleOf<Handle>& carried) {
-        readHandle(carried.handle, carried.kind);
+        uint8_t present = 0;
+        read(present);
+        if (present > 1) mFailed = true;
+        if (present == 1) readHandle(carried.handle, carried.kind);
     }
     void readHandle(::android::hardware::hidl_handle& handle, Crossing kind);
 
@@ -170,7 +192,14 @@ private:
         }
     }
     size_t left() const { return mIn.size - mAt; }
-    bool take(void* data, size_t size);
+    void take(void* data, size_t size) {
+        if (mFailed || size > left()) {
+            mFailed = true;
+            return;
+        }
+        if (size > 0) memcpy(data, &mIn.data[mAt], size);
+        mAt += size;
+    }
 
     Incoming& mIn;
     const Peer mPeer;

@@ -35,7 +35,7 @@ bool answer(int socket, const Header& call, Header::Kind kind, const Outgoing& o
 
 bool refuse(int socket, const Header& call, const std::string& why) {
     Outgoing out;
-    out.bytes.assign(why.begin(), why.end());
+    out.bytes.append(why.data(), why.size());
     return answer(socket, call, Header::REFUSED, out);
 }
 

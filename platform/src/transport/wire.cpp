@@ -1,5 +1,7 @@
 #include "host/wire.h"
 
+#include <algorithm>
+
 #include "closing.h"
 #include "descriptor_kind.h"
 
@@ -29,14 +31,8 @@ const char* faultOf(int fd, Crossing kind) {
 
 }  // namespace
 
-void Writer::append(const void* data, size_t size) {
-    if (size == 0) return;
-    // Room for a usual message at once, where its values would make the vector grow again and
-    // again.
-    if (mOut.bytes.empty()) mOut.bytes.reserve(kUsualBytes);
-    const size_t at = mOut.bytes.size();
-    mOut.bytes.resize(at + size);
-    memcpy(&mOut.bytes[at], data, size);
+void Bytes::makeRoom(size_t size) {
+    mRoom.resize(std::max(kUsualBytes, 2 * (mSize + size)));
 }
 
 void Writer::descriptor(UniqueFd fd) {
@@ -44,24 +40,12 @@ void Writer::descriptor(UniqueFd fd) {
     mOut.handedOver.push_back(std::move(fd));
 }
 
-void Writer::writeHandle(const hidl_handle& handle) {
-    const native_handle_t* const native = handle.getNativeHandle();
-    write(native != nullptr);
-    if (native == nullptr) return;
-    write(native->numFds);
-    write(native->numInts);
-    append(&native->data[native->numFds], static_cast<size_t>(native->numInts) * sizeof(int));
-    mOut.fds.insert(mOut.fds.end(), &native->data[0], &native->data[native->numFds]);
-}
-
-bool Reader::take(void* data, size_t size) {
-    if (mFailed || size > left()) {
-        mFailed = true;
-        return false;
-    }
-    if (size > 0) memcpy(data, &mIn.data[mAt], size);
-    mAt += size;
-    return true;
+void Writer::writeHandle(const native_handle_t& handle) {
+    write(handle.numFds);
+    write(handle.numInts);
+    mOut.bytes.append(&handle.data[handle.numFds],
+                      static_cast<size_t>(handle.numInts) * sizeof(int));
+    mOut.fds.insert(mOut.fds.end(), &handle.data[0], &handle.data[handle.numFds]);
 }
 
 UniqueFd Reader::descriptor(Crossing kind) {
@@ -81,16 +65,12 @@ void Reader::refuse(const std::string& why) {
 }
 
 void Reader::readHandle(hidl_handle& handle, Crossing kind) {
-    uint8_t present = 0;
-    read(present);
-    if (mFailed || present == 0) return;
     int32_t numFds = 0;
     int32_t numInts = 0;
     read(numFds);
     read(numInts);
     const size_t fdsLeft = mIn.fds.size() - mNextFd;
-    if (mFailed || present != 1 || numFds < 0 || numInts < 0 ||
-        static_cast<size_t>(numFds) > fdsLeft ||
+    if (mFailed || numFds < 0 || numInts < 0 || static_cast<size_t>(numFds) > fdsLeft ||
         static_cast<size_t>(numInts) > left() / sizeof(int)) {
         mFailed = true;
         return;
