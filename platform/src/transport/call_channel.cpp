@@ -30,6 +30,7 @@ std::string noAnswer() {
 }
 
 Status statusOf(const Failure& failure) {
+    if (failure.isOk()) return {};
     return Status::fromStatusT(failure.status,
                                (failure.text.empty() ? noAnswer() : failure.text).c_str());
 }
