@@ -11,16 +11,15 @@ namespace {
 constexpr int kPassPidfd = 76;  // SO_PASSPIDFD
 constexpr int kPidfd = 0x04;    // SCM_PIDFD
 
-std::vector<UniqueFd> descriptorsOf(const cmsghdr& control) {
-    std::vector<UniqueFd> fds;
-    if (control.cmsg_len < CMSG_LEN(0)) return fds;
+void appendDescriptorsOf(const cmsghdr& control, std::vector<UniqueFd>& fds) {
+    if (control.cmsg_len < CMSG_LEN(0)) return;
     const size_t count = (control.cmsg_len - CMSG_LEN(0)) / sizeof(int);
+    fds.reserve(fds.size() + count);
     for (size_t i = 0; i < count; ++i) {
         int fd = -1;
         memcpy(&fd, CMSG_DATA(&control) + i * sizeof(int), sizeof(int));
         fds.emplace_back(fd);
     }
-    return fds;
 }
 
 }  // namespace
@@ -29,10 +28,9 @@ void takeDescriptors(msghdr& message, std::vector<UniqueFd>& fds) {
     for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
          control = CMSG_NXTHDR(&message, control)) {
         if (control->cmsg_level != SOL_SOCKET) continue;
-        if (control->cmsg_type != SCM_RIGHTS && control->cmsg_type != kPidfd) continue;
-        std::vector<UniqueFd> came = descriptorsOf(*control);
-        if (control->cmsg_type == SCM_RIGHTS)
-            std::move(came.begin(), came.end(), back_inserter(fds));
+        std::vector<UniqueFd> unwanted;
+        if (control->cmsg_type == SCM_RIGHTS) appendDescriptorsOf(*control, fds);
+        if (control->cmsg_type == kPidfd) appendDescriptorsOf(*control, unwanted);
     }
 }
 
