@@ -98,7 +98,7 @@ Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadl
     std::array<iovec, 2> parts = {
         iovec{const_cast<Header*>(&header), sizeof(header)},               // NOLINT
         iovec{const_cast<uint8_t*>(out.bytes.data()), out.bytes.size()}};  // NOLINT
-    alignas(cmsghdr) Control control = {};
+    alignas(cmsghdr) Control control;
     msghdr message = {};
     message.msg_iov = parts.data();
     message.msg_iovlen = parts.size();
@@ -106,6 +106,7 @@ Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadl
         const size_t bytes = out.fds.size() * sizeof(int);
         message.msg_control = control.data();
         message.msg_controllen = CMSG_SPACE(bytes);
+        memset(control.data(), 0, message.msg_controllen);
         cmsghdr* const first = CMSG_FIRSTHDR(&message);
         first->cmsg_level = SOL_SOCKET;
         first->cmsg_type = SCM_RIGHTS;
@@ -129,7 +130,7 @@ bool setReceiveTimeout(int socket) {
 Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
                        Deadline deadline, bool hasTimeout) {
     buffer.resize(kMaxMessageBytes);
-    alignas(cmsghdr) Control control = {};
+    alignas(cmsghdr) Control control;
     iovec part = {buffer.data(), buffer.size()};
     msghdr message = {};
     // The call itself waits, for ever or by the socket's time-out, where that is soon enough; else
