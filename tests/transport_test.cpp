@@ -418,24 +418,40 @@ TEST_F(CallChannelTest, WaitsForASlowAnswer) {
     slow.join();
 }
 
-TEST_F(CallChannelTest, WaitsASecondForASilentPeer) {
-    // As a client does, by a time-out of its socket, and as a provider does, without.
-    const auto expectPatience = [](host::Peer other) {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        const UniqueFd silent(ends[1]);
-        host::CallChannel waiting{UniqueFd(ends[0]), other};
-        const auto start = std::chrono::steady_clock::now();
-        const auto status = waiting.call(1, {}, [](host::Reader& /*reader*/) {});
-        const auto waited = std::chrono::steady_clock::now() - start;
+TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+    // Takes as long as the bounded wait, which is what it is about: what comes between comes late
+    // in it, so that a wait that began anew would end long after it.
+    using Clock = std::chrono::steady_clock;
+    struct sigaction onSignal = {};
+    onSignal.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &onSignal, nullptr);
+    int ends[2][2];
+    for (int* const pair : {ends[0], ends[1]})
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
+    const UniqueFd silent[] = {UniqueFd(ends[0][1]), UniqueFd(ends[1][1])};
+    host::CallChannel interrupted{UniqueFd(ends[0][0])};
+    host::CallChannel handedOver{UniqueFd(ends[1][0]), host::Peer::CLIENT};
+    const timeval longer = {2, 0};  // whoever handed it over can set it
+    setsockopt(ends[1][0], SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
+
+    const auto start = Clock::now();
+    const auto expectNoAnswer = [start](host::CallChannel& called) {
+        const auto status = called.call(2, {}, [](host::Reader& /*reader*/) {});
         EXPECT_EQ(status.description(),
                   "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
-        EXPECT_GE(waited, host::kCallPatience);
-        EXPECT_LT(waited, 2 * host::kCallPatience);
+        EXPECT_GE(Clock::now() - start, host::kCallPatience);
+        EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
     };
-    std::thread provider([&] { expectPatience(host::Peer::CLIENT); });
-    expectPatience(host::Peer::PROVIDER);
-    provider.join();
+    std::thread first([this] { call(); });
+    EXPECT_EQ(peer->receivedMethod(), 1U);
+    std::thread second([&] { expectNoAnswer(*channel); });
+    std::thread unlucky([&] { expectNoAnswer(handedOver); });
+    std::thread signalled([&] { expectNoAnswer(interrupted); });
+    std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
+    peer->send(message({kAnswer, 1, 1, 0}));  // now it is the second one's turn
+    pthread_kill(signalled.native_handle(), SIGUSR1);
+    for (std::thread* const thread : {&first, &second, &unlucky, &signalled})
+        thread->join();
 }
 
 TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
