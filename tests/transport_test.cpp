@@ -425,7 +425,7 @@ TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     struct sigaction onSignal = {};
     onSignal.sa_handler = [](int) {};
     sigaction(SIGUSR1, &onSignal, nullptr);
-    int ends[2][2];
+    int ends[2][2] = {{-1, -1}, {-1, -1}};
     for (int* const pair : {ends[0], ends[1]})
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
     const UniqueFd silent[] = {UniqueFd(ends[0][1]), UniqueFd(ends[1][1])};
