@@ -52,21 +52,6 @@ struct Recipient : public hidl_death_recipient {
 
 }  // namespace
 
-/** Takes every number below this one, for the scope of this object. */
-class TakenUpTo {
-public:
-    explicit TakenUpTo(size_t number) {
-        for (;;) {
-            UniqueFd fd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-            if (static_cast<size_t>(fd.get()) >= number) return;
-            mTaken.push_back(std::move(fd));
-        }
-    }
-
-private:
-    std::vector<UniqueFd> mTaken;
-};
-
 TEST_F(TransportTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_TRUE(remote->isRemote());
     EXPECT_TRUE(remote->ping().isOk());
@@ -317,6 +302,7 @@ TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
     remote.clear();
     server.reset();
     const FewDescriptors few(host::kConnectionFds + 100);
+    const rlim_t firstReserved = few.limit() - host::kConnectionFds - host::kReservedFds;
     int end[2];
     ASSERT_EQ(pipe2(end, O_CLOEXEC), 0);
     const pid_t child = fork();  // early, while there are numbers for its sockets
@@ -330,8 +316,6 @@ TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
     serve();
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
-    rlimit lowered = {};
-    getrlimit(RLIMIT_NOFILE, &lowered);
     std::atomic<bool> done{false};
     std::thread flood([&] {
         while (!done)
@@ -344,7 +328,7 @@ TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
     done = true;
     flood.join();
     // Nothing that stays got a number of the reserve, for calls or for connections.
-    for (auto fd = lowered.rlim_cur - host::kReservedFds; fd < 4096; ++fd) {
+    for (rlim_t fd = firstReserved; fd < 4096; ++fd) {
         std::error_code none;
         const std::string file =
             std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
@@ -623,9 +607,8 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
 
         // Free slots when a descriptor arrives: it may get the last number before the reserve.
         {
-            rlimit lowered = {};
-            getrlimit(RLIMIT_NOFILE, &lowered);
-            const TakenUpTo taken(offset(lowered.rlim_cur - host::kReservedFds - 1));
+            const TakenUpTo taken(
+                offset(few.limit() - host::kConnectionFds - host::kReservedFds - 1));
             const CaptureRequest brings = requestFor(1, 2, buffer.handle());
             const Return<Status> answer = remote->processCaptureRequest(brings);
             EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;

@@ -17,8 +17,10 @@ constexpr size_t kMaxConnections = 64;
  * that may be, and one to refuse another with.
  */
 constexpr size_t kConnectionFds = kMaxConnections + 1;
-/** A call that brings descriptors fails when it would leave fewer slots below that limit. */
+/** A call that brings descriptors fails when it would leave fewer slots below those. */
 constexpr size_t kReservedFds = 16;
+/** Descriptors that the kernel lets through with one message, whatever may cross. */
+constexpr size_t kMaxArrivingFds = 253;
 /** A call waits this long for its turn, its way and its answer together. */
 constexpr std::chrono::milliseconds kCallPatience(1000);
 /**
@@ -36,5 +38,12 @@ constexpr size_t kClosingThreads = 8;
  * more than one message's.
  */
 constexpr size_t kMaxWaitingToClose = 64;
+/**
+ * Slots that a process that serves has above all those, where its hard limit allows: as many as can
+ * arrive before what arrives is looked at, on each connection and in two callbacks' answers, and
+ * wait to be closed. What found no slot the kernel would close on the thread that receives it.
+ */
+constexpr size_t kArrivalFds =
+    (kMaxConnections + 2) * kMaxArrivingFds + kMaxWaitingToClose + kClosingThreads;
 
 }  // namespace host

@@ -14,23 +14,26 @@ namespace host::detail {
 namespace {
 
 constexpr rlim_t kFewest = 3 * kReservedFds;  // to serve one client at all
+constexpr rlim_t kUsual = 1024;               // what a process may have open by itself
 
 std::mutex sMutex;
-std::atomic<int> sFirstReserved{INT_MAX};  // changes under sMutex
+// Change under sMutex.
+std::atomic<int> sFirstReserved{INT_MAX};
+std::atomic<bool> sIsTight{false};
 // Guarded by sMutex.
 int sServers = 0;
-rlim_t sLowered = 0;
+rlim_t sBefore = 0;
+rlim_t sWhileServing = 0;
 
-rlim_t slots() {
+rlimit limits() {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
-    return limit.rlim_cur;
+    return limit;
 }
 
 /** Moves the limit from one value to another; not when somebody else has moved it meanwhile. */
 void moveLimit(rlim_t from, rlim_t to) {
-    rlimit limit = {};
-    getrlimit(RLIMIT_NOFILE, &limit);
+    rlimit limit = limits();
     if (limit.rlim_cur != from) return;
     limit.rlim_cur = to;
     setrlimit(RLIMIT_NOFILE, &limit);
@@ -41,11 +44,17 @@ void moveLimit(rlim_t from, rlim_t to) {
 SlotReserve::SlotReserve() {
     const std::lock_guard<std::mutex> lock(sMutex);
     if (sServers == 0) {
-        const rlim_t full = slots();
-        if (full < kConnectionFds + kFewest) return;
-        sLowered = full - kConnectionFds;
-        moveLimit(full, sLowered);
-        sFirstReserved = static_cast<int>(std::min<rlim_t>(sLowered - kReservedFds, INT_MAX));
+        const auto [before, most] = limits();
+        if (before < kConnectionFds + kFewest) return;
+        const rlim_t roomy = std::min(most, before + kArrivalFds);
+        sIsTight = roomy < kArrivalFds + std::min(before, kUsual);
+        const rlim_t all = sIsTight ? before : roomy;
+        const rlim_t clients = sIsTight ? before : roomy - kArrivalFds;
+        sBefore = before;
+        sWhileServing = all - kConnectionFds;
+        moveLimit(before, sWhileServing);
+        sFirstReserved =
+            static_cast<int>(std::min<rlim_t>(clients - kConnectionFds - kReservedFds, INT_MAX));
     }
     ++sServers;
     mHeld = true;
@@ -56,12 +65,13 @@ SlotReserve::~SlotReserve() {
     const std::lock_guard<std::mutex> lock(sMutex);
     if (--sServers > 0) return;
     sFirstReserved = INT_MAX;
-    moveLimit(sLowered, sLowered + kConnectionFds);
+    sIsTight = false;
+    moveLimit(sWhileServing, sBefore);
 }
 
 SlotReserve::Opened::Opened() {
     sMutex.lock();
-    mLimit = slots();
+    mLimit = limits().rlim_cur;
     moveLimit(mLimit, mLimit + kConnectionFds);
 }
 
@@ -72,6 +82,10 @@ SlotReserve::Opened::~Opened() {
 
 bool SlotReserve::isReserved(int fd) {
     return fd >= sFirstReserved;
+}
+
+bool SlotReserve::isTight() {
+    return sIsTight;
 }
 
 }  // namespace host::detail

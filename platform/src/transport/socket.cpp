@@ -11,6 +11,7 @@
 
 #include "control_data.h"
 #include "host/limits.h"
+#include "slot_reserve.h"
 
 namespace host::detail {
 
@@ -28,9 +29,8 @@ constexpr auto kReceiveTimeout = kCallPatience - std::chrono::milliseconds(10);
  * What one message can bring: as many descriptors as the kernel lets through, and what it adds.
  * What finds no room here the kernel would close on the receiving thread, however long that takes.
  */
-constexpr size_t kMostFdsOfKernel = 253;
 constexpr size_t kAddedBytes = 512;
-using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMostFdsOfKernel) + kAddedBytes>;
+using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMaxArrivingFds) + kAddedBytes>;
 
 Failure closedByPeer() {
     return {DEAD_OBJECT, "the peer has closed the connection"};
@@ -137,6 +137,9 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
     // a poll does before it, because what is waited for has hardly ever come already.
     bool waitsItself = !deadline || (hasTimeout && *deadline - std::chrono::steady_clock::now() >=
                                                        kReceiveTimeout);
+    // Where not all may find a slot, the message stays in the socket until it has: what the kernel
+    // lets go of is then never the last that holds it. The socket is closed by who may wait.
+    const bool looksFirst = SlotReserve::isTight();
     for (;;) {
         if (!waitsItself) {
             Failure waited = waitFor(socket, POLLIN, deadline);
@@ -147,11 +150,14 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
         message.msg_iovlen = 1;
         message.msg_control = control.data();
         message.msg_controllen = control.size();
-        const ssize_t size =
-            recvmsg(socket, &message, MSG_CMSG_CLOEXEC | (waitsItself ? 0 : MSG_DONTWAIT));
+        const ssize_t size = recvmsg(
+            socket, &message,
+            MSG_CMSG_CLOEXEC | (waitsItself ? 0 : MSG_DONTWAIT) | (looksFirst ? MSG_PEEK : 0));
         if (size >= 0) {
             const auto length = static_cast<size_t>(size);
             takeDescriptors(message, in.fds);
+            if (looksFirst && (message.msg_flags & MSG_CTRUNC) == 0)
+                recv(socket, nullptr, 0, MSG_DONTWAIT);
             // An empty message looks like the end of the connection.
             if (length == 0 && in.fds.empty() && hasHungUp(socket)) return closedByPeer();
             memcpy(&header, buffer.data(), std::min(sizeof(header), length));
