@@ -607,6 +607,7 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
 
         // Free slots when a descriptor arrives: it may get the last number before the reserve.
         {
+            EXPECT_TRUE(remote->ping().isOk());  // served after what came before was let go of
             const TakenUpTo taken(
                 offset(few.limit() - host::kConnectionFds - host::kReservedFds - 1));
             const CaptureRequest brings = requestFor(1, 2, buffer.handle());
