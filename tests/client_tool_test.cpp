@@ -344,6 +344,7 @@ TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
         "threadLoop: processCaptureResult transaction failed: Status(EX_TRANSACTION_FAILED): "
         "'TIMED_OUT: no answer within 1000 ms'";
     after(5, [&] {
+        EXPECT_TRUE(eventually([&] { return session->isCaptureRequestReady(); }));  // it loses one
         kill(tool, SIGSTOP);
         CaptureResult result = {};
         result.outputBuffers.resize(1);
