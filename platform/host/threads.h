@@ -6,6 +6,9 @@ namespace host {
  */
 void failNextThreadStart();
 
+/** True once for each failNextThreadStart(): for who starts a thread. */
+bool takeThreadStartFailure();
+
 /** The platform's threads that were started and have not ended. Any thread may ask. */
 int threadCount();
 

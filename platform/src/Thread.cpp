@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/threads.h"
 #include "thread_registry.h"
 
 namespace android {
@@ -18,7 +19,7 @@ namespace {
 constexpr size_t kKernelNameLength = 15;
 
 bool startThread(pthread_t* handle, size_t stack, void* (*entry)(void*), void* argument) {
-    if (host::detail::takeThreadStartFailure()) return false;
+    if (host::takeThreadStartFailure()) return false;
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     const bool sized = stack == 0 || pthread_attr_setstacksize(&attributes, stack) == 0;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "transport/slot_reserve.h"
+#include "host/descriptor_bound.h"
 
 namespace {
 bool hasKnownVersion(const native_handle_t* h) {
@@ -39,7 +39,7 @@ native_handle_t* native_handle_clone(const native_handle_t* handle) {
     for (int i = 0; i < handle->numFds; ++i) {
         clone->data[i] = fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0);
         const bool isMade = clone->data[i] >= 0;
-        if (!isMade || host::detail::SlotReserve::isReserved(clone->data[i])) {
+        if (!isMade || host::isBeyondBound(clone->data[i])) {
             clone->numFds = isMade ? i + 1 : i;
             native_handle_close(clone);
             native_handle_delete(clone);

@@ -19,8 +19,6 @@ int threadCount() {
     return threads.load();
 }
 
-namespace detail {
-
 bool takeThreadStartFailure() {
     int left = failures.load();
     while (left > 0) {
@@ -28,6 +26,8 @@ bool takeThreadStartFailure() {
     }
     return false;
 }
+
+namespace detail {
 
 void threadStarted() {
     threads.fetch_add(1);

@@ -2,8 +2,6 @@
 
 namespace host::detail {
 
-/** True once for each failNextThreadStart(). */
-bool takeThreadStartFailure();
 void threadStarted();
 void threadEnded();
 

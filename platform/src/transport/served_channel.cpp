@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "closing.h"
+#include "host/descriptor_bound.h"
 #include "host/limits.h"
-#include "slot_reserve.h"
 #include "socket.h"
 #include "start_thread.h"
 
@@ -99,9 +99,8 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
         logEnd("bytes that are no call");
         return false;
     }
-    const bool isShort = std::any_of(in.fds.begin(), in.fds.end(), [](const UniqueFd& fd) {
-        return SlotReserve::isReserved(fd.get());
-    });
+    const bool isShort = std::any_of(in.fds.begin(), in.fds.end(),
+                                     [](const UniqueFd& fd) { return isBeyondBound(fd.get()); });
     if (isShort) return refuseAndLetGo(socket, arrival, "too few descriptor slots are free");
     Reader reader(in, peer);
     Outgoing out;

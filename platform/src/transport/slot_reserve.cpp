@@ -7,6 +7,7 @@
 #include <climits>
 #include <mutex>
 
+#include "host/descriptor_bound.h"
 #include "host/limits.h"
 
 namespace host::detail {
@@ -17,9 +18,7 @@ constexpr rlim_t kFewest = 3 * kReservedFds;  // to serve one client at all
 constexpr rlim_t kUsual = 1024;               // what a process may have open by itself
 
 std::mutex sMutex;
-// Change under sMutex.
-std::atomic<int> sFirstReserved{INT_MAX};
-std::atomic<bool> sIsTight{false};
+std::atomic<bool> sIsTight{false};  // changes under sMutex
 // Guarded by sMutex.
 int sServers = 0;
 rlim_t sBefore = 0;
@@ -53,8 +52,8 @@ SlotReserve::SlotReserve() {
         sBefore = before;
         sWhileServing = all - kConnectionFds;
         moveLimit(before, sWhileServing);
-        sFirstReserved =
-            static_cast<int>(std::min<rlim_t>(clients - kConnectionFds - kReservedFds, INT_MAX));
+        boundDescriptors(
+            static_cast<int>(std::min<rlim_t>(clients - kConnectionFds - kReservedFds, INT_MAX)));
     }
     ++sServers;
     mHeld = true;
@@ -64,7 +63,7 @@ SlotReserve::~SlotReserve() {
     if (!mHeld) return;
     const std::lock_guard<std::mutex> lock(sMutex);
     if (--sServers > 0) return;
-    sFirstReserved = INT_MAX;
+    boundDescriptors(INT_MAX);
     sIsTight = false;
     moveLimit(sWhileServing, sBefore);
 }
@@ -78,10 +77,6 @@ SlotReserve::Opened::Opened() {
 SlotReserve::Opened::~Opened() {
     moveLimit(mLimit + kConnectionFds, mLimit);
     sMutex.unlock();
-}
-
-bool SlotReserve::isReserved(int fd) {
-    return fd >= sFirstReserved;
 }
 
 bool SlotReserve::isTight() {

@@ -37,9 +37,6 @@ public:
         unsigned long mLimit;
     };
 
-    /** Whether this number is one that may not stay; never in a process that serves nobody. */
-    static bool isReserved(int fd);
-
     /** Whether what a message brings may find no slot. */
     static bool isTight();
 

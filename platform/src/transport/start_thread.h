@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "thread_registry.h"
+#include "host/threads.h"
 
 namespace host::detail {
 
