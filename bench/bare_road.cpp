@@ -23,9 +23,9 @@
 #include <optional>
 #include <thread>
 
-#include "interfaces/src/records.h"
-#include "platform/src/transport/socket.h"
 #include "records.h"
+#include "transport/src/record_fields.h"
+#include "transport/src/socket.h"
 
 namespace bench {
 

@@ -28,8 +28,8 @@
 
 #include "host/channel.h"
 #include "host/limits.h"
-#include "src/transport/control_data.h"
-#include "src/transport/socket.h"
+#include "src/control_data.h"
+#include "src/socket.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
 #include "support/leak_check.h"

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "host/remote.h"
-#include "records.h"
+#include "record_fields.h"
 #include "request_bounds.h"
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0 {
