@@ -114,7 +114,7 @@ bool runUnder(std::vector<std::string> words, const std::string& run, uint32_t f
     words.insert(words.end(), {std::filesystem::read_symlink("/proc/self/exe").string(), "steady",
                                run, std::to_string(frames)});
     std::string problem;
-    const auto child = tools::ChildProcess::start("/usr/bin/env", words, problem);
+    const auto child = kit::ChildProcess::start("/usr/bin/env", words, problem);
     return child != nullptr && child->waitForEnd(kPatience) == 0;
 }
 

@@ -54,7 +54,7 @@ std::vector<size_t> sizesUpTo(size_t most) {
 
 /** What this process holds when nothing is under way. */
 struct Held {
-    tools::Holdings counted = tools::settledHoldings(getpid());
+    kit::Holdings counted = kit::settledHoldings(getpid());
     size_t bytes = mallinfo2().uordblks + mallinfo2().hblkhd;
 };
 

@@ -131,7 +131,7 @@ public:
         const host::UniqueFd theirs(orders[1]);
         fcntl(theirs.get(), F_SETFD, 0);  // goes with the program
         std::string problem;
-        mProcess = tools::ChildProcess::start(
+        mProcess = kit::ChildProcess::start(
             std::filesystem::read_symlink("/proc/self/exe"),
             {"gst-producer", std::to_string(theirs.get()), description}, problem);
         if (mProcess == nullptr) errx(EXIT_FAILURE, "%s", problem.c_str());
@@ -154,7 +154,7 @@ public:
 
 private:
     host::UniqueFd mOrders;
-    std::unique_ptr<tools::ChildProcess> mProcess;
+    std::unique_ptr<kit::ChildProcess> mProcess;
 };
 
 /** Looks at each frame on the thread that brought it: handing it to another costs a wake-up. */
@@ -228,7 +228,7 @@ private:
 int produceForGst(int orders, const std::string& description) {
     // The end of the orders ends it, also when the other process is killed, so that it can clean
     // up.
-    const tools::Signals blocked({SIGINT, SIGTERM});
+    const kit::Signals blocked({SIGINT, SIGTERM});
     std::string problem;
     if (Pipeline pipeline = pipelineOf(description, problem))
         Producer(orders, std::move(pipeline)).serve();
@@ -236,7 +236,7 @@ int produceForGst(int orders, const std::string& description) {
 }
 
 std::unique_ptr<GstRoad> GstRoad::start(uint32_t inFlight, std::string& problem) {
-    const auto folder = tools::privateFolder(problem);
+    const auto folder = kit::privateFolder(problem);
     if (!folder) return nullptr;
     const std::string socket =
         "socket-path=" + (*folder / ("gst-" + std::to_string(getpid()) + ".sock")).string();

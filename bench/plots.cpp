@@ -35,7 +35,7 @@ bool draw(const std::string& script, const fs::path& picture) {
         if (!stream.flush()) return false;
     }
     std::string problem;
-    const auto gnuplot = tools::ChildProcess::start(
+    const auto gnuplot = kit::ChildProcess::start(
         "/usr/bin/env", {"-C", file.parent_path(), "gnuplot", file.filename()}, problem);
     return gnuplot != nullptr && gnuplot->waitForEnd(std::chrono::seconds(20)) == 0;
 }

@@ -72,7 +72,7 @@ private:
 
 }  // namespace
 
-RoadProvider::RoadProvider(std::string socket, std::unique_ptr<tools::ChildProcess> child)
+RoadProvider::RoadProvider(std::string socket, std::unique_ptr<kit::ChildProcess> child)
     : mSocket(std::move(socket)), mChild(std::move(child)) {}
 
 RoadProvider::~RoadProvider() {
@@ -81,13 +81,13 @@ RoadProvider::~RoadProvider() {
 }
 
 std::unique_ptr<RoadProvider> RoadProvider::start(bool pictures, std::string& problem) {
-    const auto folder = tools::privateFolder(problem);
+    const auto folder = kit::privateFolder(problem);
     if (!folder) return nullptr;
     const std::string socket = *folder / ("bench-" + std::to_string(getpid()) + ".sock");
     std::vector<std::string> arguments = {"provider", socket};
     if (pictures) arguments.emplace_back("--pictures");
-    auto child = tools::ChildProcess::start(std::filesystem::read_symlink("/proc/self/exe"),
-                                            arguments, problem);
+    auto child = kit::ChildProcess::start(std::filesystem::read_symlink("/proc/self/exe"),
+                                          arguments, problem);
     if (child == nullptr) return nullptr;
     if (!child->nextLine(std::chrono::seconds(20))) {
         problem = "the provider does not start";
@@ -97,7 +97,7 @@ std::unique_ptr<RoadProvider> RoadProvider::start(bool pictures, std::string& pr
 }
 
 int serveRoad(const std::string& socket, bool pictures) {
-    const tools::Signals signals({SIGTERM, SIGINT});
+    const kit::Signals signals({SIGTERM, SIGINT});
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     std::string problem;
     const auto server = host::Server::listen(

@@ -23,10 +23,10 @@ public:
     pid_t id() const { return mChild->id(); }
 
 private:
-    RoadProvider(std::string socket, std::unique_ptr<tools::ChildProcess> child);
+    RoadProvider(std::string socket, std::unique_ptr<kit::ChildProcess> child);
 
     const std::string mSocket;
-    const std::unique_ptr<tools::ChildProcess> mChild;
+    const std::unique_ptr<kit::ChildProcess> mChild;
 };
 
 /**

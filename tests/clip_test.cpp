@@ -25,9 +25,9 @@ namespace testing_support {
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
-using tools::kFrameBytes;
+using kit::kFrameBytes;
+using kit::turnedBy180;
 using tools::Nv12File;
-using tools::turnedBy180;
 
 class ClipTest : public testing::Test {
 protected:
@@ -57,9 +57,9 @@ protected:
         return std::thread([=] { std::ofstream(pipe, std::ios::binary) << content; });
     }
     /** A provider that has printed that it listens; what it says on stderr goes to "said". */
-    std::unique_ptr<tools::ChildProcess> startProvider(const std::string& arguments) const {
+    std::unique_ptr<kit::ChildProcess> startProvider(const std::string& arguments) const {
         std::string problem;
-        auto shell = tools::ChildProcess::start(
+        auto shell = kit::ChildProcess::start(
             "/bin/sh",
             {"-c", "exec " PROVIDER_TOOL " --socket " + (folder / "socket").string() + " " +
                        arguments + " 2>" + (folder / "said").string()},
@@ -117,7 +117,7 @@ TEST_F(ClipTest, IsReadFromAPipeToItsEnd) {
     writer.join();
     ASSERT_TRUE(clip) << problem;
     EXPECT_EQ(clip->frameCount(), 2U);
-    EXPECT_EQ(clip->frame(3), tools::Frame(content.begin() + kFrameBytes, content.end()));
+    EXPECT_EQ(clip->frame(3), kit::Frame(content.begin() + kFrameBytes, content.end()));
     EXPECT_EQ(read(clip->path()), content);
 
     for (const bool enough : {true, false}) {
@@ -135,12 +135,12 @@ TEST_F(ClipTest, IsReadFromAPipeToItsEnd) {
 TEST_F(ClipTest, TellsFramesThatAreOnlyTurned) {
     const std::string path = write("clip", "", 2 * kFrameBytes);
     std::string problem;
-    const tools::Frame first = Nv12File::open(path, problem)->frame(0);
-    tools::Frame other = first;
+    const kit::Frame first = Nv12File::open(path, problem)->frame(0);
+    kit::Frame other = first;
     other[1] ^= 1;
     const struct {
         bool turned;
-        const tools::Frame frame;
+        const kit::Frame frame;
         std::string fault;
     } cases[] = {
         {false, first, ""},

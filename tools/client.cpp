@@ -75,9 +75,9 @@ struct Options {
 };
 
 /** Nothing when this is not WxH with even numbers that can be. */
-std::optional<tools::FrameSize> sizeOf(const std::string& text) {
+std::optional<kit::FrameSize> sizeOf(const std::string& text) {
     constexpr int kMost = 8192;
-    tools::FrameSize size = {};
+    kit::FrameSize size = {};
     char rest = 0;
     // NOLINTNEXTLINE(cert-err34-c): numbers that are too large are out of range below
     const int read = sscanf(text.c_str(), "%5dx%5d%c", &size.width, &size.height, &rest);
@@ -91,7 +91,7 @@ void declare(CLI::App& app, Options& options) {
 
     app.footer(kExamples);
     app.add_option("--socket", options.socket,
-                   std::string("the provider's socket; without it ") + tools::kDefaultSocketInWords)
+                   std::string("the provider's socket; without it ") + kit::kDefaultSocketInWords)
         ->type_name("PATH");
     app.add_flag("--wait", options.wait, "waits until a provider is there");
     app.add_option("--frames", options.frames, "frames to ask for; 0: until interrupted")
@@ -150,7 +150,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App app("Streams frames from a provider in another process, and tells how it went.",
                  "fdstream-client");
     declare(app, options);
-    if (const auto code = tools::parseCommandLine(app, argc, argv, kBadUsage)) return code;
+    if (const auto code = kit::parseCommandLine(app, argc, argv, kBadUsage)) return code;
     const std::string problem = options.outputs.problem(*sizeOf(options.size));
     if (problem.empty()) return std::nullopt;
     warnx("%s", problem.c_str());
@@ -158,19 +158,19 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
 }
 
 /** SIGHUP ends a stream in order, but for a program that was started to survive it. */
-tools::Signals signalsToTake() {
+kit::Signals signalsToTake() {
     struct sigaction hangup = {};
     sigaction(SIGHUP, nullptr, &hangup);
-    return hangup.sa_handler == SIG_IGN ? tools::Signals({SIGINT, SIGTERM})
-                                        : tools::Signals({SIGINT, SIGTERM, SIGHUP});
+    return hangup.sa_handler == SIG_IGN ? kit::Signals({SIGINT, SIGTERM})
+                                        : kit::Signals({SIGINT, SIGTERM, SIGHUP});
 }
 
 /** Null after a sentence on stderr. */
-sp<IFDSession> findProvider(const Options& options, const tools::Signals& signals) {
+sp<IFDSession> findProvider(const Options& options, const kit::Signals& signals) {
     constexpr std::chrono::milliseconds kLook(200);
     std::string problem;
     const std::optional<std::string> socket =
-        options.socket ? options.socket : tools::defaultSocket(problem);
+        options.socket ? options.socket : kit::defaultSocket(problem);
     if (socket && options.wait) warnx("waiting for a provider at %s", socket->c_str());
     const std::chrono::milliseconds patience = options.wait ? kLook : kLook * 0;
     sp<IFDSession> session;
@@ -202,7 +202,7 @@ tools::Direction directionOf(const Options& options) {
 }
 
 tools::Figures stream(const Options& options, const tools::Direction& direction,
-                      const tools::Signals& signals) {
+                      const kit::Signals& signals) {
     const sp<IFDSession> session = findProvider(options, signals);
     if (session != nullptr) return tools::playStream(session, direction);
     tools::Figures figures;
@@ -222,7 +222,7 @@ int codeOf(const tools::Figures& figures) {
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
-    tools::openStandardStreams();
+    kit::openStandardStreams();
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
     // Before signals are blocked: a pipe may never end.
     std::optional<tools::Comparison> comparison;
@@ -230,7 +230,7 @@ int run(int argc, char** argv) {
         comparison = tools::Comparison::with(*choice.compare, choice.turned, choice.partial);
         if (!comparison) return kBadUsage;
     }
-    const tools::Signals signals = signalsToTake();
+    const kit::Signals signals = signalsToTake();
     // A reader that goes away, or a limit of a file's size, is a failure to write like others.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
@@ -254,7 +254,7 @@ int run(int argc, char** argv) {
     const tools::Figures figures = stream(options, direction, signals);
     if (!figures.scene.empty()) tools::printTable({figures}, outputs.talk());
     const bool saved = outputs.finish(figures, direction.stream);
-    const bool printed = tools::finishStandardOutput();
+    const bool printed = kit::finishStandardOutput();
     const int code = codeOf(figures);
     return code == kAllDelivered && !(saved && printed) ? kSomeFailed : code;
 }

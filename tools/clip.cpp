@@ -65,7 +65,7 @@ float inUnit(float value) {
 /** Draws on a frame that the platform's record describes. Does not own the memory. */
 class Canvas {
 public:
-    explicit Canvas(uint8_t* memory) : mFrame(memory, kFrameWidth, kFrameHeight) {}
+    explicit Canvas(uint8_t* memory) : mFrame(memory, kit::kFrameWidth, kit::kFrameHeight) {}
 
     zoru_ycbcr& frame() { return mFrame; }
 
@@ -151,13 +151,13 @@ private:
 
 // Where things are, in pixels. Edges are even, so that colours end where shapes do.
 constexpr int kMargin = 64;
-constexpr int kRightEdge = kFrameWidth - kMargin;
+constexpr int kRightEdge = kit::kFrameWidth - kMargin;
 constexpr int kTextScale = 6;
 constexpr int kNumberScale = 26;
 constexpr int kBarTop = 320;
 constexpr int kBarBottom = 492;
 constexpr int kBarWidth = 232;
-constexpr float kClockX = kFrameWidth / 2.0F;
+constexpr float kClockX = kit::kFrameWidth / 2.0F;
 constexpr float kClockY = (kBarTop + kBarBottom) / 2.0F;
 constexpr float kClockRadius = 82.0F;
 constexpr int kGround = 668;
@@ -170,9 +170,9 @@ constexpr int widthOf(std::string_view text) {
 }
 
 void drawSky(Canvas& canvas) {
-    for (int y = 0; y < kFrameHeight; y += 2) {
-        const float share = static_cast<float>(y) / kFrameHeight;
-        canvas.fill({0, y, kFrameWidth, y + 2}, between(kSky, kHorizon, share));
+    for (int y = 0; y < kit::kFrameHeight; y += 2) {
+        const float share = static_cast<float>(y) / kit::kFrameHeight;
+        canvas.fill({0, y, kit::kFrameWidth, y + 2}, between(kSky, kHorizon, share));
     }
 }
 
@@ -249,8 +249,8 @@ void drawMoving(Canvas& canvas, int index) {
 
 /** Memory for what zoru_ycbcr describes: rows padded to 128 bytes, row counts to 32. */
 constexpr size_t paddedBytes() {
-    constexpr size_t kRowBytes = (size_t{kFrameWidth} + 127) / 128 * 128;
-    constexpr size_t kRows = (size_t{kFrameHeight} + 31) / 32 * 32;
+    constexpr size_t kRowBytes = (size_t{kit::kFrameWidth} + 127) / 128 * 128;
+    constexpr size_t kRows = (size_t{kit::kFrameHeight} + 31) / 32 * 32;
     return kRowBytes * kRows / 2 * 3;
 }
 
@@ -261,7 +261,7 @@ bool drawClip(const char* path) {
     Canvas background(still.data());
     drawStill(background);
 
-    YUVFile file(path, kFrameWidth, kFrameHeight);
+    YUVFile file(path, kit::kFrameWidth, kit::kFrameHeight);
     for (int index = 0; index < kClipFrames; ++index) {
         std::vector<uint8_t> memory = still;
         Canvas canvas(memory.data());

@@ -33,11 +33,11 @@ std::optional<Comparison> Comparison::with(const std::string& clip, bool turned,
     return std::nullopt;
 }
 
-Frame Comparison::inFileDirection(const Frame& frame) const {
-    return mTurned ? turnedBy180(frame) : frame;
+kit::Frame Comparison::inFileDirection(const kit::Frame& frame) const {
+    return mTurned ? kit::turnedBy180(frame) : frame;
 }
 
-std::vector<size_t> Comparison::startsOf(const Frame& frame, size_t offset) const {
+std::vector<size_t> Comparison::startsOf(const kit::Frame& frame, size_t offset) const {
     std::vector<size_t> candidates = mStarts;
     if (candidates.empty()) {
         candidates.resize(mClip.frameCount());
@@ -49,17 +49,17 @@ std::vector<size_t> Comparison::startsOf(const Frame& frame, size_t offset) cons
     return starts;
 }
 
-std::string Comparison::mismatch(const Frame& frame, size_t offset) const {
+std::string Comparison::mismatch(const kit::Frame& frame, size_t offset) const {
     const std::string turned = mTurned ? ", turned" : "";
     std::string words = "is none of the file's frames" + turned;
     if (!mStarts.empty()) {
-        const Frame original = mClip.frame(mStarts.front() + offset);
+        const kit::Frame original = mClip.frame(mStarts.front() + offset);
         if (original.empty())
             return "cannot be compared: the file does not give its frame any more";
         words = "is not the file's frame" + turned + ": they first differ at " +
-                difference(frame, inFileDirection(original));
+                kit::difference(frame, inFileDirection(original));
     }
-    const Frame otherWay = turnedBy180(inFileDirection(frame));
+    const kit::Frame otherWay = kit::turnedBy180(inFileDirection(frame));
     if (startsOf(otherWay, offset).empty()) return words;
     return words + (mTurned ? "; upright" : "; turned by 180 degrees") + " it would be right";
 }

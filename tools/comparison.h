@@ -33,10 +33,10 @@ public:
 
 private:
     /** A frame of the stream as the file has it, and the reverse. */
-    Frame inFileDirection(const Frame& frame) const;
+    kit::Frame inFileDirection(const kit::Frame& frame) const;
     /** Where the file can have been at the stream's start for it to have this frame now. */
-    std::vector<size_t> startsOf(const Frame& frame, size_t offset) const;
-    std::string mismatch(const Frame& frame, size_t offset) const;
+    std::vector<size_t> startsOf(const kit::Frame& frame, size_t offset) const;
+    std::string mismatch(const kit::Frame& frame, size_t offset) const;
 
     Nv12File mClip;
     bool mTurned;

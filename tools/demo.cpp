@@ -100,7 +100,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::Range(uint32_t{1}, kMostBuffers))
         ->capture_default_str();
     app.add_flag("-v,--verbose", options.verbose, "let all that the library logs through");
-    return tools::parseCommandLine(app, argc, argv, kNotPlayed);
+    return kit::parseCommandLine(app, argc, argv, kNotPlayed);
 }
 
 bool makeFolder(const fs::path& folder) {
@@ -254,8 +254,8 @@ void printFigures(const Served& served, const tools::Figures& unserved, uint32_t
             buffers, buffers * 50);
     }
     printf("\n");
-    tools::printHoldings({{"with client A, before the kill", killed.heldBefore},
-                          {"with client C, after the kill", killed.heldAfter}});
+    kit::printHoldings({{"with client A, before the kill", killed.heldBefore},
+                        {"with client C, after the kill", killed.heldAfter}});
 }
 
 int conclude(const Served& served, const tools::Figures& unserved, const Options& options) {

@@ -22,9 +22,9 @@ namespace {
 constexpr std::chrono::seconds kPatience(10);
 
 /** A client with a connection of its own. What the provider holds is looked at before it leaves. */
-std::pair<Figures, Holdings> playWatched(const ProviderProcess& provider, Direction direction,
-                                         const std::filesystem::path& clip) {
-    std::pair<Figures, Holdings> result;
+std::pair<Figures, kit::Holdings> playWatched(const ProviderProcess& provider, Direction direction,
+                                              const std::filesystem::path& clip) {
+    std::pair<Figures, kit::Holdings> result;
     auto& [figures, holdings] = result;
     figures.scene = direction.name;
     figures.wanted = direction.stream.frames;
@@ -36,7 +36,7 @@ std::pair<Figures, Holdings> playWatched(const ProviderProcess& provider, Direct
     direction.look = [&](const Answer& answer, const Figures& soFar) {
         return comparison->faultOf(answer, soFar);
     };
-    direction.curtain = [&, &held = holdings] { held = settledHoldings(provider.id()); };
+    direction.curtain = [&, &held = holdings] { held = kit::settledHoldings(provider.id()); };
     figures = playStream(session, direction);
     return result;
 }
@@ -44,8 +44,8 @@ std::pair<Figures, Holdings> playWatched(const ProviderProcess& provider, Direct
 /** Starts a client and kills it when frames have come. False after a sentence on stderr. */
 bool killOne(const ProviderProcess& provider, uint32_t buffers) {
     std::string problem;
-    const std::unique_ptr<ChildProcess> client = ChildProcess::start(
-        programFolder() / "fdstream-client",
+    const std::unique_ptr<kit::ChildProcess> client = kit::ChildProcess::start(
+        kit::programFolder() / "fdstream-client",
         {"--socket", provider.socket(), "--frames", "0", "--buffers", std::to_string(buffers)},
         problem);
     if (client == nullptr) {

@@ -15,8 +15,8 @@ struct Killed {
     Figures before;  ///< of client A
     Figures after;   ///< of client C; each has every frame compared
     // What the provider held at the same point of the two clients' lives.
-    Holdings heldBefore;
-    Holdings heldAfter;
+    kit::Holdings heldBefore;
+    kit::Holdings heldAfter;
 };
 
 /**

@@ -55,7 +55,7 @@ std::string quoted(const std::string& name) {
 }
 
 std::string inPixels() {
-    return std::to_string(kFrameWidth) + "x" + std::to_string(kFrameHeight);
+    return std::to_string(kit::kFrameWidth) + "x" + std::to_string(kit::kFrameHeight);
 }
 
 std::string otherKind(const char* kind, const std::string& name, bool copied) {
@@ -66,12 +66,12 @@ std::string otherKind(const char* kind, const std::string& name, bool copied) {
 
 std::string otherSize(size_t size) {
     const std::string bytes = "its " + std::to_string(size) + " bytes are ";
-    const std::string frame =
-        "NV12 of " + inPixels() + ", which has " + std::to_string(kFrameBytes) + " bytes a frame";
-    if (size < kFrameBytes) return bytes + "less than a frame of " + frame;
+    const std::string frame = "NV12 of " + inPixels() + ", which has " +
+                              std::to_string(kit::kFrameBytes) + " bytes a frame";
+    if (size < kit::kFrameBytes) return bytes + "less than a frame of " + frame;
     return bytes + "no whole number of frames of " + frame +
            ". Is it of another size or format? --partial leaves out the " +
-           std::to_string(size % kFrameBytes) + " at its end";
+           std::to_string(size % kit::kFrameBytes) + " at its end";
 }
 
 std::string beginningOf(int file) {
@@ -106,7 +106,7 @@ std::optional<Nv12File> Nv12File::open(const std::string& name, std::string& pro
     const auto size = static_cast<size_t>(status.st_size);
     if (const char* const kind = knownKind(beginningOf(file.get()))) {
         problem = otherKind(kind, name, copied);
-    } else if (size < kFrameBytes || (size % kFrameBytes != 0 && !partial)) {
+    } else if (size < kit::kFrameBytes || (size % kit::kFrameBytes != 0 && !partial)) {
         problem = otherSize(size);
     }
     if (!problem.empty()) return std::nullopt;
@@ -117,10 +117,10 @@ Nv12File::Nv12File(host::UniqueFd file, fs::path path, off_t size)
     : mFile(std::move(file)),
       mPath(std::move(path)),
       mSize(size),
-      mFrameCount(static_cast<size_t>(size) / kFrameBytes) {}
+      mFrameCount(static_cast<size_t>(size) / kit::kFrameBytes) {}
 
 std::string Nv12File::description() const {
-    const size_t rest = static_cast<size_t>(mSize) % kFrameBytes;
+    const size_t rest = static_cast<size_t>(mSize) % kit::kFrameBytes;
     return "NV12 of " + inPixels() + ", " + std::to_string(mFrameCount) +
            " frames,\nwhich a file without a header cannot confirm" +
            (rest == 0 ? "" : "; " + std::to_string(rest) + " bytes are left out");
@@ -131,12 +131,12 @@ bool Nv12File::isCut() const {
     return fstat(mFile.get(), &status) != 0 || status.st_size < mSize;
 }
 
-Frame Nv12File::frame(size_t index) const {
-    Frame frame(kFrameBytes);
+kit::Frame Nv12File::frame(size_t index) const {
+    kit::Frame frame(kit::kFrameBytes);
     size_t done = 0;
-    while (done < kFrameBytes) {
-        const auto offset = static_cast<off_t>(index % mFrameCount * kFrameBytes + done);
-        const ssize_t count = pread(mFile.get(), &frame[done], kFrameBytes - done, offset);
+    while (done < kit::kFrameBytes) {
+        const auto offset = static_cast<off_t>(index % mFrameCount * kit::kFrameBytes + done);
+        const ssize_t count = pread(mFile.get(), &frame[done], kit::kFrameBytes - done, offset);
         if (count <= 0) return {};
         done += static_cast<size_t>(count);
     }

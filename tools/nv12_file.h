@@ -41,7 +41,7 @@ public:
     /** Whether it has become shorter since it was opened. */
     bool isCut() const;
     /** The frame of this index, counted round and round; empty when it can't be read any more. */
-    Frame frame(size_t index) const;
+    kit::Frame frame(size_t index) const;
 
 private:
     Nv12File(host::UniqueFd file, std::filesystem::path path, off_t size);

@@ -13,27 +13,27 @@ namespace tools {
 
 namespace {
 
-bool isUnfilled(const Frame& frame) {
+bool isUnfilled(const kit::Frame& frame) {
     return std::all_of(frame.begin(), frame.end(),
                        [](uint8_t byte) { return byte == kNotWritten; });
 }
 
-std::string_view bytesOf(const Frame& frame) {
+std::string_view bytesOf(const kit::Frame& frame) {
     return {reinterpret_cast<const char*>(frame.data()), frame.size()};
 }
 
 }  // namespace
 
-std::string OutputChoice::problem(FrameSize size) const {
+std::string OutputChoice::problem(kit::FrameSize size) const {
     if (raw && raw == json) return "--raw and --json cannot both go to " + *raw;
     if (watch && hasStandardOutput())
         return "--watch shows the stream on the standard output, where nothing else can go then";
-    if (compare && size.bytes() != kFrameBytes)
+    if (compare && size.bytes() != kit::kFrameBytes)
         return "--compare goes with the clip's own size, 1280x720";
     return watch ? TerminalView::obstacle() : std::string();
 }
 
-Outputs::Outputs(OutputChoice choice, FrameSize size, std::optional<Comparison> comparison,
+Outputs::Outputs(OutputChoice choice, kit::FrameSize size, std::optional<Comparison> comparison,
                  std::function<bool()> interrupted)
     : mChoice(std::move(choice)), mSize(size), mComparison(std::move(comparison)) {
     if (mChoice.png) mFolder.emplace(*mChoice.png);

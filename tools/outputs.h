@@ -27,14 +27,14 @@ struct OutputChoice {
 
     bool hasStandardOutput() const { return raw == "-" || json == "-"; }
     /** In words, why this cannot be; empty when it can. */
-    std::string problem(FrameSize size) const;
+    std::string problem(kit::FrameSize size) const;
 };
 
 /** All that is done with the pictures and the figures. For one thread. */
 class Outputs {
 public:
     /** `interrupted` is asked while nobody reads an output. */
-    Outputs(OutputChoice choice, FrameSize size, std::optional<Comparison> comparison,
+    Outputs(OutputChoice choice, kit::FrameSize size, std::optional<Comparison> comparison,
             std::function<bool()> interrupted);
 
     /** False after a sentence on stderr. */
@@ -55,7 +55,7 @@ public:
 
 private:
     const OutputChoice mChoice;
-    const FrameSize mSize;
+    const kit::FrameSize mSize;
     std::optional<PictureFolder> mFolder;
     std::optional<OutputFile> mRaw;
     std::optional<OutputFile> mJson;

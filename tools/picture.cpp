@@ -25,7 +25,7 @@ constexpr Rgb kPaper = {32, 34, 38};
 constexpr Rgb kMissing = {64, 66, 72};
 constexpr Rgb kInk = {225, 225, 225};
 
-constexpr FrameSize kThumb = {256, 144};
+constexpr kit::FrameSize kThumb = {256, 144};
 constexpr int kPerRow = 8;
 constexpr int kGap = 8;
 constexpr int kLabelScale = 2;
@@ -95,15 +95,15 @@ Picture::Picture(int inWidth, int inHeight)
     fill(*this, 0, 0, width, height, kPaper);
 }
 
-Picture toPicture(const Frame& frame, FrameSize size) {
+Picture toPicture(const kit::Frame& frame, kit::FrameSize size) {
     Picture picture(size.width, size.height);
     libyuv::NV12ToRAW(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
                       picture.rgb.data(), size.width * 3, size.width, size.height);
     return picture;
 }
 
-Picture scaled(const Frame& frame, FrameSize size, FrameSize target) {
-    Frame small(target.bytes());
+Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target) {
+    kit::Frame small(target.bytes());
     libyuv::NV12Scale(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
                       size.width, size.height, small.data(), target.width,
                       small.data() + target.lumaBytes(), target.width, target.width, target.height,
@@ -136,9 +136,9 @@ ContactSheet::ContactSheet(size_t frames) : mPicture(emptyPage(frames)) {
     }
 }
 
-void ContactSheet::put(size_t index, const Frame& frame) {
+void ContactSheet::put(size_t index, const kit::Frame& frame) {
     const Cell cell = cellOf(index);
-    paste(mPicture, scaled(frame, kClipSize, kThumb), cell.left, cell.top);
+    paste(mPicture, scaled(frame, kit::kClipSize, kThumb), cell.left, cell.top);
 }
 
 Picture sideBySide(const Picture& left, std::string_view leftHeading, const Picture& right,

@@ -19,9 +19,9 @@ struct Picture {
     std::vector<uint8_t> rgb;
 };
 
-Picture toPicture(const Frame& frame, FrameSize size);
+Picture toPicture(const kit::Frame& frame, kit::FrameSize size);
 /** Another size of the same picture, smooth. */
-Picture scaled(const Frame& frame, FrameSize size, FrameSize target);
+Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target);
 
 /** False after a sentence on stderr. */
 bool writePng(const Picture& picture, const std::filesystem::path& path);
@@ -32,7 +32,7 @@ public:
     /** A page with room for this many frames, all of them still missing. */
     explicit ContactSheet(size_t frames);
 
-    void put(size_t index, const Frame& frame);
+    void put(size_t index, const kit::Frame& frame);
     const Picture& picture() const { return mPicture; }
 
 private:

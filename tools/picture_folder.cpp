@@ -44,7 +44,7 @@ bool PictureFolder::clear() const {
     return complain(mPath, error);
 }
 
-bool PictureFolder::save(uint32_t number, const Frame& frame, FrameSize size) const {
+bool PictureFolder::save(uint32_t number, const kit::Frame& frame, kit::FrameSize size) const {
     const fs::path path = mPath / pictureName(number);
     fs::path part = path;
     part += ".part";  // until it is whole

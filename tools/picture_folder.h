@@ -17,7 +17,7 @@ public:
     /** Removes the pictures of an earlier, longer scene. False after a sentence on stderr. */
     bool clear() const;
     /** False after a sentence on stderr. */
-    bool save(uint32_t number, const Frame& frame, FrameSize size) const;
+    bool save(uint32_t number, const kit::Frame& frame, kit::FrameSize size) const;
 
 private:
     std::filesystem::path mPath;

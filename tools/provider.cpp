@@ -95,7 +95,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         "fdstream-provider");
     app.footer(kExamples);
     app.add_option("--socket", options.socket,
-                   std::string("where clients connect; without it ") + tools::kDefaultSocketInWords)
+                   std::string("where clients connect; without it ") + kit::kDefaultSocketInWords)
         ->type_name("PATH");
     auto* const input =
         app.add_option("--input", options.input,
@@ -111,7 +111,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::IsMember(&logLevels()).description(""))
         ->type_name("LEVEL")
         ->capture_default_str();
-    return tools::parseCommandLine(app, argc, argv, kNotStarted);
+    return kit::parseCommandLine(app, argc, argv, kNotStarted);
 }
 
 /** The test frame source, for the scope of this object. */
@@ -148,7 +148,7 @@ std::optional<std::string> socketPath(const Options& options) {
     std::string problem;
     std::error_code error;
     std::optional<std::string> path = options.socket ? fs::absolute(*options.socket, error).string()
-                                                     : tools::defaultSocket(problem);
+                                                     : kit::defaultSocket(problem);
     if (error) problem = *options.socket + ": " + error.message();
     if (problem.empty()) return path;
     warnx("%s", problem.c_str());
@@ -184,7 +184,7 @@ std::unique_ptr<host::Server> listen(const std::string& socket) {
 
 /** Until a signal ends it. False, after a sentence on stderr, when its clip has been cut before. */
 bool serve(const Options& options, const std::string& socket,
-           const std::optional<tools::Nv12File>& clip, const tools::Signals& signals) {
+           const std::optional<tools::Nv12File>& clip, const kit::Signals& signals) {
     constexpr std::chrono::milliseconds kLook(200);
     bool flipped = options.flipped;
     const std::string name = tools::clipInWords(options.input.value_or(""));
@@ -209,7 +209,7 @@ bool serve(const Options& options, const std::string& socket,
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
-    tools::openStandardStreams();
+    kit::openStandardStreams();
     host::setStderrLogPriority(logLevels().at(options.log));
     const std::optional<std::string> socket = socketPath(options);
     if (!socket) return kNotStarted;
@@ -218,7 +218,7 @@ int run(int argc, char** argv) {
     if (options.input) clip = openClip(*options.input, options.partial);
     if (options.input && !clip) return kNotStarted;
 
-    const tools::Signals signals({SIGHUP, SIGINT, SIGTERM});
+    const kit::Signals signals({SIGHUP, SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines
     tools::PlayFolder folder;
     if (!options.idle && !folder.enter(clip ? std::optional(clip->path()) : std::nullopt))

@@ -22,7 +22,7 @@ using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
 constexpr std::chrono::seconds kPatience(20);
 
 /** Waits until it prints a line that begins so. */
-bool says(ChildProcess& child, const std::string& beginning) {
+bool says(kit::ChildProcess& child, const std::string& beginning) {
     while (const std::optional<std::string> line = child.nextLine(kPatience)) {
         if (line->rfind(beginning, 0) == 0) return true;
     }
@@ -30,10 +30,10 @@ bool says(ChildProcess& child, const std::string& beginning) {
 }
 
 /** Null after a sentence on stderr. */
-std::unique_ptr<ChildProcess> startListening(const std::vector<std::string>& arguments) {
+std::unique_ptr<kit::ChildProcess> startListening(const std::vector<std::string>& arguments) {
     std::string problem;
-    std::unique_ptr<ChildProcess> child =
-        ChildProcess::start(programFolder() / "fdstream-provider", arguments, problem);
+    std::unique_ptr<kit::ChildProcess> child =
+        kit::ChildProcess::start(kit::programFolder() / "fdstream-provider", arguments, problem);
     if (child == nullptr) {
         warnx("%s", problem.c_str());
         return nullptr;
@@ -47,14 +47,14 @@ std::unique_ptr<ChildProcess> startListening(const std::vector<std::string>& arg
 
 std::unique_ptr<ProviderProcess> ProviderProcess::start(std::vector<std::string> arguments) {
     std::string problem;
-    const std::optional<std::filesystem::path> folder = privateFolder(problem);
+    const std::optional<std::filesystem::path> folder = kit::privateFolder(problem);
     if (!folder) {
         warnx("%s", problem.c_str());
         return nullptr;
     }
     const std::string socket = *folder / ("demo-" + std::to_string(getpid()) + ".sock");
     arguments.insert(arguments.end(), {"--socket", socket});
-    std::unique_ptr<ChildProcess> child = startListening(arguments);
+    std::unique_ptr<kit::ChildProcess> child = startListening(arguments);
     if (child == nullptr) return nullptr;
     return std::unique_ptr<ProviderProcess>(new ProviderProcess(std::move(child), socket));
 }

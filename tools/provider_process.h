@@ -29,10 +29,10 @@ public:
     bool stop();
 
 private:
-    ProviderProcess(std::unique_ptr<ChildProcess> child, std::string socket)
+    ProviderProcess(std::unique_ptr<kit::ChildProcess> child, std::string socket)
         : mChild(std::move(child)), mSocket(std::move(socket)) {}
 
-    const std::unique_ptr<ChildProcess> mChild;
+    const std::unique_ptr<kit::ChildProcess> mChild;
     const std::string mSocket;
 };
 

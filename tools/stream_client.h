@@ -22,7 +22,7 @@ constexpr uint8_t kNotWritten = 0xA5;
 struct StreamSettings {
     uint32_t frames;
     uint32_t buffers;
-    FrameSize size = kClipSize;
+    kit::FrameSize size = kit::kClipSize;
     /** The pace of the requests; 0 for as fast as buffers come back. */
     double requestsPerSecond = 0;
     /** The number of the first one; those before it are counted among `frames`. */
@@ -45,7 +45,7 @@ struct Answer {
     uint32_t buffer;  ///< its place among the client's buffers
     Clock::time_point arrival;
     Clock::duration latency;  ///< from the request to its answer
-    Frame frame;
+    kit::Frame frame;
 };
 
 /** What a stream can be lost by. */

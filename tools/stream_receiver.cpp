@@ -33,7 +33,7 @@ constexpr const char* kDied = "it has ended, or closed the connection";
 /** Of pictures that nobody has looked at yet. */
 constexpr size_t kMostUnread = 32;
 
-std::optional<host::Buffer> allocate(FrameSize size) {
+std::optional<host::Buffer> allocate(kit::FrameSize size) {
     host::BufferGeometry geometry;
     geometry.width = static_cast<uint32_t>(size.width);
     geometry.height = static_cast<uint32_t>(size.height);
@@ -42,9 +42,9 @@ std::optional<host::Buffer> allocate(FrameSize size) {
     return host::Buffer::allocate(geometry);
 }
 
-Frame copyOut(const host::Buffer& buffer) {
+kit::Frame copyOut(const host::Buffer& buffer) {
     const host::BufferGeometry& geometry = buffer.geometry();
-    Frame frame;
+    kit::Frame frame;
     frame.reserve(size_t{geometry.width} * geometry.height / 2 * 3);
     for (uint32_t row = 0; row < geometry.height; ++row)
         frame.insert(frame.end(), buffer.lumaRow(row), buffer.lumaRow(row) + geometry.width);
@@ -227,7 +227,7 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
     --mUnderWay;
     postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
                 place, arrival, arrival - slot.submission,
-                filled ? copyOut(slot.buffer) : Frame()});
+                filled ? copyOut(slot.buffer) : kit::Frame()});
     return place;
 }
 

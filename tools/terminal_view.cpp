@@ -25,7 +25,7 @@ int even(double value) {
 }
 
 /** The largest picture that leaves room for the text, one column and half a line for each pixel. */
-FrameSize fitting(FrameSize size, int columns, int lines) {
+kit::FrameSize fitting(kit::FrameSize size, int columns, int lines) {
     const double scale = std::min(static_cast<double>(columns - kTextWidth) / size.width,
                                   static_cast<double>(lines) * 2 / size.height);
     return {even(size.width * scale), even(size.height * scale)};
@@ -54,7 +54,7 @@ void put(const std::string& text) {
 
 }  // namespace
 
-TerminalView::TerminalView(FrameSize size) : mSize(size), mColours(coloursOfTerminal()) {
+TerminalView::TerminalView(kit::FrameSize size) : mSize(size), mColours(coloursOfTerminal()) {
     put("\x1b[?1049h\x1b[?25l\x1b[2J");  // another screen, no cursor
 }
 

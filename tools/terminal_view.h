@@ -18,7 +18,7 @@ namespace tools {
  */
 class TerminalView {
 public:
-    explicit TerminalView(FrameSize size);
+    explicit TerminalView(kit::FrameSize size);
     ~TerminalView();
     TerminalView(const TerminalView&) = delete;
     TerminalView& operator=(const TerminalView&) = delete;
@@ -36,7 +36,7 @@ private:
 
     static Window window();
 
-    const FrameSize mSize;
+    const kit::FrameSize mSize;
     const Colours mColours;
     Window mWindow = {};
     // Of the last second or so, for a rate that follows the stream.

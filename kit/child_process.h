@@ -11,7 +11,7 @@
 
 #include "host/unique_fd.h"
 
-namespace tools {
+namespace kit {
 
 /** The folder of the program that is running. */
 std::filesystem::path programFolder();
@@ -47,4 +47,4 @@ private:
     std::optional<int> mEnd;
 };
 
-}  // namespace tools
+}  // namespace kit

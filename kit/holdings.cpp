@@ -8,7 +8,7 @@
 #include <system_error>
 #include <thread>
 
-namespace tools {
+namespace kit {
 
 namespace {
 
@@ -66,4 +66,4 @@ void printHoldings(const std::vector<NamedHoldings>& rows) {
     }
 }
 
-}  // namespace tools
+}  // namespace kit

@@ -4,7 +4,7 @@
 #include <csignal>
 #include <initializer_list>
 
-namespace tools {
+namespace kit {
 
 /**
  * Signals that are taken when the program is ready for them, instead of breaking in. Made before
@@ -31,4 +31,4 @@ private:
  */
 void openStandardStreams();
 
-}  // namespace tools
+}  // namespace kit

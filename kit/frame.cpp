@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace tools {
+namespace kit {
 
 Frame turnedBy180(const Frame& frame) {
     Frame turned(frame.rbegin(), frame.rend());
@@ -24,4 +24,4 @@ std::string difference(const Frame& got, const Frame& expected) {
            ", byte " + std::to_string(inPlane % kFrameWidth);
 }
 
-}  // namespace tools
+}  // namespace kit

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-namespace tools {
+namespace kit {
 
 /** Where the provider's socket is looked for when nothing else is said, in words for a help text.
  */
@@ -20,4 +20,4 @@ std::optional<std::filesystem::path> privateFolder(std::string& problem);
 /** The socket's path in that folder. */
 std::optional<std::string> defaultSocket(std::string& problem);
 
-}  // namespace tools
+}  // namespace kit

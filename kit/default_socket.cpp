@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace tools {
+namespace kit {
 
 namespace {
 
@@ -52,4 +52,4 @@ std::optional<std::string> defaultSocket(std::string& problem) {
     return (*folder / "session.sock").string();
 }
 
-}  // namespace tools
+}  // namespace kit

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace tools {
+namespace kit {
 
 /** In pixels; both are even. */
 struct FrameSize {
@@ -35,4 +35,4 @@ Frame turnedBy180(const Frame& frame);
 /** In words, the first place where two frames differ; empty when they are equal. */
 std::string difference(const Frame& got, const Frame& expected);
 
-}  // namespace tools
+}  // namespace kit

@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <optional>
 
-namespace tools {
+namespace kit {
 
 /**
  * Takes a program's command line apart. Nothing when the program is to go on, else its exit code:
@@ -15,4 +15,4 @@ std::optional<int> parseCommandLine(CLI::App& app, int argc, char** argv, int ba
 /** Whether all that was printed has gone out; if not, after a sentence on stderr. */
 bool finishStandardOutput();
 
-}  // namespace tools
+}  // namespace kit

@@ -5,7 +5,7 @@
 
 #include <ctime>
 
-namespace tools {
+namespace kit {
 
 Signals::Signals(std::initializer_list<int> numbers) : mSet() {
     sigemptyset(&mSet);
@@ -39,4 +39,4 @@ void openStandardStreams() {
     if (fd >= 0) close(fd);
 }
 
-}  // namespace tools
+}  // namespace kit

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <string>
 
-namespace tools {
+namespace kit {
 
 namespace {
 
@@ -74,4 +74,4 @@ bool finishStandardOutput() {
     return false;
 }
 
-}  // namespace tools
+}  // namespace kit

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <thread>
 
-namespace tools {
+namespace kit {
 
 namespace {
 
@@ -113,4 +113,4 @@ std::optional<int> ChildProcess::waitForEnd(std::chrono::milliseconds patience) 
     return mEnd;
 }
 
-}  // namespace tools
+}  // namespace kit

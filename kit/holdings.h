@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace tools {
+namespace kit {
 
 /** What a process has of what it could leak. Value type. */
 struct Holdings {
@@ -31,4 +31,4 @@ struct NamedHoldings {
 
 void printHoldings(const std::vector<NamedHoldings>& rows);
 
-}  // namespace tools
+}  // namespace kit
