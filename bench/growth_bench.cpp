@@ -54,8 +54,8 @@ std::vector<size_t> sizesUpTo(size_t most) {
 
 /** What this process holds when nothing is under way. */
 struct Held {
-    kit::Holdings counted = kit::settledHoldings(getpid());
-    size_t bytes = mallinfo2().uordblks + mallinfo2().hblkhd;
+    kit::Holdings counted = kit::Holdings::settled();
+    size_t bytes = kit::allocatedBytes();
 };
 
 constexpr double kAllocatorsOwn = 65536;

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -22,6 +21,7 @@
 #include "pieces.h"
 #include "processor.h"
 #include "road_provider.h"
+#include "run_program.h"
 
 namespace {
 
@@ -142,10 +142,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {  // of the standard library, when memory is short
-        warnx("%s", error.what());
-        return kWrong;
-    }
+    return kit::runProgram(run, argc, argv, kWrong);
 }

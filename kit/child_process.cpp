@@ -23,11 +23,24 @@ namespace fs = std::filesystem;
 constexpr int kNotRun = 127;
 
 /** What is left to do between fork and exec, where other threads' locks may be held for ever. */
-[[noreturn]] void become(const char* program, char* const* arguments, int output, pid_t parent) {
+[[noreturn]] void become(const char* program, char* const* arguments, const ChildOptions& options,
+                         int input, int output, pid_t parent) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     // The parent may have ended before it was asked to be watched.
-    if (getppid() == parent && dup2(output, STDOUT_FILENO) >= 0) execv(program, arguments);
+    const bool ready = getppid() == parent && dup2(output, STDOUT_FILENO) >= 0 &&
+                       (!options.errorsToo || dup2(output, STDERR_FILENO) >= 0) &&
+                       (!options.takesInput || dup2(input, STDIN_FILENO) >= 0) &&
+                       (options.folder.empty() || chdir(options.folder.c_str()) == 0);
+    if (ready) execv(program, arguments);
     _exit(kNotRun);
+}
+
+bool makePipe(host::UniqueFd& reading, host::UniqueFd& writing) {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    reading.reset(ends[0]);
+    writing.reset(ends[1]);
+    return true;
 }
 
 int remainingMs(Clock::time_point deadline) {
@@ -45,15 +58,17 @@ fs::path programFolder() {
 
 std::unique_ptr<ChildProcess> ChildProcess::start(const fs::path& program,
                                                   const std::vector<std::string>& arguments,
-                                                  std::string& problem) {
-    int ends[2] = {-1, -1};
-    if (access(program.c_str(), X_OK) != 0 || pipe2(ends, O_CLOEXEC) != 0) {
+                                                  std::string& problem,
+                                                  const ChildOptions& options) {
+    host::UniqueFd theirInput;
+    host::UniqueFd theirOutput;
+    host::UniqueFd input;
+    host::UniqueFd output;
+    if (access(program.c_str(), X_OK) != 0 || !makePipe(output, theirOutput) ||
+        (options.takesInput && !makePipe(theirInput, input))) {
         problem = program.string() + " cannot be started: " + strerror(errno);
         return nullptr;
     }
-    host::UniqueFd output(ends[0]);
-    const host::UniqueFd input(ends[1]);
-
     std::vector<std::string> words = {program.string()};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
@@ -64,12 +79,20 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const fs::path& program,
 
     const pid_t parent = getpid();
     const pid_t id = fork();
-    if (id == 0) become(program.c_str(), pointers.data(), input.get(), parent);
+    if (id == 0)
+        become(program.c_str(), pointers.data(), options, theirInput.get(), theirOutput.get(),
+               parent);
     if (id < 0) {
         problem = program.string() + " cannot be started: " + strerror(errno);
         return nullptr;
     }
-    return std::unique_ptr<ChildProcess>(new ChildProcess(id, std::move(output)));
+    return std::unique_ptr<ChildProcess>(new ChildProcess(id, std::move(input), std::move(output)));
+}
+
+std::unique_ptr<ChildProcess> ChildProcess::startShell(const std::string& line,
+                                                       std::string& problem,
+                                                       const ChildOptions& options) {
+    return start("/bin/sh", {"-c", line}, problem, options);
 }
 
 ChildProcess::~ChildProcess() {
@@ -81,6 +104,18 @@ ChildProcess::~ChildProcess() {
 
 void ChildProcess::signal(int number) const {
     if (!mEnd) kill(mId, number);
+}
+
+bool ChildProcess::write(const std::string& text) const {
+    return ::write(mInput.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+std::string ChildProcess::rest(std::chrono::milliseconds patience) {
+    const Clock::time_point deadline = Clock::now() + patience;
+    std::string text;
+    while (const auto line = nextLine(std::chrono::milliseconds(remainingMs(deadline))))
+        text += *line + "\n";
+    return text + mUnread;
 }
 
 std::optional<std::string> ChildProcess::nextLine(std::chrono::milliseconds patience) {
@@ -111,6 +146,11 @@ std::optional<int> ChildProcess::waitForEnd(std::chrono::milliseconds patience) 
         std::this_thread::sleep_for(kPause);
     }
     return mEnd;
+}
+
+int ChildProcess::exitCode(std::chrono::milliseconds patience) {
+    const std::optional<int> status = waitForEnd(patience);
+    return status && WIFEXITED(*status) ? WEXITSTATUS(*status) : -1;
 }
 
 }  // namespace kit

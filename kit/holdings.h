@@ -1,34 +1,32 @@
 #pragma once
 
-#include <sys/types.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <string>
-#include <vector>
 
 namespace kit {
 
-/** What a process has of what it could leak. Value type. */
+/** What a process of this user has of what it could leak. Value type. */
 struct Holdings {
-    size_t descriptors = 0;
-    size_t mappings = 0;  ///< of buffer memory
-    size_t threads = 0;
+    int descriptors = 0;
+    int threads = 0;
+    int mappings = 0;  ///< of buffer memory, the mapper's and others
 
-    bool operator==(const Holdings& other) const {
-        return descriptors == other.descriptors && mappings == other.mappings &&
-               threads == other.threads;
+    static Holdings of(pid_t process = getpid());
+    /** The holdings once they stay the same; after a while as they are. */
+    static Holdings settled(pid_t process = getpid());
+
+    bool operator==(const Holdings& other) const { return differenceFrom(other).empty(); }
+    bool isWithin(const Holdings& limit) const {
+        return descriptors <= limit.descriptors && threads <= limit.threads &&
+               mappings <= limit.mappings;
     }
+    /** Empty when equal, else a sentence for each difference. */
+    std::string differenceFrom(const Holdings& before) const;
 };
 
-/** The holdings of a process of this user once they stay the same; after a while as they are. */
-Holdings settledHoldings(pid_t process);
-
-/** One row of the table below. */
-struct NamedHoldings {
-    std::string name;
-    Holdings holdings;
-};
-
-void printHoldings(const std::vector<NamedHoldings>& rows);
+/** Bytes that this process has from its allocator. */
+size_t allocatedBytes();
 
 }  // namespace kit

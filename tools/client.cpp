@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <optional>
 #include <string>
 #include <utility>
@@ -23,6 +22,7 @@
 #include "host/channel.h"
 #include "host/log.h"
 #include "outputs.h"
+#include "run_program.h"
 #include "scene.h"
 #include "signals.h"
 #include "stream_client.h"
@@ -262,10 +262,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {  // of the standard library, when memory is short
-        warnx("%s", error.what());
-        return kSomeFailed;
-    }
+    return kit::runProgram(run, argc, argv, kSomeFailed);
 }

@@ -9,7 +9,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -29,6 +28,7 @@
 #include "picture.h"
 #include "picture_folder.h"
 #include "provider_process.h"
+#include "run_program.h"
 #include "scene.h"
 
 namespace {
@@ -254,8 +254,13 @@ void printFigures(const Served& served, const tools::Figures& unserved, uint32_t
             buffers, buffers * 50);
     }
     printf("\n");
-    kit::printHoldings({{"with client A, before the kill", killed.heldBefore},
-                        {"with client C, after the kill", killed.heldAfter}});
+    printf("%-30s %11s %15s %7s\n", "the provider has", "descriptors", "buffer mappings",
+           "threads");
+    const auto printRow = [](const char* when, const kit::Holdings& held) {
+        printf("%-30s %11d %15d %7d\n", when, held.descriptors, held.mappings, held.threads);
+    };
+    printRow("with client A, before the kill", killed.heldBefore);
+    printRow("with client C, after the kill", killed.heldAfter);
 }
 
 int conclude(const Served& served, const tools::Figures& unserved, const Options& options) {
@@ -290,10 +295,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {  // of the standard library, when memory is short
-        warnx("%s", error.what());
-        return kNotRight;
-    }
+    return kit::runProgram(run, argc, argv, kNotRight);
 }

@@ -4,16 +4,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <iterator>
+
+#include "statistics.h"
 
 namespace tools {
 
 namespace {
-
-/** The smallest value that at least this share of all values does not exceed. */
-double percentile(const std::vector<Clock::duration>& sorted, size_t percent) {
-    const size_t rank = (sorted.size() * percent + 99) / 100;
-    return inMilliseconds(sorted[std::max(rank, size_t{1}) - 1]);
-}
 
 /** One decimal, or a stroke where there is no figure. */
 void printCell(FILE* to, bool isThere, double number) {
@@ -90,9 +87,10 @@ double inMilliseconds(Clock::duration duration) {
     return std::chrono::duration<double, std::milli>(duration).count();
 }
 
-Latency latencyOf(std::vector<Clock::duration> latencies) {
-    std::sort(latencies.begin(), latencies.end());
-    return {percentile(latencies, 0), percentile(latencies, 50), percentile(latencies, 99)};
+Latency latencyOf(const std::vector<Clock::duration>& latencies) {
+    std::vector<double> times;
+    std::transform(latencies.begin(), latencies.end(), std::back_inserter(times), inMilliseconds);
+    return {kit::percentile(times, 0), kit::median(times), kit::percentile(times, 99)};
 }
 
 void printTable(const std::vector<Figures>& scenes, FILE* to) {

@@ -65,7 +65,7 @@ double framesPerSecond(const std::vector<Clock::time_point>& arrivals);
 double inMilliseconds(Clock::duration duration);
 
 /** REQUIRES: there is at least one. */
-Latency latencyOf(std::vector<Clock::duration> latencies);
+Latency latencyOf(const std::vector<Clock::duration>& latencies);
 
 void printTable(const std::vector<Figures>& scenes, FILE* to = stdout);
 

@@ -36,7 +36,7 @@ std::pair<Figures, kit::Holdings> playWatched(const ProviderProcess& provider, D
     direction.look = [&](const Answer& answer, const Figures& soFar) {
         return comparison->faultOf(answer, soFar);
     };
-    direction.curtain = [&, &held = holdings] { held = kit::settledHoldings(provider.id()); };
+    direction.curtain = [&, &held = holdings] { held = kit::Holdings::settled(provider.id()); };
     figures = playStream(session, direction);
     return result;
 }

@@ -3,27 +3,24 @@
 #include <filesystem>
 #include <optional>
 
+#include "temporary_folder.h"
+
 namespace tools {
 
 /**
  * A private working directory in which the test frame source finds what it plays. Removed with this
- * object.
+ * object; making it throws when there can be none.
  */
 class PlayFolder {
 public:
-    PlayFolder() = default;
-    ~PlayFolder();
-    PlayFolder(const PlayFolder&) = delete;
-    PlayFolder& operator=(const PlayFolder&) = delete;
-
     /**
-     * Makes the folder with a link to the clip, or with a clip that is drawn, and makes it the
-     * working directory. False after a sentence on stderr.
+     * Makes it the working directory, with a link to the clip, or with a clip that is drawn. False
+     * after a sentence on stderr.
      */
     bool enter(const std::optional<std::filesystem::path>& clip);
 
 private:
-    std::filesystem::path mPath;
+    const kit::TemporaryFolder mFolder{"fdstream-provider"};
 };
 
 }  // namespace tools

@@ -10,7 +10,6 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <csignal>
-#include <exception>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -30,6 +29,7 @@
 #include "host/properties.h"
 #include "nv12_file.h"
 #include "play_folder.h"
+#include "run_program.h"
 #include "signals.h"
 #include "watched_session.h"
 
@@ -220,9 +220,11 @@ int run(int argc, char** argv) {
 
     const kit::Signals signals({SIGHUP, SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines
-    tools::PlayFolder folder;
-    if (!options.idle && !folder.enter(clip ? std::optional(clip->path()) : std::nullopt))
+    std::optional<tools::PlayFolder> folder;
+    if (!options.idle &&
+        !folder.emplace().enter(clip ? std::optional(clip->path()) : std::nullopt)) {
         return kNotStarted;
+    }
 
     setFlipped(options.flipped);
     const std::unique_ptr<host::Server> server = listen(*socket);
@@ -236,10 +238,5 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    try {
-        return run(argc, argv);
-    } catch (const std::exception& error) {  // of the standard library, when memory is short
-        warnx("%s", error.what());
-        return kNotStarted;
-    }
+    return kit::runProgram(run, argc, argv, kNotStarted);
 }

@@ -4,6 +4,7 @@
 #include <err.h>
 #include <hidl/Status.h>
 
+#include "host/accepted.h"
 #include "host/served_watch.h"
 #include "stream_receiver.h"
 
@@ -37,7 +38,7 @@ StreamClient::~StreamClient() {
 }
 
 bool StreamClient::takes(const Return<Status>& answer, std::string& problem) {
-    if (answer.isOk() && static_cast<Status>(answer) == Status::OK) return true;
+    if (host::isAccepted(answer)) return true;
     if (answer.isOk()) {
         problem = "the session does not take the stream";
     } else if (mSession->ping().isOk()) {

@@ -1,13 +1,15 @@
 #include "stream_receiver.h"
 
 #include <android/hardware/camera/common/1.0/types.h>
-#include <android/hardware/graphics/common/1.0/types.h>
 
 #include <algorithm>
 #include <random>
 #include <utility>
 
+#include "frame.h"
+#include "host/accepted.h"
 #include "host/limits.h"
+#include "records.h"
 
 namespace tools {
 
@@ -18,39 +20,21 @@ using android::wp;
 using android::hardware::hidl_vec;
 using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
-using android::hardware::camera::device::V3_2::Stream;
 using android::hardware::camera::device::V3_2::StreamConfiguration;
-using android::hardware::camera::device::V3_2::StreamType;
-using android::hardware::graphics::common::V1_0::BufferUsage;
-using android::hardware::graphics::common::V1_0::PixelFormat;
 using android::hidl::base::V1_0::IBase;
 
 constexpr int32_t kStreamId = 0;
 constexpr uint32_t kRowPadding = 256;  // so that a forgotten stride shows
-constexpr uint64_t kUsage = static_cast<uint64_t>(BufferUsage::CPU_READ_OFTEN) |
-                            static_cast<uint64_t>(BufferUsage::CPU_WRITE_OFTEN);
 constexpr const char* kDied = "it has ended, or closed the connection";
 /** Of pictures that nobody has looked at yet. */
 constexpr size_t kMostUnread = 32;
 
-std::optional<host::Buffer> allocate(kit::FrameSize size) {
+std::optional<host::Buffer> makeBuffer(kit::FrameSize size) {
     host::BufferGeometry geometry;
     geometry.width = static_cast<uint32_t>(size.width);
     geometry.height = static_cast<uint32_t>(size.height);
     geometry.stride = geometry.width + kRowPadding;
-    geometry.usage = kUsage;
     return host::Buffer::allocate(geometry);
-}
-
-kit::Frame copyOut(const host::Buffer& buffer) {
-    const host::BufferGeometry& geometry = buffer.geometry();
-    kit::Frame frame;
-    frame.reserve(size_t{geometry.width} * geometry.height / 2 * 3);
-    for (uint32_t row = 0; row < geometry.height; ++row)
-        frame.insert(frame.end(), buffer.lumaRow(row), buffer.lumaRow(row) + geometry.width);
-    for (uint32_t row = 0; row < geometry.height / 2; ++row)
-        frame.insert(frame.end(), buffer.chromaRow(row), buffer.chromaRow(row) + geometry.width);
-    return frame;
 }
 
 /** The first of many buffer ids that no earlier client used: random, out of 2 to the 64th. */
@@ -76,21 +60,12 @@ StreamReceiver::StreamReceiver(sp<IFDSession> session, const StreamSettings& set
       mAsked(settings.firstFrame) {}
 
 StreamConfiguration StreamReceiver::configuration() const {
-    Stream stream = {};
-    stream.id = kStreamId;
-    stream.streamType = StreamType::OUTPUT;
-    stream.width = static_cast<uint32_t>(mSettings.size.width);
-    stream.height = static_cast<uint32_t>(mSettings.size.height);
-    stream.format = PixelFormat::YCBCR_420_888;
-    stream.usage = kUsage;
-    StreamConfiguration configuration = {};
-    configuration.streams = {stream};
-    return configuration;
+    return kit::configurationOf(mSettings.size, kStreamId);
 }
 
 bool StreamReceiver::allocateBuffers() {
     while (mSlots.size() < mSettings.buffers) {
-        std::optional<host::Buffer> buffer = allocate(mSettings.size);
+        std::optional<host::Buffer> buffer = makeBuffer(mSettings.size);
         if (!buffer) return false;
         mSlots.emplace_back(std::move(*buffer));
     }
@@ -150,7 +125,7 @@ bool StreamReceiver::submit(uint32_t index) {
     const std::optional<CaptureRequest> request = makeRequest(index);
     if (!request) return true;
     const Return<Status> answer = mSession->processCaptureRequest(*request);
-    if (answer.isOk() && static_cast<Status>(answer) == Status::OK) return true;
+    if (host::isAccepted(answer)) return true;
     // A call can fail on its way for a reason of its own; then the provider is still there.
     if (!answer.isOk() && !mSession->ping().isOk()) {
         lose(answer.description());
@@ -167,17 +142,10 @@ std::optional<StreamReceiver::CaptureRequest> StreamReceiver::makeRequest(uint32
     slot.frameNumber = mAsked++;
     slot.underWay = true;
     ++mUnderWay;
-
-    CaptureRequest request = {};
-    request.frameNumber = slot.frameNumber;
-    request.inputBuffer.streamId = -1;  // there is none
-    request.outputBuffers.resize(1);
-    request.outputBuffers[0].streamId = kStreamId;
-    request.outputBuffers[0].bufferId = mFirstBufferId + index;
-    if (!std::exchange(slot.handleSent, true))
-        request.outputBuffers[0].buffer = slot.buffer.handle();
+    const bool isKnown = std::exchange(slot.handleSent, true);
     slot.submission = Clock::now();
-    return request;
+    return kit::requestFor(slot.frameNumber, mFirstBufferId + index,
+                           isKnown ? nullptr : slot.buffer.handle(), kStreamId);
 }
 
 void StreamReceiver::refused(uint32_t index) {
@@ -227,7 +195,7 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
     --mUnderWay;
     postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
                 place, arrival, arrival - slot.submission,
-                filled ? copyOut(slot.buffer) : kit::Frame()});
+                filled ? kit::packed(slot.buffer) : kit::Frame()});
     return place;
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "host/accepted.h"
 #include "host/channel.h"
 
 namespace tools {
@@ -63,7 +64,7 @@ WatchedSession::Return<WatchedSession::Status> WatchedSession::setCallback(
 WatchedSession::Return<WatchedSession::Status> WatchedSession::configure(
     const StreamConfiguration& configuration) {
     Return<Status> answer = mSession->configure(configuration);
-    if (answer.isOk() && static_cast<Status>(answer) == Status::OK) mWatch->configured();
+    if (host::isAccepted(answer)) mWatch->configured();
     return answer;
 }
 
@@ -74,7 +75,7 @@ WatchedSession::Return<WatchedSession::Status> WatchedSession::processCaptureReq
     const uint64_t bufferId = isOne ? request.outputBuffers[0].bufferId : 0;
     mWatch->asks(client, bufferId);
     Return<Status> answer = mSession->processCaptureRequest(request);
-    mWatch->asked(client, bufferId, answer.isOk() && static_cast<Status>(answer) == Status::OK);
+    mWatch->asked(client, bufferId, host::isAccepted(answer));
     return answer;
 }
 
