@@ -218,38 +218,38 @@ sp<IFDSession> FDSessionImpl::getInterface() {
 
 // ---- The client's calls ----
 
+/** Calls the session, unless it is gone. The call gives 0 for success. */
+template <typename Call>
+static Status forward(const wp<FDSessionImpl>& weak, const char* operation, Call call) {
+    const sp<FDSessionImpl> session = weak.promote();
+    if (session == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", operation);
+        return Status::INTERNAL_ERROR;
+    }
+    return call(*session) == 0 ? Status::OK : Status::ILLEGAL_ARGUMENT;
+}
+
 FDSessionImpl::TrampolineInterface::TrampolineInterface(sp<FDSessionImpl> session)
     : mSession(session) {}
 
 Return<Status> FDSessionImpl::TrampolineInterface::setCallback(
     const sp<IFDSessionCallback>& callback) {
-    const sp<FDSessionImpl> session = mSession.promote();
-    if (session == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
-        return Status::INTERNAL_ERROR;
-    }
-    session->handleSetCallback(callback);
-    return Status::OK;
+    return forward(mSession, __func__, [&](FDSessionImpl& session) {
+        session.handleSetCallback(callback);
+        return 0;
+    });
 }
 
 Return<Status> FDSessionImpl::TrampolineInterface::configure(
     const StreamConfiguration& configuration) {
-    const sp<FDSessionImpl> session = mSession.promote();
-    if (session == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
-        return Status::INTERNAL_ERROR;
-    }
-    return session->handleConfigure(configuration) == 0 ? Status::OK : Status::ILLEGAL_ARGUMENT;
+    return forward(mSession, __func__,
+                   [&](FDSessionImpl& session) { return session.handleConfigure(configuration); });
 }
 
 Return<Status> FDSessionImpl::TrampolineInterface::processCaptureRequest(
     const CaptureRequest& request) {
-    const sp<FDSessionImpl> session = mSession.promote();
-    if (session == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: FDSessionImpl is gone", __func__);
-        return Status::INTERNAL_ERROR;
-    }
-    return session->handleCaptureRequest(request) == 0 ? Status::OK : Status::ILLEGAL_ARGUMENT;
+    return forward(mSession, __func__,
+                   [&](FDSessionImpl& session) { return session.handleCaptureRequest(request); });
 }
 
 void FDSessionImpl::handleSetCallback(const sp<IFDSessionCallback>& callback) {
