@@ -114,6 +114,7 @@ static sp<FDSession> sInstance;
 static HandleImporter sHandleImporter;
 
 using Lock = std::lock_guard<std::recursive_mutex>;
+using SessionLock = ObserverCalls::SessionLock;
 using Clock = std::chrono::steady_clock;
 
 /** Asks each millisecond; false when it still does not hold at the deadline. */
@@ -646,9 +647,8 @@ void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
+    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onSceneControl(sceneControl);
-    mObserverCalls.end();
 }
 
 void FDSessionImpl::getSceneControl(SceneControl& sceneControl) {
@@ -660,9 +660,8 @@ void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
+    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onPTZControl(ptzControl);
-    mObserverCalls.end();
 }
 
 void FDSessionImpl::getPTZControl(SceneControl& ptzControl) {
@@ -688,9 +687,8 @@ void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
     if (mSceneCallback == nullptr) return;
-    mObserverCalls.begin(mSceneCallback, ObserverCalls::SessionLock::HELD);
+    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onTrackingMode(trackingMode);
-    mObserverCalls.end();
 }
 
 TrackingMode FDSessionImpl::getTrackingMode() {
@@ -704,18 +702,14 @@ int32_t FDSessionImpl::getPeopleCount() {
 }
 
 void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
-    ISceneCallback* observer = nullptr;
-    {
-        const Lock lock(sLock);
-        mTrackControl = trackControl;
-        observer = mSceneCallback;
-        if (observer != nullptr) {
-            mObserverCalls.begin(observer, ObserverCalls::SessionLock::FREE);
-        }
-    }
+    std::unique_lock<std::recursive_mutex> lock(sLock);
+    mTrackControl = trackControl;
+    ISceneCallback* const observer = mSceneCallback;
     if (observer == nullptr) return;
+    // Recorded under the lock, so that whoever replaces the observer waits for this call.
+    const ObserverCalls::Scope scope(mObserverCalls, observer, SessionLock::FREE);
+    lock.unlock();
     observer->onTrackControl(trackControl);
-    mObserverCalls.end();
 }
 
 void FDSessionImpl::getTrackControl(TrackControl& trackControl) {
@@ -728,7 +722,7 @@ void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
         const Lock lock(sLock);
         mSceneCallback = sceneCallback;
     }
-    mObserverCalls.waitForAllBut(sceneCallback);
+    mObserverCalls.waitForOthersThan(sceneCallback);
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

@@ -13,48 +13,55 @@ namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
 class ISceneCallback;
 
 /**
- * Who is inside a call of which observer, so that whoever replaces an observer can wait until
- * nobody is inside the old one; and who has the session locked meanwhile. Thread-safe; its lock is
- * the innermost.
+ * Which threads are calling which observer. Whoever replaces an observer waits here for the calls
+ * of the old one.
+ *
+ * A call that holds the session's lock keeps other threads from replacing the observer anyway. It
+ * is recorded for its own thread: inside such a call nobody waits for the calls to end, the client
+ * should not be notified, and the monitor thread, which may need the lock, is not joined.
+ *
+ * Thread-safe; no other lock is taken under the one in here.
  */
 class ObserverCalls {
 public:
-    /** Whether the caller holds the session's lock during the call. */
+    /** Whether the calling thread holds the session's lock during the call. */
     enum class SessionLock { HELD, FREE };
 
-    void begin(const ISceneCallback* observer, SessionLock sessionLock) {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.push_back({std::this_thread::get_id(), observer, mNext++, sessionLock});
-    }
+    /** Records a call of the calling thread for the scope of this object. */
+    class Scope {
+    public:
+        Scope(ObserverCalls& calls, const ISceneCallback* observer, SessionLock sessionLock)
+            : mCalls(calls) {
+            mCalls.begin(observer, sessionLock);
+        }
+        ~Scope() { mCalls.end(); }
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
 
-    /** Ends the calling thread's latest call. */
-    void end() {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        const auto latest = std::find_if(mCalls.rbegin(), mCalls.rend(), isMine);
-        mCalls.erase(std::next(latest).base());
-        mEnded.notify_all();
-    }
+    private:
+        ObserverCalls& mCalls;
+    };
 
     /**
-     * Waits until every call has ended that is under way now, but for those of `current`; not at
-     * all from inside a call.
+     * Waits until the calls that are running now have ended, except those of `current`. Does not
+     * wait when the calling thread is inside a call itself.
      */
-    void waitForAllBut(const ISceneCallback* current) {
+    void waitForOthersThan(const ISceneCallback* current) {
         std::unique_lock<std::mutex> lock(mMutex);
-        if (std::any_of(mCalls.begin(), mCalls.end(), isMine)) return;
-        const uint64_t later = mNext;
+        if (std::any_of(mRunning.begin(), mRunning.end(), isOwn)) return;
+        const uint64_t later = mNextNumber;
         mEnded.wait(lock, [&] {
-            return std::none_of(mCalls.begin(), mCalls.end(), [&](const Call& call) {
+            return std::none_of(mRunning.begin(), mRunning.end(), [&](const Call& call) {
                 return call.observer != current && call.number < later;
             });
         });
     }
 
     /** Whether the calling thread is inside a call that holds the session's lock. */
-    bool isInsideLocked() {
+    [[nodiscard]] bool isInsideLocked() {
         const std::lock_guard<std::mutex> lock(mMutex);
-        return std::any_of(mCalls.begin(), mCalls.end(), [](const Call& call) {
-            return isMine(call) && call.sessionLock == SessionLock::HELD;
+        return std::any_of(mRunning.begin(), mRunning.end(), [](const Call& call) {
+            return isOwn(call) && call.sessionLock == SessionLock::HELD;
         });
     }
 
@@ -66,13 +73,25 @@ private:
         SessionLock sessionLock;
     };
 
-    static bool isMine(const Call& call) { return call.thread == std::this_thread::get_id(); }
+    static bool isOwn(const Call& call) { return call.thread == std::this_thread::get_id(); }
+
+    void begin(const ISceneCallback* observer, SessionLock sessionLock) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mRunning.push_back({std::this_thread::get_id(), observer, mNextNumber++, sessionLock});
+    }
+    /** Ends the calling thread's latest call. */
+    void end() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        const auto latest = std::find_if(mRunning.rbegin(), mRunning.rend(), isOwn);
+        mRunning.erase(std::next(latest).base());
+        mEnded.notify_all();
+    }
 
     std::mutex mMutex;
     std::condition_variable mEnded;
     // Guarded by mMutex.
-    std::vector<Call> mCalls;
-    uint64_t mNext = 0;
+    std::vector<Call> mRunning;
+    uint64_t mNextNumber = 0;
 };
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation
