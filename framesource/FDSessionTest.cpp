@@ -7,14 +7,13 @@
 
 #include <utility>
 
+#include "Answer.h"
 #include "FrameCopy.h"
 #include "ZoruUtil.h"
 
 #define LOG_TAG "vendor.zoru.zoruprovider.fdstream@1.0-impl"
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
-
-using ::android::hardware::camera::device::V3_2::BufferStatus;
 
 namespace {
 constexpr int kFrameWidth = 1280;
@@ -30,8 +29,9 @@ FDSessionTest::FDSessionTest()
                             __func__);
         return;
     }
-    // Without a thread the reference that run() takes would be the last, and its end the object's,
-    // in the middle of its construction. So one is held here; it stays when there is no thread.
+    // When no thread can be made, run() drops the reference that it took for the thread. As the
+    // only one it would delete the object inside its own constructor. So another reference is held
+    // here, and never dropped in that case.
     incStrong(this);
     if (run("FDSessionTest", ::android::PRIORITY_DEFAULT, 0) == ::android::NO_ERROR) {
         decStrong(this);
@@ -53,7 +53,7 @@ bool FDSessionTest::threadLoop() {
         const ::android::Mutex::Autolock lock(mLoopLock);
         CaptureRequest request = {};
         if (updateConfiguration() && mFdSession->getProcessCaptureRequest(request) == 0) {
-            serve(request);
+            serve(std::move(request));
         }
     }
     usleep(kPauseUs);
@@ -76,14 +76,10 @@ bool FDSessionTest::updateConfiguration() {
     return true;
 }
 
-void FDSessionTest::serve(CaptureRequest& request) {
+void FDSessionTest::serve(CaptureRequest&& request) {
     ZoruUtil::dumpCaptureRequest(request);
-    CaptureResult result = {};
-    result.frameNumber = request.frameNumber;
-    result.outputBuffers = std::move(request.outputBuffers);
-    result.outputBuffers[0].status = BufferStatus::OK;
-    result.inputBuffer.streamId = -1;  // there is none
-    // Kept until the result is sent.
+    const CaptureResult result = answerTo(std::move(request), BufferStatus::OK);
+    // The wrapper is kept until the result is sent.
     const sp<GraphicBuffer> filled = fill(result.outputBuffers[0]);
     mFdSession->sendCaptureResult(result);
 }

@@ -14,12 +14,14 @@ namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
  * A thread that takes the camera provider's place: it answers each of the client's requests with
  * the next frame of a raw NV12 file of 1280 x 720, at most one in 50 ms.
  *
- * Make it with `new` and hold it in an `sp`; it runs at once. To stop it: requestExit(), join(),
- * and then let go of the pointer. (requestExit() and letting go is enough where join() also returns
- * for a thread that found its object gone; the thread then ends after the pass under way.)
+ * Make it with `new` and hold it in an `sp`; the thread starts at once. To stop it: requestExit(),
+ * join(), and then drop the pointer. (On a platform whose join() also returns when the thread has
+ * found its object gone, requestExit() and dropping the pointer is enough: the thread ends after
+ * its current pass.)
  *
- * The thread runs before the maker holds its reference. What keeps the object alive until then is
- * the thread's own reference during its first pass, which ends with a pause of 50 ms.
+ * The thread starts inside the constructor, before the caller of `new` holds a reference. Until
+ * then the thread's own reference keeps the object alive, for its first pass and the pause of 50 ms
+ * that ends it.
  */
 class [[gnu::visibility("default")]] FDSessionTest : public ::android::Thread {
 public:
@@ -32,11 +34,11 @@ public:
 private:
     // REQUIRES: mLoopLock is held.
     bool updateConfiguration();
-    void serve(CaptureRequest & request);
-    /** Copies the next frame into the buffer, as far as both are there; returns its wrapper. */
+    void serve(CaptureRequest && request);
+    /** Wraps the buffer and copies the next frame into it, if both exist. Returns the wrapper. */
     sp<GraphicBuffer> fill(const StreamBuffer& buffer);
 
-    // Held for each pass, but for its pause.
+    // Held during each pass, except for its pause.
     ::android::Mutex mLoopLock;
     // Guarded by mLoopLock.
     sp<FDSession> mFdSession;

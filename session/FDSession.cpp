@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "Answer.h"
 #include "HandleImporter.h"
 #include "Rotate180.h"
 
@@ -26,7 +27,6 @@ namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
 using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::camera::common::V1_0::helper::HandleImporter;
-using ::android::hardware::camera::device::V3_2::BufferStatus;
 
 namespace {
 
@@ -94,16 +94,6 @@ CaptureRequest copyForQueue(const CaptureRequest& request) {
         buffer.releaseFence = original.releaseFence;
     }
     return copy;
-}
-
-/** What a request that nobody took is answered with. Takes its output buffers. */
-CaptureResult errorResultFor(CaptureRequest& request) {
-    CaptureResult result = {};
-    result.frameNumber = request.frameNumber;
-    result.outputBuffers = std::move(request.outputBuffers);
-    result.outputBuffers[0].status = BufferStatus::ERROR;
-    result.inputBuffer.streamId = -1;  // there is none
-    return result;
 }
 
 }  // namespace
@@ -571,7 +561,7 @@ bool FDSessionImpl::threadLoop() {
         deliver(std::move(result));
     }
     CaptureRequest stale = {};
-    if (takeStaleRequest(stale)) deliver(errorResultFor(stale));
+    if (takeStaleRequest(stale)) deliver(answerTo(std::move(stale), BufferStatus::ERROR));
     return true;
 }
 
