@@ -34,6 +34,9 @@ constexpr int64_t kStaleAfterUs = 1000000;
 constexpr std::chrono::microseconds kIdleWait(50000);
 constexpr std::chrono::seconds kEndPatience(2);
 constexpr Crop kDefaultPTZCrop = {0, 0, 1280, 720};
+constexpr const char* kNotDuplicated = "duplicating handles failed,";
+/** The steps of an operation name it in their lines. */
+constexpr const char* kRequestOperation = "handleCaptureRequest";
 
 /** The process that runs the monitor thread; 0 before there is a session. */
 std::atomic<pid_t> sMonitorProcess{0};
@@ -48,35 +51,33 @@ bool isSet(const hidl_handle& handle) {
     return handle.getNativeHandle() != nullptr;
 }
 
-/** A handle whose descriptors cannot be duplicated leaves an empty copy. */
-bool isWhole(const hidl_handle& copy, const hidl_handle& original) {
+/** A copy is empty when the descriptors of its original could not be duplicated. */
+bool isComplete(const hidl_handle& copy, const hidl_handle& original) {
     return isSet(copy) == isSet(original);
 }
 
 bool hasItsFences(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isWhole(copy.acquireFence, original.acquireFence) &&
-           isWhole(copy.releaseFence, original.releaseFence);
+    return isComplete(copy.acquireFence, original.acquireFence) &&
+           isComplete(copy.releaseFence, original.releaseFence);
 }
 
-bool isWhole(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isWhole(copy.buffer, original.buffer) && hasItsFences(copy, original);
+bool isComplete(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isComplete(copy.buffer, original.buffer) && hasItsFences(copy, original);
 }
 
-void logNotDuplicated(const char* operation, const StreamBuffer& buffer) {
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                        "%s: duplicating handles failed, streamId(%d), bufferId(%llu) \n",
-                        operation, buffer.streamId,
-                        static_cast<unsigned long long>(buffer.bufferId));
+void logBuffer(int priority, const char* operation, const char* event, const StreamBuffer& buffer) {
+    __android_log_print(priority, LOG_TAG, "%s: %s streamId(%d), bufferId(%llu) \n", operation,
+                        event, buffer.streamId, static_cast<unsigned long long>(buffer.bufferId));
 }
 
 /** Without its fence a frame could be read too early: such a buffer goes back as not filled. */
-void returnUnfilledUnlessWhole(StreamBuffer& copy, const StreamBuffer& original) {
-    if (isWhole(copy, original)) return;
-    logNotDuplicated("sendCaptureResult", copy);
+void failUnlessComplete(StreamBuffer& copy, const StreamBuffer& original) {
+    if (isComplete(copy, original)) return;
+    logBuffer(ANDROID_LOG_ERROR, "sendCaptureResult", kNotDuplicated, copy);
     copy.status = BufferStatus::ERROR;
 }
 
-/** A copy of all but the handles of the output buffers, which the registry's stand for. */
+/** A copy without the output buffers' handles: the queue gets the registry's handle instead. */
 CaptureRequest copyForQueue(const CaptureRequest& request) {
     CaptureRequest copy = {};
     copy.frameNumber = request.frameNumber;
@@ -94,6 +95,17 @@ CaptureRequest copyForQueue(const CaptureRequest& request) {
         buffer.releaseFence = original.releaseFence;
     }
     return copy;
+}
+
+/** Gives the copy a duplicate of the registry's handle. False when it lacks one of its handles. */
+bool completeCopy(CaptureRequest& copy, const CaptureRequest& original, buffer_handle_t handle) {
+    // Assigned from an lvalue, so that the copy gets a duplicate and not the registry's own handle.
+    const hidl_handle registered(handle);
+    StreamBuffer& buffer = copy.outputBuffers[0];
+    buffer.buffer = registered;
+    return isComplete(buffer.buffer, registered) &&
+           hasItsFences(buffer, original.outputBuffers[0]) &&
+           isComplete(copy.inputBuffer, original.inputBuffer);
 }
 
 }  // namespace
@@ -271,7 +283,7 @@ int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration)
     }
     if (mConfigSet) {
         mCaptureRequests.swap(dropped);
-        countRequests();
+        updateRequestCount();
         freeAllBuffers();
     }
     mConfiguration.streams = configuration.streams;
@@ -290,7 +302,7 @@ int32_t FDSessionImpl::getConfiguration(StreamConfiguration& configuration) {
 
 // ---- The buffers ----
 
-bool FDSessionImpl::isKnown(const StreamBuffer& buffer) const {
+bool FDSessionImpl::isRegistered(const StreamBuffer& buffer) const {
     const auto stream = mCirculatingBuffers.find(buffer.streamId);
     return stream != mCirculatingBuffers.end() && stream->second.count(buffer.bufferId) != 0;
 }
@@ -303,18 +315,13 @@ int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_h
         return 0;
     }
 
-    const auto bufferId = static_cast<unsigned long long>(buffer.bufferId);
     handle = buffer.buffer.getNativeHandle();
     if (handle == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "%s: buffer streamId(%d), bufferId(%llu) \n", "handleCaptureRequest",
-                            buffer.streamId, bufferId);
+        logBuffer(ANDROID_LOG_ERROR, kRequestOperation, "buffer", buffer);
         return -1;
     }
     if (!sHandleImporter.importBuffer(handle)) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "%s: import buffer failed, streamId(%d), bufferId(%llu) \n",
-                            "handleCaptureRequest", buffer.streamId, bufferId);
+        logBuffer(ANDROID_LOG_ERROR, kRequestOperation, "import buffer failed,", buffer);
         return -1;
     }
     buffers[buffer.bufferId] = handle;
@@ -322,9 +329,7 @@ int32_t FDSessionImpl::lookupOrImportBuffer(const StreamBuffer& buffer, buffer_h
     mGraphicBuffers[buffer.bufferId] =
         new GraphicBuffer(handle, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                           HAL_PIXEL_FORMAT_YCBCR_420_888, 1, stream.usage, stream.width);
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG,
-                        "%s: import buffer success, streamId(%d), bufferId(%llu) \n",
-                        "handleCaptureRequest", buffer.streamId, bufferId);
+    logBuffer(ANDROID_LOG_INFO, kRequestOperation, "import buffer success,", buffer);
     return 0;
 }
 
@@ -353,6 +358,11 @@ void FDSessionImpl::freeBuffer(const StreamBuffer& buffer) {
     stream->second.erase(found);
 }
 
+void FDSessionImpl::forgetBuffer(const StreamBuffer& buffer) {
+    freeBuffer(buffer);
+    mGraphicBuffers.erase(buffer.bufferId);
+}
+
 void FDSessionImpl::freeAllBuffers() {
     for (auto& [streamId, buffers] : mCirculatingBuffers) {
         for (const auto& [bufferId, handle] : buffers)
@@ -366,49 +376,44 @@ void FDSessionImpl::freeAllBuffers() {
 // ---- The requests ----
 
 int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
-    // Copied before the lock, so that whatever of it goes again goes without the lock.
+    // Made before the lock is taken, so that a refused copy is closed after the lock is released.
     CaptureRequestItem item = {copyForQueue(request), 0};
     const Lock lock(sLock);
-    if (request.outputBuffers.size() != 1) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: outputBuffersCount(%d)  \n", __func__,
-                            static_cast<int>(request.outputBuffers.size()));
-        return -1;
-    }
+    if (!fitsConfiguration(request)) return -1;
     const StreamBuffer& buffer = request.outputBuffers[0];
-    if (!mConfigSet) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mConfigSet(%d)  \n", __func__,
-                            static_cast<int>(mConfigSet));
-        return -1;
-    }
-    if (buffer.streamId != mConfiguration.streams[0].id) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "%s: buffer streamId(%d), configuration streamId(%d) \n", __func__,
-                            buffer.streamId, mConfiguration.streams[0].id);
-        return -1;
-    }
-
-    const bool isNew = isSet(buffer.buffer) && !isKnown(buffer);
+    const bool isNew = isSet(buffer.buffer) && !isRegistered(buffer);
     buffer_handle_t handle = nullptr;
     if (lookupOrImportBuffer(buffer, handle) != 0) return -1;
-    // Assigned from an lvalue, so that the item gets a duplicate and not the registry's own handle.
-    const hidl_handle registeredHandle(handle);
-    StreamBuffer& queued = item.request.outputBuffers[0];
-    queued.buffer = registeredHandle;
-    if (!isWhole(queued.buffer, registeredHandle) || !hasItsFences(queued, buffer) ||
-        !isWhole(item.request.inputBuffer, request.inputBuffer)) {
-        logNotDuplicated(__func__, buffer);
-        if (isNew) {
-            // The client is told of a refusal, so nothing of this handle must stay.
-            freeBuffer(buffer);
-            mGraphicBuffers.erase(buffer.bufferId);
-        }
+    if (!completeCopy(item.request, request, handle)) {
+        logBuffer(ANDROID_LOG_ERROR, kRequestOperation, kNotDuplicated, buffer);
+        // The client is told of a refusal, so its id must not stay known with this handle.
+        if (isNew) forgetBuffer(buffer);
         return -1;
     }
-
     item.timestampUs = wallClockUs();
     mCaptureRequests.push_back(std::move(item));
-    countRequests();
+    updateRequestCount();
     return 0;
+}
+
+bool FDSessionImpl::fitsConfiguration(const CaptureRequest& request) const {
+    if (request.outputBuffers.size() != 1) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: outputBuffersCount(%d)  \n",
+                            kRequestOperation, static_cast<int>(request.outputBuffers.size()));
+        return false;
+    }
+    if (!mConfigSet) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mConfigSet(%d)  \n", kRequestOperation,
+                            0);
+        return false;
+    }
+    const int32_t streamId = request.outputBuffers[0].streamId;
+    const int32_t configuredId = mConfiguration.streams[0].id;
+    if (streamId == configuredId) return true;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
+                        "%s: buffer streamId(%d), configuration streamId(%d) \n", kRequestOperation,
+                        streamId, configuredId);
+    return false;
 }
 
 bool FDSessionImpl::isCaptureRequestReady() {
@@ -430,11 +435,11 @@ CaptureRequest FDSessionImpl::takeOldestRequest() {
     // The item owns all that it holds, so what moves out is what a deep copy would be.
     CaptureRequest oldest = std::move(mCaptureRequests.front().request);
     mCaptureRequests.pop_front();
-    countRequests();
+    updateRequestCount();
     return oldest;
 }
 
-void FDSessionImpl::countRequests() {
+void FDSessionImpl::updateRequestCount() {
     mRequestCount = mCaptureRequests.size();
 }
 
@@ -443,9 +448,9 @@ void FDSessionImpl::countRequests() {
 void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
     CaptureResult copy = result;
     for (size_t i = 0; i < result.outputBuffers.size(); ++i) {
-        returnUnfilledUnlessWhole(copy.outputBuffers[i], result.outputBuffers[i]);
+        failUnlessComplete(copy.outputBuffers[i], result.outputBuffers[i]);
     }
-    returnUnfilledUnlessWhole(copy.inputBuffer, result.inputBuffer);
+    failUnlessComplete(copy.inputBuffer, result.inputBuffer);
 
     const std::lock_guard<std::mutex> lock(mResultMutex);
     mCaptureResults.push_back(std::move(copy));

@@ -209,18 +209,22 @@ private:
     sp<IFDSessionCallback> currentCallback();
 
     // REQUIRES: sLock is held.
-    bool isKnown(const StreamBuffer& buffer) const;
+    /** Whether a request can be queued as far as the configuration goes; the log says why not. */
+    [[nodiscard]] bool fitsConfiguration(const CaptureRequest& request) const;
+    [[nodiscard]] bool isRegistered(const StreamBuffer& buffer) const;
     int32_t lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle);
+    /** Takes back what lookupOrImportBuffer() has registered just now. */
+    void forgetBuffer(const StreamBuffer& buffer);
     void freeAllBuffers();
-    /** REQUIRES: one waits. */
-    CaptureRequest takeOldestRequest();
-    void countRequests();
+    /** REQUIRES: the queue is not empty. */
+    [[nodiscard]] CaptureRequest takeOldestRequest();
+    void updateRequestCount();
 
     // The steps of a pass.
-    bool takeResult(CaptureResult& result);
-    bool takeStaleRequest(CaptureRequest& request);
+    [[nodiscard]] bool takeResult(CaptureResult& result);
+    [[nodiscard]] bool takeStaleRequest(CaptureRequest& request);
     void turnIfFlipped(const CaptureResult& result);
-    /** Moves the result out to the client; without a callback it is the caller's to let go of. */
+    /** Moves the result to the client. Leaves it alone when there is no callback. */
     void deliver(CaptureResult&& result);
 
     // Guarded by sLock.
