@@ -48,7 +48,7 @@ size_t YUVFile::frameSize() const {
     return static_cast<size_t>((width * height * 3) / 2);
 }
 
-bool YUVFile::openOnce(const char* mode) {
+bool YUVFile::ensureOpen(const char* mode) {
     if (pFile == nullptr) pFile = fopen(fileName, mode);
     if (pFile != nullptr) return true;
     __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "file %s open failed, error - %s \n", fileName,
@@ -58,7 +58,7 @@ bool YUVFile::openOnce(const char* mode) {
 
 uint8_t* YUVFile::getFrame() {
     if (pBuffer == nullptr) return nullptr;
-    if (!openOnce("rb")) return nullptr;
+    if (!ensureOpen("rb")) return nullptr;
     if (fread(pBuffer, 1, frameSize(), pFile) == frameSize()) return pBuffer;
     // Not rewind(), which may hide why a pipe cannot be played in a loop.
     errno = 0;
@@ -73,7 +73,7 @@ uint8_t* YUVFile::getFrame() {
 }
 
 int YUVFile::putFrame() {
-    if (!openOnce("wb+")) return -1;
+    if (!ensureOpen("wb+")) return -1;
     if (pBuffer == nullptr) return -1;
     const size_t count = fwrite(pBuffer, 1, frameSize(), pFile);
     if (count == frameSize() && fflush(pFile) == 0) return static_cast<int>(count);

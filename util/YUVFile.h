@@ -26,16 +26,17 @@ using ::android::sp;
 class [[gnu::visibility("default")]] YUVFile {
 public:
     /**
-     * Opens nothing. At most 255 characters of the path are kept. Without a path, with an extent
-     * below 1 or a frame whose size is over 32 bits the object has no frame memory and serves none.
+     * Opens nothing. At most 255 characters of the path are kept. Without a path, with a width or
+     * height below 1, or when width x height x 3 is over 31 bits, the object has no frame memory
+     * and every operation fails.
      */
     YUVFile(const char* inFile, int width, int height);
     ~YUVFile();
     YUVFile(const YUVFile&) = delete;
     YUVFile& operator=(const YUVFile&) = delete;
 
-    /** The next whole frame, after the last one the first again; null when the file has none. The
-     * memory is the object's own: overwritten by the next frame, gone with the object. */
+    /** The next whole frame, the first one again after the last; null when the file has none. The
+     * memory belongs to the object: the next frame overwrites it. */
     uint8_t* getFrame();
 
     /** Appends the frame memory: frameSize, or -1. */
@@ -49,10 +50,11 @@ public:
     int putFrame(zoru_ycbcr & frame);
 
 private:
-    bool openOnce(const char* mode);
+    /** Opens the file unless it is open; after a failure the next call tries again. */
+    [[nodiscard]] bool ensureOpen(const char* mode);
     size_t frameSize() const;
-    /** Whether a frame of this size fits in the frame memory; says so when not. */
-    bool holds(int frameWidth, int frameHeight) const;
+    /** Whether a frame of this size fits in the frame memory; the log says when not. */
+    [[nodiscard]] bool holds(int frameWidth, int frameHeight) const;
 
     uint8_t* pBuffer;
     char fileName[256];
