@@ -2,6 +2,8 @@
 
 #include <android/log.h>
 
+#include <utility>
+
 #include "FrameCopy.h"
 
 #define LOG_TAG "zoruutil"
@@ -38,58 +40,51 @@ bool covers(const sp<GraphicBuffer>& src, const sp<GraphicBuffer>& dst) {
     return false;
 }
 
+enum class Direction { FROM_BUFFER, TO_BUFFER };
+
+/** Copies between a packed frame and a buffer. The two directions' messages differ by a blank. */
+int copyPacked(uint8_t* memory, const sp<GraphicBuffer>& buffer, Direction direction) {
+    const char* const blank = direction == Direction::FROM_BUFFER ? " " : "";
+    if (memory == nullptr) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Invalid params: buffer(%p) \n",
+                            static_cast<void*>(memory));
+        return -1;
+    }
+    android_ycbcr ycbcr = {};
+    int status = lockWhole(buffer, ycbcr);
+    if (status != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "lockYCbCr failed, error%s(%d) \n", blank,
+                            status);
+        return -1;
+    }
+    const bool handled = isSemiPlanar(ycbcr);
+    if (handled) {
+        FrameView dst = packedView(memory, buffer->width, buffer->height);
+        FrameView src = viewOf(ycbcr);
+        if (direction == Direction::TO_BUFFER) std::swap(dst, src);
+        copyFrame(dst, src, buffer->width, buffer->height);
+    }
+    status = buffer->unlock();
+    if (status != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unlock failed, error%s(%d) \n", blank,
+                            status);
+        return -1;
+    }
+    return handled ? 0 : -1;
+}
+
 }  // namespace
 
 int ZoruUtil::copyFrom(uint8_t* dst, sp<GraphicBuffer> src) {
-    if (dst == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Invalid params: buffer(%p) \n",
-                            static_cast<void*>(dst));
-        return -1;
-    }
-    android_ycbcr ycbcr = {};
-    int status = lockWhole(src, ycbcr);
-    if (status != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "lockYCbCr failed, error (%d) \n", status);
-        return -1;
-    }
-    const bool handled = isSemiPlanar(ycbcr);
-    if (handled) {
-        copyFrame(packedView(dst, src->width, src->height), viewOf(ycbcr), src->width, src->height);
-    }
-    status = src->unlock();
-    if (status != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unlock failed, error (%d) \n", status);
-        return -1;
-    }
-    return handled ? 0 : -1;
+    return copyPacked(dst, src, Direction::FROM_BUFFER);
 }
 
 int ZoruUtil::copyTo(uint8_t* src, sp<GraphicBuffer> dst) {
-    if (src == nullptr) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "Invalid params: buffer(%p) \n",
-                            static_cast<void*>(src));
-        return -1;
-    }
-    android_ycbcr ycbcr = {};
-    int status = lockWhole(dst, ycbcr);
-    if (status != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "lockYCbCr failed, error(%d) \n", status);
-        return -1;
-    }
-    const bool handled = isSemiPlanar(ycbcr);
-    if (handled) {
-        copyFrame(viewOf(ycbcr), packedView(src, dst->width, dst->height), dst->width, dst->height);
-    }
-    status = dst->unlock();
-    if (status != 0) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "unlock failed, error(%d) \n", status);
-        return -1;
-    }
-    return handled ? 0 : -1;
+    return copyPacked(src, dst, Direction::TO_BUFFER);
 }
 
 int ZoruUtil::copy(sp<GraphicBuffer> dst, sp<GraphicBuffer> src) {
-    // The numbers in the two copies' lines are parts of the messages, not of this file.
+    // The numbers in the messages of both copy() overloads are fixed; they are no line numbers.
     android_ycbcr from = {};
     int status = lockWhole(src, from);
     if (status != 0) {
