@@ -14,7 +14,7 @@ using MapperErrorV3 = ::android::hardware::graphics::mapper::V3_0::Error;
 
 namespace {
 
-/** What a mapper takes: it hands imported buffers out as plain addresses. */
+/** A mapper takes and returns an imported buffer as a plain address. */
 void* toBuffer(buffer_handle_t handle) {
     return const_cast<native_handle_t*>(handle);  // NOLINT(cppcoreguidelines-pro-type-const-cast)
 }
@@ -29,10 +29,11 @@ void logBothNull(const char* operation) {
                         operation);
 }
 
-/** A transport failure that leaves a result at its initial value is at least said. */
-void logTransport(const details::return_status& status, const char* operation) {
+/** A call that fails on its way to the mapper leaves its result at the initial value. */
+void logIfFailed(const details::return_status& status, const char* operation,
+                 const char* call = "call") {
     if (status.isOk()) return;
-    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper call failed: %s", operation,
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper %s failed: %s", operation, call,
                         status.description().c_str());
 }
 
@@ -102,12 +103,8 @@ bool HandleImporter::importBufferInternal(const sp<M>& mapper, buffer_handle_t& 
             error = answer;
             imported = static_cast<buffer_handle_t>(buffer);
         });
-    if (!status.isOk()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper importBuffer failed: %s",
-                            "importBufferInternal", status.description().c_str());
-        return false;
-    }
-    if (error != E::NONE) return false;
+    logIfFailed(status, "importBufferInternal", "importBuffer");
+    if (!status.isOk() || error != E::NONE) return false;
     handle = imported;
     return true;
 }
@@ -119,15 +116,10 @@ void HandleImporter::freeBuffer(buffer_handle_t handle) {
         logBothNull("freeBuffer");
         return;
     }
-    const auto examine = [](const details::return_status& status) {
-        if (status.isOk()) return;
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: mapper freeBuffer failed: %s",
-                            "freeBuffer", status.description().c_str());
-    };
     if (mMapperV3 != nullptr) {
-        examine(mMapperV3->freeBuffer(toBuffer(handle)));
+        logIfFailed(mMapperV3->freeBuffer(toBuffer(handle)), "freeBuffer", "freeBuffer");
     } else {
-        examine(mMapperV2->freeBuffer(toBuffer(handle)));
+        logIfFailed(mMapperV2->freeBuffer(toBuffer(handle)), "freeBuffer", "freeBuffer");
     }
 }
 
@@ -177,13 +169,13 @@ void* HandleImporter::lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t si
     };
     const Rect row{0, 0, static_cast<int32_t>(size), 1};
     if (mMapperV3 != nullptr) {
-        logTransport(
+        logIfFailed(
             mMapperV3->lock(toBuffer(handle), cpuUsage, toRect<MapperV3>(row), hidl_handle(),
                             [&](MapperErrorV3 error, void* data, int32_t /*perPixel*/,
                                 int32_t /*perStride*/) { keep(error, data); }),
             "lock");
     } else {
-        logTransport(mMapperV2->lock(toBuffer(handle), cpuUsage, row, hidl_handle(), keep), "lock");
+        logIfFailed(mMapperV2->lock(toBuffer(handle), cpuUsage, row, hidl_handle(), keep), "lock");
     }
     return address;
 }
@@ -216,7 +208,7 @@ YCbCrLayout HandleImporter::lockYCbCrInternal(const sp<M>& mapper, buffer_handle
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: failed to lockYCbCr error %d!",
                             "operator()", static_cast<int>(error));
     };
-    logTransport(
+    logIfFailed(
         mapper->lockYCbCr(toBuffer(handle), cpuUsage, toRect<M>(accessRegion), hidl_handle(), keep),
         "lockYCbCr");
     return layout;
@@ -240,7 +232,7 @@ int HandleImporter::unlockInternal(const sp<M>& mapper, buffer_handle_t& handle)
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: failed to unlock error %d!",
                             "operator()", static_cast<int>(error));
     };
-    logTransport(mapper->unlock(toBuffer(handle), keep), "unlock");
+    logIfFailed(mapper->unlock(toBuffer(handle), keep), "unlock");
     return releaseFence;
 }
 

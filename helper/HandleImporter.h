@@ -16,15 +16,15 @@ using ::android::hardware::graphics::mapper::V2_0::YCbCrLayout;
 using MapperV3 = ::android::hardware::graphics::mapper::V3_0::IMapper;
 
 /**
- * The one gateway to the gralloc mapper: makes handles that arrived over an interface usable in
- * this process, gives the processor access to their memory, and turns fence handles into
- * descriptors.
+ * The one gateway to the gralloc mapper: imports handles that arrived over an interface into this
+ * process, gives the processor access to their memory, and turns fence handles into descriptors.
  *
  * Prefers mapper 3.0 and falls back to 2.0. Connects on the first operation that needs a mapper,
- * and asks again each time while there is none. Failures are told by results and the log.
+ * and tries again each time while there is none. Failures are reported by results and the log.
  *
- * Thread-safe, but cleanup() must not run beside another operation, and unlock(), which takes no
- * lock, not beside the first one that connects. Not copied.
+ * Thread-safe, with two exceptions: cleanup() must not run at the same time as another operation,
+ * and unlock(), which takes no lock, not at the same time as the first one that connects. Not
+ * copied.
  */
 class HandleImporter {
 public:
@@ -41,7 +41,7 @@ public:
      * REQUIRES: `handle` is not null.
      */
     bool importBuffer(buffer_handle_t& handle);
-    /** Gives an imported handle back; null is none. */
+    /** Frees an imported handle; null is ignored. */
     void freeBuffer(buffer_handle_t handle);
 
     /** `fd` becomes a duplicate that the caller closes, or -1 when the handle carries no fence. */
@@ -53,10 +53,10 @@ public:
     void* lock(buffer_handle_t& handle, uint64_t cpuUsage, size_t size);
     /** The planes of a YCbCr buffer; all zero on failure. */
     YCbCrLayout lockYCbCr(buffer_handle_t& handle, uint64_t cpuUsage, const Rect& accessRegion);
-    /** Ends the access. A release fence that the caller closes, or a negative number for none. */
+    /** Ends the access. Returns a release fence, which the caller closes, or a negative number. */
     int unlock(buffer_handle_t& handle);
 
-    /** Lets go of the mapper; the next operation that needs one connects again. */
+    /** Drops the connection; the next operation that needs a mapper connects again. */
     void cleanup();
 
 private:
@@ -71,7 +71,7 @@ private:
     template <typename M, typename E>
     int unlockInternal(const sp<M>& mapper, buffer_handle_t& handle);
 
-    // Serialises the connecting and every mapper call but unlock.
+    // Serialises connecting and every mapper call except unlock.
     Mutex mLock;
     // Written under mLock; unlock() reads the pointers without it.
     bool mInitialized = false;
