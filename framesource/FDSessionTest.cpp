@@ -7,7 +7,6 @@
 
 #include <utility>
 
-#include "Answer.h"
 #include "FrameCopy.h"
 #include "ZoruUtil.h"
 

@@ -1,6 +1,6 @@
 // The session, in the order in which data flows: its life, the client's calls, the buffers, the
 // requests, the results, the notifications; then the scene and tracking controls. The rotation of a
-// frame stands before its one caller, the monitor's pass.
+// frame comes right before the monitor's pass, which is its only caller.
 
 #include "FDSession.h"
 
@@ -16,7 +16,6 @@
 #include <thread>
 #include <utility>
 
-#include "Answer.h"
 #include "HandleImporter.h"
 #include "Rotate180.h"
 
@@ -35,10 +34,9 @@ constexpr std::chrono::microseconds kIdleWait(50000);
 constexpr std::chrono::seconds kEndPatience(2);
 constexpr Crop kDefaultPTZCrop = {0, 0, 1280, 720};
 constexpr const char* kNotDuplicated = "duplicating handles failed,";
-/** The steps of an operation name it in their lines. */
-constexpr const char* kRequestOperation = "handleCaptureRequest";
+constexpr const char* kRequestOperation = "handleCaptureRequest";  // in the lines of its steps
 
-/** The process that runs the monitor thread; 0 before there is a session. */
+/** The process that has the monitor thread; 0 before there is a session. */
 std::atomic<pid_t> sMonitorProcess{0};
 
 int64_t wallClockUs() {
@@ -70,7 +68,14 @@ void logBuffer(int priority, const char* operation, const char* event, const Str
                         event, buffer.streamId, static_cast<unsigned long long>(buffer.bufferId));
 }
 
-/** Without its fence a frame could be read too early: such a buffer goes back as not filled. */
+/** A call that did not reach the client is logged and not repeated. */
+void logIfFailed(const Return<void>& status, const char* operation, const char* call) {
+    if (status.isOk()) return;
+    __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: %s transaction failed: %s", operation,
+                        call, status.description().c_str());
+}
+
+/** A buffer that lost its fence could be read too early, so it is returned as not filled. */
 void failUnlessComplete(StreamBuffer& copy, const StreamBuffer& original) {
     if (isComplete(copy, original)) return;
     logBuffer(ANDROID_LOG_ERROR, "sendCaptureResult", kNotDuplicated, copy);
@@ -110,7 +115,7 @@ bool completeCopy(CaptureRequest& copy, const CaptureRequest& original, buffer_h
 
 }  // namespace
 
-// Destroyed in the reverse of this order when the library goes.
+// Destroyed in the reverse of this order when the library is unloaded.
 static std::recursive_mutex sLock;
 static sp<FDSession> sInstance;
 static HandleImporter sHandleImporter;
@@ -119,7 +124,7 @@ using Lock = std::lock_guard<std::recursive_mutex>;
 using SessionLock = ObserverCalls::SessionLock;
 using Clock = std::chrono::steady_clock;
 
-/** Asks each millisecond; false when it still does not hold at the deadline. */
+/** Polls once a millisecond; false when the condition does not hold by the deadline. */
 template <typename Condition>
 static bool waitUntil(Clock::time_point deadline, Condition holds) {
     while (!holds()) {
@@ -130,13 +135,14 @@ static bool waitUntil(Clock::time_point deadline, Condition holds) {
 }
 
 /**
- * Ends the monitor while sInstance still holds the session. Else the thread, in the middle of a
- * pass, would hold the last reference and run the destructor in code that is being unmapped.
+ * Stops the monitor thread at unload, while sInstance still holds the session. Otherwise the thread
+ * could be in a pass, hold the last reference, and run the destructor in code that is being
+ * unmapped.
  *
- * Does nothing without a session, in a forked child, which has no such thread, on the monitor
- * thread itself, and inside an observer's operation that has the session locked, which the monitor
- * may be waiting for. Takes no lock, because the pass it waits for does; and waits no longer than
- * kEndPatience, because the client it calls may never answer.
+ * Does nothing when there is no session, in a forked child (it has no such thread), on the monitor
+ * thread itself, and inside an observer's operation that has the session locked (the monitor may be
+ * waiting for that lock). Takes no lock, because the pass that it waits for takes them. Waits no
+ * longer than kEndPatience, because a client that the monitor is calling may never answer.
  */
 class MonitorStopper {
 public:
@@ -151,7 +157,7 @@ public:
 
         const auto deadline = Clock::now() + kEndPatience;
         session->requestExit();
-        // Each time anew: a thread that is just about to wait does not hear of it.
+        // Notified at every poll: a thread that is about to wait would miss a single notification.
         const bool hasEnded = waitUntil(deadline, [session] {
             session->mResultCondition.notify_one();
             return !session->isRunning();
@@ -163,7 +169,7 @@ public:
             return;
         }
         session->join();
-        // A thread counts as ended just before it drops its own reference.
+        // The thread may drop its own reference a moment after join() has returned.
         waitUntil(deadline, [session] { return session->getStrongCount() == 1; });
         const int32_t others =
             session->getStrongCount() - 1 + session->mInterface->getStrongCount() - 1;
@@ -221,7 +227,7 @@ sp<IFDSession> FDSessionImpl::getInterface() {
 
 // ---- The client's calls ----
 
-/** Calls the session, unless it is gone. The call gives 0 for success. */
+/** Calls the session unless it is gone. The call returns 0 for success. */
 template <typename Call>
 static Status forward(const wp<FDSessionImpl>& weak, const char* operation, Call call) {
     const sp<FDSessionImpl> session = weak.promote();
@@ -257,7 +263,7 @@ Return<Status> FDSessionImpl::TrampolineInterface::processCaptureRequest(
 
 void FDSessionImpl::handleSetCallback(const sp<IFDSessionCallback>& callback) {
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
-    // The old callback is the client's code: its last reference must not go under the lock.
+    // Releasing the old callback may run the client's code, so it happens after the lock.
     sp<IFDSessionCallback> previous = callback;
     const Lock lock(sLock);
     std::swap(mCallback, previous);
@@ -270,20 +276,19 @@ sp<IFDSessionCallback> FDSessionImpl::currentCallback() {
 
 int32_t FDSessionImpl::handleConfigure(const StreamConfiguration& configuration) {
     __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: \n", __func__);
-    // Goes after the lock, with the descriptors that the client sent.
+    // Destroyed after the lock is released, because it closes descriptors that the client sent.
     std::deque<CaptureRequestItem> dropped;
     const Lock lock(sLock);
-    const size_t count = configuration.streams.size();
-    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
-                        static_cast<int>(count));
+    const auto count = static_cast<int>(configuration.streams.size());
+    __android_log_print(ANDROID_LOG_INFO, LOG_TAG, "%s: streamsCount(%d)  \n", __func__, count);
     if (count != 1) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: streamsCount(%d)  \n", __func__,
-                            static_cast<int>(count));
+                            count);
         return -1;
     }
     if (mConfigSet) {
         mCaptureRequests.swap(dropped);
-        updateRequestCount();
+        mRequestCount = mCaptureRequests.size();
         freeAllBuffers();
     }
     mConfiguration.streams = configuration.streams;
@@ -392,7 +397,7 @@ int32_t FDSessionImpl::handleCaptureRequest(const CaptureRequest& request) {
     }
     item.timestampUs = wallClockUs();
     mCaptureRequests.push_back(std::move(item));
-    updateRequestCount();
+    mRequestCount = mCaptureRequests.size();
     return 0;
 }
 
@@ -427,20 +432,16 @@ int32_t FDSessionImpl::getProcessCaptureRequest(CaptureRequest& request) {
         if (mCaptureRequests.empty()) return -1;
         oldest = takeOldestRequest();
     }
-    request = std::move(oldest);  // what it was until now goes here, without the lock
+    request = std::move(oldest);  // closes what the caller passed in, without the lock
     return 0;
 }
 
 CaptureRequest FDSessionImpl::takeOldestRequest() {
-    // The item owns all that it holds, so what moves out is what a deep copy would be.
+    // Moved, not copied: the item owns all that it holds, and is dropped.
     CaptureRequest oldest = std::move(mCaptureRequests.front().request);
     mCaptureRequests.pop_front();
-    updateRequestCount();
-    return oldest;
-}
-
-void FDSessionImpl::updateRequestCount() {
     mRequestCount = mCaptureRequests.size();
+    return oldest;
 }
 
 // ---- The results ----
@@ -459,13 +460,13 @@ void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
 
 namespace {
 
-// Two bytes that are one chroma sample, at any address, in memory that other types describe too.
-// Only by its name has it these properties: a template's parameter would lose them.
+// The two chroma bytes of a pixel pair. They may be at an odd address, in memory that is also
+// accessed as bytes. The attributes belong to this alias: std::swap or a template argument drops
+// them.
 using ChromaPair = uint16_t __attribute__((aligned(1), may_alias));
 
-// Both exchange two rows that do not overlap, each turned end for end. The number of
-// elements is a hint: for 64-bit Arm clang takes turning one for dear, and would stay at two
-// elements at a time.
+// These two exchange two rows that do not overlap, and reverse both. The pragmas are for clang on
+// 64-bit Arm: it overrates the cost of reversing a vector and would use vectors of two elements.
 
 FDSTREAM_PROCESSOR_CLONES
 void exchangeLuma(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
@@ -487,8 +488,8 @@ void exchangeChroma(ChromaPair* __restrict top, ChromaPair* __restrict bottom, s
     }
 }
 
-/** Turns a row without a partner end for end. */
-void turnChromaRow(ChromaPair* row, size_t count) {
+/** Reverses the middle row of an odd number of rows. */
+void reverseChroma(ChromaPair* row, size_t count) {
     for (size_t i = 0; i < count / 2; ++i) {
         const uint16_t pair = row[i];
         row[i] = row[count - 1 - i];
@@ -513,12 +514,12 @@ void turnChroma(uint8_t* chroma, size_t stride, size_t width, size_t rows) {
     for (size_t row = 0; row < rows / 2; ++row) {
         const size_t partner = rows - 1 - row;
         exchangeChroma(pairsOf(row), pairsOf(partner), width / 2);
-        // An odd width leaves a byte that belongs to no pair of the row: it keeps its column.
+        // The last byte of an odd width belongs to no pair: it changes its row, not its column.
         if (width % 2 != 0) {
             std::swap(chroma[row * stride + width - 1], chroma[partner * stride + width - 1]);
         }
     }
-    if (rows % 2 != 0) turnChromaRow(pairsOf(rows / 2), width / 2);
+    if (rows % 2 != 0) reverseChroma(pairsOf(rows / 2), width / 2);
 }
 
 void turnFrame(const android_ycbcr& ycbcr, int width, int height) {
@@ -573,7 +574,7 @@ bool FDSessionImpl::threadLoop() {
 bool FDSessionImpl::takeResult(CaptureResult& result) {
     std::unique_lock<std::mutex> lock(mResultMutex);
     if (mCaptureResults.empty()) {
-        // One wait, whatever ends it: the sweep is due after it in any case.
+        // Waited for once only: even when no result has come, the sweep is due.
         mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
     }
     if (mCaptureResults.empty()) return false;
@@ -602,12 +603,7 @@ void FDSessionImpl::deliver(CaptureResult&& result) {
     hidl_vec<CaptureResult> results;
     results.resize(1);
     results[0] = std::move(result);
-    const Return<void> status = callback->processCaptureResult(results);
-    if (!status.isOk()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                            "%s: processCaptureResult transaction failed: %s", "threadLoop",
-                            status.description().c_str());
-    }
+    logIfFailed(callback->processCaptureResult(results), "threadLoop", "processCaptureResult");
 }
 
 // ---- The notifications ----
@@ -630,10 +626,7 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
                             __func__);
     }
     const Return<void> status = callback->notify({msg});
-    if (!status.isOk()) {
-        __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: notify transaction failed: %s",
-                            __func__, status.description().c_str());
-    }
+    logIfFailed(status, __func__, "notify");
 }
 
 // ---- Scene and tracking ----

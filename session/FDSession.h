@@ -20,6 +20,7 @@
 #include <map>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 #include "ObserverCalls.h"
 
@@ -30,6 +31,7 @@ using ::android::sp;
 using ::android::wp;
 using ::android::hardware::Return;
 using ::android::hardware::camera::common::V1_0::Status;
+using ::android::hardware::camera::device::V3_2::BufferStatus;
 using ::android::hardware::camera::device::V3_2::CaptureRequest;
 using ::android::hardware::camera::device::V3_2::CaptureResult;
 using ::android::hardware::camera::device::V3_2::StreamBuffer;
@@ -40,16 +42,16 @@ using ::vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackControl;
 using ::vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackingMode;
 
 /**
- * Hears of every scene, PTZ and tracking control that is stored in the session. The session holds a
- * plain pointer and owns nothing; what an operation gets is a copy of its own.
+ * An observer inside the process: told of every scene, PTZ and tracking control that is stored in
+ * the session. The session does not own it. Each operation gets a copy of the control.
  *
- * The operations run on the thread that stores, all but onTrackControl() with the session locked.
- * They may call the session. They must not wait for another thread that needs it, and none may wait
- * for a thread that replaces the observer: that thread waits for them.
+ * An operation runs on the thread that stores the control, and with the session locked, except for
+ * onTrackControl(). It may call the session. It must not wait for a thread that calls the session,
+ * and onTrackControl() must not wait for a thread in setSceneCallback(), which waits for it.
  *
- * Only onTrackControl() may call FDSession::sendNotify(). The others must not: the client would be
- * called with the session locked, and a client that is slow, or that calls the session before it
- * answers, would keep everybody out. Such a call is made all the same, with an ERROR line each
+ * Only onTrackControl() may call FDSession::sendNotify(). From the others the client is called with
+ * the session locked, and a client that is slow, or that calls the session before it answers,
+ * blocks every other user of the session. Such a notification is sent, but logged as an ERROR each
  * time.
  */
 class ISceneCallback {
@@ -66,11 +68,11 @@ public:
  * results back, and store and read the scene, PTZ and tracking controls. One object per process,
  * which lives as long as the library is loaded. Any thread may call any operation.
  *
- * A reference must not outlive the library: who unloads it lets go of all of them first.
+ * A reference must not outlive the library: drop all of them before it is unloaded.
  */
 class FDSession : public virtual ::android::RefBase {
 public:
-    /** The session of this process. The first call makes it and starts its thread. */
+    /** The session of this process. The first call creates it and starts its thread. */
     [[gnu::visibility("default")]] static sp<FDSession> getInstance();
 
     /** The object to hand to the client; always the same one. */
@@ -80,29 +82,29 @@ public:
     /** 0 and a copy of the accepted configuration, or -1 while there is none. */
     virtual int32_t getConfiguration(StreamConfiguration& configuration) = 0;
     /**
-     * 0 and the oldest waiting request, now the caller's, or -1 and `request` as it was. Its one
-     * output buffer carries a duplicate of the imported handle. Each request taken is the caller's
-     * to answer, however late, with one sendCaptureResult() of the same frame number and output
-     * buffer: the session does not watch over it any more.
+     * 0 and the oldest waiting request, now owned by the caller, or -1 and `request` unchanged. Its
+     * one output buffer carries a duplicate of the imported handle. The caller answers each request
+     * with one sendCaptureResult() of the same frame number and output buffer, however late: the
+     * session no longer keeps track of it.
      */
     virtual int32_t getProcessCaptureRequest(CaptureRequest& request) = 0;
     /** Whether a request waits. A hint: getProcessCaptureRequest() may still give -1. */
     virtual bool isCaptureRequestReady() = 0;
     /**
-     * Calls the client at once, on this thread, and without a lock; but for a call from inside an
-     * observer's operation, as ISceneCallback says. A failure is only logged.
+     * Calls the client at once, on this thread, and without a lock, except from inside an
+     * observer's operation (see ISceneCallback). A failure is only logged.
      */
     virtual void sendNotify(FDNotifyMsg& msg) = 0;
     /**
-     * Queues a copy for the client and returns; the session's own thread delivers it. Nothing of it
-     * is checked against the requests: what the provider says is what the client hears.
+     * Queues a copy for the client and returns; the session's own thread delivers it. It is not
+     * checked against the requests: the client gets what the provider sends.
      */
     virtual void sendCaptureResult(const CaptureResult& result) = 0;
 
-    /** Stores a copy, then tells the observer; also when nothing changed. */
+    /** Stores a copy, then tells the observer, even when nothing has changed. */
     virtual void setSceneControl(const SceneControl& sceneControl) = 0;
     virtual void getSceneControl(SceneControl& sceneControl) = 0;
-    /** A change to mode 0 resets the PTZ control. Nothing happens when the mode is the same. */
+    /** A change to mode 0 resets the PTZ control. Setting the current mode does nothing. */
     virtual void setTrackingMode(TrackingMode trackingMode) = 0;
     virtual TrackingMode getTrackingMode() = 0;
     /** As setSceneControl(), for the pan-tilt-zoom view. */
@@ -114,10 +116,9 @@ public:
     virtual void setTrackControl(const TrackControl& trackControl) = 0;
     virtual void getTrackControl(TrackControl& trackControl) = 0;
     /**
-     * Registers the observer, null for none. On return no call of any other one is under way,
-     * so those may be destroyed; unless this is called from inside an observer's operation, which
-     * never waits. So it blocks while another observer's operation runs, also its onTrackControl(),
-     * and one that waits for whoever replaces it hangs both.
+     * Registers the observer, null for none. Waits until no operation of another observer is
+     * running, so that those may be destroyed on return. An operation that waits for this call
+     * therefore hangs both. Does not wait when called from inside an observer's operation.
      */
     virtual void setSceneCallback(ISceneCallback* sceneCallback) = 0;
 
@@ -130,25 +131,41 @@ struct CaptureRequestItem {
     int64_t timestampUs;  ///< wall clock at queueing, microseconds since the Unix epoch
 };
 
+/** The stream id of an input buffer that is none. */
+constexpr int32_t kNoStream = -1;
+
+/**
+ * A result that answers a request and holds nothing else: no metadata, no input buffer. Takes the
+ * request's output buffers and gives the first one this status. REQUIRES: there is one.
+ */
+inline CaptureResult answerTo(CaptureRequest&& request, BufferStatus status) {
+    CaptureResult result = {};
+    result.frameNumber = request.frameNumber;
+    result.outputBuffers = std::move(request.outputBuffers);
+    result.outputBuffers[0].status = status;
+    result.inputBuffer.streamId = kNoStream;
+    return result;
+}
+
 /**
  * The session, and the thread "CaptureRequestMonitor" that delivers results and answers requests
  * that nobody took within a second.
  *
- * Locks: sLock, of the source file, guards the members marked so; it is recursive, and held while
+ * Locks: sLock, in the source file, guards the members marked so; it is recursive, and held while
  * the mapper and the observer are called. mResultMutex guards the result queue. The two are never
- * held together. Neither is held while the client is called, unless an observer notifies it from
- * where it must not, nor while anything that a client or the provider sent is closed, but for the
- * imported buffers, which sLock guards.
+ * held together. Neither is held while the client is called (unless an observer notifies it where
+ * it must not), nor while descriptors that the client or the provider sent are closed (except those
+ * of imported buffers, which are freed under sLock).
  */
 class FDSessionImpl : public FDSession, public ::android::Thread {
 public:
     /**
      * Serves the client. Holds the session weakly, so that a client cannot keep it alive.
      *
-     * One call of the old callback may still be under way when setCallback() returns. A result of
-     * before a configure() is still delivered after it, and its buffer id is looked up anew: while
-     * results are outstanding, the ids of before must not be used again. With "vendor.zoru.flipped"
-     * the old result would turn the new buffer.
+     * A call of the old callback may still be running when setCallback() returns. Results that were
+     * queued before a configure() are delivered after it, and with "vendor.zoru.flipped" the buffer
+     * that is turned then is the new one of that id: a client must not reuse an id while results
+     * for it are outstanding.
      */
     class TrampolineInterface : public IFDSession {
     public:
@@ -189,13 +206,13 @@ public:
     bool threadLoop() override;
 
     void handleSetCallback(const sp<IFDSessionCallback>& callback);
-    /** 0 accepted, -1 refused. */
+    /** 0 when accepted, -1 when refused. */
     int32_t handleConfigure(const StreamConfiguration& configuration);
-    /** 0 queued, -1 refused. */
+    /** 0 when queued, -1 when refused. */
     int32_t handleCaptureRequest(const CaptureRequest& request);
     /**
-     * Gives one imported buffer back; its id then needs a handle again. Takes no lock: to be called
-     * from within the session, with sLock held.
+     * Frees one imported buffer; its id then needs a handle again. Takes no lock: only for callers
+     * inside the session, which hold sLock.
      */
     void freeBuffer(const StreamBuffer& buffer);
     /** Installs the default PTZ scene, one crop of 1280 x 720, without telling the observer. */
@@ -218,7 +235,6 @@ private:
     void freeAllBuffers();
     /** REQUIRES: the queue is not empty. */
     [[nodiscard]] CaptureRequest takeOldestRequest();
-    void updateRequestCount();
 
     // The steps of a pass.
     [[nodiscard]] bool takeResult(CaptureResult& result);
@@ -248,7 +264,7 @@ private:
     TrackingMode mTrackingMode;
     ISceneCallback* mSceneCallback;
 
-    // The length of mCaptureRequests, for a look without the lock. Written under sLock.
+    // The length of mCaptureRequests, read without the lock. Written under sLock.
     std::atomic<size_t> mRequestCount;
     // The monitor thread, from its first pass on.
     std::atomic<std::thread::id> mMonitor{std::thread::id()};

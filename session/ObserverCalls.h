@@ -32,9 +32,17 @@ public:
     public:
         Scope(ObserverCalls& calls, const ISceneCallback* observer, SessionLock sessionLock)
             : mCalls(calls) {
-            mCalls.begin(observer, sessionLock);
+            const std::lock_guard<std::mutex> lock(mCalls.mMutex);
+            mCalls.mRunning.push_back(
+                {std::this_thread::get_id(), observer, mCalls.mNextNumber++, sessionLock});
         }
-        ~Scope() { mCalls.end(); }
+        ~Scope() {
+            const std::lock_guard<std::mutex> lock(mCalls.mMutex);
+            auto& running = mCalls.mRunning;
+            const auto latest = std::find_if(running.rbegin(), running.rend(), isOwn);
+            running.erase(std::next(latest).base());
+            mCalls.mEnded.notify_all();
+        }
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
@@ -74,18 +82,6 @@ private:
     };
 
     static bool isOwn(const Call& call) { return call.thread == std::this_thread::get_id(); }
-
-    void begin(const ISceneCallback* observer, SessionLock sessionLock) {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mRunning.push_back({std::this_thread::get_id(), observer, mNextNumber++, sessionLock});
-    }
-    /** Ends the calling thread's latest call. */
-    void end() {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        const auto latest = std::find_if(mRunning.rbegin(), mRunning.rend(), isOwn);
-        mRunning.erase(std::next(latest).base());
-        mEnded.notify_all();
-    }
 
     std::mutex mMutex;
     std::condition_variable mEnded;
