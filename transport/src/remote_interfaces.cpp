@@ -1,5 +1,5 @@
-// The two interfaces between processes: what a client calls is a proxy, what takes its calls apart
-// is a stub. Both number the methods in the order of the definitions.
+// The two interfaces between processes. The caller calls a proxy, which sends; at the other end a
+// stub receives and calls the object.
 
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h>
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSessionCallback.h>
@@ -35,7 +35,10 @@ using host::Writer;
 
 using TransportStatus = ::android::hardware::Status;
 
-enum Method : uint32_t { PING, FIRST, SECOND, THIRD };
+// The methods' numbers on the wire: ping, then those of each interface as its definition has them.
+constexpr uint32_t kPing = 0;
+enum SessionMethod : uint32_t { SET_CALLBACK = 1, CONFIGURE, PROCESS_CAPTURE_REQUEST };
+enum CallbackMethod : uint32_t { PROCESS_CAPTURE_RESULT = 1, NOTIFY };
 
 void readNothing(Reader& /*reader*/) {}
 
@@ -46,7 +49,7 @@ public:
     explicit Proxy(std::unique_ptr<CallChannel> channel) : mChannel(std::move(channel)) {}
 
     bool isRemote() const override { return true; }
-    Return<void> ping() override { return callVoid(PING, Outgoing()); }
+    Return<void> ping() override { return callVoid(kPing, Outgoing()); }
     Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
         return mChannel->linkToDeath(recipient, cookie, wp<IBase>(sp<IBase>(this)));
     }
@@ -88,13 +91,13 @@ public:
             return TransportStatus::fromStatusT(::android::FAILED_TRANSACTION,
                                                 "no channel could be made for the callback");
         }
-        return callForStatus(FIRST, out);
+        return callForStatus(SET_CALLBACK, out);
     }
     Return<Status> configure(const StreamConfiguration& configuration) override {
-        return callForStatus(SECOND, written(configuration));
+        return callForStatus(CONFIGURE, written(configuration));
     }
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
-        return callForStatus(THIRD, written(request));
+        return callForStatus(PROCESS_CAPTURE_REQUEST, written(request));
     }
 };
 
@@ -102,20 +105,20 @@ class BpHwFDSessionCallback : public Proxy<IFDSessionCallback> {
 public:
     using Proxy::Proxy;
 
-    /** The results that it is called with end requests that these bounds count. */
-    void endRequestsOf(std::shared_ptr<RequestBounds> bounds) { mBounds = std::move(bounds); }
+    /** From now on the results that go to the client are taken off the requests counted here. */
+    void countResultsIn(std::shared_ptr<RequestBounds> bounds) { mBounds = std::move(bounds); }
 
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         // Before the call, because the client may ask for the next frame from inside it.
         if (mBounds != nullptr) mBounds->handedOver(results.size());
-        return callVoid(FIRST, written(results));
+        return callVoid(PROCESS_CAPTURE_RESULT, written(results));
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override {
-        return callVoid(SECOND, written(msgs));
+        return callVoid(NOTIFY, written(msgs));
     }
 
 private:
-    // Set before anybody else knows this object.
+    // Set before the session gets this object.
     std::shared_ptr<RequestBounds> mBounds;
 };
 
@@ -123,18 +126,16 @@ bool isAccepted(const Return<Status>& answer) {
     return answer.isOk() && static_cast<Status>(answer) == Status::OK;
 }
 
-/** A local call's transport status is of no interest, but has to be looked at. */
+/** Writes what a call returned. False when a local object has returned a transport failure. */
 template <typename Result>
-bool answered(const Result& result, Writer& writer) {
+bool writeAnswer(const Result& result, Writer& writer) {
     if (!result.isOk()) return false;
     if constexpr (!std::is_same_v<Result, Return<void>>) writer(static_cast<Status>(result));
     return true;
 }
 
-/**
- * Reads what a call brings and, if it adds up and nothing of it is refused, calls with it. False
- * when it does not add up.
- */
+/** Reads a call's arguments and calls with them, unless they are refused or not well-formed. False
+ * when they are not well-formed. */
 template <typename Arguments, typename Call>
 bool callWith(Reader& reader, Call call) {
     Arguments arguments = {};
@@ -151,17 +152,18 @@ public:
 
     bool dispatch(uint32_t method, Reader& reader, Writer& writer) override {
         switch (method) {
-            case PING:
+            case kPing:
                 return reader.complete();
-            case FIRST:
+            case SET_CALLBACK:
                 return setCallback(reader, writer);
-            case SECOND:
+            case CONFIGURE:
                 return callWith<StreamConfiguration>(reader, [&](const auto& configuration) {
                     return configure(configuration, writer);
                 });
-            case THIRD:
-                return callWith<CaptureRequest>(
-                    reader, [&](const auto& request) { return submit(request, reader, writer); });
+            case PROCESS_CAPTURE_REQUEST:
+                return callWith<CaptureRequest>(reader, [&](const auto& request) {
+                    return processCaptureRequest(request, reader, writer);
+                });
             default:
                 return false;
         }
@@ -176,15 +178,15 @@ private:
         }
         if (!reader.refusal().empty()) return true;
         const sp<BpHwFDSessionCallback> callback = static_cast<BpHwFDSessionCallback*>(proxy.get());
-        if (callback != nullptr) callback->endRequestsOf(mBounds);
-        return answered(mSession->setCallback(callback), writer);
+        if (callback != nullptr) callback->countResultsIn(mBounds);
+        return writeAnswer(mSession->setCallback(callback), writer);
     }
     bool configure(const StreamConfiguration& configuration, Writer& writer) {
         const Return<Status> answer = mSession->configure(configuration);
         if (isAccepted(answer)) mBounds->restart();
-        return answered(answer, writer);
+        return writeAnswer(answer, writer);
     }
-    bool submit(const CaptureRequest& request, Reader& reader, Writer& writer) {
+    bool processCaptureRequest(const CaptureRequest& request, Reader& reader, Writer& writer) {
         RequestBounds::Place place(*mBounds, request);
         if (place.problem() != nullptr) {
             reader.refuse(place.problem());
@@ -192,7 +194,7 @@ private:
         }
         const Return<Status> answer = mSession->processCaptureRequest(request);
         if (isAccepted(answer)) place.keep();
-        return answered(answer, writer);
+        return writeAnswer(answer, writer);
     }
 
     const sp<IFDSession> mSession;
@@ -206,15 +208,15 @@ public:
 
     bool dispatch(uint32_t method, Reader& reader, Writer& writer) override {
         switch (method) {
-            case PING:
+            case kPing:
                 return reader.complete();
-            case FIRST:
+            case PROCESS_CAPTURE_RESULT:
                 return callWith<hidl_vec<CaptureResult>>(reader, [&](const auto& results) {
-                    return answered(mCallback->processCaptureResult(results), writer);
+                    return writeAnswer(mCallback->processCaptureResult(results), writer);
                 });
-            case SECOND:
+            case NOTIFY:
                 return callWith<hidl_vec<FDNotifyMsg>>(reader, [&](const auto& msgs) {
-                    return answered(mCallback->notify(msgs), writer);
+                    return writeAnswer(mCallback->notify(msgs), writer);
                 });
             default:
                 return false;
@@ -238,7 +240,7 @@ bool registerInterface() {
     return true;
 }
 
-// Done when the library is loaded.
+// Registered when the library is loaded.
 [[maybe_unused]] const bool sRegistered =
     registerInterface<IFDSession, BpHwFDSession, BnHwFDSession>() &&
     registerInterface<IFDSessionCallback, BpHwFDSessionCallback, BnHwFDSessionCallback>();
