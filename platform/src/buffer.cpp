@@ -4,22 +4,21 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "buffer_format.h"
+#include "host/unique_fd.h"
+#include "host/unique_handle.h"
 #include "memory_map.h"
 
 namespace host {
 
 struct Buffer::Parts {
-    Parts(BufferGeometry completed, native_handle_t* owned) : geometry(completed), handle(owned) {}
-    ~Parts() {
-        native_handle_close(handle);
-        native_handle_delete(handle);
-    }
-    Parts(const Parts&) = delete;
-    Parts& operator=(const Parts&) = delete;
+    Parts(BufferGeometry completed, UniqueHandle owned)
+        : geometry(completed), handle(std::move(owned)) {}
 
     const BufferGeometry geometry;
-    native_handle_t* const handle;
+    const UniqueHandle handle;
     detail::MemoryMap map;
 };
 
@@ -28,14 +27,12 @@ std::optional<Buffer> Buffer::allocate(const BufferGeometry& geometry) {
     if (!completed) return std::nullopt;
     const size_t size = detail::planesOf(*completed).total;
 
-    const int fd = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-    if (fd < 0) return std::nullopt;
-    native_handle_t* const handle = detail::encode(fd, *completed);
-    if (handle == nullptr) {
-        close(fd);
-        return std::nullopt;
-    }
-    auto parts = std::make_unique<Parts>(*completed, handle);
+    UniqueFd memory(memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (!memory.isValid()) return std::nullopt;
+    const int fd = memory.get();
+    UniqueHandle handle = detail::encode(std::move(memory), *completed);
+    if (handle == nullptr) return std::nullopt;
+    auto parts = std::make_unique<Parts>(*completed, std::move(handle));
     const bool sized = ftruncate(fd, static_cast<off_t>(size)) == 0 &&
                        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0;
     if (!sized || !parts->map.map(fd, size)) return std::nullopt;
@@ -48,7 +45,7 @@ Buffer& Buffer::operator=(Buffer&&) noexcept = default;
 Buffer::~Buffer() = default;
 
 const native_handle_t* Buffer::handle() const {
-    return mParts->handle;
+    return mParts->handle.get();
 }
 
 const BufferGeometry& Buffer::geometry() const {

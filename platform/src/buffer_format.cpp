@@ -69,10 +69,10 @@ PlaneOffsets planesOf(const BufferGeometry& geometry) {
     return planes;
 }
 
-native_handle_t* encode(int fd, const BufferGeometry& geometry) {
-    native_handle_t* const handle = native_handle_create(1, WORD_COUNT);
+UniqueHandle encode(UniqueFd memory, const BufferGeometry& geometry) {
+    UniqueHandle handle(native_handle_create(1, WORD_COUNT));
     if (handle == nullptr) return nullptr;
-    handle->data[0] = fd;
+    handle->data[0] = memory.release();
     int* const words = &handle->data[1];
     words[WORD_MAGIC] = kMagic;
     words[WORD_WIDTH] = static_cast<int>(geometry.width);

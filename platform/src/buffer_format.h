@@ -7,6 +7,8 @@
 #include <optional>
 
 #include "host/buffer.h"
+#include "host/unique_fd.h"
+#include "host/unique_handle.h"
 
 /**
  * How a buffer's handle tells its geometry: one descriptor, a memfd sealed against shrinking, and
@@ -27,8 +29,8 @@ struct PlaneOffsets {
 };
 PlaneOffsets planesOf(const BufferGeometry& completed);
 
-/** A handle that takes over `fd`; null without memory. */
-native_handle_t* encode(int fd, const BufferGeometry& completed);
+/** A handle that owns the buffer's memory; null, and the memory closed, when none can be made. */
+UniqueHandle encode(UniqueFd memory, const BufferGeometry& completed);
 /** The geometry a handle claims; nothing when it is not a buffer's. Looks at no memory or file. */
 std::optional<BufferGeometry> parse(const native_handle_t* handle);
 

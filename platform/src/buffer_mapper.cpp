@@ -56,15 +56,15 @@ MapperError BufferMapper::importLocked(const native_handle_t* raw, buffer_handle
     std::shared_ptr<MemoryMap> memory =
         mapLocked(raw->data[0], planesOf(*geometry).total, file, error);
     if (memory == nullptr) return error;
-    const native_handle_t* const clone = native_handle_clone(raw);
+    UniqueHandle clone(native_handle_clone(raw));
     if (clone == nullptr) {
         memory.reset();
         forgetUnusedLocked(file);
         return MapperError::NO_RESOURCES;
     }
-    mImports[clone] = Import{std::move(memory), file, *geometry};
+    imported = clone.get();
+    mImports[imported] = Import{std::move(memory), std::move(clone), file, *geometry};
     ++mCounters.imports;
-    imported = clone;
     return MapperError::NONE;
 }
 
@@ -105,9 +105,6 @@ MapperError BufferMapper::free(buffer_handle_t imported) {
     const FileId file = found->second.file;
     mImports.erase(found);
     forgetUnusedLocked(file);
-    native_handle_close(imported);
-    native_handle_delete(
-        const_cast<native_handle_t*>(imported));  // NOLINT: this mapper's own clone
     ++mCounters.frees;
     return MapperError::NONE;
 }

@@ -12,6 +12,7 @@
 
 #include "buffer_format.h"
 #include "host/mapper.h"
+#include "host/unique_handle.h"
 #include "memory_map.h"
 
 namespace host::detail {
@@ -61,6 +62,7 @@ private:
 
     struct Import {
         std::shared_ptr<MemoryMap> memory;
+        UniqueHandle clone;  // whose address is the imported handle
         FileId file;
         BufferGeometry geometry;
         int locks = 0;

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "host/unique_handle.h"
+
 namespace android::hardware {
 
 namespace details {
@@ -39,8 +41,7 @@ void hidl_handle::setTo(native_handle_t* handle, bool shouldOwn) {
 }
 
 void hidl_handle::closeOwn() {
-    native_handle_close(mHandle);
-    native_handle_delete(const_cast<native_handle_t*>(mHandle));  // NOLINT: owned
+    const host::UniqueHandle owned(const_cast<native_handle_t*>(mHandle));  // NOLINT: its own
 }
 
 hidl_string::hidl_string(const std::string& text) {

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "host/descriptor_bound.h"
+#include "host/unique_handle.h"
 
 namespace {
 bool hasKnownVersion(const native_handle_t* h) {
@@ -34,21 +35,19 @@ native_handle_t* native_handle_create(int numFds, int numInts) {
 
 native_handle_t* native_handle_clone(const native_handle_t* handle) {
     if (handle == nullptr) return nullptr;
-    native_handle_t* const clone = native_handle_create(handle->numFds, handle->numInts);
+    host::UniqueHandle clone(native_handle_create(handle->numFds, handle->numInts));
     if (clone == nullptr) return nullptr;
     for (int i = 0; i < handle->numFds; ++i) {
         clone->data[i] = fcntl(handle->data[i], F_DUPFD_CLOEXEC, 0);
         const bool isMade = clone->data[i] >= 0;
         if (!isMade || host::isBeyondBound(clone->data[i])) {
-            clone->numFds = isMade ? i + 1 : i;
-            native_handle_close(clone);
-            native_handle_delete(clone);
+            clone->numFds = isMade ? i + 1 : i;  // those it owns by now
             return nullptr;
         }
     }
     memcpy(&clone->data[handle->numFds], &handle->data[handle->numFds],
            sizeof(int) * static_cast<size_t>(handle->numInts));
-    return clone;
+    return clone.release();
 }
 
 int native_handle_close(const native_handle_t* h) {

@@ -4,6 +4,7 @@
 
 #include "closing.h"
 #include "descriptor_kind.h"
+#include "host/unique_handle.h"
 
 namespace host {
 
@@ -75,7 +76,7 @@ void Reader::readHandle(hidl_handle& handle, Crossing kind) {
         mFailed = true;
         return;
     }
-    native_handle_t* const native = native_handle_create(numFds, numInts);
+    UniqueHandle native(native_handle_create(numFds, numInts));
     if (native == nullptr) {  // more than a handle may have
         mFailed = true;
         return;
@@ -83,7 +84,7 @@ void Reader::readHandle(hidl_handle& handle, Crossing kind) {
     take(&native->data[numFds], static_cast<size_t>(numInts) * sizeof(int));
     for (int i = 0; i < numFds; ++i)
         native->data[i] = descriptor(kind).release();
-    handle.setTo(native, true);
+    handle.setTo(native.release(), true);
 }
 
 bool Reader::complete() const {
