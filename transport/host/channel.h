@@ -13,9 +13,10 @@
 namespace host {
 
 /**
- * Who is told of a server's connections, with the process at the other end; either may be empty.
- * Called one at a time, on the thread that takes connections, which must not be held up: `came`
- * before the first call, `went` after the last. Not called for what the server's end ends.
+ * Called when a process connects to a server and when it has disconnected; either may be empty. One
+ * call at a time, on the thread that accepts connections, so they must not block. `came` precedes
+ * the first call of the connection, `went` follows the last. `went` is not called for connections
+ * that end because the server is destroyed.
  */
 struct ConnectionEvents {
     std::function<void(pid_t)> came;
@@ -29,14 +30,15 @@ struct ConnectionEvents {
 class Server {
 public:
     /**
-     * Makes the socket, with mode 0600. Nothing, and a sentence in `problem`, when the path is in
-     * use, cannot be made, or is too long. A path that a dead server left behind is taken over.
+     * Creates the socket, with mode 0600. Null, and a sentence in `problem`, when the path is in
+     * use, too long, or the socket cannot be created there. A socket that a dead server left behind
+     * is replaced.
      */
     static std::unique_ptr<Server> listen(
         const std::string& path, const ::android::sp<::android::hidl::base::V1_0::IBase>& object,
         std::string& problem, ConnectionEvents events = {});
 
-    /** Removes the socket, ends every connection, and waits until the calls under way are done. */
+    /** Removes the socket, ends every connection, and waits for the calls that are running. */
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
@@ -47,12 +49,12 @@ private:
     const std::unique_ptr<Impl> mImpl;
 };
 
-/** The process whose call to a server's object this thread is in; 0 outside such a call. */
+/** The process whose call to a server's object runs on this thread; 0 outside such a call. */
 pid_t callingProcess();
 
 /**
- * A proxy for what is served at the path. Null, and a sentence in `problem`, when nothing is and
- * nobody comes to serve it for so long.
+ * A proxy for the object that is served at the path. Waits up to `patience` for somebody to serve
+ * it; null, and a sentence in `problem`, when nobody does.
  */
 ::android::sp<::android::hidl::base::V1_0::IBase> connectTo(const std::string& path,
                                                             const char* descriptor,
@@ -65,7 +67,7 @@ template <typename Interface>
     return static_cast<Interface*>(connectTo(path, Interface::descriptor, patience, problem).get());
 }
 
-/** As connectWithin(), but nobody is waited for. */
+/** As connectWithin(), without waiting. */
 template <typename Interface>
 ::android::sp<Interface> connect(const std::string& path, std::string& problem) {
     return connectWithin<Interface>(path, std::chrono::milliseconds(0), problem);

@@ -8,40 +8,45 @@ namespace host {
 
 /** Bytes of a message, its header included. */
 constexpr size_t kMaxMessageBytes = size_t{64} << 10;
-/** Descriptors of a message: those of its records, and one for each interface handed over. */
+/** Descriptors of a message: those of its records, and one for each interface passed along. */
 constexpr size_t kMaxMessageFds = 64;
 /** Connections that one server serves at a time; one more is closed at once. */
 constexpr size_t kMaxConnections = 64;
 /**
- * Descriptor slots that a process that serves keeps for connections, by a lower limit: one for each
- * that may be, and one to refuse another with.
+ * Descriptor slots that a serving process keeps for connections, by lowering its limit: one for
+ * each connection, and one for accepting a further one in order to refuse it.
  */
 constexpr size_t kConnectionFds = kMaxConnections + 1;
-/** A call that brings descriptors fails when it would leave fewer slots below those. */
+/** A call that brings descriptors fails when fewer free slots than this would be left below those.
+ */
 constexpr size_t kReservedFds = 16;
-/** Descriptors that the kernel lets through with one message, whatever may cross. */
+/** The most descriptors that the kernel delivers with one message, whatever this transport allows.
+ */
 constexpr size_t kMaxArrivingFds = 253;
-/** A call waits this long for its turn, its way and its answer together. */
+/** How long a call takes at most: waiting for its turn, being sent, and being answered. */
 constexpr std::chrono::milliseconds kCallPatience(1000);
 /**
- * Requests of all clients of a server together that are on their way: accepted, and no result for
- * them handed to a callback yet. An accepted configuration starts afresh.
+ * Requests that are on their way, of all clients of a server together: accepted, and not yet
+ * answered by a result that was passed to a callback. An accepted configuration sets the count to
+ * 0.
  */
 constexpr size_t kMaxRequestsOnTheWay = 1024;
-/** Different buffer ids that come with a handle from one accepted configuration to the next. */
+/** Different buffer ids that arrive with a handle between one accepted configuration and the next.
+ */
 constexpr size_t kMaxBufferIds = 4096;
-/** Threads that close what a client sent and what may wait for that client. */
+/** Threads that close what a client sent, where closing may have to wait for that client. */
 constexpr size_t kClosingThreads = 8;
 /**
- * Descriptors that wait for those threads. While there are as many no new connection and no new
- * callback is taken, and a channel that brings a callback or what may not cross ends: it can add no
- * more than one message's.
+ * Descriptors that wait for those threads. While this many wait, no connection and no callback is
+ * accepted, and a channel that brings a callback or a forbidden descriptor is ended. So each
+ * channel can add the descriptors of one message at most.
  */
 constexpr size_t kMaxWaitingToClose = 64;
 /**
- * Slots that a process that serves has above all those, where its hard limit allows: as many as can
- * arrive before what arrives is looked at, on each connection and in two callbacks' answers, and
- * wait to be closed. What found no slot the kernel would close on the thread that receives it.
+ * Slots that a serving process has above all those, where its hard limit allows: enough for all
+ * that can arrive before it is inspected (on each connection and in two callbacks' answers) and for
+ * all that waits to be closed. A descriptor that finds no slot is closed by the kernel, on the
+ * thread that receives it.
  */
 constexpr size_t kArrivalFds =
     (kMaxConnections + 2) * kMaxArrivingFds + kMaxWaitingToClose + kClosingThreads;

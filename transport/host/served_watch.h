@@ -14,32 +14,31 @@ namespace detail {
 class ServedCalls;
 }
 
-/** How a channel over which an object was served came to its end. */
+/** How a channel over which an object was served has ended. */
 enum class ServedEnd {
-    LET_GO,    ///< the other process has let go of the object, or sent what is no call
-    GIVEN_UP,  ///< the last answer could not be sent: the other process has given the object up
+    LET_GO,    ///< the other process has closed the channel, or sent something that is no call
+    GIVEN_UP,  ///< the last answer could not be sent: the other process no longer waits for it
 };
 
 /**
- * Watches the channels over which an object of this process is served, a callback that was handed
- * over, for the scope of this object. Make it before the object is handed over. Thread-safe; keeps
- * a reference to the object.
+ * Watches the channels over which an object of this process is served, such as a callback that was
+ * passed in a call, for the scope of this object. Make it before the object is passed on.
+ * Thread-safe; keeps a reference to the object.
  */
 class ServedWatch {
 public:
     /** `ended`, if given, is called once for each channel that ends, on that channel's thread. */
     explicit ServedWatch(const ::android::sp<::android::hidl::base::V1_0::IBase>& object,
                          std::function<void(ServedEnd)> ended = {});
-    /** One call of `ended` may still come, or be under way: what it captures has to live by itself.
-     */
+    /** A call of `ended` may still begin or be running, so `ended` must own what it captures. */
     ~ServedWatch();
     ServedWatch(const ServedWatch&) = delete;
     ServedWatch& operator=(const ServedWatch&) = delete;
 
     /**
-     * Waits until every call that has reached the object is answered: who ends earlier leaves the
-     * caller without an answer. False when that takes longer. REQUIRES: not called from inside such
-     * a call, which would wait for itself.
+     * Waits until every call that has reached the object is answered: a process that ends earlier
+     * leaves its caller without an answer. False when that takes longer. REQUIRES: not called from
+     * inside such a call, which would wait for itself.
      */
     bool waitUntilAnswered(std::chrono::milliseconds patience = kCallPatience);
 

@@ -12,10 +12,10 @@
 #include "host/unique_fd.h"
 
 /**
- * How records travel. A record lists its fields once, in a specialisation of Fields; writing,
- * reading and every check of a length come from that list. Numbers go as they lie in memory: both
- * ends are on one machine. Descriptors go beside the bytes, in the order of the handles that own
- * them.
+ * How records are sent. A record lists its fields once, in a specialisation of Fields; writing,
+ * reading and every check of a length come from that list. Numbers are sent as they are in memory,
+ * because both ends are on one machine. Descriptors go beside the bytes, in the order of the
+ * handles that own them.
  */
 namespace host {
 
@@ -24,12 +24,13 @@ template <typename Record>
 struct Fields;
 
 /**
- * What a descriptor that crosses may be: kinds whose closing waits for nobody. Memory is a memfd
- * (not of huge pages), a fence an eventfd, a sync file or an end of a pipe.
+ * What a descriptor may be that crosses to another process: only kinds that can be closed without
+ * waiting. Memory is a memfd (not of huge pages); a fence is an eventfd, a sync file or a pipe's
+ * end.
  */
 enum class Crossing { MEMORY, FENCE, CHANNEL };
 
-/** A handle of a record, and what its descriptors may be. */
+/** A handle of a record, and which kind its descriptors must be. */
 template <typename Handle>
 struct HandleOf {
     Handle& handle;
@@ -44,7 +45,7 @@ HandleOf<Handle> fence(Handle& handle) {
     return {handle, Crossing::FENCE};
 }
 
-/** Bytes, put one after the other. Those of a usual message take one allocation. Value type. */
+/** A growing string of bytes; a message of the usual size takes one allocation. Value type. */
 class Bytes {
 public:
     void append(const void* data, size_t size) {
@@ -62,21 +63,21 @@ private:
     size_t mSize = 0;
 };
 
-/** What goes out behind a message's header. The records it was written from have to outlive it. */
+/** What is sent after a message's header. The records that it was written from must outlive it. */
 struct Outgoing {
     Bytes bytes;
-    std::vector<int> fds;              ///< borrowed from the records, or from `handedOver`
-    std::vector<UniqueFd> handedOver;  ///< given away with the message
+    std::vector<int> fds;              ///< owned by the records, or by `handedOver`
+    std::vector<UniqueFd> handedOver;  ///< given to the peer: closed with this record
 };
 
-/** What came in behind a message's header. `data` is good until the next message of the channel. */
+/** What arrived after a message's header. `data` is valid until the channel's next message. */
 struct Incoming {
     const uint8_t* data = nullptr;
     size_t size = 0;
     std::vector<UniqueFd> fds;
 };
 
-/** Appends values to what goes out. Copies no descriptor: the kernel does, on the way. */
+/** Appends values to what is sent. Descriptors are not duplicated here; sending does that. */
 class Writer {
 public:
     explicit Writer(Outgoing& out) : mOut(out) {}
@@ -85,7 +86,7 @@ public:
     void operator()(const Values&... values) {
         (write(values), ...);
     }
-    /** Gives a descriptor away. */
+    /** Passes a descriptor on. */
     void descriptor(UniqueFd fd);
 
 private:
@@ -118,16 +119,16 @@ private:
     Outgoing& mOut;
 };
 
-/** Who sent what came in. A client's descriptors are held against what may cross. */
+/** Who sent what arrived. A client's descriptors are checked against what may cross. */
 enum class Peer { PROVIDER, CLIENT };
 
 /**
- * Takes values out of what came in, which nobody vouches for. The first value that does not fit
- * fails the whole: from then on nothing is read, and complete() is false. Nothing is allocated
- * before the bytes that it is for are known to be there.
+ * Takes values out of what arrived, which is not trusted. The first value that does not fit fails
+ * the whole message: from then on nothing is read, and complete() is false. Nothing is allocated
+ * before the bytes for it are known to be there.
  *
- * What fits but is not wanted is refused: reading goes on, but from then on descriptors stay with
- * what came in, and nobody may be called with the values.
+ * A message that fits but is not wanted is refused: reading goes on, but its descriptors stay in
+ * Incoming, and the values must not be used.
  */
 class Reader {
 public:
@@ -137,15 +138,15 @@ public:
     void operator()(Values&&... values) {
         (read(values), ...);
     }
-    /** The next descriptor; invalid when there is none left, or what came is refused. */
-    UniqueFd descriptor(Crossing kind);
-    /** Whether every value fitted, and all bytes and descriptors were asked for. */
-    bool complete() const;
+    /** The next descriptor; invalid when none is left, or when the message is refused. */
+    [[nodiscard]] UniqueFd descriptor(Crossing kind);
+    /** Whether every value fitted, and all bytes and descriptors were taken. */
+    [[nodiscard]] bool complete() const;
 
-    /** Refuses what came, with a sentence for who sent it; the first one counts. */
+    /** Refuses the message, with a sentence for its sender; the first refusal counts. */
     void refuse(const std::string& why);
-    /** Why it is refused; empty when it is not. */
-    const std::string& refusal() const { return mRefusal; }
+    /** Why the message is refused; empty when it is not. */
+    [[nodiscard]] const std::string& refusal() const { return mRefusal; }
 
 private:
     template <typename T>
@@ -160,7 +161,8 @@ private:
     void read(::android::hardware::hidl_vec<T>& vector) {
         uint32_t count = 0;
         read(count);
-        // Every element takes at least a byte, so a count beyond the bytes that are left is a lie.
+        // A count is wrong when the bytes that are left cannot hold so many of the smallest
+        // element.
         if (mFailed || count > left() / smallest<T>()) {
             mFailed = true;
             return;

@@ -35,7 +35,7 @@ Status statusOf(const Failure& failure) {
                                (failure.text.empty() ? noAnswer() : failure.text).c_str());
 }
 
-/** What the peer says, fit for a line of a log. */
+/** The beginning of what the peer says, with every character that is not printable replaced. */
 std::string printable(const Incoming& in) {
     constexpr size_t kMost = 120;
     std::string text(reinterpret_cast<const char*>(in.data), std::min(in.size, kMost));
@@ -47,8 +47,8 @@ std::string printable(const Incoming& in) {
 }  // namespace
 
 /**
- * Waits for the end of the socket on a thread of its own; destroying it calls the wait off. It does
- * not wait for that thread: the recipient may be what destroys it, or may wait for who does.
+ * Waits for the end of the socket on a thread of its own. Destroying it cancels that, without
+ * waiting for the thread: the recipient may be what destroys it, or may wait for whoever does.
  */
 class CallChannel::DeathWatch {
 public:
@@ -89,11 +89,11 @@ public:
     }
 
 private:
-    /** With the thread, which may end later. */
+    /** Shared with the thread, which may end later than the watch. */
     struct Shared {
-        /** Whom to tell; null when it was called off. */
+        /** The recipient to tell; null when that was cancelled. */
         sp<hidl_death_recipient> end() {
-            UniqueFd closedLast;  // without the mutex: it can wait for the peer
+            UniqueFd closedLast;  // closed without the mutex, because that can wait for the peer
             const std::lock_guard<std::mutex> lock(mutex);
             closedLast = std::move(socket);
             stop.reset();
@@ -104,7 +104,7 @@ private:
         // Closed by the thread at its end, under mutex.
         UniqueFd socket;
         UniqueFd stop;
-        sp<hidl_death_recipient> recipient;  // guarded by mutex; null once told or called off
+        sp<hidl_death_recipient> recipient;  // guarded by mutex; null once told or cancelled
     };
 
     const std::shared_ptr<Shared> mShared;
@@ -159,7 +159,7 @@ Status CallChannel::call(uint32_t method, const Outgoing& out,
         return {};
     };
     const Failure failure = exchange();
-    detail::letGoOf(in.fds);
+    detail::closeUnused(in.fds);
 
     lock.lock();
     mTickets.erase(mTickets.begin());
@@ -183,7 +183,7 @@ bool CallChannel::linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_
 
 bool CallChannel::unlinkToDeath(const sp<hidl_death_recipient>& recipient) {
     if (recipient == nullptr) return false;
-    std::unique_ptr<DeathWatch> ended;  // ends after the lock: the recipient may go with it
+    std::unique_ptr<DeathWatch> ended;  // destroyed after the lock, with it perhaps the recipient
     const std::lock_guard<std::mutex> lock(mMutex);
     const auto found = std::find_if(mWatches.begin(), mWatches.end(),
                                     [&](const auto& watch) { return watch->tells(recipient); });

@@ -26,7 +26,7 @@ Closing& closing() {
     return *instance;
 }
 
-/** The next that waits; invalid, and the calling thread counted out, when there is none. */
+/** The next one that waits. Invalid when there is none; the calling thread must then end. */
 UniqueFd takeNext() {
     const std::lock_guard<std::mutex> lock(closing().mutex);
     if (closing().waiting.empty()) {
@@ -51,13 +51,13 @@ void closeLater(UniqueFd fd) {
     closing().waiting.push_back(std::move(fd));
     if (closing().threads == kClosingThreads) return;
     std::thread thread;
-    // Without a thread it waits for the next one.
+    // When no thread can be made, a later call of closeLater() or a running thread closes it.
     if (!startThreadAlways(thread, "closing", closeAll)) return;
     thread.detach();
     ++closing().threads;
 }
 
-void letGoOf(std::vector<UniqueFd>& fds) {
+void closeUnused(std::vector<UniqueFd>& fds) {
     for (UniqueFd& fd : fds) {
         if (!fd.isValid() || isFence(fd.get()) || isMemory(fd.get())) {
             fd.reset();

@@ -5,24 +5,24 @@
 #include "host/unique_fd.h"
 
 /**
- * Closing what a client sent can wait for that client: a socket that lingers, a file of a file
- * system of its own, or a socket in whose queue such things wait unread. So it is done by threads
- * that nobody waits for, neither a call nor a lock nor the end of the process: at most
- * kClosingThreads of them, which are there only while there is something to close.
+ * Closing what a client sent can block on that client: a socket that lingers, a file of a file
+ * system that the client serves, or a socket with such things unread in its queue. So it is done in
+ * the background, by at most kClosingThreads threads that exist only while there is something to
+ * close. No call, no lock and not the end of the process waits for them.
  *
- * Taking a descriptor never waits and never fails. Who could bring more asks isClosingBehind()
- * first, so that what waits stays bounded. Any thread.
+ * closeLater() never blocks and never fails. Before taking more from a client, ask
+ * isClosingBehind(), so that what waits stays bounded. Any thread.
  */
 namespace host::detail {
 
 void closeLater(UniqueFd fd);
 /**
- * Lets go of what came with a message and nobody took: at once of what cannot keep anybody waiting,
- * later of the rest.
+ * Closes what came with a message and was not used: at once where closing cannot block, otherwise
+ * in the background.
  */
-void letGoOf(std::vector<UniqueFd>& fds);
+void closeUnused(std::vector<UniqueFd>& fds);
 
-/** Whether as many descriptors wait as may, kMaxWaitingToClose. */
-bool isClosingBehind();
+/** Whether kMaxWaitingToClose descriptors, the most that are allowed, wait to be closed. */
+[[nodiscard]] bool isClosingBehind();
 
 }  // namespace host::detail

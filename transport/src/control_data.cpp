@@ -7,7 +7,7 @@ namespace host::detail {
 
 namespace {
 
-// Newer than some C libraries: an option, and what it brings with each message.
+// Newer than some C libraries: a socket option, and the control message that it causes.
 constexpr int kPassPidfd = 76;  // SO_PASSPIDFD
 constexpr int kPidfd = 0x04;    // SCM_PIDFD
 

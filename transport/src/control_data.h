@@ -9,15 +9,15 @@
 namespace host::detail {
 
 /**
- * Takes over every descriptor that came with a message, whatever becomes of it. Only those that its
- * sender gave along get into `fds`. What the kernel adds because an option of the socket asks for
- * it, a pidfd of the sender for instance, is let go of.
+ * Takes ownership of every descriptor that came with a message. Those that the sender passed go
+ * into `fds`. Those that the kernel adds because of a socket option, a pidfd of the sender for
+ * instance, are closed.
  */
 void takeDescriptors(msghdr& message, std::vector<UniqueFd>& fds);
 
 /**
- * Switches off what makes the kernel add control data to messages: a socket that a peer handed over
- * comes with the options that the peer has set, and can set again.
+ * Switches off the options that make the kernel add control data to messages. A socket that a peer
+ * has passed comes with the options that the peer set, and the peer can set them again.
  */
 void switchOffControlData(int socket);
 

@@ -13,7 +13,8 @@ namespace host::detail {
 
 namespace {
 
-/** Its beginning, which is all that tells kinds apart. The path of a file begins with a slash. */
+/** The beginning of its name, which is enough to tell the kinds. A file's path begins with a slash.
+ */
 std::string nameOf(int fd) {
     char name[32];
     const std::string link = "/proc/self/fd/" + std::to_string(fd);
@@ -34,7 +35,7 @@ int optionOf(int socket, int option) {
 }  // namespace
 
 bool isMemory(int fd) {
-    // Only memory has seals; the name tells a memfd from a file of a file system in memory.
+    // Seals exist only in memory; the name tells a memfd from a file on a file system in memory.
     struct statfs system = {};
     return fcntl(fd, F_GET_SEALS) >= 0 && beginsWith(nameOf(fd), "/memfd:") &&
            fstatfs(fd, &system) == 0 && system.f_type != HUGETLBFS_MAGIC;

@@ -1,8 +1,8 @@
 #pragma once
 
 /**
- * What a descriptor is, told without asking a file system, which may be the client's own and never
- * answer: by its name in /proc/self/fd and by what only some kinds know.
+ * Of which kind a descriptor is. Found out without asking its file system, which a client may serve
+ * and leave unanswered: by its name in /proc/self/fd, its seals and its socket options.
  */
 namespace host::detail {
 

@@ -5,7 +5,7 @@
 
 #include "host/wire.h"
 
-/** The fields of each record that travels, once, in their order; and the fewest bytes they take. */
+/** The fields of each record that is sent, in their order, and the fewest bytes that they take. */
 namespace host {
 
 template <>

@@ -10,8 +10,7 @@ namespace host {
 
 namespace {
 
-/** The interfaces of the libraries that are loaded. Never destroyed: a channel may outlive main().
- */
+/** The registered interfaces. Never destroyed, because a channel may outlive main(). */
 struct Registry {
     std::mutex mutex;
     std::map<std::string, InterfaceMakers> makers;  // guarded by mutex

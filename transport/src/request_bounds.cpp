@@ -22,7 +22,7 @@ RequestBounds::Place::Place(RequestBounds& bounds, const CaptureRequest& request
 RequestBounds::Place::~Place() {
     if (mProblem != nullptr) return;
     const std::lock_guard<std::mutex> lock(mBounds.mMutex);
-    // A configuration that was accepted meanwhile has forgotten the place.
+    // A configuration that was accepted meanwhile has reset the count.
     const bool isForgotten = mConfiguration != mBounds.mConfiguration;
     if (mIsKept && isForgotten) ++mBounds.mOnTheWay;
     if (!mIsKept && !isForgotten && mBounds.mOnTheWay > 0) --mBounds.mOnTheWay;

@@ -8,9 +8,9 @@
 #include <set>
 
 /**
- * What the clients of one server may leave with the provider, all together: kMaxRequestsOnTheWay
+ * What the provider holds for all clients of one server together: at most kMaxRequestsOnTheWay
  * requests, and kMaxBufferIds buffer ids that came with a handle. The session itself has no such
- * bound, and a request with an empty handle costs its client no descriptor. Thread-safe.
+ * bounds, and a request with an empty handle costs its client no descriptor. Thread-safe.
  */
 namespace host {
 
@@ -18,7 +18,7 @@ class RequestBounds {
 public:
     using CaptureRequest = ::android::hardware::camera::device::V3_2::CaptureRequest;
 
-    /** Keeps a place for a request before the session has it, and gives it up if it is refused. */
+    /** Reserves a place for a request before it goes to the session; freed again unless kept. */
     class Place {
     public:
         Place(RequestBounds& bounds, const CaptureRequest& request);
@@ -27,8 +27,8 @@ public:
         Place& operator=(const Place&) = delete;
 
         /** Why there is no place; null when there is one. */
-        const char* problem() const { return mProblem; }
-        /** The session has the request. */
+        [[nodiscard]] const char* problem() const { return mProblem; }
+        /** The session has accepted the request. */
         void keep() { mIsKept = true; }
 
     private:
@@ -38,18 +38,18 @@ public:
         bool mIsKept = false;
     };
 
-    /** Results are handed to a callback, whatever becomes of them. */
+    /** Results are about to be passed to a callback; they count as answers even if that fails. */
     void handedOver(size_t results);
     /** A configuration was accepted. */
     void restart();
 
 private:
     // REQUIRES: mMutex is held.
-    bool takeIds(const CaptureRequest& request);
+    [[nodiscard]] bool takeIds(const CaptureRequest& request);
 
     std::mutex mMutex;
     // Guarded by mMutex.
-    uint64_t mConfiguration = 0;  // which one it is
+    uint64_t mConfiguration = 0;  // the number of accepted configurations
     size_t mOnTheWay = 0;
     std::set<uint64_t> mIds;
 };

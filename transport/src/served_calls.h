@@ -12,18 +12,18 @@
 
 namespace host::detail {
 
-/** What a watch of an object shares with the channels that serve it. Thread-safe. */
+/** Shared by a watch of an object and the channels that serve the object. Thread-safe. */
 class ServedCalls {
 public:
     explicit ServedCalls(std::function<void(ServedEnd)> ended) : mEnded(std::move(ended)) {}
 
     void begin();
     void end();
-    /** False when calls are still under way after so long. */
-    bool waitForAll(std::chrono::milliseconds patience);
+    /** False when calls are still running after that time. */
+    [[nodiscard]] bool waitForAll(std::chrono::milliseconds patience);
 
     void channelEnded(ServedEnd how);
-    /** From now on nobody is told. */
+    /** From now on `ended` is not called. */
     void callOff();
 
 private:
@@ -34,7 +34,7 @@ private:
     std::function<void(ServedEnd)> mEnded;
 };
 
-/** The watches of an object, looked up once for each channel that serves it. */
+/** The watches of an object. Each channel that serves it looks them up once. */
 using Watches = std::vector<std::shared_ptr<ServedCalls>>;
 Watches watchesOf(const IBase* object);
 

@@ -39,28 +39,28 @@ bool refuse(int socket, const Header& call, const std::string& why) {
     return answer(socket, call, Header::REFUSED, out);
 }
 
-/** A call that the watches of a served object know of, for the scope of this object. */
-class CallUnderWay {
+/** Reports a call to the watches of the served object, for the scope of this object. */
+class WatchedCall {
 public:
-    explicit CallUnderWay(const Watches& watches) : mWatches(watches) {
+    explicit WatchedCall(const Watches& watches) : mWatches(watches) {
         for (const auto& calls : mWatches)
             calls->begin();
     }
-    ~CallUnderWay() {
+    ~WatchedCall() {
         for (const auto& calls : mWatches)
             calls->end();
     }
-    CallUnderWay(const CallUnderWay&) = delete;
-    CallUnderWay& operator=(const CallUnderWay&) = delete;
+    WatchedCall(const WatchedCall&) = delete;
+    WatchedCall& operator=(const WatchedCall&) = delete;
 
 private:
     const Watches& mWatches;
 };
 
-/** What came with a call; what nobody took of it is let go of at the end. */
+/** What came with a call. Closes what was not used of it at the end. */
 struct Arrival {
     Arrival() = default;
-    ~Arrival() { letGoOf(in.fds); }
+    ~Arrival() { closeUnused(in.fds); }
     Arrival(const Arrival&) = delete;
     Arrival& operator=(const Arrival&) = delete;
 
@@ -68,30 +68,29 @@ struct Arrival {
     Incoming in;
 };
 
-/** Refuses a call. False when the channel ends, because too much of what came waits to be closed.
- */
-bool refuseAndLetGo(int socket, Arrival& arrival, const std::string& why) {
+/** Refuses a call. False when the channel has to end, because too much waits to be closed. */
+bool refuseAndClose(int socket, Arrival& arrival, const std::string& why) {
     const bool answered = refuse(socket, arrival.call, why);
     auto& fds = arrival.in.fds;
     const bool isAnyLeft =
         std::any_of(fds.begin(), fds.end(), [](const UniqueFd& fd) { return fd.isValid(); });
-    letGoOf(fds);
+    closeUnused(fds);
     if (!isAnyLeft || !isClosingBehind()) return answered;
     logEnd("it brings what has to be closed, and too much waits for that already");
     return false;
 }
 
-/** One call. False when the channel has come to its end, which is as `end` says. */
+/** Serves one call. False when the channel has ended; `end` then says how. */
 bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
               const Watches& watches, ServedEnd& end) {
     Arrival arrival;
     auto& [call, in] = arrival;
     const Failure failure = receiveMessage(socket, call, buffer, in, {});
-    const CallUnderWay underWay(watches);
+    const WatchedCall watched(watches);
     if (!failure.isOk()) {
         if (failure.status == ::android::DEAD_OBJECT) return false;
         logEnd(failure.text.c_str());
-        // The bytes of a call whose descriptors were lost came whole, so its caller can be told.
+        // A call that lost its descriptors has all of its bytes, so its caller can be told.
         if (failure.status == ::android::NO_MEMORY) refuse(socket, call, failure.text);
         return false;
     }
@@ -101,7 +100,7 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
     }
     const bool isShort = std::any_of(in.fds.begin(), in.fds.end(),
                                      [](const UniqueFd& fd) { return isBeyondBound(fd.get()); });
-    if (isShort) return refuseAndLetGo(socket, arrival, "too few descriptor slots are free");
+    if (isShort) return refuseAndClose(socket, arrival, "too few descriptor slots are free");
     Reader reader(in, peer);
     Outgoing out;
     Writer writer(out);
@@ -109,7 +108,7 @@ bool serveOne(int socket, Stub& stub, Peer peer, std::vector<uint8_t>& buffer,
         logEnd("no such method, or arguments that do not add up");
         return false;
     }
-    if (!reader.refusal().empty()) return refuseAndLetGo(socket, arrival, reader.refusal());
+    if (!reader.refusal().empty()) return refuseAndClose(socket, arrival, reader.refusal());
     const bool answered = answer(socket, call, Header::ANSWER, out);
     if (!answered) end = ServedEnd::GIVEN_UP;
     return answered;

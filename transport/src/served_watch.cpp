@@ -50,7 +50,7 @@ void ServedCalls::channelEnded(ServedEnd how) {
 }
 
 void ServedCalls::callOff() {
-    std::function<void(ServedEnd)> ended;  // ends after the lock: it may own what waits for it
+    std::function<void(ServedEnd)> ended;  // destroyed after the lock: what it owns may need it
     const std::lock_guard<std::mutex> lock(mMutex);
     std::swap(mEnded, ended);
 }

@@ -50,7 +50,7 @@ UniqueFd makeSocket() {
     return UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
 }
 
-/** As connect(2), but gives up with EAGAIN when nobody takes the connection for so long. */
+/** As connect(2), but gives up with EAGAIN when it is not accepted within kCallPatience. */
 int connectSocket(const UniqueFd& socket, const sockaddr_un& address) {
     constexpr std::chrono::microseconds kMicroseconds = kCallPatience;
     constexpr timeval patience = {kMicroseconds.count() / 1000000, kMicroseconds.count() % 1000000};
@@ -78,8 +78,8 @@ FileId fileId(const std::string& path) {
 }
 
 /**
- * Lets one process at a time of those that serve look at a socket's path and change it. Who cannot
- * have the lock goes on without it after a while: somebody else may hold it for other reasons.
+ * Lets one serving process at a time look at a socket's path and change it. A process that does not
+ * get the lock goes on without it after a while: somebody else may hold it for another reason.
  */
 class FolderLock {
 public:
@@ -102,7 +102,7 @@ private:
     const UniqueFd mFolder;
 };
 
-/** A socket file that nobody listens on any more is taken away. */
+/** Removes a socket file on which nobody listens any more. */
 bool clearStale(const std::string& path, const sockaddr_un& address, std::string& problem) {
     struct stat file = {};
     if (lstat(path.c_str(), &file) != 0) return true;
@@ -121,7 +121,7 @@ bool clearStale(const std::string& path, const sockaddr_un& address, std::string
     return true;
 }
 
-/** Invalid, and a sentence in `problem`, when the path cannot be had. */
+/** Invalid, and a sentence in `problem`, when the path is not available. */
 UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address, FileId& file,
                          std::string& problem) {
     const FolderLock lock(path);
@@ -163,7 +163,7 @@ public:
         }
         for (Connection& connection : mConnections)
             end(connection);
-        // What is left in its queue goes with it.
+        // Closing it closes the connections in its queue, too, and those can block.
         shutdown(mSocket.get(), SHUT_RDWR);
         detail::closeLater(std::move(mSocket));
     }
@@ -186,8 +186,8 @@ private:
         std::atomic<bool> ended{false};
     };
 
-    /** Not what somebody else has put in its place: the socket is open, so its number is its own.
-     */
+    /** Removes the socket's file, unless somebody has replaced it. The open socket keeps the file's
+     * number from being used again. */
     void removeSocket() const {
         const FolderLock lock(mPath);
         if (fileId(mPath) == mFile) unlink(mPath.c_str());
@@ -202,7 +202,7 @@ private:
         bool full = false;
         while (!mStopping) {
             // Without a slot for it, or while too much waits to be closed, a connection stays in
-            // the backlog: asked for again, not spun on.
+            // the backlog and is tried again after a pause.
             pollfd entries[] = {{mWake.get(), POLLIN, 0}, {mSocket.get(), POLLIN, 0}};
             poll(entries, full ? 1 : 2, full ? kRetryMs : -1);
             eventfd_t woken = 0;

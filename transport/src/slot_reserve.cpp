@@ -15,7 +15,7 @@ namespace host::detail {
 namespace {
 
 constexpr rlim_t kFewest = 3 * kReservedFds;  // to serve one client at all
-constexpr rlim_t kUsual = 1024;               // what a process may have open by itself
+constexpr rlim_t kUsual = 1024;               // enough for the process itself
 
 std::mutex sMutex;
 std::atomic<bool> sIsTight{false};  // changes under sMutex
@@ -30,7 +30,7 @@ rlimit limits() {
     return limit;
 }
 
-/** Moves the limit from one value to another; not when somebody else has moved it meanwhile. */
+/** Moves the limit from one value to another, unless somebody else has changed it meanwhile. */
 void moveLimit(rlim_t from, rlim_t to) {
     rlimit limit = limits();
     if (limit.rlim_cur != from) return;

@@ -3,17 +3,18 @@
 namespace host::detail {
 
 /**
- * Keeps the last descriptor slots of a process that serves out of its clients' reach.
+ * Keeps the last descriptor slots of a serving process out of its clients' reach.
  *
- * While a server is there, the last kConnectionFds of the process's limit are for connections, and
- * the kReservedFds below them for calls on their way. What clients cause to stay (duplicates in
- * queues, descriptors that arrived) is let go of at once when it got one of these numbers or a
- * higher one: numbers are given out from the lowest, so that all others are taken then.
+ * While there is a server, the last kConnectionFds slots of the process's limit are reserved for
+ * connections, and the kReservedFds below them for calls that are being received. Whatever clients
+ * make the process keep (duplicates in queues, descriptors that arrived) is closed at once when its
+ * number is one of these or higher. The kernel gives the lowest free number, so a number that high
+ * means that no other slot is free.
  *
- * The limit itself is kArrivalFds higher meanwhile, so that whatever arrives finds a slot; the hard
- * limit may ask for some of those below the limit that was. Where it is too low for that, the
- * process is tight: messages have to be looked at before they are taken. The last kConnectionFds of
- * all are opened for a connection only. Thread-safe.
+ * Meanwhile the limit is raised by kArrivalFds, so that everything that arrives finds a slot; where
+ * the hard limit allows less, those slots come out of the original limit. Where even that leaves
+ * too few, the process is "tight": a message is looked at before it is taken out of its socket. The
+ * topmost kConnectionFds slots are opened only while a connection is accepted. Thread-safe.
  */
 class SlotReserve {
 public:
@@ -22,8 +23,8 @@ public:
     SlotReserve(const SlotReserve&) = delete;
     SlotReserve& operator=(const SlotReserve&) = delete;
 
-    /** False when so few descriptors may be open that nothing can be kept. */
-    bool isHeld() const { return mHeld; }
+    /** False when the process's limit is too low to reserve anything. */
+    [[nodiscard]] bool isHeld() const { return mHeld; }
 
     /** Opens the slots for connections for the scope of this object. */
     class Opened {
@@ -37,8 +38,8 @@ public:
         unsigned long mLimit;
     };
 
-    /** Whether what a message brings may find no slot. */
-    static bool isTight();
+    /** Whether what a message brings might find no slot. */
+    [[nodiscard]] static bool isTight();
 
 private:
     bool mHeld = false;

@@ -22,12 +22,13 @@ using ::android::FAILED_TRANSACTION;
 using ::android::NO_MEMORY;
 using ::android::TIMED_OUT;
 
-/** Short enough to be over before a call's patience is. */
+/** Short enough to end before kCallPatience does. */
 constexpr auto kReceiveTimeout = kCallPatience - std::chrono::milliseconds(10);
 
 /**
- * What one message can bring: as many descriptors as the kernel lets through, and what it adds.
- * What finds no room here the kernel would close on the receiving thread, however long that takes.
+ * Room for all that one message can bring: the most descriptors that the kernel delivers, and what
+ * it adds. Descriptors without room here are closed by the kernel on the receiving thread, however
+ * long that takes.
  */
 constexpr size_t kAddedBytes = 512;
 using Control = std::array<char, CMSG_SPACE(sizeof(int) * kMaxArrivingFds) + kAddedBytes>;
@@ -133,12 +134,13 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
     alignas(cmsghdr) Control control;
     iovec part = {buffer.data(), buffer.size()};
     msghdr message = {};
-    // The call itself waits, for ever or by the socket's time-out, where that is soon enough; else
-    // a poll does before it, because what is waited for has hardly ever come already.
+    // The receive itself waits, without a limit or by the socket's time-out, if that ends in time.
+    // Otherwise a poll waits before it, because the message has hardly ever arrived already.
     bool waitsItself = !deadline || (hasTimeout && *deadline - std::chrono::steady_clock::now() >=
                                                        kReceiveTimeout);
-    // Where not all may find a slot, the message stays in the socket until it has: what the kernel
-    // lets go of is then never the last that holds it. The socket is closed by who may wait.
+    // Where not every descriptor may find a slot, the message is peeked at first. What the kernel
+    // then closes is still held by the message in the socket, so closing it cannot block; the
+    // socket is closed in the background.
     const bool looksFirst = SlotReserve::isTight();
     for (;;) {
         if (!waitsItself) {

@@ -13,7 +13,7 @@
 /** One message over one connected SOCK_SEQPACKET socket, with a deadline. */
 namespace host::detail {
 
-using Deadline = std::optional<std::chrono::steady_clock::time_point>;  ///< none: for ever
+using Deadline = std::optional<std::chrono::steady_clock::time_point>;  ///< none: no limit
 
 /** Why a message did not get through; OK when it did. */
 struct Failure {
@@ -33,21 +33,22 @@ struct Header {
     uint32_t fds;
 };
 
-Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadline deadline);
+[[nodiscard]] Failure sendMessage(int socket, const Header& header, const Outgoing& out,
+                                  Deadline deadline);
 
 /**
- * Gives the socket a time-out of its own, a little before kCallPatience, for receiveMessage() to
- * wait in. Only for a socket of which no other process has this end, because it could change that.
+ * Gives the socket a receive time-out a little below kCallPatience, with which receiveMessage() can
+ * wait. Only for an end that no other process has, because that one could change it.
  */
-bool setReceiveTimeout(int socket);
+[[nodiscard]] bool setReceiveTimeout(int socket);
 
 /**
  * Receives into `buffer`, which `in` then points into. Descriptors are close-on-exec and owned by
- * `in` whatever comes of it. A message that is no message, or has lost descriptors on the way, is a
- * failure of the channel: it must not be used again. A socket that has setReceiveTimeout()'s waits
- * in the receive itself, which is a system call less.
+ * `in`, also after a failure. After any failure, malformed or lost data included, the channel must
+ * not be used again. With `hasTimeout`, for a socket that has setReceiveTimeout()'s, the receive
+ * itself waits, which saves a system call.
  */
-Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
-                       Deadline deadline, bool hasTimeout = false);
+[[nodiscard]] Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
+                                     Incoming& in, Deadline deadline, bool hasTimeout = false);
 
 }  // namespace host::detail

@@ -11,11 +11,11 @@
 namespace host::detail {
 
 /**
- * Runs `body` on a new thread of this name. False, and `body` is gone, when none can be made. No
- * test lets this one fail.
+ * Runs `body` on a new thread of this name. False, and `body` is destroyed, when none can be made.
+ * failNextThreadStart() has no effect on it.
  */
 template <typename Body>
-bool startThreadAlways(std::thread& thread, const char* name, Body body) {
+[[nodiscard]] bool startThreadAlways(std::thread& thread, const char* name, Body body) {
     try {
         thread = std::thread([name, body = std::move(body)] {
             pthread_setname_np(pthread_self(), name);
@@ -27,9 +27,9 @@ bool startThreadAlways(std::thread& thread, const char* name, Body body) {
     return true;
 }
 
-/** The same, as failNextThreadStart() lets it. */
+/** The same, but fails when failNextThreadStart() says so. */
 template <typename Body>
-bool startThread(std::thread& thread, const char* name, Body body) {
+[[nodiscard]] bool startThread(std::thread& thread, const char* name, Body body) {
     return !takeThreadStartFailure() && startThreadAlways(thread, name, std::move(body));
 }
 
