@@ -1,0 +1,66 @@
+// What the interfaces' records, handles and results own, and what ends the process.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace testing_support {
+
+using android::hardware::hidl_handle;
+using android::hardware::Return;
+
+TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
+    native_handle_t* const raw = native_handle_create(1, 1);
+    raw->data[0] = STDERR_FILENO;
+    raw->data[1] = 42;
+    const hidl_handle borrowed(raw);
+    hidl_handle copy(borrowed);  // owns, also as the copy of one that does not
+    ASSERT_NE(copy.getNativeHandle(), nullptr);
+    EXPECT_NE(copy->data[0], STDERR_FILENO);
+    EXPECT_EQ(fcntl(copy->data[0], F_GETFD), FD_CLOEXEC);
+    EXPECT_EQ(copy->data[1], 42);
+    const hidl_handle moved(std::move(copy));
+    EXPECT_EQ(copy.getNativeHandle(), nullptr);  // NOLINT: what a move leaves is the question
+    raw->numFds = 2;  // of two descriptors the second cannot be duplicated
+    raw->data[1] = -1;
+    const hidl_handle failed(borrowed);  // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_EQ(failed.getNativeHandle(), nullptr);
+    raw->version = 13;
+    EXPECT_NE(native_handle_close(raw), 0);
+    EXPECT_NE(native_handle_delete(raw), 0);
+    raw->version = 12;
+    native_handle_delete(raw);
+    EXPECT_EQ(native_handle_create(-1, 0), nullptr);
+    EXPECT_EQ(native_handle_create(1025, 0), nullptr);
+    // What belongs to another is copied, not moved away, when a vector grows.
+    using android::hardware::hidl_string;
+    hidl_string elements[] = {"one", "two"};
+    android::hardware::hidl_vec<hidl_string> vector;
+    vector.setToExternal(elements, 2);
+    vector.resize(3);
+    EXPECT_EQ(vector[1], "two");
+    EXPECT_EQ(elements[1], "two");
+}
+
+TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
+    using android::hardware::Status;
+    const auto failed = [] { return Status::fromStatusT(android::DEAD_OBJECT, "gone"); };
+    const Return<void> examined(failed());
+    EXPECT_FALSE(examined.isOk());
+    EXPECT_EQ(examined.description(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'");
+    EXPECT_EQ(Return<int>(failed()).withDefault(5), 5);
+    EXPECT_DEATH({ const Return<void> ignored(failed()); }, "not checked.*DEAD_OBJECT: gone");
+    EXPECT_DEATH(
+        {
+            Return<void> overwritten(failed());
+            overwritten = Return<void>();
+        },
+        "not checked.*DEAD_OBJECT: gone");
+    EXPECT_DEATH(static_cast<void>(int(Return<int>(failed()))), "failed HIDL call");
+}
+
+}  // namespace testing_support

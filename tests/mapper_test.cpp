@@ -1,0 +1,153 @@
+// The mapper, which takes handles from a process that it does not trust.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+#include "host/buffer.h"
+#include "host/mapper.h"
+#include "support/interposed.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+TEST(MapperTest, MapsABufferOnceHoweverOftenItIsImported) {
+    const host::Buffer buffer = allocate(640, 480);
+    const host::MapperCounters before = host::mapperCounters();
+    {
+        const sp<GraphicBuffer> first = new GraphicBuffer(
+            buffer.handle(), GraphicBuffer::CLONE_HANDLE, 640, 480, 35, 1, 0x33, 640);
+        const sp<GraphicBuffer> again =
+            new GraphicBuffer(first->handle, GraphicBuffer::CLONE_HANDLE, 320, 480, 35, 1, 0x33, 1);
+        EXPECT_EQ(again->initCheck(), 0);
+        EXPECT_EQ(again->stride, 1);
+        android_ycbcr planes = {};
+        EXPECT_EQ(again->lockYCbCr(0x33, &planes), 0);
+        EXPECT_EQ(planes.ystride, 640U);
+        EXPECT_EQ(again->unlock(), 0);
+        EXPECT_EQ(again->unlock(), 0);  // the mapper refuses, and nobody is told
+        EXPECT_EQ(again->lockYCbCr(0xF00, &planes), 3);
+        host::failLock(5);
+        EXPECT_EQ(again->lockYCbCr(0x33, &planes), 5);
+        EXPECT_EQ(host::mapperCounters().mappings, before.mappings + 1);
+        EXPECT_EQ(host::mapperCounters().maps, before.maps + 1);
+
+        const sp<GraphicBuffer> wrong = new GraphicBuffer(
+            buffer.handle(), GraphicBuffer::CLONE_HANDLE, 641, 480, 35, 1, 0x33, 641);
+        EXPECT_NE(wrong->initCheck(), 0);
+        EXPECT_EQ(wrong->width + wrong->height + wrong->stride + wrong->format, 0);
+        EXPECT_GT(wrong->lockYCbCr(0x33, &planes), 0);
+    }
+    EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+}
+
+TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
+    const OneInodeNumber wrapped;
+    const host::Buffer one = allocate(8, 4);
+    const host::Buffer other = allocate(8, 4);
+    other.bytes()[0] = 7;
+    const sp<GraphicBuffer> first = wrap(one);
+    const sp<GraphicBuffer> second = wrap(other);
+    android_ycbcr planes = {};
+    ASSERT_EQ(second->lockYCbCr(0x33, &planes), 0);
+    EXPECT_EQ(*static_cast<uint8_t*>(planes.y), 7);
+}
+
+TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {
+    using android::hardware::graphics::mapper::V3_0::Error;
+    const auto mapper = host::realMapper3();
+    const host::Buffer buffer = allocate(64, 32);
+    void* imported = nullptr;
+    Error error = Error::NONE;
+    const auto keep = [&](Error answer, void* handle) { error = answer, imported = handle; };
+    ASSERT_TRUE(mapper->importBuffer(buffer.handle(), keep).isOk());
+    const auto lock = [&](int32_t left, int32_t top, int32_t width, int32_t height) {
+        EXPECT_TRUE(mapper
+                        ->lock(imported, 3, {left, top, width, height}, nullptr,
+                               [&](Error answer, void*, int32_t, int32_t) { error = answer; })
+                        .isOk());
+        return error;
+    };
+    EXPECT_EQ(lock(0, 0, 64, 32), Error::NONE);
+    EXPECT_EQ(lock(60, 31, 4, 1), Error::NONE);
+    EXPECT_EQ(lock(0, 0, 3072, 1), Error::NONE);  // all its bytes, as one row
+    EXPECT_EQ(lock(0, 0, 3073, 1), Error::BAD_VALUE);
+    EXPECT_EQ(lock(0, 0, 65, 2), Error::BAD_VALUE);
+    EXPECT_EQ(lock(-1, 0, 4, 4), Error::BAD_VALUE);
+    EXPECT_EQ(lock(1, 0, INT32_MAX, 2), Error::BAD_VALUE);
+    EXPECT_EQ(Error(mapper->freeBuffer(imported)), Error::NONE);
+    EXPECT_EQ(Error(mapper->freeBuffer(imported)), Error::BAD_BUFFER);
+    EXPECT_EQ(lock(0, 0, 4, 4), Error::BAD_BUFFER);
+}
+
+TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
+    const host::Buffer buffer = allocate(64, 64);  // 6144 bytes
+    native_handle_t* const forged = native_handle_clone(buffer.handle());
+    const int own = forged->data[0];
+    const host::MapperCounters before = host::mapperCounters();
+    const auto imports = [&] {
+        const sp<GraphicBuffer> wrapped =
+            new GraphicBuffer(forged, GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64);
+        return wrapped->initCheck() == 0;
+    };
+    EXPECT_TRUE(imports());
+
+    // Integers that lie: each word out of bounds, and sizes beyond the file's.
+    for (int word = 1; word <= 7; ++word) {
+        const int honest = std::exchange(forged->data[word], -1);
+        EXPECT_FALSE(imports()) << "word " << word;
+        forged->data[word] = honest;
+    }
+    const int height = std::exchange(forged->data[3], 66);
+    EXPECT_FALSE(imports());
+    forged->data[3] = height;
+    forged->numInts -= 1;
+    EXPECT_FALSE(imports());
+    forged->numInts += 1;
+
+    // Files that are no sealed memory, or not enough of it.
+    const auto importsFile = [&](int fd) {
+        EXPECT_GE(fd, 0);
+        forged->data[0] = fd;
+        const bool result = imports();
+        forged->data[0] = own;
+        close(fd);
+        return result;
+    };
+    const auto memory = [](off_t size, int seals) {
+        const int fd = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        EXPECT_EQ(ftruncate(fd, size), 0);
+        EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
+        return fd;
+    };
+    EXPECT_TRUE(importsFile(memory(6144, F_SEAL_SHRINK)));
+    EXPECT_FALSE(importsFile(memory(6144, F_SEAL_GROW)));
+    EXPECT_FALSE(importsFile(memory(6143, F_SEAL_SHRINK)));
+    EXPECT_FALSE(importsFile(memory(6144, F_SEAL_SHRINK | F_SEAL_WRITE)));
+    const auto most = static_cast<off_t>(host::kMaxBufferBytes);
+    EXPECT_TRUE(importsFile(memory(most - 1, F_SEAL_SHRINK)));
+    EXPECT_TRUE(importsFile(memory(most, F_SEAL_SHRINK)));
+    EXPECT_FALSE(importsFile(memory(most + 1, F_SEAL_SHRINK)));
+    const int writable = memory(6144, F_SEAL_SHRINK);
+    const std::string name = "/proc/self/fd/" + std::to_string(writable);
+    EXPECT_FALSE(importsFile(open(name.c_str(), O_RDONLY | O_CLOEXEC)));
+    close(writable);
+    EXPECT_FALSE(importsFile(open("/dev/zero", O_RDWR | O_CLOEXEC)));
+    EXPECT_FALSE(importsFile(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    EXPECT_FALSE(importsFile(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600)));
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    EXPECT_FALSE(importsFile(ends[0]));
+    EXPECT_FALSE(importsFile(ends[1]));
+
+    native_handle_close(forged);
+    native_handle_delete(forged);
+    EXPECT_EQ(host::mapperCounters().imports - before.imports, 4);
+    EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+}
+
+}  // namespace testing_support

@@ -1,0 +1,93 @@
+// The platform's threads: how they start, stop, and end with their object.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utils/Thread.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <utility>
+
+#include "host/log.h"
+#include "host/threads.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+namespace {
+
+/** Runs `body` in each pass. */
+class LoopThread : public android::Thread {
+public:
+    explicit LoopThread(std::function<bool()> body) : mBody(std::move(body)) {}
+    using Thread::exitPending;
+
+private:
+    bool threadLoop() override { return mBody(); }
+
+    std::function<bool()> mBody;
+};
+
+}  // namespace
+
+TEST(ThreadTest, RunsStopsAndRunsAgain) {
+    const int threads = host::threadCount();
+    std::atomic<int> passes{0};
+    const sp<LoopThread> thread = new LoopThread([&] { return ++passes, true; });
+    host::failNextThreadStart();
+    EXPECT_EQ(thread->run("x"), android::UNKNOWN_ERROR);
+    EXPECT_EQ(thread->getStrongCount(), 1);
+    EXPECT_EQ(thread->join(), android::NO_ERROR);  // there is none
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(thread->run("a name of more than fifteen"), android::NO_ERROR);
+        EXPECT_EQ(thread->run("again"), android::INVALID_OPERATION);
+        EXPECT_TRUE(eventually([&] { return passes > 0; }));
+        EXPECT_EQ(thread->requestExitAndWait(), android::NO_ERROR);
+        EXPECT_FALSE(thread->isRunning());
+        EXPECT_FALSE(thread->exitPending());
+        EXPECT_EQ(host::threadCount(), threads);
+        passes = 0;
+    }
+    // A forked child has no such thread: it must not wait for one.
+    EXPECT_EQ(thread->run("parent"), android::NO_ERROR);
+    const pid_t child = fork();
+    if (child == 0) _exit(thread->join() == android::NO_ERROR ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    thread->requestExit();
+    thread->requestExit();
+    EXPECT_EQ(thread->join(), android::NO_ERROR);
+    EXPECT_TRUE(thread->exitPending());  // sticks until the next run
+}
+
+TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
+    // Counted where the thread may still count when this function has ended.
+    const auto counter = std::make_shared<std::atomic<int>>(0);
+    const std::atomic<int>& passes = *counter;
+    {
+        const sp<LoopThread> thread = new LoopThread([counter] { return ++*counter, true; });
+        thread->run("between");
+        EXPECT_TRUE(eventually([&] { return passes >= 3; }));
+    }  // no exit was asked for: the promotion fails
+}
+
+TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
+    host::LogCapture log;
+    LoopThread* own = nullptr;
+    const sp<LoopThread> thread = new LoopThread([&] {
+        EXPECT_EQ(own->join(), android::WOULD_BLOCK);
+        EXPECT_EQ(own->requestExitAndWait(), android::WOULD_BLOCK);
+        EXPECT_FALSE(own->exitPending());
+        return false;
+    });
+    own = thread.get();
+    thread->run("own");
+    EXPECT_EQ(thread->join(), android::NO_ERROR);
+    EXPECT_TRUE(thread->exitPending());  // until the next run, although nobody asked for it
+    EXPECT_EQ(log.texts("Thread").size(), 2U);
+}
+
+}  // namespace testing_support
