@@ -4,23 +4,24 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "host/log.h"
+#include "support/log_lines.h"
 
 namespace testing_support {
 
 TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
-    host::LogCapture outer;
+    LogLines outer;
     {
-        host::LogCapture inner;
+        const LogLines inner;
         __android_log_print(ANDROID_LOG_INFO, "tag", "%s\n", std::string(2000, 'x').c_str());
-        ASSERT_EQ(inner.lines().size(), 1U);
-        EXPECT_EQ(inner.lines()[0].text, std::string(1023, 'x'));
-        EXPECT_EQ(inner.lines()[0].priority, ANDROID_LOG_INFO);
+        EXPECT_EQ(inner.said(), Lines{"I " + std::string(1023, 'x')});
     }
     __android_log_print(ANDROID_LOG_ERROR, "tag", "kept\n");
-    EXPECT_EQ(outer.texts("tag"), std::vector<std::string>{"kept\n"});
+    __android_log_print(ANDROID_LOG_WARN, "other", "kept\n");
+    EXPECT_EQ(outer.said("tag"), Lines{"E kept\n"});
+    EXPECT_FALSE(outer.waitUntilSaid("D kept\n"));
+    EXPECT_EQ(outer.take(), (Lines{"E kept\n", "W kept\n"}));
+    EXPECT_TRUE(outer.said().empty());
 }
 
 }  // namespace testing_support
