@@ -20,12 +20,6 @@ using BuffersTest = SessionFixture;
 
 namespace {
 
-bool sameFile(const native_handle_t* a, const native_handle_t* b) {
-    return a != nullptr && b != nullptr && a->numInts == b->numInts && a != b &&
-           a->data[0] != b->data[0] &&
-           std::equal(&a->data[1], &a->data[1] + a->numInts, &b->data[1]);
-}
-
 /** A handle of these descriptors, which stay the caller's. */
 struct Fence {
     Fence(std::initializer_list<int> descriptors)
@@ -167,7 +161,7 @@ TEST_F(BuffersTest, QueuesInOrder) {
 
 TEST_F(BuffersTest, RefusesAndForgetsWhatItCannotKeepAndAcceptsTheRestWhole) {
     configure();
-    const int open = Holdings::now().descriptors;
+    const int open = kit::Holdings::of().descriptors;
     const Fence fence = {STDERR_FILENO};
     // A fence, the imported handle, its wrapper's and the queue's take one each.
     for (const bool isFenced : {false, true}) {
@@ -197,7 +191,7 @@ TEST_F(BuffersTest, RefusesAndForgetsWhatItCannotKeepAndAcceptsTheRestWhole) {
         EXPECT_EQ(session->handleCaptureRequest(bad), -1);
         EXPECT_EQ(session->getBufferForId(1), nullptr);
     }
-    EXPECT_EQ(Holdings::now().descriptors, open);
+    EXPECT_EQ(kit::Holdings::of().descriptors, open);
 }
 
 TEST_F(BuffersTest, TakesNoDescriptorForAHandleThatIsIgnored) {

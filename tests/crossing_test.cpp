@@ -212,7 +212,7 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         {"path only", NOWHERE, UniqueFd(open(slowPath.c_str(), O_PATH | O_CLOEXEC))},
     };
     const UniqueFd event(eventfd(0, EFD_CLOEXEC));
-    const int before = Holdings::now().descriptors;
+    const int before = kit::Holdings::of().descriptors;
     for (const Kind& kind : kinds) {
         if (!kind.fd.isValid()) printf("not tried, for want of one: %s\n", kind.name);
         if (!kind.fd.isValid()) continue;
@@ -240,7 +240,7 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         EXPECT_EQ(raw.setCallback(fd), kind.place == CHANNEL ? kAnswer : kRefused) << kind.name;
         EXPECT_TRUE(raw.isServed()) << kind.name;
         // Not more at once than may wait to be closed.
-        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= before + 8; }));
+        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before + 8; }));
     }
     EXPECT_EQ(linesWith("a channel ends"), 0);
 }
@@ -312,14 +312,14 @@ TEST_F(CrossingTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
     EXPECT_EQ(value, 0);  // switched off when it was handed over ...
     ASSERT_TRUE(set());   // ... and on again by the peer, for the socket is its own too
     RawClient peer(UniqueFd(fcntl(pair.mine.get(), F_DUPFD_CLOEXEC, 0)));
-    const int before = Holdings::now().descriptors;
+    const int before = kit::Holdings::of().descriptors;
     for (uint32_t serial = 1; serial <= 40; ++serial) {
         peer.send(message({kAnswer, 1, serial, 0}));
         FDNotifyMsg msg = {};
         session->sendNotify(msg);
         EXPECT_EQ(peer.receivedKind(), kCall);
     }
-    EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= before; }));
+    EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before; }));
     EXPECT_EQ(linesWith("transaction failed"), 0);
 }
 

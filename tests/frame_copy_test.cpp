@@ -4,9 +4,7 @@
 
 #include <algorithm>
 #include <numeric>
-#include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "ZoruUtil.h"
@@ -19,61 +17,64 @@ namespace {
 
 constexpr const char* kTag = "zoruutil";
 
-void randomise(const host::Buffer& buffer, unsigned seed) {
-    std::minstd_rand random(seed);
-    std::generate_n(buffer.bytes(), buffer.size(), [&] { return static_cast<uint8_t>(random()); });
-}
-
-/** The rows of a buffer without their padding. */
-std::vector<uint8_t> packed(const host::Buffer& buffer) {
-    const host::BufferGeometry& geometry = buffer.geometry();
-    std::vector<uint8_t> result;
-    for (uint32_t y = 0; y < geometry.height; ++y) {
-        result.insert(result.end(), buffer.lumaRow(y), buffer.lumaRow(y) + geometry.width);
-    }
-    for (uint32_t y = 0; y < geometry.height / 2; ++y) {
-        result.insert(result.end(), buffer.chromaRow(y), buffer.chromaRow(y) + geometry.width);
-    }
-    return result;
-}
-
-host::BufferGeometry strided(host::ChromaOrder order = host::ChromaOrder::CbFirst) {
-    host::BufferGeometry geometry;
-    geometry.stride = 1536;
-    geometry.chromaStride = 1600;
-    geometry.order = order;
-    return geometry;
-}
-
 class FrameCopyTest : public testing::Test {
 protected:
-    host::LogCapture log;
+    /** That one of a buffer's kind is copied by none of the operations, and why. */
+    void fails(int result, const std::string& line) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(log.take(kTag), Lines{line});
+        const host::MapperCounters now = host::mapperCounters();
+        EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks);
+    }
+
+    LogLines log;
+    const host::MapperCounters before = host::mapperCounters();
 };
+
+sp<GraphicBuffer> bufferWithChromaStep(uint32_t step) {
+    host::BufferGeometry geometry;
+    geometry.chromaStep = step;
+    return wrap(allocate(8, 4, geometry));
+}
+
+/** 8 x 4 in 48 bytes. */
+zoru_ycbcr packedFrame(std::vector<uint8_t>& memory) {
+    zoru_ycbcr frame(memory.data(), 8, 4);
+    frame.cb = memory.data();
+    frame.cr = memory.data() + 1;
+    frame.ystride = frame.cstride = 8;
+    return frame;
+}
 
 }  // namespace
 
 TEST_F(FrameCopyTest, CopiesFramesAndNoPadding) {
     for (const auto order : {host::ChromaOrder::CbFirst, host::ChromaOrder::CrFirst}) {
-        for (const auto& [width, height] : {std::pair{1280U, 720U}, {33U, 5U}, {16U, 1U}}) {
-            const host::Buffer source = allocate(width, height, strided(order));
-            const host::Buffer target = allocate(width, height, strided(order));
-            randomise(source, width);
-            const std::vector<uint8_t> expected = packed(source);
-            std::vector<uint8_t> memory(expected.size() + 1, 0xAA);
+        for (const kit::FrameSize size : {kit::kClipSize, {33, 5}, {16, 1}}) {
+            host::BufferGeometry geometry;
+            geometry.stride = 1536;
+            geometry.chromaStride = 1600;
+            geometry.order = order;
+            const host::Buffer source = kit::allocate(size, geometry);
+            const host::Buffer target = kit::allocate(size, geometry);
+            const kit::Frame expected = kit::patternOf(size);
+            std::fill_n(source.bytes(), source.size(), uint8_t{0x11});
+            kit::fill(source, expected);
+            kit::Frame memory(expected.size() + 1, 0xAA);
             EXPECT_EQ(ZoruUtil::copyFrom(memory.data(), wrap(source)), 0);
-            EXPECT_TRUE(std::equal(expected.begin(), expected.end(), memory.begin()));
             EXPECT_EQ(memory.back(), 0xAA);
+            memory.pop_back();
+            EXPECT_EQ(kit::difference(memory, expected, size), "");
 
-            std::fill_n(target.bytes(), target.size(), uint8_t{0x55});
-            EXPECT_EQ(ZoruUtil::copyTo(memory.data(), wrap(target)), 0);
-            EXPECT_EQ(packed(target), expected);
-            EXPECT_EQ(target.lumaRow(0)[width], 0x55);
-            EXPECT_EQ(target.chromaRow(0)[width], 0x55);
-
-            std::fill_n(target.bytes(), target.size(), uint8_t{0x55});
-            EXPECT_EQ(ZoruUtil::copy(wrap(target), wrap(source)), 0);
-            EXPECT_EQ(packed(target), expected);
-            EXPECT_EQ(target.lumaRow(0)[width], 0x55);
+            const auto arrives = [&](auto copy) {
+                std::fill_n(target.bytes(), target.size(), uint8_t{0x55});
+                EXPECT_EQ(copy(wrap(target)), 0);
+                EXPECT_EQ(kit::difference(kit::packed(target), expected, size), "");
+                EXPECT_EQ(target.lumaRow(0)[size.width], 0x55);
+                EXPECT_EQ(target.chromaRow(0)[size.width], 0x55);
+            };
+            arrives([&](auto to) { return ZoruUtil::copyTo(memory.data(), to); });
+            arrives([&](auto to) { return ZoruUtil::copy(to, wrap(source)); });
         }
     }
     EXPECT_TRUE(log.lines().empty());
@@ -105,98 +106,86 @@ TEST_F(FrameCopyTest, DescribesAPaddedFrameInMemory) {
     zoru_ycbcr huge(memory.data(), 65536, 65536);
     zoru_ycbcr nothing(nullptr, 16, 16);
     zoru_ycbcr widest(memory.data(), INT32_MAX, 1);
-    for (zoru_ycbcr* const frame : {&huge, &nothing, &widest}) {
-        EXPECT_EQ(ZoruUtil::copy(wrap(target), *frame), -1);
-    }
-    EXPECT_EQ(ZoruUtil::copy(nullptr, odd), -1);
-    EXPECT_EQ(log.count("copy:372: Invalid args \n"), 4);
+    for (zoru_ycbcr* const frame : {&huge, &nothing, &widest})
+        fails(ZoruUtil::copy(wrap(target), *frame), "E copy:372: Invalid args \n");
+    fails(ZoruUtil::copy(nullptr, odd), "E copy:372: Invalid args \n");
 }
 
 TEST_F(FrameCopyTest, TellsWhyAFrameIsNotCopied) {
-    host::BufferGeometry planarGeometry;
-    planarGeometry.chromaStep = 1;
-    host::BufferGeometry wideGeometry;
-    wideGeometry.chromaStep = 4;
     const sp<GraphicBuffer> good = wrap(allocate(8, 4));
-    const sp<GraphicBuffer> planar = wrap(allocate(8, 4, planarGeometry));
-    const sp<GraphicBuffer> wide = wrap(allocate(8, 4, wideGeometry));
-    const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);
+    const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);  // no processor usage
     const sp<GraphicBuffer> small = wrap(allocate(4, 4));
     const sp<GraphicBuffer> low = wrap(allocate(8, 2));
     std::vector<uint8_t> memory(48, 9);
-    zoru_ycbcr frame(memory.data(), 8, 4);
-    frame.cb = memory.data();
-    frame.cr = memory.data() + 1;
-    frame.ystride = frame.cstride = 8;
-    const host::MapperCounters before = host::mapperCounters();
-    const auto fails = [&](int result, const std::vector<std::string>& lines) {
-        EXPECT_EQ(result, -1);
-        EXPECT_EQ(log.texts(kTag), lines);
-        log.clear();
-        const host::MapperCounters now = host::mapperCounters();
-        EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks);
-    };
-    const std::string unhandled = "420 planar format is not handled \n";
-    fails(ZoruUtil::copyTo(nullptr, good), {"Invalid params: buffer((nil)) \n"});
-    fails(ZoruUtil::copyFrom(nullptr, good), {"Invalid params: buffer((nil)) \n"});
+    zoru_ycbcr frame = packedFrame(memory);
+    fails(ZoruUtil::copyTo(nullptr, good), "E Invalid params: buffer((nil)) \n");
+    fails(ZoruUtil::copyFrom(nullptr, good), "E Invalid params: buffer((nil)) \n");
     EXPECT_EQ(host::mapperCounters().locks, before.locks);
-    fails(ZoruUtil::copyFrom(memory.data(), closed), {"lockYCbCr failed, error (3) \n"});
-    fails(ZoruUtil::copyTo(memory.data(), closed), {"lockYCbCr failed, error(3) \n"});
-    fails(ZoruUtil::copyFrom(memory.data(), planar), {unhandled});
-    fails(ZoruUtil::copyTo(memory.data(), planar), {unhandled});
-    fails(ZoruUtil::copy(good, planar), {unhandled});
-    fails(ZoruUtil::copy(wide, good), {unhandled});
-    fails(ZoruUtil::copy(planar, frame), {unhandled});
-    fails(ZoruUtil::copy(good, closed), {"325:lock failed, error (3) \n"});
-    fails(ZoruUtil::copy(closed, good), {"332:lock failed, error (3) \n"});
-    fails(ZoruUtil::copy(closed, frame), {"copy:379: lockYCbCr failed, error (3) \n"});
+    fails(ZoruUtil::copyFrom(memory.data(), closed), "E lockYCbCr failed, error (3) \n");
+    fails(ZoruUtil::copyTo(memory.data(), closed), "E lockYCbCr failed, error(3) \n");
+    fails(ZoruUtil::copy(good, closed), "E 325:lock failed, error (3) \n");
+    fails(ZoruUtil::copy(closed, good), "E 332:lock failed, error (3) \n");
+    fails(ZoruUtil::copy(closed, frame), "E copy:379: lockYCbCr failed, error (3) \n");
     fails(ZoruUtil::copy(good, small),
-          {"source is smaller: width(4) height(4), not width(8) height(4) \n"});
+          "E source is smaller: width(4) height(4), not width(8) height(4) \n");
     fails(ZoruUtil::copy(good, low),
-          {"source is smaller: width(8) height(2), not width(8) height(4) \n"});
-    EXPECT_EQ(ZoruUtil::copyFrom(memory.data(), wide), -1);
-    ASSERT_EQ(log.texts(kTag).size(), 1U);
-    EXPECT_EQ(log.texts(kTag)[0].rfind(" unhanlded buffer format: y(0x", 0), 0U);
-    EXPECT_NE(log.texts(kTag)[0].find(") ystride(8) cstride(16) chroma_step(4) \n"),
-              std::string::npos);
-    log.clear();
-    frame.chroma_step = 1;
-    fails(ZoruUtil::copy(good, frame), {unhandled});
+          "E source is smaller: width(8) height(2), not width(8) height(4) \n");
 
     // A failed unlock alone: told by copyFrom and copyTo, ignored by both copies.
     host::failNextUnlock(-8);
-    fails(ZoruUtil::copyFrom(memory.data(), good), {"unlock failed, error (-8) \n"});
+    fails(ZoruUtil::copyFrom(memory.data(), good), "E unlock failed, error (-8) \n");
     host::failNextUnlock(-8);
-    fails(ZoruUtil::copyTo(memory.data(), good), {"unlock failed, error(-8) \n"});
+    fails(ZoruUtil::copyTo(memory.data(), good), "E unlock failed, error(-8) \n");
     host::failNextUnlock(-8);
     EXPECT_EQ(ZoruUtil::copy(good, good), 0);
-    frame.chroma_step = 2;
     host::failNextUnlock(-8);
     EXPECT_EQ(ZoruUtil::copy(good, frame), 0);
+}
+
+TEST_F(FrameCopyTest, CopiesOnlyInterleavedChroma) {
+    const sp<GraphicBuffer> good = wrap(allocate(8, 4));
+    const sp<GraphicBuffer> planar = bufferWithChromaStep(1);
+    const sp<GraphicBuffer> wide = bufferWithChromaStep(4);
+    std::vector<uint8_t> memory(48, 9);
+    zoru_ycbcr frame = packedFrame(memory);
+    const std::string unhandled = "E 420 planar format is not handled \n";
+    fails(ZoruUtil::copyFrom(memory.data(), planar), unhandled);
+    fails(ZoruUtil::copyTo(memory.data(), planar), unhandled);
+    fails(ZoruUtil::copy(good, planar), unhandled);
+    fails(ZoruUtil::copy(wide, good), unhandled);
+    fails(ZoruUtil::copy(planar, frame), unhandled);
+    frame.chroma_step = 1;
+    fails(ZoruUtil::copy(good, frame), unhandled);
+
+    EXPECT_EQ(ZoruUtil::copyFrom(memory.data(), wide), -1);
+    const Lines lines = log.said(kTag);
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].rfind("E  unhanlded buffer format: y(0x", 0), 0U);
+    EXPECT_NE(lines[0].find(") ystride(8) cstride(16) chroma_step(4) \n"), std::string::npos);
 }
 
 TEST_F(FrameCopyTest, DumpsRequestsAndConfigurations) {
     CaptureRequest request = requestFor(7, UINT64_MAX, nullptr, -3);
     ZoruUtil::dumpCaptureRequest(request);
+    EXPECT_EQ(log.take(kTag),
+              (Lines{"I dumpCaptureRequest: dumping received capture reqest:  \n",
+                     "I dumpCaptureRequest: frameNumber(7)  \n",
+                     "I dumpCaptureRequest: outputBuffersCount(1)  \n",
+                     "I dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n"}));
     StreamConfiguration configuration = configurationOf(2, 1280, 720);
-    configuration.streams[0].format =
-        android::hardware::graphics::common::V1_0::PixelFormat::YCBCR_420_888;
     ZoruUtil::dumpConfiguration(configuration);
+    EXPECT_EQ(
+        log.take(kTag),
+        (Lines{
+            "I dumpConfiguration: dumping stream configuration:  \n",
+            "I dumpConfiguration: operationMode(32769)  \n",
+            "I dumpConfiguration: streamsCount(1)  \n",
+            "I dumpConfiguration: streamId(2) streamType(0) width(1280) height(720) format(0x23) usage(0x33) rotation(0)\n"}));
     StreamConfiguration none = {};
     ZoruUtil::dumpConfiguration(none);
-    const std::vector<std::string> lines = {
-        "dumpCaptureRequest: dumping received capture reqest:  \n",
-        "dumpCaptureRequest: frameNumber(7)  \n",
-        "dumpCaptureRequest: outputBuffersCount(1)  \n",
-        "dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n",
-        "dumpConfiguration: dumping stream configuration:  \n",
-        "dumpConfiguration: operationMode(32769)  \n",
-        "dumpConfiguration: streamsCount(1)  \n",
-        "dumpConfiguration: streamId(2) streamType(0) width(1280) height(720) format(0x23) usage(0x33) rotation(0)\n",
-        "dumpConfiguration: dumping stream configuration:  \n",
-        "dumpConfiguration: operationMode(0)  \n",
-        "dumpConfiguration: streamsCount(0)  \n"};
-    EXPECT_EQ(log.texts(kTag), lines);
+    EXPECT_EQ(log.take(kTag), (Lines{"I dumpConfiguration: dumping stream configuration:  \n",
+                                     "I dumpConfiguration: operationMode(0)  \n",
+                                     "I dumpConfiguration: streamsCount(0)  \n"}));
 }
 
 }  // namespace testing_support

@@ -1,7 +1,5 @@
 // The test frame source: a thread in the provider's place. Its pauses are gated, so nothing waits.
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -9,11 +7,11 @@
 #include "host/threads.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
+#include "temporary_folder.h"
 
 namespace testing_support {
 
 namespace {
-constexpr size_t kFrameBytes = 1382400;
 constexpr const char* kInput = "fd_stream_subst_nv12.yuv";
 }  // namespace
 
@@ -23,9 +21,7 @@ protected:
     static void SetUpTestSuite() { FDSession::getInstance(); }
 
     FrameSourceTest() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
-        std::filesystem::current_path(folder);
+        std::filesystem::current_path(folder.path());
         EXPECT_TRUE(client->setCallback(callback).isOk());
         clock.stopAt(1);  // no request grows old
     }
@@ -34,17 +30,16 @@ protected:
         gate.reset();
         source->join();
         source.clear();
-        EXPECT_TRUE(log.waitFor("~FDSessionTest: \n"));
+        EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
         EXPECT_TRUE(client->configure(configurationOf(0)).isOk());  // lets go of the buffers
         EXPECT_TRUE(client->setCallback(nullptr).isOk());
         std::filesystem::current_path("/");
-        std::filesystem::remove_all(folder);
     }
 
     static void writeFrames(const std::string& values) {
         std::ofstream file(kInput, std::ios::binary);
         for (const char value : values)
-            file << std::string(kFrameBytes, value);
+            file << std::string(kit::kFrameBytes, value);
     }
     void configure(int32_t id, uint32_t width = 1280, uint32_t height = 720) {
         EXPECT_TRUE(client->configure(configurationOf(id, width, height)).isOk());
@@ -55,20 +50,20 @@ protected:
         EXPECT_TRUE(status.isOk());
     }
     /** Lets the source go through one pass and returns what it said meanwhile. */
-    std::vector<std::string> pass(const char* tag = kSessionTag) {
+    Lines pass() {
         log.clear();
         EXPECT_TRUE(gate->passOnce());
-        return log.texts(tag);
+        return log.said(kSessionTag);
     }
 
+    const kit::TemporaryFolder folder;
     WallClock clock;
-    host::LogCapture log;
+    LogLines log;
     Deliveries deliveries;
     const sp<FDSession> session = FDSession::getInstance();
     const sp<IFDSession> client = session->getInterface();
     const sp<Callback> callback = new Callback(deliveries);
     const host::Buffer buffer = allocate(1280, 720);
-    std::string folder;
     std::unique_ptr<PauseGate> gate = std::make_unique<PauseGate>();
     sp<FDSessionTest> source;
 };
@@ -86,7 +81,8 @@ TEST_F(FrameSourceTest, StaysWhenNoThreadCanBeMade) {
     host::failNextThreadStart();
     auto* const made = new FDSessionTest;
     EXPECT_EQ(made->getStrongCount(), 1);
-    EXPECT_EQ(log.count("FDSessionTest: no thread could be made, and the object stays \n"), 1);
+    EXPECT_EQ(log.timesSaid("E FDSessionTest: no thread could be made, and the object stays \n"),
+              1);
     source = made;
     made->decStrong(this);  // what the maker's reference cannot know of
 }
@@ -110,7 +106,7 @@ TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
         EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
         EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
         EXPECT_EQ(buffer.bytes()[0], frame == 2 ? 'b' : 'a');
-        EXPECT_EQ(buffer.bytes()[kFrameBytes - 1], frame == 2 ? 'b' : 'a');
+        EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], frame == 2 ? 'b' : 'a');
     }
     EXPECT_EQ(deliveries.count(), 3U);
 }
@@ -119,20 +115,19 @@ TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {
     configure(0, 64, 64);
     source = new FDSessionTest;
     ASSERT_TRUE(gate->waitUntilPausing());
-    EXPECT_EQ(log.count("threadLoop: received first configration \n"), 1);
-    EXPECT_EQ(log.texts("zoruutil").size(), 4U);
-    const std::vector<std::string> nothing;
-    EXPECT_EQ(pass(), nothing);
+    EXPECT_EQ(log.timesSaid("I threadLoop: received first configration \n"), 1);
+    EXPECT_EQ(log.said("zoruutil").size(), 4U);
+    EXPECT_TRUE(pass().empty());
     configure(1, 64, 64);
-    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: stream configuration change  \n"});
-    EXPECT_EQ(log.texts("zoruutil").size(), 4U);
+    EXPECT_EQ(pass(), Lines{"I threadLoop: stream configuration change  \n"});
+    EXPECT_EQ(log.said("zoruutil").size(), 4U);
 
     // The same id in another size: nothing is said, but the next wrapper takes the new size.
     configure(1, 128, 64);
-    EXPECT_EQ(pass(), nothing);
+    EXPECT_TRUE(pass().empty());
     const host::Buffer small = allocate(64, 64);
     submit(1, 1, small.handle());
-    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: GraphicBuffer failed \n"});
+    EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
     EXPECT_EQ(deliveries.waitFor(1)[0].result.outputBuffers[0].status, BufferStatus::OK);
 }
 
@@ -146,8 +141,8 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     ASSERT_TRUE(gate->passOnce());
     ASSERT_TRUE(gate->passOnce());
     deliveries.waitFor(2);
-    EXPECT_EQ(log.count(std::string("file ") + kInput +
-                        " open failed, error - No such file or directory \n"),
+    EXPECT_EQ(log.timesSaid(std::string("E file ") + kInput +
+                            " open failed, error - No such file or directory \n"),
               2);
     EXPECT_EQ(buffer.bytes()[0], 7);
 
@@ -156,9 +151,8 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     const host::Buffer large = allocate(1280, 722);
     configure(0, 1280, 722);
     submit(3, 0, large.handle());
-    const std::vector<std::string> lines = pass();
-    EXPECT_EQ(lines, std::vector<std::string>{"threadLoop: a frame of the file is too small for "
-                                              "width(1280) height(722) \n"});
+    EXPECT_EQ(pass(), Lines{"E threadLoop: a frame of the file is too small for width(1280) "
+                            "height(722) \n"});
     EXPECT_EQ(deliveries.waitFor(3)[2].result.outputBuffers[0].status, BufferStatus::OK);
     EXPECT_EQ(large.bytes()[0], 0);
 
@@ -166,7 +160,7 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     native_handle_t* const empty = native_handle_create(0, 0);
     submit(4, 0, empty);
     native_handle_delete(empty);
-    EXPECT_EQ(pass(), std::vector<std::string>{"threadLoop: GraphicBuffer failed \n"});
+    EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
     EXPECT_EQ(deliveries.waitFor(4)[3].result.outputBuffers[0].status, BufferStatus::OK);
 }
 
@@ -177,9 +171,9 @@ TEST_F(FrameSourceTest, EndsAfterThePassUnderWayWhenItIsLetGoOf) {
     source->requestExit();
     source.clear();  // the thread drops the last reference, and the object dies on it
     gate.reset();
-    EXPECT_TRUE(log.waitFor("~FDSessionTest: \n"));
+    EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
     EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
-    EXPECT_TRUE(log.texts("Thread").empty());
+    EXPECT_TRUE(log.said("Thread").empty());
     gate = std::make_unique<PauseGate>();
     source = new FDSessionTest;
 }

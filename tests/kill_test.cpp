@@ -103,8 +103,8 @@ TEST_F(KillTest, ServesTheNextClientAndKeepsNothingOfTheLast) {
         }
     });
     std::minstd_rand random(static_cast<unsigned>(getpid()));
-    const int alone = Holdings::now().threads;
-    Holdings first;
+    const int alone = kit::Holdings::of().threads;
+    kit::Holdings first;
     int held = 0;
     for (; held < kills(); ++held) {
         {
@@ -112,13 +112,13 @@ TEST_F(KillTest, ServesTheNextClientAndKeepsNothingOfTheLast) {
             usleep(static_cast<useconds_t>(random() % 8000));
         }
         // What it had sent is served to its end, so that it does not come after the next client's.
-        EXPECT_TRUE(eventually([&] { return Holdings::now().threads == alone; }));
+        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().threads == alone; }));
         const ClientProcess process(folder + "/socket");
         if (!process.waitForFirstFrame()) break;
         // The same point of each client's life: nothing more than at the first one's.
-        if (held == 0) first = Holdings::now();
-        const bool within = eventually([&] { return Holdings::now().isWithin(first); });
-        EXPECT_TRUE(within) << Holdings::now().differenceFrom(first);
+        if (held == 0) first = kit::Holdings::of();
+        const bool within = eventually([&] { return kit::Holdings::of().isWithin(first); });
+        EXPECT_TRUE(within) << kit::Holdings::of().differenceFrom(first);
         if (!within || !process.goOn()) break;
         usleep(static_cast<useconds_t>(random() % 2000));
     }

@@ -12,19 +12,19 @@
 namespace testing_support {
 
 TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {
-    const Holdings before = Holdings::now();
-    EXPECT_EQ(Holdings::now().differenceFrom(before), "");
+    const kit::Holdings before = kit::Holdings::of();
+    EXPECT_EQ(kit::Holdings::of().differenceFrom(before), "");
     const int fd = dup(STDERR_FILENO);
-    EXPECT_NE(Holdings::now().differenceFrom(before).find("descriptors"), std::string::npos);
+    EXPECT_NE(kit::Holdings::of().differenceFrom(before).find("descriptors"), std::string::npos);
     close(fd);
     std::promise<void> end;
     std::thread thread([&] { end.get_future().wait(); });
-    EXPECT_NE(Holdings::now().differenceFrom(before).find("threads"), std::string::npos);
+    EXPECT_NE(kit::Holdings::of().differenceFrom(before).find("threads"), std::string::npos);
     end.set_value();
     thread.join();
     {
         const host::Buffer buffer = allocate(4, 4);
-        EXPECT_NE(Holdings::now().differenceFrom(before).find("mappings"), std::string::npos);
+        EXPECT_NE(kit::Holdings::of().differenceFrom(before).find("mappings"), std::string::npos);
     }
 }
 

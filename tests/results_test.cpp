@@ -60,15 +60,13 @@ TEST_F(ResultsTest, DeliversWithoutWaitingOutItsIdleWait) {
 TEST_F(ResultsTest, DropsAResultWithoutBuffersAndGoesOnAfterAFailedCall) {
     configure();
     host::setProperty("vendor.zoru.flipped", "true");
-    log.clear();
     drivePass();
     ASSERT_EQ(submit(1, 1), 0);
     callback->failing = true;
     serveOne();
-    ASSERT_TRUE(
-        log.waitFor("threadLoop: processCaptureResult transaction failed: "
-                    "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the "
-                    "connection'"));
+    ASSERT_TRUE(log.waitUntilSaid(
+        "E threadLoop: processCaptureResult transaction failed: Status(EX_TRANSACTION_FAILED): "
+        "'DEAD_OBJECT: the peer has closed the connection'"));
     callback->failing = false;
     ASSERT_EQ(submit(2, 1), 0);
     serveOne();
@@ -93,7 +91,7 @@ TEST_F(ResultsTest, DiscardsSilentlyWithoutACallback) {
     ASSERT_EQ(submit(3, 1), 0);
     serveOne();
     EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 3U);
-    EXPECT_EQ(log.texts(kSessionTag), std::vector<std::string>{"handleSetCallback: \n"});
+    EXPECT_EQ(log.said(kSessionTag), Lines{"I handleSetCallback: \n"});
 }
 
 TEST_F(ResultsTest, AnswersARequestThatIsOlderThanASecondAndNoYounger) {
@@ -121,9 +119,7 @@ TEST_F(ResultsTest, AnswersStaleRequestsOneEachPassOldestFirst) {
     for (uint32_t frame = 0; frame < 5; ++frame)
         ASSERT_EQ(submit(frame, frame), 0);
     const CaptureResult taken = resultFor(take());  // in time: never answered by the sweep
-    std::mutex gate;
-    std::unique_lock<std::mutex> closed(gate);
-    callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
+    auto closed = holdClient();
     session->sendCaptureResult(taken);
     deliveries.waitFor(1);
     clock.stopAt(kStart + 1000001);

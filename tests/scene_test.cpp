@@ -1,7 +1,5 @@
 // Scene, PTZ and tracking controls, and the observer that hears of them.
 
-#include <android/log.h>
-
 #include <cstring>
 #include <thread>
 
@@ -149,11 +147,9 @@ TEST_F(SceneTest, ActsOnAChangeOfTheTrackingModeOnly) {
     size_t ptzInside = 0;
     observer.during = [&] { ptzInside = ptz().crops.size(); };
     session->setTrackingMode(TrackingMode::OFF);
-    const std::vector<std::string> lines = {"Tracking changed to 3 ", "Tracking changed to -2 ",
-                                            "PTZ Scene reset 0 0 1280 720",
-                                            "Tracking changed to 0 "};
-    EXPECT_EQ(log.texts(kSessionTag), lines);
-    EXPECT_EQ(log.lines()[0].priority, ANDROID_LOG_DEBUG);
+    EXPECT_EQ(log.said(kSessionTag),
+              (Lines{"D Tracking changed to 3 ", "D Tracking changed to -2 ",
+                     "D PTZ Scene reset 0 0 1280 720", "D Tracking changed to 0 "}));
     EXPECT_EQ(observer.modes, (std::vector<int>{3, -2, 0}));
     EXPECT_EQ(ptzInside, 1U);
     EXPECT_EQ(observer.ptzs.size(), 1U);  // the store, not the reset
@@ -164,9 +160,8 @@ TEST_F(SceneTest, NotifiesAtOnceFromInsideAnOperationAndSaysWhichMustNot) {
     const auto linesAfter = [&](const std::function<void()>& act) {
         log.clear();
         act();
-        return log.count(
-            "sendNotify: called inside an observer's operation that has the session "
-            "locked \n");
+        return log.timesSaid(
+            "E sendNotify: called inside an observer's operation that has the session locked \n");
     };
     observer.during = [&] {
         FDNotifyMsg msg = {};

@@ -8,9 +8,9 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <string>
 #include <utility>
 
-#include "host/log.h"
 #include "host/threads.h"
 #include "support/session_fixture.h"
 
@@ -75,7 +75,7 @@ TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {
 }
 
 TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
-    host::LogCapture log;
+    LogLines log;
     LoopThread* own = nullptr;
     const sp<LoopThread> thread = new LoopThread([&] {
         EXPECT_EQ(own->join(), android::WOULD_BLOCK);
@@ -87,7 +87,10 @@ TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
     thread->run("own");
     EXPECT_EQ(thread->join(), android::NO_ERROR);
     EXPECT_TRUE(thread->exitPending());  // until the next run, although nobody asked for it
-    EXPECT_EQ(log.texts("Thread").size(), 2U);
+    const Lines lines = log.said("Thread");
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].rfind("W Thread (this=0x", 0), 0U);
+    EXPECT_NE(lines[1].find("): don't call requestExitAndWait() from"), std::string::npos);
 }
 
 }  // namespace testing_support

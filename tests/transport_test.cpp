@@ -223,7 +223,7 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
     RawClient early(path);
     RawClient late(path);
-    const int descriptors = Holdings::now().descriptors;
+    const int descriptors = kit::Holdings::of().descriptors;
     {
         // A connection still gets one of the reserved slots; without those it waits.
         const FewDescriptors none(0);
@@ -231,7 +231,7 @@ TEST_F(TransportTest, AcceptsAgainWhenSlotsAreBack) {
         early.send(message({kCall, 99, 1, 0}));
         EXPECT_TRUE(early.isClosed());
     }
-    EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= descriptors; }));
+    EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
     log.clear();
     FewDescriptors none(0, host::kConnectionFds);
     EXPECT_TRUE(late.connect());
@@ -619,7 +619,7 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         }
 
         // Connections: this test's own is one of them.
-        const int descriptors = Holdings::now().descriptors;
+        const int descriptors = kit::Holdings::of().descriptors;
         std::vector<sp<IFDSession>> connections;
         std::string problem;
         while (connections.size() + 1 < offset(host::kMaxConnections)) {
@@ -628,7 +628,7 @@ TEST_F(TransportTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         }
         EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
         connections.clear();
-        EXPECT_TRUE(eventually([&] { return Holdings::now().descriptors <= descriptors; }));
+        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
     }
     EXPECT_TRUE(remote->ping().isOk());
 }

@@ -2,20 +2,19 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "YUVFile.h"
 #include "support/session_fixture.h"
+#include "temporary_folder.h"
 
 namespace testing_support {
 
@@ -23,48 +22,16 @@ namespace {
 
 constexpr const char* kTag = "zoruutil";
 
-void randomise(const host::Buffer& buffer, unsigned seed) {
-    std::minstd_rand random(seed);
-    std::generate_n(buffer.bytes(), buffer.size(), [&] { return static_cast<uint8_t>(random()); });
-}
-
-/** The rows of a buffer without their padding. */
-std::vector<uint8_t> packed(const host::Buffer& buffer) {
-    const host::BufferGeometry& geometry = buffer.geometry();
-    std::vector<uint8_t> result;
-    for (uint32_t y = 0; y < geometry.height; ++y) {
-        result.insert(result.end(), buffer.lumaRow(y), buffer.lumaRow(y) + geometry.width);
-    }
-    for (uint32_t y = 0; y < geometry.height / 2; ++y) {
-        result.insert(result.end(), buffer.chromaRow(y), buffer.chromaRow(y) + geometry.width);
-    }
-    return result;
-}
-
-host::BufferGeometry strided(host::ChromaOrder order = host::ChromaOrder::CbFirst) {
-    host::BufferGeometry geometry;
-    geometry.stride = 1536;
-    geometry.chromaStride = 1600;
-    geometry.order = order;
-    return geometry;
-}
-
 class YuvFileTest : public testing::Test {
 protected:
-    YuvFileTest() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
-    }
-    ~YuvFileTest() override { std::filesystem::remove_all(folder); }
-
-    std::string path(const std::string& name) const { return folder + "/" + name; }
+    std::string path(const std::string& name) const { return folder / name; }
     std::string write(const std::string& name, const std::string& bytes) const {
         std::ofstream(path(name), std::ios::binary) << bytes;
         return path(name);
     }
 
-    host::LogCapture log;
-    std::string folder;
+    LogLines log;
+    const kit::TemporaryFolder folder;
 };
 
 }  // namespace
@@ -79,8 +46,8 @@ TEST_F(YuvFileTest, PlaysWholeFramesInALoop) {
             std::all_of(bytes, bytes + 6, [&](uint8_t byte) { return char(byte) == frame; }));
     }
     EXPECT_EQ(frames.putFrame(), -1);  // it serves one direction
-    EXPECT_EQ(log.texts(kTag), std::vector<std::string>{"file writing failed, status - 0 error - "
-                                                        "Bad file descriptor \n"});
+    EXPECT_EQ(log.said(kTag),
+              Lines{"E file writing failed, status - 0 error - Bad file descriptor \n"});
     YUVFile one(write("1", "123456").c_str(), 2, 2);
     EXPECT_NE(one.getFrame(), nullptr);
     EXPECT_NE(one.getFrame(), nullptr);
@@ -101,11 +68,10 @@ TEST_F(YuvFileTest, TellsWhyThereIsNoFrameAndTriesAgain) {
     close(ends[1]);
     EXPECT_EQ(pipe.getFrame(), nullptr);
     close(ends[0]);
-    const std::vector<std::string> lines = {
-        "file reading failed, status - 3 error - Success \n",
-        "file " + path("later") + " open failed, error - No such file or directory \n",
-        "file reading failed, status - 0 error - Illegal seek \n"};
-    EXPECT_EQ(log.texts(kTag), lines);
+    EXPECT_EQ(log.said(kTag), (Lines{"E file reading failed, status - 3 error - Success \n",
+                                     "E file " + path("later") +
+                                         " open failed, error - No such file or directory \n",
+                                     "E file reading failed, status - 0 error - Illegal seek \n"}));
 }
 
 TEST_F(YuvFileTest, RefusesAGeometryThatCannotBe) {
@@ -113,9 +79,8 @@ TEST_F(YuvFileTest, RefusesAGeometryThatCannotBe) {
     YUVFile flat(path("x").c_str(), 0, 720);
     YUVFile huge(path("x").c_str(), 65536, 65536);  // a product of 0 in 32 bits
     YUVFile large(path("x").c_str(), 26755, 26755);
-    EXPECT_EQ(log.count("invalid args: inFile((nil)) width(2) height(2) \n"), 1);
-    EXPECT_EQ(log.texts(kTag).size(), 4U);
-    log.clear();
+    EXPECT_EQ(log.timesSaid("E invalid args: inFile((nil)) width(2) height(2) \n"), 1);
+    EXPECT_EQ(log.take(kTag).size(), 4U);
     const sp<GraphicBuffer> buffer = wrap(allocate(2, 2));
     std::vector<uint8_t> memory(8192);
     zoru_ycbcr frame(memory.data(), 2, 2);
@@ -126,56 +91,49 @@ TEST_F(YuvFileTest, RefusesAGeometryThatCannotBe) {
         EXPECT_EQ(file->putFrame(frame), -1);
     }
     EXPECT_FALSE(std::filesystem::exists(path("x")));
-    EXPECT_EQ(log.count(" Invalid handle \n"), 4);
+    EXPECT_EQ(log.timesSaid("E  Invalid handle \n"), 4);
 }
 
 TEST_F(YuvFileTest, AppendsFramesOfEverySource) {
     const std::string name = write("out", "what was there before");
-    {
-        const host::Buffer buffer = allocate(4, 4, strided());
-        randomise(buffer, 1);
-        std::vector<uint8_t> memory(128 * 32 + 128 * 16);
-        std::iota(memory.begin(), memory.end(), uint8_t{0});
-        zoru_ycbcr frame(memory.data(), 4, 4);
-        YUVFile file(name.c_str(), 4, 4);
-        EXPECT_EQ(file.putFrame(), 24);
-        EXPECT_EQ(file.putFrame(wrap(buffer)), 24);
-        EXPECT_EQ(file.putFrame(const_cast<native_handle_t*>(buffer.handle())), 24);
-        EXPECT_EQ(file.putFrame(frame), 24);
-        std::swap(frame.cb, frame.cr);  // the lower address counts
-        EXPECT_EQ(file.putFrame(frame), 24);
-        frame.height = 1;  // one luma row, no chroma: the rest is that of the frame before
-        EXPECT_EQ(file.putFrame(frame), 24);
-        frame.height = frame.width = -6;  // nothing is copied, and all of it written again
-        EXPECT_EQ(file.putFrame(frame), 24);
-        frame.width = 4;
+    YUVFile file(name.c_str(), 4, 4);
+    std::string expected(24, '\0');
+    EXPECT_EQ(file.putFrame(), 24);
 
-        // A larger one is refused: nothing written, nothing past the frame memory.
-        EXPECT_EQ(file.putFrame(wrap(allocate(6, 4))), -1);
-        frame.height = 5;
-        EXPECT_EQ(file.putFrame(frame), -1);
+    host::BufferGeometry geometry;
+    geometry.stride = 64;
+    const host::Buffer buffer = kit::allocate({4, 4}, geometry);
+    kit::fill(buffer, kit::patternOf({4, 4}));
+    EXPECT_EQ(file.putFrame(wrap(buffer)), 24);
+    EXPECT_EQ(file.putFrame(const_cast<native_handle_t*>(buffer.handle())), 24);
+    const kit::Frame fromBuffer = kit::packed(buffer);
+    for (int i = 0; i < 2; ++i)
+        expected.append(fromBuffer.begin(), fromBuffer.end());
 
-        std::ifstream in(name, std::ios::binary);
-        const std::string all((std::istreambuf_iterator<char>(in)), {});
-        ASSERT_EQ(all.size(), 168U);
-        const std::vector<uint8_t> fromBuffer = packed(buffer);
-        const std::string expected(fromBuffer.begin(), fromBuffer.end());
-        EXPECT_EQ(all.substr(0, 24), std::string(24, '\0'));
-        EXPECT_EQ(all.substr(24, 24), expected);
-        EXPECT_EQ(all.substr(48, 24), expected);
-        const std::string rows(
-            "\x00\x01\x02\x03\x80\x81\x82\x83\x00\x01\x02\x03\x80\x81\x82\x83"
-            "\x00\x01\x02\x03\x80\x81\x82\x83",
-            24);
-        EXPECT_EQ(all.substr(72, 24), rows);
-        EXPECT_EQ(all.substr(96, 24), rows);
-        EXPECT_EQ(all.substr(120, 24), rows);
-        EXPECT_EQ(all.substr(144, 24), rows);
-    }
-    const std::vector<std::string> lines = {
-        "frame is too large: width(6) height(4), file width(4) height(4) \n",
-        "frame is too large: width(4) height(5), file width(4) height(4) \n"};
-    EXPECT_EQ(log.texts(kTag), lines);
+    kit::Frame memory(128 * 32 + 128 * 16);
+    std::iota(memory.begin(), memory.end(), uint8_t{0});
+    zoru_ycbcr frame(memory.data(), 4, 4);
+    EXPECT_EQ(file.putFrame(frame), 24);
+    std::swap(frame.cb, frame.cr);  // the lower address counts
+    EXPECT_EQ(file.putFrame(frame), 24);
+    frame.height = 1;  // one luma row, no chroma: the rest is that of the frame before
+    EXPECT_EQ(file.putFrame(frame), 24);
+    frame.height = frame.width = -6;  // nothing is copied, and all of it written again
+    EXPECT_EQ(file.putFrame(frame), 24);
+    for (int i = 0; i < 4 * 3; ++i)
+        expected += std::string("\x00\x01\x02\x03\x80\x81\x82\x83", 8);
+
+    // A larger one is refused: nothing written, nothing past the frame memory.
+    EXPECT_EQ(file.putFrame(wrap(allocate(6, 4))), -1);
+    frame.width = 4;
+    frame.height = 5;
+    EXPECT_EQ(file.putFrame(frame), -1);
+    EXPECT_EQ(log.said(kTag),
+              (Lines{"E frame is too large: width(6) height(4), file width(4) height(4) \n",
+                     "E frame is too large: width(4) height(5), file width(4) height(4) \n"}));
+
+    std::ifstream in(name, std::ios::binary);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), expected);
 }
 
 TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {
@@ -189,20 +147,18 @@ TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {
     EXPECT_EQ(nowhere.putFrame(noBuffer), -1);
     native_handle_delete(noBuffer);
     EXPECT_EQ(nowhere.putFrame(wrap(allocate(2, 2), 0)), -1);
-    const std::vector<std::string> lines = {
-        "file writing failed, status - 6 error - No space left on device \n",
-        "file " + path("no/such/folder") + " open failed, error - No such file or directory \n",
-        "invalid Graphics buffer \n",
-        " Invalid handle \n",
-        "Failed to get Graphics buffer \n",
-        "lockYCbCr failed, error (3) \n",
-        "Failed to from Graphics buffer \n"};
-    EXPECT_EQ(log.texts(kTag), lines);
+    EXPECT_EQ(log.said(kTag),
+              (Lines{"E file writing failed, status - 6 error - No space left on device \n",
+                     "E file " + path("no/such/folder") +
+                         " open failed, error - No such file or directory \n",
+                     "E invalid Graphics buffer \n", "E  Invalid handle \n",
+                     "E Failed to get Graphics buffer \n", "E lockYCbCr failed, error (3) \n",
+                     "E Failed to from Graphics buffer \n"}));
 }
 
 TEST_F(YuvFileTest, KeepsTheFirst255CharactersOfAPath) {
     // Folders of 49 characters make a long path of which 255 characters are a file's name.
-    std::string base = folder;
+    std::string base = folder.path();
     while (base.size() + 50 < 250) {
         base += "/" + std::string(49, 'd');
         std::filesystem::create_directory(base);

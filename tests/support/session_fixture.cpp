@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <thread>
@@ -100,54 +101,24 @@ Return<void> Callback::answer() {
                                                   "the peer has closed the connection");
 }
 
-host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometry& other) {
-    host::BufferGeometry geometry = other;
-    geometry.width = width;
-    geometry.height = height;
-    std::optional<host::Buffer> buffer = host::Buffer::allocate(geometry);
-    if (!buffer) {
-        ADD_FAILURE() << "no buffer of " << width << " x " << height;
-        abort();
-    }
-    return std::move(*buffer);
-}
-
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {
     return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
                              buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
 }
 
+bool sameFile(const native_handle_t* a, const native_handle_t* b) {
+    return a != nullptr && b != nullptr && a != b && a->numInts == b->numInts &&
+           a->data[0] != b->data[0] &&
+           std::equal(&a->data[1], &a->data[1] + a->numInts, &b->data[1]);
+}
+
 StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
     using android::hardware::camera::device::V3_2::StreamConfigurationMode;
-    StreamConfiguration configuration = {};
-    configuration.streams.resize(1);
-    Stream& stream = configuration.streams[0];
-    stream.id = id;
-    stream.width = width;
-    stream.height = height;
-    stream.usage = 0x100000033;
+    StreamConfiguration configuration =
+        kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
+    configuration.streams[0].usage = 0x100000033;
     configuration.operationMode = StreamConfigurationMode::VENDOR_MODE_1;
     return configuration;
-}
-
-CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
-                          int32_t streamId) {
-    CaptureRequest request = {};
-    request.frameNumber = frameNumber;
-    request.inputBuffer.streamId = -1;
-    request.outputBuffers.resize(1);
-    request.outputBuffers[0].streamId = streamId;
-    request.outputBuffers[0].bufferId = bufferId;
-    request.outputBuffers[0].buffer = handle;
-    return request;
-}
-
-CaptureResult resultFor(const CaptureRequest& request) {
-    CaptureResult result = {};
-    result.frameNumber = request.frameNumber;
-    result.outputBuffers = request.outputBuffers;
-    result.inputBuffer.streamId = -1;
-    return result;
 }
 
 SessionFixture::SessionFixture()
@@ -168,6 +139,11 @@ void SessionFixture::stop() {
     session->requestExit();
     drivePass();  // ends the wait
     session->join();
+}
+
+std::unique_lock<std::mutex> SessionFixture::holdClient() {
+    callback->during = [this] { const std::lock_guard<std::mutex> pass(clientGate); };
+    return std::unique_lock<std::mutex>(clientGate);
 }
 
 int64_t SessionFixture::mapperCalls() {

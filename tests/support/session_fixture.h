@@ -3,15 +3,20 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "FDSession.h"
+#include "frame.h"
 #include "host/buffer.h"
-#include "host/log.h"
+#include "records.h"
+#include "support/log_lines.h"
 
 /** A session of the test's own, with a client that remembers what it was told. */
 namespace testing_support {
@@ -22,6 +27,8 @@ using android::hardware::hidl_handle;
 using android::hardware::hidl_vec;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using android::hardware::camera::device::V3_2::Stream;
+using kit::requestFor;
+using kit::resultFor;
 
 constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl";
 
@@ -80,16 +87,19 @@ private:
     Deliveries& mDeliveries;
 };
 
-host::Buffer allocate(uint32_t width, uint32_t height, const host::BufferGeometry& other = {});
+inline host::Buffer allocate(uint32_t width, uint32_t height,
+                             const host::BufferGeometry& other = {}) {
+    return kit::allocate({static_cast<int>(width), static_cast<int>(height)}, other);
+}
 
 /** The buffer as the session wraps it, with this usage. */
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33);
 
+/** Whether both are a handle of one buffer, with descriptors of their own. */
+bool sameFile(const native_handle_t* a, const native_handle_t* b);
+
+/** One stream, with a usage of more than 32 bits and a mode of the vendor's. */
 StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
-CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId, const native_handle_t* handle,
-                          int32_t streamId = 0);
-/** What the provider sends back for a request. */
-CaptureResult resultFor(const CaptureRequest& request);
 
 class SessionFixture : public testing::Test {
 protected:
@@ -110,12 +120,15 @@ protected:
     void serveOne() { session->sendCaptureResult(resultFor(take())); }
     /** Ends the monitor, so that what a callback's `during` refers to may go. */
     void stop();
+    /** From now on the client is inside each call until the lock is let go of. */
+    std::unique_lock<std::mutex> holdClient();
     /** Makes the monitor go through one pass at once. */
     void drivePass() { session->sendCaptureResult(CaptureResult()); }
     /** How many calls reached the mapper. */
     static int64_t mapperCalls();
 
-    host::LogCapture log;
+    std::mutex clientGate;
+    LogLines log;
     Deliveries deliveries;
     const host::Buffer buffer;
     sp<FDSessionImpl> session;
