@@ -1,0 +1,194 @@
+// The handles that requests and results carry: what is duplicated, what is kept, what is closed.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <initializer_list>
+#include <vector>
+
+#include "holdings.h"
+#include "host/unique_fd.h"
+#include "support/few_descriptors.h"
+#include "support/interposed.h"
+#include "support/session_fixture.h"
+
+namespace testing_support {
+
+namespace {
+
+/** A handle of these descriptors, which stay the caller's. */
+struct Fence {
+    Fence(std::initializer_list<int> descriptors)
+        : handle(native_handle_create(static_cast<int>(descriptors.size()), 0)) {
+        std::copy(descriptors.begin(), descriptors.end(), &handle->data[0]);
+    }
+    ~Fence() { native_handle_delete(handle); }
+    Fence(const Fence&) = delete;
+    Fence& operator=(const Fence&) = delete;
+
+    native_handle_t* const handle;
+};
+
+}  // namespace
+
+using HandlesTest = SessionFixture;
+
+TEST_F(HandlesTest, RefusesAndForgetsWhatItCannotKeepAndAcceptsTheRestWhole) {
+    configure();
+    const int open = kit::Holdings::of().descriptors;
+    const Fence fence = {STDERR_FILENO};
+    // A fence, the imported handle, its wrapper's and the queue's take one each.
+    for (const bool isFenced : {false, true}) {
+        CaptureRequest request = requestFor(1, 1, buffer.handle());
+        if (isFenced) request.outputBuffers[0].acquireFence = fence.handle;
+        for (rlim_t spare = 0; spare < 7; ++spare) {
+            const bool isEnough = spare >= (isFenced ? 4 : 3);
+            {
+                const FewDescriptors few(spare);
+                EXPECT_EQ(session->handleCaptureRequest(request), isEnough ? 0 : -1) << spare;
+            }
+            const sp<GraphicBuffer> wrapped = session->getBufferForId(1);
+            EXPECT_EQ(wrapped != nullptr && wrapped->initCheck() == 0, isEnough) << spare;
+            EXPECT_EQ(wrapped == nullptr, !isEnough) << spare;
+            EXPECT_EQ(session->isCaptureRequestReady(), isEnough);
+            EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1)), isEnough ? 0 : -1);
+            session->handleConfigure(configurationOf(0));
+        }
+    }
+    // Handles that cannot be duplicated, whatever the number of free slots.
+    const Fence broken = {-1};
+    for (const int which : {0, 1, 2}) {
+        CaptureRequest bad = requestFor(1, 1, buffer.handle());
+        (which == 0   ? bad.inputBuffer.buffer
+         : which == 1 ? bad.outputBuffers[0].acquireFence
+                      : bad.outputBuffers[0].releaseFence) = broken.handle;
+        EXPECT_EQ(session->handleCaptureRequest(bad), -1);
+        EXPECT_EQ(session->getBufferForId(1), nullptr);
+    }
+    EXPECT_EQ(kit::Holdings::of().descriptors, open);
+}
+
+TEST_F(HandlesTest, TakesNoDescriptorForAHandleThatIsIgnored) {
+    configure();
+    ASSERT_EQ(submit(1, 1), 0);
+    const Fence four = {-1, -1, -1, -1};
+    {
+        const FewDescriptors one(1);
+        EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1, four.handle)), 0);
+        log.clear();
+        EXPECT_EQ(session->handleCaptureRequest(requestFor(3, 1)), -1);
+        EXPECT_EQ(log.said(kSessionTag),
+                  Lines{"E handleCaptureRequest: duplicating handles failed, streamId(0), "
+                        "bufferId(1) \n"});
+        EXPECT_EQ(take().frameNumber, 1U);  // moved out: needs no descriptor
+    }
+    // The buffer had been known before the refusal, and stays so.
+    EXPECT_EQ(session->handleCaptureRequest(requestFor(4, 1)), 0);
+    EXPECT_TRUE(sameFile(take().outputBuffers[0].buffer, buffer.handle()));
+}
+
+TEST_F(HandlesTest, MarksABufferNotFilledThatLostItsHandles) {
+    const Fence broken = {-1};
+    CaptureResult result = resultFor(requestFor(1, 1, buffer.handle()));
+    result.outputBuffers.resize(2);
+    result.outputBuffers[1].bufferId = 2;
+    result.outputBuffers[1].releaseFence = broken.handle;
+    log.clear();
+    session->sendCaptureResult(result);
+    const CaptureResult delivered = deliveries.waitFor(1)[0].result;
+    EXPECT_EQ(delivered.outputBuffers[0].status, BufferStatus::OK);
+    EXPECT_EQ(delivered.outputBuffers[1].status, BufferStatus::ERROR);
+    EXPECT_EQ(log.said(kSessionTag),
+              Lines{"E sendCaptureResult: duplicating handles failed, streamId(0), "
+                    "bufferId(2) \n"});
+}
+
+/** Closing may take as long as the client likes; another thread goes on meanwhile. */
+class ClosingTest : public SessionFixture {
+protected:
+    ClosingTest() { clock.stopAt(now); }
+
+    /** What `act` makes the session close, so often, it closes without a lock. */
+    void expectClosed(const char* what, int times, const std::function<void()>& act) {
+        std::vector<std::future<void>> others;
+        std::atomic<int> closes{0};
+        const CloseWatch watch(file.get(), [&] {
+            others.push_back(std::async(std::launch::async, [this] {
+                session->getTrackingMode();
+                drivePass();
+            }));
+            EXPECT_EQ(others.back().wait_for(std::chrono::seconds(5)), std::future_status::ready)
+                << what;
+            ++closes;
+        });
+        act();
+        EXPECT_TRUE(eventually([&] { return closes == times; })) << what << ": " << closes;
+    }
+    CaptureRequest fenced(uint64_t bufferId, const native_handle_t* handle) {
+        CaptureRequest request = requestFor(1, bufferId, handle);
+        request.inputBuffer.acquireFence = fence.handle;
+        request.outputBuffers[0].acquireFence = fence.handle;
+        return request;
+    }
+    void submitFenced() { EXPECT_EQ(session->handleCaptureRequest(fenced(1, buffer.handle())), 0); }
+    void stepPastASecond() { clock.stopAt(now += 1000001); }
+
+    int64_t now = 1700000000000000;
+    WallClock clock;
+    const host::UniqueFd file{memfd_create("fence", MFD_CLOEXEC)};
+    const Fence fence{file.get()};
+};
+
+TEST_F(ClosingTest, LetsGoOfARequestWithoutALock) {
+    session->handleSetCallback(nullptr);  // what is to be delivered ends here
+    configure();
+    expectClosed("a refused request", 2,
+                 [&] { EXPECT_EQ(session->handleCaptureRequest(fenced(9, nullptr)), -1); });
+    const Fence half = {file.get(), -1};
+    expectClosed("one whose handles cannot all be duplicated", 3, [&] {
+        CaptureRequest request = fenced(9, buffer.handle());
+        request.outputBuffers[0].releaseFence = half.handle;
+        EXPECT_EQ(session->handleCaptureRequest(request), -1);
+    });
+    expectClosed("a reconfiguration", 2, [&] {
+        submitFenced();
+        configure();
+    });
+    expectClosed("what the provider's record held", 2, [&] {
+        submitFenced();
+        ASSERT_EQ(submit(2, 1), 0);
+        CaptureRequest request = take();
+        EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
+        EXPECT_EQ(request.frameNumber, 2U);
+    });
+    expectClosed("a stale request", 2, [&] {
+        submitFenced();
+        stepPastASecond();
+        drivePass();
+    });
+}
+
+TEST_F(ClosingTest, LetsGoOfAResultWithoutALock) {
+    // Held in a delivery, the monitor finds a stale request in that pass and in the next.
+    configure();
+    auto closed = holdClient();
+    ASSERT_EQ(submit(3, 1), 0);
+    serveOne();
+    deliveries.waitFor(1);
+    expectClosed("a result, in a pass that answers a stale request too", 1, [&] {
+        ASSERT_EQ(submit(4, 1), 0);
+        ASSERT_EQ(submit(5, 1), 0);
+        stepPastASecond();
+        CaptureResult result = {};
+        result.inputBuffer.releaseFence = fence.handle;
+        session->sendCaptureResult(result);
+        closed.unlock();
+    });
+    EXPECT_EQ(deliveries.waitFor(3)[2].result.frameNumber, 5U);
+    stop();
+}
+
+}  // namespace testing_support
