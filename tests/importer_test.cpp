@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
+#include <thread>
+
 #include "HandleImporter.h"
-#include "host/buffer.h"
-#include "host/log.h"
 #include "support/session_fixture.h"
 #include "support/spy_mapper.h"
 
@@ -33,15 +35,45 @@ protected:
         return nullptr;
     }
 
+    /** Another thread's operation, begun while this one is inside the mapper, waits for its end. */
+    void expectWaitsInside(const std::function<void()>& operation,
+                           const std::function<void()>& other) {
+        expectInside(operation, other, true);
+    }
+    void expectGoesOnInside(const std::function<void()>& operation,
+                            const std::function<void()>& other) {
+        expectInside(operation, other, false);
+    }
+
     const android::sp<Spy> spy = new Spy(real());
     const android::sp<SpyMapper2> unused = new SpyMapper2(host::realMapper2());
     const host::ScopedMapper scope{as3(spy), [this]() -> android::sp<mapper2::IMapper> {
                                        if constexpr (std::is_same_v<Spy, SpyMapper2>) return spy;
                                        return unused;
                                    }()};
-    host::LogCapture log;
+    LogLines log;
     const host::Buffer buffer = allocate(64, 32);
     HandleImporter importer;
+
+private:
+    void expectInside(const std::function<void()>& operation, const std::function<void()>& other,
+                      bool waits) {
+        std::atomic<pid_t> id{0};
+        std::atomic<bool> isDone{false};
+        std::thread thread;
+        spy->during = [&] {
+            thread = std::thread([&] {
+                id = gettid();
+                other();
+                isDone = true;
+            });
+            EXPECT_TRUE(eventually([&] { return isDone || (waits && id != 0 && isAsleep(id)); }));
+            EXPECT_EQ(isDone, !waits);
+        };
+        operation();
+        ASSERT_TRUE(thread.joinable());
+        thread.join();
+    }
 };
 
 using BothVersions = testing::Types<SpyMapper3, SpyMapper2>;
@@ -101,11 +133,11 @@ TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
     EXPECT_EQ(this->importer.unlock(handle), -1);
     EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
     EXPECT_EQ(this->importer.lock(handle, 3, size_t{1} << 31), nullptr);
-    const std::vector<std::string> lines = {
-        "operator(): failed to lock error 2!", "operator(): failed to lockYCbCr error 2!",
-        "operator(): failed to unlock error 2!", "lock: size 4294967360 is over 31 bits",
-        "lock: size 2147483648 is over 31 bits"};
-    EXPECT_EQ(this->log.texts(kTag), lines);
+    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): failed to lock error 2!",
+                                           "E operator(): failed to lockYCbCr error 2!",
+                                           "E operator(): failed to unlock error 2!",
+                                           "E lock: size 4294967360 is over 31 bits",
+                                           "E lock: size 2147483648 is over 31 bits"}));
 }
 
 TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
@@ -116,12 +148,14 @@ TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
     EXPECT_FALSE(this->importer.importBuffer(other));
     EXPECT_EQ(other, this->buffer.handle());
     this->importer.freeBuffer(handle);
-    const std::string dead = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
-    EXPECT_EQ(this->log.count("importBufferInternal: mapper importBuffer failed: " + dead), 1);
-    EXPECT_EQ(this->log.count("freeBuffer: mapper freeBuffer failed: " + dead), 1);
     EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
     EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).cStride, 0U);
     EXPECT_EQ(this->importer.unlock(handle), -1);
+    const std::string dead = " failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
+    EXPECT_EQ(this->log.said(kTag),
+              (Lines{"E importBufferInternal: mapper importBuffer" + dead,
+                     "E freeBuffer: mapper freeBuffer" + dead, "E lock: mapper call" + dead,
+                     "E lockYCbCr: mapper call" + dead, "E unlock: mapper call" + dead}));
     this->spy->failTransport = false;
     this->importer.freeBuffer(handle);
 }
@@ -145,15 +179,41 @@ TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {
     EXPECT_EQ(unlockWith(1, 0, -7), -1);
     EXPECT_EQ(unlockWith(2, 0, STDERR_FILENO), -1);
     EXPECT_EQ(unlockWith(1, 1, STDERR_FILENO), -1);
-    const std::vector<std::string> lines = {"operator(): bad release fence FD -1",
-                                            "operator(): bad release fence numInts 0 numFds 2",
-                                            "operator(): bad release fence numInts 1 numFds 1"};
-    EXPECT_EQ(this->log.texts(kTag), lines);
+    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): bad release fence FD -1",
+                                           "E operator(): bad release fence numInts 0 numFds 2",
+                                           "E operator(): bad release fence numInts 1 numFds 1"}));
+    this->importer.freeBuffer(handle);
+}
+
+TYPED_TEST(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
+    buffer_handle_t handle = this->buffer.handle();
+    buffer_handle_t other = this->buffer.handle();
+    ASSERT_TRUE(this->importer.importBuffer(handle));
+    const auto import = [&] { EXPECT_TRUE(this->importer.importBuffer(other)); };
+    const auto free = [&] { this->importer.freeBuffer(other); };
+    const auto lock = [&] { EXPECT_NE(this->importer.lock(handle, 3, 64), nullptr); };
+    const auto lockYCbCr = [&] {
+        EXPECT_NE(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
+    };
+    const auto unlock = [&] { this->importer.unlock(handle); };
+    // Without a usage this changes nothing.
+    const auto lockForNothing = [&] { this->importer.lock(handle, 0, 64); };
+
+    this->expectWaitsInside(import, lockForNothing);
+    this->expectWaitsInside(free, lockForNothing);
+    this->expectWaitsInside(lock, lockForNothing);
+    this->expectGoesOnInside(unlock, lockForNothing);
+    this->expectWaitsInside(lockYCbCr, lockForNothing);
+    // What takes no lock does not wait for it either.
+    this->expectGoesOnInside(lockForNothing, unlock);
+    this->expectGoesOnInside(lockForNothing, [&] { this->importer.cleanup(); });
+    lock();  // connects anew
+    unlock();
     this->importer.freeBuffer(handle);
 }
 
 TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
-    host::LogCapture log;
+    LogLines log;
     const host::ScopedMapper none(nullptr, nullptr);
     HandleImporter importer;
     native_handle_t* const empty = native_handle_create(0, 0);
@@ -174,12 +234,11 @@ TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
     EXPECT_EQ(importer.lockYCbCr(handle, 3, {0, 0, 4, 4}).y, nullptr);
     EXPECT_EQ(none.asked3(), 3);
     EXPECT_EQ(none.asked2(), 3);
-    const std::string hal = "initializeLocked: cannnot acccess graphics mapper HAL!";
+    const std::string hal = "E initializeLocked: cannnot acccess graphics mapper HAL!";
     const std::string null = ": mMapperV3 and mMapperV2 are both null!";
-    const std::vector<std::string> lines = {
-        "freeBuffer" + null, "unlock" + null, hal, "importBuffer" + null, hal, "lock" + null, hal,
-        "lockYCbCr" + null};
-    EXPECT_EQ(log.texts(kTag), lines);
+    EXPECT_EQ(log.said(kTag),
+              (Lines{"E freeBuffer" + null, "E unlock" + null, hal, "E importBuffer" + null, hal,
+                     "E lock" + null, hal, "E lockYCbCr" + null}));
 
     // A mapper that appears is found, and forgotten by cleanup().
     {
@@ -194,7 +253,7 @@ TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
 }
 
 TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
-    host::LogCapture log;
+    LogLines log;
     const HandleImporter importer;
     int fd = 99;
     EXPECT_TRUE(importer.importFence(nullptr, fd));
@@ -220,10 +279,9 @@ TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
         EXPECT_EQ(fd, 99);
     }
     native_handle_delete(fence);
-    const std::vector<std::string> lines = {"failed to dup fence fd -3",
-                                            "invalid fence handle with 2 file descriptors",
-                                            "invalid fence handle with -1 file descriptors"};
-    EXPECT_EQ(log.texts(kTag), lines);
+    EXPECT_EQ(log.said(kTag), (Lines{"E failed to dup fence fd -3",
+                                     "E invalid fence handle with 2 file descriptors",
+                                     "E invalid fence handle with -1 file descriptors"}));
 }
 
 }  // namespace testing_support

@@ -3,8 +3,8 @@
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <android/hardware/graphics/mapper/3.0/IMapper.h>
 
-#include <atomic>
-#include <type_traits>
+#include <functional>
+#include <utility>
 #include <vector>
 
 #include "host/mapper.h"
@@ -13,7 +13,7 @@ namespace testing_support {
 
 /**
  * A mapper, 3.0 or 2.0, that passes calls on to the real one and remembers them. Told to, it
- * answers with an error, fails on the way, or gives a release fence. For one thread.
+ * answers with an error, fails on the way, or gives a release fence. For one thread at a time.
  */
 template <typename IMapper, typename Error, typename YCbCrLayout>
 class SpyMapper : public IMapper {
@@ -27,6 +27,7 @@ public:
 
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
+        pause();
         if (failTransport) return failure();
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
@@ -35,6 +36,7 @@ public:
     }
 
     Return<Error> freeBuffer(void* buffer) override {
+        pause();
         freed.push_back(buffer);
         if (failTransport) return failure();
         return mReal->freeBuffer(buffer);
@@ -42,6 +44,7 @@ public:
 
     Return<void> lock(void* buffer, uint64_t cpuUsage, const Rect& lockRegion, const Handle& fence,
                       typename IMapper::lock_cb answer) override {
+        pause();
         region = lockRegion;
         usage = cpuUsage;
         if (failTransport) return failure();
@@ -50,6 +53,7 @@ public:
 
     Return<void> lockYCbCr(void* buffer, uint64_t cpuUsage, const Rect& lockRegion,
                            const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
+        pause();
         region = lockRegion;
         usage = cpuUsage;
         if (failTransport) return failure();
@@ -57,6 +61,7 @@ public:
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
+        pause();
         if (failTransport) return failure();
         return mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
             answer(answered, releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
@@ -66,6 +71,7 @@ public:
     Error error = Error::NONE;  ///< for imports
     bool failTransport = false;
     Handle releaseFence;
+    std::function<void()> during;  ///< runs once, inside the next call
 
     std::vector<void*> imported;
     std::vector<void*> freed;
@@ -73,6 +79,9 @@ public:
     uint64_t usage = 0;
 
 private:
+    void pause() {
+        if (const auto once = std::exchange(during, nullptr)) once();
+    }
     static android::hardware::Status failure() {
         return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
     }
