@@ -18,9 +18,9 @@ std::filesystem::path programFolder();
 
 /** How a program is started, where that is not as usual. */
 struct ChildOptions {
-    bool takesInput = false;       ///< from write(), instead of this program's standard input
-    bool errorsToo = false;        ///< its standard error is read with what it prints
-    std::filesystem::path folder;  ///< it runs in; empty: this program's
+    bool takesInput = false;         ///< from write(), instead of this program's standard input
+    bool errorsToo = false;          ///< its standard error is read with what it prints
+    std::filesystem::path folder{};  ///< it runs in; empty: this program's
 };
 
 /**

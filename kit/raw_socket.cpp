@@ -1,20 +1,41 @@
 #include "raw_socket.h"
 
-#include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cstring>
 
 namespace kit {
 
-host::UniqueFd connectRaw(const std::string& path) {
+namespace {
+
+sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    host::UniqueFd socket(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    if (connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
-        socket.reset();
-    return socket;
+    return address;
+}
+
+}  // namespace
+
+host::UniqueFd rawSocket() {
+    return host::UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+}
+
+bool connectRaw(int socket, const std::string& path) {
+    const sockaddr_un address = addressOf(path);
+    return connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+bool listenRaw(int socket, const std::string& path) {
+    const sockaddr_un address = addressOf(path);
+    return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+           listen(socket, 1) == 0;
+}
+
+std::pair<host::UniqueFd, host::UniqueFd> socketPair(int type) {
+    int ends[] = {-1, -1};
+    socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends);
+    return {host::UniqueFd(ends[0]), host::UniqueFd(ends[1])};
 }
 
 bool sendRaw(int socket, const void* bytes, size_t size, const std::vector<int>& fds) {

@@ -3,28 +3,35 @@
 //
 //   client-probe stream SOCKET   asks for frames until it is killed; says "1" after the first, and
 //                                goes on when it is told to by a byte
+//   client-probe connect SOCKET  connects again and again, when it is told to by a byte
 //   client-probe starve FOLDER   0 when a client that never reads takes nothing from the others
 //
 // Exits with 1 and a line when something does not hold.
 
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <iostream>
 #include <mutex>
 #include <random>
 #include <string>
+#include <utility>
 
 #include "FDSession.h"
+#include "frame.h"
+#include "host/accepted.h"
 #include "host/buffer.h"
 #include "host/channel.h"
 #include "host/log.h"
 #include "host/unique_fd.h"
+#include "raw_socket.h"
+#include "records.h"
+#include "src/socket.h"
 
 namespace {
 
@@ -37,38 +44,22 @@ using android::hardware::hidl_vec;
     _exit(1);
 }
 
-bool accepted(const Return<Status>& answer) {
-    return answer.isOk() && static_cast<Status>(answer) == Status::OK;
-}
-
-host::Buffer allocate() {
-    host::BufferGeometry geometry;
-    geometry.width = 64;
-    geometry.height = 32;
-    return std::move(*host::Buffer::allocate(geometry));
-}
+constexpr kit::FrameSize kSize = {64, 32};
 
 /** Keeps one request under way in a buffer whose id no earlier client used. */
 class Streamer : public IFDSessionCallback {
 public:
     explicit Streamer(sp<IFDSession> session)
-        : mSession(std::move(session)), mBuffer(allocate()), mBufferId(random64()) {}
+        : mSession(std::move(session)), mBuffer(kit::allocate(kSize)), mBufferId(random64()) {}
 
     bool start() {
-        StreamConfiguration configuration = {};
-        configuration.streams.resize(1);
-        configuration.streams[0].width = 64;
-        configuration.streams[0].height = 32;
-        configuration.streams[0].usage = 0x33;
-        return accepted(mSession->setCallback(this)) &&
-               accepted(mSession->configure(configuration)) && submit(mBuffer.handle());
+        return host::isAccepted(mSession->setCallback(this)) &&
+               host::isAccepted(mSession->configure(kit::configurationOf(kSize))) &&
+               submit(mBuffer.handle());
     }
-    bool submit(const native_handle_t* handle) {
-        CaptureRequest request = {};
-        request.outputBuffers.resize(1);
-        request.outputBuffers[0].bufferId = mBufferId;
-        request.outputBuffers[0].buffer = handle;
-        return accepted(mSession->processCaptureRequest(request));
+    bool submit(const native_handle_t* handle = nullptr) {
+        return host::isAccepted(
+            mSession->processCaptureRequest(kit::requestFor(0, mBufferId, handle)));
     }
     void waitForResults(uint32_t count) {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -84,7 +75,7 @@ public:
             mine = ++mResults;
             mCame.notify_all();
         }
-        if (mine > 1) submit(nullptr);  // from inside, as clients do
+        if (mine > 1) submit();  // from inside, as clients do
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
@@ -110,47 +101,32 @@ int stream(const std::string& path) {
     const sp<Streamer> streamer = new Streamer(session);
     if (!streamer->start()) fail("the stream could not be set up");
     streamer->waitForResults(1);
-    char byte = '1';
-    if (write(STDOUT_FILENO, &byte, 1) != 1 || read(STDIN_FILENO, &byte, 1) != 1) return 1;
-    streamer->submit(nullptr);
+    std::cout << 1 << std::endl;
+    char byte = 0;
+    if (read(STDIN_FILENO, &byte, 1) != 1) return 1;
+    streamer->submit();
     pause();
     return 0;
 }
 
-/** Sets a callback at whose other end nobody ever reads; both sockets stay open. */
-void connectSilentClient(const std::string& path, host::UniqueFd& connection,
-                         host::UniqueFd& unread) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    connection.reset(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-    int ends[2];
-    if (connect(connection.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
-        fail("the silent client cannot connect");
-    }
-    unread.reset(ends[0]);
-    const host::UniqueFd handedOver(ends[1]);
-    const uint32_t header[] = {0x464443, 1, 1, 1};
-    char bytes[sizeof(header) + 1];
-    memcpy(bytes, header, sizeof(header));
-    bytes[sizeof(header)] = 1;
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    iovec part = {bytes, sizeof(bytes)};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = sizeof(control);
-    cmsghdr* const first = CMSG_FIRSTHDR(&message);
-    first->cmsg_level = SOL_SOCKET;
-    first->cmsg_type = SCM_RIGHTS;
-    first->cmsg_len = CMSG_LEN(sizeof(int));
-    const int fd = handedOver.get();
-    memcpy(CMSG_DATA(first), &fd, sizeof(fd));
+int connectAgainAndAgain(const std::string& path) {
+    char byte = 0;
+    if (read(STDIN_FILENO, &byte, 1) != 1) return 1;
+    for (int i = 0; i < 500; ++i)
+        kit::connectRaw(kit::rawSocket().get(), path);
+    return 0;
+}
+
+/** Sets a callback at whose other end nobody ever reads. */
+void connectSilentClient(int connection, const std::string& path, int callback) {
+    struct {
+        host::detail::Header header = {host::detail::Header::CALL, 1, 1, 1};
+        bool isThere = true;
+    } call;
     char answer[64];
-    if (sendmsg(connection.get(), &message, 0) < 0 ||
-        recv(connection.get(), answer, sizeof(answer), 0) <= 0) {
+    if (!kit::connectRaw(connection, path) ||
+        !kit::sendRaw(connection, &call, sizeof(call.header) + sizeof(call.isThere), {callback}) ||
+        recv(connection, answer, sizeof(answer), 0) <= 0) {
         fail("the silent client is not taken");
     }
 }
@@ -167,14 +143,13 @@ int starve(const std::string& folder) {
     const std::string path = folder + "/socket";
     const auto server = host::Server::listen(path, session->getInterface(), problem);
     if (server == nullptr) fail(problem);
-    host::UniqueFd connection;
-    host::UniqueFd unread;
-    connectSilentClient(path, connection, unread);
+    const host::UniqueFd connection = kit::rawSocket();
+    auto [unread, handedOver] = kit::socketPair();
+    connectSilentClient(connection.get(), path, handedOver.get());
+    handedOver.reset();
 
-    const host::Buffer buffer = allocate();
-    CaptureResult result = {};
-    result.outputBuffers.resize(1);
-    result.outputBuffers[0].buffer = buffer.handle();
+    const host::Buffer buffer = kit::allocate(kSize);
+    const CaptureResult result = kit::resultFor(kit::requestFor(0, 0, buffer.handle()));
     host::LogCapture log;
     for (rlim_t i = 0; i < 2 * kSlots; ++i) {
         session->sendCaptureResult(result);
@@ -193,15 +168,15 @@ int starve(const std::string& folder) {
             usleep(100);
             continue;
         }
-        result.outputBuffers = request.outputBuffers;
-        session->sendCaptureResult(result);
+        session->sendCaptureResult(kit::resultFor(request));
         if (++served == 1) {
             streamer->waitForResults(1);
-            streamer->submit(nullptr);
+            streamer->submit();
         }
     }
     streamer->waitForResults(kFrames);
-    if (!accepted(session->getInterface()->setCallback(nullptr))) fail("the session is gone");
+    if (!host::isAccepted(session->getInterface()->setCallback(nullptr)))
+        fail("the session is gone");
     return 0;
 }
 
@@ -210,5 +185,7 @@ int starve(const std::string& folder) {
 int main(int argc, char** argv) {
     if (argc != 3) return 2;
     host::setStderrLogPriority(7);
-    return strcmp(argv[1], "stream") == 0 ? stream(argv[2]) : starve(argv[2]);
+    const std::string mode = argv[1];
+    if (mode == "stream") return stream(argv[2]);
+    return mode == "connect" ? connectAgainAndAgain(argv[2]) : starve(argv[2]);
 }

@@ -7,9 +7,7 @@
 #include <poll.h>
 #include <regex.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,17 +23,21 @@
 #include <vector>
 
 #include "ZoruUtil.h"
+#include "child_process.h"
 #include "client_watch.h"
+#include "frame.h"
 #include "host/channel.h"
 #include "host/unique_fd.h"
+#include "support/run_shell.h"
 #include "support/session_fixture.h"
+#include "temporary_folder.h"
 #include "watched_session.h"
 
 namespace testing_support {
 
 namespace {
 
-constexpr size_t kFrameBytes = size_t{1280} * 720 * 3 / 2;
+using kit::kFrameBytes;
 
 std::string contentOf(const std::filesystem::path& path) {
     std::ifstream file(path);
@@ -98,8 +100,6 @@ Extent extentOf(const std::string& written) {
 class ClientToolTest : public SessionFixture {
 protected:
     ClientToolTest() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
         listen();
         provider = std::thread([this] {
             while (!end) {
@@ -111,7 +111,6 @@ protected:
         end = true;
         provider.join();
         server.reset();
-        std::filesystem::remove_all(folder);
     }
 
     void listen() {
@@ -126,7 +125,7 @@ protected:
         };
         events.went = [watch](pid_t process) { watch->went(process); };
         std::string problem;
-        server = host::Server::listen(folder + "/socket", new tools::WatchedSession(client, watch),
+        server = host::Server::listen(folder / "socket", new tools::WatchedSession(client, watch),
                                       problem, events);
         EXPECT_NE(server, nullptr) << problem;
     }
@@ -157,26 +156,32 @@ protected:
     }
     /** The exit code of the program with these arguments, after these words of the shell. */
     int run(const std::string& arguments, const std::string& before = "") const {
-        const std::string command = "cd " + folder + "; exec >out 2>err; " + before +
-                                    " timeout 60 " CLIENT_TOOL " --socket socket " + arguments;
-        const int status = system(command.c_str());
-        const std::lock_guard<std::mutex> lock(
-            eventMutex);  // what an event did is seen from here on
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        kit::ChildOptions options;
+        options.folder = folder.path();
+        std::string problem;
+        const auto shell = kit::ChildProcess::startShell(
+            "exec >out 2>err; " + before + " timeout 60 " CLIENT_TOOL " --socket socket " +
+                arguments,
+            problem, options);
+        EXPECT_NE(shell, nullptr) << problem;
+        const int code = shell->exitCode(kPatience);
+        // What an event did is seen from here on.
+        const std::lock_guard<std::mutex> lock(eventMutex);
+        return code;
     }
-    std::string read(const std::string& name) const { return contentOf(folder + "/" + name); }
+    std::string read(const std::string& name) const { return contentOf(folder / "" + name); }
     bool exists(const std::string& name) const {
-        return std::filesystem::exists(folder + "/" + name);
+        return std::filesystem::exists(folder / "" + name);
     }
     std::string saidSoFar() {
         const std::lock_guard<std::mutex> lock(mutex);
         return said;
     }
 
-    std::string folder;
+    const kit::TemporaryFolder folder;
     std::unique_ptr<host::Server> server;
     std::atomic<pid_t> tool{0};
-    std::vector<uint8_t> frame = std::vector<uint8_t>(kFrameBytes, 7);
+    kit::Frame frame = kit::Frame(kFrameBytes, 7);
     std::atomic<bool> end{false};
     std::atomic<int> served{0};
     std::atomic<int> eventAfter{-1};
@@ -192,7 +197,7 @@ TEST_F(ClientToolTest, LetsGoOfResultsThatAreNotItsOwn) {
     EXPECT_EQ(run("--frames 10 --json json --raw raw"), 0) << read("err");
     EXPECT_TRUE(has(read("json"), "\"delivered\": 10")) << read("json");
     EXPECT_FALSE(has(read("json"), "\"foreign\": 0")) << read("json");
-    EXPECT_EQ(std::filesystem::file_size(folder + "/raw"), 10 * kFrameBytes);
+    EXPECT_EQ(std::filesystem::file_size(folder / "raw"), 10 * kFrameBytes);
     EXPECT_FALSE(exists("raw.part") || exists("json.part"));
 }
 
@@ -267,13 +272,13 @@ TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
         EXPECT_EQ(run("--frames 0 --json json --raw raw"), 0) << number << read("err");
         EXPECT_TRUE(has(read("json"), "\"interrupted\"")) << read("json");
         EXPECT_TRUE(exists("raw") && !exists("raw.part"));
-        std::filesystem::remove(folder + "/json");
+        std::filesystem::remove(folder / "json");
     }
 }
 
 TEST_F(ClientToolTest, AsksForNoMoreThanIsRead) {
-    ASSERT_EQ(mkfifo((folder + "/pipe").c_str(), 0600), 0);
-    const host::UniqueFd reader(open((folder + "/pipe").c_str(), O_RDONLY | O_NONBLOCK));
+    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
+    const host::UniqueFd reader(open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK));
     auto running = std::async(std::launch::async, [this] { return run("--frames 0 --raw pipe"); });
     EXPECT_TRUE(eventually([&] {
         const int before = served;
@@ -318,7 +323,7 @@ TEST_F(ClientToolTest, EndsWhenAnotherClientTakesTheSession) {
     after(9, [&] {
         first = std::to_string(tool);
         std::string problem;
-        other = host::connect<IFDSession>(folder + "/socket", problem);
+        other = host::connect<IFDSession>(folder / "socket", problem);
         ASSERT_NE(other, nullptr) << problem;
         EXPECT_TRUE(other->setCallback(callback).isOk());
     });

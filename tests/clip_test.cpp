@@ -1,12 +1,9 @@
 // Raw clips: which files are taken for one, from where, and what a comparison with one says.
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -16,10 +13,12 @@
 #include <utility>
 #include <vector>
 
-#include "child_process.h"
 #include "comparison.h"
+#include "frame.h"
 #include "nv12_file.h"
 #include "spool.h"
+#include "support/run_shell.h"
+#include "temporary_folder.h"
 
 namespace testing_support {
 
@@ -31,12 +30,6 @@ using tools::Nv12File;
 
 class ClipTest : public testing::Test {
 protected:
-    ClipTest() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
-    }
-    ~ClipTest() override { fs::remove_all(folder); }
-
     /** So many bytes, of which the first are given. */
     std::string write(const std::string& name, const std::string& beginning, size_t size) const {
         std::string content = beginning;
@@ -56,22 +49,15 @@ protected:
         EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
         return std::thread([=] { std::ofstream(pipe, std::ios::binary) << content; });
     }
-    /** A provider that has printed that it listens; what it says on stderr goes to "said". */
+    /** A provider that has printed that it listens. */
     std::unique_ptr<kit::ChildProcess> startProvider(const std::string& arguments) const {
-        std::string problem;
-        auto shell = kit::ChildProcess::start(
-            "/bin/sh",
-            {"-c", "exec " PROVIDER_TOOL " --socket " + (folder / "socket").string() + " " +
-                       arguments + " 2>" + (folder / "said").string()},
-            problem);
-        EXPECT_NE(shell, nullptr) << problem;
-        EXPECT_EQ(shell->nextLine(kPatience), "listening on " + (folder / "socket").string())
-            << read(folder / "said");
+        auto shell =
+            startShell("exec " PROVIDER_TOOL " --socket " + folder / "socket" + " " + arguments);
+        EXPECT_EQ(shell->nextLine(kPatience), "listening on " + folder / "socket");
         return shell;
     }
 
-    static constexpr std::chrono::seconds kPatience{60};
-    fs::path folder;
+    const kit::TemporaryFolder folder;
 };
 
 TEST_F(ClipTest, RefusesWhatIsNoWholeNumberOfRawFrames) {
@@ -102,7 +88,7 @@ TEST_F(ClipTest, RefusesWhatIsNoWholeNumberOfRawFrames) {
         EXPECT_NE(problem.find(clip.problem), std::string::npos) << problem;
         EXPECT_EQ(problem.empty(), clip.problem.empty()) << problem;
         if (problem.find("seems") == std::string::npos) continue;
-        EXPECT_NE(problem.find("ffmpeg -i '" + folder.string() +
+        EXPECT_NE(problem.find("ffmpeg -i '" + folder.path().string() +
                                "/it'\\''s raw' -f rawvideo -pix_fmt nv12 -s 1280x720 "),
                   std::string::npos)
             << problem;
@@ -168,27 +154,25 @@ TEST_F(ClipTest, TellsFramesThatAreOnlyTurned) {
 TEST_F(ClipTest, IsPlayedFromAPipe) {
     const std::string clip = write("clip", "", 2 * kFrameBytes);
     std::thread writer = makePipe(read(clip));
-    const auto provider = startProvider("--input - <" + (folder / "pipe").string());
+    const auto provider = startProvider("--input - <" + folder / "pipe");
     writer.join();
     EXPECT_NE(provider->nextLine(kPatience)->find("standard input is played as NV12"),
               std::string::npos);
-    const std::string client = "timeout 60 " CLIENT_TOOL " --frames 3 --socket " +
-                               (folder / "socket").string() + " --compare " + clip + " >" +
-                               (folder / "client").string() + " 2>&1";
-    EXPECT_EQ(system(client.c_str()), 0) << read(folder / "client");
+    const Output output = runShell("exec " CLIENT_TOOL " --frames 3 --socket " + folder / "socket" +
+                                   " --compare " + clip);
+    EXPECT_EQ(output.exitCode, 0) << output.text;
     provider->signal(SIGTERM);
-    EXPECT_EQ(provider->waitForEnd(kPatience), 0);
+    EXPECT_EQ(provider->exitCode(kPatience), 0);
 }
 
 TEST_F(ClipTest, EndsTheProviderWhenItIsCutShort) {
     const std::string clip = write("clip", "", 2 * kFrameBytes);
     const auto provider = startProvider("--input " + clip);
     fs::resize_file(clip, kFrameBytes);
-    const std::optional<int> status = provider->waitForEnd(kPatience);
-    ASSERT_TRUE(status);
-    EXPECT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 1) << *status;
-    EXPECT_EQ(read(folder / "said"),
+    const std::string printed = provider->rest(kPatience);
+    EXPECT_EQ(printed.substr(printed.find("fdstream-provider: ")),
               "fdstream-provider: " + clip + " has become shorter while it was played\n");
+    EXPECT_EQ(provider->exitCode(kPatience), 1);
 }
 
 }  // namespace testing_support

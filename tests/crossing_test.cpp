@@ -26,14 +26,15 @@
 #include <thread>
 #include <vector>
 
+#include "holdings.h"
 #include "host/channel.h"
 #include "host/limits.h"
 #include "src/control_data.h"
 #include "src/socket.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
-#include "support/leak_check.h"
 #include "support/raw_client.h"
+#include "support/run_shell.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -69,18 +70,6 @@ std::map<std::string, int> openFiles() {
     }
     return files;
 }
-
-/** Two connected sockets, as whoever hands a callback over has them. */
-struct Pair {
-    explicit Pair(int type = SOCK_SEQPACKET) {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
-        mine.reset(ends[0]);
-        theirs.reset(ends[1]);
-    }
-    UniqueFd mine;
-    UniqueFd theirs;
-};
 
 /** A socket whose last close waits a second for a peer that does not read. */
 struct Lingering {
@@ -120,7 +109,7 @@ constexpr std::chrono::milliseconds kLessThanItLingers(900);
 
 class CrossingTest : public TransportFixture {
 protected:
-    CrossingTest() : slowPath(folder + "/slow") {
+    CrossingTest() : slowPath(folder / "slow") {
         std::ofstream(slowPath) << "slow";
         setUpStream();
     }
@@ -176,13 +165,14 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
     ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
     const UniqueFd reading(pipeEnds[0]);
     const UniqueFd writing(pipeEnds[1]);
-    ASSERT_EQ(mkfifo((folder + "/fifo").c_str(), 0600), 0);
-    const Pair channel;
-    const Pair stream(SOCK_STREAM);
+    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    const auto channel = kit::socketPair();
+    const auto stream = kit::socketPair(SOCK_STREAM);
     UniqueFd inMemory(open("/dev/shm/fdstream-test", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     unlink("/dev/shm/fdstream-test");
     // In a mount that is nowhere in the tree a file has a path like a memfd's name. For root only.
-    const UniqueFd tree(static_cast<int>(syscall(SYS_open_tree, AT_FDCWD, folder.c_str(), 1)));
+    const UniqueFd tree(
+        static_cast<int>(syscall(SYS_open_tree, AT_FDCWD, folder.path().c_str(), 1)));
     UniqueFd named(openat(tree.get(), "memfd:x", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     enum Place { NOWHERE, MEMORY, FENCE, CHANNEL };
     struct Kind {
@@ -197,16 +187,16 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         {"eventfd", FENCE, UniqueFd(eventfd(0, EFD_CLOEXEC))},
         {"pipe, to read", FENCE, UniqueFd(dup(reading.get()))},
         {"pipe, to write", FENCE, UniqueFd(dup(writing.get()))},
-        {"channel", CHANNEL, UniqueFd(dup(channel.mine.get()))},
-        {"stream socket", NOWHERE, UniqueFd(dup(stream.mine.get()))},
+        {"channel", CHANNEL, UniqueFd(dup(channel.first.get()))},
+        {"stream socket", NOWHERE, UniqueFd(dup(stream.first.get()))},
         {"TCP socket", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))},
         {"file", NOWHERE, openSlow()},
         {"file in memory", NOWHERE, std::move(inMemory)},
         {"file with a memfd's name", NOWHERE, std::move(named)},
-        {"folder", NOWHERE, UniqueFd(open(folder.c_str(), O_RDONLY | O_CLOEXEC))},
+        {"folder", NOWHERE, UniqueFd(open(folder.path().c_str(), O_RDONLY | O_CLOEXEC))},
         {"device", NOWHERE, UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC))},
         {"terminal", NOWHERE, UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))},
-        {"named pipe", NOWHERE, UniqueFd(open((folder + "/fifo").c_str(), O_RDWR | O_CLOEXEC))},
+        {"named pipe", NOWHERE, UniqueFd(open((folder / "fifo").c_str(), O_RDWR | O_CLOEXEC))},
         {"epoll", NOWHERE, UniqueFd(epoll_create1(EPOLL_CLOEXEC))},
         {"pidfd", NOWHERE, UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)))},
         {"path only", NOWHERE, UniqueFd(open(slowPath.c_str(), O_PATH | O_CLOEXEC))},
@@ -235,8 +225,7 @@ TEST_F(CrossingTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
                     << kind.name;
             }
         }
-        RawClient raw(path);
-        ASSERT_TRUE(raw.connect());
+        RawClient raw = connectRaw();
         EXPECT_EQ(raw.setCallback(fd), kind.place == CHANNEL ? kAnswer : kRefused) << kind.name;
         EXPECT_TRUE(raw.isServed()) << kind.name;
         // Not more at once than may wait to be closed.
@@ -295,23 +284,23 @@ TEST_F(CrossingTest, TakesOrClosesWhateverComesAsControlData) {
 }
 
 TEST_F(CrossingTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
-    const Pair pair;
+    auto pair = kit::socketPair();
+    const int theirs = pair.second.get();
     const int on = 1;
     const auto set = [&] {
         for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_TIMESTAMP})
-            setsockopt(pair.theirs.get(), SOL_SOCKET, option, &on, sizeof(on));
-        return setsockopt(pair.theirs.get(), SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0;
+            setsockopt(theirs, SOL_SOCKET, option, &on, sizeof(on));
+        return setsockopt(theirs, SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0;
     };
     if (!set()) GTEST_SKIP() << "this kernel adds no pidfd to a message (it needs Linux 6.5)";
-    RawClient raw(path);
-    ASSERT_TRUE(raw.connect());
-    ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+    RawClient raw = connectRaw();
+    ASSERT_EQ(raw.setCallback(theirs), kAnswer);
     int value = -1;
     socklen_t size = sizeof(value);
-    EXPECT_EQ(getsockopt(pair.theirs.get(), SOL_SOCKET, kPassPidfd, &value, &size), 0);
+    EXPECT_EQ(getsockopt(theirs, SOL_SOCKET, kPassPidfd, &value, &size), 0);
     EXPECT_EQ(value, 0);  // switched off when it was handed over ...
     ASSERT_TRUE(set());   // ... and on again by the peer, for the socket is its own too
-    RawClient peer(UniqueFd(fcntl(pair.mine.get(), F_DUPFD_CLOEXEC, 0)));
+    RawClient peer(std::move(pair.first));
     const int before = kit::Holdings::of().descriptors;
     for (uint32_t serial = 1; serial <= 40; ++serial) {
         peer.send(message({kAnswer, 1, serial, 0}));
@@ -324,15 +313,15 @@ TEST_F(CrossingTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
 }
 
 TEST_F(CrossingTest, ReceivesDescriptorsThatNoChildInherits) {
-    const Pair pair;
+    const auto [mine, theirs] = kit::socketPair();
     host::Outgoing out;
     out.fds = {STDERR_FILENO};
     const host::detail::Header header = {host::detail::Header::CALL, 1, 1, 1};
-    ASSERT_TRUE(host::detail::sendMessage(pair.mine.get(), header, out, {}).isOk());
+    ASSERT_TRUE(host::detail::sendMessage(mine.get(), header, out, {}).isOk());
     host::detail::Header came = {};
     std::vector<uint8_t> bytes;
     host::Incoming in;
-    ASSERT_TRUE(host::detail::receiveMessage(pair.theirs.get(), came, bytes, in, {}).isOk());
+    ASSERT_TRUE(host::detail::receiveMessage(theirs.get(), came, bytes, in, {}).isOk());
     EXPECT_EQ(fcntl(in.fds.at(0).get(), F_GETFD), FD_CLOEXEC);
 }
 
@@ -343,8 +332,7 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     EXPECT_TRUE(gate.waitUntilHeld(1));
     expectNobodyIsHeldUp();
 
-    RawClient faulty(path);
-    ASSERT_TRUE(faulty.connect());
+    RawClient faulty = connectRaw();
     // More than a message may have, of which none is left for the kernel to close.
     std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
     many.push_back(slow.get());
@@ -353,8 +341,7 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     EXPECT_TRUE(gate.waitUntilHeld(2));
     expectNobodyIsHeldUp();
     // A callback that is half one.
-    RawClient half(path);
-    ASSERT_TRUE(half.connect());
+    RawClient half = connectRaw();
     std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
     call.back() = 2;
     half.send(call, {slow.get()});
@@ -363,11 +350,10 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     expectNobodyIsHeldUp();
 
     // An answer that brings it ends its channel, and the monitor goes on.
-    const Pair pair;
-    RawClient raw(path);
-    ASSERT_TRUE(raw.connect());
-    ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
-    RawClient peer(UniqueFd(dup(pair.mine.get())));
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient raw = connectRaw();
+    ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    RawClient peer(UniqueFd(dup(mine.get())));
     peer.send(message({kAnswer, 1, 1, 1}), {slow.get()});
     const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
     session->sendCaptureResult(result);
@@ -384,12 +370,11 @@ TEST_F(CrossingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
 
 TEST_F(CrossingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     // What waits unread in a socket's queue goes with the socket.
-    const Pair pair;
-    RawClient raw(path);
-    ASSERT_TRUE(raw.connect());
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient raw = connectRaw();
     {
-        CloseGate gate(pair.theirs.get());
-        ASSERT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+        CloseGate gate(theirs.get());
+        ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
         expectNobodyIsHeldUp();  // another callback replaces this one
         EXPECT_TRUE(gate.waitUntilHeld(1));
         expectNobodyIsHeldUp();
@@ -424,8 +409,7 @@ TEST_F(CrossingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
 }
 
 TEST_F(CrossingTest, LetsALingeringSocketLinger) {
-    RawClient raw(path);
-    ASSERT_TRUE(raw.connect());
+    RawClient raw = connectRaw();
     Lingering lingering;
     lingering.giveTo(raw, message({kCall, kConfigure, 1, 1, 0, 0}), {});
     const auto start = std::chrono::steady_clock::now();
@@ -442,11 +426,11 @@ TEST_F(CrossingTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     rlimit before = {};
     getrlimit(RLIMIT_NOFILE, &before);
     if (before.rlim_max > kSlots) {
-        const std::string again =
-            "ulimit -n 300; exec timeout 60 " +
-            std::filesystem::read_symlink("/proc/self/exe").string() +
-            " --gtest_brief=1 --gtest_filter=*LeavesTheKernelNothingToCloseWhenSlotsAreShort";
-        EXPECT_EQ(system(again.c_str()), 0);
+        const Output again =
+            runShell("ulimit -n 300; exec /proc/" + std::to_string(getpid()) +
+                     "/exe --gtest_brief=1 "
+                     "--gtest_filter=*LeavesTheKernelNothingToCloseWhenSlotsAreShort");
+        EXPECT_EQ(again.exitCode, 0) << again.text;
     }
     Lingering inACall;
     Lingering inAnAnswer;
@@ -454,11 +438,11 @@ TEST_F(CrossingTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     const rlimit few = {kSlots, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
     serve();
-    const Pair pair;
+    const auto [mine, theirs] = kit::socketPair();
     RawClient raw(path);
-    RawClient peer(UniqueFd(dup(pair.mine.get())));
+    RawClient peer(UniqueFd(dup(mine.get())));
     EXPECT_TRUE(raw.connect());
-    EXPECT_EQ(raw.setCallback(pair.theirs.get()), kAnswer);
+    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
     {
         // As far as a client gets.
         const TakenUpTo taken(kSlots - host::kConnectionFds - host::kReservedFds);
@@ -547,7 +531,7 @@ TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     const auto bring = [&](size_t count) {
         return refusalOf(withFence(std::vector<int>(count, slow.get())));
     };
-    const Pair pair;
+    const auto [mine, theirs] = kit::socketPair();
     RawClient early(path);
     RawClient late(path);
     ASSERT_TRUE(early.connect());
@@ -556,7 +540,7 @@ TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
         EXPECT_NE(bring(host::kClosingThreads), "");
         EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
         EXPECT_NE(bring(host::kMaxWaitingToClose - 3), "");
-        EXPECT_EQ(early.setCallback(pair.theirs.get()),
+        EXPECT_EQ(early.setCallback(theirs.get()),
                   kAnswer);  // the old one's socket waits, too
         EXPECT_NE(bring(1), "");
         EXPECT_TRUE(remote->ping().isOk());
@@ -569,7 +553,7 @@ TEST_F(CrossingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
         ASSERT_TRUE(late.connect());
         late.send(message({kCall, 0, 1, 0}));
         EXPECT_TRUE(early.isServed());  // calls of the others go on
-        EXPECT_EQ(early.setCallback(pair.theirs.get()), kRefused);
+        EXPECT_EQ(early.setCallback(theirs.get()), kRefused);
         EXPECT_TRUE(early.isClosed());
         EXPECT_FALSE(late.hasAnswer());
     }

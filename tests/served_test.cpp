@@ -52,7 +52,7 @@ protected:
         EXPECT_TRUE(host::writeInterface(writer, IFDSessionCallback::descriptor, callback));
         return RawClient(std::move(out.handedOver.at(0)));
     }
-    static void notify(RawClient& provider) {
+    static void notifyOver(RawClient& provider) {
         constexpr uint32_t kNotify = 2;
         provider.send(message({kCall, kNotify, 1, 0, 1, 0, 0, 0, 0}));
     }
@@ -69,7 +69,7 @@ TEST_F(ServedTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
     const auto callOnce = [&](RawClient& provider, auto meanwhile) {
         const size_t before = deliveries.notified().size();
         std::unique_lock<std::mutex> closed(gate);
-        notify(provider);
+        notifyOver(provider);
         EXPECT_TRUE(eventually([&] { return deliveries.notified().size() > before; }));
         EXPECT_FALSE(watch->waitUntilAnswered(kAtOnce));
         meanwhile();
@@ -97,9 +97,9 @@ TEST_F(ServedTest, CountsARequestThatAConfigurationOvertakes) {
     for (const Status late : {Status::OK, Status::ILLEGAL_ARGUMENT}) {
         const sp<Asked> asked = new Asked;
         std::string problem;
-        const auto second = host::Server::listen(folder + "/second", asked, problem);
-        const auto one = host::connect<IFDSession>(folder + "/second", problem);
-        const auto other = host::connect<IFDSession>(folder + "/second", problem);
+        const auto second = host::Server::listen(folder / "second", asked, problem);
+        const auto one = host::connect<IFDSession>(folder / "second", problem);
+        const auto other = host::connect<IFDSession>(folder / "second", problem);
         ASSERT_NE(other, nullptr) << problem;
         const CaptureRequest request = requestFor(1, 1, nullptr);
         asked->during = [&] {
@@ -117,7 +117,7 @@ TEST_F(ServedTest, CountsARequestThatAConfigurationOvertakes) {
 
 TEST_F(ServedTest, TellsOfConnectionsAndOfWhoCalls) {
     const sp<Asked> asked = new Asked;
-    const std::string later = folder + "/later";
+    const std::string later = folder / "later";
     std::string problem;
     EXPECT_EQ(host::connect<IFDSession>(later, problem), nullptr);
     pid_t came = 0;

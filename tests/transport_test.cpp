@@ -24,13 +24,14 @@
 #include <system_error>
 #include <thread>
 
+#include "holdings.h"
 #include "host/channel.h"
 #include "host/remote.h"
 #include "host/threads.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
-#include "support/leak_check.h"
 #include "support/raw_client.h"
+#include "support/run_shell.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -185,8 +186,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     setUpStream();
     for (const Fault& fault : faults) {
         log.clear();
-        RawClient hostile(path);
-        ASSERT_TRUE(hostile.connect());
+        RawClient hostile = connectRaw();
         hostile.send(fault.bytes, std::vector<int>(fault.fds, STDERR_FILENO));
         EXPECT_TRUE(hostile.isClosed()) << fault.name;
         EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
@@ -195,10 +195,7 @@ TEST_F(TransportTest, EndsAChannelThatIsAtFaultAndNoOther) {
     printf("%zu faults, each the end of its own channel only\n", std::size(faults));
     // One that is cut off in the middle is no fault.
     log.clear();
-    {
-        RawClient gone(path);
-        EXPECT_TRUE(gone.connect());
-    }
+    { RawClient gone = connectRaw(); }
     EXPECT_TRUE(remote->ping().isOk());
     EXPECT_TRUE(log.texts("transport").empty());
 }
@@ -251,22 +248,19 @@ TEST_F(TransportTest, GoesOnWhenNoThreadCanBeMade) {
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
     std::string problem;
     host::failNextThreadStart();
-    EXPECT_EQ(host::Server::listen(folder + "/other", client, problem), nullptr);
+    EXPECT_EQ(host::Server::listen(folder / "other", client, problem), nullptr);
     EXPECT_NE(problem.find("no thread can be made"), std::string::npos);
     host::failNextThreadStart();
     EXPECT_FALSE(remote->setCallback(callback).isOk());
     host::failNextThreadStart();
     EXPECT_FALSE(bool(remote->linkToDeath(new Recipient, 1)));
     host::failNextThreadStart();
-    RawClient refused(path);
-    EXPECT_TRUE(refused.connect());
+    RawClient refused = connectRaw();
     EXPECT_TRUE(refused.isClosed());
     EXPECT_TRUE(remote->ping().isOk());
     expectStatus(remote->setCallback(callback), Status::OK);
-    RawClient served(path);
-    EXPECT_TRUE(served.connect());
-    served.send(message({kCall, 0, 1, 0}));
-    EXPECT_FALSE(served.isClosed());
+    RawClient served = connectRaw();
+    EXPECT_TRUE(served.isServed());
 }
 
 TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
@@ -289,8 +283,7 @@ TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
     EXPECT_GE(queued, 30U);
     for (RawClient& another : late) {
         EXPECT_TRUE(another.connect());
-        another.send(message({kCall, 0, 1, 0}));
-        EXPECT_FALSE(another.isClosed());  // each is served
+        EXPECT_TRUE(another.isServed());
     }
     for (uint32_t i = 0; i < queued; ++i)
         EXPECT_EQ(take().frameNumber, i);
@@ -301,18 +294,9 @@ TEST_F(TransportTest, KeepsItsLastSlotsFromAClientThatFloods) {
 TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
     remote.clear();
     server.reset();
+    const auto connecting = startShell("exec " CLIENT_PROBE " connect " + path, true);
     const FewDescriptors few(host::kConnectionFds + 100);
     const rlim_t firstReserved = few.limit() - host::kConnectionFds - host::kReservedFds;
-    int end[2];
-    ASSERT_EQ(pipe2(end, O_CLOEXEC), 0);
-    const pid_t child = fork();  // early, while there are numbers for its sockets
-    if (child == 0) {
-        char byte = 0;
-        if (read(end[0], &byte, 1) != 1) _exit(1);
-        for (int i = 0; i < 500; ++i)
-            RawClient(path).connect();
-        _exit(0);
-    }
     serve();
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
@@ -321,10 +305,8 @@ TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
         while (!done)
             EXPECT_TRUE(remote->processCaptureRequest(requestFor(1, 1, nullptr)).isOk());
     });
-    EXPECT_EQ(write(end[1], "g", 1), 1);
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(connecting->write("g"));
+    EXPECT_EQ(connecting->exitCode(kPatience), 0);
     done = true;
     flood.join();
     // Nothing that stays got a number of the reserve, for calls or for connections.
@@ -334,8 +316,6 @@ TEST_F(TransportTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
             std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
         EXPECT_EQ(file.find("memfd:"), std::string::npos) << fd;
     }
-    close(end[0]);
-    close(end[1]);
 }
 
 TEST_F(TransportTest, WaitsForASilentClientOnceAndThenNoMore) {
@@ -376,10 +356,9 @@ class CallChannelTest : public testing::Test {
 protected:
     CallChannelTest() { connect(); }
     void connect() {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
-        channel = std::make_unique<host::CallChannel>(UniqueFd(ends[0]));
-        peer = std::make_unique<RawClient>(UniqueFd(ends[1]));
+        auto [one, other] = kit::socketPair();
+        channel = std::make_unique<host::CallChannel>(std::move(one));
+        peer = std::make_unique<RawClient>(std::move(other));
     }
     /** Why the call fails; empty when it does not. */
     std::string call(uint32_t method = 1) {
@@ -409,14 +388,13 @@ TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     struct sigaction onSignal = {};
     onSignal.sa_handler = [](int) {};
     sigaction(SIGUSR1, &onSignal, nullptr);
-    int ends[2][2] = {{-1, -1}, {-1, -1}};
-    for (int* const pair : {ends[0], ends[1]})
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair), 0);
-    const UniqueFd silent[] = {UniqueFd(ends[0][1]), UniqueFd(ends[1][1])};
-    host::CallChannel interrupted{UniqueFd(ends[0][0])};
-    host::CallChannel handedOver{UniqueFd(ends[1][0]), host::Peer::CLIENT};
+    auto one = kit::socketPair();  // the second ends are silent
+    auto another = kit::socketPair();
+    host::CallChannel interrupted(std::move(one.first));
+    const int socket = another.first.get();
+    host::CallChannel handedOver(std::move(another.first), host::Peer::CLIENT);
     const timeval longer = {2, 0};  // whoever handed it over can set it
-    setsockopt(ends[1][0], SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
     const auto start = Clock::now();
     const auto expectNoAnswer = [start](host::CallChannel& called) {
@@ -521,19 +499,19 @@ TEST_F(TransportTest, SaysWhyItCannotListen) {
         return problem;
     };
     EXPECT_EQ(problemWith(path), path + " is in use by another provider");
-    std::ofstream(folder + "/file") << "text";
-    EXPECT_EQ(problemWith(folder + "/file"), folder + "/file exists and is not a socket");
-    EXPECT_NE(problemWith(folder + "/no/socket").find("No such file"), std::string::npos);
+    std::ofstream(folder / "file") << "text";
+    EXPECT_EQ(problemWith(folder / "file"), folder / "file exists and is not a socket");
+    EXPECT_NE(problemWith(folder / "no/socket").find("No such file"), std::string::npos);
     EXPECT_NE(problemWith(std::string(200, 'x')).find("1 to 107 characters"), std::string::npos);
     std::string problem;
-    EXPECT_EQ(host::connect<IFDSession>(folder + "/nobody", problem), nullptr);
+    EXPECT_EQ(host::connect<IFDSession>(folder / "nobody", problem), nullptr);
     EXPECT_NE(problem.find("No such file"), std::string::npos);
 
     // What a killed provider left behind is taken over.
     remote.clear();
-    std::filesystem::rename(path, folder + "/left");
+    std::filesystem::rename(path, folder / "left");
     server.reset();
-    std::filesystem::rename(folder + "/left", path);
+    std::filesystem::rename(folder / "left", path);
     serve();
     struct stat file = {};
     EXPECT_EQ(stat(path.c_str(), &file), 0);
@@ -555,13 +533,13 @@ TEST_F(TransportTest, RefusesAnotherUser) {
     };
     EXPECT_EQ(connectAsNobody(), 0);
     // Even when the file's mode and folder would let it.
-    std::filesystem::permissions(folder, std::filesystem::perms::all);
+    std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
     std::filesystem::permissions(path, std::filesystem::perms::all);
     EXPECT_EQ(connectAsNobody(), 0);
     EXPECT_TRUE(eventually([&] { return log.count("another user's connection is refused") == 1; }));
 
     // Nor is another user's server taken for the provider.
-    RawClient foreign(folder + "/foreign");
+    RawClient foreign(folder / "foreign");
     const pid_t child = fork();
     if (child == 0) {
         if (setresuid(65534, 65534, 65534) != 0 || !foreign.listen()) _exit(1);
@@ -569,7 +547,7 @@ TEST_F(TransportTest, RefusesAnotherUser) {
     }
     std::string problem;
     EXPECT_TRUE(eventually([&] {
-        EXPECT_EQ(host::connect<IFDSession>(folder + "/foreign", problem), nullptr);
+        EXPECT_EQ(host::connect<IFDSession>(folder / "foreign", problem), nullptr);
         return problem.find("is another user's") != std::string::npos;
     })) << problem;
     kill(child, SIGKILL);

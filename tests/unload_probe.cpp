@@ -28,10 +28,13 @@
 #include <android/log.h>
 
 #include "FDSession.h"
+#include "frame.h"
+#include "host/accepted.h"
 #include "host/buffer.h"
 #include "host/log.h"
 #include "host/mapper.h"
 #include "host/threads.h"
+#include "records.h"
 
 namespace {
 
@@ -40,6 +43,7 @@ using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // 
 using android::hardware::hidl_vec;
 
 constexpr uint64_t kBuffers = 3;
+constexpr kit::FrameSize kSize = {16, 8};
 
 std::atomic<pid_t> diedOn{0};
 
@@ -141,30 +145,20 @@ public:
         require(client->setCallback(new ProbeCallback(mode)).isOk(), "setCallback failed");
         configure();
         for (uint64_t id = 0; id < buffers.size(); ++id) {
-            CaptureRequest request = {};
-            request.outputBuffers.resize(1);
-            request.outputBuffers[0].bufferId = id;
-            request.outputBuffers[0].buffer = buffers[id].handle();
-            const auto status = client->processCaptureRequest(request);
-            require(status.isOk() && Status(status) == Status::OK, "a request was refused");
+            const auto status =
+                client->processCaptureRequest(kit::requestFor(0, id, buffers[id].handle()));
+            require(host::isAccepted(status), "a request was refused");
         }
         for (int i = 0; i < 2; ++i) {
             CaptureRequest taken = {};
             require(mSession->getProcessCaptureRequest(taken) == 0, "no request was waiting");
-            CaptureResult result = {};
-            result.outputBuffers = taken.outputBuffers;
-            mSession->sendCaptureResult(result);
+            mSession->sendCaptureResult(kit::resultFor(taken));
         }
     }
 
     void configure() {
-        StreamConfiguration configuration = {};
-        configuration.streams.resize(1);
-        configuration.streams[0].width = 16;
-        configuration.streams[0].height = 8;
-        configuration.streams[0].usage = 0x33;
-        const auto status = mSession->getInterface()->configure(configuration);
-        require(status.isOk() && Status(status) == Status::OK, "configure was refused");
+        const auto status = mSession->getInterface()->configure(kit::configurationOf(kSize));
+        require(host::isAccepted(status), "configure was refused");
     }
 
     void letGo() { mSession.clear(); }
@@ -228,12 +222,8 @@ void waitAMoment(std::minstd_rand& random) {
 
 std::vector<host::Buffer> allocateBuffers() {
     std::vector<host::Buffer> buffers;
-    for (uint64_t id = 0; id < kBuffers; ++id) {
-        host::BufferGeometry geometry;
-        geometry.width = 16;
-        geometry.height = 8;
-        buffers.push_back(std::move(*host::Buffer::allocate(geometry)));
-    }
+    for (uint64_t id = 0; id < kBuffers; ++id)
+        buffers.push_back(kit::allocate(kSize));
     return buffers;
 }
 

@@ -1,44 +1,25 @@
 // Unloading and exiting, each batch in a process of its own; and what the library exports.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <string>
 #include <utility>
 
+#include "support/run_shell.h"
+
 namespace testing_support {
 
 namespace {
-
-struct Output {
-    int status = -1;
-    std::string text;
-};
-
-Output runCommand(const std::string& command) {
-    Output output;
-    FILE* const pipe = popen((command + " 2>&1").c_str(), "re");
-    std::array<char, 4096> chunk{};
-    while (fgets(chunk.data(), chunk.size(), pipe) != nullptr)
-        output.text += chunk.data();
-    output.status = pclose(pipe);
-    return output;
-}
 
 Output probe(const std::string& mode, int rounds = 1) {
     // A leak checker cannot stop the parent's threads from a forked child, and then sees false
     // leaks.
     const std::string options = mode == "fork" ? "ASAN_OPTIONS=detect_leaks=0 " : "";
-    return runCommand(options + "timeout 120 " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " + mode +
-                      " " + std::to_string(rounds));
+    return runShell(options + "exec " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " + mode + " " +
+                    std::to_string(rounds));
 }
 
 /** More when the environment asks for it, as the nightly checks do. */
@@ -52,7 +33,7 @@ int rounds() {
 TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
     for (const std::string mode : {"unload", "reconfigure"}) {
         const Output output = probe(mode, rounds());
-        EXPECT_EQ(output.status, 0) << output.text;
+        EXPECT_EQ(output.exitCode, 0) << output.text;
         EXPECT_EQ(output.text, "") << mode;
     }
 }
@@ -61,7 +42,7 @@ TEST(UnloadTest, ExitsInOrderWithALiveSession) {
     for (const std::string mode :
          {"exit", "exit", "exit", "fork", "inside", "observer", "track", "lost"}) {
         const Output output = probe(mode);
-        EXPECT_EQ(output.status, 0) << mode;
+        EXPECT_EQ(output.exitCode, 0) << mode;
         EXPECT_EQ(output.text, "") << mode;
     }
 }
@@ -73,7 +54,7 @@ TEST(UnloadTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
         {"keep", "the library goes while 1 references to the session are held"}};
     for (const auto& [mode, line] : lines) {
         const Output output = probe(mode);
-        EXPECT_EQ(output.status, 0) << mode;
+        EXPECT_EQ(output.exitCode, 0) << mode;
         EXPECT_NE(output.text.find(line), std::string::npos) << output.text;
         EXPECT_EQ(std::count(output.text.begin(), output.text.end(), '\n'), 1) << output.text;
     }
@@ -82,14 +63,14 @@ TEST(UnloadTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
 TEST(UnloadTest, EndsWithoutUnwindingWhenMemoryRunsOutUnderALock) {
     if (*SANITIZERS != '\0') GTEST_SKIP() << "a sanitizer has its own end when memory runs out";
     const Output output = probe("memory");
-    EXPECT_NE(output.status, 0);
+    EXPECT_NE(output.exitCode, 0);
     EXPECT_NE(output.text.find("std::bad_alloc"), std::string::npos) << output.text;
     EXPECT_EQ(output.text.find("unload-probe:"), std::string::npos) << output.text;
 }
 
 TEST(ExportsTest, AreWhatOtherModulesUseAndNothingThatPinsTheLibrary) {
-    const Output symbols = runCommand("nm -D --defined-only " IMPLEMENTATION_LIBRARY " | c++filt");
-    ASSERT_EQ(symbols.status, 0) << symbols.text;
+    const Output symbols = runShell("nm -D --defined-only " IMPLEMENTATION_LIBRARY " | c++filt");
+    ASSERT_EQ(symbols.exitCode, 0) << symbols.text;
     std::set<std::string> names;
     size_t line = 0;
     for (size_t end; (end = symbols.text.find('\n', line)) != std::string::npos; line = end + 1) {

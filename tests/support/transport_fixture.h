@@ -1,14 +1,14 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include "host/channel.h"
+#include "support/raw_client.h"
 #include "support/session_fixture.h"
+#include "temporary_folder.h"
 
 namespace testing_support {
 
@@ -18,9 +18,6 @@ using android::hardware::camera::common::V1_0::Status;
 class TransportFixture : public SessionFixture {
 protected:
     TransportFixture() {
-        char name[] = "/tmp/fdstream-test-XXXXXX";
-        folder = mkdtemp(name);
-        path = folder + "/socket";
         session->handleSetCallback(nullptr);  // what a test sets goes through the socket
         serve();
     }
@@ -28,15 +25,26 @@ protected:
         remote.clear();
         endCallback();
         server.reset();
-        std::filesystem::remove_all(folder);
     }
 
     void serve() {
         std::string problem;
         server = host::Server::listen(path, client, problem);
         ASSERT_NE(server, nullptr) << problem;
-        remote = host::connect<IFDSession>(path, problem);
-        ASSERT_NE(remote, nullptr) << problem;
+        remote = connect();
+    }
+    /** Another client. */
+    sp<IFDSession> connect() const {
+        std::string problem;
+        sp<IFDSession> another = host::connect<IFDSession>(path, problem);
+        EXPECT_NE(another, nullptr) << problem;
+        return another;
+    }
+    /** Another one, without manners. */
+    RawClient connectRaw() const {
+        RawClient raw(path);
+        EXPECT_TRUE(raw.connect());
+        return raw;
     }
     /** A call answered with this status. */
     static void expectStatus(const Return<Status>& answer, Status status) {
@@ -47,6 +55,7 @@ protected:
         expectStatus(remote->setCallback(callback), Status::OK);
         expectStatus(remote->configure(configurationOf(0)), Status::OK);
     }
+    void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
 
     /** Waits until no thread is in the callback, or will be. */
     void endCallback() {
@@ -55,8 +64,8 @@ protected:
         deliveries.waitForDeath();
     }
 
-    std::string folder;
-    std::string path;
+    const kit::TemporaryFolder folder;
+    const std::string path = folder / "socket";
     std::unique_ptr<host::Server> server;
     sp<IFDSession> remote;
 };
