@@ -408,17 +408,6 @@ TEST_F(CrossingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     }
 }
 
-TEST_F(CrossingTest, LetsALingeringSocketLinger) {
-    RawClient raw = connectRaw();
-    Lingering lingering;
-    lingering.giveTo(raw, message({kCall, kConfigure, 1, 1, 0, 0}), {});
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_TRUE(raw.isClosed());
-    expectNobodyIsHeldUp();
-    server.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, kLessThanItLingers);
-}
-
 TEST_F(CrossingTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     // Of what finds no slot when it arrives. The provider makes room for it where the hard limit
     // allows; so this runs again in a process of its own, where it does not.
