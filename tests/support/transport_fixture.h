@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/channel.h"
 #include "support/raw_client.h"
@@ -14,55 +16,31 @@ namespace testing_support {
 
 using android::hardware::camera::common::V1_0::Status;
 
+/** A handle that holds no more than these descriptors, which stay the caller's. */
+hidl_handle handleOf(const std::vector<int>& fds);
+
 /** A session that is served on a socket, and a client of it in the same process. */
 class TransportFixture : public SessionFixture {
 protected:
-    TransportFixture() {
-        session->handleSetCallback(nullptr);  // what a test sets goes through the socket
-        serve();
-    }
-    ~TransportFixture() override {
-        remote.clear();
-        endCallback();
-        server.reset();
-    }
+    TransportFixture();
+    ~TransportFixture() override;
 
-    void serve() {
-        std::string problem;
-        server = host::Server::listen(path, client, problem);
-        ASSERT_NE(server, nullptr) << problem;
-        remote = connect();
-    }
+    void serve();
     /** Another client. */
-    sp<IFDSession> connect() const {
-        std::string problem;
-        sp<IFDSession> another = host::connect<IFDSession>(path, problem);
-        EXPECT_NE(another, nullptr) << problem;
-        return another;
-    }
+    sp<IFDSession> connect() const;
     /** Another one, without manners. */
-    RawClient connectRaw() const {
-        RawClient raw(path);
-        EXPECT_TRUE(raw.connect());
-        return raw;
-    }
+    RawClient connectRaw() const;
     /** A call answered with this status. */
-    static void expectStatus(const Return<Status>& answer, Status status) {
-        ASSERT_TRUE(answer.isOk()) << answer.description();
-        EXPECT_EQ(static_cast<Status>(answer), status);
-    }
-    void setUpStream() {
-        expectStatus(remote->setCallback(callback), Status::OK);
-        expectStatus(remote->configure(configurationOf(0)), Status::OK);
-    }
+    static void expectStatus(const Return<Status>& answer, Status status);
+    void setUpStream();
+    /** What stands behind the colon when the call is refused on its way; empty when it is not. */
+    std::string refusalOf(const CaptureRequest& request);
+    /** How many lines have this in their text. */
+    int64_t linesWith(const std::string& part) const;
     void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
 
     /** Waits until no thread is in the callback, or will be. */
-    void endCallback() {
-        session->handleSetCallback(nullptr);
-        callback.clear();
-        deliveries.waitForDeath();
-    }
+    void endCallback();
 
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";

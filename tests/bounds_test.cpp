@@ -1,0 +1,144 @@
+// The limits, each one below, at, and one above.
+
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "holdings.h"
+#include "host/limits.h"
+#include "support/few_descriptors.h"
+#include "support/interposed.h"
+#include "support/transport_fixture.h"
+
+namespace testing_support {
+
+using host::UniqueFd;
+
+namespace {
+using BoundsTest = TransportFixture;
+}  // namespace
+
+TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
+    remote.clear();
+    server.reset();
+    const FewDescriptors few(512);
+    serve();
+    setUpStream();
+    for (const int beyond : {-1, 0, 1}) {
+        const bool fits = beyond <= 0;
+        const auto offset = [beyond](size_t limit) {
+            return static_cast<size_t>(static_cast<int64_t>(limit) + beyond);
+        };
+        // Bytes of a message: all that a request takes without settings, and settings.
+        CaptureRequest request = requestFor(1, 1, nullptr);
+        constexpr size_t kWithoutSettings = 16 + 16 + 19 + 4 + 19;
+        request.settings.resize(offset(host::kMaxMessageBytes - kWithoutSettings));
+        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "bytes " << beyond;
+
+        // Descriptors of a message.
+        const size_t fds = offset(host::kMaxMessageFds);
+        native_handle_t* const fence = native_handle_create(static_cast<int>(fds), 0);
+        const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+        std::fill_n(&fence->data[0], fds, event.get());
+        request = requestFor(1, 1, nullptr);
+        request.outputBuffers[0].acquireFence = fence;
+        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;
+        native_handle_delete(fence);
+
+        // Free slots when a descriptor arrives: it may get the last number before the reserve.
+        {
+            EXPECT_TRUE(remote->ping().isOk());  // served after what came before was let go of
+            const TakenUpTo taken(
+                offset(few.limit() - host::kConnectionFds - host::kReservedFds - 1));
+            const CaptureRequest brings = requestFor(1, 2, buffer.handle());
+            const Return<Status> answer = remote->processCaptureRequest(brings);
+            EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;
+            EXPECT_TRUE(fits || answer.description().find("too few descriptor slots are free") !=
+                                    std::string::npos);
+            EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
+        }
+
+        // Connections: this test's own is one of them.
+        const int descriptors = kit::Holdings::of().descriptors;
+        std::vector<sp<IFDSession>> connections;
+        std::string problem;
+        while (connections.size() + 1 < offset(host::kMaxConnections)) {
+            connections.push_back(host::connect<IFDSession>(path, problem));
+            ASSERT_NE(connections.back(), nullptr) << problem;
+        }
+        EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
+        connections.clear();
+        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
+    }
+    EXPECT_TRUE(remote->ping().isOk());
+}
+
+TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
+    WallClock clock;
+    clock.stopAt(1);  // no request grows stale, however slow the machine is
+    setUpStream();
+    // An empty handle costs its client no descriptor.
+    const hidl_handle empty = handleOf({});
+    std::string problem;
+    const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+    const auto submit = [&](const sp<IFDSession>& from, uint64_t id, bool withHandle) {
+        CaptureRequest request = requestFor(1, id, nullptr);
+        if (withHandle) request.outputBuffers[0].buffer = empty;
+        return from->processCaptureRequest(request);
+    };
+    const auto expectRefusal = [](const Return<Status>& answer, const char* sentence) {
+        EXPECT_FALSE(answer.isOk());
+        EXPECT_NE(answer.description().find(sentence), std::string::npos) << answer.description();
+    };
+    const char* const tooMany = "too many requests are on their way";
+    session->sendCaptureResult(resultFor(requestFor(1, 1, nullptr)));  // to no request of anybody
+    deliveries.waitFor(1);
+    expectStatus(submit(remote, 1, true), Status::OK);
+    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(i % 2 == 0 ? remote : other, 1, false), Status::OK);
+    for (const sp<IFDSession>& each : {remote, other})
+        expectRefusal(submit(each, 1, false), tooMany);
+    // A result makes a place, whether the client takes it or not; one that goes nowhere does not.
+    serveOne();
+    deliveries.waitFor(2);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    FDNotifyMsg msg = {};
+    session->sendNotify(msg);  // when it comes back, that result was answered
+    callback->failing = true;
+    serveOne();
+    deliveries.waitFor(3);
+    expectStatus(submit(other, 1, false), Status::OK);
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+    serveOne();
+    drivePass();
+    drivePass();
+    expectRefusal(submit(remote, 1, false), tooMany);
+    // What the session refuses takes no place, and a refused configuration makes none.
+    expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
+    expectRefusal(submit(remote, 1, false), tooMany);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    for (size_t i = 0; i < 2 * host::kMaxRequestsOnTheWay; ++i)
+        expectStatus(submit(remote, 1, false), Status::ILLEGAL_ARGUMENT);
+
+    // Ids that come with a handle: the same one any number of times, and a request that is refused
+    // brings its own too.
+    for (uint64_t id = 1; id < host::kMaxBufferIds; ++id) {
+        CaptureRequest request = requestFor(1, id, nullptr, 5);
+        request.outputBuffers[0].buffer = empty;
+        expectStatus(remote->processCaptureRequest(request), Status::ILLEGAL_ARGUMENT);
+    }
+    expectStatus(submit(other, host::kMaxBufferIds, true), Status::OK);
+    expectStatus(submit(remote, 1, true), Status::OK);
+    expectRefusal(submit(remote, host::kMaxBufferIds + 1, true),
+                  "too many buffer ids came since the stream was configured");
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, false), Status::ILLEGAL_ARGUMENT);
+    expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    expectStatus(submit(remote, host::kMaxBufferIds + 1, true), Status::OK);
+}
+
+}  // namespace testing_support

@@ -1,0 +1,201 @@
+// What a client sent may close slowly or never: nobody waits for that.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "host/channel.h"
+#include "host/limits.h"
+#include "support/interposed.h"
+#include "support/transport_fixture.h"
+
+namespace testing_support {
+
+using host::UniqueFd;
+
+namespace {
+
+/** The files that are open in this process, each with one of its descriptors. */
+std::map<std::string, int> openFiles() {
+    std::map<std::string, int> files;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        files[std::filesystem::read_symlink(entry.path(), gone)] =
+            std::stoi(entry.path().filename());
+    }
+    return files;
+}
+
+}  // namespace
+
+class ClosingTest : public TransportFixture {
+protected:
+    ClosingTest() : slowPath(folder / "slow") {
+        std::ofstream(slowPath) << "slow";
+        setUpStream();
+    }
+    UniqueFd openSlow() const { return UniqueFd(open(slowPath.c_str(), O_RDONLY | O_CLOEXEC)); }
+
+    /** A request for a buffer that the session does not know, with these descriptors in a fence. */
+    static CaptureRequest withFence(const std::vector<int>& fds) {
+        CaptureRequest request = requestFor(1, 77, nullptr);
+        request.outputBuffers[0].releaseFence = handleOf(fds);
+        return request;
+    }
+    /** Whether the provider goes on: calls of another client, its own, and a notification. */
+    void expectNobodyIsHeldUp() {
+        std::string problem;
+        const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+        ASSERT_NE(other, nullptr) << problem;
+        expectStatus(other->setCallback(callback), Status::OK);
+        expectStatus(other->configure(configurationOf(0)), Status::OK);
+        const size_t before = deliveries.notified().size();
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_EQ(deliveries.notified().size(), before + 1);
+    }
+
+    /** On another thread, because a gate does not hold this one up. */
+    void expectAnEndInTime() {
+        std::promise<void> ended;
+        std::thread([&] {
+            server.reset();
+            ended.set_value();
+        }).detach();
+        const auto patience = std::chrono::seconds(10);
+        EXPECT_EQ(ended.get_future().wait_for(patience), std::future_status::ready);
+    }
+
+    const std::string slowPath;
+};
+
+TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
+    const UniqueFd slow = openSlow();
+    CloseGate gate(slow.get());
+    EXPECT_NE(refusalOf(withFence({slow.get()})), "");  // the answer does not wait
+    EXPECT_TRUE(gate.waitUntilHeld(1));
+    expectNobodyIsHeldUp();
+
+    RawClient faulty = connectRaw();
+    // More than a message may have, of which none is left for the kernel to close.
+    std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
+    many.push_back(slow.get());
+    faulty.send(message({kCall, kConfigure, 1, 65, 0, 0}), many);
+    EXPECT_TRUE(faulty.isClosed());
+    EXPECT_TRUE(gate.waitUntilHeld(2));
+    expectNobodyIsHeldUp();
+    // A callback that is half one.
+    RawClient half = connectRaw();
+    std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
+    call.back() = 2;
+    half.send(call, {slow.get()});
+    EXPECT_TRUE(half.isClosed());
+    EXPECT_TRUE(gate.waitUntilHeld(3));
+    expectNobodyIsHeldUp();
+
+    // An answer that brings it ends its channel, and the monitor goes on.
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient raw = connectRaw();
+    ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    RawClient peer(UniqueFd(dup(mine.get())));
+    peer.send(message({kAnswer, 1, 1, 1}), {slow.get()});
+    const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
+    session->sendCaptureResult(result);
+    EXPECT_TRUE(
+        log.waitFor("threadLoop: processCaptureResult transaction failed: "
+                    "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the answer brings "
+                    "descriptors'"));
+    EXPECT_TRUE(gate.waitUntilHeld(4));
+    expectNobodyIsHeldUp();
+    session->sendCaptureResult(result);
+    deliveries.waitFor(1);
+    expectAnEndInTime();
+}
+
+TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
+    // What waits unread in a socket's queue goes with the socket.
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient raw = connectRaw();
+    {
+        CloseGate gate(theirs.get());
+        ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
+        expectNobodyIsHeldUp();  // another callback replaces this one
+        EXPECT_TRUE(gate.waitUntilHeld(1));
+        expectNobodyIsHeldUp();
+    }
+    // So it is with what a client connected, whether it leaves or the server ends, and with what
+    // the server listens on, in whose queue others may wait.
+    enum Case { LEAVES, ENDS, LISTENS };
+    for (const Case it : {LEAVES, ENDS, LISTENS}) {
+        if (server == nullptr) serve();
+        std::map<std::string, int> ends = openFiles();
+        std::optional<RawClient> connected(path);
+        ASSERT_TRUE(connected->connect() && connected->isServed());
+        int slow = -1;
+        for (const auto& [file, fd] : openFiles()) {
+            int listens = 0;
+            socklen_t size = sizeof(listens);
+            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
+            const bool isServers = ends.count(file) == 0 && fd != connected->fd();
+            if (it == LISTENS ? listens != 0 : isServers) slow = fd;
+        }
+        ASSERT_GE(slow, 0);
+        CloseGate gate(slow);
+        if (it == LEAVES) {
+            connected.reset();
+            EXPECT_TRUE(gate.waitUntilHeld(1));
+            expectNobodyIsHeldUp();
+        } else {
+            expectAnEndInTime();
+            EXPECT_TRUE(gate.waitUntilHeld(1));
+        }
+    }
+}
+
+TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
+    const UniqueFd slow = openSlow();
+    const auto bring = [&](size_t count) {
+        return refusalOf(withFence(std::vector<int>(count, slow.get())));
+    };
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient early(path);
+    RawClient late(path);
+    ASSERT_TRUE(early.connect());
+    {
+        CloseGate gate(slow.get());
+        EXPECT_NE(bring(host::kClosingThreads), "");
+        EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
+        EXPECT_NE(bring(host::kMaxWaitingToClose - 3), "");
+        EXPECT_EQ(early.setCallback(theirs.get()),
+                  kAnswer);  // the old one's socket waits, too
+        EXPECT_NE(bring(1), "");
+        EXPECT_TRUE(remote->ping().isOk());
+        log.clear();
+        EXPECT_NE(bring(1), "");
+        EXPECT_TRUE(log.waitFor(
+            "a channel ends: it brings what has to be closed, and too much waits for that already"));
+        EXPECT_FALSE(remote->ping().isOk());
+
+        ASSERT_TRUE(late.connect());
+        late.send(message({kCall, 0, 1, 0}));
+        EXPECT_TRUE(early.isServed());  // calls of the others go on
+        EXPECT_EQ(early.setCallback(theirs.get()), kRefused);
+        EXPECT_TRUE(early.isClosed());
+        EXPECT_FALSE(late.hasAnswer());
+    }
+    EXPECT_EQ(late.receivedKind(), kAnswer);
+}
+
+}  // namespace testing_support

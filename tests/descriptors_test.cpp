@@ -1,0 +1,210 @@
+// Which descriptors a client may send across, and what becomes of what the kernel adds to a
+// message.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "holdings.h"
+#include "src/control_data.h"
+#include "src/socket.h"
+#include "support/transport_fixture.h"
+
+namespace testing_support {
+
+using host::UniqueFd;
+
+namespace {
+
+constexpr int kPassPidfd = 76;
+constexpr int kPidfd = 0x04;
+
+bool isOpen(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+}  // namespace
+
+using DescriptorsTest = TransportFixture;
+
+TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
+    int pipeEnds[2];
+    ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
+    const UniqueFd reading(pipeEnds[0]);
+    const UniqueFd writing(pipeEnds[1]);
+    const std::string filePath = folder / "file";
+    std::ofstream(filePath) << "text";
+    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    const auto channel = kit::socketPair();
+    const auto stream = kit::socketPair(SOCK_STREAM);
+    UniqueFd inMemory(open("/dev/shm/fdstream-test", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    unlink("/dev/shm/fdstream-test");
+    // In a mount that is nowhere in the tree a file has a path like a memfd's name. For root only.
+    const UniqueFd tree(
+        static_cast<int>(syscall(SYS_open_tree, AT_FDCWD, folder.path().c_str(), 1)));
+    UniqueFd named(openat(tree.get(), "memfd:x", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    enum Place { NOWHERE, MEMORY, FENCE, CHANNEL };
+    struct Kind {
+        const char* name;
+        Place place;
+        UniqueFd fd;
+    };
+    Kind kinds[] = {
+        {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC))},
+        {"sealed memfd", MEMORY, UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0))},
+        {"memfd of huge pages", NOWHERE, UniqueFd(memfd_create("h", MFD_CLOEXEC | MFD_HUGETLB))},
+        {"eventfd", FENCE, UniqueFd(eventfd(0, EFD_CLOEXEC))},
+        {"pipe, to read", FENCE, UniqueFd(dup(reading.get()))},
+        {"pipe, to write", FENCE, UniqueFd(dup(writing.get()))},
+        {"channel", CHANNEL, UniqueFd(dup(channel.first.get()))},
+        {"stream socket", NOWHERE, UniqueFd(dup(stream.first.get()))},
+        {"TCP socket", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))},
+        {"file", NOWHERE, UniqueFd(open(filePath.c_str(), O_RDONLY | O_CLOEXEC))},
+        {"file in memory", NOWHERE, std::move(inMemory)},
+        {"file with a memfd's name", NOWHERE, std::move(named)},
+        {"folder", NOWHERE, UniqueFd(open(folder.path().c_str(), O_RDONLY | O_CLOEXEC))},
+        {"device", NOWHERE, UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC))},
+        {"terminal", NOWHERE, UniqueFd(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))},
+        {"named pipe", NOWHERE, UniqueFd(open((folder / "fifo").c_str(), O_RDWR | O_CLOEXEC))},
+        {"epoll", NOWHERE, UniqueFd(epoll_create1(EPOLL_CLOEXEC))},
+        {"pidfd", NOWHERE, UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)))},
+        {"path only", NOWHERE, UniqueFd(open(filePath.c_str(), O_PATH | O_CLOEXEC))},
+    };
+    const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+    const int before = kit::Holdings::of().descriptors;
+    for (const Kind& kind : kinds) {
+        if (!kind.fd.isValid()) printf("not tried, for want of one: %s\n", kind.name);
+        if (!kind.fd.isValid()) continue;
+        const int fd = kind.fd.get();
+        CaptureRequest request = requestFor(1, 77, nullptr);
+        request.outputBuffers[0].buffer = handleOf({fd});
+        EXPECT_EQ(refusalOf(request),
+                  kind.place == MEMORY ? "" : " a buffer's handle takes a memfd only'")
+            << kind.name;
+        // In each fence, and behind another descriptor that may cross.
+        for (const bool ofInput : {false, true}) {
+            for (const bool acquire : {false, true}) {
+                request = requestFor(1, 77, nullptr);
+                auto& of = ofInput ? request.inputBuffer : request.outputBuffers[0];
+                (acquire ? of.acquireFence : of.releaseFence) = handleOf({event.get(), fd});
+                EXPECT_EQ(refusalOf(request),
+                          kind.place == FENCE
+                              ? ""
+                              : " a fence takes an eventfd, a sync file or a pipe only'")
+                    << kind.name;
+            }
+        }
+        RawClient raw = connectRaw();
+        EXPECT_EQ(raw.setCallback(fd), kind.place == CHANNEL ? kAnswer : kRefused) << kind.name;
+        EXPECT_TRUE(raw.isServed()) << kind.name;
+        // Not more at once than may wait to be closed.
+        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before + 8; }));
+    }
+    EXPECT_EQ(linesWith("a channel ends"), 0);
+}
+
+TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {
+    const auto open3 = [] {
+        std::vector<int> fds(3);
+        for (int& fd : fds)
+            fd = eventfd(0, EFD_CLOEXEC);
+        return fds;
+    };
+    const std::vector<int> first = open3();
+    const std::vector<int> pidfds = open3();
+    const std::vector<int> second = open3();
+    const std::vector<int> foreign = open3();
+    struct {
+        int level;
+        int type;
+        const std::vector<int>& words;
+    } const parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, {foreign}},
+                       {SOL_SOCKET, SCM_RIGHTS, first},
+                       {SOL_SOCKET, kPidfd, pidfds},
+                       {SOL_IP, SCM_RIGHTS, foreign},
+                       {SOL_SOCKET, SO_TIMESTAMP, foreign},
+                       {SOL_SOCKET, SCM_RIGHTS, second}};
+    alignas(
+        cmsghdr) char control[sizeof(parts) / sizeof(parts[0]) * CMSG_SPACE(3 * sizeof(int))] = {};
+    msghdr message = {};
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    cmsghdr* next = CMSG_FIRSTHDR(&message);
+    for (const auto& part : parts) {
+        next->cmsg_level = part.level;
+        next->cmsg_type = part.type;
+        next->cmsg_len = CMSG_LEN(3 * sizeof(int));
+        memcpy(CMSG_DATA(next), part.words.data(), 3 * sizeof(int));
+        next = CMSG_NXTHDR(&message, next);
+    }
+    {
+        std::vector<UniqueFd> fds;
+        host::detail::takeDescriptors(message, fds);
+        ASSERT_EQ(fds.size(), 6U);
+        EXPECT_EQ(fds[0].get(), first[0]);
+        EXPECT_EQ(fds[5].get(), second[2]);
+        for (const int fd : pidfds)
+            EXPECT_FALSE(isOpen(fd));
+    }
+    for (const int fd : foreign) {
+        EXPECT_TRUE(isOpen(fd));  // numbers, but no descriptors that came
+        close(fd);
+    }
+}
+
+TEST_F(DescriptorsTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
+    auto pair = kit::socketPair();
+    const int theirs = pair.second.get();
+    const int on = 1;
+    const auto set = [&] {
+        for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_TIMESTAMP})
+            setsockopt(theirs, SOL_SOCKET, option, &on, sizeof(on));
+        return setsockopt(theirs, SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0;
+    };
+    if (!set()) GTEST_SKIP() << "this kernel adds no pidfd to a message (it needs Linux 6.5)";
+    RawClient raw = connectRaw();
+    ASSERT_EQ(raw.setCallback(theirs), kAnswer);
+    int value = -1;
+    socklen_t size = sizeof(value);
+    EXPECT_EQ(getsockopt(theirs, SOL_SOCKET, kPassPidfd, &value, &size), 0);
+    EXPECT_EQ(value, 0);  // switched off when it was handed over ...
+    ASSERT_TRUE(set());   // ... and on again by the peer, for the socket is its own too
+    RawClient peer(std::move(pair.first));
+    const int before = kit::Holdings::of().descriptors;
+    for (uint32_t serial = 1; serial <= 40; ++serial) {
+        peer.send(message({kAnswer, 1, serial, 0}));
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_EQ(peer.receivedKind(), kCall);
+    }
+    EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before; }));
+    EXPECT_EQ(linesWith("transaction failed"), 0);
+}
+
+TEST_F(DescriptorsTest, ReceivesDescriptorsThatNoChildInherits) {
+    const auto [mine, theirs] = kit::socketPair();
+    host::Outgoing out;
+    out.fds = {STDERR_FILENO};
+    const host::detail::Header header = {host::detail::Header::CALL, 1, 1, 1};
+    ASSERT_TRUE(host::detail::sendMessage(mine.get(), header, out, {}).isOk());
+    host::detail::Header came = {};
+    std::vector<uint8_t> bytes;
+    host::Incoming in;
+    ASSERT_TRUE(host::detail::receiveMessage(theirs.get(), came, bytes, in, {}).isOk());
+    EXPECT_EQ(fcntl(in.fds.at(0).get(), F_GETFD), FD_CLOEXEC);
+}
+
+}  // namespace testing_support

@@ -1,0 +1,216 @@
+// What a provider does that has few descriptor slots left.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <deque>
+#include <filesystem>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "holdings.h"
+#include "host/limits.h"
+#include "support/few_descriptors.h"
+#include "support/interposed.h"
+#include "support/run_shell.h"
+#include "support/transport_fixture.h"
+
+namespace testing_support {
+
+using host::UniqueFd;
+
+namespace {
+
+/** A socket whose last close waits a second for a peer that does not read. */
+struct Lingering {
+    Lingering() {
+        const UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof(address);
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(bind(listening.get(), any, size), 0);
+        EXPECT_EQ(getsockname(listening.get(), any, &size), 0);
+        EXPECT_EQ(listen(listening.get(), 1), 0);
+        sending.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        EXPECT_TRUE(connect(sending.get(), any, size) == 0 || errno == EINPROGRESS);
+        unread.reset(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const linger lingering = {1, 1};
+        setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering));
+        const std::vector<char> bytes(1 << 16);
+        while (send(sending.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
+        }
+        fcntl(sending.get(), F_SETFL, 0);  // one that does not block does not linger
+    }
+    /** The last one is then what is on its way. */
+    void giveTo(RawClient& client, const std::vector<uint8_t>& bytes, std::vector<int> fds) {
+        fds.push_back(sending.get());
+        client.send(bytes, fds);
+        sending.reset();
+    }
+    UniqueFd sending;
+    UniqueFd unread;
+};
+
+constexpr std::chrono::milliseconds kLessThanItLingers(900);
+
+}  // namespace
+
+using SlotsTest = TransportFixture;
+
+TEST_F(SlotsTest, FailsACallWhoseDescriptorsFindNoSlot) {
+    setUpStream();
+    const CaptureRequest request = requestFor(1, 1, buffer.handle());
+    {
+        const FewDescriptors none(0);
+        const Return<Status> lost = remote->processCaptureRequest(request);
+        EXPECT_FALSE(lost.isOk());
+        EXPECT_NE(lost.description().find("no slot was free for them"), std::string::npos);
+    }
+    EXPECT_FALSE(remote->ping().isOk());  // that channel is at its end
+    std::string problem;
+    const sp<IFDSession> again = host::connect<IFDSession>(path, problem);
+    ASSERT_NE(again, nullptr) << problem;
+    EXPECT_TRUE(again->ping().isOk());
+}
+
+TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
+    EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
+    RawClient early(path);
+    RawClient late(path);
+    const int descriptors = kit::Holdings::of().descriptors;
+    {
+        // A connection still gets one of the reserved slots; without those it waits.
+        const FewDescriptors none(0);
+        EXPECT_TRUE(early.connect());
+        early.send(message({kCall, 99, 1, 0}));
+        EXPECT_TRUE(early.isClosed());
+    }
+    EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
+    log.clear();
+    FewDescriptors none(0, host::kConnectionFds);
+    EXPECT_TRUE(late.connect());
+    late.send(message({kCall, 99, 1, 0}));
+    // Looked at over some time, because not to spin is what it is about.
+    const clock_t start = clock();
+    usleep(200000);
+    EXPECT_LT(clock() - start, CLOCKS_PER_SEC / 10);
+    EXPECT_TRUE(remote->ping().isOk());
+    EXPECT_TRUE(log.texts("transport").empty());  // not served yet
+    none.releaseReserved();
+    EXPECT_TRUE(late.isClosed());
+    EXPECT_TRUE(remote->ping().isOk());
+}
+
+TEST_F(SlotsTest, KeepsItsLastSlotsFromAClientThatFloods) {
+    WallClock clock;
+    clock.stopAt(1);  // no request grows stale, however slow the machine is
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
+    // Its own further connections, and the one of somebody else after them.
+    std::deque<RawClient> late;
+    while (late.size() + 1 < host::kMaxConnections)
+        late.emplace_back(path);
+    const FewDescriptors few(40);
+    uint32_t queued = 1;
+    for (;; ++queued) {
+        const Return<Status> answer = remote->processCaptureRequest(requestFor(queued, 1, nullptr));
+        ASSERT_TRUE(answer.isOk()) << answer.description();
+        if (static_cast<Status>(answer) == Status::ILLEGAL_ARGUMENT) break;
+        ASSERT_LE(queued, 40U);
+    }
+    EXPECT_GE(queued, 30U);
+    for (RawClient& another : late) {
+        EXPECT_TRUE(another.connect());
+        EXPECT_TRUE(another.isServed());
+    }
+    for (uint32_t i = 0; i < queued; ++i)
+        EXPECT_EQ(take().frameNumber, i);
+    EXPECT_FALSE(session->isCaptureRequestReady());
+    expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)), Status::OK);
+}
+
+TEST_F(SlotsTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
+    remote.clear();
+    server.reset();
+    const auto connecting = startShell("exec " CLIENT_PROBE " connect " + path, true);
+    const FewDescriptors few(host::kConnectionFds + 100);
+    const rlim_t firstReserved = few.limit() - host::kConnectionFds - host::kReservedFds;
+    serve();
+    setUpStream();
+    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
+    std::atomic<bool> done{false};
+    std::thread flood([&] {
+        while (!done)
+            EXPECT_TRUE(remote->processCaptureRequest(requestFor(1, 1, nullptr)).isOk());
+    });
+    EXPECT_TRUE(connecting->write("g"));
+    EXPECT_EQ(connecting->exitCode(kPatience), 0);
+    done = true;
+    flood.join();
+    // Nothing that stays got a number of the reserve, for calls or for connections.
+    for (rlim_t fd = firstReserved; fd < 4096; ++fd) {
+        std::error_code none;
+        const std::string file =
+            std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
+        EXPECT_EQ(file.find("memfd:"), std::string::npos) << fd;
+    }
+}
+
+TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
+    // Of what finds no slot when it arrives. The provider makes room for it where the hard limit
+    // allows; so this runs again in a process of its own, where it does not.
+    constexpr rlim_t kSlots = 300;
+    rlimit before = {};
+    getrlimit(RLIMIT_NOFILE, &before);
+    if (before.rlim_max > kSlots) {
+        const Output again =
+            runShell("ulimit -n 300; exec /proc/" + std::to_string(getpid()) +
+                     "/exe --gtest_brief=1 "
+                     "--gtest_filter=*LeavesTheKernelNothingToCloseWhenSlotsAreShort");
+        EXPECT_EQ(again.exitCode, 0) << again.text;
+    }
+    Lingering inACall;
+    Lingering inAnAnswer;
+    server.reset();
+    const rlimit few = {kSlots, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+    serve();
+    const auto [mine, theirs] = kit::socketPair();
+    RawClient raw(path);
+    RawClient peer(UniqueFd(dup(mine.get())));
+    EXPECT_TRUE(raw.connect());
+    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    {
+        // As far as a client gets.
+        const TakenUpTo taken(kSlots - host::kConnectionFds - host::kReservedFds);
+        const std::vector<int> most(host::kMaxMessageFds - 1, STDERR_FILENO);
+        inAnAnswer.giveTo(peer, message({kAnswer, 2, 1, 64}), most);
+        inACall.giveTo(raw, message({kCall, kConfigure, 1, 64, 0, 0}), most);
+        const auto start = std::chrono::steady_clock::now();
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+        EXPECT_NE(raw.receivedKind(), kAnswer);
+        server.reset();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, kLessThanItLingers);
+    }
+    rlimit after = {};
+    getrlimit(RLIMIT_NOFILE, &after);
+    EXPECT_EQ(after.rlim_cur, kSlots);
+    setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_EQ(linesWith("notify transaction failed"), 1);
+}
+
+}  // namespace testing_support
