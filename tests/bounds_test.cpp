@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -40,14 +39,11 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "bytes " << beyond;
 
         // Descriptors of a message.
-        const size_t fds = offset(host::kMaxMessageFds);
-        native_handle_t* const fence = native_handle_create(static_cast<int>(fds), 0);
         const UniqueFd event(eventfd(0, EFD_CLOEXEC));
-        std::fill_n(&fence->data[0], fds, event.get());
         request = requestFor(1, 1, nullptr);
-        request.outputBuffers[0].acquireFence = fence;
+        request.outputBuffers[0].acquireFence =
+            handleOf(std::vector<int>(offset(host::kMaxMessageFds), event.get()));
         EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;
-        native_handle_delete(fence);
 
         // Free slots when a descriptor arrives: it may get the last number before the reserve.
         {
@@ -65,11 +61,8 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         // Connections: this test's own is one of them.
         const int descriptors = kit::Holdings::of().descriptors;
         std::vector<sp<IFDSession>> connections;
-        std::string problem;
-        while (connections.size() + 1 < offset(host::kMaxConnections)) {
-            connections.push_back(host::connect<IFDSession>(path, problem));
-            ASSERT_NE(connections.back(), nullptr) << problem;
-        }
+        while (connections.size() + 1 < offset(host::kMaxConnections))
+            connections.push_back(connect());
         EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
         connections.clear();
         EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
@@ -83,8 +76,7 @@ TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     setUpStream();
     // An empty handle costs its client no descriptor.
     const hidl_handle empty = handleOf({});
-    std::string problem;
-    const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
+    const sp<IFDSession> other = connect();
     const auto submit = [&](const sp<IFDSession>& from, uint64_t id, bool withHandle) {
         CaptureRequest request = requestFor(1, id, nullptr);
         if (withHandle) request.outputBuffers[0].buffer = empty;
@@ -107,8 +99,7 @@ TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     deliveries.waitFor(2);
     expectStatus(submit(other, 1, false), Status::OK);
     expectRefusal(submit(remote, 1, false), tooMany);
-    FDNotifyMsg msg = {};
-    session->sendNotify(msg);  // when it comes back, that result was answered
+    notify();  // when it comes back, that result was answered
     callback->failing = true;
     serveOne();
     deliveries.waitFor(3);

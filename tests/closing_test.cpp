@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
 #include <map>
 #include <optional>
@@ -42,11 +41,7 @@ std::map<std::string, int> openFiles() {
 
 class ClosingTest : public TransportFixture {
 protected:
-    ClosingTest() : slowPath(folder / "slow") {
-        std::ofstream(slowPath) << "slow";
-        setUpStream();
-    }
-    UniqueFd openSlow() const { return UniqueFd(open(slowPath.c_str(), O_RDONLY | O_CLOEXEC)); }
+    ClosingTest() { setUpStream(); }
 
     /** A request for a buffer that the session does not know, with these descriptors in a fence. */
     static CaptureRequest withFence(const std::vector<int>& fds) {
@@ -56,17 +51,13 @@ protected:
     }
     /** Whether the provider goes on: calls of another client, its own, and a notification. */
     void expectNobodyIsHeldUp() {
-        std::string problem;
-        const sp<IFDSession> other = host::connect<IFDSession>(path, problem);
-        ASSERT_NE(other, nullptr) << problem;
+        const sp<IFDSession> other = connect();
         expectStatus(other->setCallback(callback), Status::OK);
         expectStatus(other->configure(configurationOf(0)), Status::OK);
         const size_t before = deliveries.notified().size();
-        FDNotifyMsg msg = {};
-        session->sendNotify(msg);
+        notify();
         EXPECT_EQ(deliveries.notified().size(), before + 1);
     }
-
     /** On another thread, because a gate does not hold this one up. */
     void expectAnEndInTime() {
         std::promise<void> ended;
@@ -78,11 +69,11 @@ protected:
         EXPECT_EQ(ended.get_future().wait_for(patience), std::future_status::ready);
     }
 
-    const std::string slowPath;
+    /** No kind that may cross. */
+    const UniqueFd slow{open("/dev/zero", O_RDONLY | O_CLOEXEC)};
 };
 
 TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
-    const UniqueFd slow = openSlow();
     CloseGate gate(slow.get());
     EXPECT_NE(refusalOf(withFence({slow.get()})), "");  // the answer does not wait
     EXPECT_TRUE(gate.waitUntilHeld(1));
@@ -106,10 +97,10 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     expectNobodyIsHeldUp();
 
     // An answer that brings it ends its channel, and the monitor goes on.
-    const auto [mine, theirs] = kit::socketPair();
+    auto [mine, theirs] = kit::socketPair();
     RawClient raw = connectRaw();
     ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
-    RawClient peer(UniqueFd(dup(mine.get())));
+    RawClient peer(std::move(mine));
     peer.send(message({kAnswer, 1, 1, 1}), {slow.get()});
     const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
     session->sendCaptureResult(result);
@@ -143,16 +134,16 @@ TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
         std::map<std::string, int> ends = openFiles();
         std::optional<RawClient> connected(path);
         ASSERT_TRUE(connected->connect() && connected->isServed());
-        int slow = -1;
+        int serving = -1;
         for (const auto& [file, fd] : openFiles()) {
             int listens = 0;
             socklen_t size = sizeof(listens);
             getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
             const bool isServers = ends.count(file) == 0 && fd != connected->fd();
-            if (it == LISTENS ? listens != 0 : isServers) slow = fd;
+            if (it == LISTENS ? listens != 0 : isServers) serving = fd;
         }
-        ASSERT_GE(slow, 0);
-        CloseGate gate(slow);
+        ASSERT_GE(serving, 0);
+        CloseGate gate(serving);
         if (it == LEAVES) {
             connected.reset();
             EXPECT_TRUE(gate.waitUntilHeld(1));
@@ -165,21 +156,19 @@ TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
 }
 
 TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
-    const UniqueFd slow = openSlow();
     const auto bring = [&](size_t count) {
         return refusalOf(withFence(std::vector<int>(count, slow.get())));
     };
     const auto [mine, theirs] = kit::socketPair();
-    RawClient early(path);
+    RawClient early = connectRaw();
     RawClient late(path);
-    ASSERT_TRUE(early.connect());
     {
         CloseGate gate(slow.get());
         EXPECT_NE(bring(host::kClosingThreads), "");
         EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
         EXPECT_NE(bring(host::kMaxWaitingToClose - 3), "");
-        EXPECT_EQ(early.setCallback(theirs.get()),
-                  kAnswer);  // the old one's socket waits, too
+        // The old one's socket waits, too.
+        EXPECT_EQ(early.setCallback(theirs.get()), kAnswer);
         EXPECT_NE(bring(1), "");
         EXPECT_TRUE(remote->ping().isOk());
         log.clear();

@@ -1,5 +1,6 @@
 // Who is served and who is not; a hostile client speaks to the socket itself.
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -39,10 +40,14 @@ struct Recipient : public hidl_death_recipient {
 }  // namespace
 
 TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
+    const std::string kNoMessage = "bytes that are no message";
+    const std::string kNoSum = "no such method, or arguments that do not add up";
+    const std::string kOthers = "other descriptors than the message announces";
     struct Fault {
         const char* name;
         std::vector<uint8_t> bytes;
         size_t fds;
+        std::string said;
     };
     // A request: frame number, settings size, settings, then the input buffer from byte 16 on.
     std::vector<uint8_t> manyInts = message({kCall, kRequest, 1, 0}, 60);
@@ -54,25 +59,26 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
     std::vector<uint8_t> halfThere = message({kCall, kRequest, 1, 0}, 39);
     halfThere[16 + 16 + 12] = 2;
     const Fault faults[] = {
-        {"an empty message", {}, 0},
-        {"an empty message with descriptors", {}, 2},
-        {"bytes that are no message", std::vector<uint8_t>(40, 0x55), 0},
-        {"a truncated header", message({kCall, kConfigure}), 0},
-        {"an answer without a call", message({kAnswer, 1, 1, 0}), 0},
-        {"no such method", message({kCall, 99, 1, 0}), 0},
-        {"a truncated record", message({kCall, kRequest, 1, 0, 5}), 0},
-        {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0},
-        {"a count beyond the bytes", message({kCall, kConfigure, 1, 0, 3, 0}, 72), 0},
-        {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0},
-        {"a handle that is neither there nor not", halfThere, 0},
-        {"integers that are not there", manyInts, 0},
-        {"descriptors that are not there", manyFds, 0},
-        {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2},
-        {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1},
-        {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2},
-        {"more descriptors than a message may have", message({kCall, kConfigure, 1, 65, 0, 0}), 65},
+        {"an empty message", {}, 0, kNoMessage},
+        {"an empty message with descriptors", {}, 2, kNoMessage},
+        {"bytes of no kind", std::vector<uint8_t>(40, 0x55), 0, kNoMessage},
+        {"a truncated header", message({kCall, kConfigure}), 0, kNoMessage},
+        {"an answer without a call", message({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
+        {"no such method", message({kCall, 99, 1, 0}), 0, kNoSum},
+        {"a truncated record", message({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
+        {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0, kNoSum},
+        {"a count beyond the bytes", message({kCall, kConfigure, 1, 0, 3, 0}, 72), 0, kNoSum},
+        {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0, kNoSum},
+        {"a handle that is neither there nor not", halfThere, 0, kNoSum},
+        {"integers that are not there", manyInts, 0, kNoSum},
+        {"descriptors that are not there", manyFds, 0, kNoSum},
+        {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2, kOthers},
+        {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1, kOthers},
+        {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2, kNoSum},
+        {"more than may cross at once", message({kCall, kConfigure, 1, 65, 0, 0}), 65,
+         "too many descriptors"},
         {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
-         0},
+         0, "message too long"},
     };
     setUpStream();
     for (const Fault& fault : faults) {
@@ -80,7 +86,9 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
         RawClient hostile = connectRaw();
         hostile.send(fault.bytes, std::vector<int>(fault.fds, STDERR_FILENO));
         EXPECT_TRUE(hostile.isClosed()) << fault.name;
-        EXPECT_EQ(log.texts("transport").size(), 1U) << fault.name;
+        EXPECT_EQ(log.texts("transport"), std::vector{"a channel ends: " + fault.said})
+            << fault.name;
+        EXPECT_EQ(log.lines().at(0).priority, ANDROID_LOG_ERROR) << fault.name;
         EXPECT_TRUE(remote->ping().isOk()) << fault.name;
     }
     printf("%zu faults, each the end of its own channel only\n", std::size(faults));

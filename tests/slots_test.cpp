@@ -12,17 +12,16 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
-#include <deque>
 #include <filesystem>
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "holdings.h"
 #include "host/limits.h"
 #include "support/few_descriptors.h"
-#include "support/interposed.h"
 #include "support/run_shell.h"
 #include "support/transport_fixture.h"
 
@@ -80,10 +79,7 @@ TEST_F(SlotsTest, FailsACallWhoseDescriptorsFindNoSlot) {
         EXPECT_NE(lost.description().find("no slot was free for them"), std::string::npos);
     }
     EXPECT_FALSE(remote->ping().isOk());  // that channel is at its end
-    std::string problem;
-    const sp<IFDSession> again = host::connect<IFDSession>(path, problem);
-    ASSERT_NE(again, nullptr) << problem;
-    EXPECT_TRUE(again->ping().isOk());
+    EXPECT_TRUE(connect()->ping().isOk());
 }
 
 TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
@@ -112,34 +108,6 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     none.releaseReserved();
     EXPECT_TRUE(late.isClosed());
     EXPECT_TRUE(remote->ping().isOk());
-}
-
-TEST_F(SlotsTest, KeepsItsLastSlotsFromAClientThatFloods) {
-    WallClock clock;
-    clock.stopAt(1);  // no request grows stale, however slow the machine is
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
-    // Its own further connections, and the one of somebody else after them.
-    std::deque<RawClient> late;
-    while (late.size() + 1 < host::kMaxConnections)
-        late.emplace_back(path);
-    const FewDescriptors few(40);
-    uint32_t queued = 1;
-    for (;; ++queued) {
-        const Return<Status> answer = remote->processCaptureRequest(requestFor(queued, 1, nullptr));
-        ASSERT_TRUE(answer.isOk()) << answer.description();
-        if (static_cast<Status>(answer) == Status::ILLEGAL_ARGUMENT) break;
-        ASSERT_LE(queued, 40U);
-    }
-    EXPECT_GE(queued, 30U);
-    for (RawClient& another : late) {
-        EXPECT_TRUE(another.connect());
-        EXPECT_TRUE(another.isServed());
-    }
-    for (uint32_t i = 0; i < queued; ++i)
-        EXPECT_EQ(take().frameNumber, i);
-    EXPECT_FALSE(session->isCaptureRequestReady());
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)), Status::OK);
 }
 
 TEST_F(SlotsTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {
@@ -188,10 +156,9 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     const rlimit few = {kSlots, before.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
     serve();
-    const auto [mine, theirs] = kit::socketPair();
-    RawClient raw(path);
-    RawClient peer(UniqueFd(dup(mine.get())));
-    EXPECT_TRUE(raw.connect());
+    auto [mine, theirs] = kit::socketPair();
+    RawClient raw = connectRaw();
+    RawClient peer(std::move(mine));
     EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
     {
         // As far as a client gets.
@@ -200,8 +167,7 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
         inAnAnswer.giveTo(peer, message({kAnswer, 2, 1, 64}), most);
         inACall.giveTo(raw, message({kCall, kConfigure, 1, 64, 0, 0}), most);
         const auto start = std::chrono::steady_clock::now();
-        FDNotifyMsg msg = {};
-        session->sendNotify(msg);
+        notify();
         EXPECT_NE(raw.receivedKind(), kAnswer);
         server.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - start, kLessThanItLingers);
