@@ -64,6 +64,7 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         while (connections.size() + 1 < offset(host::kMaxConnections))
             connections.push_back(connect());
         EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
+        EXPECT_EQ(linesWith("E a connection beyond the limit of 64 is refused"), fits ? 0 : 1);
         connections.clear();
         EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
     }

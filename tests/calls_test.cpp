@@ -120,7 +120,7 @@ TEST_F(CallsTest, WaitsForASilentClientOnceAndThenNoMore) {
         notify();
     EXPECT_LT(std::chrono::steady_clock::now() - before, host::kCallPatience);
     sending.join();
-    EXPECT_EQ(log.count("a channel ends: the peer does not read its answers"), 1);
+    EXPECT_EQ(linesWith("E a channel ends: the peer does not read its answers"), 1);
     closed.unlock();
     EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
     endCallback();

@@ -31,7 +31,7 @@ using host::UniqueFd;
 
 namespace {
 
-/** A socket whose last close waits a second for a peer that does not read. */
+/** A socket whose last close waits 10 s for a peer that does not read, or until that has gone. */
 struct Lingering {
     Lingering() {
         const UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -46,7 +46,7 @@ struct Lingering {
         sending.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         EXPECT_TRUE(connect(sending.get(), any, size) == 0 || errno == EINPROGRESS);
         unread.reset(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const linger lingering = {1, 1};
+        const linger lingering = {1, 10};
         setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering));
         const std::vector<char> bytes(1 << 16);
         while (send(sending.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) > 0) {
@@ -63,7 +63,7 @@ struct Lingering {
     UniqueFd unread;
 };
 
-constexpr std::chrono::milliseconds kLessThanItLingers(900);
+constexpr std::chrono::seconds kLessThanItLingers(5);
 
 }  // namespace
 

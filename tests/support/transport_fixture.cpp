@@ -61,9 +61,10 @@ std::string TransportFixture::refusalOf(const CaptureRequest& request) {
 }
 
 int64_t TransportFixture::linesWith(const std::string& part) const {
-    const std::vector<std::string> texts = log.texts();
-    return std::count_if(texts.begin(), texts.end(), [&](const std::string& text) {
-        return text.find(part) != std::string::npos;
+    const std::vector<host::LogLine> lines = log.lines();
+    return std::count_if(lines.begin(), lines.end(), [&](const host::LogLine& line) {
+        const std::string withPriority = "??VDIWEF"[line.priority] + (" " + line.text);
+        return withPriority.find(part) != std::string::npos;
     });
 }
 

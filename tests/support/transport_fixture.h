@@ -35,7 +35,7 @@ protected:
     void setUpStream();
     /** What stands behind the colon when the call is refused on its way; empty when it is not. */
     std::string refusalOf(const CaptureRequest& request);
-    /** How many lines have this in their text. */
+    /** How many log lines have this in them, the letter of their priority in front. */
     int64_t linesWith(const std::string& part) const;
     void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
 
