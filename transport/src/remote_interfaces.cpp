@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "host/accepted.h"
 #include "host/remote.h"
 #include "record_fields.h"
 #include "request_bounds.h"
@@ -27,6 +28,7 @@ using ::android::hardware::camera::device::V3_2::CaptureResult;
 using ::android::hardware::camera::device::V3_2::StreamConfiguration;
 using ::android::hidl::base::V1_0::IBase;
 using host::CallChannel;
+using host::isAccepted;
 using host::Outgoing;
 using host::Reader;
 using host::RequestBounds;
@@ -121,10 +123,6 @@ private:
     // Set before the session gets this object.
     std::shared_ptr<RequestBounds> mBounds;
 };
-
-bool isAccepted(const Return<Status>& answer) {
-    return answer.isOk() && static_cast<Status>(answer) == Status::OK;
-}
 
 /** Writes what a call returned. False when a local object has returned a transport failure. */
 template <typename Result>
