@@ -1,2 +1,2 @@
-// How a function's frame is left goes where debuggers look, and not where exceptions do.
+// Puts unwind tables where only debuggers look (.debug_frame), not where exceptions do (.eh_frame).
 asm(".cfi_sections .debug_frame");

@@ -19,14 +19,14 @@ enum class ChromaOrder : int32_t { CbFirst = 0, CrFirst = 1 };
 struct BufferGeometry {
     uint32_t width = 0;
     uint32_t height = 0;
-    uint32_t stride = 0;        ///< 0: the width, made even
-    uint32_t chromaStride = 0;  ///< 0: what the stride gives for the chroma step
+    uint32_t stride = 0;        ///< 0 for the width, rounded up to an even number
+    uint32_t chromaStride = 0;  ///< 0 for the one that fits the stride and the chroma step
     ChromaOrder order = ChromaOrder::CbFirst;
     uint32_t chromaStep = 2;  ///< 1 to 8
     uint64_t usage = 0x33;    ///< often read and written by the processor
 };
 
-/** A buffer's memory is at most this large; a handle that claims more is none. */
+/** The most bytes of a buffer's memory; a handle that claims more is not a buffer's. */
 constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
 
 /**
@@ -35,8 +35,8 @@ constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
  */
 class Buffer {
 public:
-    /** Nothing when the geometry cannot be, or memory or descriptors are short. */
-    static std::optional<Buffer> allocate(const BufferGeometry& geometry);
+    /** Nothing when the geometry is impossible, or without memory or descriptors. */
+    [[nodiscard]] static std::optional<Buffer> allocate(const BufferGeometry& geometry);
 
     Buffer(Buffer&&) noexcept;
     Buffer& operator=(Buffer&&) noexcept;
@@ -59,9 +59,9 @@ private:
     std::unique_ptr<Parts> mParts;
 };
 
-/** Makes one lock of the real mapper in this process return `status`, after `skip` that pass. */
+/** Makes one lock of the real mapper in this process return `status`, after `skip` normal ones. */
 void failLock(int status, int skip = 0);
-/** Makes the next GraphicBuffer::unlock() of this process return `status`; the buffer is unlocked.
+/** Makes the next GraphicBuffer::unlock() of this process return `status`. It unlocks all the same.
  */
 void failNextUnlock(int status);
 

@@ -1,15 +1,15 @@
 #pragma once
 
-/** Which descriptor numbers duplicates may have, for who keeps the last ones for something else. */
+/** A bound for the numbers of duplicated descriptors, set by whoever reserves the last numbers. */
 namespace host {
 
 /**
- * From now on a duplicate that gets this number or a higher one counts as one that could not be
- * made; INT_MAX, as in the beginning, bounds nothing. Thread-safe.
+ * From now on duplicating a descriptor fails when the duplicate gets this number or a higher one.
+ * INT_MAX, the initial value, is no bound. Thread-safe.
  */
 void boundDescriptors(int first);
 
-/** Whether this number is one of those. */
-bool isBeyondBound(int fd);
+/** Whether this number is at the bound or above it. */
+[[nodiscard]] bool isBeyondBound(int fd);
 
 }  // namespace host

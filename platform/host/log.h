@@ -25,7 +25,7 @@ public:
 
 /**
  * Sends every line of the process to a sink for the scope of this object, and to the previous sink
- * again afterwards. No call of the sink is under way once the destructor has returned. Scopes nest.
+ * again afterwards. No call of the sink is running when the destructor returns. Scopes nest.
  */
 class ScopedLogSink {
 public:
@@ -48,9 +48,9 @@ public:
     std::vector<std::string> texts(const std::string& tag = "") const;
     /** How many lines have exactly this text. */
     int count(const std::string& text) const;
-    /** Waits until `times` lines have this text; false at the deadline. */
-    bool waitFor(const std::string& text, int times = 1,
-                 std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
+    /** Waits until `times` lines have this text; false when `limit` is over. */
+    [[nodiscard]] bool waitFor(const std::string& text, int times = 1,
+                               std::chrono::milliseconds limit = std::chrono::seconds(10)) const;
     void clear();
 
 private:
@@ -60,10 +60,11 @@ private:
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
     std::vector<LogLine> mLines;  // guarded by mMutex
-    ScopedLogSink mScope;         // last: the sink is in place only while the rest exists
+    ScopedLogSink mScope;         // last, so that it goes first: write() needs the rest
 };
 
-/** Lines of a lower priority are not written to stderr; sinks get them all. The default is all. */
+/** Writes no lines of a lower priority to stderr; sinks get all lines. By default none is left out.
+ */
 void setStderrLogPriority(int lowest);
 
 }  // namespace host

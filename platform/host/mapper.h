@@ -9,9 +9,9 @@
 namespace host {
 
 /**
- * Puts mappers of one's own in the service registry for the scope of this object; null is "no such
- * service". Without one the registry holds the real mapper, as 3.0 and as 2.0. GraphicBuffer works
- * with the real one always. Scopes nest.
+ * Replaces the mappers in the service registry for the scope of this object; null is "no such
+ * service". Otherwise the registry has the real mapper, as 3.0 and as 2.0. GraphicBuffer always
+ * uses the real one. Scopes nest.
  */
 class ScopedMapper {
 public:
@@ -30,11 +30,11 @@ private:
     const std::unique_ptr<Saved> mSaved;
 };
 
-/** The real mapper as it is served; for a fake that passes some calls on. */
+/** The real mapper, for a fake that passes some calls on to it. */
 android::sp<android::hardware::graphics::mapper::V3_0::IMapper> realMapper3();
 android::sp<android::hardware::graphics::mapper::V2_0::IMapper> realMapper2();
 
-/** What the real mapper did, for services and graphics buffers together. Since process start. */
+/** What the real mapper has done in this process, for services and graphics buffers together. */
 struct MapperCounters {
     int64_t imports = 0;   ///< handles imported
     int64_t frees = 0;     ///< handles freed

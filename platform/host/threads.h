@@ -2,14 +2,13 @@
 
 namespace host {
 
-/** Lets the next start of a thread, a Thread's or the transport's, fail as if none could be made.
- */
+/** Makes the next start of a thread fail, a Thread's or the transport's. */
 void failNextThreadStart();
 
-/** True once for each failNextThreadStart(): for who starts a thread. */
-bool takeThreadStartFailure();
+/** For whoever starts a thread: true once for each failNextThreadStart(). */
+[[nodiscard]] bool takeThreadStartFailure();
 
-/** The platform's threads that were started and have not ended. Any thread may ask. */
+/** How many of the platform's threads are running. Any thread. */
 int threadCount();
 
 }  // namespace host

@@ -5,7 +5,7 @@
 namespace android {
 
 namespace {
-// What the strong count starts from: it tells an object that was never held from one let go of.
+// The strong count before the first reference; after the last one it is 0.
 constexpr int32_t kNeverHeld = 1 << 28;
 }  // namespace
 
@@ -26,7 +26,7 @@ public:
 };
 
 namespace {
-/** One more, unless `refused` says that the count it would start from is none to start from. */
+/** Counts one more, unless `refused` says no to the count as it is; `before` is that count. */
 template <typename Refused>
 bool incrementUnless(std::atomic<int32_t>& count, int32_t& before, Refused refused) {
     before = count.load();
@@ -41,8 +41,8 @@ RefBase::RefBase() : mRefs(new Counts(this)) {}
 
 RefBase::~RefBase() {
     const bool neverHeld = mRefs->mStrong.load() == kNeverHeld;
-    // An object on the stack, or one that lived with its weak references, has nobody else left to
-    // free the block; all others leave it to the last weak reference.
+    // An object on the stack, or one that lived as long as its weak references, frees the block
+    // itself; for all others the last weak reference does.
     if ((neverHeld || mRefs->livesWithWeak()) && mRefs->mWeak.load() == 0) delete mRefs;
 }
 

@@ -37,7 +37,7 @@ struct Thread::State {
 
     std::mutex mutex;
     std::condition_variable changed;
-    // Guarded by mutex. The handle is worth something while `joinable`.
+    // Guarded by mutex. The handle is valid while `joinable`.
     pthread_t handle{};
     bool joinable = false;
     bool joining = false;
@@ -74,7 +74,7 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     mState->joinable = false;
 
     auto start = std::make_unique<Start<State>>();
-    lock.unlock();  // the first reference runs onFirstRef(), which may look at this thread
+    lock.unlock();  // the first reference runs onFirstRef(), which may call this object
     start->object = this;
     start->state = mState;
     start->name = std::string(name != nullptr ? name : "").substr(0, kKernelNameLength);
@@ -82,7 +82,7 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     lock.lock();
     if (mState->running) {
         lock.unlock();
-        return INVALID_OPERATION;  // another thread was faster; `start` goes outside the lock
+        return INVALID_OPERATION;  // another run() was faster; drops `start` without the lock
     }
 
     mState->exitPending = false;
@@ -93,7 +93,7 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
         host::detail::threadEnded();
         mState->running = false;
         lock.unlock();
-        return UNKNOWN_ERROR;  // `start` drops the thread's reference, outside the lock
+        return UNKNOWN_ERROR;  // drops `start`, and the thread's reference, without the lock
     }
     start.release();  // NOLINT(bugprone-unused-return-value): the thread owns it now
     mState->joinable = true;
@@ -108,7 +108,7 @@ void* Thread::entry(void* argument) {
         setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), start->priority);
     }
     {
-        // run() still holds the mutex until it has stored the handle that join() compares with.
+        // Waits until run() has stored the handle, which join() needs, and released the mutex.
         const std::lock_guard<std::mutex> started(state->mutex);
     }
 

@@ -11,14 +11,14 @@
 #include "host/unique_handle.h"
 
 /**
- * How a buffer's handle tells its geometry: one descriptor, a memfd sealed against shrinking, and
- * integers. Both ends use these functions, and nothing in a handle is believed before parse() has
- * held it against the caps.
+ * The format of a buffer's handle: one descriptor, a memfd sealed against shrinking, and integers
+ * that say the geometry. Both ends use these functions. A handle is not trusted before parse() has
+ * checked it against the limits.
  */
 namespace host::detail {
 
-/** The geometry with its strides filled in; nothing when it cannot be a buffer. */
-std::optional<BufferGeometry> complete(BufferGeometry geometry);
+/** The geometry with its strides filled in; nothing when it cannot be a buffer's. */
+[[nodiscard]] std::optional<BufferGeometry> complete(BufferGeometry geometry);
 
 /** Bytes from the start of the memory to each plane, and the size of it all. */
 struct PlaneOffsets {
@@ -30,8 +30,8 @@ struct PlaneOffsets {
 PlaneOffsets planesOf(const BufferGeometry& completed);
 
 /** A handle that owns the buffer's memory; null, and the memory closed, when none can be made. */
-UniqueHandle encode(UniqueFd memory, const BufferGeometry& completed);
-/** The geometry a handle claims; nothing when it is not a buffer's. Looks at no memory or file. */
-std::optional<BufferGeometry> parse(const native_handle_t* handle);
+[[nodiscard]] UniqueHandle encode(UniqueFd memory, const BufferGeometry& completed);
+/** The geometry that a handle claims; nothing when it is no buffer's. Looks at no file. */
+[[nodiscard]] std::optional<BufferGeometry> parse(const native_handle_t* handle);
 
 }  // namespace host::detail

@@ -30,7 +30,7 @@ bool inside(const MapperRect& region, const BufferGeometry& geometry) {
            int64_t{region.top} + region.height <= int64_t{geometry.height};
 }
 
-/** A plain lock may also see the buffer as one row of bytes. */
+/** A plain lock may also take the buffer as one row of bytes. */
 bool insideAsRow(const MapperRect& region, size_t size) {
     return region.left == 0 && region.top == 0 && region.height == 1 && region.width >= 0 &&
            static_cast<size_t>(region.width) <= size;

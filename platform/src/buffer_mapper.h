@@ -25,10 +25,9 @@ using MapperLayout = android::hardware::graphics::mapper::V2_0::YCbCrLayout;
  * The one mapper of the process, behind both service versions and every graphics buffer.
  *
  * Each import is a clone of the handle and a share in the mapping of its memory. Memory is mapped
- * once, at its first import, and unmapped with its last one: importing it again, from the raw
- * handle or from an imported one, costs no mmap, and no lock ever does. What a client sent is
- * checked before it is mapped: the seal first, then the size, so that the size cannot change under
- * us.
+ * at its first import and unmapped with its last one: importing it again, from the raw handle or
+ * from an imported one, costs no mmap, and locking never does. What a client sent is checked before
+ * it is mapped: first the seal and then the size, which the seal keeps from shrinking afterwards.
  *
  * All operations are thread-safe. Never destroyed.
  */
@@ -36,7 +35,7 @@ class BufferMapper {
 public:
     static BufferMapper& get();
 
-    /** On NONE `imported` is the caller's until free(). */
+    /** On NONE `imported` is valid until the caller frees it. */
     MapperError import(const native_handle_t* raw, buffer_handle_t& imported);
     MapperError free(buffer_handle_t imported);
 
@@ -54,9 +53,9 @@ public:
 
 private:
     /**
-     * Which file: device, inode and time of birth. The last tells two files apart whose inodes have
-     * the same number, because a kernel counts 32 bits of them only and began anew; it is 0 where
-     * the kernel does not know it.
+     * Identifies a file: device, inode and time of birth. The last one matters because a kernel may
+     * number inodes with 32 bits only and use a number again; it is 0 where the kernel does not
+     * know it.
      */
     using FileId = std::array<uint64_t, 5>;
 
@@ -73,7 +72,7 @@ private:
     MapperError lockLocked(Import* found, uint64_t usage);
     Import* findLocked(buffer_handle_t imported);
     MapperError countLocked(MapperError error);
-    /** Forgets the file when nobody has its memory any more. */
+    /** Removes the file's entry when its memory is no longer mapped. */
     void forgetUnusedLocked(const FileId& file);
 
     std::mutex mMutex;

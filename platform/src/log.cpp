@@ -37,15 +37,15 @@ char letterOf(int priority) {
     return priority >= 0 && priority <= ANDROID_LOG_SILENT ? kLetters[priority] : '?';
 }
 
-/** Whether a line can go out without waiting for who reads it: a client can make many lines. */
+/** Whether a line can be written without blocking on its reader. A client can cause many lines. */
 bool isStderrReady() {
     pollfd entry = {STDERR_FILENO, POLLOUT, 0};
     return poll(&entry, 1, 0) > 0 && (entry.revents & POLLOUT) != 0;
 }
 
 /**
- * In the layout of logcat's threadtime, one write for a line. Lines that nobody reads are dropped,
- * and counted in the next one that goes out. REQUIRES: the router's mutex.
+ * Writes in the layout of logcat's threadtime, one write per line. Lines that would block are
+ * dropped; the next line that is written says how many. REQUIRES: the router's mutex is held.
  */
 void writeToStderr(const LogLine& line) {
     static int dropped = 0;
@@ -67,7 +67,7 @@ void writeToStderr(const LogLine& line) {
     if (dropped > 0) text = "(" + std::to_string(std::exchange(dropped, 0)) + " dropped) " + text;
     if (text.back() != '\n') text += '\n';
     const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
-    static_cast<void>(written);  // nowhere is left to say so
+    static_cast<void>(written);  // there is nowhere to report a failure
 }
 
 void dispatch(const LogLine& line) {

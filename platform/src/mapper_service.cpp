@@ -20,7 +20,7 @@ using host::detail::BufferMapper;
 using host::detail::MapperError;
 using host::detail::MapperLayout;
 
-/** The real mapper, served as one of the two versions; their types differ in name only. */
+/** The real mapper as one of the two versions, whose types differ in name only. */
 template <typename IMapper, typename Error, typename YCbCrLayout>
 class MapperService : public IMapper {
 public:

@@ -17,8 +17,8 @@ public:
     MemoryMap(const MemoryMap&) = delete;
     MemoryMap& operator=(const MemoryMap&) = delete;
 
-    /** False when the kernel refuses; to be called once. */
-    bool map(int fd, size_t size) {
+    /** False when the kernel refuses. To be called once. */
+    [[nodiscard]] bool map(int fd, size_t size) {
         void* const data = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (data == MAP_FAILED) return false;
         mData = static_cast<uint8_t*>(data);

@@ -22,7 +22,7 @@ native_handle_t* native_handle_create(int numFds, int numInts) {
         return nullptr;
     }
     const size_t words = static_cast<size_t>(numFds) + static_cast<size_t>(numInts);
-    // Not calloc(): glibc has it pass by the memory that the thread keeps at hand.
+    // Not calloc(): in glibc that does not use the thread's cache of free memory.
     void* const memory = malloc(sizeof(native_handle_t) + words * sizeof(int));
     if (memory == nullptr) return nullptr;
     auto* const h = static_cast<native_handle_t*>(memory);

@@ -22,7 +22,7 @@ struct IBase;
 namespace hardware {
 
 namespace details {
-/** Ends the process: a fault of the caller that nobody can go on from. */
+/** Ends the process: a fault of the caller from which nobody can recover. */
 [[noreturn]] void logAlwaysFatal(const char* message);
 /** `size` as the 32-bit number that a vector or string holds. */
 uint32_t checkedSize(size_t size);
@@ -33,8 +33,8 @@ uint32_t checkedSize(size_t size);
  * the copy of a handle that does not own; a move leaves the source empty. One made or assigned from
  * a raw handle does not own it.
  *
- * A copy whose descriptors cannot be duplicated is empty here (on a device the process ends): who
- * copies handles of a client has to look.
+ * A copy whose descriptors cannot be duplicated is empty here (on a device the process ends): check
+ * for that after copying a client's handle.
  */
 struct hidl_handle {
     hidl_handle() = default;
@@ -57,7 +57,7 @@ struct hidl_handle {
         return *this;
     }
 
-    /** Lets go of what it owned. With `shouldOwn` the descriptors and the memory become its own. */
+    /** Releases what it owned. With `shouldOwn` it then owns the handle and its descriptors. */
     void setTo(native_handle_t* handle, bool shouldOwn = false);
 
     const native_handle_t* operator->() const { return mHandle; }
@@ -155,8 +155,8 @@ struct hidl_vec {
     const T* begin() const { return mBuffer; }
     const T* end() const { return mBuffer + mSize; }
 
-    /** Allocates anew; what is kept is moved over, or copied where it is another's, and what is new
-     * is value-initialised. */
+    /** Allocates new memory. Elements that stay are moved, or copied when this does not own them;
+     * new ones are value-initialised. */
     void resize(size_t size) {
         const uint32_t count = details::checkedSize(size);
         T* const elements = count > 0 ? new T[count]() : nullptr;
@@ -170,7 +170,7 @@ struct hidl_vec {
         own(elements, count);
     }
 
-    /** Points at elements that live elsewhere; copies nothing. They have to outlive this. */
+    /** Points at elements elsewhere, which must outlive this; copies nothing. */
     void setToExternal(T* data, size_t size, bool shouldOwn = false) {
         release();
         mBuffer = data;
@@ -209,7 +209,7 @@ bool operator==(const hidl_vec<T>& a, const hidl_vec<T>& b) {
     return std::equal(a.begin(), a.end(), b.begin(), b.end());
 }
 
-/** Told when the process that serves an object has gone. */
+/** Told when the process that serves an object is gone. */
 struct hidl_death_recipient : public virtual RefBase {
     virtual void serviceDied(uint64_t cookie, const wp<hidl::base::V1_0::IBase>& who) = 0;
 };

@@ -8,7 +8,7 @@
 
 namespace android::hardware {
 
-/** How a call fared on its way: an exception code, and for a failed transaction its status. */
+/** Whether a call got through: an exception code, and for a failed transaction its status. */
 class Status {
 public:
     enum Exception : int32_t {
@@ -37,8 +37,8 @@ private:
 namespace details {
 
 /**
- * The transport's half of every result. Has to be looked at: destroying or overwriting a failed one
- * that nobody examined with isOk() ends the process. Moved, not copied.
+ * The transport status in every result. It must be examined: destroying or overwriting a failed one
+ * on which nobody called isOk() ends the process. Moved, not copied.
  */
 class return_status {
 public:
@@ -68,7 +68,7 @@ private:
 
 }  // namespace details
 
-/** The result of a call that may leave the process: a transport status, and with it a value. */
+/** The result of a call that may go to another process: a transport status and a value. */
 template <typename T>
 class Return : public details::return_status {
 public:

@@ -12,14 +12,14 @@ namespace android {
  *
  * The first strong reference runs onFirstRef(), at count 1, before the `sp` that takes it holds its
  * new value; it is never run when that first one comes from a promotion. The last strong release
- * deletes the object on the thread that releases it, weak references or not, unless the life time
- * was extended to the weak references.
+ * deletes the object on the thread that releases it, weak references or not, unless its lifetime
+ * was extended to the last weak reference.
  */
 class RefBase {
 public:
     void incStrong(const void* id) const;
     void decStrong(const void* id) const;
-    /** For tests and diagnosis: may be out of date when it returns. */
+    /** May be out of date when it returns. */
     int32_t getStrongCount() const;
 
     class weakref_type {
@@ -52,7 +52,7 @@ protected:
 
     virtual void onFirstRef();
     virtual void onLastStrongRef(const void* id);
-    /** Whether a promotion may revive an object whose life time was extended. */
+    /** Whether promoting may revive an object whose lifetime was extended. */
     virtual bool onIncStrongAttempted(uint32_t flags, const void* id);
     virtual void onLastWeakRef(const void* id);
 

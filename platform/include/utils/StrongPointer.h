@@ -8,9 +8,9 @@ class wp;
 /**
  * A strong reference to a RefBase: one of the owners of the object.
  *
- * What takes the place of another object counts the new one first, then lets go of the old one, and
- * only then shows the new one: onFirstRef() of the new and the destructor of the old still see the
- * old pointer here. So an object must not own the reference through which it is let go of.
+ * Assignment first counts the new object, then releases the old one, and only then stores the new
+ * pointer: onFirstRef() of the new object and the destructor of the old one still see the old
+ * pointer here. So an object must not own the reference whose release destroys it.
  */
 template <typename T>
 class sp {
@@ -44,7 +44,7 @@ public:
         return *this;
     }
     sp& operator=(sp&& other) noexcept {
-        show(other.take());
+        store(other.take());
         return *this;
     }
     template <typename U>
@@ -54,7 +54,7 @@ public:
     }
     template <typename U>
     sp& operator=(sp<U>&& other) {
-        show(other.take());
+        store(other.take());
         return *this;
     }
     template <typename U>
@@ -63,7 +63,7 @@ public:
         return *this;
     }
 
-    void clear() { show(nullptr); }
+    void clear() { store(nullptr); }
 
     T& operator*() const { return *mPtr; }
     T* operator->() const { return mPtr; }
@@ -92,10 +92,10 @@ private:
     }
     void replace(T* other) {
         if (other != nullptr) other->incStrong(this);
-        show(other);
+        store(other);
     }
-    /** Lets go of the old object, then shows one that was counted already, or null. */
-    void show(T* counted) {
+    /** Releases the old object, then stores one that is counted already, or null. */
+    void store(T* counted) {
         if (mPtr != nullptr) mPtr->decStrong(this);
         mPtr = counted;
     }
@@ -104,7 +104,7 @@ private:
         mPtr = nullptr;
         return taken;
     }
-    /** Takes over a reference that was counted already. */
+    /** Takes over a reference that is counted already. */
     void adopt(T* counted) { mPtr = counted; }
 
     T* mPtr = nullptr;

@@ -20,9 +20,9 @@ enum : int32_t { PRIORITY_DEFAULT = 0 };
  * so the last reference may be dropped by the thread itself: the destructor then runs on it.
  * Operations may be called from any thread.
  *
- * The safe way to stop one on every platform: requestExit(), join(), and only then let go of the
- * last reference. (On a device, a join() that starts after the thread found its object gone may
- * wait for ever; here it returns.)
+ * The safe way to stop one on every platform: requestExit(), join(), and only then drop the last
+ * reference. (On a device, a join() that starts after the thread has found its object gone may wait
+ * for ever; here it returns.)
  */
 class Thread : virtual public RefBase {
 public:
@@ -35,14 +35,14 @@ public:
      * INVALID_OPERATION while running, UNKNOWN_ERROR when no thread could be made.
      */
     virtual status_t run(const char* name, int32_t priority = PRIORITY_DEFAULT, size_t stack = 0);
-    /** Asks for the exit after the pass under way. */
+    /** Makes the thread exit after its current pass. */
     virtual void requestExit();
     /** Runs on the thread before the first pass; anything but 0 ends it. */
     virtual status_t readyToRun();
 
     /**
-     * Asks for the exit, waits until the thread is gone, and takes the wish back. On the thread
-     * itself, while its loop runs: WOULD_BLOCK, with a warning, and no exit is asked for.
+     * Requests the exit, waits until the thread is gone, and withdraws the request. On the thread
+     * itself, while its loop runs: WOULD_BLOCK, with a warning, and no exit is requested.
      */
     status_t requestExitAndWait();
     /**
@@ -53,7 +53,7 @@ public:
     bool isRunning() const;
 
 protected:
-    /** An exit was asked for, or the loop has ended; until the next run(). */
+    /** Whether an exit was requested or the loop has ended, since the last run(). */
     bool exitPending() const;
 
 private:
@@ -62,7 +62,7 @@ private:
     /** True, with a warning, on the thread itself while its loop runs. */
     bool wouldBlock(const char* operation) const;
 
-    /** What the running thread needs after its object is gone. */
+    /** Shared with the running thread, which may outlive the object. */
     struct State;
     static void* entry(void* start);
 
