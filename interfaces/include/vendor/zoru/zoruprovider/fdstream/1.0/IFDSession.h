@@ -20,13 +20,13 @@ struct IFDSession : public ::android::hidl::base::V1_0::IBase {
     ::android::hardware::Return<void> interfaceChain(interfaceChain_cb callback) override;
     ::android::hardware::Return<void> interfaceDescriptor(interfaceDescriptor_cb callback) override;
 
-    /** Sets who is told of results and notifications; null takes it away. Answers OK. */
+    /** Sets the callback for results and notifications; null removes it. Answers OK. */
     virtual ::android::hardware::Return<::android::hardware::camera::common::V1_0::Status>
     setCallback(const ::android::sp<IFDSessionCallback>& callback) = 0;
 
     /**
-     * Configures the stream; ILLEGAL_ARGUMENT unless there is exactly one. Drops, unanswered, every
-     * request that still waits, and lets go of every buffer that the client had handed in.
+     * Configures the stream; ILLEGAL_ARGUMENT unless there is exactly one. Requests that still wait
+     * are dropped without an answer, and all buffers that the client has passed are released.
      */
     virtual ::android::hardware::Return<::android::hardware::camera::common::V1_0::Status>
     configure(
@@ -34,9 +34,9 @@ struct IFDSession : public ::android::hidl::base::V1_0::IBase {
 
     /**
      * Asks for one frame in the client's own buffer: exactly one output buffer, of the configured
-     * stream. The handle goes with the first request that names the buffer's id, and stays the
-     * caller's. ILLEGAL_ARGUMENT when the request is refused; else the answer comes through the
-     * callback, within about a second when nobody fills the buffer.
+     * stream. The handle goes with the first request that names the buffer's id, and remains owned
+     * by the caller. ILLEGAL_ARGUMENT when the request is refused; otherwise the answer comes
+     * through the callback, within about a second if nobody fills the buffer.
      */
     virtual ::android::hardware::Return<::android::hardware::camera::common::V1_0::Status>
     processCaptureRequest(

@@ -7,9 +7,9 @@
 namespace vendor::zoru::zoruprovider::fdstream::V1_0 {
 
 /**
- * What the session tells the face-detection client. Results come one at a time and in order from
- * the session's own thread, notifications from the provider's threads, possibly at the same time.
- * What a method receives, memory and descriptors, is gone when it returns. It may call the session.
+ * The face-detection client's callback. Results come one at a time and in order from the session's
+ * own thread, notifications from the provider's threads, possibly at the same time. What a method
+ * receives, memory and descriptors, is released when it returns. It may call the session.
  */
 struct IFDSessionCallback : public ::android::hidl::base::V1_0::IBase {
     static const char* descriptor;
