@@ -18,7 +18,6 @@
 #include <cstdlib>
 #include <iostream>
 #include <mutex>
-#include <random>
 #include <string>
 #include <utility>
 
@@ -50,7 +49,9 @@ constexpr kit::FrameSize kSize = {64, 32};
 class Streamer : public IFDSessionCallback {
 public:
     explicit Streamer(sp<IFDSession> session)
-        : mSession(std::move(session)), mBuffer(kit::allocate(kSize)), mBufferId(random64()) {}
+        : mSession(std::move(session)),
+          mBuffer(kit::allocate(kSize)),
+          mBufferId(static_cast<uint64_t>(getpid())) {}
 
     bool start() {
         return host::isAccepted(mSession->setCallback(this)) &&
@@ -81,11 +82,6 @@ public:
     Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
 
 private:
-    static uint64_t random64() {
-        std::random_device device;
-        return uint64_t{device()} << 32 | device();
-    }
-
     const sp<IFDSession> mSession;
     const host::Buffer mBuffer;
     const uint64_t mBufferId;

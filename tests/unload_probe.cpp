@@ -7,7 +7,6 @@
 // Exits with 0 when every round held; else a line says what did not.
 
 #include <dlfcn.h>
-#include <link.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -18,6 +17,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <new>
 #include <random>
 #include <string>
@@ -91,28 +91,21 @@ void require(bool held, const char* what) {
 }
 
 struct Range {
-    std::string name;
-    uintptr_t begin = UINTPTR_MAX;
+    uintptr_t begin = 0;
     uintptr_t end = 0;
 };
 
-/** Where the library is, by the loader's list; empty when it is not there. */
-Range findLoaded(const std::string& library) {
-    Range range{library};
-    dl_iterate_phdr(
-        [](dl_phdr_info* info, size_t, void* data) {
-            auto* const found = static_cast<Range*>(data);
-            if (found->name != info->dlpi_name) return 0;
-            for (int i = 0; i < info->dlpi_phnum; ++i) {
-                const ElfW(Phdr)& header = info->dlpi_phdr[i];
-                if (header.p_type != PT_LOAD) continue;
-                const uintptr_t start = info->dlpi_addr + header.p_vaddr;
-                found->begin = std::min(found->begin, start & ~uintptr_t{4095});
-                found->end = std::max(found->end, start + header.p_memsz);
-            }
-            return 1;
-        },
-        &range);
+/** Where the library's file is mapped; empty when it is not. */
+Range findMapped(const std::string& library) {
+    Range range;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) == std::string::npos) continue;
+        char* rest = nullptr;
+        const uintptr_t begin = strtoul(line.c_str(), &rest, 16);
+        if (range.end == 0) range.begin = begin;
+        range.end = strtoul(rest + 1, nullptr, 16);
+    }
     return range;
 }
 
@@ -179,13 +172,15 @@ public:
 
     void unload() {
         mSession.clear();
-        const Range range = findLoaded(mLibrary);
-        require(range.begin < range.end, "the library is not in the loader's list");
+        const Range range = findMapped(mLibrary);
+        require(range.begin < range.end, "the library is not mapped");
         require(dlclose(mHandle) == 0, "dlclose failed");
-        require(findLoaded(mLibrary).end == 0, "the library is still in the loader's list");
+        require(dlopen(mLibrary.c_str(), RTLD_NOW | RTLD_NOLOAD) == nullptr,
+                "the library is still in the loader's list");
+        require(findMapped(mLibrary).end == 0, "the library is still mapped");
         require(host::threadCount() == 0, "a thread is left");
         require(diedOn == gettid(), "the session did not die on the unloading thread");
-        // Fails while it is mapped; and if it were loaded there again, a late call would be hidden.
+        // A library that is loaded again at the same address would hide a late call.
         void* const wanted = reinterpret_cast<void*>(range.begin);  // NOLINT
         const void* const reserved = mmap(wanted, range.end - range.begin, PROT_NONE,
                                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
