@@ -10,6 +10,7 @@
 
 #include "host/buffer.h"
 #include "host/mapper.h"
+#include "host/unique_fd.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
 
@@ -84,46 +85,60 @@ TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {
     EXPECT_EQ(lock(0, 0, 4, 4), Error::BAD_BUFFER);
 }
 
-TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
-    const host::Buffer buffer = allocate(64, 64);  // 6144 bytes
-    native_handle_t* const forged = native_handle_clone(buffer.handle());
-    const int own = forged->data[0];
-    const host::MapperCounters before = host::mapperCounters();
-    const auto imports = [&] {
+/** A handle of a buffer of 6144 bytes, for a test to put something else into. */
+class ForgedHandleTest : public testing::Test {
+protected:
+    ~ForgedHandleTest() override {
+        native_handle_close(forged);
+        native_handle_delete(forged);
+        EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+    }
+
+    bool imports() {
         const sp<GraphicBuffer> wrapped =
             new GraphicBuffer(forged, GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64);
         return wrapped->initCheck() == 0;
-    };
-    EXPECT_TRUE(imports());
+    }
+    /** With this file in place of the buffer's. */
+    bool importsFile(const host::UniqueFd& file) {
+        EXPECT_GE(file.get(), 0);
+        const int own = std::exchange(forged->data[0], file.get());
+        const bool result = imports();
+        forged->data[0] = own;
+        return result;
+    }
+    static host::UniqueFd memory(off_t size, int seals) {
+        host::UniqueFd fd(memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+        EXPECT_EQ(ftruncate(fd.get(), size), 0);
+        EXPECT_EQ(fcntl(fd.get(), F_ADD_SEALS, seals), 0);
+        return fd;
+    }
+    static host::UniqueFd opened(const std::string& name, int flags) {
+        return host::UniqueFd(open(name.c_str(), flags | O_CLOEXEC, 0600));
+    }
 
-    // Integers that lie: each word out of bounds, and sizes beyond the file's.
+    const host::Buffer buffer = allocate(64, 64);
+    native_handle_t* const forged = native_handle_clone(buffer.handle());
+    const host::MapperCounters before = host::mapperCounters();
+};
+
+TEST_F(ForgedHandleTest, IsRefusedWhenItsIntegersLie) {
+    EXPECT_TRUE(imports());
     for (int word = 1; word <= 7; ++word) {
         const int honest = std::exchange(forged->data[word], -1);
         EXPECT_FALSE(imports()) << "word " << word;
         forged->data[word] = honest;
     }
-    const int height = std::exchange(forged->data[3], 66);
+    const int height = std::exchange(forged->data[3], 66);  // beyond the file's size
     EXPECT_FALSE(imports());
     forged->data[3] = height;
     forged->numInts -= 1;
     EXPECT_FALSE(imports());
     forged->numInts += 1;
+    EXPECT_EQ(host::mapperCounters().imports - before.imports, 1);
+}
 
-    // Files that are no sealed memory, or not enough of it.
-    const auto importsFile = [&](int fd) {
-        EXPECT_GE(fd, 0);
-        forged->data[0] = fd;
-        const bool result = imports();
-        forged->data[0] = own;
-        close(fd);
-        return result;
-    };
-    const auto memory = [](off_t size, int seals) {
-        const int fd = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
-        EXPECT_EQ(ftruncate(fd, size), 0);
-        EXPECT_EQ(fcntl(fd, F_ADD_SEALS, seals), 0);
-        return fd;
-    };
+TEST_F(ForgedHandleTest, IsRefusedWhenItsFileIsNoSealedMemoryOrNotEnough) {
     EXPECT_TRUE(importsFile(memory(6144, F_SEAL_SHRINK)));
     EXPECT_FALSE(importsFile(memory(6144, F_SEAL_GROW)));
     EXPECT_FALSE(importsFile(memory(6143, F_SEAL_SHRINK)));
@@ -132,22 +147,17 @@ TEST(MapperTest, ImportsNothingThatIsNoBuffer) {
     EXPECT_TRUE(importsFile(memory(most - 1, F_SEAL_SHRINK)));
     EXPECT_TRUE(importsFile(memory(most, F_SEAL_SHRINK)));
     EXPECT_FALSE(importsFile(memory(most + 1, F_SEAL_SHRINK)));
-    const int writable = memory(6144, F_SEAL_SHRINK);
-    const std::string name = "/proc/self/fd/" + std::to_string(writable);
-    EXPECT_FALSE(importsFile(open(name.c_str(), O_RDONLY | O_CLOEXEC)));
-    close(writable);
-    EXPECT_FALSE(importsFile(open("/dev/zero", O_RDWR | O_CLOEXEC)));
-    EXPECT_FALSE(importsFile(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
-    EXPECT_FALSE(importsFile(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600)));
+    const host::UniqueFd writable = memory(6144, F_SEAL_SHRINK);
+    const std::string name = "/proc/self/fd/" + std::to_string(writable.get());
+    EXPECT_FALSE(importsFile(opened(name, O_RDONLY)));
+    EXPECT_FALSE(importsFile(opened("/dev/zero", O_RDWR)));
+    EXPECT_FALSE(importsFile(opened("/tmp", O_RDONLY | O_DIRECTORY)));
+    EXPECT_FALSE(importsFile(opened("/tmp", O_RDWR | O_TMPFILE)));
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    EXPECT_FALSE(importsFile(ends[0]));
-    EXPECT_FALSE(importsFile(ends[1]));
-
-    native_handle_close(forged);
-    native_handle_delete(forged);
-    EXPECT_EQ(host::mapperCounters().imports - before.imports, 4);
-    EXPECT_EQ(host::mapperCounters().mappings, before.mappings);
+    for (const int end : ends)
+        EXPECT_FALSE(importsFile(host::UniqueFd(end)));
+    EXPECT_EQ(host::mapperCounters().imports - before.imports, 3);
 }
 
 }  // namespace testing_support
