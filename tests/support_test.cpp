@@ -1,15 +1,33 @@
-// The check that runs around every test: that it catches what it is there for.
+// What every test leans on: the platform's log and its capture, and the check for leaks.
 
+#include <android/log.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <future>
+#include <string>
 #include <thread>
 
-#include "support/leak_check.h"
+#include "holdings.h"
+#include "support/log_lines.h"
 #include "support/session_fixture.h"
 
 namespace testing_support {
+
+TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
+    LogLines outer;
+    {
+        const LogLines inner;
+        __android_log_print(ANDROID_LOG_INFO, "tag", "%s\n", std::string(2000, 'x').c_str());
+        EXPECT_EQ(inner.said(), Lines{"I " + std::string(1023, 'x')});
+    }
+    __android_log_print(ANDROID_LOG_ERROR, "tag", "kept\n");
+    __android_log_print(ANDROID_LOG_WARN, "other", "kept\n");
+    EXPECT_EQ(outer.said("tag"), Lines{"E kept\n"});
+    EXPECT_FALSE(outer.waitUntilSaid("D kept\n"));
+    EXPECT_EQ(outer.take(), (Lines{"E kept\n", "W kept\n"}));
+    EXPECT_TRUE(outer.said().empty());
+}
 
 TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {
     const kit::Holdings before = kit::Holdings::of();
