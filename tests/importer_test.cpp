@@ -18,6 +18,7 @@ using android::hardware::camera::common::V1_0::helper::YCbCrLayout;
 
 namespace {
 constexpr const char* kTag = "HandleImporter";
+enum class Other { WAITS, GOES_ON };
 }  // namespace
 
 template <typename Spy>
@@ -35,14 +36,25 @@ protected:
         return nullptr;
     }
 
-    /** Another thread's operation, begun while this one is inside the mapper, waits for its end. */
-    void expectWaitsInside(const std::function<void()>& operation,
-                           const std::function<void()>& other) {
-        expectInside(operation, other, true);
-    }
-    void expectGoesOnInside(const std::function<void()>& operation,
-                            const std::function<void()>& other) {
-        expectInside(operation, other, false);
+    /** What another thread's operation does when it comes while this one is inside the mapper. */
+    void expectInside(const std::function<void()>& operation, Other expected,
+                      const std::function<void()>& other) {
+        std::atomic<pid_t> id{0};
+        std::atomic<bool> isDone{false};
+        std::thread thread;
+        spy->during = [&] {
+            thread = std::thread([&] {
+                id = gettid();
+                other();
+                isDone = true;
+            });
+            EXPECT_TRUE(eventually(
+                [&] { return isDone || (expected == Other::WAITS && id != 0 && isAsleep(id)); }));
+            EXPECT_EQ(isDone, expected == Other::GOES_ON);
+        };
+        operation();
+        ASSERT_TRUE(thread.joinable());
+        thread.join();
     }
 
     const android::sp<Spy> spy = new Spy(real());
@@ -54,26 +66,6 @@ protected:
     LogLines log;
     const host::Buffer buffer = allocate(64, 32);
     HandleImporter importer;
-
-private:
-    void expectInside(const std::function<void()>& operation, const std::function<void()>& other,
-                      bool waits) {
-        std::atomic<pid_t> id{0};
-        std::atomic<bool> isDone{false};
-        std::thread thread;
-        spy->during = [&] {
-            thread = std::thread([&] {
-                id = gettid();
-                other();
-                isDone = true;
-            });
-            EXPECT_TRUE(eventually([&] { return isDone || (waits && id != 0 && isAsleep(id)); }));
-            EXPECT_EQ(isDone, !waits);
-        };
-        operation();
-        ASSERT_TRUE(thread.joinable());
-        thread.join();
-    }
 };
 
 using BothVersions = testing::Types<SpyMapper3, SpyMapper2>;
@@ -186,30 +178,25 @@ TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {
 }
 
 TYPED_TEST(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
+    HandleImporter& tested = this->importer;
     buffer_handle_t handle = this->buffer.handle();
     buffer_handle_t other = this->buffer.handle();
-    ASSERT_TRUE(this->importer.importBuffer(handle));
-    const auto import = [&] { EXPECT_TRUE(this->importer.importBuffer(other)); };
-    const auto free = [&] { this->importer.freeBuffer(other); };
-    const auto lock = [&] { EXPECT_NE(this->importer.lock(handle, 3, 64), nullptr); };
-    const auto lockYCbCr = [&] {
-        EXPECT_NE(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
-    };
-    const auto unlock = [&] { this->importer.unlock(handle); };
-    // Without a usage this changes nothing.
-    const auto lockForNothing = [&] { this->importer.lock(handle, 0, 64); };
+    ASSERT_TRUE(tested.importBuffer(handle));
+    const auto lock = [&] { tested.lock(handle, 3, 64); };
+    const auto unlock = [&] { tested.unlock(handle); };
+    const auto refused = [&] { tested.lock(handle, 0, 64); };  // without a usage
 
-    this->expectWaitsInside(import, lockForNothing);
-    this->expectWaitsInside(free, lockForNothing);
-    this->expectWaitsInside(lock, lockForNothing);
-    this->expectGoesOnInside(unlock, lockForNothing);
-    this->expectWaitsInside(lockYCbCr, lockForNothing);
+    this->expectInside([&] { tested.importBuffer(other); }, Other::WAITS, refused);
+    this->expectInside([&] { tested.freeBuffer(other); }, Other::WAITS, refused);
+    this->expectInside(lock, Other::WAITS, refused);
+    this->expectInside(unlock, Other::GOES_ON, refused);
+    this->expectInside([&] { tested.lockYCbCr(handle, 3, {0, 0, 64, 32}); }, Other::WAITS, refused);
     // What takes no lock does not wait for it either.
-    this->expectGoesOnInside(lockForNothing, unlock);
-    this->expectGoesOnInside(lockForNothing, [&] { this->importer.cleanup(); });
+    this->expectInside(refused, Other::GOES_ON, unlock);
+    this->expectInside(refused, Other::GOES_ON, [&] { tested.cleanup(); });
     lock();  // connects anew
     unlock();
-    this->importer.freeBuffer(handle);
+    tested.freeBuffer(handle);
 }
 
 TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
