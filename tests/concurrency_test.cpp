@@ -6,7 +6,9 @@
 #include <cstddef>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/session_fixture.h"
@@ -51,58 +53,13 @@ SceneControl sceneOf(int i) {
     return scene;
 }
 
-std::vector<Operation> clientOperations(FDSessionImpl& session, const sp<Callback>& callback,
-                                        const host::Buffer& buffer) {
-    return {[&](int i) { session.handleSetCallback(i % 4 == 0 ? nullptr : callback); },
-            [&](int) { session.handleConfigure(configurationOf(0)); },
-            [&](int i) { session.handleCaptureRequest(requestFor(1, idOf(i), buffer.handle())); }};
-}
-
-std::vector<Operation> providerOperations(FDSessionImpl& session) {
-    return {[&](int) { session.getInterface(); },
-            [&](int i) { session.getBufferForId(idOf(i)); },
-            [&](int) {
-                StreamConfiguration configuration = {};
-                session.getConfiguration(configuration);
-            },
-            [&](int) {
-                CaptureRequest request = {};
-                session.getProcessCaptureRequest(request);
-            },
-            [&](int) { session.isCaptureRequestReady(); },
-            [&](int) {
-                FDNotifyMsg msg = {};
-                session.sendNotify(msg);
-            },
-            [&](int i) { session.sendCaptureResult(resultFor(requestFor(1, idOf(i)))); }};
-}
-
-std::vector<Operation> sceneOperations(FDSessionImpl& session) {
-    return {[&](int i) { session.setSceneControl(sceneOf(i)); },
-            [&](int i) { session.setPTZControl(sceneOf(i)); },
-            [&](int) { session.setTrackControl({}); },
-            [&](int i) { session.setTrackingMode(static_cast<TrackingMode>(i % 2)); },
-            [&](int) { session.resetPTZScene(); },
-            [&](int) {
-                SceneControl scene = {};
-                session.getSceneControl(scene);
-            },
-            [&](int) {
-                SceneControl scene = {};
-                session.getPTZControl(scene);
-            },
-            [&](int) {
-                TrackControl track = {};
-                session.getTrackControl(track);
-            },
-            [&](int) { session.getTrackingMode(); },
-            [&](int) { session.getPeopleCount(); },
-            [&](int) {
-                // Whoever replaced an observer may destroy it at once.
-                Ignoring observer;
-                session.setSceneCallback(&observer);
-                session.setSceneCallback(nullptr);
-            }};
+/** An operation of the provider's with a record of its own. */
+template <typename Record, typename Result>
+Operation withRecord(FDSessionImpl& session, Result (FDSession::*operation)(Record&)) {
+    return [&session, operation](int) {
+        Record record = {};
+        (session.*operation)(record);
+    };
 }
 
 }  // namespace
@@ -111,10 +68,37 @@ using ConcurrencyTest = SessionFixture;
 
 TEST_F(ConcurrencyTest, TakesEveryOperationAtOnce) {
     configure();
-    std::vector<Operation> all = clientOperations(*session, callback, buffer);
-    for (const auto& more : {providerOperations(*session), sceneOperations(*session)})
-        all.insert(all.end(), more.begin(), more.end());
-    runAtOnce(all, 60);
+    FDSessionImpl& s = *session;
+    std::unique_ptr<Ignoring> observer;
+    const std::vector<Operation> operations = {
+        [&](int i) { s.handleSetCallback(i % 50 == 0 ? nullptr : callback); },
+        [&](int) { s.handleConfigure(configurationOf(0)); },
+        [&](int i) { submit(1, idOf(i)); },
+        [&](int) { s.getInterface(); },
+        [&](int i) { s.getBufferForId(idOf(i)); },
+        withRecord(s, &FDSession::getConfiguration),
+        withRecord(s, &FDSession::getProcessCaptureRequest),
+        [&](int) { s.isCaptureRequestReady(); },
+        withRecord(s, &FDSession::sendNotify),
+        [&](int i) { s.sendCaptureResult(resultFor(requestFor(1, idOf(i)))); },
+        [&](int i) { s.setSceneControl(sceneOf(i)); },
+        withRecord(s, &FDSession::getSceneControl),
+        [&](int i) { s.setTrackingMode(static_cast<TrackingMode>(i % 2)); },
+        [&](int) { s.getTrackingMode(); },
+        [&](int i) { s.setPTZControl(sceneOf(i)); },
+        withRecord(s, &FDSession::getPTZControl),
+        [&](int) { s.resetPTZScene(); },
+        [&](int) { s.getPeopleCount(); },
+        [&](int) { s.setTrackControl({}); },
+        withRecord(s, &FDSession::getTrackControl),
+        [&](int) {
+            // Whoever has replaced an observer may destroy it at once.
+            auto next = std::make_unique<Ignoring>();
+            s.setSceneCallback(next.get());
+            observer = std::move(next);
+        }};
+    runAtOnce(operations, 200);
+    session->setSceneCallback(nullptr);
     stop();
 }
 
