@@ -1,8 +1,8 @@
 // The client's face: what its three calls answer, say and do, in one process and over a socket.
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "host/channel.h"
@@ -66,7 +66,7 @@ TEST_P(ClientFaceTest, SetsAndTakesBackItsCallback) {
 }
 
 TEST_P(ClientFaceTest, ConfiguresExactlyOneStream) {
-    StreamConfiguration kept = configurationOf(77);
+    StreamConfiguration kept = kit::configurationOf({2, 2}, 77);
     EXPECT_EQ(session->getConfiguration(kept), -1);
     EXPECT_EQ(kept.streams[0].id, 77);
 
@@ -129,7 +129,11 @@ TEST_P(ClientFaceTest, ImportsABufferOnceAndKnowsItByItsId) {
     ASSERT_EQ(Status(client->configure(configurationOf(3))), Status::OK);
     const uint64_t id = UINT64_MAX;
     log.clear();
-    ASSERT_EQ(request(1, id, buffer.handle(), 3), Status::OK);
+    CaptureRequest first = requestFor(1, id, buffer.handle(), 3);
+    first.fmqSettingsSize = 5;
+    first.settings = {1, 2, 3};
+    first.outputBuffers[0].status = BufferStatus::ERROR;
+    ASSERT_EQ(Status(client->processCaptureRequest(first)), Status::OK);
     EXPECT_EQ(log.take(kSessionTag),
               Lines{"I handleCaptureRequest: import buffer success, streamId(3), "
                     "bufferId(18446744073709551615) \n"});
@@ -148,11 +152,15 @@ TEST_P(ClientFaceTest, ImportsABufferOnceAndKnowsItByItsId) {
     const int64_t calls = mapperCalls();
     ASSERT_EQ(request(2, id, nullptr, 3), Status::OK);
     ASSERT_EQ(request(3, id, other.handle(), 3), Status::OK);
-    for (uint32_t frame = 1; frame <= 3; ++frame) {
-        const CaptureRequest request = take();
-        EXPECT_EQ(request.frameNumber, frame);
-        EXPECT_TRUE(sameFile(request.outputBuffers[0].buffer, buffer.handle()));
+    const CaptureRequest taken[] = {take(), take(), take()};
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(taken[i].frameNumber, i + 1);
+        EXPECT_TRUE(sameFile(taken[i].outputBuffers[0].buffer, buffer.handle()));
     }
+    // All else is as the client sent it.
+    EXPECT_EQ(taken[0].fmqSettingsSize, 5U);
+    EXPECT_TRUE(taken[0].settings == first.settings);
+    EXPECT_EQ(taken[0].outputBuffers[0].status, BufferStatus::ERROR);
     EXPECT_EQ(mapperCalls(), calls);
     EXPECT_TRUE(log.said(kSessionTag).empty());
 }

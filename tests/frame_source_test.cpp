@@ -45,9 +45,9 @@ protected:
         EXPECT_TRUE(client->configure(configurationOf(id, width, height)).isOk());
     }
     void submit(uint32_t frame, int32_t streamId, const native_handle_t* handle) {
-        const auto status =
-            client->processCaptureRequest(requestFor(frame, frame, handle, streamId));
-        EXPECT_TRUE(status.isOk());
+        CaptureRequest request = requestFor(frame, frame, handle, streamId);
+        request.outputBuffers[0].status = BufferStatus::ERROR;  // the source says otherwise
+        EXPECT_TRUE(client->processCaptureRequest(request).isOk());
     }
     /** Lets the source go through one pass and returns what it said meanwhile. */
     Lines pass() {
@@ -91,6 +91,7 @@ TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
     writeFrames("ab");
     source = new FDSessionTest;
     ASSERT_TRUE(gate->waitUntilPausing());
+    log.clear();
     configure(4);
     for (uint32_t frame = 1; frame <= 3; ++frame)
         submit(frame, 4, buffer.handle());
@@ -109,6 +110,7 @@ TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
         EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], frame == 2 ? 'b' : 'a');
     }
     EXPECT_EQ(deliveries.count(), 3U);
+    EXPECT_EQ(log.said("zoruutil").size(), 4U + 3 * 4U);  // the stream's dump, and each request's
 }
 
 TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {

@@ -96,14 +96,16 @@ TEST_F(HandlesTest, MarksABufferNotFilledThatLostItsHandles) {
     result.outputBuffers.resize(2);
     result.outputBuffers[1].bufferId = 2;
     result.outputBuffers[1].releaseFence = broken.handle;
+    result.inputBuffer.acquireFence = broken.handle;
     log.clear();
     session->sendCaptureResult(result);
     const CaptureResult delivered = deliveries.waitFor(1)[0].result;
     EXPECT_EQ(delivered.outputBuffers[0].status, BufferStatus::OK);
     EXPECT_EQ(delivered.outputBuffers[1].status, BufferStatus::ERROR);
+    EXPECT_EQ(delivered.inputBuffer.status, BufferStatus::ERROR);
+    const std::string line = "E sendCaptureResult: duplicating handles failed, ";
     EXPECT_EQ(log.said(kSessionTag),
-              Lines{"E sendCaptureResult: duplicating handles failed, streamId(0), "
-                    "bufferId(2) \n"});
+              (Lines{line + "streamId(0), bufferId(2) \n", line + "streamId(-1), bufferId(0) \n"}));
 }
 
 /** Closing may take as long as the client likes; another thread goes on meanwhile. */
@@ -175,8 +177,7 @@ TEST_F(ClosingTest, LetsGoOfAResultWithoutALock) {
     // Held in a delivery, the monitor finds a stale request in that pass and in the next.
     configure();
     auto closed = holdClient();
-    ASSERT_EQ(submit(3, 1), 0);
-    serveOne();
+    roundTrip(3);
     deliveries.waitFor(1);
     expectClosed("a result, in a pass that answers a stale request too", 1, [&] {
         ASSERT_EQ(submit(4, 1), 0);

@@ -50,8 +50,7 @@ TEST_F(ResultsTest, DeliversWithoutWaitingOutItsIdleWait) {
     configure();
     const auto start = std::chrono::steady_clock::now();
     for (uint32_t frame = 0; frame < 20; ++frame) {
-        ASSERT_EQ(submit(frame, 1), 0);
-        serveOne();
+        roundTrip(frame);
         deliveries.waitFor(frame + 1);
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
@@ -68,8 +67,7 @@ TEST_F(ResultsTest, DropsAResultWithoutBuffersAndGoesOnAfterAFailedCall) {
         "E threadLoop: processCaptureResult transaction failed: Status(EX_TRANSACTION_FAILED): "
         "'DEAD_OBJECT: the peer has closed the connection'"));
     callback->failing = false;
-    ASSERT_EQ(submit(2, 1), 0);
-    serveOne();
+    roundTrip(2);
     EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 2U);
 }
 
@@ -88,8 +86,7 @@ TEST_F(ResultsTest, DiscardsSilentlyWithoutACallback) {
         return !session->isCaptureRequestReady();
     }));
     session->handleSetCallback(callback);
-    ASSERT_EQ(submit(3, 1), 0);
-    serveOne();
+    roundTrip(3);
     EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 3U);
     EXPECT_EQ(log.said(kSessionTag), Lines{"I handleSetCallback: \n"});
 }
@@ -98,11 +95,13 @@ TEST_F(ResultsTest, AnswersARequestThatIsOlderThanASecondAndNoYounger) {
     clock.stopAt(kStart);
     configure();
     ASSERT_EQ(submit(9, 4), 0);
-    clock.stopAt(kStart + 1000000);
-    sweep();
-    EXPECT_EQ(deliveries.count(), 0U);
-    clock.stopAt(kStart + 1000001);
-    drivePass();
+    // The wall clock may step back, too: then nothing is stale.
+    for (const int64_t age : {int64_t{1000000}, int64_t{-3600000000}}) {
+        clock.stopAt(kStart + age);
+        sweep();
+        EXPECT_EQ(deliveries.count(), 0U);
+    }
+    clock.stopAt(kStart + 1000001);  // seen at the end of an idle wait
     const CaptureResult error = deliveries.waitFor(1)[0].result;
     EXPECT_EQ(error.frameNumber, 9U);
     ASSERT_EQ(error.outputBuffers.size(), 1U);
@@ -168,17 +167,6 @@ TEST_F(ResultsTest, KeepsADeliveredResultOutOfTheErrorResultOfTheSamePass) {
     stop();
 }
 
-TEST_F(ResultsTest, MeasuresAgesOnAWallClockThatStepsEitherWay) {
-    clock.stopAt(kStart);
-    configure();
-    ASSERT_EQ(submit(1, 1), 0);
-    clock.stopAt(kStart - 3600000000);  // back: nothing is stale
-    sweep();
-    EXPECT_EQ(deliveries.count(), 0U);
-    clock.stopAt(kStart + 3600000000);  // forward: at once
-    EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 1U);
-}
-
 TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
     clock.stopAt(kStart);
     configure();
@@ -190,8 +178,7 @@ TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
     const auto deliverOne = [&](const char* property) {
         fill();
         host::setProperty("vendor.zoru.flipped", property);
-        EXPECT_EQ(submit(1, 1), 0);
-        serveOne();
+        roundTrip(1);
         deliveries.waitFor(++delivered);
         return isTurned();
     };
@@ -214,8 +201,7 @@ TEST_F(ResultsTest, TurnsADeliveredFrameWhenThePropertySays) {
     // Turned even when nobody is there to see it.
     session->handleSetCallback(nullptr);
     const int64_t unlocks = host::mapperCounters().unlocks;
-    ASSERT_EQ(submit(4, 1), 0);
-    serveOne();
+    roundTrip(4);
     EXPECT_TRUE(eventually([&] { return host::mapperCounters().unlocks > unlocks; }));
     EXPECT_TRUE(isTurned());
 }

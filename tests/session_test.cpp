@@ -25,8 +25,7 @@ TEST_F(SessionTest, ConstructsWithTheDefaultSceneOneThreadAndOneTrampoline) {
 
 TEST_F(SessionTest, LeavesWhatIsQueuedUnansweredWhenItGoes) {
     configure();
-    ASSERT_EQ(submit(1, 1), 0);
-    serveOne();
+    roundTrip(1);
     deliveries.waitFor(1);
     ASSERT_EQ(submit(2, 1), 0);
     session->freeBuffer(requestFor(1, 1).outputBuffers[0]);
@@ -40,8 +39,7 @@ TEST_F(SessionTest, DiesOnItsOwnThreadWhenThatDropsTheLastReference) {
     // The monitor is inside the callback, and so holds the session, while everybody else lets go.
     auto closed = holdClient();
     configure();
-    ASSERT_EQ(submit(1, 1), 0);
-    serveOne();
+    roundTrip(1);
     deliveries.waitFor(1);
     session->handleConfigure(configurationOf(0));
     callback.clear();
@@ -92,9 +90,8 @@ TEST_F(SessionTest, ReplacesItsCallbackWhileACallIsInFlight) {
     Deliveries later;
     auto closed = holdClient();
     configure();
-    ASSERT_EQ(submit(1, 1), 0);
+    roundTrip(1);
     ASSERT_EQ(submit(2, 1), 0);
-    serveOne();
     deliveries.waitFor(1);
     // Does not wait for the call, and the callback outlives its session's reference until then.
     EXPECT_EQ(Status(client->setCallback(new Callback(later))), Status::OK);

@@ -118,6 +118,11 @@ protected:
     }
     /** Takes the oldest request and hands its buffer back. */
     void serveOne() { session->sendCaptureResult(resultFor(take())); }
+    /** Submits a request and serves it. */
+    void roundTrip(uint32_t frameNumber) {
+        ASSERT_EQ(submit(frameNumber, 1), 0);
+        serveOne();
+    }
     /** Ends the monitor, so that what a callback's `during` refers to may go. */
     void stop();
     /** From now on the client is inside each call until the lock is let go of. */
