@@ -1,6 +1,8 @@
 // Scene, PTZ and tracking controls, and the observer that hears of them.
 
+#include <atomic>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "support/session_fixture.h"
@@ -189,28 +191,20 @@ TEST_F(SceneTest, NotifiesAtOnceFromInsideAnOperationAndSaysWhichMustNot) {
 }
 
 TEST_F(SceneTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inside = false;
-    bool mayLeave = false;
-    bool replaced = false;
+    std::promise<void> inside;
+    std::promise<void> mayLeave;
+    std::atomic<bool> isReplaced{false};
     observer.during = [&] {
-        std::unique_lock<std::mutex> lock(mutex);
-        inside = true;
-        changed.notify_all();
-        changed.wait(lock, [&] { return mayLeave; });
-        EXPECT_FALSE(replaced);
+        inside.set_value();
+        mayLeave.get_future().wait();
+        EXPECT_FALSE(isReplaced);
     };
     session->setSceneCallback(&observer);
     std::thread teller([&] { session->setTrackControl({}); });
-    {
-        std::unique_lock<std::mutex> lock(mutex);
-        changed.wait(lock, [&] { return inside; });
-    }
+    inside.get_future().wait();
     std::thread replacer([&] {
         session->setSceneCallback(nullptr);
-        const std::lock_guard<std::mutex> lock(mutex);
-        replaced = true;
+        isReplaced = true;
     });
     // Wait until the replacing has been stored: from then on nobody is told any more.
     EXPECT_TRUE(eventually([&] {
@@ -218,11 +212,7 @@ TEST_F(SceneTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {
         session->setPTZControl({});
         return observer.ptzs.empty();
     }));
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        mayLeave = true;
-        changed.notify_all();
-    }
+    mayLeave.set_value();
     teller.join();
     replacer.join();
 
