@@ -109,9 +109,9 @@ TEST_F(HandlesTest, MarksABufferNotFilledThatLostItsHandles) {
 }
 
 /** Closing may take as long as the client likes; another thread goes on meanwhile. */
-class ClosingTest : public SessionFixture {
+class LettingGoTest : public SessionFixture {
 protected:
-    ClosingTest() { clock.stopAt(now); }
+    LettingGoTest() { clock.stopAt(now); }
 
     /** What `act` makes the session close, so often, it closes without a lock. */
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
@@ -144,7 +144,7 @@ protected:
     const Fence fence{file.get()};
 };
 
-TEST_F(ClosingTest, LetsGoOfARequestWithoutALock) {
+TEST_F(LettingGoTest, LetsGoOfARequestWithoutALock) {
     session->handleSetCallback(nullptr);  // what is to be delivered ends here
     configure();
     expectClosed("a refused request", 2,
@@ -173,7 +173,7 @@ TEST_F(ClosingTest, LetsGoOfARequestWithoutALock) {
     });
 }
 
-TEST_F(ClosingTest, LetsGoOfAResultWithoutALock) {
+TEST_F(LettingGoTest, LetsGoOfAResultWithoutALock) {
     // Held in a delivery, the monitor finds a stale request in that pass and in the next.
     configure();
     auto closed = holdClient();
