@@ -144,7 +144,7 @@ void beginPicture(std::ostream& script, std::string name, size_t height) {
     std::replace(name.begin(), name.end(), ' ', '-');
     script << "reset\nset output '" << name << ".svg'\n"
            << "set terminal svg size 1100," << height << " font 'sans,12' background '#ffffff'\n"
-           << "set border lc '#888888'\nset grid x lc '#dddddd'\n";
+           << "set border 3 lc '#888888'\nset tics nomirror\n";
 }
 
 /** The ratios of one piece: a point each, its quartiles, and a mark where the aim is. */
@@ -157,14 +157,21 @@ void drawRatios(std::ostream& script, const std::vector<Comparison>& comparisons
            << " at screen 0.5, graph 1 offset 0, 1.5 center\n"
            << "set logscale x 2\nset xlabel 'ratio (left of 1: ours takes less)'\n"
            << "set arrow from 1, graph 0 to 1, graph 1 nohead lc '#444444'\n"
-           << "set yrange [0.3:" << row << ".7]\nset ytics scale 0\nunset key\n$ratios << EOD\n";
+           << "set yrange [0.3:" << row << ".7]\nset border 1\n"
+           << "set grid x lc '#dddddd'\nunset ytics\nunset key\n";
+    std::ostringstream points;
+    size_t widest = 0;
     for (const Comparison& comparison : comparisons) {
         const Summary summary = summaryOf(comparison);
-        script << summary.ratio << ' ' << row-- << ' ' << summary.low << ' ' << summary.high << ' '
-               << (comparison.aim ? std::to_string(*comparison.aim) : "NaN") << " \""
-               << comparison.what << " / " << comparison.reference << "\"\n";
+        const std::string label = comparison.what + " / " + comparison.reference;
+        widest = std::max(widest, label.size());
+        script << "set label \"" << label << "\" at graph -0.01, first " << row << " right\n";
+        points << summary.ratio << ' ' << row-- << ' ' << summary.low << ' ' << summary.high << ' '
+               << (comparison.aim ? std::to_string(*comparison.aim) : "NaN") << '\n';
     }
-    script << "EOD\nplot $ratios using 1:2:3:4:ytic(6) with xerrorbars pt 7 ps 0.8 lc '#1f6fb4',"
+    script << "set lmargin " << widest * 3 / 4 << "\n$ratios << EOD\n"
+           << points.str() << "EOD\n"
+           << "plot $ratios using 1:2:3:4 with xerrorbars pt 7 ps 0.8 lc '#1f6fb4',"
            << " $ratios using 5:2 with points pt 2 lc '#c0392b'\n";
 }
 
@@ -172,7 +179,7 @@ void drawCurves(std::ostream& script, const std::vector<Curve>& curves) {
     beginPicture(script, "growth", 480);
     script << "set title 'Cost of a step as a session grows'\nset logscale xy\n"
            << "set xlabel 'how many'\nset ylabel 'microseconds'\nset yrange [0.1:*]\n"
-           << "set grid y\nset mxtics 1\nset mytics 1\nset key top left\n$curves << EOD\n";
+           << "set mxtics 1\nset mytics 1\nset key top left\n$curves << EOD\n";
     for (const Curve& curve : curves) {
         script << '"' << curve.name << " (" << curve.size << ")\"\n";
         for (const auto& [size, cost] : curve.points)
@@ -185,8 +192,9 @@ void drawCurves(std::ostream& script, const std::vector<Curve>& curves) {
 
 bool drawPlots(const Run& run, const fs::path& folder) {
     std::ostringstream script;
-    for (const auto& piece : piecesOf(run))
-        drawRatios(script, piece);
+    for (const auto& piece : piecesOf(run)) {
+        if (piece.size() > 1) drawRatios(script, piece);  // one row is no picture
+    }
     if (!run.curves.empty()) drawCurves(script, run.curves);
     if (!writeText(script.str(), folder / kScript)) return false;
     kit::ChildOptions there;
