@@ -25,7 +25,7 @@ inline void expect(bool right, const char* otherwise = "a frame did not come, or
 }
 
 /** What one piece took, against a reference that was measured beside it; less is better. */
-struct Comparison {
+struct Pairing {
     std::string piece;           ///< "rotate180"
     std::string what;            ///< "720p, in cache"
     std::string reference;       ///< "in-place pass"
@@ -40,7 +40,7 @@ struct Summary {
 };
 
 /** REQUIRES: both sides have samples, and equally many. */
-Summary summaryOf(const Comparison& comparison);
+Summary summaryOf(const Pairing& pairing);
 
 /** How a cost grows: a median, in microseconds, for each size. */
 struct Curve {
@@ -62,7 +62,7 @@ struct Run {
     bool quick;
     int rounds;  ///< samples of each side
     double secondsPerSample;
-    std::vector<Comparison> comparisons = {};
+    std::vector<Pairing> pairings = {};
     std::vector<Curve> curves = {};
     std::vector<Fact> facts = {};
     std::vector<std::string> absent = {};  ///< what was left out, and why: a sentence each
@@ -99,7 +99,7 @@ private:
     cpu_set_t mBefore;
 };
 
-/** What one sample found, in microseconds: a figure for each measure of a comparison. */
+/** What one sample found, in microseconds: a figure for each measure of a pairing. */
 using Sample = std::vector<double>;
 /** The ratio to stay within, for each measure; where there is none, the reader is to see. */
 using Aims = std::vector<std::optional<double>>;
@@ -120,7 +120,7 @@ Side loopOf(const std::string& name, double secondsPerSample, const std::functio
 
 /**
  * Measures the sides in rounds: one sample of each, one right after the other, beginning with
- * another one each time, after a round to warm up. Adds a comparison of ours, which is the first
+ * another one each time, after a round to warm up. Adds a pairing of ours, which is the first
  * side, with each other one for each measure, whose name is put behind `what`. When anything was
  * wrong, there is a fault instead. Gives each side's median of the first measure, or nothing.
  */
@@ -151,8 +151,6 @@ int produceForGst(const Arguments& arguments);
 int runSteady(const Arguments& arguments);
 
 std::filesystem::path thisProgram();
-
-// What comes of a run, in a folder.
 
 /** Makes it if need be, and empties it of an earlier run. False after a sentence on stderr. */
 bool prepareFolder(const std::filesystem::path& folder);

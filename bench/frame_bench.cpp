@@ -33,8 +33,7 @@ constexpr kit::FrameSize k4K = {3840, 2160};
 
 /** A frame in a buffer of a client, wrapped as the session wraps it. */
 struct FrameBuffer {
-    /** So many bytes from row to row; 0: no more than the width. The pages of both mappings are
-     * there afterwards. */
+    /** `stride` 0: as the width. The pages of both mappings are there afterwards. */
     FrameBuffer(kit::FrameSize size, uint32_t stride, kit::Frame content)
         : memory(kit::allocate(size, {0, 0, stride})),
           wrapped(new android::GraphicBuffer(memory.handle(), android::GraphicBuffer::CLONE_HANDLE,

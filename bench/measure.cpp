@@ -28,8 +28,8 @@ size_t timesIn(double seconds, const std::function<void()>& work) {
     return count;
 }
 
-/** Adds a sample of each side to its comparisons; the first round is to warm up. */
-void addRound(size_t round, const std::vector<Side>& sides, std::vector<Comparison>& found) {
+/** Adds a sample of each side to its pairings; the first round is to warm up. */
+void addRound(size_t round, const std::vector<Side>& sides, std::vector<Pairing>& found) {
     std::vector<Sample> samples(sides.size());
     for (size_t i = 0; i < sides.size(); ++i) {
         const size_t side = (round + i) % sides.size();
@@ -83,7 +83,7 @@ std::vector<double> compare(Run& run, const std::string& piece, const std::strin
                             const std::vector<Side>& sides,
                             const std::vector<std::string>& measures) {
     fprintf(stderr, "%s, %s ...\n", piece.c_str(), what.c_str());
-    std::vector<Comparison> found;
+    std::vector<Pairing> found;
     for (size_t i = 1; i < sides.size(); ++i) {
         for (size_t m = 0; m < measures.size(); ++m) {
             const auto aim = m < sides[i].aims.size() ? sides[i].aims[m] : std::nullopt;
@@ -97,7 +97,7 @@ std::vector<double> compare(Run& run, const std::string& piece, const std::strin
         run.faults.push_back(piece + ", " + what + ": " + wrong.what());
         return {};
     }
-    run.comparisons.insert(run.comparisons.end(), found.begin(), found.end());
+    run.pairings.insert(run.pairings.end(), found.begin(), found.end());
     std::vector<double> medians = {kit::median(found[0].ours)};
     for (size_t i = 0; i < found.size(); i += measures.size())
         medians.push_back(kit::median(found[i].theirs));

@@ -25,19 +25,14 @@ static void to_json(nlohmann::json& json, const Curve& curve) {
     json = {{"name", curve.name}, {"size", curve.size}, {"unit", "us"}, {"points", curve.points}};
 }
 
-static void to_json(nlohmann::json& json, const Comparison& comparison) {
-    const Summary summary = summaryOf(comparison);
-    json = {{"piece", comparison.piece},
-            {"case", comparison.what},
-            {"reference", comparison.reference},
-            {"unit", "us"},
-            {"ours", summary.ours},
-            {"theirs", summary.theirs},
-            {"ratio", summary.ratio},
-            {"ratio_quartiles", {summary.low, summary.high}},
-            {"ours_samples", comparison.ours},
-            {"theirs_samples", comparison.theirs}};
-    if (comparison.aim) json["aim"] = *comparison.aim;
+static void to_json(nlohmann::json& json, const Pairing& pairing) {
+    const Summary summary = summaryOf(pairing);
+    json = {{"piece", pairing.piece},         {"case", pairing.what},
+            {"reference", pairing.reference}, {"unit", "us"},
+            {"ours", summary.ours},           {"theirs", summary.theirs},
+            {"ratio", summary.ratio},         {"ratio_quartiles", {summary.low, summary.high}},
+            {"ours_samples", pairing.ours},   {"theirs_samples", pairing.theirs}};
+    if (pairing.aim) json["aim"] = *pairing.aim;
 }
 
 namespace {
@@ -73,16 +68,16 @@ std::string time(double value) {
     return number(value, std::abs(value) < 100 ? 2 : 0);
 }
 
-Row rowOf(const Comparison& comparison) {
-    const Summary summary = summaryOf(comparison);
+Row rowOf(const Pairing& pairing) {
+    const Summary summary = summaryOf(pairing);
     const std::string quartiles = number(summary.low, 2) + " .. " + number(summary.high, 2);
     std::string aim;
-    if (comparison.aim) {
-        const bool met = summary.ratio <= *comparison.aim;
-        aim = number(*comparison.aim, 2) + (met ? " met" : " **not met**");
+    if (pairing.aim) {
+        const bool met = summary.ratio <= *pairing.aim;
+        aim = number(*pairing.aim, 2) + (met ? " met" : " **not met**");
     }
-    return {comparison.what,
-            comparison.reference,
+    return {pairing.what,
+            pairing.reference,
             time(summary.ours),
             time(summary.theirs),
             number(summary.ratio, 2),
@@ -91,20 +86,20 @@ Row rowOf(const Comparison& comparison) {
 }
 
 /** Those of one piece together. */
-std::vector<std::vector<Comparison>> piecesOf(const Run& run) {
-    std::vector<std::vector<Comparison>> pieces;
-    for (const Comparison& each : run.comparisons) {
+std::vector<std::vector<Pairing>> piecesOf(const Run& run) {
+    std::vector<std::vector<Pairing>> pieces;
+    for (const Pairing& each : run.pairings) {
         if (pieces.empty() || pieces.back().front().piece != each.piece) pieces.emplace_back();
         pieces.back().push_back(each);
     }
     return pieces;
 }
 
-void printPiece(const std::vector<Comparison>& piece) {
+void printPiece(const std::vector<Pairing>& piece) {
     std::vector<Row> rows = {
         {piece.front().piece, "reference", "ours, us", "theirs, us", "ratio", "quartiles", "aim"}};
-    for (const Comparison& comparison : piece)
-        rows.push_back(rowOf(comparison));
+    for (const Pairing& pairing : piece)
+        rows.push_back(rowOf(pairing));
     printTable(rows);
 }
 
@@ -148,9 +143,9 @@ void beginPicture(std::ostream& script, std::string name, size_t height) {
 }
 
 /** The ratios of one piece: a point each, its quartiles, and a mark where the aim is. */
-void drawRatios(std::ostream& script, const std::vector<Comparison>& comparisons) {
-    const std::string& piece = comparisons.front().piece;
-    size_t row = comparisons.size();
+void drawRatios(std::ostream& script, const std::vector<Pairing>& pairings) {
+    const std::string& piece = pairings.front().piece;
+    size_t row = pairings.size();
     beginPicture(script, piece, 120 + 22 * row);
     script << "set tmargin 3\nset label '" << piece
            << ": ours / reference (dot: median, bar: quartiles, cross: aim)'"
@@ -161,13 +156,13 @@ void drawRatios(std::ostream& script, const std::vector<Comparison>& comparisons
            << "set grid x lc '#dddddd'\nunset ytics\nunset key\n";
     std::ostringstream points;
     size_t widest = 0;
-    for (const Comparison& comparison : comparisons) {
-        const Summary summary = summaryOf(comparison);
-        const std::string label = comparison.what + " / " + comparison.reference;
+    for (const Pairing& pairing : pairings) {
+        const Summary summary = summaryOf(pairing);
+        const std::string label = pairing.what + " / " + pairing.reference;
         widest = std::max(widest, label.size());
         script << "set label \"" << label << "\" at graph -0.01, first " << row << " right\n";
         points << summary.ratio << ' ' << row-- << ' ' << summary.low << ' ' << summary.high << ' '
-               << (comparison.aim ? std::to_string(*comparison.aim) : "NaN") << '\n';
+               << (pairing.aim ? std::to_string(*pairing.aim) : "NaN") << '\n';
     }
     script << "set lmargin " << widest * 3 / 4 << "\n$ratios << EOD\n"
            << points.str() << "EOD\n"
@@ -207,11 +202,11 @@ bool drawPlots(const Run& run, const fs::path& folder) {
 
 }  // namespace
 
-Summary summaryOf(const Comparison& comparison) {
+Summary summaryOf(const Pairing& pairing) {
     std::vector<double> ratios;
-    for (size_t i = 0; i < comparison.ours.size(); ++i)
-        ratios.push_back(comparison.ours[i] / comparison.theirs[i]);
-    return {kit::median(comparison.ours), kit::median(comparison.theirs), kit::median(ratios),
+    for (size_t i = 0; i < pairing.ours.size(); ++i)
+        ratios.push_back(pairing.ours[i] / pairing.theirs[i]);
+    return {kit::median(pairing.ours), kit::median(pairing.theirs), kit::median(ratios),
             kit::percentile(ratios, 25), kit::percentile(ratios, 75)};
 }
 
@@ -247,7 +242,7 @@ bool prepareFolder(const fs::path& folder) {
 
 bool writeFolder(Run& run, const std::string& machine, const fs::path& folder) {
     if (!drawPlots(run, folder)) run.leaveOut("The plots: gnuplot did not draw them.");
-    const nlohmann::json json = {{"machine", machine},   {"comparisons", run.comparisons},
+    const nlohmann::json json = {{"machine", machine},   {"comparisons", run.pairings},
                                  {"curves", run.curves}, {"facts", run.facts},
                                  {"absent", run.absent}, {"faults", run.faults}};
     return writeText(json.dump(2) + "\n", folder / kFigures);

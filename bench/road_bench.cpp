@@ -71,9 +71,8 @@ void benchWithPixels(Run& run, const std::string& where, Asking asking) {
     if (!gst) run.leaveOut("GStreamer's shmsink to shmsrc, because " + problem + ".");
     const std::string what = where + ", 720p, 4 in flight";
     const std::vector<double> medians = compare(run, kPiece, what, sides, kMeasures);
-    for (size_t i = 0; i < medians.size(); ++i) {
+    for (size_t i = 0; i < medians.size(); ++i)
         run.facts.push_back({what + ", " + sides[i].name, 1e6 / medians[i], "frames a second", ""});
-    }
 }
 
 }  // namespace
