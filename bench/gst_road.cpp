@@ -8,7 +8,6 @@
 #include <sched.h>
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
@@ -87,10 +86,7 @@ struct Production {
 /** Looks at each frame on the thread that brought it: handing it to another costs a wake-up. */
 class GstRoad : public Road {
 public:
-    GstRoad() {
-        std::signal(SIGPIPE, SIG_IGN);  // the other process may be gone when it gets an order
-        expect(sched_getaffinity(0, sizeof(mProcessors), &mProcessors) == 0);
-    }
+    GstRoad() { expect(sched_getaffinity(0, sizeof(mProcessors), &mProcessors) == 0); }
     ~GstRoad() override {
         mPipeline.reset();  // its thread uses the others
         if (mProcess == nullptr) return;

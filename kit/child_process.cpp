@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,6 +13,10 @@
 #include <cstring>
 #include <system_error>
 #include <thread>
+#include <tuple>
+#include <utility>
+
+#include "raw_socket.h"
 
 namespace kit {
 
@@ -64,8 +69,9 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const fs::path& program,
     host::UniqueFd theirOutput;
     host::UniqueFd input;
     host::UniqueFd output;
+    if (options.takesInput) std::tie(input, theirInput) = socketPair(SOCK_STREAM);
     if (access(program.c_str(), X_OK) != 0 || !makePipe(output, theirOutput) ||
-        (options.takesInput && !makePipe(theirInput, input))) {
+        (options.takesInput && !input.isValid())) {
         problem = program.string() + " cannot be started: " + strerror(errno);
         return nullptr;
     }
@@ -107,7 +113,8 @@ void ChildProcess::signal(int number) const {
 }
 
 bool ChildProcess::write(const std::string& text) const {
-    return ::write(mInput.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const ssize_t sent = send(mInput.get(), text.data(), text.size(), MSG_NOSIGNAL);
+    return sent == static_cast<ssize_t>(text.size());
 }
 
 std::string ChildProcess::rest(std::chrono::milliseconds patience) {
@@ -115,7 +122,7 @@ std::string ChildProcess::rest(std::chrono::milliseconds patience) {
     std::string text;
     while (const auto line = nextLine(std::chrono::milliseconds(remainingMs(deadline))))
         text += *line + "\n";
-    return text + mUnread;
+    return text + std::exchange(mUnread, {});
 }
 
 std::optional<std::string> ChildProcess::nextLine(std::chrono::milliseconds patience) {
@@ -128,9 +135,10 @@ std::optional<std::string> ChildProcess::nextLine(std::chrono::milliseconds pati
             return line;
         }
         pollfd entry = {mOutput.get(), POLLIN, 0};
-        if (poll(&entry, 1, remainingMs(deadline)) <= 0) return std::nullopt;
+        const int ready = poll(&entry, 1, remainingMs(deadline));
         char bytes[1024];
-        const ssize_t count = read(mOutput.get(), bytes, sizeof(bytes));
+        const ssize_t count = ready > 0 ? read(mOutput.get(), bytes, sizeof(bytes)) : ready;
+        if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return std::nullopt;
         mUnread.append(bytes, static_cast<size_t>(count));
     }

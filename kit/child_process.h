@@ -24,12 +24,16 @@ struct ChildOptions {
 };
 
 /**
- * A program that this one started, and what it prints. It gets SIGTERM when this program ends in
- * any way, and SIGKILL when this object goes first. Operations are for one thread.
+ * A program that this one started, and what it prints. It gets SIGKILL when this object goes, and
+ * SIGTERM when before that the thread ends that started it, or this program in any way. Operations
+ * are for one thread. REQUIRES: this program's standard streams are open.
  */
 class ChildProcess {
 public:
-    /** Null, and a sentence in `problem`, when it cannot be started. */
+    /**
+     * Null, and a sentence in `problem`, when it cannot be started. What goes wrong only in the new
+     * process, such as a folder that is not there, ends that with the exit code 127.
+     */
     static std::unique_ptr<ChildProcess> start(const std::filesystem::path& program,
                                                const std::vector<std::string>& arguments,
                                                std::string& problem,
@@ -60,7 +64,7 @@ private:
         : mId(id), mInput(std::move(input)), mOutput(std::move(output)) {}
 
     const pid_t mId;
-    host::UniqueFd mInput;  // invalid unless it takes input
+    host::UniqueFd mInput;  // a socket; invalid unless it takes input
     host::UniqueFd mOutput;
     std::string mUnread;
     std::optional<int> mEnd;
