@@ -93,6 +93,7 @@ TEST_F(ClientOutputsTest, KeepsTheStandardOutputForWhatIsToGoThere) {
     const std::string json = read("out");
     EXPECT_EQ(json.front(), '{');
     EXPECT_TRUE(has(json, "\"height\": 720") && has(json, "\"buffers\": 2")) << json;
+    EXPECT_TRUE(has(json, "\"delivered\": 3")) << json;
     EXPECT_FALSE(has(json, "\"foreign\": 0")) << json;  // an earlier client's came, too
     EXPECT_TRUE(has(json, "{\"frame\": 2, \"outcome\": \"delivered\"")) << json;
     const std::string guide = contentOf(JSON_GUIDE);

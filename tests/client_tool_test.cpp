@@ -24,7 +24,8 @@ TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
         after(5, [this, number] { kill(tool, number); });
         EXPECT_EQ(run("--frames 0 --json json --raw raw"), 0) << number << read("err");
         EXPECT_TRUE(has(read("json"), "\"interrupted\"")) << read("json");
-        EXPECT_TRUE(exists("raw") && !exists("raw.part"));
+        EXPECT_TRUE(exists("raw") && !exists("raw.part") && !exists("json.part"));
+        EXPECT_EQ(std::filesystem::file_size(folder / "raw") % kit::kFrameBytes, 0U);
         std::filesystem::remove(folder / "json");
     }
 }

@@ -14,6 +14,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,16 +37,22 @@ bool isOpen(int fd) {
     return fcntl(fd, F_GETFD) >= 0;
 }
 
-}  // namespace
+enum Place { NOWHERE, MEMORY, FENCE, CHANNEL };
 
-using DescriptorsTest = TransportFixture;
+/** A kind of descriptor, and where it may cross. */
+struct Kind {
+    const char* name;
+    Place place;
+    UniqueFd fd;
+};
 
-TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
+/** One of each; invalid is what this user or kernel cannot have. */
+std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed) {
     int pipe[2];
-    ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
     const std::string filePath = folder / "file";
     std::ofstream(filePath) << "text";
-    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
     auto channel = kit::socketPair();
     auto stream = kit::socketPair(SOCK_STREAM);
     UniqueFd inMemory(open("/dev/shm/fdstream-test", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
@@ -54,15 +61,9 @@ TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
     const UniqueFd tree(
         static_cast<int>(syscall(SYS_open_tree, AT_FDCWD, folder.path().c_str(), 1)));
     UniqueFd named(openat(tree.get(), "memfd:x", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    enum Place { NOWHERE, MEMORY, FENCE, CHANNEL };
-    struct Kind {
-        const char* name;
-        Place place;
-        UniqueFd fd;
-    };
-    Kind kinds[] = {
+    Kind all[] = {
         {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC))},
-        {"sealed memfd", MEMORY, UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0))},
+        {"sealed memfd", MEMORY, UniqueFd(fcntl(sealed, F_DUPFD_CLOEXEC, 0))},
         {"memfd of huge pages", NOWHERE, UniqueFd(memfd_create("h", MFD_CLOEXEC | MFD_HUGETLB))},
         {"eventfd", FENCE, UniqueFd(eventfd(0, EFD_CLOEXEC))},
         {"pipe, to read", FENCE, UniqueFd(pipe[0])},
@@ -81,6 +82,15 @@ TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         {"pidfd", NOWHERE, UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)))},
         {"path only", NOWHERE, UniqueFd(open(filePath.c_str(), O_PATH | O_CLOEXEC))},
     };
+    return {std::make_move_iterator(std::begin(all)), std::make_move_iterator(std::end(all))};
+}
+
+}  // namespace
+
+using DescriptorsTest = TransportFixture;
+
+TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
+    const std::vector<Kind> kinds = kindsIn(folder, buffer.handle()->data[0]);
     const UniqueFd event(eventfd(0, EFD_CLOEXEC));
     const int before = kit::Holdings::of().descriptors;
     for (const Kind& kind : kinds) {
@@ -115,21 +125,22 @@ TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
 }
 
 TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {
-    int fds[6];
+    int fds[7];
     for (int& fd : fds)
         fd = eventfd(0, EFD_CLOEXEC);
-    const auto [credentials, first, pidfd, ofIp, time, second] = fds;
+    const auto [credentials, first, second, pidfd, ofIp, time, third] = fds;
     const struct {
         int level;
         int type;
-        int fd;
-    } parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, credentials},
-                 {SOL_SOCKET, SCM_RIGHTS, first},
-                 {SOL_SOCKET, kPidfd, pidfd},
-                 {SOL_IP, SCM_RIGHTS, ofIp},
-                 {SOL_SOCKET, SO_TIMESTAMP, time},
-                 {SOL_SOCKET, SCM_RIGHTS, second}};
-    alignas(cmsghdr) char control[sizeof(parts) / sizeof(parts[0]) * CMSG_SPACE(sizeof(int))] = {};
+        std::vector<int> fds;
+    } parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, {credentials}},
+                 {SOL_SOCKET, SCM_RIGHTS, {first, second}},
+                 {SOL_SOCKET, kPidfd, {pidfd}},
+                 {SOL_IP, SCM_RIGHTS, {ofIp}},
+                 {SOL_SOCKET, SO_TIMESTAMP, {time}},
+                 {SOL_SOCKET, SCM_RIGHTS, {third}}};
+    alignas(
+        cmsghdr) char control[sizeof(parts) / sizeof(parts[0]) * CMSG_SPACE(2 * sizeof(int))] = {};
     msghdr message = {};
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
@@ -137,16 +148,17 @@ TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {
     for (const auto& part : parts) {
         next->cmsg_level = part.level;
         next->cmsg_type = part.type;
-        next->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(next), &part.fd, sizeof(int));
+        next->cmsg_len = CMSG_LEN(part.fds.size() * sizeof(int));
+        memcpy(CMSG_DATA(next), part.fds.data(), part.fds.size() * sizeof(int));
         next = CMSG_NXTHDR(&message, next);
     }
     {
         std::vector<UniqueFd> taken;
         host::detail::takeDescriptors(message, taken);
-        ASSERT_EQ(taken.size(), 2U);
+        ASSERT_EQ(taken.size(), 3U);
         EXPECT_EQ(taken[0].get(), first);
         EXPECT_EQ(taken[1].get(), second);
+        EXPECT_EQ(taken[2].get(), third);
     }
     EXPECT_FALSE(isOpen(pidfd));
     for (const int fd : {credentials, ofIp, time}) {

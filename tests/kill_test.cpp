@@ -31,7 +31,12 @@ int kills() {
 }
 
 std::unique_ptr<kit::ChildProcess> startClient(const std::string& path) {
-    return startShell("exec " CLIENT_PROBE " stream " + path, true);
+    kit::ChildOptions options;
+    options.takesInput = true;
+    std::string problem;
+    auto process = kit::ChildProcess::start(CLIENT_PROBE, {"stream", path}, problem, options);
+    EXPECT_NE(process, nullptr) << problem;
+    return process;
 }
 
 }  // namespace

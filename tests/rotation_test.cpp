@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <numeric>
 
 #include "Rotate180.h"
 #include "host/mapper.h"
@@ -17,7 +18,8 @@ TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
         geometry.chromaStride = crFirst ? 200 : 201;
         geometry.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
         host::Buffer buffer = kit::allocate(size, geometry);
-        std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0xA5});
+        // Padding of which every row has another, and none what the frame has there.
+        std::iota(buffer.bytes(), buffer.bytes() + buffer.size(), uint8_t{0});
         kit::fill(buffer, frame);
         return buffer;
     };
