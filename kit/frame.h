@@ -12,7 +12,7 @@ namespace kit {
 
 /**
  * In pixels. A row of chroma has as many bytes as one of luma, so with an odd width its last byte
- * is half a pair; an odd height has a row of chroma less than its half. Value type.
+ * is half a pair; the rows of chroma are half the height, rounded down. Value type.
  */
 struct FrameSize {
     int width;

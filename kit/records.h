@@ -20,7 +20,7 @@ StreamConfiguration configurationOf(FrameSize size, int32_t streamId = 0);
 CaptureRequest requestFor(uint32_t frameNumber, uint64_t bufferId,
                           const native_handle_t* handle = nullptr, int32_t streamId = 0);
 
-/** The provider's answer to a request that it took: its buffer, filled. */
+/** A provider's answer to a request, with the buffers as they are in it. */
 CaptureResult resultFor(CaptureRequest request);
 
 }  // namespace kit

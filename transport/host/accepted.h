@@ -5,7 +5,7 @@
 
 namespace host {
 
-/** Whether a call got through and was answered OK. What became of it has been looked at then. */
+/** Whether a call got through and was answered OK. Counts as examining the answer. */
 inline bool isAccepted(
     const ::android::hardware::Return<::android::hardware::camera::common::V1_0::Status>& answer) {
     using ::android::hardware::camera::common::V1_0::Status;

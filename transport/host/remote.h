@@ -52,7 +52,7 @@ public:
      */
     bool linkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient,
                      uint64_t cookie, const ::android::wp<IBase>& who);
-    /** On return the recipient has been told, is being told, or will not be. Does not wait. */
+    /** After the return it is not told any more, unless it is being told now; does not wait. */
     bool unlinkToDeath(const sp<::android::hardware::hidl_death_recipient>& recipient);
 
 private:

@@ -45,8 +45,8 @@ struct Header {
 /**
  * Receives into `buffer`, which `in` then points into. Descriptors are close-on-exec and owned by
  * `in`, also after a failure. After any failure, malformed or lost data included, the channel must
- * not be used again. With `hasTimeout`, for a socket that has setReceiveTimeout()'s, the receive
- * itself waits, which saves a system call.
+ * not be received from again. With `hasTimeout`, for a socket that has setReceiveTimeout()'s, the
+ * receive itself waits, which saves a system call.
  */
 [[nodiscard]] Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
                                      Incoming& in, Deadline deadline, bool hasTimeout = false);
