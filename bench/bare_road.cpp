@@ -12,8 +12,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <future>
+#include <tuple>
 
 #include "host/unique_fd.h"
+#include "raw_socket.h"
 #include "session.h"
 #include "src/record_fields.h"
 #include "src/socket.h"
@@ -115,18 +117,14 @@ void serve(const Shared& shared, int requests, int results) {
 class BareRoad : public Road {
 public:
     BareRoad(uint32_t inFlight, bool pictures) : mInFlight(inFlight), mShared(inFlight, pictures) {
-        int ends[4];
-        for (const int first : {0, 2}) {
-            expect(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends + first) == 0,
-                   "no sockets for the bare road");
-        }
-        mRequests.reset(ends[0]);
-        mResults.reset(ends[2]);
-        const host::UniqueFd theirRequests(ends[1]);
-        const host::UniqueFd theirResults(ends[3]);
+        host::UniqueFd theirRequests;
+        host::UniqueFd theirResults;
+        std::tie(mRequests, theirRequests) = kit::socketPair();
+        std::tie(mResults, theirResults) = kit::socketPair();
+        expect(mRequests.isValid() && mResults.isValid(), "no sockets for the bare road");
         // A message that does not come must not hold the bench up; requests come when they come.
         const timeval patience = {20, 0};
-        for (const int socket : {ends[0], ends[2], ends[3]})
+        for (const int socket : {mRequests.get(), mResults.get(), theirResults.get()})
             setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
         mProvider = fork();
         expect(mProvider >= 0, "no process for the bare road");

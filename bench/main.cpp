@@ -74,6 +74,7 @@ int run(int argc, char** argv) {
     bool quick = false;
     std::filesystem::path out = "out/bench";
     std::vector<std::string> names;
+    names.reserve(kParts.size());
     for (const auto& part : kParts)
         names.push_back(part.first);
     CLI::App app("Measures what the library adds to a frame, against references in the same run.",

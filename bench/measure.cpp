@@ -20,12 +20,12 @@ double secondsOf(const std::function<void()>& work, size_t count) {
 
 /** How often the work fits into this time. */
 size_t timesIn(double seconds, const std::function<void()>& work) {
-    size_t count = 1;
-    for (double took = secondsOf(work, count); took < seconds; took = secondsOf(work, count)) {
+    for (size_t count = 1;;) {
+        const double took = secondsOf(work, count);
+        if (took >= seconds) return count;
         const double fitting = static_cast<double>(count) * seconds / took;
         count = std::min(8 * count, static_cast<size_t>(fitting) + 1);
     }
-    return count;
 }
 
 /** Adds a sample of each side to its pairings; the first round is to warm up. */

@@ -126,7 +126,7 @@ public:
         expect(
             host::isAccepted(mSession->setCallback(callback)) &&
             host::isAccepted(mSession->configure(kit::configurationOf(pictures ? k720p : kTiny))));
-        run(buffers);
+        mClient->run(buffers);
     }
     ~OurRoad() override {
         // A failure is of no interest: the provider may be gone.

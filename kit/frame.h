@@ -23,7 +23,9 @@ struct FrameSize {
     }
     constexpr size_t bytes() const { return static_cast<size_t>(width) * rows(); }
     /** Of luma and chroma together. */
-    constexpr size_t rows() const { return static_cast<size_t>(height + height / 2); }
+    constexpr size_t rows() const {
+        return static_cast<size_t>(height) + static_cast<size_t>(height / 2);
+    }
 };
 
 // The geometry of clips: what the test frame source plays.

@@ -23,6 +23,7 @@ using Operation = std::function<void(int)>;  // takes the number of its call, fr
 void runAtOnce(const std::vector<Operation>& operations, int times) {
     std::atomic<size_t> missing{operations.size()};
     std::vector<std::thread> threads;
+    threads.reserve(operations.size());
     for (const Operation& operation : operations) {
         threads.emplace_back([&missing, &operation, times] {
             --missing;

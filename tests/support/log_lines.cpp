@@ -15,7 +15,7 @@ Lines LogLines::said(const std::string& tag) const {
 }
 
 Lines LogLines::take(const std::string& tag) {
-    const Lines result = said(tag);
+    Lines result = said(tag);
     clear();
     return result;
 }
