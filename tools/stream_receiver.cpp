@@ -92,6 +92,7 @@ bool StreamReceiver::askForOne() {
 
 std::optional<uint32_t> StreamReceiver::takeFree() {
     const std::lock_guard<std::mutex> lock(mMutex);
+    if (mAnswers.size() >= kMostUnread) return std::nullopt;
     if (mFree.empty()) {
         mCollecting = isPaced();
         return std::nullopt;

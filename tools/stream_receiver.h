@@ -88,9 +88,12 @@ private:
      */
     void release(uint32_t index);
     bool isPaced() const { return mPeriod != Clock::duration::zero(); }
-    /** Asks for the next frame in a buffer that was kept; false when there is none. */
+    /** Asks for the next frame in a buffer that was kept; false when there is none to ask in. */
     bool askForOne();
-    /** From the first time that there is none, without a pace none is kept any more. */
+    /**
+     * None while too many answers wait. From the first time that there is none, without a pace none
+     * is kept any more.
+     */
     std::optional<uint32_t> takeFree();
     /** Asks for the next frame in this buffer, if one is left to ask for. False when refused. */
     bool submit(uint32_t index);
