@@ -20,10 +20,10 @@
 #include <utility>
 
 #include "FDSession.h"
-#include "FDSessionTest.h"
 #include "client_watch.h"
 #include "command_line.h"
 #include "default_socket.h"
+#include "frame_source.h"
 #include "host/channel.h"
 #include "host/log.h"
 #include "host/properties.h"
@@ -38,7 +38,6 @@ namespace {
 namespace fs = std::filesystem;
 using android::sp;
 using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSession;
-using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSessionTest;
 
 constexpr int kEnded = 0;
 constexpr int kClipLost = 1;
@@ -113,21 +112,6 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->capture_default_str();
     return kit::parseCommandLine(app, argc, argv, kNotStarted);
 }
-
-/** The test frame source, for the scope of this object. */
-class FrameSource {
-public:
-    FrameSource() : mSource(new FDSessionTest) {}
-    FrameSource(const FrameSource&) = delete;
-    FrameSource& operator=(const FrameSource&) = delete;
-    ~FrameSource() {
-        mSource->requestExit();
-        mSource->join();
-    }
-
-private:
-    const sp<FDSessionTest> mSource;
-};
 
 void setFlipped(bool flipped) {
     host::setProperty(kFlippedProperty, flipped ? "true" : "false");
@@ -230,7 +214,7 @@ int run(int argc, char** argv) {
     const std::unique_ptr<host::Server> server = listen(*socket);
     if (server == nullptr) return kNotStarted;
     // Ends before the server does, so that no frame is on its way when the connections end.
-    std::optional<FrameSource> source;
+    std::optional<tools::FrameSource> source;
     if (!options.idle) source.emplace();
     return serve(options, *socket, clip, signals) ? kEnded : kClipLost;
 }
