@@ -43,13 +43,14 @@ constexpr int kNotHeld = 1;
 constexpr int kNotRun = 2;
 
 constexpr const char* kExamples =
-    "What comes: clients, each a process, eight at a time. Orderly ones (\"order\") work\n"
-    "and go, and compare every byte of every frame with what it has to be; others\n"
-    "configure anew while frames are in flight (\"chang\"), never answer or read a\n"
-    "callback (\"hang\"), make requests as fast as they can and read no answer\n"
-    "(\"flood\"), or send what is no message (\"noise\"). Two of five are killed, at any\n"
-    "moment. Meanwhile frames are turned or not, and who fills the buffers changes:\n"
-    "a provider's thread, the test frame source, both, or nobody.\n"
+    "What comes: clients, each a process, eight at a time. Orderly ones (\"order\")\n"
+    "work and go, and compare every byte of every frame with what it has to be;\n"
+    "others configure anew while frames are in flight (\"chang\"), never answer or\n"
+    "read a callback (\"hang\"), make requests as fast as they can and read no answer\n"
+    "(\"flood\"), or send what is no message (\"noise\"). Two of five are killed within\n"
+    "a second, unless they have gone before. Meanwhile frames are turned or not, and\n"
+    "who fills the buffers changes: a provider's thread, the test frame source, both,\n"
+    "or nobody.\n"
     "\n"
     "What has to hold: every 10 seconds, in runs of more than five minutes once a\n"
     "minute, the storm pauses until all clients are gone. Then a client gets 24\n"
@@ -69,10 +70,10 @@ constexpr const char* kExamples =
     "Exit code: 0 all held, 1 something did not, 2 nothing was run.";
 
 struct Options {
-    double minutes = 1;
+    uint32_t minutes = 1;
     uint32_t seed = std::random_device()();
 
-    seconds duration() const { return seconds(static_cast<int64_t>(minutes * 60)); }
+    std::chrono::minutes duration() const { return std::chrono::minutes(minutes); }
     seconds period() const { return seconds(minutes <= 5 ? 10 : 60); }
 };
 
@@ -85,7 +86,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     app.footer(kExamples);
     app.add_option("MINUTES", options.minutes, "how long; 1 if nothing else is said")
         ->type_name("")
-        ->check(CLI::Range(0.5, 10000.0).description(""));
+        ->check(CLI::Range(1U, 10000U).description(""));
     app.add_option("--seed", options.seed, "of the clients; by default another one each time")
         ->type_name("N");
     return kit::parseCommandLine(app, argc, argv, kNotRun);
