@@ -21,11 +21,10 @@ namespace {
 using Life = bool (*)(const std::string& socket, tools::Random& random);
 
 int run(int argc, char** argv) {
-    static const std::map<std::string, Life> kLives = {{"orderly", tools::beOrderly},
-                                                       {"changing", tools::beChanging},
-                                                       {"hanging", tools::beHanging},
-                                                       {"flooding", tools::beFlooding},
-                                                       {"noisy", tools::beNoisy}};
+    static const std::map<std::string, Life> kLives = {
+        {"orderly", tools::beOrderly},   {"changing", tools::beChanging},
+        {"staying", tools::beStaying},   {"hanging", tools::beHanging},
+        {"flooding", tools::beFlooding}, {"noisy", tools::beNoisy}};
     if (argc != 4 || kLives.count(argv[1]) == 0) errx(2, "it needs a kind, a socket and a seed");
     host::setStderrLogPriority(ANDROID_LOG_SILENT);
     tools::Random random(static_cast<uint32_t>(strtoul(argv[3], nullptr, 10)));

@@ -32,6 +32,8 @@ constexpr std::array<kit::FrameSize, 4> kSoakSizes = {
 bool beOrderly(const std::string& socket, Random& random);
 /** Configures anew while frames are in flight. */
 bool beChanging(const std::string& socket, Random& random);
+/** Until it is killed, never answers a callback. */
+bool beStaying(const std::string& socket, Random& random);
 /** Never answers a callback, or never reads it. */
 bool beHanging(const std::string& socket, Random& random);
 /** Makes requests as fast as it can, and reads no answer. */

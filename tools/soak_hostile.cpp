@@ -53,10 +53,6 @@ public:
     }
 };
 
-void sleepMs(uint32_t ms) {
-    std::this_thread::sleep_for(milliseconds(ms));
-}
-
 uint64_t freshBufferId(Random& random) {
     return uint64_t{random()} << 32 | random();
 }
@@ -84,6 +80,24 @@ void ask(IFDSession& session, const std::vector<host::Buffer>& buffers, uint64_t
     }
 }
 
+/** Hands over a callback that is never answered or never read, and makes requests. */
+void hang(const std::string& socket, Random& random, milliseconds life) {
+    const sp<IFDSession> session = connectTo(socket);
+    if (session == nullptr) return;
+    const host::UniqueFd connection = kit::rawSocket();
+    auto [unread, handedOver] = kit::socketPair();
+    const bool reads = random() % 2 == 0;
+    const bool taken = reads ? host::isAccepted(session->setCallback(new Deaf))
+                             : setUnread(connection.get(), socket, handedOver.get());
+    handedOver.reset();
+    if (!taken || !host::isAccepted(session->configure(kit::configurationOf(kSize)))) return;
+    std::vector<host::Buffer> buffers;
+    for (uint32_t i = pick(random, 1, 4); i > 0; --i)
+        buffers.push_back(kit::allocate(kSize));
+    ask(*session, buffers, freshBufferId(random), pick(random, 1, 40));
+    std::this_thread::sleep_for(life);
+}
+
 /** What is sent by who makes noise: a request that is not quite one, or nothing like it. */
 RawCall noiseOf(Random& random, const host::Buffer& buffer, const std::vector<int>& foreign) {
     RawCall call = rawRequest(freshBufferId(random), buffer.handle());
@@ -109,21 +123,14 @@ RawCall noiseOf(Random& random, const host::Buffer& buffer, const std::vector<in
 
 }  // namespace
 
+bool beStaying(const std::string& socket, Random& random) {
+    hang(socket, random, std::chrono::hours(1));
+    return true;
+}
+
 bool beHanging(const std::string& socket, Random& random) {
-    const sp<IFDSession> session = connectTo(socket);
-    if (session == nullptr) return true;
-    const host::UniqueFd connection = kit::rawSocket();
-    auto [unread, handedOver] = kit::socketPair();
-    const bool reads = random() % 2 == 0;
-    const bool taken = reads ? host::isAccepted(session->setCallback(new Deaf))
-                             : setUnread(connection.get(), socket, handedOver.get());
-    handedOver.reset();
-    if (!taken || !host::isAccepted(session->configure(kit::configurationOf(kSize)))) return true;
-    std::vector<host::Buffer> buffers;
-    for (uint32_t i = pick(random, 1, 4); i > 0; --i)
-        buffers.push_back(kit::allocate(kSize));
-    ask(*session, buffers, freshBufferId(random), pick(random, 1, 40));
-    sleepMs(pick(random, 0, random() % 4 == 0 ? 1300 : 300));  // some longer than anybody waits
+    // Some longer than anybody waits.
+    hang(socket, random, milliseconds(pick(random, 0, random() % 4 == 0 ? 1300 : 300)));
     return true;
 }
 

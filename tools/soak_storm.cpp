@@ -19,6 +19,7 @@ using std::chrono::milliseconds;
 constexpr size_t kAtATime = 8;
 constexpr uint32_t kLongestLifeMs = 900;  // of one that is to be killed
 constexpr std::chrono::seconds kPatience(20);
+constexpr size_t kHanging = 2;
 
 }  // namespace
 
@@ -35,6 +36,10 @@ std::string Storm::blow() {
 
 std::string Storm::calmDown() {
     const auto deadline = Clock::now() + kPatience;
+    for (Client& client : mClients) {
+        if (client.stays) client.death = Clock::now();
+    }
+    mOneStays = false;
     while (!mClients.empty()) {
         killWhoIsDue();
         std::string problem = buryDead();
@@ -50,12 +55,17 @@ std::string Storm::start() {
     static constexpr std::array<size_t, 16> kMixture = {0, 0, 0, 0, 0, 0, 0, 1,
                                                         1, 1, 1, 2, 3, 3, 4, 4};
     std::string problem;
-    Client client = {kMixture[mRandom() % kMixture.size()], nullptr, std::nullopt};
+    Client client;
+    client.stays = !mOneStays;
+    client.kind = client.stays ? kHanging : kMixture[mRandom() % kMixture.size()];
     client.process = kit::ChildProcess::start(
         kit::programFolder() / "fdstream-soak-client",
-        {kSoakClients[client.kind], mSocket, std::to_string(mRandom())}, problem);
+        {client.stays ? "staying" : kSoakClients[client.kind], mSocket, std::to_string(mRandom())},
+        problem);
     if (client.process == nullptr) return problem;
-    if (mRandom() % 5 < 2) client.death = Clock::now() + milliseconds(mRandom() % kLongestLifeMs);
+    mOneStays = true;
+    if (!client.stays && mRandom() % 5 < 2)
+        client.death = Clock::now() + milliseconds(mRandom() % kLongestLifeMs);
     ++mCounts.started[client.kind];
     mClients.push_back(std::move(client));
     return {};
@@ -73,6 +83,7 @@ std::string Storm::buryDead() {
     std::string problem;
     for (auto client = mClients.begin(); client != mClients.end();) {
         const std::optional<int> status = client->process->waitForEnd(milliseconds(0));
+        hear(*client);
         if (!status) {
             ++client;
             continue;
@@ -84,10 +95,13 @@ std::string Storm::buryDead() {
     return problem;
 }
 
-std::string Storm::bury(Client& client, int status) {
+void Storm::hear(Client& client) {
     const std::string told = client.process->rest(milliseconds(0));
     mCounts.frames += static_cast<uint64_t>(std::count(told.begin(), told.end(), '.'));
     mCounts.errors += static_cast<uint64_t>(std::count(told.begin(), told.end(), 'e'));
+}
+
+std::string Storm::bury(const Client& client, int status) {
     if (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL && client.killed) {
         ++mCounts.killed;
         return {};

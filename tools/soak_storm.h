@@ -28,7 +28,10 @@ struct StormCounts {
     uint64_t clients() const;
 };
 
-/** Clients at a provider, each a process: some at a time, of any kind, any of them killed. */
+/**
+ * Clients at a provider, each a process: some at a time, of any kind, any of them killed. The first
+ * one of each storm never answers a callback, and stays until the storm calms down.
+ */
 class Storm {
 public:
     Storm(std::string socket, uint32_t seed) : mSocket(std::move(socket)), mRandom(seed) {}
@@ -42,21 +45,24 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     struct Client {
-        size_t kind;
+        size_t kind = 0;
         std::unique_ptr<kit::ChildProcess> process;
         std::optional<Clock::time_point> death;  // when it is to be killed
         bool killed = false;
+        bool stays = false;
     };
 
     /** Empty, or what is wrong. */
     std::string start();
     void killWhoIsDue();
+    void hear(Client& client);
     std::string buryDead();
-    std::string bury(Client& client, int status);
+    std::string bury(const Client& client, int status);
 
     const std::string mSocket;
     std::mt19937 mRandom;
     std::list<Client> mClients;
+    bool mOneStays = false;
     StormCounts mCounts;
 };
 
