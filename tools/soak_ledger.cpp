@@ -57,18 +57,18 @@ std::string SoakLedger::add(const SoakPause& pause) {
 }
 
 std::string SoakLedger::faultOf(const SoakPause& pause) const {
-    if (mPauses.empty()) return {};
-    const SoakHoldings& before = mPauses.front().holdings;
+    SoakHoldings before = mPauses.empty() ? pause.holdings : mPauses.front().holdings;
+    before.buffers = before.kernel.mappings = 0;  // the last client has had all let go of
     std::string fault = pause.holdings.kernel.differenceFrom(before.kernel);
     if (pause.holdings.buffers != before.buffers) {
         fault += "imported buffers: " + std::to_string(before.buffers) + " before, " +
                  std::to_string(pause.holdings.buffers) + " after. ";
     }
-    if (!fault.empty()) return "since the first pause: " + fault;
+    if (!fault.empty()) return "since the first pause\n" + fault;
     if (!kMemoryIsJudged || mPauses.size() <= kSettled) return {};
     const int64_t settled = mPauses[kSettled].holdings.residentKiB;
     if (pause.holdings.residentKiB <= settled + kMostGrowthKiB) return {};
-    return "since the third pause: resident memory: " + inMiB(settled) + " before, " +
+    return "since the third pause\nresident memory: " + inMiB(settled) + " before, " +
            inMiB(pause.holdings.residentKiB) + " after.";
 }
 
