@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -25,6 +26,7 @@
 #include "host/log.h"
 #include "records.h"
 #include "run_program.h"
+#include "signals.h"
 #include "soak_frames.h"
 #include "soak_ledger.h"
 #include "soak_process.h"
@@ -165,8 +167,9 @@ std::string servesOrdinaryClient(tools::SoakProcess& provider, const tools::Soak
 
 class Soak {
 public:
-    Soak(const Options& options, tools::SoakProcess& provider)
+    Soak(const Options& options, const kit::Signals& signals, tools::SoakProcess& provider)
         : mOptions(options),
+          mSignals(signals),
           mProvider(provider),
           mStorm(provider.socket(), options.seed),
           mWeather(provider, options.seed + 1) {}
@@ -194,6 +197,7 @@ private:
         uint64_t frames = mStorm.counts().frames;
         Clock::time_point heard = Clock::now();
         do {
+            if (mSignals.poll() != 0) return "it was interrupted";
             if (!mWeather.change()) return "the provider does not answer";
             std::string fault = mStorm.blow();
             if (!fault.empty()) return fault;
@@ -218,6 +222,7 @@ private:
     }
 
     const Options& mOptions;
+    const kit::Signals& mSignals;
     const Clock::time_point mStart = Clock::now();
     const tools::SoakFrames mFrames{kit::kClipSize};
     tools::SoakProcess& mProvider;
@@ -230,6 +235,7 @@ int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     host::setStderrLogPriority(ANDROID_LOG_SILENT);
+    const kit::Signals signals({SIGINT});  // so that folders and processes are cleared away
     std::string problem;
     const std::unique_ptr<tools::SoakProcess> provider = tools::SoakProcess::start(problem);
     if (provider == nullptr) {
@@ -237,7 +243,7 @@ int run(int argc, char** argv) {
         return kNotRun;
     }
     printf("seed %u\n", options.seed);
-    Soak soak(options, *provider);
+    Soak soak(options, signals, *provider);
     std::string fault = soak.run();
     if (fault.empty()) fault = provider->stop();
     printf("%s\n", fault.empty() ? soak.verdict().c_str() : ("NOT HELD: " + fault).c_str());

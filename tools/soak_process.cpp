@@ -38,6 +38,7 @@ std::unique_ptr<SoakProcess> SoakProcess::start(std::string& problem) {
     std::unique_ptr<SoakProcess> process(new SoakProcess);
     kit::ChildOptions options;
     options.takesInput = true;
+    options.folder = process->mFolder.path();
     process->mChild = kit::ChildProcess::start(kit::programFolder() / "fdstream-soak-provider",
                                                {process->socket()}, problem, options);
     if (process->mChild == nullptr) return nullptr;

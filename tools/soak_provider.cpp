@@ -1,5 +1,6 @@
-// The provider of a soak, in a process of its own: serves the session at SOCKET and does what it
-// reads on standard input, a line at a time, and answers each line with one.
+// The provider of a soak, in a process of its own: serves the session at SOCKET, writes a clip into
+// its working directory, does what it reads on standard input, a line at a time, and answers each
+// line with one.
 //
 //   feed thread|file|both|nobody   who takes the requests from now on
 //   flip true|false                whether frames are turned
@@ -17,7 +18,6 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <optional>
@@ -37,7 +37,6 @@
 #include "run_program.h"
 #include "signals.h"
 #include "soak_frames.h"
-#include "temporary_folder.h"
 
 namespace {
 
@@ -166,8 +165,6 @@ std::string answerTo(const std::string& command, Feeding& feeding) {
 int run(int argc, char** argv) {
     if (argc != 2) errx(2, "the socket's path is missing");
     host::setStderrLogPriority(ANDROID_LOG_SILENT);  // hostile clients cost a line each
-    const kit::TemporaryFolder folder("fdstream-soak");
-    std::filesystem::current_path(folder.path());
     Frames frames = makeFrames();
     if (!writeClip(frames)) err(2, "the clip cannot be written");
 
