@@ -183,7 +183,7 @@ public:
             const Clock::time_point end = mStart + number * mOptions.period();
             std::string fault = blowUntil(std::max(end, Clock::now() + kShortest));
             if (fault.empty()) fault = pause();
-            const std::string ending = mProvider.ending();
+            std::string ending = mProvider.ending();
             if (!ending.empty()) return ending;
             if (!fault.empty()) return fault;
         }
