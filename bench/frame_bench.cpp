@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "ProcessorClones.h"
 #include "Rotate180.h"
 #include "ZoruUtil.h"
 #include "bench.h"

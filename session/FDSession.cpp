@@ -12,11 +12,13 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <thread>
 #include <utility>
 
 #include "HandleImporter.h"
+#include "ProcessorClones.h"
 #include "Rotate180.h"
 
 #define LOG_TAG "vendor.zoru.zoruprovider.fdstream@1.0-impl"
@@ -460,66 +462,80 @@ void FDSessionImpl::sendCaptureResult(const CaptureResult& result) {
 
 namespace {
 
-// The two chroma bytes of a pixel pair. They may be at an odd address, in memory that is also
-// accessed as bytes. The attributes belong to this alias: std::swap or a template argument drops
-// them.
-using ChromaPair = uint16_t __attribute__((aligned(1), may_alias));
+// A row is turned by vector code, whatever the compiler's options are. Memory is reached by memcpy,
+// because a row may begin anywhere. Of vectors that a processor lacks g++ makes single bytes, so
+// the wide ones are not for all. What a clone calls has to be inlined, or it is the baseline's
+// code.
 
-// These two exchange two rows that do not overlap, and reverse both. The pragmas are for clang on
-// 64-bit Arm: it overrates the cost of reversing a vector and would use vectors of two elements.
+using LumaVector = uint8_t __attribute__((vector_size(16)));
+using WideLumaVector = uint8_t __attribute__((vector_size(32)));
+using ChromaVector = uint16_t __attribute__((vector_size(16)));  // of pairs, kept as they are
+using WideChromaVector = uint16_t __attribute__((vector_size(32)));
 
-FDSTREAM_PROCESSOR_CLONES
-void exchangeLuma(uint8_t* __restrict top, uint8_t* __restrict bottom, size_t count) {
-#pragma clang loop vectorize_width(32)
-    for (size_t i = 0; i < count; ++i) {
-        const uint8_t sample = top[i];
-        top[i] = bottom[count - 1 - i];
-        bottom[count - 1 - i] = sample;
+template <typename Vector, size_t... i>
+[[gnu::always_inline]] inline void reverse(Vector& v, std::index_sequence<i...>) {
+    v = __builtin_shufflevector(v, v, (sizeof...(i) - 1 - i)...);
+}
+
+/** Exchanges two rows and reverses both, from the start of `top` for as long as vectors fit. */
+template <typename Vector>
+[[gnu::always_inline]] inline void exchangeVectors(uint8_t*& top, uint8_t* bottom, size_t& count) {
+    constexpr std::make_index_sequence<sizeof(Vector) / sizeof(Vector{}[0])> samples;
+    for (; count >= sizeof(Vector); count -= sizeof(Vector), top += sizeof(Vector)) {
+        uint8_t* const late = bottom + count - sizeof(Vector);
+        Vector upper;
+        Vector lower;
+        memcpy(&upper, top, sizeof(Vector));
+        memcpy(&lower, late, sizeof(Vector));
+        reverse(upper, samples);
+        reverse(lower, samples);
+        memcpy(top, &lower, sizeof(Vector));
+        memcpy(late, &upper, sizeof(Vector));
     }
 }
 
-FDSTREAM_PROCESSOR_CLONES
-void exchangeChroma(ChromaPair* __restrict top, ChromaPair* __restrict bottom, size_t count) {
-#pragma clang loop vectorize_width(16)
-    for (size_t i = 0; i < count; ++i) {
-        const uint16_t pair = top[i];
-        top[i] = bottom[count - 1 - i];
-        bottom[count - 1 - i] = pair;
-    }
+/** Exchanges two rows of whole samples, which do not overlap, and reverses both. */
+template <typename Vector, typename WideVector>
+[[gnu::always_inline]] inline void exchangeRows(uint8_t* top, uint8_t* bottom, size_t count) {
+    constexpr size_t kSample = sizeof(Vector{}[0]);
+    if (hasWideVectors()) exchangeVectors<WideVector>(top, bottom, count);
+    exchangeVectors<Vector>(top, bottom, count);
+    for (; count > 0; count -= kSample, top += kSample)
+        std::swap_ranges(top, top + kSample, bottom + count - kSample);
 }
 
-/** Reverses the middle row of an odd number of rows. */
-void reverseChroma(ChromaPair* row, size_t count) {
-    for (size_t i = 0; i < count / 2; ++i) {
-        const uint16_t pair = row[i];
-        row[i] = row[count - 1 - i];
-        row[count - 1 - i] = pair;
-    }
+FDSTREAM_PROCESSOR_CLONES
+void exchangeLuma(uint8_t* top, uint8_t* bottom, size_t count) {
+    exchangeRows<LumaVector, WideLumaVector>(top, bottom, count);
+}
+
+FDSTREAM_PROCESSOR_CLONES
+void exchangeChroma(uint8_t* top, uint8_t* bottom, size_t count) {
+    exchangeRows<ChromaVector, WideChromaVector>(top, bottom, count);
 }
 
 void turnLuma(uint8_t* luma, size_t stride, size_t width, size_t rows) {
-    for (size_t row = 0; row < rows / 2; ++row) {
+    for (size_t row = 0; row < rows / 2; ++row)
         exchangeLuma(luma + row * stride, luma + (rows - 1 - row) * stride, width);
-    }
-    if (rows % 2 != 0) {
-        uint8_t* const middle = luma + rows / 2 * stride;
-        std::reverse(middle, middle + width);
-    }
+    if (rows % 2 == 0) return;
+    // The middle row is turned by exchanging its halves.
+    uint8_t* const middle = luma + rows / 2 * stride;
+    exchangeLuma(middle, middle + width - width / 2, width / 2);
 }
 
 void turnChroma(uint8_t* chroma, size_t stride, size_t width, size_t rows) {
-    const auto pairsOf = [&](size_t row) {
-        return reinterpret_cast<ChromaPair*>(chroma + row * stride);
-    };
+    const size_t pairBytes = width / 2 * 2;
     for (size_t row = 0; row < rows / 2; ++row) {
-        const size_t partner = rows - 1 - row;
-        exchangeChroma(pairsOf(row), pairsOf(partner), width / 2);
+        uint8_t* const top = chroma + row * stride;
+        uint8_t* const bottom = chroma + (rows - 1 - row) * stride;
+        exchangeChroma(top, bottom, pairBytes);
         // The last byte of an odd width belongs to no pair: it changes its row, not its column.
-        if (width % 2 != 0) {
-            std::swap(chroma[row * stride + width - 1], chroma[partner * stride + width - 1]);
-        }
+        if (pairBytes != width) std::swap(top[pairBytes], bottom[pairBytes]);
     }
-    if (rows % 2 != 0) reverseChroma(pairsOf(rows / 2), width / 2);
+    if (rows % 2 == 0) return;
+    uint8_t* const middle = chroma + rows / 2 * stride;
+    const size_t half = width / 4 * 2;
+    exchangeChroma(middle, middle + pairBytes - half, half);
 }
 
 void turnFrame(const android_ycbcr& ycbcr, int width, int height) {

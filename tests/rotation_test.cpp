@@ -1,46 +1,14 @@
-// The rotation of a frame by 180 degrees.
+// What the rotation of a frame by 180 degrees refuses.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <numeric>
 
 #include "Rotate180.h"
 #include "host/mapper.h"
 #include "support/session_fixture.h"
 
 namespace testing_support {
-
-TEST(RotationTest, TurnsEveryGeometryAndTouchesNoPadding) {
-    const auto bufferOf = [](const kit::Frame& frame, kit::FrameSize size, bool crFirst) {
-        host::BufferGeometry geometry;
-        geometry.stride = crFirst ? 192 : 191;  // an odd one moves pairs to odd addresses
-        geometry.chromaStride = crFirst ? 200 : 201;
-        geometry.order = crFirst ? host::ChromaOrder::CrFirst : host::ChromaOrder::CbFirst;
-        host::Buffer buffer = kit::allocate(size, geometry);
-        // Padding of which every row has another, and none what the frame has there.
-        std::iota(buffer.bytes(), buffer.bytes() + buffer.size(), uint8_t{0});
-        kit::fill(buffer, frame);
-        return buffer;
-    };
-    for (const int height : {1, 2, 3, 4, 5, 6, 7, 12}) {
-        for (const int width : {1, 2, 5, 16, 61, 160}) {
-            const kit::FrameSize size = {width, height};
-            const kit::Frame frame = kit::patternOf(size);
-            const kit::Frame turned = kit::turnedBy180(frame, size);
-            for (const bool crFirst : {false, true}) {
-                const host::Buffer buffer = bufferOf(frame, size, crFirst);
-                const host::Buffer expected = bufferOf(turned, size, crFirst);
-                rotate180(wrap(buffer));
-                ASSERT_EQ(kit::difference(kit::packed(buffer), turned, size), "")
-                    << width << " x " << height;
-                ASSERT_TRUE(
-                    std::equal(buffer.bytes(), buffer.bytes() + buffer.size(), expected.bytes()))
-                    << "the padding of " << width << " x " << height;
-            }
-        }
-    }
-}
 
 TEST(RotationTest, TellsWhatItCannotTurnAndUnlocksWhatItLocked) {
     LogLines log;
