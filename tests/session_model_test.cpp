@@ -6,7 +6,7 @@
 #include <string>
 
 #include "model/compare.h"
-#include "model/session_driver.h"
+#include "model/files.h"
 
 namespace testing_support {
 

@@ -1,15 +1,24 @@
-#include <sys/mman.h>
+#include "model/files.h"
+
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <string>
 #include <utility>
 
 #include "frame.h"
-#include "model/session_driver.h"
 
 namespace testing_support {
 
 namespace {
+
+using android::hardware::hidl_vec;
+using android::hardware::camera::device::V3_2::BufferStatus;
+using product::CaptureRequest;
+using product::CaptureResult;
+using product::StreamBuffer;
 
 uint64_t inodeOf(int fd) {
     struct stat file = {};
@@ -18,8 +27,12 @@ uint64_t inodeOf(int fd) {
 
 host::UniqueHandle handleWith(int descriptors, int integers) {
     host::UniqueHandle handle(native_handle_create(descriptors, integers));
-    for (int i = 0; i < descriptors; ++i)
-        handle->data[i] = memfd_create("other", MFD_CLOEXEC);
+    for (int i = 0; i < descriptors; ++i) {
+        int pipe[2] = {-1, -1};
+        pipe2(pipe, O_CLOEXEC);
+        handle->data[i] = pipe[0];
+        close(pipe[1]);
+    }
     return handle;
 }
 
@@ -93,6 +106,79 @@ Memories Files::memories() const {
         memories[i].bytes.assign(mBuffers[i].bytes(), mBuffers[i].bytes() + mBuffers[i].size());
     }
     return memories;
+}
+
+StreamBuffer Files::recordOf(const PlainBuffer& plain) const {
+    StreamBuffer buffer = {};
+    buffer.streamId = plain.stream;
+    buffer.bufferId = plain.id;
+    buffer.buffer = handleOf(plain.handle);
+    buffer.status = static_cast<BufferStatus>(plain.status);
+    buffer.acquireFence = handleOf(plain.acquire);
+    buffer.releaseFence = handleOf(plain.release);
+    return buffer;
+}
+
+hidl_vec<StreamBuffer> Files::recordOf(const std::vector<PlainBuffer>& plain) const {
+    hidl_vec<StreamBuffer> buffers;
+    buffers.resize(plain.size());
+    std::transform(plain.begin(), plain.end(), buffers.begin(),
+                   [this](const PlainBuffer& buffer) { return recordOf(buffer); });
+    return buffers;
+}
+
+CaptureRequest Files::recordOf(const PlainRequest& plain) const {
+    CaptureRequest request = {};
+    request.frameNumber = plain.frame;
+    request.fmqSettingsSize = plain.fmqSize;
+    request.settings = std::vector<uint8_t>(plain.settings.begin(), plain.settings.end());
+    request.inputBuffer = recordOf(plain.input);
+    request.outputBuffers = recordOf(plain.outputs);
+    return request;
+}
+
+CaptureResult Files::recordOf(const PlainResult& plain) const {
+    CaptureResult result = {};
+    result.frameNumber = plain.frame;
+    result.fmqResultSize = plain.fmqSize;
+    result.result = std::vector<uint8_t>(plain.metadata.begin(), plain.metadata.end());
+    result.outputBuffers = recordOf(plain.outputs);
+    result.inputBuffer = recordOf(plain.input);
+    result.partialResult = plain.partial;
+    return result;
+}
+
+PlainBuffer Files::plainOf(const StreamBuffer& buffer) const {
+    return {buffer.streamId,
+            buffer.bufferId,
+            nameOf(buffer.buffer.getNativeHandle()),
+            static_cast<uint32_t>(buffer.status),
+            nameOf(buffer.acquireFence.getNativeHandle()),
+            nameOf(buffer.releaseFence.getNativeHandle())};
+}
+
+PlainRequest Files::plainOf(const CaptureRequest& request) const {
+    return {request.frameNumber,
+            request.fmqSettingsSize,
+            {request.settings.begin(), request.settings.end()},
+            plainOf(request.inputBuffer),
+            plainOf(request.outputBuffers)};
+}
+
+PlainResult Files::plainOf(const CaptureResult& result) const {
+    return {result.frameNumber,
+            result.fmqResultSize,
+            {result.result.begin(), result.result.end()},
+            plainOf(result.outputBuffers),
+            plainOf(result.inputBuffer),
+            result.partialResult};
+}
+
+std::vector<PlainBuffer> Files::plainOf(const hidl_vec<StreamBuffer>& buffers) const {
+    std::vector<PlainBuffer> plain;
+    for (const StreamBuffer& buffer : buffers)
+        plain.push_back(plainOf(buffer));
+    return plain;
 }
 
 }  // namespace testing_support

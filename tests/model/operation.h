@@ -61,7 +61,6 @@ struct Operation {
 };
 using Sequence = std::vector<Operation>;
 
-constexpr size_t kMemories = 4;  // buffers A to D
 enum class MapperState : uint8_t { Fine, Refusing, Dead };
 
 PlainRequest requestOf(const Operation& operation);

@@ -1,11 +1,14 @@
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "FDSession.h"
+#include "host/buffer.h"
 
 /** Records as a model and a session can both have them, and in words, to be compared. */
 namespace testing_support {
@@ -56,6 +59,15 @@ struct PlainGraphicBuffer {
     uint64_t usage = 0;
     int initCheck = 0;
 };
+
+constexpr size_t kMemories = 4;  // buffers A to D
+
+/** A buffer's memory as it should be. Value type. */
+struct PlainMemory {
+    host::BufferGeometry geometry;
+    std::vector<uint8_t> bytes;
+};
+using Memories = std::array<PlainMemory, kMemories>;
 
 namespace detail {
 inline void append(std::string& text, const std::string& part) {

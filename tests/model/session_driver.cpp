@@ -44,7 +44,7 @@ public:
 
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         mDriver.say(words("callback", mNumber, "gets", results.size(),
-                          inWords(mDriver.plainOf(results[0]))));
+                          inWords(mDriver.mFiles.plainOf(results[0]))));
         return answer();
     }
     Return<void> notify(const hidl_vec<fdstream::FDNotifyMsg>& messages) override {
@@ -225,7 +225,7 @@ void SessionDriver::carryOutClients(const Operation& operation) {
             break;
         default:
             answer("processCaptureRequest",
-                   mInterface->processCaptureRequest(recordOf(requestOf(operation))));
+                   mInterface->processCaptureRequest(mFiles.recordOf(requestOf(operation))));
     }
 }
 
@@ -260,7 +260,7 @@ void SessionDriver::carryOutProviders(const Operation& operation) {
             break;
         case Kind::SendResult:
             ++mUndelivered;
-            mSession->sendCaptureResult(recordOf(resultOf(operation)));
+            mSession->sendCaptureResult(mFiles.recordOf(resultOf(operation)));
             break;
         case Kind::AnswerTaken:
             answerTaken(operation.args[0] % 2U);
@@ -301,7 +301,7 @@ void SessionDriver::take() {
         if (request.frameNumber != 77) say("the record of a refused take has changed");
         return;
     }
-    say(inWords(plainOf(request)));
+    say(inWords(mFiles.plainOf(request)));
     mTaken.push_back(std::move(request));
     if (mTaken.size() > kMostTaken) mTaken.pop_front();
 }
@@ -409,78 +409,6 @@ void SessionDriver::carryOutWorlds(const Operation& operation) {
         default:
             mNested = nestedIn(operation);
     }
-}
-
-StreamBuffer SessionDriver::bufferOf(const PlainBuffer& plain) const {
-    StreamBuffer buffer = {};
-    buffer.streamId = plain.stream;
-    buffer.bufferId = plain.id;
-    buffer.buffer = mFiles.handleOf(plain.handle);
-    buffer.status = static_cast<BufferStatus>(plain.status);
-    buffer.acquireFence = mFiles.handleOf(plain.acquire);
-    buffer.releaseFence = mFiles.handleOf(plain.release);
-    return buffer;
-}
-
-hidl_vec<StreamBuffer> SessionDriver::buffersOf(const std::vector<PlainBuffer>& plain) const {
-    hidl_vec<StreamBuffer> buffers;
-    buffers.resize(plain.size());
-    std::transform(plain.begin(), plain.end(), buffers.begin(),
-                   [this](const PlainBuffer& buffer) { return bufferOf(buffer); });
-    return buffers;
-}
-
-CaptureRequest SessionDriver::recordOf(const PlainRequest& plain) const {
-    CaptureRequest request = {};
-    request.frameNumber = plain.frame;
-    request.fmqSettingsSize = plain.fmqSize;
-    request.settings = std::vector<uint8_t>(plain.settings.begin(), plain.settings.end());
-    request.inputBuffer = bufferOf(plain.input);
-    request.outputBuffers = buffersOf(plain.outputs);
-    return request;
-}
-
-CaptureResult SessionDriver::recordOf(const PlainResult& plain) const {
-    CaptureResult result = {};
-    result.frameNumber = plain.frame;
-    result.fmqResultSize = plain.fmqSize;
-    result.result = std::vector<uint8_t>(plain.metadata.begin(), plain.metadata.end());
-    result.outputBuffers = buffersOf(plain.outputs);
-    result.inputBuffer = bufferOf(plain.input);
-    result.partialResult = plain.partial;
-    return result;
-}
-
-PlainBuffer SessionDriver::plainOf(const StreamBuffer& buffer) const {
-    return {buffer.streamId,
-            buffer.bufferId,
-            mFiles.nameOf(buffer.buffer.getNativeHandle()),
-            static_cast<uint32_t>(buffer.status),
-            mFiles.nameOf(buffer.acquireFence.getNativeHandle()),
-            mFiles.nameOf(buffer.releaseFence.getNativeHandle())};
-}
-
-PlainRequest SessionDriver::plainOf(const CaptureRequest& request) const {
-    PlainRequest plain = {request.frameNumber,
-                          request.fmqSettingsSize,
-                          {request.settings.begin(), request.settings.end()},
-                          plainOf(request.inputBuffer),
-                          {}};
-    for (const StreamBuffer& buffer : request.outputBuffers)
-        plain.outputs.push_back(plainOf(buffer));
-    return plain;
-}
-
-PlainResult SessionDriver::plainOf(const CaptureResult& result) const {
-    PlainResult plain = {result.frameNumber,
-                         result.fmqResultSize,
-                         {result.result.begin(), result.result.end()},
-                         {},
-                         plainOf(result.inputBuffer),
-                         result.partialResult};
-    for (const StreamBuffer& buffer : result.outputBuffers)
-        plain.outputs.push_back(plainOf(buffer));
-    return plain;
 }
 
 }  // namespace testing_support

@@ -10,42 +10,14 @@
 #include <vector>
 
 #include "FDSession.h"
-#include "host/buffer.h"
 #include "host/log.h"
-#include "host/unique_fd.h"
-#include "host/unique_handle.h"
+#include "model/files.h"
 #include "model/operation.h"
 #include "model/session_model.h"
 #include "support/interposed.h"
 #include "support/spy_mapper.h"
 
 namespace testing_support {
-
-/** Handles of each kind that a sequence speaks of, and their names again. Keeps its own. */
-class Files {
-public:
-    Files();
-
-    const native_handle_t* handleOf(File file) const;
-    /** '?' for a handle of something else, or one that is no duplicate. */
-    File nameOf(const native_handle_t* handle) const;
-    const host::Buffer& memory(size_t i) const { return mBuffers[i]; }
-    Memories memories() const;
-
-private:
-    struct Entry {
-        File name;
-        uint64_t inode;
-        const native_handle_t* handle;
-    };
-
-    void add(File name, const native_handle_t* handle);
-    const Entry* entryOf(File name) const;
-
-    std::vector<host::Buffer> mBuffers;
-    std::vector<host::UniqueHandle> mOthers;
-    std::vector<Entry> mEntries;
-};
 
 /**
  * Carries operations out on a session of its own, whose thread's start was refused: the passes are
@@ -86,15 +58,6 @@ private:
     void imported(void* handle);
     void freed(void* handle);
     void freeRest();
-
-    product::StreamBuffer bufferOf(const PlainBuffer& plain) const;
-    android::hardware::hidl_vec<product::StreamBuffer> buffersOf(
-        const std::vector<PlainBuffer>& plain) const;
-    product::CaptureRequest recordOf(const PlainRequest& plain) const;
-    product::CaptureResult recordOf(const PlainResult& plain) const;
-    PlainBuffer plainOf(const product::StreamBuffer& buffer) const;
-    PlainRequest plainOf(const product::CaptureRequest& request) const;
-    PlainResult plainOf(const product::CaptureResult& result) const;
 
     const Files& mFiles;
     SpyMapper3& mMapper;

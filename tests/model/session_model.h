@@ -9,20 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "host/buffer.h"
 #include "model/operation.h"
 
 namespace testing_support {
 
 /** All that can be seen of a step, in order, each event a sentence. */
 using Events = std::vector<std::string>;
-
-/** A buffer's memory as it should be. Value type. */
-struct PlainMemory {
-    host::BufferGeometry geometry;
-    std::vector<uint8_t> bytes;
-};
-using Memories = std::array<PlainMemory, kMemories>;
 
 uint64_t hashOf(const uint8_t* bytes, size_t size, uint64_t seed);
 /** What Kind::Paint makes of the buffer that it chooses. */
