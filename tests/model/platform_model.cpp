@@ -15,21 +15,6 @@ constexpr uint32_t kProcessor = 0xff;
 
 }  // namespace
 
-uint64_t hashOf(const uint8_t* bytes, size_t size, uint64_t seed) {
-    uint64_t hash = seed ^ 0xcbf29ce484222325;
-    for (size_t i = 0; i < size; ++i)
-        hash = (hash ^ bytes[i]) * 0x100000001b3;
-    return hash;
-}
-
-size_t paintedBy(const Operation& operation) {
-    return operation.args[0] % kMemories;
-}
-
-uint8_t paintOf(const Operation& operation, size_t offset) {
-    return static_cast<uint8_t>(operation.args[1] + offset * 7 + offset / 9);
-}
-
 File PlatformModel::duplicate(File file) {
     if (file == kBroken) return kNoHandle;
     if (!duplicatesLeft) return file;
@@ -49,16 +34,16 @@ int PlatformModel::import(File file) {
     int error = kBadBuffer;
     if (isMemory(file)) {
         int& imports = mImports[static_cast<size_t>(file - 'A')];
-        if (imports == 0) ++calls.maps;
+        if (imports == 0) ++mCalls.maps;
         error = duplicate(file) == file ? 0 : kNoResources;
         imports += error == 0 ? 1 : 0;
     }
-    ++(error == 0 ? calls.imports : calls.refusals);
+    ++(error == 0 ? mCalls.imports : mCalls.refusals);
     return error;
 }
 
 void PlatformModel::free(File file) {
-    ++calls.frees;
+    ++mCalls.frees;
     --mImports[static_cast<size_t>(file - 'A')];
 }
 
@@ -88,12 +73,12 @@ int PlatformModel::lock(const PlainGraphicBuffer& buffer) {
     int error = std::exchange(nextLockError, 0);
     if (error == 0 && buffer.file == kNoHandle) error = kBadBuffer;
     if (error == 0 && (buffer.usage & kProcessor) == 0) error = kBadValue;
-    ++(error == 0 ? calls.locks : calls.refusals);
+    ++(error == 0 ? mCalls.locks : mCalls.refusals);
     return error;
 }
 
 int PlatformModel::unlock() {
-    ++calls.unlocks;
+    ++mCalls.unlocks;
     return std::exchange(nextUnlockError, 0);
 }
 
@@ -121,8 +106,8 @@ void PlatformModel::turn(const PlainGraphicBuffer& buffer) {
                     rowAt(row));
 }
 
-void PlatformModel::paint(const Operation& operation) {
-    std::vector<uint8_t>& bytes = mMemories[paintedBy(operation)].bytes;
+void PlatformModel::paint(size_t memory, const Operation& operation) {
+    std::vector<uint8_t>& bytes = mMemories[memory].bytes;
     for (size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = paintOf(operation, i);
 }
@@ -139,9 +124,11 @@ int PlatformModel::descriptors() const {
     return sum;
 }
 
-int PlatformModel::mappings() const {
-    return static_cast<int>(
-        std::count_if(mImports.begin(), mImports.end(), [](int imports) { return imports > 0; }));
+MapperCalls PlatformModel::calls() const {
+    MapperCalls calls = mCalls;
+    for (const int imports : mImports)
+        calls.mappings += imports > 0 ? 1 : 0;
+    return calls;
 }
 
 uint64_t PlatformModel::bytesHash() const {

@@ -7,16 +7,11 @@ namespace testing_support {
 
 namespace {
 
-constexpr int kRefused = -1;
 constexpr int kIllegalArgument = 1;
 constexpr int kInternalError = 7;
 constexpr uint32_t kFailed = 1;  // a buffer's status
 constexpr int64_t kStaleUs = 1000000;
 constexpr const char* kGone = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
-
-int answerOf(int result) {
-    return result == 0 ? 0 : kIllegalArgument;
-}
 
 int handlesOf(const std::vector<PlainBuffer>& outputs, const PlainBuffer& input) {
     int sum = 0;
@@ -39,40 +34,11 @@ bool hasFences(const PlainBuffer& copy, const PlainBuffer& original) {
 
 }  // namespace
 
-std::string answered(const char* operation, int64_t value) {
-    return words(operation, "answers", value);
-}
-
-std::string summaryOf(bool isReady, int descriptors, const MapperCalls& calls, int64_t mappings,
-                      const std::string& mapped, uint64_t bytes) {
-    return words("ready", int{isReady}, "descriptors", descriptors, "imports", calls.imports,
-                 "frees", calls.frees, "locks", calls.locks, "unlocks", calls.unlocks, "refusals",
-                 calls.refusals, "maps", calls.maps, "mappings", mappings, "mapper", mapped,
-                 "bytes", bytes);
-}
-
-Events SessionModel::begin() {
-    mNow = kStartUs;
-    resetPTZ();
-    summary();
-    return std::exchange(mEvents, {});
-}
-
-Events SessionModel::step(const Operation& operation) {
-    carryOut(operation);
-    if (operation.kind != Kind::LimitDuplicates) mPlatform.duplicatesLeft.reset();
-    summary();
-    return std::exchange(mEvents, {});
-}
-
-Events SessionModel::end() {
-    mTaken.clear();
-    mHeld.clear();
+void SessionModel::drop() {
+    mIsGone = true;
     mResults.clear();
     mRequests.clear();
-    mNested.reset();
-    const int last = std::exchange(mCallback, 0);
-    endCall(last);
+    endCall(std::exchange(mCallback, 0));
     mGraphicBuffers.clear();
     // What is registered is not given back; whoever plays the session's part here does that.
     for (const auto& [stream, buffers] : mRegistry) {
@@ -80,218 +46,48 @@ Events SessionModel::end() {
             if (file != kNoHandle) mPlatform.free(file);
         }
     }
-    for (const char* const operation : {"setCallback", "configure", "processCaptureRequest"}) {
-        say('E', cat(operation, ": FDSessionImpl is gone"));
-        mEvents.push_back(answered(operation, kInternalError));
-    }
-    summary();
-    return std::exchange(mEvents, {});
 }
 
-void SessionModel::summary() {
-    mEvents.push_back(summaryOf(!mRequests.empty(), descriptors(), mPlatform.calls,
-                                mPlatform.mappings(), std::exchange(mMapped, {}),
-                                mPlatform.bytesHash()));
-}
-
-int SessionModel::descriptors() const {
-    int sum = mPlatform.descriptors();
+Side::Counts SessionModel::counts() {
+    int descriptors = mPlatform.descriptors();
     for (const Waiting& waiting : mRequests)
-        sum += handlesOf(waiting.request.outputs, waiting.request.input);
+        descriptors += handlesOf(waiting.request.outputs, waiting.request.input);
     for (const PlainResult& result : mResults)
-        sum += handlesOf(result.outputs, result.input);
+        descriptors += handlesOf(result.outputs, result.input);
     for (const PlainRequest& request : mTaken)
-        sum += handlesOf(request.outputs, request.input);
-    return sum;
+        descriptors += handlesOf(request.outputs, request.input);
+    return {isReady(), descriptors, mPlatform.calls(), std::exchange(mMapped, {}),
+            mPlatform.bytesHash()};
 }
 
-void SessionModel::carryOut(const Operation& operation) {
-    if (operation.kind <= Kind::Submit) return carryOutClients(operation);
-    if (operation.kind < Kind::SetObserver) return carryOutProviders(operation);
-    if (operation.kind < Kind::StepClock) return carryOutScenes(operation);
-    carryOutWorlds(operation);
-}
-
-void SessionModel::carryOutNested() {
-    if (const std::optional<Operation> nested = std::exchange(mNested, std::nullopt)) {
-        carryOut(*nested);
-    }
-}
-
-void SessionModel::carryOutClients(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::SetCallback:
-            setCallback(operation.args[0] % 4);
-            mEvents.push_back(answered("setCallback", 0));
-            break;
-        case Kind::Configure:
-            mEvents.push_back(answered(
-                "configure", answerOf(configure(testing_support::configurationOf(operation)))));
-            break;
-        default:
-            mEvents.push_back(
-                answered("processCaptureRequest", answerOf(submit(requestOf(operation)))));
-    }
-}
-
-void SessionModel::carryOutProviders(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::Take:
-            mEvents.push_back(answered("take", mRequests.empty() ? kRefused : 0));
-            if (mRequests.empty()) break;
-            mTaken.push_back(std::move(mRequests.front().request));
-            mRequests.pop_front();
-            mEvents.push_back(inWords(mTaken.back()));
-            if (mTaken.size() > kMostTaken) mTaken.pop_front();
-            break;
-        case Kind::AskReady:
-            mEvents.push_back(answered("ready", mRequests.empty() ? 0 : 1));
-            break;
-        case Kind::GetConfiguration:
-            mEvents.push_back(answered("getConfiguration", mConfiguration ? 0 : kRefused));
-            if (mConfiguration) mEvents.push_back(inWords(*mConfiguration));
-            break;
-        case Kind::GetBuffer: {
-            const auto found = mGraphicBuffers.find(bufferIdOf(operation));
-            if (found == mGraphicBuffers.end()) {
-                mEvents.emplace_back("no buffer");
-                break;
-            }
-            mEvents.push_back(inWords(*found->second));
-            mHeld.push_back(found->second);
-            if (mHeld.size() > kMostHeld) mHeld.pop_front();
-            break;
-        }
-        case Kind::SendResult:
-            send(resultOf(operation));
-            break;
-        case Kind::AnswerTaken: {
-            if (mTaken.empty()) break;
-            PlainResult result = {};
-            result.frame = mTaken.front().frame;
-            result.outputs = std::move(mTaken.front().outputs);
-            result.outputs[0].status = operation.args[0] % 2U;
-            result.input.stream = -1;
-            mTaken.pop_front();
-            send(std::move(result));
-            break;
-        }
-        case Kind::LetGoOfHeld:
-            mTaken.clear();
-            mHeld.clear();
-            break;
-        case Kind::FreeBuffer:
-            freeBuffer({streamIdOf(operation), bufferIdOf(operation)});
-            break;
-        case Kind::Notify:
-            notify(messageOf(operation));
-            break;
-        case Kind::Paint:
-            mPlatform.paint(operation);
-            break;
-        default:
-            pass();
-    }
-}
-
-void SessionModel::carryOutScenes(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::SetObserver:
-            mObserver = operation.args[0] % 3;
-            break;
-        case Kind::SetScene:
-            mScene = sceneOf(operation);
-            tellObserver(words("onSceneControl", inWords(mScene), "stored", inWords(mScene)), true);
-            break;
-        case Kind::GetScene:
-            mEvents.push_back(inWords(mScene));
-            break;
-        case Kind::SetPTZ:
-            mPTZ = sceneOf(operation);
-            tellObserver(words("onPTZControl", inWords(mPTZ), "stored", inWords(mPTZ)), true);
-            break;
-        case Kind::GetPTZ:
-            mEvents.push_back(inWords(mPTZ));
-            break;
-        case Kind::ResetPTZ:
-            resetPTZ();
-            break;
-        case Kind::SetMode:
-            setMode(modeOf(operation));
-            break;
-        case Kind::GetMode:
-            mEvents.push_back(answered("getTrackingMode", static_cast<int>(mMode)));
-            break;
-        case Kind::GetPeople:
-            mEvents.push_back(answered("getPeopleCount", mScene.peopleCount));
-            break;
-        case Kind::SetTrack:
-            mTrack = trackOf(operation);
-            tellObserver(words("onTrackControl", inWords(mTrack), "stored", inWords(mTrack)),
-                         false);
-            break;
-        default:
-            mEvents.push_back(inWords(mTrack));
-    }
-}
-
-void SessionModel::carryOutWorlds(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::StepClock:
-            mNow += stepOf(operation);
-            break;
-        case Kind::Flip:
-            mFlipped = operation.args[0] % 3 != 0;
-            break;
-        case Kind::FailCalls:
-            mCallsFail = operation.args[0] % 2 != 0;
-            break;
-        case Kind::FailMapper:
-            mMapper = mapperStateOf(operation);
-            break;
-        case Kind::FailLock:
-            mPlatform.nextLockError = 1 + operation.args[0] % 7;
-            break;
-        case Kind::FailUnlock:
-            mPlatform.nextUnlockError = 1 + operation.args[0] % 7;
-            break;
-        case Kind::LimitDuplicates:
-            mPlatform.duplicatesLeft = operation.args[0] % 8;
-            break;
-        default:
-            mNested = nestedIn(operation);
-    }
-}
-
-void SessionModel::sayBuffer(char priority, const char* operation, const char* event,
+void SessionModel::logBuffer(char priority, const char* operation, const char* event,
                              const PlainBuffer& buffer) {
-    say(priority, cat(operation, ": ", event, " streamId(", buffer.stream, "), bufferId(",
+    log(priority, cat(operation, ": ", event, " streamId(", buffer.stream, "), bufferId(",
                       buffer.id, ") \n"));
 }
 
-void SessionModel::sayFailure(const char* operation, const char* call) {
-    if (!mCallsFail) return;
-    say('E', cat(operation, ": ", call,
-                 " transaction failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has "
-                 "closed the connection'"));
+bool SessionModel::isGone(const char* operation) {
+    if (mIsGone) log('E', cat(operation, ": FDSessionImpl is gone"));
+    return mIsGone;
 }
 
-void SessionModel::setCallback(int choice) {
-    say('I', "handleSetCallback: \n");
-    const bool isSame = choice == 3 && mCallback != 0;
-    const int previous = mCallback;
-    if (!isSame) mCallback = choice == 0 ? 0 : ++mCallbacksMade;
-    if (!isSame) endCall(previous);
+int SessionModel::setCallback(int choice) {
+    if (isGone("setCallback")) return kInternalError;
+    log('I', "handleSetCallback: \n");
+    if (choice == 3 && mCallback != 0) return 0;
+    endCall(std::exchange(mCallback, choice == 0 ? 0 : ++mCallbacksMade));
+    return 0;
 }
 
 int SessionModel::configure(const product::StreamConfiguration& configuration) {
-    say('I', "handleConfigure: \n");
+    if (isGone("configure")) return kInternalError;
+    log('I', "handleConfigure: \n");
     const size_t count = configuration.streams.size();
     const std::string counted = cat("handleConfigure: streamsCount(", count, ")  \n");
-    say('I', counted);
+    log('I', counted);
     if (count != 1) {
-        say('E', counted);
-        return kRefused;
+        log('E', counted);
+        return kIllegalArgument;
     }
     mRequests.clear();
     for (const auto& [stream, buffers] : mRegistry) {
@@ -305,31 +101,36 @@ int SessionModel::configure(const product::StreamConfiguration& configuration) {
 }
 
 int SessionModel::submit(const PlainRequest& request) {
+    if (isGone("processCaptureRequest")) return kInternalError;
+    return enqueue(request) ? 0 : kIllegalArgument;
+}
+
+bool SessionModel::enqueue(const PlainRequest& request) {
     PlainRequest copy = request;
     mPlatform.duplicateHandles(copy.input);
     for (PlainBuffer& output : copy.outputs) {
         output.acquire = mPlatform.duplicate(output.acquire);
         output.release = mPlatform.duplicate(output.release);
     }
-    if (!fits(request)) return kRefused;
+    if (!fits(request)) return false;
 
     const PlainBuffer& buffer = request.outputs[0];
     const bool isNew = !knows(buffer);
     const std::optional<File> imported = lookUpOrImport(buffer);
-    if (!imported) return kRefused;
+    if (!imported) return false;
     copy.outputs[0].handle = mPlatform.duplicate(*imported);
     if (!isWhole(copy.outputs[0].handle, *imported) || !hasFences(copy.outputs[0], buffer) ||
         !isWhole(copy.input.handle, request.input.handle) ||
         !hasFences(copy.input, request.input)) {
-        sayBuffer('E', "handleCaptureRequest", "duplicating handles failed,", buffer);
+        logBuffer('E', "handleCaptureRequest", "duplicating handles failed,", buffer);
         if (isNew) {
-            freeBuffer(buffer);
+            freeBuffer(buffer.stream, buffer.id);
             mGraphicBuffers.erase(buffer.id);
         }
-        return kRefused;
+        return false;
     }
     mRequests.push_back({std::move(copy), mNow});
-    return 0;
+    return true;
 }
 
 bool SessionModel::fits(const PlainRequest& request) {
@@ -342,7 +143,7 @@ bool SessionModel::fits(const PlainRequest& request) {
         reason = cat("buffer streamId(", request.outputs[0].stream, "), configuration streamId(",
                      mConfiguration->streams[0].id, ") \n");
     }
-    if (!reason.empty()) say('E', "handleCaptureRequest: " + reason);
+    if (!reason.empty()) log('E', "handleCaptureRequest: " + reason);
     return reason.empty();
 }
 
@@ -355,11 +156,11 @@ std::optional<File> SessionModel::lookUpOrImport(const PlainBuffer& buffer) {
     std::map<uint64_t, File>& buffers = mRegistry[buffer.stream];
     if (knows(buffer)) return buffers[buffer.id];
     if (buffer.handle == kNoHandle) {
-        sayBuffer('E', "handleCaptureRequest", "buffer", buffer);
+        logBuffer('E', "handleCaptureRequest", "buffer", buffer);
         return std::nullopt;
     }
     if (buffer.handle != kEmpty && !import(buffer.handle)) {
-        sayBuffer('E', "handleCaptureRequest", "import buffer failed,", buffer);
+        logBuffer('E', "handleCaptureRequest", "import buffer failed,", buffer);
         return std::nullopt;
     }
     const File imported = buffer.handle == kEmpty ? kNoHandle : buffer.handle;
@@ -369,13 +170,13 @@ std::optional<File> SessionModel::lookUpOrImport(const PlainBuffer& buffer) {
     const auto height = static_cast<int>(stream.height);
     mGraphicBuffers[buffer.id] =
         mPlatform.wrap(imported, {kNoHandle, width, height, width, 35, stream.usage, 0});
-    sayBuffer('I', "handleCaptureRequest", "import buffer success,", buffer);
+    logBuffer('I', "handleCaptureRequest", "import buffer success,", buffer);
     return imported;
 }
 
 bool SessionModel::import(File file) {
     if (mMapper == MapperState::Dead) {
-        say('E', cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
+        log('E', cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
         return false;
     }
     const bool isImported = mPlatform.import(file) == 0;
@@ -390,32 +191,32 @@ void SessionModel::release(File imported) {
     mMapped += cat('-', imported);
     mPlatform.free(imported);
     if (mMapper == MapperState::Dead) {
-        say('E', cat("HandleImporter: freeBuffer: mapper freeBuffer failed: ", kGone));
+        log('E', cat("HandleImporter: freeBuffer: mapper freeBuffer failed: ", kGone));
     }
 }
 
-void SessionModel::freeBuffer(const PlainBuffer& buffer) {
+void SessionModel::freeBuffer(int32_t streamId, uint64_t bufferId) {
     const std::string start = "freeBuffer: CirculatingBuffers does not have ";
-    const auto stream = mRegistry.find(buffer.stream);
+    const auto stream = mRegistry.find(streamId);
     if (stream == mRegistry.end()) {
-        return say('E', cat(start, "streamId(", buffer.stream, ") entry \n"));
+        return log('E', cat(start, "streamId(", streamId, ") entry \n"));
     }
-    const auto found = stream->second.find(buffer.id);
+    const auto found = stream->second.find(bufferId);
     if (found == stream->second.end()) {
-        return say('E', cat(start, "bufferId(", buffer.id, ") entry \n"));
+        return log('E', cat(start, "bufferId(", bufferId, ") entry \n"));
     }
     release(found->second);
     stream->second.erase(found);
 }
 
-void SessionModel::send(PlainResult result) {
+void SessionModel::send(const PlainResult& result) {
     PlainResult copy = result;
     for (PlainBuffer& output : copy.outputs)
         mPlatform.duplicateHandles(output);
     mPlatform.duplicateHandles(copy.input);
     const auto check = [&](PlainBuffer& duplicate, const PlainBuffer& original) {
         if (isWhole(duplicate.handle, original.handle) && hasFences(duplicate, original)) return;
-        sayBuffer('E', "sendCaptureResult", "duplicating handles failed,", duplicate);
+        logBuffer('E', "sendCaptureResult", "duplicating handles failed,", duplicate);
         duplicate.status = kFailed;
     };
     for (size_t i = 0; i < copy.outputs.size(); ++i)
@@ -446,72 +247,122 @@ void SessionModel::pass() {
 
 void SessionModel::rotate(const PlainGraphicBuffer& buffer) {
     if (const int error = mPlatform.lock(buffer)) {
-        return say('E', cat("rotate180: lockYCbCr failed, error (", error, ") \n"));
+        return log('E', cat("rotate180: lockYCbCr failed, error (", error, ") \n"));
     }
     const int step = mPlatform.chromaStep(buffer.file);
     if (step == 2) {
         mPlatform.turn(buffer);
     } else {
-        say('E', cat("rotate180: unhandled chroma format step ", step, " \n"));
+        log('E', cat("rotate180: unhandled chroma format step ", step, " \n"));
     }
     if (const int error = mPlatform.unlock()) {
-        say('E', cat("rotate180: unlock failed, error (", error, ") \n"));
+        log('E', cat("rotate180: unlock failed, error (", error, ") \n"));
     }
 }
 
 void SessionModel::deliver(const PlainResult& result) {
-    const int callback = mCallback;
-    if (callback == 0) return;
-    mEvents.push_back(words("callback", callback, "gets", 1, inWords(result)));
-    mCallsUnderWay.push_back(callback);
-    carryOutNested();
-    sayFailure("threadLoop", "processCaptureResult");
-    mCallsUnderWay.pop_back();
-    endCall(callback);
+    if (mCallback != 0) call("gets", inWords(result), "threadLoop", "processCaptureResult");
 }
 
-void SessionModel::notify(const fdstream::FDNotifyMsg& message) {
-    const int callback = mCallback;
-    if (callback == 0) return say('E', "sendNotify: notify failed: invalid session \n");
+void SessionModel::notify(fdstream::FDNotifyMsg message) {
+    if (mCallback == 0) return log('E', "sendNotify: notify failed: invalid session \n");
     if (mLockedCalls > 0) {
-        say('E',
+        log('E',
             "sendNotify: called inside an observer's operation that has the session locked \n");
     }
-    mEvents.push_back(words("callback", callback, "is notified of", 1, inWords(message)));
+    call("is notified of", inWords(message), "sendNotify", "notify");
+}
+
+void SessionModel::call(const char* what, const std::string& record, const char* caller,
+                        const char* method) {
+    const int callback = mCallback;
+    sayCall(callback, what, 1, record);
     mCallsUnderWay.push_back(callback);
     carryOutNested();
-    sayFailure("sendNotify", "notify");
+    if (mCallsFail) {
+        log('E', cat(caller, ": ", method,
+                     " transaction failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer "
+                     "has closed the connection'"));
+    }
     mCallsUnderWay.pop_back();
     endCall(callback);
 }
 
 void SessionModel::endCall(int callback) {
     const bool isCalled = std::count(mCallsUnderWay.begin(), mCallsUnderWay.end(), callback) > 0;
-    if (callback == 0 || callback == mCallback || isCalled) return;
-    mEvents.push_back(words("callback", callback, "is gone"));
+    if (callback != 0 && callback != mCallback && !isCalled) sayGone(callback);
 }
 
-void SessionModel::tellObserver(const std::string& call, bool isLocked) {
-    if (mObserver == 0) return;
-    mEvents.push_back(words("observer", mObserver, call));
-    mLockedCalls += isLocked ? 1 : 0;
-    carryOutNested();
-    mLockedCalls -= isLocked ? 1 : 0;
+std::optional<PlainRequest> SessionModel::take() {
+    if (mRequests.empty()) return std::nullopt;
+    mTaken.push_back(std::move(mRequests.front().request));
+    mRequests.pop_front();
+    const PlainRequest taken = mTaken.back();
+    if (mTaken.size() > kMostTaken) mTaken.pop_front();
+    return taken;
+}
+
+std::optional<PlainGraphicBuffer> SessionModel::lookUp(uint64_t bufferId) {
+    const auto found = mGraphicBuffers.find(bufferId);
+    if (found == mGraphicBuffers.end()) return std::nullopt;
+    mHeld.push_back(found->second);
+    if (mHeld.size() > kMostHeld) mHeld.pop_front();
+    return *found->second;
+}
+
+void SessionModel::answerTaken(uint32_t status) {
+    if (mTaken.empty()) return;
+    PlainResult result = {};
+    result.frame = mTaken.front().frame;
+    result.outputs = std::move(mTaken.front().outputs);
+    result.outputs[0].status = status;
+    result.input.stream = -1;
+    mTaken.pop_front();
+    send(result);
+}
+
+void SessionModel::letGoOfHeld() {
+    mTaken.clear();
+    mHeld.clear();
+}
+
+void SessionModel::setScene(const product::SceneControl& control) {
+    mScene = control;
+    tellObserver("onSceneControl", inWords(control), true);
+}
+
+void SessionModel::setPTZ(const product::SceneControl& control) {
+    mPTZ = control;
+    tellObserver("onPTZControl", inWords(control), true);
+}
+
+void SessionModel::setTrack(const product::TrackControl& control) {
+    mTrack = control;
+    tellObserver("onTrackControl", inWords(control), false);
 }
 
 void SessionModel::setMode(product::TrackingMode mode) {
     if (mode == mMode) return;
     mMode = mode;
     if (mode == product::TrackingMode::OFF) resetPTZ();
-    say('D', cat("Tracking changed to ", mode, " "));
-    tellObserver(words("onTrackingMode", mode, "stored", mode), true);
+    log('D', cat("Tracking changed to ", mode, " "));
+    tellObserver("onTrackingMode", cat(mode), true);
 }
 
 void SessionModel::resetPTZ() {
     mPTZ.frameWidth = 1280;
     mPTZ.frameHeight = 720;
     mPTZ.crops = {product::Crop{0, 0, 1280, 720}};
-    say('D', "PTZ Scene reset 0 0 1280 720");
+    log('D', "PTZ Scene reset 0 0 1280 720");
+}
+
+void SessionModel::tellObserver(const std::string& call, const std::string& control,
+                                bool isLocked) {
+    if (mObserver == 0) return;
+    say(words("observer", mObserver, call, control, "stored", control));
+    mLockedCalls += isLocked ? 1 : 0;
+    carryOutNested();
+    mLockedCalls -= isLocked ? 1 : 0;
 }
 
 }  // namespace testing_support

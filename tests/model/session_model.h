@@ -9,27 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "model/operation.h"
+#include "model/side.h"
 
 namespace testing_support {
-
-/** All that can be seen of a step, in order, each event a sentence. */
-using Events = std::vector<std::string>;
-
-uint64_t hashOf(const uint8_t* bytes, size_t size, uint64_t seed);
-/** What Kind::Paint makes of the buffer that it chooses. */
-size_t paintedBy(const Operation& operation);
-uint8_t paintOf(const Operation& operation, size_t offset);
-
-/** How often the mapper did what, as the platform counts it. */
-struct MapperCalls {
-    int64_t imports = 0;
-    int64_t frees = 0;
-    int64_t locks = 0;
-    int64_t unlocks = 0;
-    int64_t maps = 0;
-    int64_t refusals = 0;
-};
 
 /**
  * The platform as the session meets it: handles that are duplicated while the descriptors last, and
@@ -51,20 +33,18 @@ public:
     int lock(const PlainGraphicBuffer& buffer);
     int unlock();
     void turn(const PlainGraphicBuffer& buffer);
-    bool isTurnable(const PlainGraphicBuffer& buffer) const;
     int chromaStep(File file) const;
-    void paint(const Operation& operation);
+    void paint(size_t memory, const Operation& operation);
 
     /** How many descriptors the handle, or the imports, have. */
     static int descriptors(File file);
     int descriptors() const;
-    int mappings() const;
+    MapperCalls calls() const;
     uint64_t bytesHash() const;
 
     std::optional<int> duplicatesLeft;
     int nextLockError = 0;
     int nextUnlockError = 0;
-    MapperCalls calls;
 
 private:
     static bool isMemory(File file) { return file >= 'A' && file <= 'D'; }
@@ -74,17 +54,13 @@ private:
 
     Memories mMemories;
     std::array<int, kMemories> mImports = {};
+    MapperCalls mCalls;
 };
 
 /** What a session should do, told as plainly as can be: no thread, no lock, no handle. */
-class SessionModel {
+class SessionModel : public Side {
 public:
     explicit SessionModel(Memories memories) : mPlatform(std::move(memories)) {}
-
-    Events begin();
-    Events step(const Operation& operation);
-    /** The session's end, and what a client hears that calls it after that. */
-    Events end();
 
 private:
     struct Waiting {
@@ -92,47 +68,65 @@ private:
         int64_t since;
     };
 
-    void carryOut(const Operation& operation);
-    void carryOutClients(const Operation& operation);
-    void carryOutProviders(const Operation& operation);
-    void carryOutScenes(const Operation& operation);
-    void carryOutWorlds(const Operation& operation);
-    void carryOutNested();
-    void summary();
+    void make() override { resetPTZ(); }
+    void drop() override;
+    Counts counts() override;
 
-    void say(char priority, const std::string& text) {
-        mEvents.push_back(cat(priority, ' ', text));
-    }
-    void sayBuffer(char priority, const char* operation, const char* event,
+    int setCallback(int choice) override;
+    int configure(const product::StreamConfiguration& configuration) override;
+    int submit(const PlainRequest& request) override;
+    std::optional<PlainRequest> take() override;
+    bool isReady() override { return !mRequests.empty(); }
+    std::optional<product::StreamConfiguration> configuration() override { return mConfiguration; }
+    std::optional<PlainGraphicBuffer> lookUp(uint64_t bufferId) override;
+    void send(const PlainResult& result) override;
+    void answerTaken(uint32_t status) override;
+    void letGoOfHeld() override;
+    void freeBuffer(int32_t streamId, uint64_t bufferId) override;
+    void notify(fdstream::FDNotifyMsg message) override;
+    void paint(size_t memory, const Operation& by) override { mPlatform.paint(memory, by); }
+    void pass() override;
+    void setObserver(int number) override { mObserver = number; }
+    void setScene(const product::SceneControl& control) override;
+    product::SceneControl scene() override { return mScene; }
+    void setPTZ(const product::SceneControl& control) override;
+    product::SceneControl ptz() override { return mPTZ; }
+    void resetPTZ() override;
+    void setMode(product::TrackingMode mode) override;
+    product::TrackingMode mode() override { return mMode; }
+    int people() override { return mScene.peopleCount; }
+    void setTrack(const product::TrackControl& control) override;
+    product::TrackControl track() override { return mTrack; }
+    void setClock(int64_t us) override { mNow = us; }
+    void flip(bool isFlipped) override { mFlipped = isFlipped; }
+    void setMapper(MapperState state) override { mMapper = state; }
+    void failLock(int error) override { mPlatform.nextLockError = error; }
+    void failUnlock(int error) override { mPlatform.nextUnlockError = error; }
+    void limitDuplicates(std::optional<int> count) override { mPlatform.duplicatesLeft = count; }
+
+    void log(char priority, const std::string& text) { say(cat(priority, ' ', text)); }
+    void logBuffer(char priority, const char* operation, const char* event,
                    const PlainBuffer& buffer);
-    void sayFailure(const char* operation, const char* call);
-
-    void setCallback(int choice);
-    int configure(const product::StreamConfiguration& configuration);
-    int submit(const PlainRequest& request);
+    bool isGone(const char* operation);
+    bool enqueue(const PlainRequest& request);
     bool fits(const PlainRequest& request);
     bool knows(const PlainBuffer& buffer) const;
     /** The imported handle's file. */
     std::optional<File> lookUpOrImport(const PlainBuffer& buffer);
     bool import(File file);
     void release(File imported);
-    void freeBuffer(const PlainBuffer& buffer);
-    void send(PlainResult result);
-    void pass();
     void rotate(const PlainGraphicBuffer& buffer);
     void deliver(const PlainResult& result);
-    void notify(const fdstream::FDNotifyMsg& message);
+    /** A call of the client's callback, during which it may be replaced. */
+    void call(const char* what, const std::string& record, const char* caller, const char* method);
     void endCall(int callback);
-    void tellObserver(const std::string& call, bool isLocked);
-    void setMode(product::TrackingMode mode);
-    void resetPTZ();
-    int descriptors() const;
+    void tellObserver(const std::string& call, const std::string& control, bool isLocked);
 
     PlatformModel mPlatform;
-    Events mEvents;
-    std::string mMapped;  // the mapper's calls in a step
+    std::string mMapped;
 
     // The session.
+    bool mIsGone = false;
     std::optional<product::StreamConfiguration> mConfiguration;
     std::map<int32_t, std::map<uint64_t, File>> mRegistry;
     std::map<uint64_t, std::shared_ptr<PlainGraphicBuffer>> mGraphicBuffers;
@@ -151,21 +145,9 @@ private:
     int mLockedCalls = 0;
     std::deque<PlainRequest> mTaken;
     std::deque<std::shared_ptr<PlainGraphicBuffer>> mHeld;
-    std::optional<Operation> mNested;
     MapperState mMapper = MapperState::Fine;
-    bool mCallsFail = false;
     bool mFlipped = false;
     int64_t mNow = 0;
 };
-
-/** Where a sequence's clock starts, and what of what is taken or looked at is kept at most. */
-constexpr int64_t kStartUs = 1700000000000000;
-constexpr size_t kMostTaken = 3;
-constexpr size_t kMostHeld = 2;
-
-// What both say of a step.
-std::string answered(const char* operation, int64_t value);
-std::string summaryOf(bool isReady, int descriptors, const MapperCalls& calls, int64_t mappings,
-                      const std::string& mapped, uint64_t bytes);
 
 }  // namespace testing_support
