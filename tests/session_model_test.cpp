@@ -23,7 +23,7 @@ uint64_t numberFrom(const char* variable, uint64_t otherwise) {
 TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {
     const Files files;
     const uint64_t first = numberFrom("FDSTREAM_MODEL_SEED", 0);
-    const uint64_t count = numberFrom("FDSTREAM_MODEL_SEQUENCES", 2000);
+    const uint64_t count = numberFrom("FDSTREAM_MODEL_SEQUENCES", 1000);
     for (uint64_t seed = first; seed < first + count; ++seed) {
         const Sequence sequence = sequenceOf(seed);
         if (disagreement(files, sequence).empty()) continue;
