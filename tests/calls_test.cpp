@@ -1,15 +1,15 @@
 // Calls between processes. Client and provider share this one here, so that a test sees both ends.
 
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <mutex>
 #include <thread>
 
 #include "host/limits.h"
+#include "model/files.h"
+#include "model/operation.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
 
@@ -23,49 +23,33 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_TRUE(remote->isRemote());
     EXPECT_TRUE(remote->ping().isOk());
     setUpStream();
+    const StreamConfiguration stream =
+        configurationOf(Operation{Kind::Configure, {0, 0, 0, 1, 1, 3, 66, 77, 88}});
+    expectStatus(remote->configure(stream), Status::OK);
     StreamConfiguration kept = {};
-    const StreamConfiguration sent = configurationOf(0);
     ASSERT_EQ(session->getConfiguration(kept), 0);
-    // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): both value-initialised, padding too
-    EXPECT_EQ(memcmp(&kept.streams[0], &sent.streams[0], sizeof(Stream)), 0);
-    EXPECT_EQ(kept.operationMode, sent.operationMode);
+    EXPECT_EQ(inWords(kept), inWords(stream));
 
-    native_handle_t* const fence = native_handle_create(2, 3);
-    for (int* const fd : {&fence->data[0], &fence->data[1]})
-        *fd = eventfd(0, EFD_CLOEXEC);
-    fence->data[4] = 77;
-    CaptureRequest request = requestFor(9, UINT64_MAX, buffer.handle());
-    request.fmqSettingsSize = 5;
-    request.settings = {1, 2, 3};
-    request.inputBuffer.bufferId = 8;
-    request.outputBuffers[0].acquireFence.setTo(fence, true);
-    expectStatus(remote->processCaptureRequest(request), Status::OK);
-    const CaptureRequest taken = take();
-    EXPECT_EQ(taken.frameNumber, 9U);
-    EXPECT_EQ(taken.fmqSettingsSize, 5U);
-    EXPECT_TRUE(taken.settings == request.settings);
-    EXPECT_EQ(taken.inputBuffer.streamId, -1);
-    EXPECT_EQ(taken.inputBuffer.bufferId, 8U);
-    ASSERT_NE(taken.outputBuffers[0].acquireFence.getNativeHandle(), nullptr);
-    EXPECT_EQ(taken.outputBuffers[0].acquireFence->numFds, 2);
-    EXPECT_EQ(taken.outputBuffers[0].acquireFence->data[4], 77);
-
-    CaptureResult result = resultFor(taken);
-    result.fmqResultSize = 6;
-    result.result = {4, 5};
-    result.partialResult = 1;
-    session->sendCaptureResult(result);
-    const CaptureResult came = deliveries.waitFor(1)[0].result;
-    EXPECT_EQ(came.frameNumber, 9U);
-    EXPECT_EQ(came.fmqResultSize, 6U);
-    EXPECT_TRUE(came.result == result.result);
-    EXPECT_EQ(came.partialResult, 1U);
-    EXPECT_EQ(came.outputBuffers[0].bufferId, UINT64_MAX);
-    EXPECT_EQ(came.outputBuffers[0].acquireFence->numFds, 2);
+    const Files files;
+    const PlainRequest request = {9,
+                                  1ULL << 40 | 5,
+                                  "abc",
+                                  {3, UINT64_MAX - 1, 'B', 1, 'f', 'g'},
+                                  {{0, UINT64_MAX, 'A', 1, 'g', 'f'}}};
+    expectStatus(remote->processCaptureRequest(files.recordOf(request)), Status::OK);
+    EXPECT_EQ(inWords(files.plainOf(take())), inWords(request));
+    const PlainResult result = {8,
+                                1ULL << 41 | 6,
+                                "de",
+                                {{4, 7, 'C', 0, 'f', '-'}, {5, 8, '-', 1, '-', 'g'}},
+                                {6, 9, 'D', 1, 'g', 'f'},
+                                3};
+    session->sendCaptureResult(files.recordOf(result));
+    EXPECT_EQ(inWords(files.plainOf(deliveries.waitFor(1)[0].result)), inWords(result));
     FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     session->sendNotify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);
-    EXPECT_EQ(memcmp(&deliveries.notified()[0], &msg, sizeof(msg)), 0);
+    EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
 TEST_F(CallsTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {

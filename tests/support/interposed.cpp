@@ -1,6 +1,7 @@
 #include "support/interposed.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -9,7 +10,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <condition_variable>
+#include <cstdarg>
 #include <ctime>
 #include <functional>
 #include <mutex>
@@ -23,6 +26,7 @@ namespace {
 constexpr useconds_t kFrameSourcePauseUs = 50000;
 
 std::atomic<bool> hasOneInodeNumber{false};
+std::atomic<int> duplicatesLeft{INT_MAX};
 
 struct State {
     std::mutex mutex;
@@ -176,6 +180,14 @@ bool CloseGate::waitUntilHeld(int count) {
                                [&] { return mHeld >= count; });
 }
 
+void FewDuplicates::limitTo(int count) {
+    duplicatesLeft = count;
+}
+
+void FewDuplicates::lift() {
+    duplicatesLeft = INT_MAX;
+}
+
 OneInodeNumber::OneInodeNumber() {
     hasOneInodeNumber = true;
 }
@@ -193,6 +205,24 @@ extern "C" int close(int fd) {
     static auto* const next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
     testing_support::tellOfClose(fd);
     return next(fd);
+}
+
+// Whatever comes third is passed on as the widest of what it may be.
+extern "C" int fcntl(int fd, int command, ...) {
+    static auto* const next = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
+    va_list list;
+    va_start(list, command);
+    const long argument = va_arg(list, long);
+    va_end(list);
+    std::atomic<int>& left = testing_support::duplicatesLeft;
+    if (command != F_DUPFD_CLOEXEC || left == INT_MAX) return next(fd, command, argument);
+    if (left == 0) {
+        errno = EMFILE;
+        return -1;
+    }
+    const int made = next(fd, command, argument);
+    if (made >= 0) --left;
+    return made;
 }
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)

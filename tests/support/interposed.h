@@ -6,8 +6,9 @@
 #include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep(), close() and statx(): a program's symbols win
- * over the library's, and the product cannot tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep(), close(), fcntl() and statx(): a program's
+ * symbols win over the library's, and the product cannot tell. Everything here may be called from
+ * any thread.
  */
 namespace testing_support {
 
@@ -74,6 +75,19 @@ private:
     bool mIsOpen = false;
     // Goes first: nobody is held any more when the rest goes.
     CloseWatch mWatch;
+};
+
+/** Lets duplicating a descriptor fail, once told to; no longer than the scope of this object. */
+class FewDuplicates {
+public:
+    FewDuplicates() = default;
+    ~FewDuplicates() { lift(); }
+    FewDuplicates(const FewDuplicates&) = delete;
+    FewDuplicates& operator=(const FewDuplicates&) = delete;
+
+    /** So many duplicates can be made from now on; then there are no descriptors left. */
+    void limitTo(int count);
+    void lift();
 };
 
 /** Gives all files one inode number, and each a time of birth of its own, for this scope. */

@@ -31,6 +31,7 @@ public:
         if (failTransport) return failure();
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
+            if (onImport) onImport(buffer);
             answer(error == Error::NONE ? answered : error, buffer);
         });
     }
@@ -38,6 +39,7 @@ public:
     Return<Error> freeBuffer(void* buffer) override {
         pause();
         freed.push_back(buffer);
+        if (onFree) onFree(buffer);
         if (failTransport) return failure();
         return mReal->freeBuffer(buffer);
     }
@@ -71,7 +73,9 @@ public:
     Error error = Error::NONE;  ///< for imports
     bool failTransport = false;
     Handle releaseFence;
-    std::function<void()> during;  ///< runs once, inside the next call
+    std::function<void()> during;         ///< runs once, inside the next call
+    std::function<void(void*)> onImport;  ///< told of each, null for a failed one
+    std::function<void(void*)> onFree;    ///< told before it happens
 
     std::vector<void*> imported;
     std::vector<void*> freed;

@@ -1,0 +1,55 @@
+// The session against a model of it, in random sequences of what all its users and bad luck do.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "model/compare.h"
+#include "model/files.h"
+
+namespace testing_support {
+
+namespace {
+
+uint64_t numberFrom(const char* variable, uint64_t otherwise) {
+    const char* const text = getenv(variable);
+    return text != nullptr ? std::stoull(text) : otherwise;
+}
+
+}  // namespace
+
+// FDSTREAM_MODEL_SEQUENCES and FDSTREAM_MODEL_SEED choose how many, and which is the first.
+TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {
+    const Files files;
+    const uint64_t first = numberFrom("FDSTREAM_MODEL_SEED", 0);
+    const uint64_t count = numberFrom("FDSTREAM_MODEL_SEQUENCES", 1000);
+    for (uint64_t seed = first; seed < first + count; ++seed) {
+        const Sequence sequence = sequenceOf(seed);
+        if (disagreement(files, sequence).empty()) continue;
+        const Sequence shortest = shrunk(
+            sequence, [&](const Sequence& tried) { return !disagreement(files, tried).empty(); });
+        FAIL() << "seed " << seed << ", " << disagreement(files, shortest) << asCode(shortest);
+    }
+}
+
+TEST(SessionModelTest, ShrinksToWhatMatters) {
+    const auto holds = [](const Sequence& sequence) {
+        bool isPainted = false;
+        for (const Operation& operation : sequence) {
+            if (isPainted && operation.kind == Kind::Pass && operation.args[3] > 9) return true;
+            isPainted |= operation.kind == Kind::Paint;
+        }
+        return false;
+    };
+    uint64_t seed = 1;
+    while (!holds(sequenceOf(seed)))
+        ++seed;
+    const Sequence shortest = shrunk(sequenceOf(seed), holds);
+    ASSERT_EQ(shortest.size(), 2U);
+    EXPECT_EQ(shortest[0].kind, Kind::Paint);
+    EXPECT_EQ(shortest[1].args[0] + shortest[1].args[1], 0);
+    EXPECT_GT(shortest[1].args[3], 9);
+}
+
+}  // namespace testing_support
