@@ -140,7 +140,7 @@ void SessionDriver::freeRest() {
     mImports.clear();
 }
 
-Side::Counts SessionDriver::counts() {
+Subject::Counts SessionDriver::counts() {
     const host::MapperCounters now = host::mapperCounters();
     const host::MapperCounters& before = mCountersBefore;
     uint64_t bytes = 0;

@@ -12,7 +12,7 @@
 #include "host/log.h"
 #include "host/mapper.h"
 #include "model/files.h"
-#include "model/side.h"
+#include "model/subject.h"
 #include "support/interposed.h"
 #include "support/spy_mapper.h"
 
@@ -22,7 +22,7 @@ namespace testing_support {
  * The session itself, whose thread's start is refused: the passes are made here, on one thread.
  * There can be one at a time.
  */
-class SessionDriver : public Side, private host::LogSink {
+class SessionDriver : public Subject, private host::LogSink {
 public:
     SessionDriver(const Files& files, SpyMapper3& mapper);
     ~SessionDriver() override;

@@ -48,7 +48,7 @@ void SessionModel::drop() {
     }
 }
 
-Side::Counts SessionModel::counts() {
+Subject::Counts SessionModel::counts() {
     int descriptors = mPlatform.descriptors();
     for (const Waiting& waiting : mRequests)
         descriptors += handlesOf(waiting.request.outputs, waiting.request.input);

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "model/side.h"
+#include "model/subject.h"
 
 namespace testing_support {
 
@@ -58,7 +58,7 @@ private:
 };
 
 /** What a session should do, told as plainly as can be: no thread, no lock, no handle. */
-class SessionModel : public Side {
+class SessionModel : public Subject {
 public:
     explicit SessionModel(Memories memories) : mPlatform(std::move(memories)) {}
 

@@ -28,9 +28,9 @@ struct MapperCalls {
  * What a sequence is played on: the session, or the model of it. Carries operations out, and says
  * what could be seen of each in the same words for both.
  */
-class Side {
+class Subject {
 public:
-    virtual ~Side() = default;
+    virtual ~Subject() = default;
 
     Events begin();
     Events step(const Operation& operation);

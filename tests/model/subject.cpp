@@ -1,4 +1,4 @@
-#include "model/side.h"
+#include "model/subject.h"
 
 #include <utility>
 
@@ -15,19 +15,19 @@ uint8_t paintOf(const Operation& operation, size_t offset) {
     return static_cast<uint8_t>(operation.args[1] + offset * 7 + offset / 9);
 }
 
-Events Side::begin() {
+Events Subject::begin() {
     setClock(mNow);
     make();
     return seen();
 }
 
-Events Side::step(const Operation& operation) {
+Events Subject::step(const Operation& operation) {
     carryOut(operation);
     if (operation.kind != Kind::LimitDuplicates) limitDuplicates(std::nullopt);
     return seen();
 }
 
-Events Side::end() {
+Events Subject::end() {
     mNested.reset();
     letGoOfHeld();
     drop();
@@ -37,7 +37,7 @@ Events Side::end() {
     return seen();
 }
 
-Events Side::seen() {
+Events Subject::seen() {
     const Counts now = counts();
     say(words("ready", int{now.isReady}, "descriptors", now.descriptors, "imports",
               now.calls.imports, "frees", now.calls.frees, "locks", now.calls.locks, "unlocks",
@@ -46,20 +46,20 @@ Events Side::seen() {
     return std::exchange(mEvents, {});
 }
 
-void Side::carryOutNested() {
+void Subject::carryOutNested() {
     if (const std::optional<Operation> nested = std::exchange(mNested, std::nullopt)) {
         carryOut(*nested);
     }
 }
 
-void Side::carryOut(const Operation& operation) {
+void Subject::carryOut(const Operation& operation) {
     if (operation.kind <= Kind::Submit) return carryOutClients(operation);
     if (operation.kind < Kind::SetObserver) return carryOutProviders(operation);
     if (operation.kind < Kind::StepClock) return carryOutScenes(operation);
     carryOutWorlds(operation);
 }
 
-void Side::carryOutClients(const Operation& operation) {
+void Subject::carryOutClients(const Operation& operation) {
     switch (operation.kind) {
         case Kind::SetCallback:
             return sayAnswer("setCallback", setCallback(operation.args[0] % 4));
@@ -70,7 +70,7 @@ void Side::carryOutClients(const Operation& operation) {
     }
 }
 
-void Side::carryOutProviders(const Operation& operation) {
+void Subject::carryOutProviders(const Operation& operation) {
     switch (operation.kind) {
         case Kind::Take: {
             const std::optional<PlainRequest> taken = take();
@@ -103,7 +103,7 @@ void Side::carryOutProviders(const Operation& operation) {
     }
 }
 
-void Side::carryOutScenes(const Operation& operation) {
+void Subject::carryOutScenes(const Operation& operation) {
     switch (operation.kind) {
         case Kind::SetObserver:
             return setObserver(operation.args[0] % 3);
@@ -130,7 +130,7 @@ void Side::carryOutScenes(const Operation& operation) {
     }
 }
 
-void Side::carryOutWorlds(const Operation& operation) {
+void Subject::carryOutWorlds(const Operation& operation) {
     const uint8_t arg = operation.args[0];
     switch (operation.kind) {
         case Kind::StepClock:
