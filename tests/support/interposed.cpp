@@ -1,6 +1,7 @@
 #include "support/interposed.h"
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -23,6 +24,7 @@ namespace {
 constexpr useconds_t kFrameSourcePauseUs = 50000;
 
 std::atomic<bool> hasOneInodeNumber{false};
+thread_local std::function<void(timespec& deadline)> beforeWaiting;
 
 struct State {
     std::mutex mutex;
@@ -176,6 +178,14 @@ bool CloseGate::waitUntilHeld(int count) {
                                [&] { return mHeld >= count; });
 }
 
+BeforeWaiting::BeforeWaiting(std::function<void(timespec& deadline)> before) {
+    beforeWaiting = std::move(before);
+}
+
+BeforeWaiting::~BeforeWaiting() {
+    beforeWaiting = nullptr;
+}
+
 OneInodeNumber::OneInodeNumber() {
     hasOneInodeNumber = true;
 }
@@ -223,6 +233,14 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
+                                      pthread_mutex_t* __restrict mutex,
+                                      const timespec* __restrict time) {
+    timespec deadline = *time;
+    if (testing_support::beforeWaiting) testing_support::beforeWaiting(deadline);
+    return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
 }
 
 extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,

@@ -2,11 +2,13 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep(), close() and statx(): a program's symbols win
+ * The test program's own gettimeofday(), usleep(), close(), statx() and
+ * pthread_cond_timedwait(): a program's symbols win
  * over the library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
@@ -74,6 +76,18 @@ private:
     bool mIsOpen = false;
     // Goes first: nobody is held any more when the rest goes.
     CloseWatch mWatch;
+};
+
+/**
+ * Runs `before` in each wait of this thread that ends at a time of the wall clock, for the scope of
+ * this object. The mutex is held, and `before` may change when the wait ends.
+ */
+class BeforeWaiting {
+public:
+    explicit BeforeWaiting(std::function<void(timespec& deadline)> before);
+    ~BeforeWaiting();
+    BeforeWaiting(const BeforeWaiting&) = delete;
+    BeforeWaiting& operator=(const BeforeWaiting&) = delete;
 };
 
 /** Gives all files one inode number, and each a time of birth of its own, for this scope. */
