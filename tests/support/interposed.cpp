@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -138,6 +139,12 @@ bool PauseGate::passOnce() {
         state().changed.notify_all();
     }
     return waitUntilPausing();
+}
+
+void PauseGate::open() {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().pausesAllowed = std::numeric_limits<int64_t>::max();
+    state().changed.notify_all();
 }
 
 CloseWatch::CloseWatch(int fd, std::function<void()> during) {

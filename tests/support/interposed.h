@@ -40,6 +40,8 @@ public:
     bool waitUntilPausing();
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
+    /** From now on pauses do not last. */
+    void open();
 };
 
 /** Runs `during` inside each close() of one file, on the closing thread; of one file at a time. */
