@@ -170,7 +170,7 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
 }
 
 TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
-    constexpr uint32_t kRequests = 200;
+    constexpr uint32_t kRequests = 60;
     writeFrames("a");
     configure(4, 64, 64);
     source = new FDSessionTest;

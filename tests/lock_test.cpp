@@ -8,12 +8,15 @@
 #include <utils/Thread.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "buffer_mapper.h"
 #include "closing.h"
+#include "holdings.h"
 #include "host/log.h"
 #include "host/mapper.h"
 #include "host/properties.h"
@@ -24,6 +27,7 @@
 #include "served_calls.h"
 #include "served_channel.h"
 #include "slot_reserve.h"
+#include "support/interposed.h"
 #include "support/session_fixture.h"
 #include "support/stress.h"
 
@@ -54,6 +58,17 @@ struct Recipient : public android::hardware::hidl_death_recipient {
         isTold.store(true, std::memory_order_relaxed);
     }
     std::atomic<bool> isTold{false};
+};
+
+/** Its end needs the channel, and the thread that waited for the peer's death. */
+struct Demanding : public Recipient {
+    Demanding(host::CallChannel& linked, int before) : channel(linked), threads(before) {}
+    ~Demanding() override {
+        EXPECT_FALSE(channel.unlinkToDeath(new Recipient));
+        EXPECT_TRUE(eventually([this] { return kit::Holdings::of().threads == threads; }));
+    }
+    host::CallChannel& channel;
+    const int threads;
 };
 
 }  // namespace
@@ -242,6 +257,17 @@ TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
                static_cast<void>(channels[i]->call(1, {}, [](host::Reader& /*reader*/) {}));
            }}},
          kChannels);
+}
+
+TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {
+    const Watchdog watchdog([] { return "unlinkToDeath"; }, std::chrono::seconds(20));
+    auto [one, other] = kit::socketPair();
+    host::CallChannel channel(std::move(one));
+    sp<Recipient> recipient = new Demanding(channel, kit::Holdings::of().threads);
+    ASSERT_TRUE(channel.linkToDeath(recipient, 0, nullptr));
+    // The caller's own reference goes meanwhile, so that the channel's is the last one.
+    const DuringWakeUp letGo([&recipient = recipient] { recipient.clear(); });
+    EXPECT_TRUE(channel.unlinkToDeath(recipient));
 }
 
 }  // namespace testing_support

@@ -70,7 +70,7 @@ TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
 
 TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
     const hidl_handle empty(native_handle_create(0, 0));
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 0; i < 30; ++i) {
         Deliveries told;
         sp<FDSessionImpl> owned = new FDSessionImpl;
         sp<FDSession> provided = owned;

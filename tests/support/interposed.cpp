@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -26,6 +27,7 @@ constexpr useconds_t kFrameSourcePauseUs = 50000;
 
 std::atomic<bool> hasOneInodeNumber{false};
 thread_local std::function<void(timespec& deadline)> beforeWaiting;
+thread_local std::function<void()> duringWakeUp;
 
 struct State {
     std::mutex mutex;
@@ -193,6 +195,14 @@ BeforeWaiting::~BeforeWaiting() {
     beforeWaiting = nullptr;
 }
 
+DuringWakeUp::DuringWakeUp(std::function<void()> during) {
+    duringWakeUp = std::move(during);
+}
+
+DuringWakeUp::~DuringWakeUp() {
+    duringWakeUp = nullptr;
+}
+
 OneInodeNumber::OneInodeNumber() {
     hasOneInodeNumber = true;
 }
@@ -240,6 +250,11 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int eventfd_write(int fd, eventfd_t value) {
+    if (testing_support::duringWakeUp) testing_support::duringWakeUp();
+    return write(fd, &value, sizeof(value)) == sizeof(value) ? 0 : -1;
 }
 
 extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,

@@ -7,7 +7,7 @@
 #include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep(), close(), statx() and
+ * The test program's own gettimeofday(), usleep(), close(), statx(), eventfd_write() and
  * pthread_cond_timedwait(): a program's symbols win
  * over the library's, and the product cannot tell. Everything here may be called from any thread.
  */
@@ -90,6 +90,15 @@ public:
     ~BeforeWaiting();
     BeforeWaiting(const BeforeWaiting&) = delete;
     BeforeWaiting& operator=(const BeforeWaiting&) = delete;
+};
+
+/** Runs `during` inside each eventfd_write() of this thread, for the scope of this object. */
+class DuringWakeUp {
+public:
+    explicit DuringWakeUp(std::function<void()> during);
+    ~DuringWakeUp();
+    DuringWakeUp(const DuringWakeUp&) = delete;
+    DuringWakeUp& operator=(const DuringWakeUp&) = delete;
 };
 
 /** Gives all files one inode number, and each a time of birth of its own, for this scope. */
