@@ -86,11 +86,7 @@ TEST(LockTest, IsKeptByPropertiesAndLog) {
     EXPECT_EQ(outer.count, 2 * kRounds);
     race({{"print", print},
           {"another print", print},
-          {"sink",
-           [](size_t) {
-               Counting inner;
-               const host::ScopedLogSink innerScope(inner);
-           }}},
+          {"capture", [](size_t) { const LogLines inner; }}},
          kRounds);
 
     host::LogCapture capture;
