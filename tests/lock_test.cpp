@@ -259,7 +259,8 @@ TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {
     const Watchdog watchdog([] { return "unlinkToDeath"; }, std::chrono::seconds(20));
     auto [one, other] = kit::socketPair();
     host::CallChannel channel(std::move(one));
-    sp<Recipient> recipient = new Demanding(channel, kit::Holdings::of().threads);
+    sp<android::hardware::hidl_death_recipient> recipient =
+        new Demanding(channel, kit::Holdings::of().threads);
     ASSERT_TRUE(channel.linkToDeath(recipient, 0, nullptr));
     // The caller's own reference goes meanwhile, so that the channel's is the last one.
     const DuringWakeUp letGo([&recipient = recipient] { recipient.clear(); });
