@@ -89,6 +89,8 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
     for (const auto& [name, place] : places) {
         SCOPED_TRACE(name);
         where = name;
+        for (int i = 0; i < 2; ++i)  // what the last place has left
+            pass();
         std::optional<Meanwhile> meanwhile;
         const Other expected = place.first;
         place.second([&, expected] {

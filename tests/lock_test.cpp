@@ -173,9 +173,12 @@ TEST(LockTest, IsKeptByWhatClosesLater) {
 TEST(LockTest, IsKeptByWhatIsServed) {
     using host::detail::ServedCalls;
     const sp<host::IBase> object = new host::IBase;
-    const auto watch = [&](size_t) { const host::ServedWatch scope(object); };
-    race({{"watch", watch},
-          {"another watch", watch},
+    std::vector<std::unique_ptr<host::ServedWatch>> watches(2 * kRounds);
+    const auto make = [&](size_t i) { watches[i] = std::make_unique<host::ServedWatch>(object); };
+    for (size_t i = 0; i < kRounds; ++i)
+        make(i);
+    race({{"watch", [&](size_t i) { make(kRounds + i); }},
+          {"let go", [&](size_t i) { watches[i].reset(); }},
           {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }}},
          kRounds);
     ServedCalls calls([](host::ServedEnd) {});
@@ -221,17 +224,24 @@ TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
     constexpr size_t kChannels = 20;
     std::vector<std::unique_ptr<host::CallChannel>> channels;
     std::vector<host::UniqueFd> peers;
-    std::vector<sp<Recipient>> recipients;
+    std::vector<Recipient*> told;
+    // Handed over as they are: a copy's count would order the threads.
+    std::vector<sp<android::hardware::hidl_death_recipient>> recipients;
     for (size_t i = 0; i < kChannels; ++i) {
         auto [one, other] = kit::socketPair();
         channels.push_back(std::make_unique<host::CallChannel>(std::move(one)));
         peers.push_back(std::move(other));
-        recipients.push_back(new Recipient);
+        told.push_back(new Recipient);
+        recipients.emplace_back(told.back());
     }
-    const sp<Recipient> never = new Recipient;
+    const sp<android::hardware::hidl_death_recipient> never = new Recipient;
     race({{"link", [&](size_t) { channels[0]->linkToDeath(never, 0, nullptr); }},
           {"another link", [&](size_t) { channels[0]->linkToDeath(never, 0, nullptr); }},
-          {"unlink", [&](size_t) { channels[0]->unlinkToDeath(never); }}},
+          {"unlink",
+           [&](size_t) {
+               while (!channels[0]->unlinkToDeath(never))
+                   std::this_thread::yield();
+           }}},
          kChannels);
     while (channels[0]->unlinkToDeath(never)) {
     }
@@ -240,7 +250,7 @@ TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
     race({{"die", [&](size_t i) { peers[i].reset(); }},
           {"unlink when told",
            [&](size_t i) {
-               while (!recipients[i]->isTold.load(std::memory_order_relaxed))
+               while (!told[i]->isTold.load(std::memory_order_relaxed))
                    std::this_thread::yield();
                EXPECT_FALSE(channels[i]->unlinkToDeath(recipients[i]));
            }},
