@@ -10,6 +10,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -51,6 +52,15 @@ struct Counting : public host::LogSink {
 struct Ending : public android::Thread {
     using Thread::run;
     bool threadLoop() override { return false; }
+};
+
+/** Runs, and has ended, while somebody else's run() takes the first reference. */
+struct Early : public Ending {
+    void onFirstRef() override {
+        run("early");
+        while (isRunning())
+            std::this_thread::yield();
+    }
 };
 
 /** Says that it was told without giving the other threads an order. */
@@ -161,6 +171,7 @@ TEST(LockTest, IsKeptByAThread) {
     race({{"run", run}, {"another run", run}}, kRounds / 10);
     race({{"run", run}, {"join", join}, {"another join", join}}, kRounds / 10);
     thread->join();
+    EXPECT_EQ((new Early)->run("late"), android::NO_ERROR);  // goes with its thread
 }
 
 TEST(LockTest, IsKeptByWhatClosesLater) {
@@ -203,9 +214,14 @@ TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
 
     host::RequestBounds bounds;
     const CaptureRequest request = requestFor(1, 1, nullptr);
-    const auto place = [&](size_t) { host::RequestBounds::Place(bounds, request).keep(); };
-    race({{"place", place},
-          {"another place", place},
+    std::vector<std::unique_ptr<host::RequestBounds::Place>> places(2 * kRounds);
+    const auto place = [&](size_t i) {
+        places[i] = std::make_unique<host::RequestBounds::Place>(bounds, request);
+    };
+    for (size_t i = 0; i < kRounds; ++i)
+        place(i);
+    race({{"place", [&](size_t i) { place(kRounds + i); }},
+          {"let go", [&](size_t i) { places[i].reset(); }},
           {"handedOver", [&](size_t) { bounds.handedOver(1); }},
           {"restart", [&](size_t) { bounds.restart(); }}},
          kRounds);
@@ -213,10 +229,13 @@ TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
     rlimit before = {};
     getrlimit(RLIMIT_NOFILE, &before);
     const auto serve = [](size_t) { const host::detail::SlotReserve reserve; };
-    race({{"serve", serve},
-          {"another serve", serve},
-          {"accept", [](size_t) { const host::detail::SlotReserve::Opened opened; }}},
-         kRounds);
+    race({{"serve", serve}, {"another serve", serve}}, kRounds);
+    std::optional<Meanwhile> other;
+    {
+        const host::detail::SlotReserve::Opened opened;
+        other.emplace([&] { serve(0); }, Other::WAITS);
+    }
+    other.reset();
     rlimit after = {};
     getrlimit(RLIMIT_NOFILE, &after);
     EXPECT_EQ(after.rlim_cur, before.rlim_cur);
