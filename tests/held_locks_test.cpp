@@ -34,19 +34,20 @@ struct GateSink : public host::LogSink {
 class HeldLocksTest : public DrivenSession {
 protected:
     ~HeldLocksTest() override { host::clearProperty("vendor.zoru.flipped"); }
+
+    void inObserver(const Probe& probe, const Probe& act) {
+        observer.inside = probe;
+        act();
+    }
+    void inClient(const Probe& probe, const Probe& act) {
+        callback->during = probe;
+        act();
+        callback->during = nullptr;
+    }
 };
 
 TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) {
     GateSink sink("unlock failed");
-    const auto inObserver = [this](const Probe& probe, const Probe& act) {
-        observer.inside = probe;
-        act();
-    };
-    const auto inClient = [this](const Probe& probe, const Probe& act) {
-        callback->during = probe;
-        act();
-        callback->during = nullptr;
-    };
     const std::map<std::string, std::pair<Other, std::function<void(const Probe&)>>> places = {
         {"onSceneControl",
          {Other::WAITS, [&](auto& p) { inObserver(p, [&] { session->setSceneControl({}); }); }}},
