@@ -1,12 +1,15 @@
 // The test frame source: a thread in the provider's place. Its pauses are gated, so nothing waits.
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 
 #include "FDSessionTest.h"
 #include "host/threads.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
+#include "support/stress.h"
 #include "temporary_folder.h"
 
 namespace testing_support {
@@ -164,6 +167,33 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     native_handle_delete(empty);
     EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
     EXPECT_EQ(deliveries.waitFor(4)[3].result.outputBuffers[0].status, BufferStatus::OK);
+}
+
+TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
+    constexpr uint32_t kRequests = 60;
+    writeFrames("a");
+    configure(4, 64, 64);
+    source = new FDSessionTest;
+    gate->open();
+    const host::Buffer small = allocate(64, 64);
+    const auto provide = [&](size_t) {
+        CaptureRequest request = {};
+        if (session->getProcessCaptureRequest(request) != 0) return;
+        session->sendCaptureResult(resultFor(request));
+    };
+    race({{"client", [&](size_t i) { submit(static_cast<uint32_t>(i), 4, small.handle()); }},
+          {"clock", [&](size_t i) { clock.stopAt(1 + static_cast<int64_t>(i) * 500000); }},
+          {"provider", provide},
+          {"another provider", provide},
+          {"another pass of the source", [&](size_t) { source->threadLoop(); }}},
+         kRequests);
+    std::vector<uint32_t> answered;
+    for (const auto& delivery : deliveries.waitFor(kRequests))
+        answered.push_back(delivery.result.frameNumber);
+    std::sort(answered.begin(), answered.end());
+    std::vector<uint32_t> submitted(kRequests);
+    std::iota(submitted.begin(), submitted.end(), 0);
+    EXPECT_EQ(answered, submitted);  // each one once
 }
 
 TEST_F(FrameSourceTest, EndsAfterThePassUnderWayWhenItIsLetGoOf) {

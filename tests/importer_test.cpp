@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
+#include <optional>
 
 #include "HandleImporter.h"
 #include "support/session_fixture.h"
 #include "support/spy_mapper.h"
+#include "support/stress.h"
 
 namespace testing_support {
 
@@ -18,7 +18,6 @@ using android::hardware::camera::common::V1_0::helper::YCbCrLayout;
 
 namespace {
 constexpr const char* kTag = "HandleImporter";
-enum class Other { WAITS, GOES_ON };
 }  // namespace
 
 template <typename Spy>
@@ -39,22 +38,10 @@ protected:
     /** What another thread's operation does when it comes while this one is inside the mapper. */
     void expectInside(const std::function<void()>& operation, Other expected,
                       const std::function<void()>& other) {
-        std::atomic<pid_t> id{0};
-        std::atomic<bool> isDone{false};
-        std::thread thread;
-        spy->during = [&] {
-            thread = std::thread([&] {
-                id = gettid();
-                other();
-                isDone = true;
-            });
-            EXPECT_TRUE(eventually(
-                [&] { return isDone || (expected == Other::WAITS && id != 0 && isAsleep(id)); }));
-            EXPECT_EQ(isDone, expected == Other::GOES_ON);
-        };
+        std::optional<Meanwhile> meanwhile;
+        spy->during = [&] { meanwhile.emplace(other, expected); };
         operation();
-        ASSERT_TRUE(thread.joinable());
-        thread.join();
+        EXPECT_TRUE(meanwhile.has_value());
     }
 
     const android::sp<Spy> spy = new Spy(real());

@@ -44,18 +44,6 @@ TEST_F(ResultsTest, DeliversOneAtATimeInOrderOnTheMonitorThread) {
     }
 }
 
-TEST_F(ResultsTest, DeliversWithoutWaitingOutItsIdleWait) {
-    // Each result is sent when the monitor lies in its wait of 50 ms: twenty of them, waited out,
-    // would take a second.
-    configure();
-    const auto start = std::chrono::steady_clock::now();
-    for (uint32_t frame = 0; frame < 20; ++frame) {
-        roundTrip(frame);
-        deliveries.waitFor(frame + 1);
-    }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-}
-
 TEST_F(ResultsTest, DropsAResultWithoutBuffersAndGoesOnAfterAFailedCall) {
     configure();
     host::setProperty("vendor.zoru.flipped", "true");

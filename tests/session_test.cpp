@@ -1,9 +1,12 @@
 // The session's life and its callback's, and what a new configuration keeps.
 
+#include <atomic>
+#include <cstdlib>
 #include <thread>
 
 #include "host/threads.h"
 #include "support/session_fixture.h"
+#include "support/stress.h"
 
 namespace testing_support {
 
@@ -47,6 +50,54 @@ TEST_F(SessionTest, DiesOnItsOwnThreadWhenThatDropsTheLastReference) {
     closed.unlock();
     EXPECT_EQ(deliveries.waitForDeath(), "CaptureRequestM");
     EXPECT_EQ(Status(client->configure(configurationOf(0))), Status::INTERNAL_ERROR);
+}
+
+TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
+    struct LettingGo : public Callback {
+        LettingGo(Deliveries& told, sp<FDSessionImpl>& dropped) : Callback(told), last(dropped) {}
+        ~LettingGo() override { last.clear(); }
+        sp<FDSessionImpl>& last;
+    };
+    Deliveries told;
+    host::failNextThreadStart();
+    sp<FDSessionImpl> last = new FDSessionImpl;
+    const sp<IFDSession> called = last->getInterface();
+    last->handleSetCallback(new LettingGo(deliveries, last));
+    EXPECT_EQ(Status(called->setCallback(new Callback(told))), Status::OK);
+    EXPECT_EQ(told.waitForDeath(), threadName());
+    EXPECT_EQ(called->getStrongCount(), 1);
+}
+
+TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
+    const hidl_handle empty(native_handle_create(0, 0));
+    for (int i = 0; i < 30; ++i) {
+        Deliveries told;
+        sp<FDSessionImpl> owned = new FDSessionImpl;
+        sp<FDSession> provided = owned;
+        sp<IFDSession> called = owned->getInterface();
+        owned->handleSetCallback(new Callback(told));
+        owned->handleConfigure(configurationOf(0));
+        const CaptureRequest request = requestFor(1, 1, empty);
+        ASSERT_EQ(owned->handleCaptureRequest(request), 0);
+        sp<GraphicBuffer> wrapped = owned->getBufferForId(1);
+        race({{"owner", [&](size_t) { owned.clear(); }},
+              {"graphics buffer", [&](size_t) { wrapped.clear(); }},
+              {"provider",
+               [&](size_t) {
+                   CaptureRequest taken = {};
+                   provided->getProcessCaptureRequest(taken);
+                   provided->sendCaptureResult(resultFor(taken));
+                   provided.clear();
+               }},
+              {"client",
+               [&](size_t) {
+                   EXPECT_TRUE(called->processCaptureRequest(request).isOk());
+                   called.clear();
+               }}},
+             1);
+        told.waitForDeath();
+    }
+    native_handle_delete(const_cast<native_handle_t*>(empty.getNativeHandle()));  // NOLINT
 }
 
 TEST_F(SessionTest, WithoutAThreadDeliversNothingAndDiesCleanly) {
@@ -132,6 +183,25 @@ TEST_F(SessionTest, GoesOnNotifyingAfterAFailedCall) {
     EXPECT_EQ(log.said(kSessionTag),
               Lines{"E sendNotify: notify transaction failed: Status(EX_TRANSACTION_FAILED): "
                     "'DEAD_OBJECT: the peer has closed the connection'"});
+}
+
+TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
+    // In a process of its own, which has no session yet.
+    const auto getFromFourThreads = [] {
+        LogLines log;
+        std::atomic<FDSession*> first{nullptr};
+        std::atomic<bool> isOne{true};
+        const Side get = {"getInstance", [&](size_t) {
+                              FDSession* const mine = FDSession::getInstance().get();
+                              FDSession* other = nullptr;
+                              if (!first.compare_exchange_strong(other, mine) && other != mine)
+                                  isOne = false;
+                          }};
+        race({get, get, get, get}, 1);
+        const bool once = log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1;
+        exit(isOne && once ? 0 : 1);
+    };
+    EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace testing_support

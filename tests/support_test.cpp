@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
 #include <string>
 #include <thread>
@@ -11,6 +12,7 @@
 #include "holdings.h"
 #include "support/log_lines.h"
 #include "support/session_fixture.h"
+#include "support/stress.h"
 
 namespace testing_support {
 
@@ -44,6 +46,19 @@ TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {
         const host::Buffer buffer = allocate(4, 4);
         EXPECT_NE(kit::Holdings::of().differenceFrom(before).find("mappings"), std::string::npos);
     }
+}
+
+TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
+    const auto getStuck = [] {
+        race({{"stuck",
+               [](size_t round) {
+                   while (round == 3)
+                       pause();
+               }},
+              {"quick", [](size_t) {}}},
+             5, std::chrono::milliseconds(500));
+    };
+    EXPECT_DEATH(getStuck(), "watchdog ends .*: stuck in round 3; quick ended; ");
 }
 
 }  // namespace testing_support

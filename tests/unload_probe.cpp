@@ -1,7 +1,8 @@
 // Loads the implementation library, uses it, and unloads it or exits, again and again and at random
 // moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
 //
-//   unload-probe LIBRARY unload|reconfigure|exit|fork|keep|inside|observer|track|stuck|lost|memory
+//   unload-probe LIBRARY
+//   unload|load|reconfigure|exit|fork|keep|inside|observer|track|stuck|lost|memory
 //                ROUNDS
 //
 // Exits with 0 when every round held; else a line says what did not.
@@ -46,7 +47,7 @@ constexpr kit::FrameSize kSize = {16, 8};
 
 std::atomic<pid_t> diedOn{0};
 
-/** Whether the monitor's next waits begin too late for a wake-up, and end only after an hour. */
+/** Whether the monitor's next waits begin too late for a wake-up. */
 std::atomic<bool> losesWakeUps{false};
 std::atomic<bool> isAboutToWait{false};
 
@@ -145,6 +146,25 @@ public:
         require(host::isAccepted(status), "configure was refused");
     }
 
+    /** From several threads, each with references of its own, until a moment before the end. */
+    void putUnderLoad() {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i) {
+            threads.emplace_back([session = mSession, client = mSession->getInterface()] {
+                for (int round = 0; round < 20; ++round) {
+                    require(client->processCaptureRequest(kit::requestFor(0, 0)).isOk(),
+                            "a request did not arrive");
+                    CaptureRequest taken = {};
+                    if (session->getProcessCaptureRequest(taken) == 0)
+                        session->sendCaptureResult(kit::resultFor(taken));
+                    session->setTrackControl({});
+                }
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
     void letGo() { mSession.clear(); }
 
     void exitInsideObserver(const std::string& mode) {
@@ -219,6 +239,7 @@ void runRounds(const std::string& library, const std::string& mode, int rounds) 
         const host::MapperCounters before = host::mapperCounters();
         Round round(library);
         round.use(buffers, mode);
+        if (mode == "load") round.putUnderLoad();
         if (mode == "reconfigure") round.configure();
         waitAMoment(random);
         round.unload();
@@ -265,8 +286,8 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
     if (losesWakeUps) {
         isAboutToWait = true;
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        deadline.tv_sec += 3600;  // as if the clock had been set back
     }
+    deadline.tv_sec += 3600;  // as if the clock had been set back: only a wake-up ends the wait
     return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
 }
 
@@ -274,7 +295,7 @@ int main(int argc, char** argv) {
     if (argc != 4) return 2;
     host::setStderrLogPriority(ANDROID_LOG_WARN);
     const std::string mode = argv[2];
-    if (mode == "unload" || mode == "reconfigure") {
+    if (mode == "unload" || mode == "load" || mode == "reconfigure") {
         runRounds(argv[1], mode, atoi(argv[3]));  // NOLINT(cert-err34-c)
     } else {
         leaveSession(argv[1], mode);

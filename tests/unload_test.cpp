@@ -31,7 +31,7 @@ int rounds() {
 }  // namespace
 
 TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
-    for (const std::string mode : {"unload", "reconfigure"}) {
+    for (const std::string mode : {"unload", "load", "reconfigure"}) {
         const Output output = probe(mode, rounds());
         EXPECT_EQ(output.exitCode, 0) << output.text;
         EXPECT_EQ(output.text, "") << mode;

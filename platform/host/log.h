@@ -39,9 +39,11 @@ private:
 };
 
 /** Keeps the lines of its scope. Any thread may ask while others write. */
-class LogCapture : private LogSink {
+class LogCapture {
 public:
-    LogCapture() : mScope(*this) {}
+    LogCapture() : mSink(*this), mScope(mSink) {}
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<LogLine> lines() const;
     /** The texts of one tag, or of all, in order. */
@@ -54,13 +56,24 @@ public:
     void clear();
 
 private:
-    void write(const LogLine& line) override;
+    /** Apart, so that nothing of it changes while another thread may still be writing. */
+    class Sink : public LogSink {
+    public:
+        explicit Sink(LogCapture& capture) : mCapture(capture) {}
+        void write(const LogLine& line) override { mCapture.add(line); }
+
+    private:
+        LogCapture& mCapture;
+    };
+
+    void add(const LogLine& line);
     int countLocked(const std::string& text) const;
 
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
     std::vector<LogLine> mLines;  // guarded by mMutex
-    ScopedLogSink mScope;         // last, so that it goes first: write() needs the rest
+    Sink mSink;
+    ScopedLogSink mScope;  // last, so that it goes first: its sink needs the rest
 };
 
 /** Writes no lines of a lower priority to stderr; sinks get all lines. By default none is left out.

@@ -69,9 +69,6 @@ Thread::~Thread() {
 status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     std::unique_lock<std::mutex> lock(mState->mutex);
     if (mState->running) return INVALID_OPERATION;
-    mState->changed.wait(lock, [this] { return !mState->joining; });
-    if (mState->joinable) pthread_detach(mState->handle);
-    mState->joinable = false;
 
     auto start = std::make_unique<Start<State>>();
     lock.unlock();  // the first reference runs onFirstRef(), which may call this object
@@ -80,10 +77,14 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     start->name = std::string(name != nullptr ? name : "").substr(0, kKernelNameLength);
     start->priority = priority;
     lock.lock();
+    mState->changed.wait(lock, [this] { return !mState->joining; });
     if (mState->running) {
         lock.unlock();
         return INVALID_OPERATION;  // another run() was faster; drops `start` without the lock
     }
+    // An earlier thread, perhaps one that another run() has started meanwhile.
+    if (mState->joinable) pthread_detach(mState->handle);
+    mState->joinable = false;
 
     mState->exitPending = false;
     mState->running = true;

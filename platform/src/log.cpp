@@ -134,7 +134,7 @@ void LogCapture::clear() {
     mLines.clear();
 }
 
-void LogCapture::write(const LogLine& line) {
+void LogCapture::add(const LogLine& line) {
     const std::lock_guard<std::mutex> lock(mMutex);
     mLines.push_back(line);
     mChanged.notify_all();

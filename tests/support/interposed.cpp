@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -15,6 +17,7 @@
 #include <cstdarg>
 #include <ctime>
 #include <functional>
+#include <limits>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -27,6 +30,8 @@ constexpr useconds_t kFrameSourcePauseUs = 50000;
 
 std::atomic<bool> hasOneInodeNumber{false};
 std::atomic<int> duplicatesLeft{INT_MAX};
+thread_local std::function<void(timespec& deadline)> beforeWaiting;
+thread_local std::function<void()> duringWakeUp;
 
 struct State {
     std::mutex mutex;
@@ -142,6 +147,12 @@ bool PauseGate::passOnce() {
     return waitUntilPausing();
 }
 
+void PauseGate::open() {
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    state().pausesAllowed = std::numeric_limits<int64_t>::max();
+    state().changed.notify_all();
+}
+
 CloseWatch::CloseWatch(int fd, std::function<void()> during) {
     const std::lock_guard<std::mutex> lock(watched().mutex);
     watched().file = fileOf(fd);
@@ -186,6 +197,22 @@ void FewDuplicates::limitTo(int count) {
 
 void FewDuplicates::lift() {
     duplicatesLeft = INT_MAX;
+}
+
+BeforeWaiting::BeforeWaiting(std::function<void(timespec& deadline)> before) {
+    beforeWaiting = std::move(before);
+}
+
+BeforeWaiting::~BeforeWaiting() {
+    beforeWaiting = nullptr;
+}
+
+DuringWakeUp::DuringWakeUp(std::function<void()> during) {
+    duringWakeUp = std::move(during);
+}
+
+DuringWakeUp::~DuringWakeUp() {
+    duringWakeUp = nullptr;
 }
 
 OneInodeNumber::OneInodeNumber() {
@@ -253,6 +280,19 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int eventfd_write(int fd, eventfd_t value) {
+    if (testing_support::duringWakeUp) testing_support::duringWakeUp();
+    return write(fd, &value, sizeof(value)) == sizeof(value) ? 0 : -1;
+}
+
+extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
+                                      pthread_mutex_t* __restrict mutex,
+                                      const timespec* __restrict time) {
+    timespec deadline = *time;
+    if (testing_support::beforeWaiting) testing_support::beforeWaiting(deadline);
+    return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
 }
 
 extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,

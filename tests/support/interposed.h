@@ -2,13 +2,14 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <ctime>
 #include <functional>
 #include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep(), close(), fcntl() and statx(): a program's
- * symbols win over the library's, and the product cannot tell. Everything here may be called from
- * any thread.
+ * The test program's own gettimeofday(), usleep(), close(), fcntl(), statx(), eventfd_write() and
+ * pthread_cond_timedwait(): a program's symbols win over the library's, and the product cannot
+ * tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -39,6 +40,8 @@ public:
     bool waitUntilPausing();
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
+    /** From now on pauses do not last. */
+    void open();
 };
 
 /** Runs `during` inside each close() of one file, on the closing thread; of one file at a time. */
@@ -88,6 +91,27 @@ public:
     /** So many duplicates can be made from now on; then there are no descriptors left. */
     void limitTo(int count);
     void lift();
+};
+
+/**
+ * Runs `before` in each wait of this thread that ends at a time of the wall clock, for the scope of
+ * this object. The mutex is held, and `before` may change when the wait ends.
+ */
+class BeforeWaiting {
+public:
+    explicit BeforeWaiting(std::function<void(timespec& deadline)> before);
+    ~BeforeWaiting();
+    BeforeWaiting(const BeforeWaiting&) = delete;
+    BeforeWaiting& operator=(const BeforeWaiting&) = delete;
+};
+
+/** Runs `during` inside each eventfd_write() of this thread, for the scope of this object. */
+class DuringWakeUp {
+public:
+    explicit DuringWakeUp(std::function<void()> during);
+    ~DuringWakeUp();
+    DuringWakeUp(const DuringWakeUp&) = delete;
+    DuringWakeUp& operator=(const DuringWakeUp&) = delete;
 };
 
 /** Gives all files one inode number, and each a time of birth of its own, for this scope. */

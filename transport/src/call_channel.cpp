@@ -57,8 +57,9 @@ public:
         mShared->recipient = recipient;
     }
     ~DeathWatch() {
+        sp<hidl_death_recipient> cancelled;  // may be the last one, so it goes after the lock
         const std::lock_guard<std::mutex> lock(mShared->mutex);
-        mShared->recipient = nullptr;
+        std::swap(cancelled, mShared->recipient);
         if (mShared->stop.isValid()) eventfd_write(mShared->stop.get(), 1);
     }
     DeathWatch(const DeathWatch&) = delete;

@@ -1,0 +1,102 @@
+// Who is inside which observer, and who waits for it.
+
+#include <gtest/gtest.h>
+
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "FDSession.h"
+#include "support/stress.h"
+
+namespace testing_support {
+
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::ISceneCallback;
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::ObserverCalls;
+using SessionLock = ObserverCalls::SessionLock;
+
+namespace {
+
+/** A call on a thread of its own, under way until this object goes. */
+class UnderWay {
+public:
+    UnderWay(ObserverCalls& calls, const ISceneCallback* observer)
+        : mThread([this, &calls, observer] {
+              const ObserverCalls::Scope scope(calls, observer, SessionLock::FREE);
+              mBegun.set_value();
+              mEnd.get_future().wait();
+          }) {
+        mBegun.get_future().wait();
+    }
+    ~UnderWay() {
+        mEnd.set_value();
+        mThread.join();
+    }
+    UnderWay(const UnderWay&) = delete;
+    UnderWay& operator=(const UnderWay&) = delete;
+
+private:
+    std::promise<void> mBegun;
+    std::promise<void> mEnd;
+    std::thread mThread;
+};
+
+/** Observers are told apart by their addresses alone. */
+const ISceneCallback* observerAt(const int& place) {
+    return reinterpret_cast<const ISceneCallback*>(&place);
+}
+
+}  // namespace
+
+class ObserverCallsTest : public testing::Test {
+protected:
+    void waitFor(const ISceneCallback* current) { calls.waitForOthersThan(current); }
+
+    const Watchdog watchdog{[] { return "a wait for calls of observers"; },
+                            std::chrono::seconds(20)};
+    const int places[2] = {};
+    const ISceneCallback* const one = observerAt(places[0]);
+    const ISceneCallback* const other = observerAt(places[1]);
+    ObserverCalls calls;
+};
+
+TEST_F(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
+    std::optional<UnderWay> early(std::in_place, calls, one);
+    std::optional<UnderWay> late(std::in_place, calls, other);
+    const Meanwhile first([this] { waitFor(nullptr); }, Other::WAITS);
+    const Meanwhile second([this] { waitFor(nullptr); }, Other::WAITS);
+    const Meanwhile satisfied([this] { waitFor(other); }, Other::WAITS);
+    const UnderWay later(calls, one);  // which nobody waits for
+    {
+        // Their own records end here, the latest first, while those of others stay.
+        const ObserverCalls::Scope outer(calls, one, SessionLock::HELD);
+        {
+            const ObserverCalls::Scope inner(calls, other, SessionLock::FREE);
+            waitFor(nullptr);  // not from inside
+        }
+        EXPECT_TRUE(calls.isInsideLocked());
+        Meanwhile([this] { EXPECT_FALSE(calls.isInsideLocked()); }, Other::GOES_ON);
+    }
+    EXPECT_FALSE(calls.isInsideLocked());
+    first.expect(Other::WAITS);
+    early.reset();
+    satisfied.expect(Other::GOES_ON);
+    first.expect(Other::WAITS);
+    late.reset();
+    first.expect(Other::GOES_ON);
+    second.expect(Other::GOES_ON);
+    waitFor(one);
+}
+
+TEST_F(ObserverCallsTest, MayBeUsedByAllThreadsAtOnce) {
+    const auto call = [this](size_t) {
+        const ObserverCalls::Scope scope(calls, one, SessionLock::FREE);
+    };
+    race({{"call", call},
+          {"another call", call},
+          {"waitForOthersThan", [this](size_t) { waitFor(nullptr); }},
+          {"isInsideLocked", [this](size_t) { EXPECT_FALSE(calls.isInsideLocked()); }}},
+         500);
+}
+
+}  // namespace testing_support

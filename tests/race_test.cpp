@@ -1,0 +1,137 @@
+// Each operation of the session against those that touch the same, over and over, for the thread
+// sanitizer; and against one that has the session locked.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/properties.h"
+#include "support/driven_session.h"
+
+namespace testing_support {
+
+namespace {
+
+SceneControl sceneOf(int i) {
+    SceneControl scene = {};
+    scene.crops.resize(static_cast<size_t>(i % 3));
+    scene.peopleCount = i;
+    return scene;
+}
+
+TrackControl trackOf(int i) {
+    TrackControl track = {};
+    track.timestampNs = i;
+    return track;
+}
+
+uint64_t idOf(int i) {
+    return static_cast<uint64_t>(i % 5);
+}
+
+}  // namespace
+
+class RaceTest : public DrivenSession {
+protected:
+    using Operation = std::function<void(int)>;
+
+    static void SetUpTestSuite() { FDSession::getInstance(); }
+    ~RaceTest() override { host::clearProperty("vendor.zoru.flipped"); }
+
+    template <typename Record, typename Result>
+    Operation get(Result (FDSession::*operation)(Record&)) {
+        return [this, operation](int) {
+            Record record = {};
+            (session.get()->*operation)(record);
+        };
+    }
+    void replaceObserver() {
+        // Whoever has replaced an observer may destroy it at once.
+        auto next = std::make_unique<Observer>(*session);
+        session->setSceneCallback(next.get());
+        replaced = std::move(next);
+    }
+    std::unique_ptr<Observer> replaced;
+    const std::map<std::string, Operation> operations = {
+        {"getInstance", [](int) { FDSession::getInstance(); }},
+        {"getInterface", [this](int) { session->getInterface(); }},
+        {"setCallback",
+         [this](int i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
+        {"configure", [this](int) { session->handleConfigure(configurationOf(0)); }},
+        {"processCaptureRequest", [this](int i) { submit(1, idOf(i)); }},
+        {"getBufferForId", [this](int i) { session->getBufferForId(idOf(i)); }},
+        {"getConfiguration", get(&FDSession::getConfiguration)},
+        {"getProcessCaptureRequest", get(&FDSession::getProcessCaptureRequest)},
+        {"isCaptureRequestReady", [this](int) { session->isCaptureRequestReady(); }},
+        {"sendNotify", get(&FDSession::sendNotify)},
+        {"sendCaptureResult", [this](int i) { session->sendCaptureResult(resultOf(idOf(i))); }},
+        {"setSceneControl", [this](int i) { session->setSceneControl(sceneOf(i)); }},
+        {"getSceneControl", get(&FDSession::getSceneControl)},
+        {"getPeopleCount", [this](int) { session->getPeopleCount(); }},
+        {"setTrackingMode",
+         [this](int i) { session->setTrackingMode(static_cast<TrackingMode>((i + 1) % 2)); }},
+        {"getTrackingMode", [this](int) { session->getTrackingMode(); }},
+        {"setPTZControl", [this](int i) { session->setPTZControl(sceneOf(i)); }},
+        {"getPTZControl", get(&FDSession::getPTZControl)},
+        {"resetPTZScene", [this](int) { session->resetPTZScene(); }},
+        {"setTrackControl", [this](int i) { session->setTrackControl(trackOf(i)); }},
+        {"getTrackControl", get(&FDSession::getTrackControl)},
+        {"setSceneCallback", [this](int) { replaceObserver(); }},
+        {"pass", [this](int) { pass(); }}};
+};
+
+TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
+    const std::vector<std::vector<std::string>> races = {
+        {"setCallback", "sendNotify"},
+        {"setCallback", "sendCaptureResult", "pass"},
+        {"configure", "getBufferForId", "processCaptureRequest"},
+        {"configure", "processCaptureRequest", "sendCaptureResult", "pass"},
+        {"configure", "getConfiguration"},
+        {"processCaptureRequest", "isCaptureRequestReady", "getProcessCaptureRequest"},
+        {"setSceneCallback", "setSceneControl", "setPTZControl", "setTrackingMode",
+         "setTrackControl", "sendNotify"},
+        {"setSceneControl", "getSceneControl"},
+        {"setSceneControl", "getPeopleCount"},
+        {"setTrackingMode", "getTrackingMode"},
+        {"setPTZControl", "getPTZControl", "resetPTZScene"},
+        {"setTrackControl", "getTrackControl"}};
+    configure();
+    host::setProperty("vendor.zoru.flipped", "true");
+    const auto run = [&](const std::vector<std::string>& names, size_t rounds) {
+        std::vector<Side> sides;
+        for (const std::string& name : names)
+            sides.push_back({name, operations.at(name)});
+        race(sides, rounds);
+    };
+    for (const auto& names : races)
+        run(names, 300);
+    std::vector<std::string> all;
+    for (const auto& [name, operation] : operations)
+        all.push_back(name);
+    run(all, 100);
+}
+
+TEST_F(RaceTest, LetsAllButTwoOperationsWaitWhileTheSessionIsLocked) {
+    configure();
+    callback->during = [this] { EXPECT_FALSE(isInObserver); };
+    const auto expectWith = [&](const std::string& name, Other expected) {
+        SCOPED_TRACE(name);
+        where = name;
+        expectInObserver([this] { session->setSceneControl({}); }, expected,
+                         [&] { operations.at(name)(1); });
+    };
+    for (const auto& [name, operation] : operations) {
+        const bool needsNoLock = name == "isCaptureRequestReady" || name == "sendCaptureResult";
+        expectWith(name, needsNoLock ? Other::GOES_ON : Other::WAITS);
+    }
+    session->handleSetCallback(callback);
+    expectWith("sendNotify", Other::WAITS);
+    session->sendCaptureResult(resultOf(1));
+    const size_t before = deliveries.count();
+    expectWith("pass", Other::WAITS);  // with something to deliver, and before that nothing
+    EXPECT_GT(deliveries.count(), before);
+}
+
+}  // namespace testing_support
