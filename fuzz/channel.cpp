@@ -83,18 +83,28 @@ public:
                                        {[this](pid_t) { ++mCame; }, [this](pid_t) { ++mWent; }});
         fuzz::expect(mServer != nullptr, mProblem.c_str());
         mGood = connect();
-        mBefore = fuzz::openDescriptors();
+    }
+    /** Before an input, because the fuzzer opens descriptors of its own between two. */
+    void remember() { mBefore = fuzz::openDescriptors(); }
+    UniqueFd connectRaw() {
+        UniqueFd socket = kit::rawSocket();
+        fuzz::expect(kit::connectRaw(socket.get(), path), "cannot connect");
+        ++mConnections;
+        return socket;
     }
 
     /** After an input: nothing is left, and others are served as before. */
     void expectUnharmed() {
-        mServed->setCallback(nullptr).isOk();
+        expectConnectionsEnd();
+        // The last call of a connection that has ended may have set one.
+        fuzz::expect(host::isAccepted(mServed->setCallback(nullptr)), "no answer");
         fuzz::expect(host::isAccepted(mGood->configure({})), "another client is not served");
         if (++mInputs % 64 == 0) expectNewClient();
-        fuzz::expectSoon([this] { return mCame == mWent + 1; }, "a connection does not end");
+        expectConnectionsEnd();
         fuzz::expectOpen(mBefore);
     }
 
+    const fuzz::QuietLog quiet;
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
@@ -108,7 +118,13 @@ private:
     sp<IFDSession> connect() {
         sp<IFDSession> client = host::connect<IFDSession>(path, mProblem);
         fuzz::expect(client != nullptr && client->ping().isOk(), "no client can connect");
+        ++mConnections;
         return client;
+    }
+    /** All but the good client's. */
+    void expectConnectionsEnd() const {
+        fuzz::expectSoon([this] { return mCame == mConnections && mWent + 1 == mConnections; },
+                         "a connection does not end");
     }
     void expectNewClient() {
         const sp<IFDSession> client = connect();
@@ -127,6 +143,7 @@ private:
     std::unique_ptr<host::Server> mServer;
     sp<IFDSession> mGood;
     fuzz::Descriptors mBefore;
+    int mConnections = 0;
     int mInputs = 0;
 };
 
@@ -235,15 +252,12 @@ private:
         int sent = 0;
         while (sent < times && send(ping))
             ++sent;
-        while (sent-- > 0 && receive(ping)) {
+        while (mSocket.isValid() && sent-- > 0 && receive(ping)) {
         }
     }
 
     bool send(const Packet& packet) {
-        if (!mSocket.isValid()) {
-            mSocket = kit::rawSocket();
-            fuzz::expect(kit::connectRaw(mSocket.get(), house().path), "cannot connect");
-        }
+        if (!mSocket.isValid()) mSocket = house().connectRaw();
         answerEarly();
         const bool isSent =
             kit::sendRaw(mSocket.get(), packet.bytes.data(), packet.bytes.size(), packet.fds);
@@ -303,15 +317,13 @@ private:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    static const auto* const quiet = new fuzz::QuietLog;
-    (void)quiet;
-    House& unharmed = house();
+    house().remember();
     FuzzedDataProvider data(bytes, size);
     {
         Peer peer(data);
         for (int steps = 0; data.remaining_bytes() > 0 && steps < 16; ++steps)
             peer.step();
     }
-    unharmed.expectUnharmed();
+    house().expectUnharmed();
     return 0;
 }
