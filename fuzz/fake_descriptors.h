@@ -2,7 +2,9 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <thread>
 
 /**
  * Numbers that stand for descriptors, where only their way counts. A program that uses them has a
@@ -19,6 +21,15 @@ inline bool countClose(int fd) {
     if (fd < kFirstFake || index >= fakeCloses.size()) return false;
     ++fakeCloses[index];
     return true;
+}
+
+/** Waits for those that other threads close, but not for ever. */
+inline bool isClosedOnce(size_t index) {
+    if (fakeCloses[index] == 1) return true;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (fakeCloses[index] == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    return fakeCloses[index] == 1;
 }
 
 }  // namespace fuzz

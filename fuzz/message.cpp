@@ -69,7 +69,7 @@ void readWithFakes(fuzz::Served served, FuzzedDataProvider& data) {
         fuzz::readMessage(served, host::Peer::PROVIDER, messageFrom(data, fds.size()), fds);
     fuzz::expect(reading.fault == nullptr, reading.fault);
     for (size_t i = 0; i < fds.size(); ++i)
-        fuzz::expectSoon([i] { return fuzz::fakeCloses[i] == 1; }, "a descriptor is not closed");
+        fuzz::expect(fuzz::isClosedOnce(i), "a descriptor is not closed once");
 }
 
 void readWithKinds(fuzz::Served served, FuzzedDataProvider& data) {
