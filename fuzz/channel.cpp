@@ -241,6 +241,7 @@ private:
     }
 
     void call() {
+        answerEarly();
         Packet packet = packetOf(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
         spoil(packet);
         if (send(packet)) receive(packet);
@@ -258,7 +259,6 @@ private:
 
     bool send(const Packet& packet) {
         if (!mSocket.isValid()) mSocket = house().connectRaw();
-        answerEarly();
         const bool isSent =
             kit::sendRaw(mSocket.get(), packet.bytes.data(), packet.bytes.size(), packet.fds);
         mHandedOver.reset();
@@ -279,7 +279,8 @@ private:
     /** A call is answered, and everything else is the end. False at that. */
     bool receive(const Packet& packet) {
         pollfd entry = {mSocket.get(), POLLIN, 0};
-        fuzz::expect(poll(&entry, 1, 10000) > 0, "neither an answer nor an end");
+        // The fuzzer's own alarm may interrupt it.
+        fuzz::expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
         std::array<uint32_t, 64> words = {};
         const ssize_t size = recv(mSocket.get(), words.data(), sizeof(words), MSG_DONTWAIT);
         seeCallbacks();
