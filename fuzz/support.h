@@ -20,10 +20,10 @@ void expect(bool holds, const char* what);
 /** The numbers below 512 of the open descriptors, by one system call. */
 using Descriptors = std::bitset<512>;
 Descriptors openDescriptors();
-/** Waits for what other threads still do; a finding after 10 s. */
+/** Waits for what other threads still do; a finding after a minute. */
 template <typename Condition>
 void expectSoon(Condition condition, const char* what) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
     while (!condition()) {
         expect(std::chrono::steady_clock::now() < deadline, what);
         std::this_thread::yield();
