@@ -218,7 +218,8 @@ private:
         auto [mine, theirs] = kit::socketPair();
         mCallback = std::move(mine);
         mHandedOver = std::move(theirs);
-        mAnswers = mCallbacks = 0;
+        mCallbacks = 0;
+        mAnswers = 0;
         return mHandedOver.get();
     }
 

@@ -173,14 +173,14 @@ private:
     void putDescribed() {
         const Size size = sourceSize();
         const bool isEmpty = size.width < 1 || size.height < 1;
-        const auto stride = static_cast<size_t>(size.width + mData.ConsumeIntegralInRange(0, 9));
-        const auto rows = static_cast<size_t>(size.height + size.height / 2);
+        const auto [width, height] = std::pair<size_t, size_t>(size.width, size.height);
+        const size_t stride = width + mData.ConsumeIntegralInRange<size_t>(0, 9);
+        const size_t rows = height + height / 2;
         // Ends with the last row's last byte, so that one more is seen.
-        Bytes bytes(isEmpty ? 2 : stride * (rows - 1) + static_cast<size_t>(size.width) + 1);
+        Bytes bytes(isEmpty ? 2 : stride * (rows - 1) + width + 1);
         fillFrom(mData, bytes.data(), bytes.size());
         zoru_ycbcr frame(bytes.data(), size.width, size.height);
-        uint8_t* const chroma =
-            &bytes[isEmpty || size.height == 1 ? 0 : stride * static_cast<size_t>(size.height)];
+        uint8_t* const chroma = &bytes[isEmpty || size.height == 1 ? 0 : stride * height];
         frame.cb = chroma;
         frame.cr = chroma + 1;
         frame.ystride = frame.cstride = stride;
