@@ -47,16 +47,17 @@ Claim claimOf(const native_handle_t& handle) {
     const int64_t stride = words[STRIDE] != 0 ? words[STRIDE] : 2 * pairs;
     const int64_t usual = std::max(stride / 2 * step, pairs * step);
     const int64_t chromaStride = words[CHROMA_STRIDE] != 0 ? words[CHROMA_STRIDE] : usual;
+    const bool isWithinLimits = isWithin(width, 1, 1 << 15) && isWithin(height, 1, 1 << 15) &&
+                                isWithin(step, 1, 8) && isWithin(words[ORDER], 0, 1) &&
+                                isWithin(stride, width, 1 << 20) &&
+                                words[CHROMA_STRIDE] <= 1 << 20 && chromaStride >= pairs * step;
+    if (!isWithinLimits) return {};
     Claim claim;
     claim.width = width;
     claim.height = height;
     claim.chroma = stride * height;
     claim.total = claim.chroma + (step == 1 ? 2 : 1) * chromaStride * ((height + 1) / 2);
-    claim.isBuffer = isWithin(width, 1, 1 << 15) && isWithin(height, 1, 1 << 15) &&
-                     isWithin(step, 1, 8) && isWithin(words[ORDER], 0, 1) &&
-                     isWithin(stride, width, 1 << 20) && words[CHROMA_STRIDE] <= 1 << 20 &&
-                     chromaStride >= pairs * step &&
-                     claim.total <= static_cast<int64_t>(host::kMaxBufferBytes);
+    claim.isBuffer = claim.total <= static_cast<int64_t>(host::kMaxBufferBytes);
     return claim;
 }
 
