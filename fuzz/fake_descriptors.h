@@ -13,7 +13,7 @@
 namespace fuzz {
 
 constexpr int kFirstFake = 1 << 20;
-inline std::array<std::atomic<int>, 64> fakeCloses;
+inline std::array<std::atomic<int>, 66> fakeCloses;  // more than may come with one message
 
 /** Whether this is such a number; it then counts as closed once more. */
 inline bool countClose(int fd) {
