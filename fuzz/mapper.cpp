@@ -195,9 +195,12 @@ private:
     }
 
     void lock(Import& import) {
-        const auto side = [this](int64_t extent) {
-            return mData.ConsumeBool() ? static_cast<int32_t>(extent)
-                                       : mData.ConsumeIntegral<int32_t>();
+        const auto side = [&](int64_t extent) {
+            if (mData.ConsumeIntegral<uint8_t>() > 240) return mData.ConsumeIntegral<int32_t>();
+            const int64_t near[] = {extent, extent, 0, 1, import.claim.total};
+            constexpr int kBeside[] = {0, 0, 0, 1, -1};
+            return static_cast<int32_t>(mData.PickValueInArray(near)) +
+                   mData.PickValueInArray(kBeside);
         };
         const IMapper::Rect region = {side(0), side(0), side(import.claim.width),
                                       side(import.claim.height)};

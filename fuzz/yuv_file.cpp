@@ -38,9 +38,10 @@ struct Size {
 };
 
 Size sizeFrom(FuzzedDataProvider& data) {
-    if (data.ConsumeIntegral<uint8_t>() == 1)
-        return {data.ConsumeIntegral<int>(), data.ConsumeIntegral<int>()};
-    return {data.ConsumeIntegralInRange(0, 40), data.ConsumeIntegralInRange(0, 40)};
+    const auto kind = data.ConsumeIntegral<uint8_t>();
+    if (kind == 1) return {data.ConsumeIntegral<int>(), data.ConsumeIntegral<int>()};
+    const int most = kind > 250 ? 1 << 16 : 40;  // about where a product has too many bits
+    return {data.ConsumeIntegralInRange(0, most), data.ConsumeIntegralInRange(0, most)};
 }
 
 void fillFrom(FuzzedDataProvider& data, uint8_t* bytes, size_t size) {
