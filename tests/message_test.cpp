@@ -96,8 +96,8 @@ bool isTaken(const Message& message, size_t sent) {
 }  // namespace
 
 TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
-    // More than a million reads, which take half a second. With the checks of a sanitizer every 23rd
-    // second bit has to do.
+    // More than a million reads, which take half a second. With the checks of a sanitizer every
+    // 23rd second bit has to do.
     const size_t step = std::string(SANITIZERS).empty() ? 1 : 23;
     for (Message message : messages()) {
         SCOPED_TRACE(message.name);
