@@ -40,7 +40,7 @@ struct Size {
 Size sizeFrom(FuzzedDataProvider& data) {
     const auto kind = data.ConsumeIntegral<uint8_t>();
     if (kind == 1) return {data.ConsumeIntegral<int>(), data.ConsumeIntegral<int>()};
-    const int most = kind > 250 ? 1 << 16 : 40;  // about where a product has too many bits
+    const int most = kind > 250 ? 1 << 15 : 40;  // about where a product has too many bits
     return {data.ConsumeIntegralInRange(0, most), data.ConsumeIntegralInRange(0, most)};
 }
 
@@ -133,7 +133,9 @@ private:
     Size sourceSize() {
         const Size any = {mData.ConsumeIntegralInRange(-1, 40),
                           mData.ConsumeIntegralInRange(-1, 40)};
-        return mIsFrames && mData.ConsumeBool() ? mSize : any;
+        // No buffer is longer.
+        const bool isPossible = mIsFrames && std::max(mSize.width, mSize.height) <= 1 << 15;
+        return isPossible && mData.ConsumeBool() ? mSize : any;
     }
     host::Buffer bufferFor(Size size) {
         host::BufferGeometry geometry;
