@@ -58,33 +58,6 @@ TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
     EXPECT_EQ(*static_cast<uint8_t*>(planes.y), 7);
 }
 
-TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {
-    using android::hardware::graphics::mapper::V3_0::Error;
-    const auto mapper = host::realMapper3();
-    const host::Buffer buffer = allocate(64, 32);
-    void* imported = nullptr;
-    Error error = Error::NONE;
-    const auto keep = [&](Error answer, void* handle) { error = answer, imported = handle; };
-    ASSERT_TRUE(mapper->importBuffer(buffer.handle(), keep).isOk());
-    const auto lock = [&](int32_t left, int32_t top, int32_t width, int32_t height) {
-        EXPECT_TRUE(mapper
-                        ->lock(imported, 3, {left, top, width, height}, nullptr,
-                               [&](Error answer, void*, int32_t, int32_t) { error = answer; })
-                        .isOk());
-        return error;
-    };
-    EXPECT_EQ(lock(0, 0, 64, 32), Error::NONE);
-    EXPECT_EQ(lock(60, 31, 4, 1), Error::NONE);
-    EXPECT_EQ(lock(0, 0, 3072, 1), Error::NONE);  // all its bytes, as one row
-    EXPECT_EQ(lock(0, 0, 3073, 1), Error::BAD_VALUE);
-    EXPECT_EQ(lock(0, 0, 65, 2), Error::BAD_VALUE);
-    EXPECT_EQ(lock(-1, 0, 4, 4), Error::BAD_VALUE);
-    EXPECT_EQ(lock(1, 0, INT32_MAX, 2), Error::BAD_VALUE);
-    EXPECT_EQ(Error(mapper->freeBuffer(imported)), Error::NONE);
-    EXPECT_EQ(Error(mapper->freeBuffer(imported)), Error::BAD_BUFFER);
-    EXPECT_EQ(lock(0, 0, 4, 4), Error::BAD_BUFFER);
-}
-
 /** A handle of a buffer of 6144 bytes, for a test to put something else into. */
 class ForgedHandleTest : public testing::Test {
 protected:
@@ -121,22 +94,6 @@ protected:
     native_handle_t* const forged = native_handle_clone(buffer.handle());
     const host::MapperCounters before = host::mapperCounters();
 };
-
-TEST_F(ForgedHandleTest, IsRefusedWhenItsIntegersLie) {
-    EXPECT_TRUE(imports());
-    for (int word = 1; word <= 7; ++word) {
-        const int honest = std::exchange(forged->data[word], -1);
-        EXPECT_FALSE(imports()) << "word " << word;
-        forged->data[word] = honest;
-    }
-    const int height = std::exchange(forged->data[3], 66);  // beyond the file's size
-    EXPECT_FALSE(imports());
-    forged->data[3] = height;
-    forged->numInts -= 1;
-    EXPECT_FALSE(imports());
-    forged->numInts += 1;
-    EXPECT_EQ(host::mapperCounters().imports - before.imports, 1);
-}
 
 TEST_F(ForgedHandleTest, IsRefusedWhenItsFileIsNoSealedMemoryOrNotEnough) {
     EXPECT_TRUE(importsFile(memory(6144, F_SEAL_SHRINK)));

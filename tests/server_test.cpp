@@ -48,32 +48,13 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
         size_t fds;
         std::string said;
     };
-    // A request: frame number, settings size, settings, then the input buffer from byte 16 on.
-    std::vector<uint8_t> manyInts = message({kCall, kRequest, 1, 0}, 60);
-    manyInts[16 + 16 + 12] = 1;                    // the input buffer has a handle
-    memset(&manyInts[16 + 16 + 13 + 4], 0x7f, 4);  // of very many integers
-    std::vector<uint8_t> manyFds = manyInts;
-    manyFds[16 + 16 + 13] = 1;
-    memset(&manyFds[16 + 16 + 13 + 4], 0, 4);
-    std::vector<uint8_t> halfThere = message({kCall, kRequest, 1, 0}, 39);
-    halfThere[16 + 16 + 12] = 2;
     const Fault faults[] = {
         {"an empty message", {}, 0, kNoMessage},
         {"an empty message with descriptors", {}, 2, kNoMessage},
-        {"bytes of no kind", std::vector<uint8_t>(40, 0x55), 0, kNoMessage},
-        {"a truncated header", message({kCall, kConfigure}), 0, kNoMessage},
         {"an answer without a call", message({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
         {"no such method", message({kCall, 99, 1, 0}), 0, kNoSum},
-        {"a truncated record", message({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
-        {"a count that lies", message({kCall, kConfigure, 1, 0, 0xffffffff, 0}), 0, kNoSum},
-        {"a count beyond the bytes", message({kCall, kConfigure, 1, 0, 3, 0}, 72), 0, kNoSum},
-        {"bytes left over", message({kCall, kConfigure, 1, 0, 0, 0, 0}), 0, kNoSum},
-        {"a handle that is neither there nor not", halfThere, 0, kNoSum},
-        {"integers that are not there", manyInts, 0, kNoSum},
-        {"descriptors that are not there", manyFds, 0, kNoSum},
-        {"more descriptors than announced", message({kCall, kConfigure, 1, 1, 0, 0}), 2, kOthers},
+        {"a record that does not add up", message({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
         {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1, kOthers},
-        {"descriptors that no record owns", message({kCall, kConfigure, 1, 2, 0, 0}), 2, kNoSum},
         {"more than may cross at once", message({kCall, kConfigure, 1, 65, 0, 0}), 65,
          "too many descriptors"},
         {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),

@@ -73,12 +73,12 @@ Failure failureOf(int error) {
     }
 }
 
-Failure check(const msghdr& message, size_t size, const Header& header, const Incoming& in) {
+Failure check(int flags, size_t size, const Header& header, const Incoming& in) {
     if (in.fds.size() > kMaxMessageFds) return {FAILED_TRANSACTION, "too many descriptors"};
-    if ((message.msg_flags & MSG_CTRUNC) != 0) {
+    if ((flags & MSG_CTRUNC) != 0) {
         return {NO_MEMORY, "descriptors were lost on the way: no slot was free for them"};
     }
-    if ((message.msg_flags & MSG_TRUNC) != 0) return {FAILED_TRANSACTION, "message too long"};
+    if ((flags & MSG_TRUNC) != 0) return {FAILED_TRANSACTION, "message too long"};
     if (size < sizeof(Header)) return {FAILED_TRANSACTION, "bytes that are no message"};
     if (header.kind != Header::CALL && header.kind != Header::ANSWER &&
         header.kind != Header::REFUSED) {
@@ -128,6 +128,15 @@ bool setReceiveTimeout(int socket) {
     return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout)) == 0;
 }
 
+Failure parseMessage(const uint8_t* bytes, size_t length, int flags, Header& header, Incoming& in) {
+    if (length > 0) memcpy(&header, bytes, std::min(sizeof(header), length));
+    Failure fault = check(flags, length, header, in);
+    if (!fault.isOk()) return fault;
+    in.data = bytes + sizeof(header);
+    in.size = length - sizeof(header);
+    return {};
+}
+
 Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer, Incoming& in,
                        Deadline deadline, bool hasTimeout) {
     buffer.resize(kMaxMessageBytes);
@@ -162,12 +171,7 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
                 recv(socket, nullptr, 0, MSG_DONTWAIT);
             // An empty message looks like the end of the connection.
             if (length == 0 && in.fds.empty() && hasHungUp(socket)) return closedByPeer();
-            memcpy(&header, buffer.data(), std::min(sizeof(header), length));
-            Failure fault = check(message, length, header, in);
-            if (!fault.isOk()) return fault;
-            in.data = buffer.data() + sizeof(header);
-            in.size = length - sizeof(header);
-            return {};
+            return parseMessage(buffer.data(), length, message.msg_flags, header, in);
         }
         if (errno != EINTR && errno != EAGAIN) return failureOf(errno);
         waitsItself = !deadline;

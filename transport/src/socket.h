@@ -43,6 +43,13 @@ struct Header {
 [[nodiscard]] bool setReceiveTimeout(int socket);
 
 /**
+ * Takes apart what was received: these bytes, the kernel's flags for them, and the descriptors that
+ * `in` has already. `in` then points behind the header.
+ */
+[[nodiscard]] Failure parseMessage(const uint8_t* bytes, size_t length, int flags, Header& header,
+                                   Incoming& in);
+
+/**
  * Receives into `buffer`, which `in` then points into. Descriptors are close-on-exec and owned by
  * `in`, also after a failure. After any failure, malformed or lost data included, the channel must
  * not be received from again. With `hasTimeout`, for a socket that has setReceiveTimeout()'s, the
