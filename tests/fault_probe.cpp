@@ -1,0 +1,175 @@
+// Runs a scenario with one call of the provider's side failing, each in a process of its own: every
+// call that the scenario reaches, of every function that it may call.
+//
+//   fault-probe socket|direct|mapper2|source|file [CALL]
+//
+// Prints how many calls of each were made to fail. Exits with 1 and a line when something does not
+// hold: a client that is told nothing, a wrong frame, something left behind, a lock that is kept,
+// or no next frame when the fault is over.
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "fault_scenarios.h"
+
+namespace {
+
+using faults::Effect;
+using faults::Fault;
+using faults::Road;
+
+struct Scenario {
+    const char* name;
+    void (*run)(const Fault& fault, int n, Effect effect);
+};
+
+template <Road road, bool isOldMapper = false>
+void runSession(const Fault& fault, int n, Effect effect) {
+    faults::runSession(road, isOldMapper, fault, n, effect);
+}
+
+constexpr Scenario kScenarios[] = {
+    {"socket", runSession<Road::SOCKET>},
+    {"direct", runSession<Road::DIRECT>},
+    {"mapper2", runSession<Road::DIRECT, true>},
+    {"source", runSession<Road::SOURCE>},
+    {"file", [](const Fault& fault, int n, Effect /*effect*/) { faults::runFile(fault, n); }}};
+
+struct Row {
+    Fault fault;
+    Effect effect;
+};
+
+constexpr bool kOnce = false;
+constexpr bool kStays = true;
+
+constexpr Row kRows[] = {
+    {{"accept4", EMFILE, kOnce}, Effect::NONE},
+    {{"accept4", ECONNABORTED, kOnce}, Effect::NONE},
+    {{"accept4", EINTR, kOnce}, Effect::NONE},
+    {{"accept4", ENOMEM, kOnce}, Effect::NONE},
+    {{"accept4", EMFILE, kStays}, Effect::SILENCE},
+    {{"bind", EADDRINUSE, kOnce}, Effect::LOSS},
+    {{"chmod", EPERM, kOnce}, Effect::LOSS},
+    {{"eventfd", EMFILE, kOnce}, Effect::LOSS},
+    {{"fcntl", EMFILE, kOnce}, Effect::REFUSAL},
+    {{"fcntl", EMFILE, kStays}, Effect::REFUSAL},
+    {{"fflush", ENOSPC, kOnce}, Effect::REFUSAL},
+    {{"flock", EWOULDBLOCK, kOnce}, Effect::NONE},
+    {{"flock", EINTR, kOnce}, Effect::NONE},
+    {{"fopen", EMFILE, kOnce}, Effect::REFUSAL},
+    {{"fread", EIO, kOnce}, Effect::REFUSAL},
+    {{"fread", EIO, kStays}, Effect::REFUSAL},
+    {{"fseek", ESPIPE, kOnce}, Effect::REFUSAL},
+    {{"fwrite", ENOSPC, kOnce}, Effect::REFUSAL},
+    {{"getsockopt", ENOBUFS, kOnce}, Effect::LOSS},
+    {{"gettimeofday", 3600, kStays}, Effect::REFUSAL},
+    {{"gettimeofday", -3600, kStays}, Effect::NONE},
+    {{"listen", EADDRINUSE, kOnce}, Effect::LOSS},
+    {{"malloc", ENOMEM, kOnce}, Effect::END},
+    {{"malloc", ENOMEM, kStays}, Effect::END},
+    {{"mapper", 2, kOnce}, Effect::REFUSAL},
+    {{"mapper", 5, kStays}, Effect::REFUSAL},
+    {{"mapper", -1, kOnce}, Effect::REFUSAL},
+    {{"mapper", -1, kStays}, Effect::REFUSAL},
+    {{"mmap", ENOMEM, kOnce}, Effect::REFUSAL},
+    {{"mmap", ENOMEM, kStays}, Effect::REFUSAL},
+    {{"poll", EINTR, kOnce}, Effect::NONE},
+    {{"poll", ENOMEM, kOnce}, Effect::LOSS},
+    {{"pthread_cond_timedwait", EINTR, kOnce}, Effect::NONE},
+    {{"pthread_cond_timedwait", ETIMEDOUT, kOnce}, Effect::NONE},
+    {{"pthread_cond_timedwait", 3600, kOnce}, Effect::NONE},
+    {{"pthread_create", EAGAIN, kOnce}, Effect::LOSS},
+    {{"pthread_create", EAGAIN, kStays}, Effect::LOSS},
+    {{"readlink", EACCES, kOnce}, Effect::REFUSAL},
+    {{"recvmsg", EINTR, kOnce}, Effect::NONE},
+    {{"recvmsg", EAGAIN, kOnce}, Effect::NONE},
+    {{"recvmsg", ENOMEM, kOnce}, Effect::LOSS},
+    {{"recvmsg", ECONNRESET, kOnce}, Effect::LOSS},
+    {{"sendmsg", EINTR, kOnce}, Effect::NONE},
+    {{"sendmsg", EAGAIN, kOnce}, Effect::NONE},
+    {{"sendmsg", ENOBUFS, kOnce}, Effect::LOSS},
+    {{"sendmsg", EPIPE, kOnce}, Effect::LOSS},
+    {{"sendmsg", ETOOMANYREFS, kStays}, Effect::LOSS},
+    {{"setsockopt", ENOBUFS, kOnce}, Effect::NONE},
+    {{"socket", EMFILE, kOnce}, Effect::LOSS},
+    {{"statx", ENOMEM, kOnce}, Effect::REFUSAL},
+};
+
+constexpr int kUnreached = 10;
+constexpr unsigned kPatienceSeconds = 30;
+
+/** In a process of its own, without threads of the one that it comes from. */
+pid_t start(const Scenario& scenario, const Row& row, int n) {
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child != 0) return child;
+    alarm(kPatienceSeconds);
+    scenario.run(row.fault, n, row.effect);
+    exit(faults::wasReached() ? 0 : kUnreached);
+}
+
+int resultOf(pid_t child, Effect effect) {
+    int status = -1;
+    waitpid(child, &status, 0);
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (effect == Effect::END && WTERMSIG(status) == SIGABRT) return 0;
+    fprintf(stderr, "fault-probe: signal %d\n", WTERMSIG(status));
+    return 1;
+}
+
+/** How many calls were made to fail. */
+int runAll(const Scenario& scenario, const Row& row, bool& held) {
+    // They wait more than they work.
+    constexpr int kAtOnce = 4;
+    pid_t children[kAtOnce];
+    int reached = 0;
+    for (int first = 1; reached == first - 1; first += kAtOnce) {
+        for (int i = 0; i < kAtOnce; ++i)
+            children[i] = start(scenario, row, first + i);
+        for (int i = 0; i < kAtOnce; ++i) {
+            const int result = resultOf(children[i], row.effect);
+            if (result != kUnreached) ++reached;
+            if (result == kUnreached || result == 0) continue;
+            printf("%s: call %d of %s, with %d%s\n", scenario.name, first + i, row.fault.call,
+                   row.fault.error, row.fault.stays ? " from then on" : "");
+            held = false;
+        }
+    }
+    return reached;
+}
+
+}  // namespace
+
+void faults::fail(const char* what) {
+    fprintf(stderr, "fault-probe: %s\n", what);
+    _exit(1);
+}
+
+int main(int argc, char** argv) {
+    const auto* const scenario = std::find_if(
+        std::begin(kScenarios), std::end(kScenarios),
+        [&](const Scenario& each) { return argc >= 2 && strcmp(argv[1], each.name) == 0; });
+    if (scenario == std::end(kScenarios)) return 2;
+    const rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+    int tried = 0;
+    bool held = true;
+    for (const Row& row : kRows) {
+        if (argc == 3 && strcmp(argv[2], row.fault.call) != 0) continue;
+        const int calls = runAll(*scenario, row, held);
+        if (calls > 0) printf("%s %d: %d\n", row.fault.call, row.fault.error, calls);
+        tried += calls;
+    }
+    printf("%d faults, one at a time\n", tried);
+    return held ? 0 : 1;
+}
