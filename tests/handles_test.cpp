@@ -117,7 +117,7 @@ protected:
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
         std::vector<std::future<void>> others;
         std::atomic<int> closes{0};
-        const CloseWatch watch(file.get(), [&] {
+        const FileWatch watch(file.get(), Watching::CLOSES, [&] {
             others.push_back(std::async(std::launch::async, [this] {
                 session->getTrackingMode();
                 drivePass();
