@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <vector>
 
 #include "fault_scenarios.h"
 
@@ -44,77 +45,66 @@ constexpr Scenario kScenarios[] = {
     {"source", runSession<Road::SOURCE>},
     {"file", [](const Fault& fault, int n, Effect /*effect*/) { faults::runFile(fault, n); }}};
 
+/** Errors of a call, each of them by itself. */
 struct Row {
-    Fault fault;
+    const char* call;
+    std::vector<int> errors;
+    bool stays;
     Effect effect;
 };
 
 constexpr bool kOnce = false;
 constexpr bool kStays = true;
 
-constexpr Row kRows[] = {
-    {{"accept4", EMFILE, kOnce}, Effect::NONE},
-    {{"accept4", ECONNABORTED, kOnce}, Effect::NONE},
-    {{"accept4", EINTR, kOnce}, Effect::NONE},
-    {{"accept4", ENOMEM, kOnce}, Effect::NONE},
-    {{"accept4", EMFILE, kStays}, Effect::SILENCE},
-    {{"bind", EADDRINUSE, kOnce}, Effect::LOSS},
-    {{"chmod", EPERM, kOnce}, Effect::LOSS},
-    {{"eventfd", EMFILE, kOnce}, Effect::LOSS},
-    {{"fcntl", EMFILE, kOnce}, Effect::REFUSAL},
-    {{"fcntl", EMFILE, kStays}, Effect::REFUSAL},
-    {{"fflush", ENOSPC, kOnce}, Effect::REFUSAL},
-    {{"flock", EWOULDBLOCK, kOnce}, Effect::NONE},
-    {{"flock", EINTR, kOnce}, Effect::NONE},
-    {{"fopen", EMFILE, kOnce}, Effect::REFUSAL},
-    {{"fread", EIO, kOnce}, Effect::REFUSAL},
-    {{"fread", EIO, kStays}, Effect::REFUSAL},
-    {{"fseek", ESPIPE, kOnce}, Effect::REFUSAL},
-    {{"fwrite", ENOSPC, kOnce}, Effect::REFUSAL},
-    {{"getsockopt", ENOBUFS, kOnce}, Effect::LOSS},
-    {{"gettimeofday", 3600, kStays}, Effect::REFUSAL},
-    {{"gettimeofday", -3600, kStays}, Effect::NONE},
-    {{"listen", EADDRINUSE, kOnce}, Effect::LOSS},
-    {{"malloc", ENOMEM, kOnce}, Effect::END},
-    {{"malloc", ENOMEM, kStays}, Effect::END},
-    {{"mapper", 2, kOnce}, Effect::REFUSAL},
-    {{"mapper", 5, kStays}, Effect::REFUSAL},
-    {{"mapper", -1, kOnce}, Effect::REFUSAL},
-    {{"mapper", -1, kStays}, Effect::REFUSAL},
-    {{"mmap", ENOMEM, kOnce}, Effect::REFUSAL},
-    {{"mmap", ENOMEM, kStays}, Effect::REFUSAL},
-    {{"poll", EINTR, kOnce}, Effect::NONE},
-    {{"poll", ENOMEM, kOnce}, Effect::LOSS},
-    {{"pthread_cond_timedwait", EINTR, kOnce}, Effect::NONE},
-    {{"pthread_cond_timedwait", ETIMEDOUT, kOnce}, Effect::NONE},
-    {{"pthread_cond_timedwait", 3600, kOnce}, Effect::NONE},
-    {{"pthread_create", EAGAIN, kOnce}, Effect::LOSS},
-    {{"pthread_create", EAGAIN, kStays}, Effect::LOSS},
-    {{"readlink", EACCES, kOnce}, Effect::REFUSAL},
-    {{"recvmsg", EINTR, kOnce}, Effect::NONE},
-    {{"recvmsg", EAGAIN, kOnce}, Effect::NONE},
-    {{"recvmsg", ENOMEM, kOnce}, Effect::LOSS},
-    {{"recvmsg", ECONNRESET, kOnce}, Effect::LOSS},
-    {{"sendmsg", EINTR, kOnce}, Effect::NONE},
-    {{"sendmsg", EAGAIN, kOnce}, Effect::NONE},
-    {{"sendmsg", ENOBUFS, kOnce}, Effect::LOSS},
-    {{"sendmsg", EPIPE, kOnce}, Effect::LOSS},
-    {{"sendmsg", ETOOMANYREFS, kStays}, Effect::LOSS},
-    {{"setsockopt", ENOBUFS, kOnce}, Effect::NONE},
-    {{"socket", EMFILE, kOnce}, Effect::LOSS},
-    {{"statx", ENOMEM, kOnce}, Effect::REFUSAL},
+const Row kRows[] = {
+    {"accept4", {EMFILE, ECONNABORTED, EINTR, ENOMEM}, kOnce, Effect::NONE},
+    {"accept4", {EMFILE}, kStays, Effect::SILENCE},
+    {"bind", {EADDRINUSE}, kOnce, Effect::LOSS},
+    {"chmod", {EPERM}, kOnce, Effect::LOSS},
+    {"eventfd", {EMFILE}, kOnce, Effect::LOSS},
+    {"fcntl", {EMFILE}, kOnce, Effect::REFUSAL},
+    {"fcntl", {EMFILE}, kStays, Effect::REFUSAL},
+    {"fflush", {ENOSPC}, kOnce, Effect::REFUSAL},
+    {"flock", {EWOULDBLOCK, EINTR}, kOnce, Effect::NONE},
+    {"fopen", {EMFILE}, kOnce, Effect::REFUSAL},
+    {"fread", {EIO}, kStays, Effect::REFUSAL},
+    {"fseek", {ESPIPE}, kOnce, Effect::REFUSAL},
+    {"fwrite", {ENOSPC}, kOnce, Effect::REFUSAL},
+    {"getsockopt", {ENOBUFS}, kOnce, Effect::LOSS},
+    {"gettimeofday", {3600}, kStays, Effect::REFUSAL},
+    {"gettimeofday", {-3600}, kStays, Effect::NONE},
+    {"listen", {EADDRINUSE}, kOnce, Effect::LOSS},
+    {"malloc", {ENOMEM}, kOnce, Effect::END},
+    {"malloc", {ENOMEM}, kStays, Effect::END},
+    {"mapper", {2, 5, -1}, kOnce, Effect::REFUSAL},
+    {"mapper", {5, -1}, kStays, Effect::REFUSAL},
+    {"mmap", {ENOMEM}, kStays, Effect::REFUSAL},
+    {"poll", {EINTR}, kOnce, Effect::NONE},
+    {"poll", {ENOMEM}, kOnce, Effect::LOSS},
+    {"pthread_cond_timedwait", {EINTR, ETIMEDOUT, 3600}, kOnce, Effect::NONE},
+    {"pthread_create", {EAGAIN}, kOnce, Effect::LOSS},
+    {"pthread_create", {EAGAIN}, kStays, Effect::LOSS},
+    {"readlink", {EACCES}, kOnce, Effect::REFUSAL},
+    {"recvmsg", {EINTR, EAGAIN}, kOnce, Effect::NONE},
+    {"recvmsg", {ENOMEM, ECONNRESET}, kOnce, Effect::LOSS},
+    {"sendmsg", {EINTR, EAGAIN}, kOnce, Effect::NONE},
+    {"sendmsg", {ENOBUFS, EPIPE}, kOnce, Effect::LOSS},
+    {"sendmsg", {ETOOMANYREFS}, kStays, Effect::LOSS},
+    {"setsockopt", {ENOBUFS}, kOnce, Effect::NONE},
+    {"socket", {EMFILE}, kOnce, Effect::LOSS},
+    {"statx", {ENOMEM}, kOnce, Effect::REFUSAL},
 };
 
 constexpr int kUnreached = 10;
 constexpr unsigned kPatienceSeconds = 30;
 
 /** In a process of its own, without threads of the one that it comes from. */
-pid_t start(const Scenario& scenario, const Row& row, int n) {
+pid_t start(const Scenario& scenario, const Fault& fault, Effect effect, int n) {
     fflush(stdout);
     const pid_t child = fork();
     if (child != 0) return child;
     alarm(kPatienceSeconds);
-    scenario.run(row.fault, n, row.effect);
+    scenario.run(fault, n, effect);
     exit(faults::wasReached() ? 0 : kUnreached);
 }
 
@@ -128,20 +118,20 @@ int resultOf(pid_t child, Effect effect) {
 }
 
 /** How many calls were made to fail. */
-int runAll(const Scenario& scenario, const Row& row, bool& held) {
+int runAll(const Scenario& scenario, const Fault& fault, Effect effect, bool& held) {
     // They wait more than they work.
     constexpr int kAtOnce = 4;
     pid_t children[kAtOnce];
     int reached = 0;
     for (int first = 1; reached == first - 1; first += kAtOnce) {
         for (int i = 0; i < kAtOnce; ++i)
-            children[i] = start(scenario, row, first + i);
+            children[i] = start(scenario, fault, effect, first + i);
         for (int i = 0; i < kAtOnce; ++i) {
-            const int result = resultOf(children[i], row.effect);
+            const int result = resultOf(children[i], effect);
             if (result != kUnreached) ++reached;
             if (result == kUnreached || result == 0) continue;
-            printf("%s: call %d of %s, with %d%s\n", scenario.name, first + i, row.fault.call,
-                   row.fault.error, row.fault.stays ? " from then on" : "");
+            printf("%s: call %d of %s, with %d%s\n", scenario.name, first + i, fault.call,
+                   fault.error, fault.stays ? " from then on" : "");
             held = false;
         }
     }
@@ -165,10 +155,12 @@ int main(int argc, char** argv) {
     int tried = 0;
     bool held = true;
     for (const Row& row : kRows) {
-        if (argc == 3 && strcmp(argv[2], row.fault.call) != 0) continue;
-        const int calls = runAll(*scenario, row, held);
-        if (calls > 0) printf("%s %d: %d\n", row.fault.call, row.fault.error, calls);
-        tried += calls;
+        if (argc == 3 && strcmp(argv[2], row.call) != 0) continue;
+        for (const int error : row.errors) {
+            const int calls = runAll(*scenario, {row.call, error, row.stays}, row.effect, held);
+            if (calls > 0) printf("%s %d: %d\n", row.call, error, calls);
+            tried += calls;
+        }
     }
     printf("%d faults, one at a time\n", tried);
     return held ? 0 : 1;

@@ -20,6 +20,7 @@
 #include "FDSession.h"
 #include "FDSessionTest.h"
 #include "ZoruUtil.h"
+#include "fault_answers.h"
 #include "fault_scenarios.h"
 #include "frame.h"
 #include "holdings.h"
@@ -40,7 +41,6 @@ namespace {
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
 using android::hardware::hidl_handle;
-using android::hardware::hidl_vec;
 using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using testing_support::LogLines;
@@ -64,30 +64,6 @@ bool waitUntil(Condition holds) {
     return true;
 }
 
-/** Allocates nothing, because the session calls it on its own thread in one process. */
-struct Answers : public IFDSessionCallback {
-    explicit Answers(uint64_t id) : mFirstId(id) {}
-
-    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
-        const auto& output = results[0].outputBuffers[0];
-        // One that was asked for earlier may still come: it is not ours.
-        if (output.bufferId < mFirstId) return {};
-        wasFilled = output.status == BufferStatus::OK;
-        const bool isWhole = output.buffer.getNativeHandle() != nullptr &&
-                             output.acquireFence.getNativeHandle() != nullptr;
-        if (wasFilled && !isWhole) fail("a filled frame lacks a handle");
-        ++came;
-        return {};
-    }
-    Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
-
-    std::atomic<bool> wasFilled{false};
-    std::atomic<int> came{0};
-
-private:
-    const uint64_t mFirstId;
-};
-
 class Run {
 public:
     Run(Road road, Effect effect) : mRoad(road), mEffect(effect) {
@@ -104,8 +80,7 @@ public:
         const kit::Holdings before = kit::Holdings::of();
         arm(fault, n);
         serve();
-        const bool wasWell = mEffect == Effect::NONE;
-        live(wasWell);
+        live(mEffect == Effect::NONE);
         heal();
         if (mClient != nullptr && mEffect <= Effect::REFUSAL && !mClient->ping().isOk())
             fail("the channel was given up");
@@ -171,7 +146,9 @@ private:
             // Null when a client has configured anew meanwhile.
             const auto buffer = mSession->getBufferForId(request.outputBuffers[0].bufferId);
             const bool isFilled = buffer != nullptr && ZoruUtil::copyTo(mFrame.data(), buffer) == 0;
+            auto input = std::move(request.inputBuffer);
             CaptureResult result = kit::resultFor(std::move(request));
+            result.inputBuffer = std::move(input);
             result.outputBuffers[0].status = isFilled ? BufferStatus::OK : BufferStatus::ERROR;
             mSession->sendCaptureResult(result);
         }
@@ -215,6 +192,7 @@ private:
         CaptureRequest request = kit::requestFor(1, id, handle);
         request.outputBuffers[0].acquireFence = mFence;
         request.outputBuffers[0].releaseFence = mFence;
+        request.inputBuffer.streamId = kInput;
         request.inputBuffer.acquireFence = mFence;
         const int before = mAnswers->came;
         const auto said = mRoad == Road::SOURCE ? 0 : errors();
@@ -263,8 +241,9 @@ private:
     }
 
     static hidl_handle fence() {
-        native_handle_t* const handle = native_handle_create(1, 0);
-        handle->data[0] = eventfd(0, EFD_CLOEXEC);
+        native_handle_t* const handle = native_handle_create(2, 0);
+        for (int i = 0; i < 2; ++i)
+            handle->data[i] = eventfd(0, EFD_CLOEXEC);
         hidl_handle owned;
         owned.setTo(handle, true);
         return owned;
