@@ -1,11 +1,11 @@
 // Runs a scenario with one call of the provider's side failing, each in a process of its own: every
 // call that the scenario reaches, of every function that it may call.
 //
-//   fault-probe socket|direct|mapper2|source|file [CALL]
+//   fault-probe socket|direct|mapper2|source|file [STEP [CALL]]
 //
-// Prints how many calls of each were made to fail. Exits with 1 and a line when something does not
-// hold: a client that is told nothing, a wrong frame, something left behind, a lock that is kept,
-// or no next frame when the fault is over.
+// With a step only every so manieth call. Prints how many calls of each were made to fail. Exits
+// with 1 and a line when something does not hold: a client that is told nothing, a wrong frame,
+// something left behind, a lock that is kept, or no next frame when the fault is over.
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -118,19 +118,20 @@ int resultOf(pid_t child, Effect effect) {
 }
 
 /** How many calls were made to fail. */
-int runAll(const Scenario& scenario, const Fault& fault, Effect effect, bool& held) {
+int runAll(const Scenario& scenario, const Fault& fault, Effect effect, int step, bool& held) {
     // They wait more than they work.
     constexpr int kAtOnce = 4;
     pid_t children[kAtOnce];
     int reached = 0;
-    for (int first = 1; reached == first - 1; first += kAtOnce) {
+    for (int tried = 0; held && reached == tried; tried += kAtOnce) {
+        const auto callOf = [&](int i) { return 1 + (tried + i) * step; };
         for (int i = 0; i < kAtOnce; ++i)
-            children[i] = start(scenario, fault, effect, first + i);
+            children[i] = start(scenario, fault, effect, callOf(i));
         for (int i = 0; i < kAtOnce; ++i) {
             const int result = resultOf(children[i], effect);
             if (result != kUnreached) ++reached;
             if (result == kUnreached || result == 0) continue;
-            printf("%s: call %d of %s, with %d%s\n", scenario.name, first + i, fault.call,
+            printf("%s: call %d of %s, with %d%s\n", scenario.name, callOf(i), fault.call,
                    fault.error, fault.stays ? " from then on" : "");
             held = false;
         }
@@ -152,12 +153,14 @@ int main(int argc, char** argv) {
     if (scenario == std::end(kScenarios)) return 2;
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
+    const int step = argc >= 3 ? atoi(argv[2]) : 1;  // NOLINT(cert-err34-c)
     int tried = 0;
     bool held = true;
     for (const Row& row : kRows) {
-        if (argc == 3 && strcmp(argv[2], row.call) != 0) continue;
+        if (argc == 4 && strcmp(argv[3], row.call) != 0) continue;
         for (const int error : row.errors) {
-            const int calls = runAll(*scenario, {row.call, error, row.stays}, row.effect, held);
+            const int calls =
+                runAll(*scenario, {row.call, error, row.stays}, row.effect, step, held);
             if (calls > 0) printf("%s %d: %d\n", row.call, error, calls);
             tried += calls;
         }
