@@ -154,6 +154,7 @@ private:
 
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
     void live(bool wantsAll) {
+        if (mRoad == Road::SOURCE && !mSource->isRunning()) return;  // no thread could be made
         std::string problem;
         if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
             mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mFolder / "socket", problem)
