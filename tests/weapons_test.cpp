@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -138,16 +139,18 @@ TEST_F(WeaponsTest, WaitsForNoSocketThatIsNoClients) {
         EXPECT_TRUE(remote->ping().isOk());
         log.clear();
     }
-    // The provider has the last one of this, and its close would take ten seconds.
+    // Whoever closes the last one of this does so for ten seconds.
     Lingering lingering;
     std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
     call.back() = 1;
     const auto start = std::chrono::steady_clock::now();
     RawClient raw = connectRaw();
-    lingering.giveTo(raw, call, {});
+    std::thread giving([&] { lingering.giveTo(raw, call, {}); });
     EXPECT_EQ(raw.receivedKind(), kRefused);
     EXPECT_TRUE(raw.isServed());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    lingering.unread.reset();
+    giving.join();
 }
 
 }  // namespace testing_support
