@@ -153,7 +153,8 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
     static auto* const next = NEXT(pthread_create);
     const int error = faults::errorOf("pthread_create");
     if (error != 0) return error;
-    auto* const start = new faults::Start{body, argument, faults::tIsProvider};
+    auto* const start = new (std::nothrow) faults::Start{body, argument, faults::tIsProvider};
+    if (start == nullptr) return EAGAIN;
     const int result = next(thread, attributes, faults::begin, start);
     if (result != 0) delete start;
     return result;
