@@ -75,7 +75,7 @@ protected:
 };
 
 TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
-    CloseGate gate(slow.get());
+    FileGate gate(slow.get());
     EXPECT_NE(refusalOf(withFence({slow.get()})), "");  // the answer does not wait
     EXPECT_TRUE(gate.waitUntilHeld(1));
     expectNobodyIsHeldUp();
@@ -121,7 +121,7 @@ TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     const auto [mine, theirs] = kit::socketPair();
     RawClient raw = connectRaw();
     {
-        CloseGate gate(theirs.get());
+        FileGate gate(theirs.get());
         ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
         expectNobodyIsHeldUp();  // another callback replaces this one
         EXPECT_TRUE(gate.waitUntilHeld(1));
@@ -144,7 +144,7 @@ TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
             if (it == LISTENS ? listens != 0 : isServers) serving = fd;
         }
         ASSERT_GE(serving, 0);
-        CloseGate gate(serving);
+        FileGate gate(serving);
         if (it == LEAVES) {
             connected.reset();
             EXPECT_TRUE(gate.waitUntilHeld(1));
@@ -174,7 +174,7 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
         })) << connections;
     };
     {
-        CloseGate gate(slow.get());
+        FileGate gate(slow.get());
         EXPECT_NE(bring(host::kClosingThreads), "");
         EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
         EXPECT_NE(bring(host::kMaxWaitingToClose - 3), "");

@@ -9,7 +9,6 @@
 #include <initializer_list>
 #include <vector>
 
-#include "holdings.h"
 #include "host/unique_fd.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
@@ -36,41 +35,6 @@ struct Fence {
 
 using HandlesTest = SessionFixture;
 
-TEST_F(HandlesTest, RefusesAndForgetsWhatItCannotKeepAndAcceptsTheRestWhole) {
-    configure();
-    const int open = kit::Holdings::of().descriptors;
-    const Fence fence = {STDERR_FILENO};
-    // A fence, the imported handle, its wrapper's and the queue's take one each.
-    for (const bool isFenced : {false, true}) {
-        CaptureRequest request = requestFor(1, 1, buffer.handle());
-        if (isFenced) request.outputBuffers[0].acquireFence = fence.handle;
-        for (rlim_t spare = 0; spare < 7; ++spare) {
-            const bool isEnough = spare >= (isFenced ? 4 : 3);
-            {
-                const FewDescriptors few(spare);
-                EXPECT_EQ(session->handleCaptureRequest(request), isEnough ? 0 : -1) << spare;
-            }
-            const sp<GraphicBuffer> wrapped = session->getBufferForId(1);
-            EXPECT_EQ(wrapped != nullptr && wrapped->initCheck() == 0, isEnough) << spare;
-            EXPECT_EQ(wrapped == nullptr, !isEnough) << spare;
-            EXPECT_EQ(session->isCaptureRequestReady(), isEnough);
-            EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1)), isEnough ? 0 : -1);
-            session->handleConfigure(configurationOf(0));
-        }
-    }
-    // Handles that cannot be duplicated, whatever the number of free slots.
-    const Fence broken = {-1};
-    for (const int which : {0, 1, 2}) {
-        CaptureRequest bad = requestFor(1, 1, buffer.handle());
-        (which == 0   ? bad.inputBuffer.buffer
-         : which == 1 ? bad.outputBuffers[0].acquireFence
-                      : bad.outputBuffers[0].releaseFence) = broken.handle;
-        EXPECT_EQ(session->handleCaptureRequest(bad), -1);
-        EXPECT_EQ(session->getBufferForId(1), nullptr);
-    }
-    EXPECT_EQ(kit::Holdings::of().descriptors, open);
-}
-
 TEST_F(HandlesTest, TakesNoDescriptorForAHandleThatIsIgnored) {
     configure();
     ASSERT_EQ(submit(1, 1), 0);
@@ -90,24 +54,6 @@ TEST_F(HandlesTest, TakesNoDescriptorForAHandleThatIsIgnored) {
     EXPECT_TRUE(sameFile(take().outputBuffers[0].buffer, buffer.handle()));
 }
 
-TEST_F(HandlesTest, MarksABufferNotFilledThatLostItsHandles) {
-    const Fence broken = {-1};
-    CaptureResult result = resultFor(requestFor(1, 1, buffer.handle()));
-    result.outputBuffers.resize(2);
-    result.outputBuffers[1].bufferId = 2;
-    result.outputBuffers[1].releaseFence = broken.handle;
-    result.inputBuffer.acquireFence = broken.handle;
-    log.clear();
-    session->sendCaptureResult(result);
-    const CaptureResult delivered = deliveries.waitFor(1)[0].result;
-    EXPECT_EQ(delivered.outputBuffers[0].status, BufferStatus::OK);
-    EXPECT_EQ(delivered.outputBuffers[1].status, BufferStatus::ERROR);
-    EXPECT_EQ(delivered.inputBuffer.status, BufferStatus::ERROR);
-    const std::string line = "E sendCaptureResult: duplicating handles failed, ";
-    EXPECT_EQ(log.said(kSessionTag),
-              (Lines{line + "streamId(0), bufferId(2) \n", line + "streamId(-1), bufferId(0) \n"}));
-}
-
 /** Closing may take as long as the client likes; another thread goes on meanwhile. */
 class LettingGoTest : public SessionFixture {
 protected:
@@ -117,7 +63,7 @@ protected:
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
         std::vector<std::future<void>> others;
         std::atomic<int> closes{0};
-        const CloseWatch watch(file.get(), [&] {
+        const FileWatch watch(file.get(), Watching::CLOSES, [&] {
             others.push_back(std::async(std::launch::async, [this] {
                 session->getTrackingMode();
                 drivePass();

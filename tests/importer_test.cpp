@@ -99,44 +99,52 @@ TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
     EXPECT_EQ(this->scope.asked2(), (std::is_same_v<TypeParam, SpyMapper2> ? 1 : 0));
 }
 
-TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
-    buffer_handle_t handle = this->buffer.handle();
-    this->spy->error = decltype(this->spy->error)::NO_RESOURCES;
-    EXPECT_FALSE(this->importer.importBuffer(handle));
-    EXPECT_EQ(handle, this->buffer.handle());
-    EXPECT_TRUE(this->log.lines().empty());  // a refusal is silent
-    this->importer.freeBuffer(static_cast<buffer_handle_t>(this->spy->imported[0]));
-
-    EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
-    EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
-    EXPECT_EQ(this->importer.unlock(handle), -1);
-    EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
-    EXPECT_EQ(this->importer.lock(handle, 3, size_t{1} << 31), nullptr);
-    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): failed to lock error 2!",
-                                           "E operator(): failed to lockYCbCr error 2!",
-                                           "E operator(): failed to unlock error 2!",
-                                           "E lock: size 4294967360 is over 31 bits",
+TYPED_TEST(ImporterTest, TellsHowACallOfTheMapperFailedAndGoesOn) {
+    HandleImporter& tested = this->importer;
+    buffer_handle_t handle = nullptr;
+    const struct {
+        std::function<bool()> givesNothing;
+        std::string refused;  ///< the line, without the error's number
+        std::string died;
+    } calls[] = {
+        {[&] {
+             buffer_handle_t raw = this->buffer.handle();
+             return !tested.importBuffer(raw) && raw == this->buffer.handle();
+         },
+         "", "importBufferInternal: mapper importBuffer"},
+        {[&] { return tested.lock(handle, 3, 64) == nullptr; }, "lock", "lock: mapper call"},
+        {[&] {
+             const YCbCrLayout layout = tested.lockYCbCr(handle, 3, {0, 0, 64, 32});
+             return layout.y == nullptr && layout.cStride == 0;
+         },
+         "lockYCbCr", "lockYCbCr: mapper call"},
+        {[&] { return tested.unlock(handle) == -1; }, "unlock", "unlock: mapper call"},
+        {[&] { return tested.freeBuffer(handle), true; }, "", "freeBuffer: mapper freeBuffer"}};
+    for (const int fault : {-1, 1, 2, 3, 5, 7}) {
+        for (const auto& call : calls) {
+            handle = this->buffer.handle();
+            ASSERT_TRUE(tested.importBuffer(handle));
+            ASSERT_NE(tested.lock(handle, 3, 64), nullptr);
+            this->spy->fault = [fault] { return fault; };
+            EXPECT_TRUE(call.givesNothing()) << call.died << fault;
+            this->spy->fault = nullptr;
+            Lines lines;  // the refusal of an import is silent
+            if (fault < 0) {
+                lines = {"E " + call.died +
+                         " failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"};
+            } else if (!call.refused.empty()) {
+                lines = {"E operator(): failed to " + call.refused + " error " +
+                         std::to_string(fault) + "!"};
+            }
+            EXPECT_EQ(this->log.take(kTag), lines);
+            if (this->spy->freed.empty()) tested.freeBuffer(handle);
+            this->spy->freed.clear();
+        }
+    }
+    EXPECT_EQ(tested.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
+    EXPECT_EQ(tested.lock(handle, 3, size_t{1} << 31), nullptr);
+    EXPECT_EQ(this->log.said(kTag), (Lines{"E lock: size 4294967360 is over 31 bits",
                                            "E lock: size 2147483648 is over 31 bits"}));
-}
-
-TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
-    buffer_handle_t handle = this->buffer.handle();
-    ASSERT_TRUE(this->importer.importBuffer(handle));
-    buffer_handle_t other = this->buffer.handle();
-    this->spy->failTransport = true;
-    EXPECT_FALSE(this->importer.importBuffer(other));
-    EXPECT_EQ(other, this->buffer.handle());
-    this->importer.freeBuffer(handle);
-    EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
-    EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).cStride, 0U);
-    EXPECT_EQ(this->importer.unlock(handle), -1);
-    const std::string dead = " failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
-    EXPECT_EQ(this->log.said(kTag),
-              (Lines{"E importBufferInternal: mapper importBuffer" + dead,
-                     "E freeBuffer: mapper freeBuffer" + dead, "E lock: mapper call" + dead,
-                     "E lockYCbCr: mapper call" + dead, "E unlock: mapper call" + dead}));
-    this->spy->failTransport = false;
-    this->importer.freeBuffer(handle);
 }
 
 TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {

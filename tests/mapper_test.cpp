@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <string>
@@ -115,6 +116,21 @@ TEST_F(ForgedHandleTest, IsRefusedWhenItsFileIsNoSealedMemoryOrNotEnough) {
     for (const int end : ends)
         EXPECT_FALSE(importsFile(host::UniqueFd(end)));
     EXPECT_EQ(host::mapperCounters().imports - before.imports, 3);
+}
+
+TEST_F(ForgedHandleTest, IsRefusedWhenItsFileShrinksBetweenTwoLooks) {
+    bool mayImport = true;
+    for (int look = 1; mayImport && look < 10; ++look) {
+        const host::UniqueFd file = memory(6144, 0);
+        int looks = 0;
+        const FileWatch watch(file.get(), Watching::ALL, [&] {
+            if (++looks != look) return;
+            EXPECT_EQ(ftruncate(file.get(), 0), 0);
+            syscall(SYS_fcntl, file.get(), F_ADD_SEALS, F_SEAL_SHRINK);
+        });
+        EXPECT_FALSE(importsFile(file)) << look;
+        mayImport = looks >= look;
+    }
 }
 
 }  // namespace testing_support

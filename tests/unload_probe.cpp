@@ -2,15 +2,13 @@
 // moments of the monitor's pass. A process of its own: it starts no test framework and no thread.
 //
 //   unload-probe LIBRARY
-//   unload|load|reconfigure|exit|fork|keep|inside|observer|track|stuck|lost|memory
-//                ROUNDS
+//   unload|load|reconfigure|exit|fork|keep|inside|observer|track|stuck|lost ROUNDS
 //
 // Exits with 0 when every round held; else a line says what did not.
 
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -175,21 +172,6 @@ public:
         mode == "track" ? session->setTrackControl({}) : session->setSceneControl({});
     }
 
-    /** Stores more than there is memory for, which happens with the session locked. */
-    void runOutOfMemory() {
-        SceneControl scene = {};
-        scene.crops.resize(size_t{4} << 20);  // 64 MiB
-        const rlimit none = {0, 0};
-        require(setrlimit(RLIMIT_CORE, &none) == 0 && setrlimit(RLIMIT_AS, &none) == 0,
-                "no limit could be set");
-        try {
-            mSession->setSceneControl(scene);
-        } catch (const std::bad_alloc&) {
-            fail("an exception came out of the library, which has left its lock held");
-        }
-        fail("there was memory");
-    }
-
     void unload() {
         mSession.clear();
         const Range range = findMapped(mLibrary);
@@ -263,7 +245,6 @@ void leaveSession(const std::string& library, const std::string& mode) {
     aliveAtExit.load()->use(allocateBuffers(), mode);
     if (mode == "inside") pause();
     if (mode == "observer" || mode == "track") aliveAtExit.load()->exitInsideObserver(mode);
-    if (mode == "memory") aliveAtExit.load()->runOutOfMemory();
     if (mode == "keep") return;
     losesWakeUps = mode == "lost";
     while ((mode == "lost" && !isAboutToWait) || (mode == "stuck" && !ProbeCallback::isInCallback))

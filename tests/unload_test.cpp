@@ -62,14 +62,6 @@ TEST(UnloadTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
     }
 }
 
-TEST(UnloadTest, EndsWithoutUnwindingWhenMemoryRunsOutUnderALock) {
-    if (*SANITIZERS != '\0') GTEST_SKIP() << "a sanitizer has its own end when memory runs out";
-    const Output output = probe("memory");
-    EXPECT_NE(output.exitCode, 0);
-    EXPECT_NE(output.text.find("std::bad_alloc"), std::string::npos) << output.text;
-    EXPECT_EQ(output.text.find("unload-probe:"), std::string::npos) << output.text;
-}
-
 TEST(ExportsTest, AreWhatOtherModulesUseAndNothingThatPinsTheLibrary) {
     const Output symbols = runShell("nm -D --defined-only " IMPLEMENTATION_LIBRARY " | c++filt");
     ASSERT_EQ(symbols.exitCode, 0) << symbols.text;

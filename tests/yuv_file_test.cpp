@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <numeric>
@@ -151,6 +153,53 @@ TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {
                      "E invalid Graphics buffer \n", "E  Invalid handle \n",
                      "E Failed to get Graphics buffer \n", "E lockYCbCr failed, error (3) \n",
                      "E Failed to from Graphics buffer \n"}));
+}
+
+TEST_F(YuvFileTest, PlaysOnWhenItsFileHasShrunkAndGrown) {
+    constexpr size_t kBytes = 6144;  // more than a stream reads ahead
+    const std::string frames = std::string(kBytes, 'a') + std::string(kBytes, 'b');
+    for (size_t left = 0; left <= frames.size(); left += 1024) {
+        const std::string name = write("shrinks", frames);
+        YUVFile file(name.c_str(), 64, 64);
+        EXPECT_NE(file.getFrame(), nullptr);
+        std::filesystem::resize_file(name, left);
+        for (int i = 0; i < 3; ++i) {
+            log.clear();
+            const uint8_t* const frame = file.getFrame();
+            EXPECT_EQ(log.said(kTag).size(), frame == nullptr ? 1U : 0U) << left;
+            // What the stream had read ahead may still make a frame.
+            EXPECT_TRUE(i == 0 || (frame != nullptr) == (left >= kBytes)) << left;
+            const auto isFirst = [&](uint8_t byte) { return byte == frame[0]; };
+            EXPECT_TRUE(frame == nullptr || std::all_of(frame, frame + kBytes, isFirst)) << left;
+        }
+        write("shrinks", frames);
+        EXPECT_NE(file.getFrame(), nullptr) << left;
+    }
+}
+
+TEST_F(YuvFileTest, WritesOnWhenTheDiskWasFull) {
+    constexpr int kBytes = 6144;
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    for (rlim_t room = 0; room <= 3 * kBytes; room += 512) {
+        YUVFile file(path("full").c_str(), 64, 64);
+        const rlimit little = {room, before.rlim_max};
+        log.clear();
+        setrlimit(RLIMIT_FSIZE, &little);
+        size_t written = 0;
+        for (int i = 0; i < 4; ++i)
+            written += file.putFrame() == kBytes ? 1U : 0U;
+        setrlimit(RLIMIT_FSIZE, &before);
+        EXPECT_EQ(written, room / kBytes);
+        const Lines lines = log.take(kTag);
+        EXPECT_EQ(lines.size(), 4 - written) << room;
+        for (const std::string& line : lines)
+            EXPECT_EQ(line.find("E file writing failed, status - "), 0U) << line;
+        EXPECT_EQ(file.putFrame(), kBytes);
+        EXPECT_TRUE(log.said(kTag).empty());
+    }
+    signal(SIGXFSZ, SIG_DFL);
 }
 
 TEST_F(YuvFileTest, KeepsTheFirst255CharactersOfAPath) {

@@ -70,7 +70,12 @@ void writeToStderr(const LogLine& line) {
     static_cast<void>(written);  // there is nowhere to report a failure
 }
 
-void dispatch(const LogLine& line) {
+/**
+ * The device's log is C and never throws. So a line for which there is no memory ends the process
+ * here: an exception that left a function which logs at its end would reach that function's caller.
+ */
+void dispatch(int priority, const char* tag, const char* text, const char* thread) noexcept {
+    const LogLine line = {priority, tag != nullptr ? tag : "", text, thread};
     Router& r = router();
     const std::lock_guard<std::mutex> lock(r.mutex);
     if (r.sink != nullptr) {
@@ -150,6 +155,6 @@ int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
     va_end(arguments);
     char thread[16] = "";
     pthread_getname_np(pthread_self(), thread, sizeof(thread));
-    host::dispatch({prio, tag != nullptr ? tag : "", text, thread});
+    host::dispatch(prio, tag, text, thread);
     return 1;
 }

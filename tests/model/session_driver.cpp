@@ -157,18 +157,12 @@ Subject::Counts SessionDriver::counts() {
 
 void SessionDriver::imported(void* handle) {
     mMapped += cat('+', mFiles.nameOf(static_cast<const native_handle_t*>(handle)));
-    if (handle == nullptr) return;
-    if (mMapper.error == decltype(mMapper.error)::NONE) {
-        mImports.insert(handle);
-    } else {
-        host::realMapper3()->freeBuffer(handle).isOk();
-    }
+    if (handle != nullptr) mImports.insert(handle);
 }
 
 void SessionDriver::freed(void* handle) {
     const bool isKnown = mImports.erase(handle) == 1;
     mMapped += cat('-', isKnown ? mFiles.nameOf(static_cast<const native_handle_t*>(handle)) : '?');
-    if (isKnown && mMapper.failTransport) host::realMapper3()->freeBuffer(handle).isOk();
 }
 
 int SessionDriver::setCallback(int choice) {
@@ -300,9 +294,10 @@ void SessionDriver::flip(bool isFlipped) {
 }
 
 void SessionDriver::setMapper(MapperState state) {
-    using Error = decltype(mMapper.error);
-    mMapper.error = state == MapperState::Refusing ? Error::NO_RESOURCES : Error::NONE;
-    mMapper.failTransport = state == MapperState::Dead;
+    constexpr int kNoResources = 5;
+    const int fault = state == MapperState::Dead ? -1 : kNoResources;
+    mMapper.fault = nullptr;
+    if (state != MapperState::Fine) mMapper.fault = [fault] { return fault; };
 }
 
 void SessionDriver::failLock(int error) {

@@ -72,7 +72,6 @@ private:
     void limitDuplicates(std::optional<int> count) override;
 
     void sendRecord(const product::CaptureResult& result);
-    // What a mapper that fails has done or left undone is put right at once.
     void imported(void* handle);
     void freed(void* handle);
     void freeRest();

@@ -177,13 +177,11 @@ std::optional<File> SessionModel::lookUpOrImport(const PlainBuffer& buffer) {
 bool SessionModel::import(File file) {
     if (mMapper == MapperState::Dead) {
         log('E', cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
-        return false;
     }
+    if (mMapper != MapperState::Fine) return false;
     const bool isImported = mPlatform.import(file) == 0;
     mMapped += cat('+', isImported ? file : kNoHandle);
-    // A mapper that refuses has made an import all the same, and takes it back itself.
-    if (isImported && mMapper == MapperState::Refusing) mPlatform.free(file);
-    return isImported && mMapper == MapperState::Fine;
+    return isImported;
 }
 
 void SessionModel::release(File imported) {

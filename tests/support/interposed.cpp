@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -47,13 +49,14 @@ struct State {
     int64_t pausesAllowed = 0;
 };
 
-/** The one file whose closing is watched. */
+/** The one file on which calls are watched. */
 struct Watched {
     std::atomic<bool> isAny{false};
     std::mutex mutex;
     std::condition_variable noneInside;
     // Guarded by mutex.
     std::pair<dev_t, ino_t> file;
+    Watching calls = Watching::ALL;
     std::function<void()> during;
     int inside = 0;
 };
@@ -65,7 +68,7 @@ Watched& watched() {
 
 std::pair<dev_t, ino_t> fileOf(int fd) {
     struct stat file = {};
-    fstat(fd, &file);
+    syscall(SYS_fstat, fd, &file);  // not the function, which is watched
     return {file.st_dev, file.st_ino};
 }
 
@@ -80,12 +83,13 @@ bool waitFor(std::unique_lock<std::mutex>& lock, Condition condition) {
         lock, std::chrono::system_clock::now() + std::chrono::seconds(10), condition);
 }
 
-void tellOfClose(int fd) {
+void tellOf(Watching call, int fd) {
     if (!watched().isAny) return;
     const int saved = errno;
     const std::pair<dev_t, ino_t> file = fileOf(fd);
     std::unique_lock<std::mutex> lock(watched().mutex);
-    if (watched().during && file == watched().file) {
+    if (watched().during && file == watched().file &&
+        (call == Watching::CLOSES || watched().calls == Watching::ALL)) {
         const std::function<void()> during = watched().during;
         ++watched().inside;
         lock.unlock();
@@ -155,39 +159,40 @@ void PauseGate::open() {
     state().changed.notify_all();
 }
 
-CloseWatch::CloseWatch(int fd, std::function<void()> during) {
+FileWatch::FileWatch(int fd, Watching calls, std::function<void()> during) {
     const std::lock_guard<std::mutex> lock(watched().mutex);
+    watched().calls = calls;
     watched().file = fileOf(fd);
     watched().during = std::move(during);
     watched().isAny = true;
 }
 
-CloseWatch::~CloseWatch() {
+FileWatch::~FileWatch() {
     std::unique_lock<std::mutex> lock(watched().mutex);
     watched().isAny = false;
     watched().during = nullptr;
     watched().noneInside.wait(lock, [] { return watched().inside == 0; });
 }
 
-CloseGate::CloseGate(int fd)
-    : mWatch(fd, [this, maker = std::this_thread::get_id()] {
+FileGate::FileGate(int fd)
+    : mWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
           if (std::this_thread::get_id() != maker) hold();
       }) {}
 
-CloseGate::~CloseGate() {
+FileGate::~FileGate() {
     const std::lock_guard<std::mutex> lock(mMutex);
     mIsOpen = true;
     mChanged.notify_all();
 }
 
-void CloseGate::hold() {
+void FileGate::hold() {
     std::unique_lock<std::mutex> lock(mMutex);
     ++mHeld;
     mChanged.notify_all();
     mChanged.wait(lock, [this] { return mIsOpen; });
 }
 
-bool CloseGate::waitUntilHeld(int count) {
+bool FileGate::waitUntilHeld(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
     return mChanged.wait_until(lock, std::chrono::system_clock::now() + std::chrono::seconds(10),
                                [&] { return mHeld >= count; });
@@ -228,22 +233,27 @@ OneInodeNumber::~OneInodeNumber() {
 }  // namespace testing_support
 
 using testing_support::state;
+using testing_support::tellOf;
+using testing_support::Watching;
+
+// The next one may be a sanitizer's.
+#define NEXT(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
 extern "C" int close(int fd) {
     if (fuzz::countClose(fd)) return 0;
-    // The next one may be a sanitizer's.
-    static auto* const next = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "close"));
-    testing_support::tellOfClose(fd);
+    static auto* const next = NEXT(close);
+    tellOf(Watching::CLOSES, fd);
     return next(fd);
 }
 
 // Whatever comes third is passed on as the widest of what it may be.
 extern "C" int fcntl(int fd, int command, ...) {
-    static auto* const next = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
+    static auto* const next = NEXT(fcntl);
     va_list list;
     va_start(list, command);
-    const long argument = va_arg(list, long);
+    void* const argument = va_arg(list, void*);
     va_end(list);
+    tellOf(Watching::ALL, fd);
     std::atomic<int>& left = testing_support::duplicatesLeft;
     if (command != F_DUPFD_CLOEXEC || left == INT_MAX) return next(fd, command, argument);
     if (left == 0) {
@@ -254,6 +264,26 @@ extern "C" int fcntl(int fd, int command, ...) {
     if (made >= 0) --left;
     return made;
 }
+
+extern "C" int fstat(int fd, struct stat* status) noexcept {
+    static auto* const next = NEXT(fstat);
+    tellOf(Watching::ALL, fd);
+    return next(fd, status);
+}
+
+extern "C" int fstatfs(int fd, struct statfs* status) noexcept {
+    static auto* const next = NEXT(fstatfs);
+    tellOf(Watching::ALL, fd);
+    return next(fd, status);
+}
+
+#ifndef __SANITIZE_THREAD__  // which cannot do without its own
+extern "C" void* mmap(void* at, size_t size, int access, int flags, int fd, off_t from) noexcept {
+    static auto* const next = NEXT(mmap);
+    if (fd >= 0) tellOf(Watching::ALL, fd);
+    return next(at, size, access, flags, fd, from);
+}
+#endif
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
@@ -300,6 +330,7 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
 
 extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,
                      struct statx* __restrict status) noexcept {
+    tellOf(Watching::ALL, folder);
     const long result = syscall(SYS_statx, folder, path, flags, mask, status);
     if (result == 0 && testing_support::hasOneInodeNumber) {
         status->stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status->stx_ino, 1));

@@ -7,9 +7,8 @@
 #include <mutex>
 
 /**
- * The test program's own gettimeofday(), usleep(), close(), fcntl(), statx(), eventfd_write() and
- * pthread_cond_timedwait(): a program's symbols win over the library's, and the product cannot
- * tell. Everything here may be called from any thread.
+ * The test program's own gettimeofday(), usleep(), close() and more: a program's symbols win over
+ * the library's, and the product cannot tell. Everything here may be called from any thread.
  */
 namespace testing_support {
 
@@ -44,28 +43,32 @@ public:
     void open();
 };
 
-/** Runs `during` inside each close() of one file, on the closing thread; of one file at a time. */
-class CloseWatch {
+/** Which calls on a file are watched: also fstat, fstatfs, statx, fcntl, and mmap but for TSan. */
+enum class Watching { CLOSES, ALL };
+
+/** Runs `during` inside each call on one file, before it does anything, on the calling thread; of
+ * one file at a time. */
+class FileWatch {
 public:
-    CloseWatch(int fd, std::function<void()> during);
+    FileWatch(int fd, Watching calls, std::function<void()> during);
     /** Waits until no thread is inside `during`. */
-    ~CloseWatch();
-    CloseWatch(const CloseWatch&) = delete;
-    CloseWatch& operator=(const CloseWatch&) = delete;
+    ~FileWatch();
+    FileWatch(const FileWatch&) = delete;
+    FileWatch& operator=(const FileWatch&) = delete;
 };
 
 /**
- * Holds up every close() of one file, for the scope of this object and but for the thread that made
+ * Holds up every call on one file, for the scope of this object and but for the thread that made
  * it: as a file does whose file system never answers.
  */
-class CloseGate {
+class FileGate {
 public:
-    explicit CloseGate(int fd);
-    ~CloseGate();
-    CloseGate(const CloseGate&) = delete;
-    CloseGate& operator=(const CloseGate&) = delete;
+    explicit FileGate(int fd);
+    ~FileGate();
+    FileGate(const FileGate&) = delete;
+    FileGate& operator=(const FileGate&) = delete;
 
-    /** Waits until so many closes are held up, all since the beginning; false after 10 s. */
+    /** Waits until so many calls are held up, all since the beginning; false after 10 s. */
     bool waitUntilHeld(int count);
 
 private:
@@ -77,7 +80,7 @@ private:
     int mHeld = 0;
     bool mIsOpen = false;
     // Goes first: nobody is held any more when the rest goes.
-    CloseWatch mWatch;
+    FileWatch mWatch;
 };
 
 /** Lets duplicating a descriptor fail, once told to; no longer than the scope of this object. */

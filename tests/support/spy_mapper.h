@@ -13,7 +13,8 @@ namespace testing_support {
 
 /**
  * A mapper, 3.0 or 2.0, that passes calls on to the real one and remembers them. Told to, it
- * answers with an error, fails on the way, or gives a release fence. For one thread at a time.
+ * answers with an error, fails on the way, or gives a release fence. What lets go of something does
+ * so even then. For one thread at a time.
  */
 template <typename IMapper, typename Error, typename YCbCrLayout>
 class SpyMapper : public IMapper {
@@ -27,51 +28,65 @@ public:
 
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
-        pause();
-        if (failTransport) return failure();
+        const int told = pause();
+        if (told < 0) return failure();
+        if (told > 0) {
+            answer(Error(told), nullptr);
+            return {};
+        }
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
             if (onImport) onImport(buffer);
-            answer(error == Error::NONE ? answered : error, buffer);
+            answer(answered, buffer);
         });
     }
 
     Return<Error> freeBuffer(void* buffer) override {
-        pause();
+        const int told = pause();
         freed.push_back(buffer);
         if (onFree) onFree(buffer);
-        if (failTransport) return failure();
-        return mReal->freeBuffer(buffer);
+        const Error answered = mReal->freeBuffer(buffer);
+        if (told < 0) return failure();
+        return told > 0 ? Error(told) : answered;
     }
 
     Return<void> lock(void* buffer, uint64_t cpuUsage, const Rect& lockRegion, const Handle& fence,
                       typename IMapper::lock_cb answer) override {
-        pause();
+        const int told = pause();
         region = lockRegion;
         usage = cpuUsage;
-        if (failTransport) return failure();
-        return mReal->lock(buffer, cpuUsage, lockRegion, fence, answer);
+        if (told < 0) return failure();
+        return mReal->lock(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
+                           [&](Error answered, auto... rest) {
+                               answer(told > 0 ? Error(told) : answered, rest...);
+                           });
     }
 
     Return<void> lockYCbCr(void* buffer, uint64_t cpuUsage, const Rect& lockRegion,
                            const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
-        pause();
+        const int told = pause();
         region = lockRegion;
         usage = cpuUsage;
-        if (failTransport) return failure();
-        return mReal->lockYCbCr(buffer, cpuUsage, lockRegion, fence, answer);
+        if (told < 0) return failure();
+        return mReal->lockYCbCr(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
+                                [&](Error answered, const YCbCrLayout& layout) {
+                                    answer(told > 0 ? Error(told) : answered, layout);
+                                });
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
-        pause();
-        if (failTransport) return failure();
-        return mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
-            answer(answered, releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
+        const int told = pause();
+        Return<void> status = mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
+            if (told < 0) return;
+            answer(told > 0 ? Error(told) : answered,
+                   releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
         });
+        if (told < 0) return failure();
+        return status;
     }
 
-    Error error = Error::NONE;  ///< for imports
-    bool failTransport = false;
+    /** Asked in each call: above 0 it answers with this error, below it fails on the way. */
+    std::function<int()> fault;
     Handle releaseFence;
     std::function<void()> during;         ///< runs once, inside the next call
     std::function<void(void*)> onImport;  ///< told of each, null for a failed one
@@ -83,8 +98,9 @@ public:
     uint64_t usage = 0;
 
 private:
-    void pause() {
+    int pause() {
         if (const auto once = std::exchange(during, nullptr)) once();
+        return fault ? fault() : 0;
     }
     static android::hardware::Status failure() {
         return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");

@@ -35,9 +35,10 @@ int optionOf(int socket, int option) {
 }  // namespace
 
 bool isMemory(int fd) {
-    // Seals exist only in memory; the name tells a memfd from a file on a file system in memory.
+    // The name first, because then nothing else is asked, which may not answer. Seals exist only in
+    // memory, and so tell a memfd from a file that has such a name.
     struct statfs system = {};
-    return fcntl(fd, F_GET_SEALS) >= 0 && beginsWith(nameOf(fd), "/memfd:") &&
+    return beginsWith(nameOf(fd), "/memfd:") && fcntl(fd, F_GET_SEALS) >= 0 &&
            fstatfs(fd, &system) == 0 && system.f_type != HUGETLBFS_MAGIC;
 }
 

@@ -198,6 +198,12 @@ private:
         detail::closeLater(std::move(connection.socket));
     }
 
+    /** Its peer is told at once, even while no thread can be made to close the socket. */
+    static void refuse(UniqueFd socket) {
+        shutdown(socket.get(), SHUT_RDWR);
+        detail::closeLater(std::move(socket));
+    }
+
     void acceptAll() {
         bool full = false;
         while (!mStopping) {
@@ -224,13 +230,13 @@ private:
         const std::optional<pid_t> peer = sameUsersPeer(socket.get());
         if (!peer) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
-            detail::closeLater(std::move(socket));
+            refuse(std::move(socket));
             return true;
         }
         if (mConnections.size() >= kMaxConnections) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection beyond the limit of %zu is refused", kMaxConnections);
-            detail::closeLater(std::move(socket));
+            refuse(std::move(socket));
             return true;
         }
         Connection& connection = mConnections.emplace_back();
@@ -245,7 +251,7 @@ private:
         };
         if (!detail::startThread(connection.thread, "connection", serve)) {
             if (mEvents.went) mEvents.went(*peer);
-            detail::closeLater(std::move(connection.socket));
+            refuse(std::move(connection.socket));
             mConnections.pop_back();
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection is refused: no thread can be made for it");
