@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <numeric>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "ZoruUtil.h"
@@ -92,7 +93,8 @@ TEST_F(FrameCopyTest, DescribesAPaddedFrameInMemory) {
     zoru_ycbcr odd(memory.data(), 1000, 33);
     EXPECT_EQ(odd.ystride, 1024U);
     EXPECT_EQ(odd.cb, memory.data() + 65536);
-    EXPECT_EQ(zoru_ycbcr(memory.data(), 128, 0).cb, memory.data() + 4096);
+    for (const int height : {0, 1, 32})
+        EXPECT_EQ(zoru_ycbcr(memory.data(), 128, height).cb, memory.data() + 4096);
 
     const host::Buffer target = allocate(100, 20);
     std::iota(memory.begin(), memory.end(), uint8_t{0});
@@ -102,13 +104,20 @@ TEST_F(FrameCopyTest, DescribesAPaddedFrameInMemory) {
     EXPECT_TRUE(
         std::equal(target.chromaRow(9), target.chromaRow(9) + 100, &memory[60000 + 9 * 1024]));
 
-    // Over 32 bits, or nothing there: no chroma addresses, so no operation takes it.
+    // Negative, over 32 bits, or nothing there: no chroma addresses, so no operation takes it.
+    zoru_ycbcr below(memory.data(), 200, -100);
+    zoru_ycbcr left(memory.data(), -200, -100);
     zoru_ycbcr huge(memory.data(), 65536, 65536);
     zoru_ycbcr nothing(nullptr, 16, 16);
     zoru_ycbcr widest(memory.data(), INT32_MAX, 1);
-    for (zoru_ycbcr* const frame : {&huge, &nothing, &widest})
+    for (zoru_ycbcr* const frame : {&below, &left, &huge, &nothing, &widest})
         fails(ZoruUtil::copy(wrap(target), *frame), "E copy:372: Invalid args \n");
     fails(ZoruUtil::copy(nullptr, odd), "E copy:372: Invalid args \n");
+    for (void** const plane : {&odd.y, &odd.cb, &odd.cr}) {
+        void* const kept = std::exchange(*plane, nullptr);
+        fails(ZoruUtil::copy(wrap(target), odd), "E copy:372: Invalid args \n");
+        *plane = kept;
+    }
 }
 
 TEST_F(FrameCopyTest, TellsWhyAFrameIsNotCopied) {
@@ -166,21 +175,27 @@ TEST_F(FrameCopyTest, CopiesOnlyInterleavedChroma) {
 
 TEST_F(FrameCopyTest, DumpsRequestsAndConfigurations) {
     CaptureRequest request = requestFor(7, UINT64_MAX, nullptr, -3);
+    request.outputBuffers.resize(2);
     ZoruUtil::dumpCaptureRequest(request);
     EXPECT_EQ(log.take(kTag),
               (Lines{"I dumpCaptureRequest: dumping received capture reqest:  \n",
                      "I dumpCaptureRequest: frameNumber(7)  \n",
-                     "I dumpCaptureRequest: outputBuffersCount(1)  \n",
-                     "I dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n"}));
+                     "I dumpCaptureRequest: outputBuffersCount(2)  \n",
+                     "I dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n",
+                     "I dumpCaptureRequest: streamId(0) bufferId(0) \n"}));
     StreamConfiguration configuration = configurationOf(2, 1280, 720);
+    configuration.streams[0].streamType = decltype(Stream::streamType)::INPUT;
+    configuration.streams[0].rotation = decltype(Stream::rotation)::ROTATION_270;
+    configuration.streams.resize(2);
     ZoruUtil::dumpConfiguration(configuration);
     EXPECT_EQ(
         log.take(kTag),
         (Lines{
             "I dumpConfiguration: dumping stream configuration:  \n",
             "I dumpConfiguration: operationMode(32769)  \n",
-            "I dumpConfiguration: streamsCount(1)  \n",
-            "I dumpConfiguration: streamId(2) streamType(0) width(1280) height(720) format(0x23) usage(0x33) rotation(0)\n"}));
+            "I dumpConfiguration: streamsCount(2)  \n",
+            "I dumpConfiguration: streamId(2) streamType(1) width(1280) height(720) format(0x23) usage(0x33) rotation(3)\n",
+            "I dumpConfiguration: streamId(0) streamType(0) width(0) height(0) format(0x0) usage(0x0) rotation(0)\n"}));
     StreamConfiguration none = {};
     ZoruUtil::dumpConfiguration(none);
     EXPECT_EQ(log.take(kTag), (Lines{"I dumpConfiguration: dumping stream configuration:  \n",
