@@ -28,7 +28,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 TREE = ROOT / "build" / "faults"
-SHORTEST_LIMIT = 120  # seconds for the tests of one fault; more when they take longer without it
+SHORTEST_LIMIT = 60  # seconds for the tests of one fault; more when they take longer without it
 NOT_COPIED = {".git", "build", "out"}
 JOBS = os.cpu_count() or 1
 

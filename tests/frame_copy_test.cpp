@@ -184,8 +184,6 @@ TEST_F(FrameCopyTest, DumpsRequestsAndConfigurations) {
                      "I dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n",
                      "I dumpCaptureRequest: streamId(0) bufferId(0) \n"}));
     StreamConfiguration configuration = configurationOf(2, 1280, 720);
-    configuration.streams[0].streamType = decltype(Stream::streamType)::INPUT;
-    configuration.streams[0].rotation = decltype(Stream::rotation)::ROTATION_270;
     configuration.streams.resize(2);
     ZoruUtil::dumpConfiguration(configuration);
     EXPECT_EQ(

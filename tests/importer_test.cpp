@@ -1,5 +1,6 @@
 // The handle importer, against the real mapper behind both versions of its service.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -106,6 +107,7 @@ TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
     EXPECT_EQ(this->importer.unlock(handle), -1);
     this->importer.freeBuffer(handle);
     EXPECT_EQ(this->spy->freed, this->spy->imported);
+    EXPECT_EQ(this->spy->fences, 0);
     EXPECT_TRUE(this->log.lines().empty());
     // The service was fetched once, and 2.0 only where there is no 3.0.
     EXPECT_EQ(this->scope.asked3(), 1);
@@ -118,18 +120,25 @@ TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
     EXPECT_FALSE(this->importer.importBuffer(handle));
     EXPECT_EQ(handle, this->buffer.handle());
     EXPECT_TRUE(this->log.lines().empty());  // a refusal is silent
-    this->importer.freeBuffer(static_cast<buffer_handle_t>(this->spy->imported[0]));
-
+    // Whatever comes with a refusal counts for nothing.
+    handle = static_cast<buffer_handle_t>(this->spy->imported[0]);
+    native_handle_t* const fence = native_handle_create(1, 0);
+    this->spy->releaseFence.setTo(fence);
     EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
     EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
     EXPECT_EQ(this->importer.unlock(handle), -1);
+    this->spy->releaseFence.setTo(nullptr);
+    native_handle_delete(fence);
+    EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 31) - 1), nullptr);
     EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
     EXPECT_EQ(this->importer.lock(handle, 3, size_t{1} << 31), nullptr);
-    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): failed to lock error 2!",
-                                           "E operator(): failed to lockYCbCr error 2!",
-                                           "E operator(): failed to unlock error 2!",
-                                           "E lock: size 4294967360 is over 31 bits",
-                                           "E lock: size 2147483648 is over 31 bits"}));
+    EXPECT_EQ(
+        this->log.said(kTag),
+        (Lines{
+            "E operator(): failed to lock error 5!", "E operator(): failed to lockYCbCr error 5!",
+            "E operator(): failed to unlock error 5!", "E operator(): failed to lock error 5!",
+            "E lock: size 4294967360 is over 31 bits", "E lock: size 2147483648 is over 31 bits"}));
+    this->importer.freeBuffer(handle);
 }
 
 TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
@@ -194,7 +203,8 @@ TYPED_TEST(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
     // What takes no lock does not wait for it either.
     this->expectInside(refused, Other::GOES_ON, unlock);
     this->expectInside(refused, Other::GOES_ON, [&] { tested.cleanup(); });
-    lock();  // connects anew
+    EXPECT_EQ(this->spy->getStrongCount(), 2);  // the registry's and the test's
+    lock();                                     // connects anew
     unlock();
     tested.freeBuffer(handle);
 }
@@ -256,6 +266,11 @@ TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
     EXPECT_GT(fd, STDERR_FILENO);
     importer.closeFence(fd);
     importer.closeFence(-1);
+    const int input = dup(STDIN_FILENO);
+    importer.closeFence(STDIN_FILENO);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(input, STDIN_FILENO);
+    close(input);
     fence->data[0] = -3;
     EXPECT_FALSE(importer.importFence(fence, fd));
     EXPECT_EQ(fd, -1);

@@ -28,10 +28,13 @@ public:
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
         pause();
-        if (failTransport) return failure();
+        if (failTransport) {
+            answer(Error::NONE, nullptr);  // which counts for nothing then
+            return failure();
+        }
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
-            answer(error == Error::NONE ? answered : error, buffer);
+            answer(said(answered), buffer);
         });
     }
 
@@ -47,8 +50,10 @@ public:
         pause();
         region = lockRegion;
         usage = cpuUsage;
+        fences += fence.getNativeHandle() != nullptr;
         if (failTransport) return failure();
-        return mReal->lock(buffer, cpuUsage, lockRegion, fence, answer);
+        return mReal->lock(buffer, cpuUsage, lockRegion, fence,
+                           [&](Error answered, auto... data) { answer(said(answered), data...); });
     }
 
     Return<void> lockYCbCr(void* buffer, uint64_t cpuUsage, const Rect& lockRegion,
@@ -56,19 +61,23 @@ public:
         pause();
         region = lockRegion;
         usage = cpuUsage;
+        fences += fence.getNativeHandle() != nullptr;
         if (failTransport) return failure();
-        return mReal->lockYCbCr(buffer, cpuUsage, lockRegion, fence, answer);
+        return mReal->lockYCbCr(
+            buffer, cpuUsage, lockRegion, fence,
+            [&](Error answered, const YCbCrLayout& layout) { answer(said(answered), layout); });
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
         pause();
         if (failTransport) return failure();
         return mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
-            answer(answered, releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
+            answer(said(answered),
+                   releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
         });
     }
 
-    Error error = Error::NONE;  ///< for imports
+    Error error = Error::NONE;  ///< said of what was done all the same
     bool failTransport = false;
     Handle releaseFence;
     std::function<void()> during;  ///< runs once, inside the next call
@@ -77,8 +86,10 @@ public:
     std::vector<void*> freed;
     Rect region = {};
     uint64_t usage = 0;
+    int fences = 0;  ///< acquire fences that were not empty
 
 private:
+    Error said(Error answered) const { return error == Error::NONE ? answered : error; }
     void pause() {
         if (const auto once = std::exchange(during, nullptr)) once();
     }
