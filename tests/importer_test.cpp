@@ -105,10 +105,12 @@ TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
     EXPECT_EQ(layout.cStride, 64U);
     EXPECT_EQ(layout.chromaStep, 2U);
     EXPECT_EQ(this->importer.unlock(handle), -1);
+    EXPECT_TRUE(this->log.lines().empty());
+    EXPECT_EQ(this->importer.lock(handle, 3, INT32_MAX), nullptr);  // it fits, but not the buffer
+    EXPECT_EQ(this->log.take(kTag), Lines{"E operator(): failed to lock error 3!"});
+    EXPECT_EQ(this->spy->fences, 0);
     this->importer.freeBuffer(handle);
     EXPECT_EQ(this->spy->freed, this->spy->imported);
-    EXPECT_EQ(this->spy->fences, 0);
-    EXPECT_TRUE(this->log.lines().empty());
     // The service was fetched once, and 2.0 only where there is no 3.0.
     EXPECT_EQ(this->scope.asked3(), 1);
     EXPECT_EQ(this->scope.asked2(), (std::is_same_v<TypeParam, SpyMapper2> ? 1 : 0));
@@ -120,25 +122,18 @@ TYPED_TEST(ImporterTest, TellsWhatTheMapperRefuses) {
     EXPECT_FALSE(this->importer.importBuffer(handle));
     EXPECT_EQ(handle, this->buffer.handle());
     EXPECT_TRUE(this->log.lines().empty());  // a refusal is silent
-    // Whatever comes with a refusal counts for nothing.
-    handle = static_cast<buffer_handle_t>(this->spy->imported[0]);
-    native_handle_t* const fence = native_handle_create(1, 0);
-    this->spy->releaseFence.setTo(fence);
+    this->importer.freeBuffer(static_cast<buffer_handle_t>(this->spy->imported[0]));
+
     EXPECT_EQ(this->importer.lock(handle, 3, 64), nullptr);
     EXPECT_EQ(this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32}).y, nullptr);
     EXPECT_EQ(this->importer.unlock(handle), -1);
-    this->spy->releaseFence.setTo(nullptr);
-    native_handle_delete(fence);
-    EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 31) - 1), nullptr);
     EXPECT_EQ(this->importer.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
     EXPECT_EQ(this->importer.lock(handle, 3, size_t{1} << 31), nullptr);
-    EXPECT_EQ(
-        this->log.said(kTag),
-        (Lines{
-            "E operator(): failed to lock error 5!", "E operator(): failed to lockYCbCr error 5!",
-            "E operator(): failed to unlock error 5!", "E operator(): failed to lock error 5!",
-            "E lock: size 4294967360 is over 31 bits", "E lock: size 2147483648 is over 31 bits"}));
-    this->importer.freeBuffer(handle);
+    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): failed to lock error 2!",
+                                           "E operator(): failed to lockYCbCr error 2!",
+                                           "E operator(): failed to unlock error 2!",
+                                           "E lock: size 4294967360 is over 31 bits",
+                                           "E lock: size 2147483648 is over 31 bits"}));
 }
 
 TYPED_TEST(ImporterTest, SurvivesAMapperThatDies) {
@@ -247,6 +242,50 @@ TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
     handle = buffer.handle();
     EXPECT_FALSE(importer.importBuffer(handle));
     EXPECT_EQ(none.asked3(), 5);  // once by the real mapper's scope, once more now
+}
+
+namespace {
+/** Gives something along with each refusal and each failure on the way. */
+struct ContraryMapper : public SpyMapper3 {
+    using SpyMapper3::SpyMapper3;
+    static constexpr auto kRefused = mapper3::Error::BAD_VALUE;
+
+    Return<void> importBuffer(const Handle& /*raw*/, importBuffer_cb answer) override {
+        answer(mapper3::Error::NONE, this);
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
+    }
+    Return<void> lock(void* /*buffer*/, uint64_t /*usage*/, const Rect& /*region*/,
+                      const Handle& /*fence*/, lock_cb answer) override {
+        answer(kRefused, this, 1, 1);
+        return {};
+    }
+    Return<void> lockYCbCr(void* /*buffer*/, uint64_t /*usage*/, const Rect& /*region*/,
+                           const Handle& /*fence*/, lockYCbCr_cb answer) override {
+        answer(kRefused, {this, this, this, 1, 1, 2});
+        return {};
+    }
+    Return<void> unlock(void* /*buffer*/, unlock_cb answer) override {
+        answer(kRefused, releaseFence);
+        return {};
+    }
+};
+}  // namespace
+
+TEST(ImporterAloneTest, KeepsNothingThatComesWithARefusal) {
+    LogLines log;
+    const android::sp<ContraryMapper> mapper = new ContraryMapper(host::realMapper3());
+    const host::ScopedMapper scope(mapper, nullptr);
+    native_handle_t* const fence = native_handle_create(1, 0);  // of the standard input
+    mapper->releaseFence.setTo(fence);
+    HandleImporter importer;
+    const host::Buffer buffer = allocate(4, 4);
+    buffer_handle_t handle = buffer.handle();
+    EXPECT_FALSE(importer.importBuffer(handle));
+    EXPECT_EQ(handle, buffer.handle());
+    EXPECT_EQ(importer.lock(handle, 3, 4), nullptr);
+    EXPECT_EQ(importer.lockYCbCr(handle, 3, {0, 0, 4, 4}).y, nullptr);
+    EXPECT_EQ(importer.unlock(handle), -1);
+    native_handle_delete(fence);
 }
 
 TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {

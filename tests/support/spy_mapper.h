@@ -28,13 +28,10 @@ public:
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
         pause();
-        if (failTransport) {
-            answer(Error::NONE, nullptr);  // which counts for nothing then
-            return failure();
-        }
+        if (failTransport) return failure();
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
             imported.push_back(buffer);
-            answer(said(answered), buffer);
+            answer(error == Error::NONE ? answered : error, buffer);
         });
     }
 
@@ -49,47 +46,42 @@ public:
                       typename IMapper::lock_cb answer) override {
         pause();
         region = lockRegion;
+        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
         usage = cpuUsage;
-        fences += fence.getNativeHandle() != nullptr;
         if (failTransport) return failure();
-        return mReal->lock(buffer, cpuUsage, lockRegion, fence,
-                           [&](Error answered, auto... data) { answer(said(answered), data...); });
+        return mReal->lock(buffer, cpuUsage, lockRegion, fence, answer);
     }
 
     Return<void> lockYCbCr(void* buffer, uint64_t cpuUsage, const Rect& lockRegion,
                            const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
         pause();
         region = lockRegion;
+        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
         usage = cpuUsage;
-        fences += fence.getNativeHandle() != nullptr;
         if (failTransport) return failure();
-        return mReal->lockYCbCr(
-            buffer, cpuUsage, lockRegion, fence,
-            [&](Error answered, const YCbCrLayout& layout) { answer(said(answered), layout); });
+        return mReal->lockYCbCr(buffer, cpuUsage, lockRegion, fence, answer);
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
         pause();
         if (failTransport) return failure();
         return mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
-            answer(said(answered),
-                   releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
+            answer(answered, releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
         });
     }
 
-    Error error = Error::NONE;  ///< said of what was done all the same
+    Error error = Error::NONE;  ///< for imports
     bool failTransport = false;
     Handle releaseFence;
     std::function<void()> during;  ///< runs once, inside the next call
 
     std::vector<void*> imported;
     std::vector<void*> freed;
+    int fences = 0;  ///< acquire fences that were not empty
     Rect region = {};
     uint64_t usage = 0;
-    int fences = 0;  ///< acquire fences that were not empty
 
 private:
-    Error said(Error answered) const { return error == Error::NONE ? answered : error; }
     void pause() {
         if (const auto once = std::exchange(during, nullptr)) once();
     }
