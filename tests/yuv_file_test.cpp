@@ -99,6 +99,7 @@ TEST_F(YuvFileTest, RefusesAGeometryThatCannotBe) {
     EXPECT_EQ(log.timesSaid("E file  open failed, error - No such file or directory \n"), 5);
     YUVFile odd(path("odd").c_str(), 3, 3);
     EXPECT_EQ(odd.putFrame(), 13);
+    EXPECT_EQ(odd.putFrame(wrap(allocate(13, 1))), 13);  // no chroma row: it just fits
 }
 
 TEST_F(YuvFileTest, AppendsFramesOfEverySource) {
