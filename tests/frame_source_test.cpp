@@ -152,7 +152,7 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     EXPECT_EQ(buffer.bytes()[0], 7);
 
     // A stream that needs more than a frame of the file: nothing is read past the frame memory.
-    writeFrames("a");
+    writeFrames("ab");
     const host::Buffer large = allocate(1280, 722);
     configure(0, 1280, 722);
     submit(3, 0, large.handle());
@@ -167,6 +167,12 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     native_handle_delete(empty);
     EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
     EXPECT_EQ(deliveries.waitFor(4)[3].result.outputBuffers[0].status, BufferStatus::OK);
+
+    // The file's first frame went to the large buffer, and none to what is no buffer.
+    configure(0);
+    submit(5, 0, buffer.handle());
+    EXPECT_TRUE(pass().empty());
+    EXPECT_EQ(buffer.bytes()[0], 'b');
 }
 
 TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {

@@ -6,6 +6,7 @@
 #include <hidl/Status.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace testing_support {
@@ -14,7 +15,8 @@ using android::hardware::hidl_handle;
 using android::hardware::Return;
 
 TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
-    native_handle_t* const raw = native_handle_create(1, 1);
+    native_handle_t* const raw = native_handle_create(1, 2);
+    EXPECT_EQ(raw->data[0] | raw->data[1] | raw->data[2], 0);
     raw->data[0] = STDERR_FILENO;
     raw->data[1] = 42;
     const hidl_handle borrowed(raw);
@@ -25,17 +27,31 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     EXPECT_EQ(copy->data[1], 42);
     const hidl_handle moved(std::move(copy));
     EXPECT_EQ(copy.getNativeHandle(), nullptr);  // NOLINT: what a move leaves is the question
-    raw->numFds = 2;  // of two descriptors the second cannot be duplicated
+    copy.setTo(native_handle_clone(raw), true);
+    copy.setTo(native_handle_clone(raw), true);  // lets go of the one before
+    copy = raw;                                  // so does this, and owns nothing
+    copy.setTo(raw);
+    raw->numFds = 3;  // of three descriptors the second cannot be duplicated
     raw->data[1] = -1;
     const hidl_handle failed(borrowed);  // NOLINT(performance-unnecessary-copy-initialization)
     EXPECT_EQ(failed.getNativeHandle(), nullptr);
+    EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);  // what the third would have been is not closed
+    raw->numFds = 1;
+    raw->data[0] = dup(STDERR_FILENO);
     raw->version = 13;
     EXPECT_NE(native_handle_close(raw), 0);
     EXPECT_NE(native_handle_delete(raw), 0);
+    EXPECT_GE(fcntl(raw->data[0], F_GETFD), 0);
     raw->version = 12;
+    errno = 77;
+    EXPECT_EQ(native_handle_close(raw), 0);
+    EXPECT_EQ(native_handle_close(raw), 0);  // a second time, which close() refuses
+    EXPECT_EQ(errno, 77);
     native_handle_delete(raw);
-    EXPECT_EQ(native_handle_create(-1, 0), nullptr);
-    EXPECT_EQ(native_handle_create(1025, 0), nullptr);
+    for (const int count : {-1, 1025}) {
+        EXPECT_EQ(native_handle_create(count, 0), nullptr);
+        EXPECT_EQ(native_handle_create(0, count), nullptr);
+    }
     // What belongs to another is copied, not moved away, when a vector grows.
     using android::hardware::hidl_string;
     hidl_string elements[] = {"one", "two"};
@@ -61,6 +77,9 @@ TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
         },
         "not checked.*DEAD_OBJECT: gone");
     EXPECT_DEATH(static_cast<void>(int(Return<int>(failed()))), "failed HIDL call");
+    EXPECT_TRUE(Status::fromStatusT(android::OK, "").isOk());
+    android::hardware::hidl_vec<char> bytes;
+    EXPECT_DEATH(bytes.setToExternal(nullptr, size_t{1} << 32), "over 32 bits");
 }
 
 }  // namespace testing_support

@@ -1,5 +1,6 @@
 // The handle importer, against the real mapper behind both versions of its service.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -91,9 +92,12 @@ TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
     EXPECT_EQ(layout.cStride, 64U);
     EXPECT_EQ(layout.chromaStep, 2U);
     EXPECT_EQ(this->importer.unlock(handle), -1);
+    EXPECT_TRUE(this->log.lines().empty());
+    EXPECT_EQ(this->importer.lock(handle, 3, INT32_MAX), nullptr);  // it fits, but not the buffer
+    EXPECT_EQ(this->log.take(kTag), Lines{"E operator(): failed to lock error 3!"});
+    EXPECT_EQ(this->spy->fences, 0);
     this->importer.freeBuffer(handle);
     EXPECT_EQ(this->spy->freed, this->spy->imported);
-    EXPECT_TRUE(this->log.lines().empty());
     // The service was fetched once, and 2.0 only where there is no 3.0.
     EXPECT_EQ(this->scope.asked3(), 1);
     EXPECT_EQ(this->scope.asked2(), (std::is_same_v<TypeParam, SpyMapper2> ? 1 : 0));
@@ -189,7 +193,8 @@ TYPED_TEST(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
     // What takes no lock does not wait for it either.
     this->expectInside(refused, Other::GOES_ON, unlock);
     this->expectInside(refused, Other::GOES_ON, [&] { tested.cleanup(); });
-    lock();  // connects anew
+    EXPECT_EQ(this->spy->getStrongCount(), 2);  // the registry's and the test's
+    lock();                                     // connects anew
     unlock();
     tested.freeBuffer(handle);
 }
@@ -251,6 +256,11 @@ TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
     EXPECT_GT(fd, STDERR_FILENO);
     importer.closeFence(fd);
     importer.closeFence(-1);
+    const int input = dup(STDIN_FILENO);
+    importer.closeFence(STDIN_FILENO);
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
+    dup2(input, STDIN_FILENO);
+    close(input);
     fence->data[0] = -3;
     EXPECT_FALSE(importer.importFence(fence, fd));
     EXPECT_EQ(fd, -1);

@@ -1,6 +1,7 @@
-// What every test leans on: the platform's log and its capture, and the check for leaks.
+// What every test leans on: the platform's log and properties, and the check for leaks.
 
 #include <android/log.h>
+#include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,8 +9,10 @@
 #include <future>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "holdings.h"
+#include "host/properties.h"
 #include "support/log_lines.h"
 #include "support/session_fixture.h"
 #include "support/stress.h"
@@ -29,6 +32,21 @@ TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
     EXPECT_FALSE(outer.waitUntilSaid("D kept\n"));
     EXPECT_EQ(outer.take(), (Lines{"E kept\n", "W kept\n"}));
     EXPECT_TRUE(outer.said().empty());
+}
+
+TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {
+    constexpr const char* kKey = "a.property";
+    EXPECT_EQ(property_get_bool(kKey, 7), 7);
+    const std::pair<int, Lines> words[] = {{1, {"1", "y", "yes", "true", "on"}},
+                                           {0, {"0", "n", "no", "false", "off"}},
+                                           {7, {"", "2", "True", "ON", " 1", "no "}}};
+    for (const auto& [expected, values] : words) {
+        for (const std::string& value : values) {
+            host::setProperty(kKey, value);
+            EXPECT_EQ(property_get_bool(kKey, 7), expected) << value;
+        }
+    }
+    host::clearProperty(kKey);
 }
 
 TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {

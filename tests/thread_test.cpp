@@ -23,6 +23,9 @@ class LoopThread : public android::Thread {
 public:
     explicit LoopThread(std::function<bool()> body) : mBody(std::move(body)) {}
     using Thread::exitPending;
+    android::status_t readyToRun() override { return readiness; }
+
+    android::status_t readiness = android::NO_ERROR;
 
 private:
     bool threadLoop() override { return mBody(); }
@@ -61,6 +64,17 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
     thread->requestExit();
     EXPECT_EQ(thread->join(), android::NO_ERROR);
     EXPECT_TRUE(thread->exitPending());  // sticks until the next run
+    for (const bool isReady : {true, false}) {
+        passes = 0;
+        thread->readiness = isReady ? android::NO_ERROR : android::UNKNOWN_ERROR;
+        EXPECT_EQ(thread->run("anew"), android::NO_ERROR);
+        if (isReady) {
+            EXPECT_TRUE(eventually([&] { return passes > 0; }));
+            thread->requestExit();
+        }
+        EXPECT_EQ(thread->join(), android::NO_ERROR);
+        EXPECT_EQ(passes > 0, isReady);
+    }
 }
 
 TEST(ThreadTest, EndsWhenItsObjectIsLetGoOf) {

@@ -52,6 +52,8 @@ TEST_F(YuvFileTest, PlaysWholeFramesInALoop) {
     YUVFile one(write("1", "123456").c_str(), 2, 2);
     EXPECT_NE(one.getFrame(), nullptr);
     EXPECT_NE(one.getFrame(), nullptr);
+    YUVFile running("/proc/self/exe", 2, 2);  // which nobody may open for writing
+    EXPECT_NE(running.getFrame(), nullptr);
 }
 
 TEST_F(YuvFileTest, TellsWhyThereIsNoFrameAndTriesAgain) {
@@ -78,21 +80,27 @@ TEST_F(YuvFileTest, TellsWhyThereIsNoFrameAndTriesAgain) {
 TEST_F(YuvFileTest, RefusesAGeometryThatCannotBe) {
     YUVFile none(nullptr, 2, 2);
     YUVFile flat(path("x").c_str(), 0, 720);
+    YUVFile low(path("x").c_str(), 1280, 0);
     YUVFile huge(path("x").c_str(), 65536, 65536);  // a product of 0 in 32 bits
     YUVFile large(path("x").c_str(), 26755, 26755);
     EXPECT_EQ(log.timesSaid("E invalid args: inFile((nil)) width(2) height(2) \n"), 1);
-    EXPECT_EQ(log.take(kTag).size(), 4U);
+    EXPECT_EQ(log.take(kTag).size(), 5U);
     const sp<GraphicBuffer> buffer = wrap(allocate(2, 2));
     std::vector<uint8_t> memory(8192);
     zoru_ycbcr frame(memory.data(), 2, 2);
-    for (YUVFile* const file : {&none, &flat, &huge, &large}) {
+    for (YUVFile* const file : {&none, &flat, &low, &huge, &large}) {
         EXPECT_EQ(file->getFrame(), nullptr);
         EXPECT_EQ(file->putFrame(), -1);
         EXPECT_EQ(file->putFrame(buffer), -1);
         EXPECT_EQ(file->putFrame(frame), -1);
     }
     EXPECT_FALSE(std::filesystem::exists(path("x")));
-    EXPECT_EQ(log.timesSaid("E  Invalid handle \n"), 4);
+    EXPECT_EQ(log.timesSaid("E  Invalid handle \n"), 5);
+    // The file is opened first, and here it has no name.
+    EXPECT_EQ(log.timesSaid("E file  open failed, error - No such file or directory \n"), 5);
+    YUVFile odd(path("odd").c_str(), 3, 3);
+    EXPECT_EQ(odd.putFrame(), 13);
+    EXPECT_EQ(odd.putFrame(wrap(allocate(13, 1))), 13);  // no chroma row: it just fits
 }
 
 TEST_F(YuvFileTest, AppendsFramesOfEverySource) {
@@ -127,12 +135,23 @@ TEST_F(YuvFileTest, AppendsFramesOfEverySource) {
     frame.width = 4;
     frame.height = 5;
     EXPECT_EQ(file.putFrame(frame), -1);
+    frame.width = frame.height = 65536;  // a size of 0 in 32 bits
+    EXPECT_EQ(file.putFrame(frame), -1);
+    for (void** const plane : {&frame.y, &frame.cb, &frame.cr}) {
+        void* const kept = std::exchange(*plane, nullptr);
+        EXPECT_EQ(file.putFrame(frame), -1);
+        *plane = kept;
+    }
+    const std::string invalid = "E  Invalid handle \n";
     EXPECT_EQ(log.said(kTag),
               (Lines{"E frame is too large: width(6) height(4), file width(4) height(4) \n",
-                     "E frame is too large: width(4) height(5), file width(4) height(4) \n"}));
+                     "E frame is too large: width(4) height(5), file width(4) height(4) \n",
+                     "E frame is too large: width(65536) height(65536), file width(4) height(4) \n",
+                     invalid, invalid, invalid}));
 
     std::ifstream in(name, std::ios::binary);
     EXPECT_EQ(std::string((std::istreambuf_iterator<char>(in)), {}), expected);
+    EXPECT_NE(file.getFrame(), nullptr);  // opened for reading, too
 }
 
 TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {

@@ -116,7 +116,11 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height)
     using android::hardware::camera::device::V3_2::StreamConfigurationMode;
     StreamConfiguration configuration =
         kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
-    configuration.streams[0].usage = 0x100000033;
+    Stream& stream = configuration.streams[0];
+    stream.streamType = decltype(stream.streamType)::INPUT;
+    stream.usage = 0x100000033;
+    stream.dataSpace = 77;
+    stream.rotation = decltype(stream.rotation)::ROTATION_270;
     configuration.operationMode = StreamConfigurationMode::VENDOR_MODE_1;
     return configuration;
 }

@@ -98,7 +98,7 @@ sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33);
 /** Whether both are a handle of one buffer, with descriptors of their own. */
 bool sameFile(const native_handle_t* a, const native_handle_t* b);
 
-/** One stream, with a usage of more than 32 bits and a mode of the vendor's. */
+/** One stream, none of whose fields is 0, with a usage of more than 32 bits. */
 StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
 
 class SessionFixture : public testing::Test {

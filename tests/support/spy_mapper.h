@@ -54,6 +54,7 @@ public:
                       typename IMapper::lock_cb answer) override {
         const int told = pause();
         region = lockRegion;
+        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
         usage = cpuUsage;
         if (told < 0) return failure();
         return mReal->lock(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
@@ -66,6 +67,7 @@ public:
                            const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
         const int told = pause();
         region = lockRegion;
+        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
         usage = cpuUsage;
         if (told < 0) return failure();
         return mReal->lockYCbCr(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
@@ -94,6 +96,7 @@ public:
 
     std::vector<void*> imported;
     std::vector<void*> freed;
+    int fences = 0;  ///< acquire fences that were not empty
     Rect region = {};
     uint64_t usage = 0;
 

@@ -1,0 +1,320 @@
+#!/usr/bin/env python3
+"""Plants faults in a copy of the tree, one at a time, and shows which test notices each of them.
+
+The faults stand in the *.txt files beside this script. An entry is a block of lines:
+
+    [name] path/of/the/file.cpp
+    What the fault is, in one line.
+    tests: host ResultsTest.*         (optional: a preset and a test filter, tried first)
+    unseen: why nobody can see it     (optional: then it is planted only when it is named)
+    - text that is found exactly once in the file
+    + text that takes its place
+
+Several "-" lines are one text, in which white space stands for any white space; without "+" lines
+it is taken out. A line "..." separates two places of the file. An entry ends with an empty line;
+lines that begin with # are comments.
+"""
+
+import argparse
+import os
+import re
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+TREE = ROOT / "build" / "faults"
+SHORTEST_LIMIT = 60  # seconds for the tests of one fault; more when they take longer without it
+NOT_COPIED = {".git", "build", "out"}
+# The quick tests: all but those that run the tools, which take seconds and test little else.
+QUICK = "-ClientToolTest.*:ClientOutputsTest.*:ClientWatchTest.*:ClipTest.*"
+JOBS = os.cpu_count() or 1
+
+
+class BrokenEntry(Exception):
+    pass
+
+
+@dataclass
+class Fault:
+    name: str
+    path: str
+    what: str = ""
+    preset: str = "host"
+    filter: str = ""
+    unseen: str = ""
+    places: list = field(default_factory=list)  # of [text to find, text in its place]
+
+
+def parse(path):
+    """The entries of one file."""
+    faults, fault, last = [], None, ""
+    for number, line in enumerate(path.read_text().splitlines() + [""], 1):
+        if line.startswith("#"):
+            continue
+        if head := re.fullmatch(r"\[([\w-]+)\] (\S+)", line):
+            fault, last = Fault(head[1], head[2]), ""
+            faults.append(fault)
+        elif not line:
+            fault = None
+        elif fault is None:
+            sys.exit(f"{path}:{number}: no entry begins here")
+        elif line == "...":
+            last = ""
+        elif line[0] in "-+":
+            if last == "" or (line[0] == "-" and last == "+"):
+                fault.places.append(["", ""])
+            fault.places[-1]["-+".index(line[0])] += line[1:] + "\n"
+            last = line[0]
+        elif line.startswith("tests: "):
+            _, fault.preset, fault.filter = line.split()
+        elif line.startswith("unseen: "):
+            fault.unseen = line[len("unseen: "):]
+        else:
+            fault.what += line
+    return faults
+
+
+def all_faults():
+    faults = [f for path in sorted(ROOT.glob("faults/*.txt")) for f in parse(path)]
+    names = [f.name for f in faults]
+    for name in {n for n in names if names.count(n) > 1}:
+        sys.exit(f"faults: two entries are named {name}")
+    return faults
+
+
+def planted(fault, text):
+    """The file's text with the fault in it."""
+    if not fault.places or not fault.what:
+        raise BrokenEntry("it has no sentence or no place")
+    for find, put in fault.places:
+        pattern = r"\s+".join(re.escape(word) for word in find.split())
+        found = list(re.finditer(pattern, text)) if pattern else []
+        if len(found) != 1:
+            raise BrokenEntry(f"found {len(found)} times: {' '.join(find.split())[:60]}")
+        text = text[: found[0].start()] + put.strip() + text[found[0].end() :]
+    return text
+
+
+def check(faults):
+    """Whether each fault's place is found exactly once."""
+    broken = 0
+    for fault in faults:
+        try:
+            if not (ROOT / fault.path).is_file():
+                raise BrokenEntry(f"{fault.path} is not there")
+            planted(fault, (ROOT / fault.path).read_text())
+        except BrokenEntry as problem:
+            print(f"{fault.name}: {problem}")
+            broken += 1
+    print(f"{len(faults)} faults, {broken} broken")
+    return broken == 0
+
+
+def write_if_changed(path, text):
+    if not path.is_file() or path.read_bytes() != text:
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(text)
+
+
+def copy_tree():
+    """Brings the copy up to date and leaves alone what has not changed, so that little is built."""
+    names = {str(path.relative_to(ROOT)) for part in ROOT.iterdir() if part.name not in NOT_COPIED
+             for path in [part, *part.rglob("*")] if path.is_file()}
+    for name in names:
+        text = (ROOT / name).read_bytes()
+        if name == "cmake/warnings.cmake":
+            text = text.replace(b"-Werror", b"-w")  # a fault may leave something unused
+        write_if_changed(TREE / name, text)
+        shutil.copymode(ROOT / name, TREE / name)
+    for old in TREE.rglob("*"):
+        name = str(old.relative_to(TREE))
+        if old.is_file() and not name.startswith("build/") and name not in names:
+            old.unlink()
+
+
+def build(preset):
+    """The compiler's words when it cannot be built, else nothing."""
+    log = ""
+    configure = ["cmake", "--preset", preset]
+    # What runs is small and debugged by nobody: built fast.
+    configure += ["-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1" + ("" if preset == "host" else " -g1")]
+    # A program is not linked anew for a shared library that it uses, nor asked for its tests' names.
+    configure += ["-DCMAKE_LINK_DEPENDS_NO_SHARED=ON",
+                  "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
+    if shutil.which("ccache"):
+        configure += ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"]
+    commands = [["cmake", "--build", "--preset", preset, f"-j{JOBS}", "--target", "fdstream-tests"]]
+    if not (TREE / "build" / preset / "build.ninja").is_file():
+        commands.insert(0, configure)
+    for command in commands:
+        done = subprocess.run(command, cwd=TREE, capture_output=True, text=True)
+        log = done.stdout + done.stderr
+        if done.returncode != 0:
+            return log
+    return ""
+
+
+def ends_of(output):
+    """The test that failed or was running at the end, and how many tests have run."""
+    failed = re.findall(r"^\[  FAILED  \] ([\w./]+)(?:, where.*)? \(\d+ ms\)", output, re.M)
+    running = re.findall(r"^\[ RUN      \] ([\w./]+)", output, re.M)
+    ended = re.findall(r"^\[ +(?:OK|FAILED|SKIPPED) +\] ([\w./]+)", output, re.M)
+    if failed:
+        return failed[0], len(running)
+    return (running[-1] if running and running[-1] not in ended else "?"), len(running)
+
+
+def stop(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait()
+
+
+def run_tests(preset, test_filter, limit):
+    """Who noticed, or nothing; and how many tests ran. Shards run side by side until one fails."""
+    shards = JOBS if test_filter == QUICK else 1
+    command = [TREE / "build" / preset / "bin" / "fdstream-tests", "--gtest_fail_fast",
+               "--gtest_color=no", f"--gtest_filter={test_filter}"]
+    deadline = time.monotonic() + limit
+    running, verdict, count = [], "", 0
+    with tempfile.TemporaryDirectory() as folder:
+        for index in range(shards):
+            log = open(Path(folder) / str(index), "w+", errors="replace")
+            shard = {"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(index)}
+            process = subprocess.Popen(
+                command, cwd=folder, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+                start_new_session=True, env={**os.environ, **shard})
+            running.append((process, log))
+        waiting = list(running)
+        while waiting and not verdict:
+            time.sleep(0.05)
+            late = time.monotonic() > deadline
+            for process, log in list(waiting):
+                if process.poll() is None and not late:
+                    continue
+                waiting.remove((process, log))
+                test, ran = ends_of(Path(log.name).read_text(errors="replace"))
+                count += ran
+                if process.returncode is None:
+                    verdict = f"{test} (hangs)"
+                elif process.returncode < 0:
+                    verdict = f"{test} (signal {-process.returncode})"
+                elif process.returncode != 0:
+                    verdict = test
+                if verdict:
+                    break
+        for process, log in running:
+            stop(process)
+            log.close()
+    return verdict, count
+
+
+class Trial:
+    """Builds the tree and runs its tests; knows how long they take without a fault."""
+
+    def __init__(self):
+        self.limits = {}
+
+    def prepare(self, preset, faults):
+        """The tests that are to notice must pass without a fault."""
+        wanted = {f.filter for f in faults if f.preset == preset and f.filter}
+        filters = [QUICK] if preset == "host" else [":".join(sorted(wanted))]
+        print(f"Building {preset} without a fault ...", flush=True)
+        if log := build(preset):
+            sys.exit(log[-4000:] + f"\nfaults: {preset} does not build without a fault")
+        for test_filter in filters:
+            start = time.monotonic()
+            verdict, count = run_tests(preset, test_filter, 1800)
+            seconds = time.monotonic() - start
+            self.limits[preset] = max(SHORTEST_LIMIT, 4 * seconds)
+            if verdict:
+                sys.exit(f"faults: {preset} fails without a fault: {verdict}")
+            print(f"{count} tests pass without a fault, in {seconds:.0f} s", flush=True)
+
+    def try_fault(self, fault):
+        """Who noticed; nothing when nobody did."""
+        path = TREE / fault.path
+        whole = path.read_bytes()
+        path.write_text(planted(fault, whole.decode()))
+        try:
+            attempts = [(fault.preset, fault.filter)] if fault.filter else []
+            for preset, test_filter in attempts + [("host", QUICK)]:
+                if log := build(preset):
+                    errors = [line for line in log.splitlines() if "error" in line.lower()]
+                    raise BrokenEntry("does not build: " + (errors + [log[-200:]])[0])
+                verdict, _ = run_tests(preset, test_filter, self.limits[preset])
+                if verdict:
+                    return f"{verdict}{'' if preset == 'host' else ' under ' + preset}"
+            return ""
+        finally:
+            path.write_bytes(whole)
+
+
+def try_all(faults):
+    copy_tree()
+    trial = Trial()
+    for preset in ["host"] + sorted({f.preset for f in faults if f.filter} - {"host"}):
+        trial.prepare(preset, faults)
+    unnoticed, broken, begin = [], [], time.monotonic()
+    for number, fault in enumerate(faults, 1):
+        start = time.monotonic()
+        try:
+            noticed = trial.try_fault(fault)
+            if not noticed:
+                unnoticed.append(fault)
+        except BrokenEntry as problem:
+            broken.append(fault)
+            noticed = f"BROKEN ENTRY: {problem}"
+        print(f"{number:3}/{len(faults)} {fault.name}: {noticed or 'NOT NOTICED  <<<<<<<<'}"
+              f"  {time.monotonic() - start:.0f} s", flush=True)
+    noticed = len(faults) - len(unnoticed) - len(broken)
+    print(f"\n{len(faults)} faults in {(time.monotonic() - begin) / 60:.0f} minutes: {noticed} "
+          f"noticed, {len(unnoticed)} not noticed, {len(broken)} broken")
+    for title, some in ("NOT NOTICED", unnoticed), ("BROKEN", broken):
+        for fault in some:
+            print(f"{title:12} {fault.name:40} {fault.path}\n{'':13}{fault.what}")
+    return not unnoticed and not broken
+
+
+def main():
+    parser = argparse.ArgumentParser(
+        prog="./run faults",
+        description="Plant faults one at a time in a copy of the tree, under build/faults, and show "
+        "which test notices each.")
+    parser.add_argument("names", metavar="NAME", nargs="*",
+                        help="a fault, or a file of faults: session, util ... (default: all)")
+    parser.add_argument("--list", action="store_true", help="list them and end")
+    parser.add_argument("--check", action="store_true",
+                        help="only see that the place of each is found exactly once")
+    arguments = parser.parse_args()
+    faults = all_faults()
+    chosen = set()
+    for name in arguments.names:
+        room = {f.name for f in parse(path)} if (
+            path := ROOT / "faults" / f"{name}.txt").is_file() else {name}
+        if unknown := room - {f.name for f in faults}:
+            sys.exit(f"faults: there is no fault {', '.join(unknown)}")
+        chosen |= room
+    faults = [f for f in faults if not chosen or f.name in chosen]
+    if arguments.list:
+        for fault in faults:
+            print(f"{fault.name:40} {fault.path}\n    {fault.what}")
+            if fault.unseen:
+                print(f"    Nobody sees it: {fault.unseen}")
+        return 0
+    if not check(faults):
+        return 1
+    seen = [f for f in faults if not f.unseen or f.name in arguments.names]
+    return 0 if arguments.check or try_all(seen) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
