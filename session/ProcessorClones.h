@@ -4,7 +4,13 @@
 // rearrange the bytes of a vector; 64-bit Arm can, in vectors of 16 bytes. The thread sanitizer
 // gets plain code: it is not ready yet when the choice among clones is made.
 
-#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define FDSTREAM_PLAIN_CODE  // clang's word for what g++ calls __SANITIZE_THREAD__
+#endif
+#endif
+
+#if defined(__x86_64__) && !defined(__SANITIZE_THREAD__) && !defined(FDSTREAM_PLAIN_CODE)
 
 /** Compiles a function for three kinds of processor; loading the library chooses among them. */
 #define FDSTREAM_PROCESSOR_CLONES __attribute__((target_clones("avx2", "ssse3", "default")))

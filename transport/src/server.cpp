@@ -66,6 +66,12 @@ std::optional<pid_t> sameUsersPeer(int socket) {
     return known && peer.uid == geteuid() ? std::optional(peer.pid) : std::nullopt;
 }
 
+/** Whether the other end was closed, or given up. */
+bool isAbandoned(int socket) {
+    pollfd entry = {socket, POLLRDHUP, 0};
+    return poll(&entry, 1, 0) > 0;
+}
+
 thread_local pid_t tCaller = 0;
 
 /** Which file a path names now; zeros for none. */
@@ -230,6 +236,12 @@ private:
         const std::optional<pid_t> peer = sameUsersPeer(socket.get());
         if (!peer) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "another user's connection is refused");
+            refuse(std::move(socket));
+            return true;
+        }
+        if (isAbandoned(socket.get())) {
+            // What such a client asked for is not done any more: it could undo what it, or
+            // another one, has asked for since.
             refuse(std::move(socket));
             return true;
         }
