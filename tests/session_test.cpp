@@ -1,10 +1,11 @@
-// The session's life and its callback's, and what a new configuration keeps.
+// The session's life and its callback's, and what its thread does.
 
 #include <atomic>
 #include <cstdlib>
 #include <thread>
 
 #include "host/threads.h"
+#include "support/interposed.h"
 #include "support/session_fixture.h"
 #include "support/stress.h"
 
@@ -26,16 +27,18 @@ TEST_F(SessionTest, ConstructsWithTheDefaultSceneOneThreadAndOneTrampoline) {
     EXPECT_FALSE(client->isRemote());
 }
 
-TEST_F(SessionTest, LeavesWhatIsQueuedUnansweredWhenItGoes) {
+TEST_F(SessionTest, DeliversAndSweepsOnItsOwnThread) {
+    WallClock clock;
+    clock.stopAt(1700000000000000);
     configure();
     roundTrip(1);
     deliveries.waitFor(1);
-    ASSERT_EQ(submit(2, 1), 0);
-    session->freeBuffer(requestFor(1, 1).outputBuffers[0]);
-    callback.clear();
-    session.clear();
-    deliveries.waitForDeath();
-    EXPECT_EQ(deliveries.count(), 1U);
+    ASSERT_EQ(submit(2, 4), 0);
+    clock.stopAt(1700000001000001);  // seen at the end of an idle wait
+    const auto came = deliveries.waitFor(2);
+    EXPECT_EQ(came[0].thread, "CaptureRequestM");
+    EXPECT_EQ(came[1].thread, "CaptureRequestM");
+    EXPECT_EQ(came[1].result.frameNumber, 2U);
 }
 
 TEST_F(SessionTest, DiesOnItsOwnThreadWhenThatDropsTheLastReference) {
@@ -109,34 +112,6 @@ TEST_F(SessionTest, WithoutAThreadDeliversNothingAndDiesCleanly) {
     other.clear();
 }
 
-TEST_F(SessionTest, ReconfiguringStartsAfreshButKeepsQueuedResults) {
-    configure();
-    ASSERT_EQ(submit(1, 1), 0);
-    ASSERT_EQ(submit(2, 2), 0);
-
-    StreamConfiguration none = {};
-    EXPECT_EQ(session->handleConfigure(none), -1);  // refused: everything stays
-    EXPECT_TRUE(session->isCaptureRequestReady());
-    EXPECT_NE(session->getBufferForId(1), nullptr);
-
-    // A result waits behind the one that the monitor is delivering.
-    auto closed = holdClient();
-    const CaptureRequest first = take();
-    session->sendCaptureResult(resultFor(first));
-    deliveries.waitFor(1);
-    session->sendCaptureResult(resultFor(first));
-    EXPECT_EQ(session->handleConfigure(configurationOf(0)), 0);
-    closed.unlock();
-    EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 1U);
-
-    EXPECT_FALSE(session->isCaptureRequestReady());
-    EXPECT_EQ(session->getBufferForId(1), nullptr);
-    EXPECT_EQ(session->getBufferForId(2), nullptr);
-    drivePass();
-    EXPECT_EQ(deliveries.count(), 2U);  // the dropped request is not answered
-    stop();
-}
-
 TEST_F(SessionTest, ReplacesItsCallbackWhileACallIsInFlight) {
     Deliveries later;
     auto closed = holdClient();
@@ -170,19 +145,6 @@ TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
     session->handleSetCallback(new Waiting(told, *session));
     session->handleSetCallback(nullptr);
     EXPECT_EQ(told.waitForDeath(), threadName());
-}
-
-TEST_F(SessionTest, GoesOnNotifyingAfterAFailedCall) {
-    FDNotifyMsg msg = {};
-    log.clear();
-    callback->failing = true;
-    session->sendNotify(msg);
-    callback->failing = false;
-    session->sendNotify(msg);
-    EXPECT_EQ(deliveries.notified().size(), 2U);
-    EXPECT_EQ(log.said(kSessionTag),
-              Lines{"E sendNotify: notify transaction failed: Status(EX_TRANSACTION_FAILED): "
-                    "'DEAD_OBJECT: the peer has closed the connection'"});
 }
 
 TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {

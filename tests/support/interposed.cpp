@@ -43,7 +43,6 @@ struct State {
     // Guarded by mutex.
     int64_t offsetUs = 0;
     int64_t stoppedAtUs = 0;  // 0: the clock runs
-    int64_t reads = 0;
     bool gateClosed = false;
     int64_t pausesBegun = 0;
     int64_t pausesAllowed = 0;
@@ -117,12 +116,6 @@ void WallClock::stepBy(int64_t us) {
 void WallClock::stopAt(int64_t us) {
     const std::lock_guard<std::mutex> lock(state().mutex);
     state().stoppedAtUs = us;
-}
-
-bool WallClock::waitForReads(int times) {
-    std::unique_lock<std::mutex> lock(state().mutex);
-    const int64_t wanted = state().reads + times;
-    return waitFor(lock, [wanted] { return state().reads >= wanted; });
 }
 
 PauseGate::PauseGate() {
@@ -295,8 +288,6 @@ extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/)
     const int64_t us = s.stoppedAtUs != 0 ? s.stoppedAtUs : realUs + s.offsetUs;
     time->tv_sec = us / 1000000;
     time->tv_usec = us % 1000000;
-    ++s.reads;
-    s.changed.notify_all();
     return 0;
 }
 

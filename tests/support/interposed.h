@@ -23,8 +23,6 @@ public:
     void stepBy(int64_t us);
     /** From now on the clock stands at this time. */
     void stopAt(int64_t us);
-    /** Waits until the clock has been read `times` more; false after 10 s. */
-    bool waitForReads(int times);
 };
 
 /** Holds the frame source in its pause for the scope of this object. */

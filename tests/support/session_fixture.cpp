@@ -7,7 +7,6 @@
 #include <fstream>
 #include <thread>
 
-#include "host/mapper.h"
 
 namespace testing_support {
 
@@ -43,7 +42,7 @@ std::string threadName() {
 
 void Deliveries::add(const hidl_vec<CaptureResult>& results) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mDeliveries.push_back({results[0], results.size(), threadName()});
+    mDeliveries.push_back({results[0], threadName()});
     mChanged.notify_all();
 }
 
@@ -106,12 +105,6 @@ sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {
                              buffer.geometry().height, 35, 1, usage, buffer.geometry().width);
 }
 
-bool sameFile(const native_handle_t* a, const native_handle_t* b) {
-    return a != nullptr && b != nullptr && a != b && a->numInts == b->numInts &&
-           a->data[0] != b->data[0] &&
-           std::equal(&a->data[1], &a->data[1] + a->numInts, &b->data[1]);
-}
-
 StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
     using android::hardware::camera::device::V3_2::StreamConfigurationMode;
     StreamConfiguration configuration =
@@ -148,12 +141,6 @@ void SessionFixture::stop() {
 std::unique_lock<std::mutex> SessionFixture::holdClient() {
     callback->during = [this] { const std::lock_guard<std::mutex> pass(clientGate); };
     return std::unique_lock<std::mutex>(clientGate);
-}
-
-int64_t SessionFixture::mapperCalls() {
-    const host::MapperCounters counters = host::mapperCounters();
-    return counters.imports + counters.frees + counters.locks + counters.unlocks +
-           counters.refusals;
 }
 
 }  // namespace testing_support

@@ -46,7 +46,6 @@ class Deliveries {
 public:
     struct Delivery {
         CaptureResult result;
-        size_t batch;        ///< results in the call
         std::string thread;  ///< name of the calling thread
     };
 
@@ -95,9 +94,6 @@ inline host::Buffer allocate(uint32_t width, uint32_t height,
 /** The buffer as the session wraps it, with this usage. */
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33);
 
-/** Whether both are a handle of one buffer, with descriptors of their own. */
-bool sameFile(const native_handle_t* a, const native_handle_t* b);
-
 /** One stream, none of whose fields is 0, with a usage of more than 32 bits. */
 StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
 
@@ -129,8 +125,6 @@ protected:
     std::unique_lock<std::mutex> holdClient();
     /** Makes the monitor go through one pass at once. */
     void drivePass() { session->sendCaptureResult(CaptureResult()); }
-    /** How many calls reached the mapper. */
-    static int64_t mapperCalls();
 
     std::mutex clientGate;
     LogLines log;

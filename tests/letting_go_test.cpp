@@ -1,7 +1,6 @@
-// The handles that requests and results carry: what is duplicated, what is kept, what is closed.
+// Letting go of what requests and results carry, which may take as long as a client likes.
 
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -10,7 +9,6 @@
 #include <vector>
 
 #include "host/unique_fd.h"
-#include "support/few_descriptors.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
 
@@ -33,28 +31,7 @@ struct Fence {
 
 }  // namespace
 
-using HandlesTest = SessionFixture;
-
-TEST_F(HandlesTest, TakesNoDescriptorForAHandleThatIsIgnored) {
-    configure();
-    ASSERT_EQ(submit(1, 1), 0);
-    const Fence four = {-1, -1, -1, -1};
-    {
-        const FewDescriptors one(1);
-        EXPECT_EQ(session->handleCaptureRequest(requestFor(2, 1, four.handle)), 0);
-        log.clear();
-        EXPECT_EQ(session->handleCaptureRequest(requestFor(3, 1)), -1);
-        EXPECT_EQ(log.said(kSessionTag),
-                  Lines{"E handleCaptureRequest: duplicating handles failed, streamId(0), "
-                        "bufferId(1) \n"});
-        EXPECT_EQ(take().frameNumber, 1U);  // moved out: needs no descriptor
-    }
-    // The buffer had been known before the refusal, and stays so.
-    EXPECT_EQ(session->handleCaptureRequest(requestFor(4, 1)), 0);
-    EXPECT_TRUE(sameFile(take().outputBuffers[0].buffer, buffer.handle()));
-}
-
-/** Closing may take as long as the client likes; another thread goes on meanwhile. */
+/** Another thread goes on meanwhile. */
 class LettingGoTest : public SessionFixture {
 protected:
     LettingGoTest() { clock.stopAt(now); }

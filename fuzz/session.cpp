@@ -1,0 +1,20 @@
+// The session driven by operations that the input stands for, against the model of it.
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "host/mapper.h"
+#include "model/compare.h"
+#include "model/files.h"
+#include "support/spy_mapper.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+    using namespace testing_support;  // NOLINT: all of the model
+    static const host::ScopedMapper scope(&sessionMapper(), host::realMapper2());
+    static const Files files;
+    const Sequence sequence = sequenceFrom(bytes, size);
+    const std::string found = disagreement(files, sequence);
+    if (found.empty()) return 0;
+    fprintf(stderr, "%s%s", found.c_str(), asCode(sequence).c_str());
+    abort();
+}
