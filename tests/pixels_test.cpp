@@ -228,6 +228,10 @@ TEST_P(PixelsTest, AreNotCopiedFromASmallerBuffer) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Orders, PixelsTest,
-                         testing::Values(host::ChromaOrder::CbFirst, host::ChromaOrder::CrFirst));
+                         testing::Values(host::ChromaOrder::CbFirst, host::ChromaOrder::CrFirst),
+                         [](const auto& order) {
+                             return order.param == host::ChromaOrder::CbFirst ? "CbFirst"
+                                                                              : "CrFirst";
+                         });
 
 }  // namespace testing_support

@@ -145,30 +145,32 @@ product::StreamConfiguration configurationOf(const Operation& operation) {
     return configuration;
 }
 
+// Few different ones of these two, so that some are stored again.
+
 product::SceneControl sceneOf(const Operation& operation) {
-    const auto& args = operation.args;
+    const int32_t variant = operation.args[1] % 3;
     product::SceneControl control = {};
-    control.crops.resize(args[0] % 4);
+    control.crops.resize(operation.args[0] % 4);
     for (size_t i = 0; i < control.crops.size(); ++i) {
         const auto at = static_cast<int32_t>(i);
-        control.crops[i] = {at - args[1], args[2] + at, args[3] * 1000, -args[4]};
+        control.crops[i] = {at - 1, variant + at, variant * 1000, -2};
     }
-    control.frameWidth = args[5];
-    control.frameHeight = args[6];
-    control.sceneId = args[7];
-    control.sceneFlags = args[8];
-    control.peopleCount = args[9];
+    control.frameWidth = variant + 10;
+    control.frameHeight = variant + 20;
+    control.sceneId = variant + 30;
+    control.sceneFlags = variant + 40;
+    control.peopleCount = variant + 50;
     return control;
 }
 
 product::TrackControl trackOf(const Operation& operation) {
-    const auto& args = operation.args;
+    const uint8_t variant = operation.args[0] % 3;
     product::TrackControl control = {};
     unsigned char bytes[offsetof(product::TrackControl, speed)];
     for (size_t i = 0; i < sizeof(bytes); ++i)
-        bytes[i] = static_cast<unsigned char>(args[i % args.size()] + i);
+        bytes[i] = static_cast<unsigned char>(variant * 70U + i);
     memcpy(&control, bytes, sizeof(bytes));
-    control.speed = args[0];
+    control.speed = variant;
     return control;
 }
 
