@@ -128,6 +128,8 @@ private:
         if (mSource == nullptr) return;
         mSource->requestExit();
         mSource->join();
+        // Without a thread it keeps itself, for good.
+        if (errors("the object stays") > 0) mSource->decStrong(this);
         mSource.clear();
         mLog.clear();
     }

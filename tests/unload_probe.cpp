@@ -241,12 +241,12 @@ void leaveSession(const std::string& library, const std::string& mode) {
         // Runs after all of the library's own.
         atexit([] { require(host::threadCount() == 0, "the monitor was not ended"); });
     }
+    losesWakeUps = mode == "lost";  // before the thread begins a first wait, which would not end
     aliveAtExit = new Round(library);
     aliveAtExit.load()->use(allocateBuffers(), mode);
     if (mode == "inside") pause();
     if (mode == "observer" || mode == "track") aliveAtExit.load()->exitInsideObserver(mode);
     if (mode == "keep") return;
-    losesWakeUps = mode == "lost";
     while ((mode == "lost" && !isAboutToWait) || (mode == "stuck" && !ProbeCallback::isInCallback))
         std::this_thread::yield();
     aliveAtExit.load()->letGo();
