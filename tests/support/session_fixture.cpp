@@ -7,7 +7,6 @@
 #include <fstream>
 #include <thread>
 
-
 namespace testing_support {
 
 namespace {
