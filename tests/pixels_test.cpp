@@ -201,7 +201,7 @@ TEST_P(PixelsTest, AreAppendedToAFileWithinTheirBounds) {
             Bytes expected = frame;
             expected.resize(static_cast<size_t>(bytes));
             for (const int padding : kPaddings) {
-                const auto stride = static_cast<size_t>(width + padding);
+                const auto stride = static_cast<size_t>(width) + static_cast<size_t>(padding);
                 zoru_ycbcr record =
                     recordOf(frame, size, stride, stride + 3, (height + padding) % 2 == 0, size);
                 ASSERT_EQ(file.putFrame(record), bytes);

@@ -28,8 +28,6 @@
 
 namespace testing_support {
 
-using host::UniqueFd;
-
 namespace {
 
 constexpr std::chrono::seconds kLessThanItLingers(5);
