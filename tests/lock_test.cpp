@@ -74,11 +74,12 @@ struct Recipient : public android::hardware::hidl_death_recipient {
 struct Demanding : public Recipient {
     Demanding(host::CallChannel& linked, int before) : channel(linked), threads(before) {}
     ~Demanding() override {
-        EXPECT_FALSE(channel.unlinkToDeath(new Recipient));
+        EXPECT_FALSE(channel.unlinkToDeath(other));
         EXPECT_TRUE(eventually([this] { return kit::Holdings::of().threads == threads; }));
     }
     host::CallChannel& channel;
     const int threads;
+    const android::sp<Recipient> other = new Recipient;
 };
 
 }  // namespace

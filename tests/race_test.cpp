@@ -101,6 +101,7 @@ TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
     host::setProperty("vendor.zoru.flipped", "true");
     const auto run = [&](const std::vector<std::string>& names, size_t rounds) {
         std::vector<Side> sides;
+        sides.reserve(names.size());
         for (const std::string& name : names)
             sides.push_back({name, operations.at(name)});
         race(sides, rounds);

@@ -145,9 +145,9 @@ public:
 
     /** From several threads, each with references of its own, until a moment before the end. */
     void putUnderLoad() {
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 3; ++i) {
-            threads.emplace_back([session = mSession, client = mSession->getInterface()] {
+        std::vector<std::thread> threads(3);
+        for (std::thread& thread : threads) {
+            thread = std::thread([session = mSession, client = mSession->getInterface()] {
                 for (int round = 0; round < 20; ++round) {
                     require(client->processCaptureRequest(kit::requestFor(0, 0)).isOk(),
                             "a request did not arrive");
