@@ -239,22 +239,23 @@ private:
             refuse(std::move(socket));
             return true;
         }
-        if (isAbandoned(socket.get())) {
-            // What such a client asked for is not done any more: it could undo what it, or
-            // another one, has asked for since.
-            refuse(std::move(socket));
-            return true;
-        }
         if (mConnections.size() >= kMaxConnections) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                                 "a connection beyond the limit of %zu is refused", kMaxConnections);
             refuse(std::move(socket));
             return true;
         }
+        if (mEvents.came) mEvents.came(*peer);
+        if (isAbandoned(socket.get())) {
+            // What such a client asked for is not done any more: it could undo what it, or
+            // another one, has asked for since.
+            if (mEvents.went) mEvents.went(*peer);
+            refuse(std::move(socket));
+            return true;
+        }
         Connection& connection = mConnections.emplace_back();
         connection.socket = std::move(socket);
         connection.peer = *peer;
-        if (mEvents.came) mEvents.came(*peer);
         const auto serve = [this, &connection] {
             tCaller = connection.peer;
             detail::serveChannel(connection.socket.get(), *mStub, Peer::CLIENT);
