@@ -108,7 +108,9 @@ private:
             endSource();
             // The object's own memory is asked for here, and not by the library.
             // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+            letPausesEnd(false);
             asProvider([&]() noexcept { mSource = new FDSessionTest; });
+            letPausesEnd(true);
         }
         if (mRoad != Road::SOURCE && !mProvider.joinable())
             mProvider = std::thread([this] { asProvider([this] { provide(); }); });

@@ -31,6 +31,7 @@ Fault sFault = {};
 int sFirst = 0;
 std::atomic<bool> sIsArmed{false};
 std::atomic<int> sCalls{0};
+std::atomic<bool> sDoPausesEnd{true};
 
 bool fails(const char* call) {
     const int error = errorOf(call);
@@ -76,6 +77,10 @@ void asProvider(const std::function<void()>& what) {
         _exit(1);
     }
     tIsProvider = false;
+}
+
+void letPausesEnd(bool mayEnd) {
+    sDoPausesEnd = mayEnd;
 }
 
 int errorOf(const char* call) {
@@ -181,9 +186,13 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
     return next(condition, mutex, &deadline);
 }
 
-/** The pause of the test frame source, which is there for its pace only. */
-extern "C" int usleep(useconds_t /*us*/) {
+/** The pause of the test frame source: for its pace, and for who makes it to get hold of it. */
+extern "C" int usleep(useconds_t us) {
+    constexpr useconds_t kSourcesPause = 50000;
     const timespec pause = {0, 200000};
-    return nanosleep(&pause, nullptr);
+    do {
+        nanosleep(&pause, nullptr);
+    } while (us == kSourcesPause && !faults::sDoPausesEnd);
+    return 0;
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)
