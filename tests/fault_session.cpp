@@ -106,9 +106,9 @@ private:
         if (mRoad == Road::SOURCE &&
             (mSource == nullptr || !mSource->isRunning() || errors("pBuffer") > 0)) {
             endSource();
+            letPausesEnd(false);
             // The object's own memory is asked for here, and not by the library.
             // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
-            letPausesEnd(false);
             asProvider([&]() noexcept { mSource = new FDSessionTest; });
             letPausesEnd(true);
         }
