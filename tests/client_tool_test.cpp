@@ -70,10 +70,12 @@ TEST_F(ClientToolTest, EndsWhenAnotherClientTakesTheSession) {
     ASSERT_NE(other, nullptr);
 
     const std::string me = std::to_string(getpid());
-    const std::string lines =
-        "^client " + first + " came\nclient " + me + " came\nclient " + me +
-        " took the session over from client " + first + "\n[1-4] requests? of client " + first +
-        " waits? for nobody: its callback was replaced\nclient " + first + " went\n$";
+    // What was asked for in vain hangs on the moment, a request under way included.
+    const std::string lines = "^client " + first + " came\nclient " + me + " came\nclient " + me +
+                              " took the session over from client " + first +
+                              "\n(([1-4] requests?|a request) of client " + first +
+                              " waits? for nobody: (its callback was replaced|client " + me +
+                              " has the session)\n)?client " + first + " went\n$";
     EXPECT_TRUE(eventually([&] { return has(saidSoFar(), "client " + first + " went"); }));
     EXPECT_TRUE(matches(saidSoFar(), lines)) << saidSoFar();
 
