@@ -6,6 +6,7 @@
 #include "host/mapper.h"
 #include "model/compare.h"
 #include "model/files.h"
+#include "support.h"
 #include "support/spy_mapper.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {

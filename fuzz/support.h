@@ -10,6 +10,9 @@
 
 #include "host/log.h"
 
+/** A target: tries one input, and returns 0. */
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
+
 /** What the fuzzers share. A fuzzer checks what must hold after each input, not only that it ends.
  */
 namespace fuzz {

@@ -47,7 +47,7 @@ Size sizeFrom(FuzzedDataProvider& data) {
 void fillFrom(FuzzedDataProvider& data, uint8_t* bytes, size_t size) {
     auto next = data.ConsumeIntegral<uint8_t>();
     for (size_t i = 0; i < size; ++i)
-        bytes[i] = next = static_cast<uint8_t>(next * 5 + 1 + i / 256);
+        bytes[i] = next = static_cast<uint8_t>(next * 5U + 1U + i / 256U);
 }
 
 class Play {
