@@ -30,6 +30,7 @@
 #include "soak_frames.h"
 #include "soak_ledger.h"
 #include "soak_process.h"
+#include "soak_share.h"
 #include "soak_storm.h"
 #include "stream_client.h"
 
@@ -70,12 +71,14 @@ constexpr const char* kExamples =
     "  ./run soak 5 --seed 4711      the clients that came with this seed, as far as\n"
     "                                chance has no part: they are processes, and the\n"
     "                                moments are the machine's\n"
+    "  ./run soak --share            a table of what one client can take at most\n"
     "\n"
     "Exit code: 0 all held, 1 something did not, 2 nothing was run.";
 
 struct Options {
     uint32_t minutes = 1;
     uint32_t seed = std::random_device()();
+    bool share = false;
 
     std::chrono::minutes duration() const { return std::chrono::minutes(minutes); }
     seconds period() const { return seconds(minutes <= 5 ? 10 : 60); }
@@ -93,6 +96,8 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::Range(1U, 10000U).description(""));
     app.add_option("--seed", options.seed, "of the clients; by default another one each time")
         ->type_name("N");
+    app.add_flag("--share", options.share,
+                 "measure instead what one client can take of the provider");
     return kit::parseCommandLine(app, argc, argv, kNotRun);
 }
 
@@ -231,10 +236,17 @@ private:
     tools::SoakLedger mLedger;
 };
 
+int share() {
+    const std::string fault = tools::printShare();
+    if (!fault.empty()) warnx("%s", fault.c_str());
+    return kit::finishStandardOutput() && fault.empty() ? kHeld : kNotHeld;
+}
+
 int run(int argc, char** argv) {
     Options options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     host::setStderrLogPriority(ANDROID_LOG_SILENT);
+    if (options.share) return share();
     const kit::Signals signals({SIGINT});  // so that folders and processes are cleared away
     std::string problem;
     const std::unique_ptr<tools::SoakProcess> provider = tools::SoakProcess::start(problem);
