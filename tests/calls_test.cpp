@@ -88,7 +88,7 @@ TEST_F(CallsTest, WaitsForASilentClientOnceAndThenNoMore) {
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
     RawClient deaf = connectRaw();  // so is one that does not read what it is answered
-    std::thread sending([&deaf] { deaf.sendUnread(message({kCall, 0, 1, 0})); });
+    std::thread sending([&deaf] { deaf.sendUnread(rawMessage({kCall, 0, 1, 0})); });
     const auto start = std::chrono::steady_clock::now();
     serveOne();  // the monitor waits ...
     deliveries.waitFor(1);

@@ -15,11 +15,17 @@
 
 #include "host/limits.h"
 #include "host/remote.h"
+#include "raw_client.h"
 #include "raw_socket.h"
-#include "support/raw_client.h"
 #include "support/session_fixture.h"
 
 namespace testing_support {
+
+using kit::kAnswer;
+using kit::kCall;
+using kit::kRefused;
+using kit::RawClient;
+using kit::rawMessage;
 
 class CallChannelTest : public testing::Test {
 protected:
@@ -44,7 +50,7 @@ TEST_F(CallChannelTest, WaitsForASlowAnswer) {
         EXPECT_FALSE(peer->isClosed());
         // Well within the bounded wait, and long enough to show that it is waited for.
         std::this_thread::sleep_for(host::kCallPatience * 3 / 10);
-        peer->send(message({kAnswer, 1, 1, 0}));
+        peer->send(rawMessage({kAnswer, 1, 1, 0}));
     });
     EXPECT_EQ(call(), "");
     slow.join();
@@ -79,21 +85,21 @@ TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     std::thread unlucky([&] { expectNoAnswer(handedOver); });
     std::thread signalled([&] { expectNoAnswer(interrupted); });
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
-    peer->send(message({kAnswer, 1, 1, 0}));  // now it is the second one's turn
+    peer->send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
     pthread_kill(signalled.native_handle(), SIGUSR1);
     for (std::thread* const thread : {&first, &second, &unlucky, &signalled})
         thread->join();
 }
 
 TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
-    std::vector<uint8_t> refusal = message({kRefused, 1, 1, 0});
+    std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
     refusal.insert(refusal.end(), text.begin(), text.end());
     peer->send(refusal);
     const std::string description = call();
     EXPECT_NE(description.find("no?11-24 forged ?[31m"), std::string::npos) << description;
     EXPECT_LT(description.size(), 200U);
-    peer->send(message({kAnswer, 1, 2, 0}));
+    peer->send(rawMessage({kAnswer, 1, 2, 0}));
     EXPECT_EQ(call(), "");
 }
 
@@ -113,7 +119,7 @@ TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
         if (serial > 1) {
             EXPECT_EQ(peer->receivedMethod(), serial);
         }
-        peer->send(message({kAnswer, 1, serial, 0}));
+        peer->send(rawMessage({kAnswer, 1, serial, 0}));
     }
     one.join();
     other.join();
@@ -124,11 +130,11 @@ TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
         std::vector<uint8_t> bytes;
         std::vector<int> fds;
     };
-    for (const Bad& bad : {Bad{message({kAnswer, 1, 9, 0}), {}},  // to another call
-                           Bad{message({kCall, 1, 1, 0}), {}}, Bad{message({kAnswer, 1}), {}},
-                           Bad{message({kAnswer, 1, 1, 0, 7}), {}},  // bytes left over
-                           Bad{message({kAnswer, 1, 1, 1}), {STDERR_FILENO}},
-                           Bad{message({kRefused, 1, 1, 1}), {STDERR_FILENO}}, Bad()}) {
+    for (const Bad& bad : {Bad{rawMessage({kAnswer, 1, 9, 0}), {}},  // to another call
+                           Bad{rawMessage({kCall, 1, 1, 0}), {}}, Bad{rawMessage({kAnswer, 1}), {}},
+                           Bad{rawMessage({kAnswer, 1, 1, 0, 7}), {}},  // bytes left over
+                           Bad{rawMessage({kAnswer, 1, 1, 1}), {STDERR_FILENO}},
+                           Bad{rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}}, Bad()}) {
         connect();
         peer->send(bad.bytes, bad.fds);
         const std::string first = call();

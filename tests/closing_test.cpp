@@ -18,6 +18,7 @@
 #include "holdings.h"
 #include "host/channel.h"
 #include "host/limits.h"
+#include "raw_socket.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
 
@@ -84,13 +85,13 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     // More than a message may have, of which none is left for the kernel to close.
     std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
     many.push_back(slow.get());
-    faulty.send(message({kCall, kConfigure, 1, 65, 0, 0}), many);
+    faulty.send(rawMessage({kCall, kConfigure, 1, 65, 0, 0}), many);
     EXPECT_TRUE(faulty.isClosed());
     EXPECT_TRUE(gate.waitUntilHeld(2));
     expectNobodyIsHeldUp();
     // A callback that is half one.
     RawClient half = connectRaw();
-    std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
+    kit::RawMessage call = kit::rawCallback();
     call.back() = 2;
     half.send(call, {slow.get()});
     EXPECT_TRUE(half.isClosed());
@@ -102,7 +103,7 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     RawClient raw = connectRaw();
     ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
     RawClient peer(std::move(mine));
-    peer.send(message({kAnswer, 1, 1, 1}), {slow.get()});
+    peer.send(rawMessage({kAnswer, 1, 1, 1}), {slow.get()});
     const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
     session->sendCaptureResult(result);
     EXPECT_TRUE(
@@ -190,7 +191,7 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
         expectLess(1);
 
         ASSERT_TRUE(late.connect());
-        late.send(message({kCall, 0, 1, 0}));
+        late.send(rawMessage({kCall, 0, 1, 0}));
         EXPECT_TRUE(early.isServed());  // calls of the others go on
         EXPECT_EQ(early.setCallback(theirs.get()), kRefused);
         EXPECT_TRUE(early.isClosed());

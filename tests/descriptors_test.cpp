@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "holdings.h"
+#include "raw_socket.h"
 #include "src/control_data.h"
 #include "src/socket.h"
 #include "support/transport_fixture.h"
@@ -188,7 +189,7 @@ TEST_F(DescriptorsTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
     RawClient peer(std::move(pair.first));
     const int before = kit::Holdings::of().descriptors;
     for (uint32_t serial = 1; serial <= 40; ++serial) {
-        peer.send(message({kAnswer, 1, serial, 0}));
+        peer.send(rawMessage({kAnswer, 1, serial, 0}));
         notify();
         EXPECT_EQ(peer.receivedKind(), kCall);
     }

@@ -16,7 +16,6 @@
 #include "host/limits.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
-#include "support/raw_client.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -54,7 +53,7 @@ protected:
     }
     static void notifyOver(RawClient& provider) {
         constexpr uint32_t kNotify = 2;
-        provider.send(message({kCall, kNotify, 1, 0, 1, 0, 0, 0, 0}));
+        provider.send(rawMessage({kCall, kNotify, 1, 0, 1, 0, 0, 0, 0}));
     }
 };
 

@@ -51,14 +51,15 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
     const Fault faults[] = {
         {"an empty message", {}, 0, kNoMessage},
         {"an empty message with descriptors", {}, 2, kNoMessage},
-        {"an answer without a call", message({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
-        {"no such method", message({kCall, 99, 1, 0}), 0, kNoSum},
-        {"a record that does not add up", message({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
-        {"fewer descriptors than announced", message({kCall, kConfigure, 1, 2, 0, 0}), 1, kOthers},
-        {"more than may cross at once", message({kCall, kConfigure, 1, 65, 0, 0}), 65,
+        {"an answer without a call", rawMessage({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
+        {"no such method", rawMessage({kCall, 99, 1, 0}), 0, kNoSum},
+        {"a record that does not add up", rawMessage({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
+        {"fewer descriptors than announced", rawMessage({kCall, kConfigure, 1, 2, 0, 0}), 1,
+         kOthers},
+        {"more than may cross at once", rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65,
          "too many descriptors"},
-        {"a message that is too long", message({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes),
-         0, "message too long"},
+        {"a message that is too long",
+         rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"},
     };
     setUpStream();
     for (const Fault& fault : faults) {

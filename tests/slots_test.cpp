@@ -20,6 +20,7 @@
 
 #include "holdings.h"
 #include "host/limits.h"
+#include "raw_socket.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
 #include "support/lingering.h"
@@ -65,7 +66,7 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     RawClient late(path);
     FewDescriptors none(0, host::kConnectionFds);
     EXPECT_TRUE(late.connect());
-    late.send(message({kCall, 99, 1, 0}));
+    late.send(rawMessage({kCall, 99, 1, 0}));
     // That it does not spin shows beside this thread, which does, however busy the machine is.
     const auto usedMs = [](clockid_t clock) {
         timespec used = {};
@@ -164,8 +165,8 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
         // As far as a client gets.
         const TakenUpTo taken(kSlots - host::kConnectionFds - host::kReservedFds);
         const std::vector<int> most(host::kMaxMessageFds - 1, STDERR_FILENO);
-        inAnAnswer.giveTo(peer, message({kAnswer, 2, 1, 64}), most);
-        inACall.giveTo(raw, message({kCall, kConfigure, 1, 64, 0, 0}), most);
+        inAnAnswer.giveTo(peer, rawMessage({kAnswer, 2, 1, 64}), most);
+        inACall.giveTo(raw, rawMessage({kCall, kConfigure, 1, 64, 0, 0}), most);
         const auto start = std::chrono::steady_clock::now();
         notify();
         EXPECT_NE(raw.receivedKind(), kAnswer);

@@ -15,6 +15,7 @@
 #include "host/limits.h"
 #include "host/mapper.h"
 #include "host/properties.h"
+#include "raw_socket.h"
 #include "support/interposed.h"
 #include "support/lingering.h"
 #include "support/transport_fixture.h"
@@ -141,11 +142,9 @@ TEST_F(WeaponsTest, WaitsForNoSocketThatIsNoClients) {
     }
     // Whoever closes the last one of this does so for ten seconds.
     Lingering lingering;
-    std::vector<uint8_t> call = message({kCall, kSetCallback, 1, 1}, 1);
-    call.back() = 1;
     const auto start = std::chrono::steady_clock::now();
     RawClient raw = connectRaw();
-    std::thread giving([&] { lingering.giveTo(raw, call, {}); });
+    std::thread giving([&] { lingering.giveTo(raw, kit::rawCallback(), {}); });
     EXPECT_EQ(raw.receivedKind(), kRefused);
     EXPECT_TRUE(raw.isServed());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));

@@ -78,10 +78,11 @@ constexpr const char* kExamples =
 struct Options {
     uint32_t minutes = 1;
     uint32_t seed = std::random_device()();
+    bool isShort = false;
     bool share = false;
 
-    std::chrono::minutes duration() const { return std::chrono::minutes(minutes); }
-    seconds period() const { return seconds(minutes <= 5 ? 10 : 60); }
+    seconds duration() const { return isShort ? 2 * period() : std::chrono::minutes(minutes); }
+    seconds period() const { return seconds(isShort ? 3 : minutes <= 5 ? 10 : 60); }
 };
 
 /** Nothing when the soak is to go on, else the exit code. */
@@ -96,6 +97,7 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::Range(1U, 10000U).description(""));
     app.add_option("--seed", options.seed, "of the clients; by default another one each time")
         ->type_name("N");
+    app.add_flag("--short", options.isShort, "six seconds with two pauses, as a test");
     app.add_flag("--share", options.share,
                  "measure instead what one client can take of the provider");
     return kit::parseCommandLine(app, argc, argv, kNotRun);

@@ -16,6 +16,7 @@
 #include "host/channel.h"
 #include "host/limits.h"
 #include "host/unique_fd.h"
+#include "raw_client.h"
 #include "raw_socket.h"
 #include "records.h"
 #include "soak_clients.h"
@@ -65,7 +66,8 @@ sp<IFDSession> connectTo(const std::string& socket) {
 /** Hands over a callback that nobody reads from. False when that is not taken. */
 bool setUnread(int connection, const std::string& socket, int callback) {
     char answer[64];
-    return kit::connectRaw(connection, socket) && sendCall(connection, rawCallback(callback)) &&
+    return kit::connectRaw(connection, socket) &&
+           sendCall(connection, {kit::rawCallback(), {callback}}) &&
            recv(connection, answer, sizeof(answer), 0) > 0;
 }
 
@@ -112,7 +114,7 @@ RawCall noiseOf(Random& random, const host::Buffer& buffer, const std::vector<in
     } else if (which == 3) {
         call.fds.insert(call.fds.end(), pick(random, 1, 100), foreign[random() % foreign.size()]);
     } else if (which == 4) {
-        call = rawCallback(foreign[random() % foreign.size()]);
+        call = {kit::rawCallback(), {foreign[random() % foreign.size()]}};
     } else {
         call.bytes.resize(pick(random, 0, host::kMaxMessageBytes + 100));
         for (uint8_t& byte : call.bytes)

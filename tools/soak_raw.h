@@ -15,8 +15,6 @@ struct RawCall {
 
 /** Asks for a frame. */
 RawCall rawRequest(uint64_t bufferId, const native_handle_t* handle);
-/** Hands over a callback that is served, or not, at the other end of this socket. */
-RawCall rawCallback(int socket);
 
 bool sendCall(int connection, const RawCall& call);
 

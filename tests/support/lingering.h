@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "support/raw_client.h"
+#include "raw_client.h"
 
 namespace testing_support {
 
@@ -36,7 +36,8 @@ struct Lingering {
         fcntl(sending.get(), F_SETFL, 0);  // one that does not block does not linger
     }
     /** The last one is then what is on its way. */
-    void giveTo(RawClient& client, const std::vector<uint8_t>& bytes, std::vector<int> fds) {
+    void giveTo(const kit::RawClient& client, const std::vector<uint8_t>& bytes,
+                std::vector<int> fds) {
         fds.push_back(sending.get());
         client.send(bytes, fds);
         sending.reset();

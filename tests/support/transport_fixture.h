@@ -8,13 +8,21 @@
 #include <vector>
 
 #include "host/channel.h"
-#include "support/raw_client.h"
+#include "raw_client.h"
 #include "support/session_fixture.h"
 #include "temporary_folder.h"
 
 namespace testing_support {
 
 using android::hardware::camera::common::V1_0::Status;
+using kit::kAnswer;
+using kit::kCall;
+using kit::kConfigure;
+using kit::kRefused;
+using kit::kRequest;
+using kit::kSetCallback;
+using kit::RawClient;
+using kit::rawMessage;
 
 /** A handle that holds no more than these descriptors, which stay the caller's. */
 hidl_handle handleOf(const std::vector<int>& fds);
