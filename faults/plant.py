@@ -5,7 +5,8 @@ The faults stand in the *.txt files beside this script. An entry is a block of l
 
     [name] path/of/the/file.cpp
     What the fault is, in one line.
-    tests: host ResultsTest.*         (optional: a preset and a test filter, tried first)
+    tests: host ServerTest.*          (optional: a preset and a test filter, or a fuzzer, as
+                                      Fuzz.mapper, tried first)
     unseen: why nobody can see it     (optional: then it is planted only when it is named)
     - text that is found exactly once in the file
     + text that takes its place
@@ -138,6 +139,10 @@ def copy_tree():
             old.unlink()
 
 
+def fuzz_targets():
+    return sorted(folder.name for folder in (ROOT / "fuzz" / "corpus").iterdir())
+
+
 def build(preset):
     """The compiler's words when it cannot be built, else nothing."""
     log = ""
@@ -149,7 +154,8 @@ def build(preset):
                   "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
     if shutil.which("ccache"):
         configure += ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"]
-    commands = [["cmake", "--build", "--preset", preset, f"-j{JOBS}", "--target", "fdstream-tests"]]
+    commands = [["cmake", "--build", "--preset", preset, f"-j{JOBS}", "--target", "fdstream-tests",
+                 *(f"fuzz-{target}" for target in fuzz_targets())]]
     if not (TREE / "build" / preset / "build.ninja").is_file():
         commands.insert(0, configure)
     for command in commands:
@@ -178,30 +184,44 @@ def stop(process):
     process.wait()
 
 
+def commands_for(preset, test_filter):
+    """What notices: a name for each, its command and its environment."""
+    programs = TREE / "build" / preset / "bin"
+    fuzzers = [("Fuzz." + target, [programs / f"fuzz-{target}", ROOT / "fuzz/corpus" / target,
+                                   "100" if target == "channel" else "20000"], {})
+               for target in fuzz_targets() if target != "session"]  # the model's test is better
+    if test_filter.startswith("Fuzz."):
+        return [fuzzer for fuzzer in fuzzers if fuzzer[0] == test_filter]
+    tests = [programs / "fdstream-tests", "--gtest_fail_fast", "--gtest_color=no",
+             f"--gtest_filter={test_filter}"]
+    if test_filter != QUICK:
+        return [("", tests, {})]
+    shards = [("", tests, {"GTEST_TOTAL_SHARDS": str(JOBS), "GTEST_SHARD_INDEX": str(index)})
+              for index in range(JOBS)]
+    return fuzzers + shards
+
+
 def run_tests(preset, test_filter, limit):
-    """Who noticed, or nothing; and how many tests ran. Shards run side by side until one fails."""
-    shards = JOBS if test_filter == QUICK else 1
-    command = [TREE / "build" / preset / "bin" / "fdstream-tests", "--gtest_fail_fast",
-               "--gtest_color=no", f"--gtest_filter={test_filter}"]
+    """Who noticed, or nothing; and how many tests ran. All run side by side until one fails."""
     deadline = time.monotonic() + limit
     running, verdict, count = [], "", 0
     with tempfile.TemporaryDirectory() as folder:
-        for index in range(shards):
-            log = open(Path(folder) / str(index), "w+", errors="replace")
-            shard = {"GTEST_TOTAL_SHARDS": str(shards), "GTEST_SHARD_INDEX": str(index)}
+        for name, command, environment in commands_for(preset, test_filter):
+            log = open(Path(folder) / str(len(running)), "w+", errors="replace")
             process = subprocess.Popen(
                 command, cwd=folder, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
-                start_new_session=True, env={**os.environ, **shard})
-            running.append((process, log))
+                start_new_session=True, env={**os.environ, **environment})
+            running.append((name, process, log))
         waiting = list(running)
         while waiting and not verdict:
             time.sleep(0.05)
             late = time.monotonic() > deadline
-            for process, log in list(waiting):
+            for name, process, log in list(waiting):
                 if process.poll() is None and not late:
                     continue
-                waiting.remove((process, log))
+                waiting.remove((name, process, log))
                 test, ran = ends_of(Path(log.name).read_text(errors="replace"))
+                test, ran = (name, 1) if name else (test, ran)
                 count += ran
                 if process.returncode is None:
                     verdict = f"{test} (hangs)"
@@ -211,7 +231,7 @@ def run_tests(preset, test_filter, limit):
                     verdict = test
                 if verdict:
                     break
-        for process, log in running:
+        for _, process, log in running:
             stop(process)
             log.close()
     return verdict, count
