@@ -1,5 +1,7 @@
 // The test frame source: a thread in the provider's place. Its pauses are gated, so nothing waits.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -114,6 +116,23 @@ TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
     }
     EXPECT_EQ(deliveries.count(), 3U);
     EXPECT_EQ(log.said("zoruutil").size(), 4U + 3 * 4U);  // the stream's dump, and each request's
+}
+
+TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilled) {
+    ASSERT_EQ(mkfifo(kInput, 0600), 0);
+    source = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    configure(4);
+    submit(1, 4, buffer.handle());
+    const Meanwhile pass([this] { gate->passOnce(); }, Other::WAITS);
+    {
+        std::ofstream pipe(kInput, std::ios::binary);  // is open when the source waits for bytes
+        session->sendCaptureResult(resultFor(requestFor(9, 9)));
+        EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 9U);
+        pipe << std::string(kit::kFrameBytes, 'a');
+    }
+    EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 1U);
+    EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], 'a');
 }
 
 TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {

@@ -99,7 +99,6 @@ TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {
     void* imported = nullptr;
     Error error = Error::NONE;
     const auto keep = [&](Error answer, void* handle) { error = answer, imported = handle; };
-    ASSERT_TRUE(mapper->importBuffer(buffer.handle(), keep).isOk());
     const auto lock = [&](int32_t left, int32_t top, int32_t width, int32_t height) {
         EXPECT_TRUE(mapper
                         ->lock(imported, 3, {left, top, width, height}, nullptr,
@@ -107,6 +106,13 @@ TEST(MapperTest, RefusesARegionOutsideTheBufferAndAHandleItDoesNotKnow) {
                         .isOk());
         return error;
     };
+    FewDuplicates none;
+    none.limitTo(0);
+    EXPECT_TRUE(mapper->importBuffer(buffer.handle(), keep).isOk());
+    EXPECT_EQ(error, Error::NO_RESOURCES);
+    EXPECT_EQ(imported, nullptr);
+    none.lift();
+    ASSERT_TRUE(mapper->importBuffer(buffer.handle(), keep).isOk());
     EXPECT_EQ(lock(0, 0, 64, 32), Error::NONE);
     EXPECT_EQ(lock(60, 31, 4, 1), Error::NONE);
     EXPECT_EQ(lock(0, 0, 3072, 1), Error::NONE);  // all its bytes, as one row
@@ -211,7 +217,9 @@ TEST_F(ForgedHandleTest, IsRefusedWhenItsFileIsNoSealedMemoryOrNotEnough) {
     EXPECT_FALSE(importsFile(opened(name, O_RDONLY)));
     EXPECT_FALSE(importsFile(opened("/dev/zero", O_RDWR)));
     EXPECT_FALSE(importsFile(opened("/tmp", O_RDONLY | O_DIRECTORY)));
-    EXPECT_FALSE(importsFile(opened("/tmp", O_RDWR | O_TMPFILE)));
+    const host::UniqueFd file = opened("/tmp", O_RDWR | O_TMPFILE);
+    EXPECT_EQ(ftruncate(file.get(), 6144), 0);
+    EXPECT_FALSE(importsFile(file));
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
     for (const int end : ends)

@@ -181,8 +181,7 @@ MapperError BufferMapper::countLocked(MapperError error) {
 MapperCounters BufferMapper::counters() {
     const std::lock_guard<std::mutex> lock(mMutex);
     MapperCounters result = mCounters;
-    for (const auto& [file, memory] : mMemory)
-        result.mappings += memory.expired() ? 0 : 1;
+    result.mappings = static_cast<int64_t>(mMemory.size());
     return result;
 }
 
