@@ -3,11 +3,16 @@
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "holdings.h"
+#include "host/buffer.h"
 #include "host/limits.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
@@ -69,6 +74,32 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
     }
     EXPECT_TRUE(remote->ping().isOk());
+}
+
+TEST(LimitsTest, AreWhatTheReadmeSays) {
+    std::ifstream file(README);
+    const std::string readme((std::istreambuf_iterator<char>(file)), {});
+    const std::pair<std::string, size_t> limits[] = {
+        {"bytes of a message", host::kMaxMessageBytes},
+        {"descriptors of a message", host::kMaxMessageFds},
+        {"memory of a buffer", host::kMaxBufferBytes >> 20},
+        {"connections of a server", host::kMaxConnections},
+        {"descriptor slots in reserve for connections", host::kConnectionFds},
+        {"descriptor slots in reserve for calls", host::kReservedFds},
+        {"descriptor slots for what arrives", host::kArrivalFds},
+        {"requests on their way, of all clients together", host::kMaxRequestsOnTheWay},
+        {"buffer ids that came with a handle since the last accepted `configure`",
+         host::kMaxBufferIds},
+        {"threads that close what may wait for a client", host::kClosingThreads},
+        {"descriptors that wait for those threads", host::kMaxWaitingToClose},
+        {"wait for an answer", static_cast<size_t>(host::kCallPatience.count())}};
+    for (const auto& [name, limit] : limits) {
+        const size_t row = readme.find("| " + name + " | ");
+        ASSERT_NE(row, std::string::npos) << name;
+        std::string value = readme.substr(row + name.size() + 5, 12);
+        value.erase(std::remove(value.begin(), value.end(), ','), value.end());
+        EXPECT_EQ(std::stoul(value), limit) << name;
+    }
 }
 
 TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
