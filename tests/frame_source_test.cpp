@@ -168,6 +168,7 @@ TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
     EXPECT_EQ(log.timesSaid(std::string("E file ") + kInput +
                             " open failed, error - No such file or directory \n"),
               2);
+    EXPECT_EQ(log.timesSaid("E Invalid params: buffer((nil)) \n"), 0);
     EXPECT_EQ(buffer.bytes()[0], 7);
 
     // A stream that needs more than a frame of the file: nothing is read past the frame memory.

@@ -15,8 +15,10 @@ namespace {
 struct ContraryMapper : public SpyMapper3 {
     using SpyMapper3::SpyMapper3;
     static constexpr auto kRefused = mapper3::Error::BAD_VALUE;
+    bool isSilent = false;  ///< an import is not even refused
 
     Return<void> importBuffer(const Handle& /*raw*/, importBuffer_cb answer) override {
+        if (isSilent) return {};
         answer(mapper3::Error::NONE, this);
         return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
     }
@@ -46,8 +48,11 @@ TEST(ImporterRefusalTest, KeepsNothingThatComesWithARefusal) {
     HandleImporter importer;
     const host::Buffer buffer = allocate(4, 4);
     buffer_handle_t handle = buffer.handle();
-    EXPECT_FALSE(importer.importBuffer(handle));
-    EXPECT_EQ(handle, buffer.handle());
+    for (const bool isSilent : {false, true}) {
+        mapper->isSilent = isSilent;
+        EXPECT_FALSE(importer.importBuffer(handle));
+        EXPECT_EQ(handle, buffer.handle());
+    }
     EXPECT_EQ(importer.lock(handle, 3, 4), nullptr);
     EXPECT_EQ(importer.lockYCbCr(handle, 3, {0, 0, 4, 4}).y, nullptr);
     EXPECT_EQ(importer.unlock(handle), -1);

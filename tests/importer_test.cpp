@@ -236,7 +236,13 @@ TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
     importer.cleanup();
     handle = buffer.handle();
     EXPECT_FALSE(importer.importBuffer(handle));
-    EXPECT_EQ(none.asked3(), 5);  // once by the real mapper's scope, once more now
+    EXPECT_EQ(none.asked3(), 5);            // once by the real mapper's scope, once more now
+    for (const int descriptors : {0, 1}) {  // half empty is not empty
+        native_handle_t* const half = native_handle_create(descriptors, 1 - descriptors);
+        handle = half;
+        EXPECT_FALSE(importer.importBuffer(handle));
+        native_handle_delete(half);
+    }
 }
 
 TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
