@@ -87,7 +87,8 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
                        }}}};
     configure();
     session->setSceneCallback(&observer);
-    for (const auto& [name, place] : places) {
+    for (const auto& [placeName, place] : places) {
+        const std::string& name = placeName;  // which a lambda may have
         SCOPED_TRACE(name);
         where = name;
         for (int i = 0; i < 2; ++i)  // what the last place has left
@@ -102,6 +103,13 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
                     if (expected == Other::GOES_ON) session->sendCaptureResult({});
                 },
                 expected);
+            if (name.rfind("on", 0) != 0) return;
+            FDNotifyMsg msg = {};
+            log.clear();
+            session->sendNotify(msg);
+            EXPECT_EQ(log.timesSaid("E sendNotify: called inside an observer's operation that has "
+                                    "the session locked \n"),
+                      expected == Other::WAITS ? 1 : 0);
         });
         EXPECT_TRUE(meanwhile.has_value());
     }
