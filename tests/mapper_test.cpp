@@ -72,6 +72,10 @@ TEST(MapperTest, LaysOutAndSealsItsOwnBuffersUpToTheirLimit) {
     const sp<GraphicBuffer> wrapped = wrap(buffer);
     ASSERT_EQ(wrapped->lockYCbCr(0x33, &planes), 0);
     EXPECT_EQ(static_cast<uint8_t*>(planes.cr) - static_cast<uint8_t*>(planes.cb), 4 * 3);
+    const sp<GraphicBuffer> crFirst =
+        wrap(allocate(8, 6, {0, 0, 0, 0, host::ChromaOrder::CrFirst}));
+    ASSERT_EQ(crFirst->lockYCbCr(0x33, &planes), 0);
+    EXPECT_EQ(static_cast<uint8_t*>(planes.cb) - static_cast<uint8_t*>(planes.cr), 1);
     EXPECT_EQ(fcntl(buffer.handle()->data[0], F_GET_SEALS),
               F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
     EXPECT_TRUE(host::Buffer::allocate({2, 255, 1U << 20, 8192}));

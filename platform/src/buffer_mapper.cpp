@@ -30,9 +30,9 @@ bool inside(const MapperRect& region, const BufferGeometry& geometry) {
            int64_t{region.top} + region.height <= int64_t{geometry.height};
 }
 
-/** A plain lock may also take the buffer as one row of bytes. */
+/** A plain lock may also take the buffer as one row of bytes. Below 0 is more than any size. */
 bool insideAsRow(const MapperRect& region, size_t size) {
-    return region.left == 0 && region.top == 0 && region.height == 1 && region.width >= 0 &&
+    return region.left == 0 && region.top == 0 && region.height == 1 &&
            static_cast<size_t>(region.width) <= size;
 }
 

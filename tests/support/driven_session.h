@@ -75,6 +75,7 @@ protected:
         observer.inside = [&] {
             isInObserver = true;
             meanwhile.emplace(other, expected);
+            session->getTrackingMode();  // whoever waits does so without the lock
             isInObserver = false;
         };
         session->setSceneCallback(&observer);
