@@ -111,6 +111,19 @@ Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize targ
     return toPicture(small, target);
 }
 
+std::optional<Picture> readPng(const std::filesystem::path& path, std::string& problem) {
+    png_image image = {};
+    image.version = PNG_IMAGE_VERSION;
+    if (png_image_begin_read_from_file(&image, path.c_str()) != 0) {
+        image.format = PNG_FORMAT_RGB;
+        Picture picture(static_cast<int>(image.width), static_cast<int>(image.height));
+        if (png_image_finish_read(&image, nullptr, picture.rgb.data(), 0, nullptr) != 0)
+            return picture;
+    }
+    problem = path.string() + " cannot be read: " + image.message;
+    return std::nullopt;
+}
+
 bool writePng(const Picture& picture, const std::filesystem::path& path) {
     png_image image = {};
     image.version = PNG_IMAGE_VERSION;

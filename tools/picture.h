@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -23,6 +25,8 @@ Picture toPicture(const kit::Frame& frame, kit::FrameSize size);
 /** Another size of the same picture, smooth. */
 Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target);
 
+/** Nothing, and a sentence in `problem`, when it is no PNG picture that can be read. */
+std::optional<Picture> readPng(const std::filesystem::path& path, std::string& problem);
 /** False after a sentence on stderr. */
 bool writePng(const Picture& picture, const std::filesystem::path& path);
 

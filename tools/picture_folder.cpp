@@ -19,12 +19,6 @@ bool complain(const fs::path& folder, const std::error_code& error) {
     return !error;
 }
 
-std::string pictureName(uint32_t number) {
-    char name[32];
-    snprintf(name, sizeof(name), "frame-%03u.png", number);
-    return name;
-}
-
 }  // namespace
 
 bool PictureFolder::make() const {
@@ -44,8 +38,14 @@ bool PictureFolder::clear() const {
     return complain(mPath, error);
 }
 
+fs::path PictureFolder::pictureOf(uint32_t number) const {
+    char name[32];
+    snprintf(name, sizeof(name), "frame-%03u.png", number);
+    return mPath / name;
+}
+
 bool PictureFolder::save(uint32_t number, const kit::Frame& frame, kit::FrameSize size) const {
-    const fs::path path = mPath / pictureName(number);
+    const fs::path path = pictureOf(number);
     fs::path part = path;
     part += ".part";  // until it is whole
     if (!writePng(toPicture(frame, size), part)) return false;

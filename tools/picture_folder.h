@@ -16,6 +16,8 @@ public:
     bool make() const;
     /** Removes the pictures of an earlier, longer scene. False after a sentence on stderr. */
     bool clear() const;
+    /** Where the picture of this number is, or will be. */
+    std::filesystem::path pictureOf(uint32_t number) const;
     /** False after a sentence on stderr. */
     bool save(uint32_t number, const kit::Frame& frame, kit::FrameSize size) const;
 
