@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "IFDControl.h"
+#include "control_fields.h"
 #include "host/proxy.h"
 #include "host/remote.h"
-#include "record_fields.h"
 
 namespace control {
 
