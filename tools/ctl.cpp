@@ -1,22 +1,17 @@
 // Looks at the scene, view and tracking controls of a running provider, and sets them.
 
 #include <err.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include "IFDControl.h"
 #include "command_line.h"
-#include "control_json.h"
 #include "control_words.h"
+#include "controlled_provider.h"
 #include "default_socket.h"
 #include "host/channel.h"
 #include "run_program.h"
@@ -25,17 +20,10 @@
 namespace {
 
 using android::sp;
-using android::hardware::Return;
-using control::Answer;
-using control::CameraStatus;
 using control::IFDControl;
-using control::SceneControl;
 using control::TrackingMode;
 
-constexpr int kDone = 0;
-constexpr int kRefused = 1;
 constexpr int kBadUsage = 2;
-constexpr int kNoProvider = 3;
 
 constexpr const char* kExamples =
     "Examples:\n"
@@ -101,116 +89,6 @@ struct Options {
     std::optional<uint64_t> count;
 };
 
-/** Says a record. The exit code, after a sentence on stderr when nobody takes it. */
-int print(const std::string& line) {
-    puts(line.c_str());
-    return kit::finishStandardOutput() ? kDone : kRefused;
-}
-
-/** The control operations of a provider, with a sentence and an exit code for each failure. */
-class Provider {
-public:
-    explicit Provider(sp<IFDControl> control) : mControl(std::move(control)) {}
-
-    /** Nothing when the call was answered OK, else the exit code, after a sentence on stderr. */
-    std::optional<int> failureOf(const Return<Answer>& answer) const {
-        if (!answer.isOk()) {
-            warnx("%s", answer.description().c_str());
-            return mControl->ping().isOk() ? kRefused : kNoProvider;
-        }
-        if (static_cast<Answer>(answer) == Answer::OK) return std::nullopt;
-        warnx("%s", control::inWords(answer));
-        return kRefused;
-    }
-
-    /** Gets a record and prints it. */
-    template <typename Record>
-    int show(Return<Answer> (IFDControl::*get)(Record&)) const {
-        Record record = {};
-        const auto failure = failureOf((mControl.get()->*get)(record));
-        if (failure) return *failure;
-        return print(tools::json(record));
-    }
-
-    /** Sets one and prints it. */
-    template <typename Record, typename Argument>
-    int set(Return<Answer> (IFDControl::*put)(Argument), const Record& record) const {
-        const auto failure = failureOf((mControl.get()->*put)(record));
-        return failure ? *failure : print(tools::json(record));
-    }
-
-    /** Nothing, and an exit code, after a sentence on stderr. */
-    std::optional<tools::FrameSides> pictureSize(int& code) const {
-        CameraStatus status;
-        const Return<Answer> answer = mControl->getStatus(status);
-        if (answer.isOk() && static_cast<Answer>(answer) == Answer::NO_PICTURE) {
-            warnx("%s; say with --of WxH what the rectangles are in", control::inWords(answer));
-            code = kRefused;
-        } else if (const auto failure = failureOf(answer)) {
-            code = *failure;
-        } else {
-            return tools::FrameSides{status.width, status.height};
-        }
-        return std::nullopt;
-    }
-
-    int setScene(Return<Answer> (IFDControl::*put)(const SceneControl&),
-                 const tools::SceneWords& words) const {
-        std::optional<tools::FrameSides> of = words.of;
-        int code = kDone;
-        if (!of && !words.crops.empty()) of = pictureSize(code);
-        if (code != kDone) return code;
-        return set(put, words.record(of.value_or(tools::FrameSides{})));
-    }
-
-    int showStatus() const {
-        CameraStatus status;
-        const Return<Answer> answer = mControl->getStatus(status);
-        if (answer.isOk() && static_cast<Answer>(answer) == Answer::NO_PICTURE) {
-            return print(tools::json(std::optional<CameraStatus>()));
-        }
-        const auto failure = failureOf(answer);
-        return failure ? *failure : print(tools::json(std::optional(status)));
-    }
-
-    /** Until so many calls have come, the provider goes, or nobody reads. */
-    int observe(std::optional<uint64_t> count) const;
-
-private:
-    const sp<IFDControl> mControl;
-};
-
-/** Whether who reads the standard output has gone. */
-bool isUnread() {
-    pollfd output = {STDOUT_FILENO, 0, 0};
-    return poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
-}
-
-int Provider::observe(std::optional<uint64_t> count) const {
-    uint64_t seen = 0;
-    bool isFirst = true;
-    while (!count || seen < *count) {
-        control::Event event;
-        if (const auto failure = failureOf(mControl->watch(event))) return *failure;
-        const bool isCall = event.kind != control::Event::Kind::NONE;
-        if (isFirst) printf("{\"event\":\"observing\"}\n");
-        if (event.missed > 0) {
-            printf("{\"event\":\"missed\",\"count\":%llu}\n",
-                   static_cast<unsigned long long>(event.missed));
-        }
-        if (isCall) puts(tools::json(event).c_str());
-        isFirst = false;
-        seen += isCall ? 1 : 0;
-        if (isUnread()) return kDone;
-        if (fflush(stdout) != 0) {
-            if (errno == EPIPE) return kDone;
-            warn("standard output cannot be written");
-            return kRefused;
-        }
-    }
-    return kDone;
-}
-
 void declareCommands(CLI::App& app, Options& options) {
     const auto add = [&app](const char* name, const char* what, const char* footer = "") {
         CLI::App* const command = app.add_subcommand(name, what);
@@ -263,7 +141,8 @@ sp<IFDControl> findProvider(const Options& options) {
     return control;
 }
 
-int act(const std::string& command, const Options& options, const Provider& provider) {
+int act(const std::string& command, const Options& options,
+        const tools::ControlledProvider& provider) {
     if (command == "scene" && options.scene.isSet())
         return provider.setScene(&IFDControl::setScene, options.scene);
     if (command == "scene") return provider.show(&IFDControl::getScene);
@@ -294,12 +173,13 @@ int run(int argc, char** argv) {
     kit::openStandardStreams();
     signal(SIGPIPE, SIG_IGN);  // who reads may go away
     const sp<IFDControl> control = findProvider(options);
-    if (control == nullptr) return kNoProvider;
-    return act(app.get_subcommands().front()->get_name(), options, Provider(control));
+    if (control == nullptr) return tools::kNoProvider;
+    return act(app.get_subcommands().front()->get_name(), options,
+               tools::ControlledProvider(control));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return kit::runProgram(run, argc, argv, kRefused);
+    return kit::runProgram(run, argc, argv, tools::kRefused);
 }
