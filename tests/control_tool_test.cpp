@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -20,7 +21,10 @@ class ControlToolTest : public SessionFixture {
 protected:
     ControlToolTest() {
         std::string problem;
-        const auto status = [this] { return picture; };
+        const auto status = [this] {
+            const std::lock_guard<std::mutex> lock(pictureMutex);
+            return picture;
+        };
         controls =
             control::ControlServer::listen(kit::controlSocketOf(path), session, status, problem);
         EXPECT_NE(controls, nullptr) << problem;
@@ -31,7 +35,8 @@ protected:
 
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
-    std::optional<control::CameraStatus> picture;
+    std::mutex pictureMutex;
+    std::optional<control::CameraStatus> picture;  // guarded by pictureMutex
     std::unique_ptr<control::ControlServer> controls;
 };
 
@@ -87,7 +92,10 @@ TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
             EXPECT_EQ(output.text, one.said) << one.arguments;
         }
     }
-    picture = control::CameraStatus{40, 30, 29.97, 5, 6};
+    {
+        const std::lock_guard<std::mutex> lock(pictureMutex);
+        picture = control::CameraStatus{40, 30, 29.97, 5, 6};
+    }
     EXPECT_EQ(runShell(line("ptz -5,2,2147483647,0")).text, kMade);
     EXPECT_EQ(runShell(line("ptz")).text, kMade);
     EXPECT_EQ(runShell(line("status")).text, R"({"picture":{"width":40,"height":30},)"
