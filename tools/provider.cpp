@@ -20,6 +20,7 @@
 #include <utility>
 
 #include "FDSession.h"
+#include "camera_input.h"
 #include "client_watch.h"
 #include "command_line.h"
 #include "default_socket.h"
@@ -59,8 +60,11 @@ constexpr const char* kExamples =
     "                                        place\n"
     "  fdstream-provider --input street.yuv  plays your clip: raw NV12, 1280x720, no\n"
     "                                        header\n"
-    "  ffmpeg -i street.mp4 -f rawvideo -pix_fmt nv12 -s 1280x720 - |\n"
-    "      fdstream-provider --input -       reads it to its end first, at most 4 GiB\n"
+    "  fdstream-provider --input street.mp4  plays a video by its own time, again and\n"
+    "                                        again\n"
+    "  fdstream-provider --input /dev/video0 plays a webcam\n"
+    "  ffmpeg -re -i street.mp4 -f mpegts - | fdstream-provider --input -\n"
+    "  fdstream-provider --format lavfi --input testsrc2=s=640x480\n"
     "  fdstream-provider --flipped           frames come turned by 180 degrees\n"
     "  fdstream-provider --idle              takes no requests: each comes back as an\n"
     "                                        error after a second\n"
@@ -79,8 +83,7 @@ constexpr const char* kExamples =
 
 struct Options {
     std::optional<std::string> socket;
-    std::optional<std::string> input;
-    bool partial = false;
+    tools::CameraArguments source;
     bool flipped = false;
     bool idle = false;
     std::string log = "error";
@@ -90,19 +93,21 @@ struct Options {
 std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App app(
         "Serves the stream session to clients in other processes of this user, and fills their "
-        "buffers from a clip, at most 20 frames a second.",
+        "buffers from a video, a webcam, or a raw clip, that at most 20 frames a second.",
         "fdstream-provider");
     app.footer(kExamples);
     app.add_option("--socket", options.socket,
                    std::string("where clients connect; without it ") + kit::kDefaultSocketInWords)
         ->type_name("PATH");
     auto* const input =
-        app.add_option("--input", options.input,
-                       "clip to play, which can be a pipe, or - for standard input; without it "
-                       "one is drawn")
+        app.add_option("--input", options.source.input,
+                       "video, webcam or pipe to play, - for standard input; a name that ends in "
+                       ".yuv or .nv12 is a raw clip's; without it one is drawn")
             ->type_name("FILE");
-    app.add_flag("--partial", options.partial, "leaves out a part of a frame at the clip's end")
+    app.add_flag("--partial", options.source.isClip,
+                 "plays a raw clip of any name, and leaves out a part of a frame at its end")
         ->needs(input);
+    tools::addCameraOptions(app, options.source);
     app.add_flag("--flipped", options.flipped, "turns the frames by 180 degrees from the start");
     app.add_flag("--idle", options.idle, "takes no requests")->excludes(input);
     app.add_option("--log", options.log,
@@ -110,7 +115,15 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
         ->check(CLI::IsMember(&logLevels()).description(""))
         ->type_name("LEVEL")
         ->capture_default_str();
-    return kit::parseCommandLine(app, argc, argv, kNotStarted);
+    if (const auto code = kit::parseCommandLine(app, argc, argv, kNotStarted)) return code;
+    if (options.source.list) {
+        tools::listWebcams();
+        return kit::finishStandardOutput() ? kEnded : kNotStarted;
+    }
+    const std::string fault = tools::faultIn(options.source);
+    if (fault.empty()) return std::nullopt;
+    warnx("%s", fault.c_str());
+    return kNotStarted;
 }
 
 void setFlipped(bool flipped) {
@@ -151,9 +164,14 @@ void say(const std::string& line) {
 }
 
 /** Null after a sentence on stderr. */
-std::unique_ptr<host::Server> listen(const std::string& socket) {
+std::unique_ptr<host::Server> listen(const std::string& socket,
+                                     const std::shared_ptr<tools::CameraInput>& camera) {
     const auto watch =
-        std::make_shared<tools::ClientWatch>([](const std::string& line) { say(line + "\n"); });
+        std::make_shared<tools::ClientWatch>([](const std::string& line) { say(line + "\n"); },
+                                             [camera](bool hasClient) {
+                                                 if (camera != nullptr)
+                                                     camera->holderChanged(hasClient);
+                                             });
     const sp<tools::WatchedSession> session =
         new tools::WatchedSession(FDSession::getInstance()->getInterface(), watch);
     host::ConnectionEvents events;
@@ -168,12 +186,14 @@ std::unique_ptr<host::Server> listen(const std::string& socket) {
 
 /** Until a signal ends it. False, after a sentence on stderr, when its clip has been cut before. */
 bool serve(const Options& options, const std::string& socket,
-           const std::optional<tools::Nv12File>& clip, const kit::Signals& signals) {
+           const std::optional<tools::Nv12File>& clip, const tools::CameraInput* camera,
+           const kit::Signals& signals) {
     constexpr std::chrono::milliseconds kLook(200);
     bool flipped = options.flipped;
-    const std::string name = tools::clipInWords(options.input.value_or(""));
+    const std::string name = tools::clipInWords(options.source.input.value_or(""));
     say("listening on " + socket + "\n");
     if (clip) say(name + " is played as " + clip->description() + "\n");
+    if (camera != nullptr) say(name + " is played: " + camera->description() + "\n");
     for (;;) {
         const int number = clip ? signals.wait(kLook) : signals.wait();
         if (clip && clip->isCut()) {
@@ -197,26 +217,38 @@ int run(int argc, char** argv) {
     host::setStderrLogPriority(logLevels().at(options.log));
     const std::optional<std::string> socket = socketPath(options);
     if (!socket) return kNotStarted;
+    const bool isForCamera = options.source.areForCamera();
     // Before signals are blocked: a pipe may never end.
     std::optional<tools::Nv12File> clip;
-    if (options.input) clip = openClip(*options.input, options.partial);
-    if (options.input && !clip) return kNotStarted;
+    if (options.source.input && !isForCamera) {
+        clip = openClip(*options.source.input, options.source.isClip);
+        if (!clip) return kNotStarted;
+    }
 
     const kit::Signals signals({SIGHUP, SIGINT, SIGTERM});
     signal(SIGPIPE, SIG_IGN);  // it outlives who reads its lines
+    std::shared_ptr<tools::CameraInput> camera;
+    if (isForCamera) {
+        std::optional<int> ending;
+        camera = tools::CameraInput::open(
+            options.source, signals, [](const std::string& line) { say(line + "\n"); }, ending);
+        if (camera == nullptr) return ending ? kEnded : kNotStarted;
+    }
+    const bool isFilled = !options.idle && camera == nullptr;
     std::optional<tools::PlayFolder> folder;
-    if (!options.idle &&
-        !folder.emplace().enter(clip ? std::optional(clip->path()) : std::nullopt)) {
+    if (isFilled && !folder.emplace().enter(clip ? std::optional(clip->path()) : std::nullopt)) {
         return kNotStarted;
     }
 
     setFlipped(options.flipped);
-    const std::unique_ptr<host::Server> server = listen(*socket);
+    const std::unique_ptr<host::Server> server = listen(*socket, camera);
     if (server == nullptr) return kNotStarted;
     // Ends before the server does, so that no frame is on its way when the connections end.
     std::optional<tools::FrameSource> source;
-    if (!options.idle) source.emplace();
-    return serve(options, *socket, clip, signals) ? kEnded : kClipLost;
+    if (isFilled) source.emplace();
+    const bool isWhole = serve(options, *socket, clip, camera.get(), signals);
+    if (camera != nullptr) camera->end();
+    return isWhole ? kEnded : kClipLost;
 }
 
 }  // namespace

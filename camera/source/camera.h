@@ -29,35 +29,40 @@ public:
     using Session = Filler::Session;
 
     /**
-     * Opens the source, within five seconds, and starts. Null, and a sentence's end in `problem`,
-     * when it cannot be opened. `say` is called by one thread at a time, and must not wait: with
-     * the reason when the source breaks, and with what keeps a client's buffers from being filled.
+     * `say` is called by one thread at a time, and must not wait: with the reason when the source
+     * breaks, and with what keeps a client's buffers from being filled.
      */
-    static std::unique_ptr<Camera> open(android::sp<Session> session, const SourceOptions& options,
-                                        Say say, std::string& problem);
-    ~Camera();
+    Camera(android::sp<Session> session, const SourceOptions& options, Say say);
+    ~Camera() { end(); }
     Camera(const Camera&) = delete;
     Camera& operator=(const Camera&) = delete;
 
+    /**
+     * Opens the source, within five seconds, and starts both threads. False, and a sentence's end
+     * in `problem`, when it cannot be opened. REQUIRES: called once.
+     */
+    bool start(std::string& problem);
+    /** Ends both threads and waits for that. Not while start() runs. */
+    void end();
+
     // Any thread.
 
+    /** Ends what start() waits for; nothing starts any more. */
+    void giveUp() const { mStop.raise(); }
     /** From now on frames are announced to the client. Before, nobody would hear it. */
     void clientCame() { mFiller.clientCame(); }
     /** Nothing is announced any more, and requests that are kept are answered with errors. */
     void clientWent() { mFiller.clientWent(); }
     CameraStatus status() const { return mHandover.status(); }
 
-    /** What is played, for a line at the start. */
-    const std::string& description() const { return mDescription; }
+    /** What is played, for a line after the start. */
+    std::string description() const;
 
 private:
-    Camera(android::sp<Session> session, const SourceOptions& options, Say say);
-
     const StopSignal mStop;
     Handover mHandover;
     Player mPlayer;
     Filler mFiller;
-    std::string mDescription;
     std::thread mDecoding;
     std::thread mFilling;
 };

@@ -9,6 +9,7 @@
 
 #include "source/ffmpeg.h"
 #include "source/picture_shape.h"
+#include "view/camera_status.h"
 
 namespace camera {
 
@@ -17,15 +18,6 @@ struct DueFrame {
     FramePtr frame;
     PictureShape shape;
     int64_t dueNs = 0;  ///< of CLOCK_MONOTONIC
-};
-
-/** How the source is. Value type. */
-struct CameraStatus {
-    FrameSize picture{};   ///< of the newest frame
-    double rate = 0;       ///< frames a second
-    uint64_t frames = 0;   ///< that were due
-    uint64_t dropped = 0;  ///< of them, that nobody waited for
-    bool isBroken = false; ///< there is no source at the moment
 };
 
 /**
@@ -50,8 +42,8 @@ public:
         std::optional<DueFrame> frame;
         uint64_t breakdowns = 0;  ///< since the beginning
         bool isBroken = false;
-        std::string reason;     ///< of the last one
-        int64_t periodNs = 0;   ///< of the frames, if there were any
+        std::string reason;    ///< of the last one
+        int64_t periodNs = 0;  ///< of the frames, if there were any
         bool isEnd = false;
     };
     /** The newest frame, once; waits for one no longer than that. */

@@ -10,6 +10,7 @@ extern "C" {
 #include <utility>
 
 #include "source/media_input.h"
+#include "source/picture_shape.h"
 
 namespace camera {
 
@@ -109,8 +110,7 @@ bool Media::isTooLarge(int width, int height) const {
 
 bool Media::openStream(std::string& problem) {
     const int error = avformat_find_stream_info(mFormat.get(), nullptr);
-    const int index =
-        av_find_best_stream(mFormat.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    const int index = av_find_best_stream(mFormat.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     if (error < 0 || isGivenUp(this) != 0 || index < 0) {
         problem = error < 0 || isGivenUp(this) != 0 ? reasonOf(error) : "it has no pictures";
         return false;
@@ -133,8 +133,8 @@ bool Media::openStream(std::string& problem) {
 bool Media::openDecoder(std::string& problem) {
     const AVCodec* const codec = avcodec_find_decoder(mStream->codecpar->codec_id);
     if (codec == nullptr) {
-        problem = std::string("there is no decoder for ") +
-                  avcodec_get_name(mStream->codecpar->codec_id);
+        problem =
+            std::string("there is no decoder for ") + avcodec_get_name(mStream->codecpar->codec_id);
         return false;
     }
     mDecoder.reset(avcodec_alloc_context3(codec));
@@ -163,7 +163,8 @@ bool Media::readFirst(std::function<void()> onStalled, std::string& problem) {
 
 std::string Media::description() const {
     char text[128];
-    snprintf(text, sizeof(text), "%g frames a second, %s", mRate,
+    const FrameSize size = mFirst ? shapeOf(*mFirst->frame, mStream).picture() : FrameSize{0, 0};
+    snprintf(text, sizeof(text), "%dx%d at %g frames a second, %s", size.width, size.height, mRate,
              avcodec_get_name(mStream->codecpar->codec_id));
     return text;
 }

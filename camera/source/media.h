@@ -52,7 +52,7 @@ public:
     const AVStream* stream() const { return mStream; }
     /** Frames a second. */
     double rate() const { return mRate; }
-    /** Rate and codec, for a line at the start. */
+    /** Size, rate and codec, for a line at the start. REQUIRES: no frame was read yet. */
     std::string description() const;
 
 private:

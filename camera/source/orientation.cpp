@@ -21,18 +21,18 @@ Orientation orientationOf(const int32_t* matrix) {
 Rect beforeTurn(const Rect& after, const Orientation& orientation, FrameSize size) {
     Rect before = after;
     switch (orientation.quarters) {
-    case 1:
-        before = {after.y, size.height - after.x - after.width, after.height, after.width};
-        break;
-    case 2:
-        before = {size.width - after.x - after.width, size.height - after.y - after.height,
-                  after.width, after.height};
-        break;
-    case 3:
-        before = {size.width - after.y - after.height, after.x, after.height, after.width};
-        break;
-    default:
-        break;
+        case 1:
+            before = {after.y, size.height - after.x - after.width, after.height, after.width};
+            break;
+        case 2:
+            before = {size.width - after.x - after.width, size.height - after.y - after.height,
+                      after.width, after.height};
+            break;
+        case 3:
+            before = {size.width - after.y - after.height, after.x, after.height, after.width};
+            break;
+        default:
+            break;
     }
     if (orientation.isMirrored) before.y = size.height - before.y - before.height;
     return before;

@@ -26,17 +26,25 @@ Format formatOf(const AVFrame& frame) {
     const auto format = static_cast<AVPixelFormat>(frame.format);
     const bool isFull = frame.color_range == AVCOL_RANGE_JPEG;
     switch (format) {
-    case AV_PIX_FMT_YUVJ420P: return {AV_PIX_FMT_YUV420P, true};
-    case AV_PIX_FMT_YUVJ422P: return {AV_PIX_FMT_YUV422P, true};
-    case AV_PIX_FMT_YUVJ444P: return {AV_PIX_FMT_YUV444P, true};
-    case AV_PIX_FMT_YUVJ440P: return {AV_PIX_FMT_YUV440P, true};
-    case AV_PIX_FMT_YUVJ411P: return {AV_PIX_FMT_YUV411P, true};
-    default: return {format, isFull && (av_pix_fmt_desc_get(format)->flags & AV_PIX_FMT_FLAG_RGB) == 0};
+        case AV_PIX_FMT_YUVJ420P:
+            return {AV_PIX_FMT_YUV420P, true};
+        case AV_PIX_FMT_YUVJ422P:
+            return {AV_PIX_FMT_YUV422P, true};
+        case AV_PIX_FMT_YUVJ444P:
+            return {AV_PIX_FMT_YUV444P, true};
+        case AV_PIX_FMT_YUVJ440P:
+            return {AV_PIX_FMT_YUV440P, true};
+        case AV_PIX_FMT_YUVJ411P:
+            return {AV_PIX_FMT_YUV411P, true};
+        default:
+            return {format,
+                    isFull && (av_pix_fmt_desc_get(format)->flags & AV_PIX_FMT_FLAG_RGB) == 0};
     }
 }
 
 bool canBeCropped(const AVFrame& frame) {
-    const AVPixFmtDescriptor& format = *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
+    const AVPixFmtDescriptor& format =
+        *av_pix_fmt_desc_get(static_cast<AVPixelFormat>(frame.format));
     constexpr uint64_t kNot =
         AV_PIX_FMT_FLAG_BITSTREAM | AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_BAYER;
     return (format.flags & kNot) == 0 && format.log2_chroma_w <= 1 && format.log2_chroma_h <= 1;
@@ -121,9 +129,14 @@ ScalerPtr scalerFor(FrameSize from, int fromFormat, bool isFullRange, FrameSize 
         const char* name;
         int value;
     } options[] = {
-        {"srcw", from.width}, {"srch", from.height}, {"src_format", fromFormat},
-        {"dstw", to.width},   {"dsth", to.height},   {"dst_format", toFormat},
-        {"src_range", isFullRange ? 1 : 0},          {"dst_range", 0},
+        {"srcw", from.width},
+        {"srch", from.height},
+        {"src_format", fromFormat},
+        {"dstw", to.width},
+        {"dsth", to.height},
+        {"dst_format", toFormat},
+        {"src_range", isFullRange ? 1 : 0},
+        {"dst_range", 0},
         {"sws_flags", kScalerFlags},
     };
     for (const auto& option : options)
@@ -170,8 +183,8 @@ bool PictureScaler::scale(const AVFrame& frame, const PictureShape& shape, const
     }
     const FramePtr part = partOf(*whole, shape.samplesOf(view));
     if (part == nullptr) return false;
-    const bool isNarrow = to.size.width < kNarrowest || to.lumaStride < kNarrowest ||
-                          to.chromaWidth() < kNarrowest;
+    const bool isNarrow =
+        to.size.width < kNarrowest || to.lumaStride < kNarrowest || to.chromaWidth() < kNarrowest;
     return isNarrow || !shape.orientation.isUpright()
                ? scaleThroughOwn(*part, shape.orientation, to)
                : scaleDirectly(*part, to);
@@ -181,8 +194,8 @@ bool PictureScaler::scaleDirectly(const AVFrame& part, const Planes& to) {
     if (isAlike(part, to)) {
         copyRows(part.data[0], part.linesize[0], to.luma, to.lumaStride, to.size.width,
                  to.size.height);
-        copyRows(part.data[1], part.linesize[1], to.pairs(), to.chromaStride,
-                 2 * to.chromaWidth(), to.chromaHeight());
+        copyRows(part.data[1], part.linesize[1], to.pairs(), to.chromaStride, 2 * to.chromaWidth(),
+                 to.chromaHeight());
         return true;
     }
     const bool isPlanar = to.chromaStep == 1;

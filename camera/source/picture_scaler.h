@@ -21,8 +21,7 @@ public:
      * told. REQUIRES: `shape` is the frame's, `view` lies in its picture, and a chroma step is 1 or
      * 2.
      */
-    bool scale(const AVFrame& frame, const PictureShape& shape, const Rect& view,
-               const Planes& to);
+    bool scale(const AVFrame& frame, const PictureShape& shape, const Rect& view, const Planes& to);
 
 private:
     /** What a conversion is set up for. */

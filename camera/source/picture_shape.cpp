@@ -17,8 +17,7 @@ const int32_t* matrixOf(const AVFrame& frame, const AVStream* stream) {
     }
     if (stream == nullptr) return nullptr;
     size_t size = 0;
-    const uint8_t* const data =
-        av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
+    const uint8_t* const data = av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, &size);
     return size >= kMatrixBytes ? reinterpret_cast<const int32_t*>(data) : nullptr;
 }
 

@@ -29,8 +29,8 @@ Player::Player(SourceOptions options, Handover& handover, const StopSignal& stop
       mPace(fixedPeriod(mOptions)) {}
 
 std::unique_ptr<Media> Player::openMedia(std::string& problem) {
-    std::unique_ptr<Media> media =
-        Media::open(mOptions, mStop, [this] { fail("nothing came for 2 s"); }, problem);
+    std::unique_ptr<Media> media = Media::open(
+        mOptions, mStop, [this] { fail("nothing came for 2 s"); }, problem);
     if (media != nullptr) mHandover.setRate(media->rate());
     mFramesOfPass = 0;
     return media;
@@ -63,14 +63,17 @@ void Player::playOn() {
     MediaFrame frame;
     std::string problem;
     switch (mMedia->next(frame, problem)) {
-    case Media::Read::FRAME: return present(std::move(frame));
-    case Media::Read::END: return atEnd();
-    case Media::Read::BROKEN:
-        mNextTry = Clock::now() + kBetweenTries;
-        fail(problem);
-        mMedia.reset();
-        return;
-    case Media::Read::STOPPED: return;
+        case Media::Read::FRAME:
+            return present(std::move(frame));
+        case Media::Read::END:
+            return atEnd();
+        case Media::Read::BROKEN:
+            mNextTry = Clock::now() + kBetweenTries;
+            fail(problem);
+            mMedia.reset();
+            return;
+        case Media::Read::STOPPED:
+            return;
     }
 }
 
@@ -95,8 +98,8 @@ void Player::present(MediaFrame&& frame) {
 
 /** A file begins again, without a gap: the next frame is due a period after the last. */
 void Player::atEnd() {
-    const bool isStill = mFramesOfPass == 1 && mLast != nullptr &&
-                         (mMedia->isPicture() || !mMedia->isStream());
+    const bool isStill =
+        mFramesOfPass == 1 && mLast != nullptr && (mMedia->isPicture() || !mMedia->isStream());
     if (mOptions.once || (mMedia->isStream() && !isStill)) {
         mIsOver = mOptions.once || !mMedia->canBeOpenedAnew();
         mNextTry = Clock::now() + kBetweenTries;

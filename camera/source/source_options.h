@@ -16,14 +16,14 @@ struct CameraMode {
 
 /** What a camera plays, and how. Value type. */
 struct SourceOptions {
-    std::string input;             ///< a file, "-" for the standard input, a device
-    std::string format;            ///< as FFmpeg calls it; empty: by the content. "nv12": raw
-    std::optional<FrameSize> size; ///< of raw pictures
-    CameraMode camera;             ///< of a webcam
+    std::string input;              ///< a file, "-" for the standard input, a device
+    std::string format;             ///< as FFmpeg calls it; empty: by the content. "nv12": raw
+    std::optional<FrameSize> size;  ///< of raw pictures
+    CameraMode camera;              ///< of a webcam
     /** Frames a second: every frame is played. 0: a frame is decoded when it is asked for. */
     std::optional<double> fps;
-    bool once = false;             ///< ends the stream where a file ends
-    int decodingThreads = 0;       ///< 0: as many as are of use here
+    bool once = false;        ///< ends the stream where a file ends
+    int decodingThreads = 0;  ///< 0: as many as are of use here
 };
 
 /** "WIDTHxHEIGHT", both above 0; nothing when it is none. */

@@ -27,9 +27,9 @@ const struct {
     uint32_t fourcc;
     const char* name;
 } kFormats[] = {
-    {V4L2_PIX_FMT_YUYV, "yuyv422"}, {V4L2_PIX_FMT_UYVY, "uyvy422"}, {V4L2_PIX_FMT_NV12, "nv12"},
-    {V4L2_PIX_FMT_YUV420, "yuv420p"}, {V4L2_PIX_FMT_MJPEG, "mjpeg"}, {V4L2_PIX_FMT_H264, "h264"},
-    {V4L2_PIX_FMT_JPEG, "mjpeg"}, {V4L2_PIX_FMT_GREY, "gray"}, {V4L2_PIX_FMT_RGB24, "rgb24"},
+    {V4L2_PIX_FMT_YUYV, "yuyv422"},   {V4L2_PIX_FMT_UYVY, "uyvy422"}, {V4L2_PIX_FMT_NV12, "nv12"},
+    {V4L2_PIX_FMT_YUV420, "yuv420p"}, {V4L2_PIX_FMT_MJPEG, "mjpeg"},  {V4L2_PIX_FMT_H264, "h264"},
+    {V4L2_PIX_FMT_JPEG, "mjpeg"},     {V4L2_PIX_FMT_GREY, "gray"},    {V4L2_PIX_FMT_RGB24, "rgb24"},
     {V4L2_PIX_FMT_BGR24, "bgr24"},
 };
 
@@ -59,7 +59,8 @@ WebcamMode modeOf(uint32_t fourcc) {
 std::vector<double> ratesOf(int fd, uint32_t fourcc, FrameSize size) {
     std::vector<double> rates;
     const auto add = [&](const v4l2_fract& interval) {
-        if (interval.numerator > 0) rates.push_back(double(interval.denominator) / interval.numerator);
+        if (interval.numerator > 0)
+            rates.push_back(double(interval.denominator) / interval.numerator);
     };
     v4l2_frmivalenum entry = {};
     entry.pixel_format = fourcc;
@@ -102,8 +103,8 @@ void addModes(int fd, uint32_t fourcc, std::vector<WebcamMode>& modes) {
             addRange(entry.stepwise, sizes);
             break;
         }
-        sizes.push_back({static_cast<int>(entry.discrete.width),
-                         static_cast<int>(entry.discrete.height)});
+        sizes.push_back(
+            {static_cast<int>(entry.discrete.width), static_cast<int>(entry.discrete.height)});
     }
     for (const FrameSize size : sizes) {
         WebcamMode mode = modeOf(fourcc);
@@ -157,8 +158,8 @@ std::vector<Webcam> webcams() {
 
 CameraMode bestModeOf(const Webcam& webcam) {
     const auto rank = [](const WebcamMode& mode) {
-        const bool isSmall = mode.size.width <= kLargest.width &&
-                             mode.size.height <= kLargest.height;
+        const bool isSmall =
+            mode.size.width <= kLargest.width && mode.size.height <= kLargest.height;
         const bool isFast = highestRate(mode) >= kLeastRate;
         const int64_t area = int64_t{mode.size.width} * mode.size.height;
         return std::make_tuple(mode.isKnown, isSmall && isFast, isSmall, isSmall ? area : -area,

@@ -12,8 +12,7 @@ namespace camera {
 class Pace {
 public:
     /** With a period each frame is due that much after the one before, whatever its stamp. */
-    explicit Pace(std::optional<int64_t> fixedPeriod = std::nullopt)
-        : mFixedPeriod(fixedPeriod) {}
+    explicit Pace(std::optional<int64_t> fixedPeriod = std::nullopt) : mFixedPeriod(fixedPeriod) {}
 
     /**
      * When the next frame is due, the first one now. `period` is the source's own: it stands in
