@@ -12,7 +12,8 @@ namespace camera {
 
 namespace {
 
-// libswscale writes whole vectors, up to twelve bytes past the end of a row that is shorter.
+// libswscale writes whole vectors, up to twelve bytes past the end of a row that is shorter, and to
+// three planes past longer ones, too.
 constexpr int kNarrowest = 16;
 constexpr int kOwnAlignment = 64;
 
@@ -50,6 +51,12 @@ bool canBeCropped(const AVFrame& frame) {
     return (format.flags & kNot) == 0 && format.log2_chroma_w <= 1 && format.log2_chroma_h <= 1;
 }
 
+/** In which such a picture is kept; black and white stay full range only as shades of grey. */
+AVPixelFormat croppableFor(int format) {
+    const bool isMono = format == AV_PIX_FMT_MONOBLACK || format == AV_PIX_FMT_MONOWHITE;
+    return isMono ? AV_PIX_FMT_GRAY8 : AV_PIX_FMT_YUV444P;
+}
+
 /** A frame that shows this part of another; null when memory is short. */
 FramePtr partOf(const AVFrame& frame, const Rect& part) {
     FramePtr cropped(av_frame_clone(&frame));
@@ -64,7 +71,10 @@ FramePtr partOf(const AVFrame& frame, const Rect& part) {
 
 /** Memory of the camera's own; the old one when it fits. */
 bool prepare(FramePtr& frame, FrameSize size, AVPixelFormat format) {
-    if (frame != nullptr && frame->width == size.width && frame->height == size.height) return true;
+    if (frame != nullptr && frame->width == size.width && frame->height == size.height &&
+        frame->format == format) {
+        return true;
+    }
     frame.reset(av_frame_alloc());
     if (frame == nullptr) return false;
     // With room for whole vectors after the last sample.
@@ -84,15 +94,13 @@ void copyRows(const uint8_t* from, int fromStride, uint8_t* to, int toStride, in
 }
 
 AVPixelFormat formatOf(const Planes& planes) {
-    if (planes.chromaStep == 1) return AV_PIX_FMT_YUV420P;
     return planes.isCbFirst() ? AV_PIX_FMT_NV12 : AV_PIX_FMT_NV21;
 }
 
 /** What libswscale leaves the chroma of as it was. */
 bool isAlike(const AVFrame& part, const Planes& to) {
-    return part.format == formatOf(to) && part.format != AV_PIX_FMT_YUV420P &&
-           part.color_range != AVCOL_RANGE_JPEG && part.width == to.size.width &&
-           part.height == to.size.height;
+    return part.format == formatOf(to) && part.color_range != AVCOL_RANGE_JPEG &&
+           part.width == to.size.width && part.height == to.size.height;
 }
 
 /** From three planes of the camera's own. */
@@ -174,17 +182,16 @@ bool PictureScaler::scale(const AVFrame& frame, const PictureShape& shape, const
     if (sws_isSupportedInput(static_cast<AVPixelFormat>(frame.format)) == 0) return false;
     const AVFrame* whole = &frame;
     if (!canBeCropped(frame)) {
-        if (!prepare(mWholeFrame, shape.frame, AV_PIX_FMT_YUV444P) ||
-            !mWhole.run(frame, shape.frame, AV_PIX_FMT_YUV444P, mWholeFrame->data,
-                        mWholeFrame->linesize)) {
+        const AVPixelFormat format = croppableFor(frame.format);
+        if (!prepare(mWholeFrame, shape.frame, format) ||
+            !mWhole.run(frame, shape.frame, format, mWholeFrame->data, mWholeFrame->linesize)) {
             return false;
         }
         whole = mWholeFrame.get();
     }
     const FramePtr part = partOf(*whole, shape.samplesOf(view));
     if (part == nullptr) return false;
-    const bool isNarrow =
-        to.size.width < kNarrowest || to.lumaStride < kNarrowest || to.chromaWidth() < kNarrowest;
+    const bool isNarrow = to.size.width < kNarrowest || to.chromaStep != 2;
     return isNarrow || !shape.orientation.isUpright()
                ? scaleThroughOwn(*part, shape.orientation, to)
                : scaleDirectly(*part, to);
@@ -198,10 +205,8 @@ bool PictureScaler::scaleDirectly(const AVFrame& part, const Planes& to) {
                  to.chromaHeight());
         return true;
     }
-    const bool isPlanar = to.chromaStep == 1;
-    uint8_t* const data[4] = {to.luma, isPlanar ? to.cb : to.pairs(), isPlanar ? to.cr : nullptr,
-                              nullptr};
-    const int strides[4] = {to.lumaStride, to.chromaStride, isPlanar ? to.chromaStride : 0, 0};
+    uint8_t* const data[4] = {to.luma, to.pairs(), nullptr, nullptr};
+    const int strides[4] = {to.lumaStride, to.chromaStride, 0, 0};
     return mPart.run(part, to.size, formatOf(to), data, strides);
 }
 
