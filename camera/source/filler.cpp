@@ -21,7 +21,9 @@ using vendor::zoru::zoruprovider::zoruprovider::V2_4::SceneControl;
 using Clock = StopSignal::Clock;
 
 constexpr size_t kMostKept = 32;
-constexpr std::chrono::milliseconds kBetweenLooks(5);  // for requests
+// For requests; without a pace nothing else is waited for.
+constexpr std::chrono::microseconds kBetweenLooks(5000);
+constexpr std::chrono::microseconds kBetweenUnpacedLooks(500);
 constexpr std::chrono::milliseconds kForAFence(50);
 constexpr FrameSize kLargest = {4096, 2304};
 
@@ -48,7 +50,7 @@ void Filler::run() {
         }
         collect();
         if (!mIsPaced) mHandover.want(!mKept.empty());
-        const Handover::News news = mHandover.take(kBetweenLooks);
+        const Handover::News news = mHandover.take(mIsPaced ? kBetweenLooks : kBetweenUnpacedLooks);
         if (news.isEnd) break;
         if (news.frame) {
             collect();

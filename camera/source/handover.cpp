@@ -40,7 +40,7 @@ bool Handover::waitUntilWanted() {
     return !mIsEnd;
 }
 
-Handover::News Handover::take(std::chrono::milliseconds patience) {
+Handover::News Handover::take(std::chrono::microseconds patience) {
     std::unique_lock<std::mutex> lock(mMutex);
     mForFilling.wait_for(lock, patience, [&] { return mIsEnd || mNewest; });
     News news;

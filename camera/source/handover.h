@@ -47,7 +47,7 @@ public:
         bool isEnd = false;
     };
     /** The newest frame, once; waits for one no longer than that. */
-    News take(std::chrono::milliseconds patience);
+    News take(std::chrono::microseconds patience);
     /** Whether a request waits for a frame; for sources without a pace. */
     void want(bool isWanted);
     /** Nobody waited for a frame that was taken. */

@@ -7,20 +7,36 @@
 #include <chrono>
 #include <utility>
 
+#include "host/channel.h"
+
 namespace testing_support {
+
+namespace {
+constexpr size_t kMostBuffers = 64;
+}  // namespace
+
+CameraFixture::CameraFixture() : face(client), mRecorder(new Recorder) {
+    mBuffers.reserve(kMostBuffers);  // they stay where they are
+    mRecorder->buffers = &mBuffers;
+    face->setCallback(mRecorder);
+    configureAnew();
+}
 
 CameraFixture::~CameraFixture() {
     source.reset();
+    face.clear();
     client->setCallback(callback);
 }
 
+void CameraFixture::connect(const std::string& socket) {
+    std::string problem;
+    face = host::connect<IFDSession>(socket, problem);
+    ASSERT_NE(face, nullptr) << problem;
+    EXPECT_TRUE(face->setCallback(mRecorder).isOk());
+    configureAnew();
+}
+
 std::string CameraFixture::play(const camera::SourceOptions& options) {
-    if (mRecorder == nullptr) {
-        mBuffers.reserve(64);  // they stay where they are
-        mRecorder = new Recorder;
-        mRecorder->buffers = &mBuffers;
-        client->setCallback(mRecorder);
-    }
     source = std::make_unique<camera::Camera>(session, options, [this](const std::string& line) {
         const std::lock_guard<std::mutex> lock(mMutex);
         mSaid += line + "\n";
@@ -44,11 +60,12 @@ camera::SourceOptions CameraFixture::sourceOf(const std::string& name, double fp
 void CameraFixture::ask() {
     {
         const std::lock_guard<std::mutex> lock(mRecorder->mutex);
-        mBuffers.push_back(allocate(64, 48));
+        if (mBuffers.size() < kMostBuffers) mBuffers.push_back(allocate(64, 48));
     }
-    ++mAsked;
-    EXPECT_EQ(session->handleCaptureRequest(requestFor(mAsked, mAsked, mBuffers.back().handle())),
-              0);
+    const uint64_t id = mAsked++ % kMostBuffers + 1;
+    const Return<Status> answer =
+        face->processCaptureRequest(requestFor(mAsked, id, mBuffers[id - 1].handle()));
+    EXPECT_TRUE(answer.isOk());
 }
 
 CameraFixture::Answer CameraFixture::answer(size_t index) {

@@ -24,7 +24,7 @@ protected:
         std::vector<FDNotifyMsg> told;  ///< since the answer before
     };
 
-    CameraFixture() { configureAnew(); }
+    CameraFixture();
     ~CameraFixture() override;
 
     void configureAnew() { EXPECT_EQ(session->handleConfigure(configurationOf(0, 64, 48)), 0); }
@@ -32,6 +32,8 @@ protected:
     std::string play(const camera::SourceOptions& options);
     /** The file or FIFO in the fixture's folder, unless told otherwise without a pace. */
     camera::SourceOptions sourceOf(const std::string& name, double fps = 0) const;
+    /** From now on its client is at the other end of a socket. */
+    void connect(const std::string& socket);
     void ask();
     /** The n-th answer since the beginning, once it is there. */
     Answer answer(size_t index);
@@ -42,6 +44,7 @@ protected:
     std::string saidSoFar();
 
     const kit::TemporaryFolder folder;
+    sp<IFDSession> face;  ///< the session, as the client has it
     std::unique_ptr<camera::Camera> source;
 
 private:
@@ -72,7 +75,7 @@ private:
     };
 
     std::vector<host::Buffer> mBuffers;
-    sp<Recorder> mRecorder;
+    const sp<Recorder> mRecorder;
     uint32_t mAsked = 0;
     std::mutex mMutex;
     std::string mSaid;  // guarded by mMutex
