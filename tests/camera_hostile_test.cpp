@@ -105,8 +105,9 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
             if (!play(options).empty()) continue;
             ++played;
             const double begin = processorSeconds();
+            // What breaks down gets errors at the frames' pace.
             for (int frame = 0; frame < 30 && processorSeconds() - begin < 1; ++frame)
-                askFor();
+                if (!askFor().isFilled) break;
             source.reset();
             configureAnew();
         }

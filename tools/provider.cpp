@@ -1,17 +1,14 @@
 // A provider in a process of its own: hosts the session, serves it on a socket, and fills the
 // client's buffers from a file.
 
-#include <android/log.h>
 #include <err.h>
 #include <poll.h>
 #include <unistd.h>
 #include <utils/StrongPointer.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -22,7 +19,6 @@
 #include "FDSession.h"
 #include "camera_input.h"
 #include "client_watch.h"
-#include "command_line.h"
 #include "default_socket.h"
 #include "frame_source.h"
 #include "host/channel.h"
@@ -30,6 +26,7 @@
 #include "host/properties.h"
 #include "nv12_file.h"
 #include "play_folder.h"
+#include "provider_options.h"
 #include "run_program.h"
 #include "signals.h"
 #include "watched_session.h"
@@ -38,93 +35,15 @@ namespace {
 
 namespace fs = std::filesystem;
 using android::sp;
+using tools::ProviderOptions;
 using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::FDSession;
 
-constexpr int kEnded = 0;
+using tools::kEnded;
+using tools::kNotStarted;
+
 constexpr int kClipLost = 1;
-constexpr int kNotStarted = 2;
 
 constexpr const char* kFlippedProperty = "vendor.zoru.flipped";
-
-const std::map<std::string, int>& logLevels() {
-    static const std::map<std::string, int> levels = {
-        {"verbose", ANDROID_LOG_VERBOSE}, {"debug", ANDROID_LOG_DEBUG},
-        {"info", ANDROID_LOG_INFO},       {"warn", ANDROID_LOG_WARN},
-        {"error", ANDROID_LOG_ERROR},     {"silent", ANDROID_LOG_SILENT}};
-    return levels;
-}
-
-constexpr const char* kExamples =
-    "Examples:\n"
-    "  fdstream-provider                     plays a clip that it draws, at the usual\n"
-    "                                        place\n"
-    "  fdstream-provider --input street.yuv  plays your clip: raw NV12, 1280x720, no\n"
-    "                                        header\n"
-    "  fdstream-provider --input street.mp4  plays a video by its own time, again and\n"
-    "                                        again\n"
-    "  fdstream-provider --input /dev/video0 plays a webcam\n"
-    "  ffmpeg -re -i street.mp4 -f mpegts - | fdstream-provider --input -\n"
-    "  fdstream-provider --format lavfi --input testsrc2=s=640x480\n"
-    "  fdstream-provider --flipped           frames come turned by 180 degrees\n"
-    "  fdstream-provider --idle              takes no requests: each comes back as an\n"
-    "                                        error after a second\n"
-    "  fdstream-provider --log debug         tells of every request\n"
-    "  fdstream-provider --socket ./cam.sock somewhere else\n"
-    "\n"
-    "Then, in another terminal: fdstream-client --watch --frames 0\n"
-    "\n"
-    "Signals: SIGHUP turns the frames by 180 degrees, or back; SIGINT (Ctrl-C) and\n"
-    "SIGTERM end it. It prints \"listening on PATH\" when clients can come, then who\n"
-    "comes, takes the session over and goes, by process number, and whose requests\n"
-    "wait for nobody.\n"
-    "\n"
-    "Exit code: 0 it was ended by a signal, 1 its clip was cut short, 2 it could not\n"
-    "start.";
-
-struct Options {
-    std::optional<std::string> socket;
-    tools::CameraArguments source;
-    bool flipped = false;
-    bool idle = false;
-    std::string log = "error";
-};
-
-/** Nothing when the provider is to go on, else the exit code. */
-std::optional<int> parse(int argc, char** argv, Options& options) {
-    CLI::App app(
-        "Serves the stream session to clients in other processes of this user, and fills their "
-        "buffers from a video, a webcam, or a raw clip, that at most 20 frames a second.",
-        "fdstream-provider");
-    app.footer(kExamples);
-    app.add_option("--socket", options.socket,
-                   std::string("where clients connect; without it ") + kit::kDefaultSocketInWords)
-        ->type_name("PATH");
-    auto* const input =
-        app.add_option("--input", options.source.input,
-                       "video, webcam or pipe to play, - for standard input; a name that ends in "
-                       ".yuv or .nv12 is a raw clip's; without it one is drawn")
-            ->type_name("FILE");
-    app.add_flag("--partial", options.source.isClip,
-                 "plays a raw clip of any name, and leaves out a part of a frame at its end")
-        ->needs(input);
-    tools::addCameraOptions(app, options.source);
-    app.add_flag("--flipped", options.flipped, "turns the frames by 180 degrees from the start");
-    app.add_flag("--idle", options.idle, "takes no requests")->excludes(input);
-    app.add_option("--log", options.log,
-                   "what of the log goes to stderr: verbose, debug, info, warn, error or silent")
-        ->check(CLI::IsMember(&logLevels()).description(""))
-        ->type_name("LEVEL")
-        ->capture_default_str();
-    if (const auto code = kit::parseCommandLine(app, argc, argv, kNotStarted)) return code;
-    if (options.source.list) {
-        tools::listWebcams();
-        return kit::finishStandardOutput() ? kEnded : kNotStarted;
-    }
-    const std::string fault = tools::faultIn(options.source);
-    if (fault.empty()) return std::nullopt;
-    warnx("%s", fault.c_str());
-    return kNotStarted;
-}
 
 void setFlipped(bool flipped) {
     host::setProperty(kFlippedProperty, flipped ? "true" : "false");
@@ -141,7 +60,7 @@ std::optional<tools::Nv12File> openClip(const std::string& name, bool partial) {
 }
 
 /** A whole path, because the working directory changes. Nothing after a sentence on stderr. */
-std::optional<std::string> socketPath(const Options& options) {
+std::optional<std::string> socketPath(const ProviderOptions& options) {
     std::string problem;
     std::error_code error;
     std::optional<std::string> path = options.socket ? fs::absolute(*options.socket, error).string()
@@ -185,7 +104,7 @@ std::unique_ptr<host::Server> listen(const std::string& socket,
 }
 
 /** Until a signal ends it. False, after a sentence on stderr, when its clip has been cut before. */
-bool serve(const Options& options, const std::string& socket,
+bool serve(const ProviderOptions& options, const std::string& socket,
            const std::optional<tools::Nv12File>& clip, const tools::CameraInput* camera,
            const kit::Signals& signals) {
     constexpr std::chrono::milliseconds kLook(200);
@@ -211,10 +130,10 @@ bool serve(const Options& options, const std::string& socket,
 }
 
 int run(int argc, char** argv) {
-    Options options;
-    if (const std::optional<int> code = parse(argc, argv, options)) return *code;
+    ProviderOptions options;
+    if (const std::optional<int> code = tools::parse(argc, argv, options)) return *code;
     kit::openStandardStreams();
-    host::setStderrLogPriority(logLevels().at(options.log));
+    host::setStderrLogPriority(options.logPriority);
     const std::optional<std::string> socket = socketPath(options);
     if (!socket) return kNotStarted;
     const bool isForCamera = options.source.areForCamera();
