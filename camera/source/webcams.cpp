@@ -138,12 +138,12 @@ Webcam webcamAt(const std::string& device) {
     return webcam;
 }
 
-std::vector<Webcam> webcams() {
+std::vector<Webcam> webcams(const std::string& path) {
     std::vector<std::string> devices;
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/dev"), closedir);
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
     while (const dirent* const entry = folder == nullptr ? nullptr : readdir(folder.get())) {
         const std::string name = entry->d_name;
-        if (name.rfind("video", 0) == 0) devices.push_back("/dev/" + name);
+        if (name.rfind("video", 0) == 0) devices.push_back(path + "/" + name);
     }
     std::sort(devices.begin(), devices.end(), [](const std::string& a, const std::string& b) {
         return std::make_pair(a.size(), a) < std::make_pair(b.size(), b);  // video2 before video10

@@ -23,8 +23,8 @@ struct Webcam {
     std::vector<WebcamMode> modes;
 };
 
-/** All that is below /dev/ and takes pictures. */
-std::vector<Webcam> webcams();
+/** All that is in the folder of devices and takes pictures. */
+std::vector<Webcam> webcams(const std::string& folder = "/dev");
 /** Nothing is in it when the device is none. */
 Webcam webcamAt(const std::string& device);
 
