@@ -8,6 +8,7 @@ extern "C" {
 #include <cstdio>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "source/media_input.h"
 #include "source/picture_shape.h"
@@ -108,8 +109,24 @@ bool Media::isTooLarge(int width, int height) const {
     return width > largest || height > largest;
 }
 
+/** Looks what is in it, and decodes some of it for that. */
+int Media::analyze() {
+    std::vector<AVDictionary*> settings(mFormat->nb_streams, nullptr);
+    for (AVDictionary*& setting : settings)
+        av_dict_set_int(&setting, "max_pixels", mostPixels(), 0);
+    const int error = avformat_find_stream_info(mFormat.get(), settings.data());
+    for (AVDictionary*& setting : settings)
+        av_dict_free(&setting);
+    return error;
+}
+
+int64_t Media::mostPixels() const {
+    const int64_t largest = mIsPicture ? kLargestPicture : kLargestStream;
+    return largest * largest;
+}
+
 bool Media::openStream(std::string& problem) {
-    const int error = avformat_find_stream_info(mFormat.get(), nullptr);
+    const int error = analyze();
     const int index = av_find_best_stream(mFormat.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     if (error < 0 || isGivenUp(this) != 0 || index < 0) {
         problem = error < 0 || isGivenUp(this) != 0 ? reasonOf(error) : "it has no pictures";
@@ -138,8 +155,7 @@ bool Media::openDecoder(std::string& problem) {
         return false;
     }
     mDecoder.reset(avcodec_alloc_context3(codec));
-    const int64_t largest = mIsPicture ? kLargestPicture : kLargestStream;
-    mDecoder->max_pixels = largest * largest;
+    mDecoder->max_pixels = mostPixels();
     mDecoder->pkt_timebase = mStream->time_base;
     mDecoder->thread_count = decodingThreads(mOptions);
     if (mIsLive) mDecoder->thread_type = FF_THREAD_SLICE;  // nothing is kept back

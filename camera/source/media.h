@@ -70,6 +70,8 @@ private:
     Read feed(std::string& problem);
     Read readPacket(std::string& problem);
     Read failed(int error, std::string& problem);
+    int analyze();
+    int64_t mostPixels() const;
     bool isTooLarge(int width, int height) const;
     MediaFrame stamped();
 
