@@ -154,7 +154,7 @@ TEST_F(ClipTest, TellsFramesThatAreOnlyTurned) {
 TEST_F(ClipTest, IsPlayedFromAPipe) {
     const std::string clip = write("clip", "", 2 * kFrameBytes);
     std::thread writer = makePipe(read(clip));
-    const auto provider = startProvider("--input - <" + folder / "pipe");
+    const auto provider = startProvider("--partial --input - <" + folder / "pipe");
     writer.join();
     EXPECT_NE(provider->nextLine(kPatience)->find("standard input is played as NV12"),
               std::string::npos);
@@ -166,7 +166,7 @@ TEST_F(ClipTest, IsPlayedFromAPipe) {
 }
 
 TEST_F(ClipTest, EndsTheProviderWhenItIsCutShort) {
-    const std::string clip = write("clip", "", 2 * kFrameBytes);
+    const std::string clip = write("clip.yuv", "", 2 * kFrameBytes);
     const auto provider = startProvider("--input " + clip);
     fs::resize_file(clip, kFrameBytes);
     EXPECT_EQ(provider->rest(kPatience), clip +

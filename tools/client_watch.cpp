@@ -24,13 +24,19 @@ void ClientWatch::went(pid_t client) {
     if (--mConnections[client] > 0) return;
     mConnections.erase(client);
     mWarned.erase(client);
-    if (mHolder == client) mHolder = 0;
+    if (mHolder == client) handTo(0);
     mSay(named(client) + " went");
+}
+
+pid_t ClientWatch::handTo(pid_t client) {
+    const pid_t previous = std::exchange(mHolder, client);
+    if (mOnHolder && (previous == 0) != (client == 0)) mOnHolder(client != 0);
+    return previous;
 }
 
 void ClientWatch::callbackSet(pid_t client, bool hasCallback) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    const pid_t previous = std::exchange(mHolder, hasCallback ? client : 0);
+    const pid_t previous = handTo(hasCallback ? client : 0);
     mWarned.erase(client);
     if (previous == 0 || previous == client) return;
     mSay(named(client) +

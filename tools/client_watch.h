@@ -15,11 +15,14 @@ namespace tools {
 /**
  * Follows the clients of a session, which serves one at a time, and says in a line each who came,
  * took the session over and went, and whose requests wait for nobody. A client is a process. Any
- * thread; `say` is called by one at a time, and must not wait.
+ * thread; `say` is called by one at a time, and must not wait. So is `onHolder`, if it is there,
+ * when the session gets a client after none, or has none any more.
  */
 class ClientWatch {
 public:
-    explicit ClientWatch(std::function<void(const std::string&)> say) : mSay(std::move(say)) {}
+    explicit ClientWatch(std::function<void(const std::string&)> say,
+                         std::function<void(bool hasClient)> onHolder = {})
+        : mSay(std::move(say)), mOnHolder(std::move(onHolder)) {}
 
     /** A connection of the client's; there may be more. */
     void came(pid_t client);
@@ -43,7 +46,11 @@ private:
         uint64_t bufferId;
     };
 
+    /** REQUIRES: mMutex is held. Returns whose it was. */
+    pid_t handTo(pid_t client);
+
     const std::function<void(const std::string&)> mSay;
+    const std::function<void(bool)> mOnHolder;
 
     std::mutex mMutex;
     // Guarded by mMutex.

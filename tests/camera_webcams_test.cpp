@@ -1,0 +1,146 @@
+// Webcams, made up: two files in whose place the kernel's answers are the test's.
+
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "source/source_options.h"
+#include "source/webcams.h"
+#include "temporary_folder.h"
+
+namespace testing_support {
+
+namespace {
+
+std::atomic<bool> areWebcams{false};
+
+struct Mode {
+    uint32_t format, width, height, rate;
+};
+/** What a camera lists, in its order; the second one names ranges. */
+constexpr Mode kModes[] = {{V4L2_PIX_FMT_YUYV, 640, 480, 30},
+                           {V4L2_PIX_FMT_YUYV, 1920, 1080, 5},
+                           {V4L2_PIX_FMT_MJPEG, 1280, 720, 30},
+                           {V4L2_PIX_FMT_MJPEG, 2560, 1440, 30},
+                           {V4L2_PIX_FMT_SRGGB8, 1920, 1080, 60}};
+constexpr uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_SRGGB8};
+
+int refuse() {
+    errno = EINVAL;
+    return -1;
+}
+
+int listSize(v4l2_frmsizeenum& entry, bool hasRanges) {
+    if (hasRanges && entry.index == 0) {
+        entry.type = V4L2_FRMSIZE_TYPE_STEPWISE;
+        entry.stepwise = {32, 4096, 2, 32, 4096, 2};
+        return 0;
+    }
+    uint32_t index = 0;
+    for (const Mode& mode : kModes) {
+        if (hasRanges || mode.format != entry.pixel_format || index++ != entry.index) continue;
+        entry.type = V4L2_FRMSIZE_TYPE_DISCRETE;
+        entry.discrete = {mode.width, mode.height};
+        return 0;
+    }
+    return refuse();
+}
+
+int listRate(v4l2_frmivalenum& entry) {
+    for (const Mode& mode : kModes) {
+        if (entry.index > 0 || mode.format != entry.pixel_format || mode.width != entry.width)
+            continue;
+        entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+        entry.discrete = {1, mode.rate};
+        return 0;
+    }
+    return refuse();
+}
+
+/** By the first letter of the file: a webcam, one with ranges, or something else. */
+int answer(char kind, unsigned long request, void* argument) {
+    if (request == VIDIOC_QUERYCAP) {
+        auto& capability = *static_cast<v4l2_capability*>(argument);
+        strcpy(reinterpret_cast<char*>(capability.card), kind == 'r' ? "Ranges" : "Lists");
+        capability.capabilities = V4L2_CAP_DEVICE_CAPS | V4L2_CAP_VIDEO_CAPTURE;
+        capability.device_caps = kind == 'm' ? V4L2_CAP_META_CAPTURE : V4L2_CAP_VIDEO_CAPTURE;
+        return 0;
+    }
+    if (request == VIDIOC_ENUM_FMT) {
+        auto& format = *static_cast<v4l2_fmtdesc*>(argument);
+        if (format.index >= (kind == 'r' ? 1 : 3)) return refuse();
+        format.pixelformat = kFormats[format.index];
+        return 0;
+    }
+    if (request == VIDIOC_ENUM_FRAMESIZES)
+        return listSize(*static_cast<v4l2_frmsizeenum*>(argument), kind == 'r');
+    return request == VIDIOC_ENUM_FRAMEINTERVALS
+               ? listRate(*static_cast<v4l2_frmivalenum*>(argument))
+               : refuse();
+}
+
+}  // namespace
+
+TEST(WebcamsTest, AreListedAndTheLargestFastModeIsChosen) {
+    const kit::TemporaryFolder folder;
+    for (const char* const file : {"list video2", "range video10", "meta video3", "none vide1"}) {
+        const char* const name = strchr(file, ' ') + 1;
+        std::ofstream(folder / name) << file;
+    }
+    areWebcams = true;
+    const std::vector<camera::Webcam> found = camera::webcams(folder.path());
+    areWebcams = false;
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(inWords(found[0]), folder / "video2" +
+                                     ": Lists\n"
+                                     "  640x480 yuyv422 at 30 frames a second\n"
+                                     "  1920x1080 yuyv422 at 5 frames a second\n"
+                                     "  1280x720 mjpeg at 30 frames a second\n"
+                                     "  2560x1440 mjpeg at 30 frames a second\n"
+                                     "  1920x1080 RGGB at 60 frames a second\n");
+    EXPECT_EQ(inWords(found[1]), folder / "video10" +
+                                     ": Ranges\n"
+                                     "  1920x1080 yuyv422 at 5 frames a second\n"
+                                     "  4096x4096 yuyv422\n");
+    const camera::CameraMode mode = bestModeOf(found[0]);
+    EXPECT_EQ(mode.size->width, 1280);
+    EXPECT_EQ(mode.format, "mjpeg");
+    EXPECT_EQ(mode.rate, 30);
+    EXPECT_EQ(bestModeOf(found[1]).size->width, 1920);
+    EXPECT_FALSE(bestModeOf(camera::Webcam()).size);
+}
+
+TEST(WebcamsTest, AreAskedForModesThatAreOnes) {
+    const auto mode = camera::cameraModeIn("1280x720@29.97:mjpeg");
+    ASSERT_TRUE(mode);
+    EXPECT_EQ(mode->size->height, 720);
+    EXPECT_EQ(mode->rate, 29.97);
+    EXPECT_EQ(mode->format, "mjpeg");
+    EXPECT_TRUE(camera::cameraModeIn("1x1"));
+    for (const char* const none :
+         {"", "x", "1x", "0x1", "1x-1", "1x1@", "1x1@0", "1x1@nan", "1x1:", "1x1 ", "1x100000"})
+        EXPECT_FALSE(camera::cameraModeIn(none)) << none;
+}
+
+}  // namespace testing_support
+
+// A program's symbols win over the library's.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list rest;
+    va_start(rest, request);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    char kind = 0;
+    if (testing_support::areWebcams && pread(fd, &kind, 1, 0) == 1)
+        return testing_support::answer(kind, request, argument);
+    return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+}
