@@ -55,6 +55,7 @@ TEST_F(CameraTest, AnnouncesEachFrameWithItsView) {
     ptz.frameWidth = 64;
     ptz.frameHeight = 32;
     askFor();
+    lookForAnswersWhenTold();
     session->setPTZControl(ptz);
     const Answer got = askFor();
     ASSERT_EQ(got.told.size(), 3U);
@@ -117,6 +118,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
     source->clientWent();
     EXPECT_FALSE(answer(4).isFilled);
+    EXPECT_FALSE(source->status().isBroken);  // which would be another reason
     fifo.write(40);
     EXPECT_TRUE(eventually([&] { return source->status().dropped >= 1; }));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -41,6 +42,8 @@ protected:
         ask();
         return answer(mAsked - 1);
     }
+    /** From now on a result that comes before what is told of its frame is seen. */
+    void lookForAnswersWhenTold() { mRecorder->patience = std::chrono::milliseconds(50); }
     std::string saidSoFar();
 
     const kit::TemporaryFolder folder;
@@ -62,11 +65,16 @@ private:
             return {};
         }
         Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override {
-            const std::lock_guard<std::mutex> lock(mutex);
+            std::unique_lock<std::mutex> lock(mutex);
             told.insert(told.end(), msgs.begin(), msgs.end());
+            const auto isAnswered = [&] {
+                return !answers.empty() && answers.back().number == msgs[0].frameNumber;
+            };
+            EXPECT_FALSE(changed.wait_for(lock, patience, isAnswered)) << "told after its result";
             return {};
         }
 
+        std::chrono::milliseconds patience{0};
         std::mutex mutex;
         std::condition_variable changed;
         const std::vector<host::Buffer>* buffers = nullptr;
