@@ -128,7 +128,10 @@ public:
         return std::nullopt;
     }
 
-    void progress() { mReporter.progress(mFigures, mClient->wanted()); }
+    void progress() {
+        // Nothing more is expected of a stream whose reader went away.
+        if (mFigures.ending != Ending::NotKept) mReporter.progress(mFigures, mClient->wanted());
+    }
     Reporter& reporter() { return mReporter; }
     Figures& figures() { return mFigures; }
 
@@ -233,6 +236,7 @@ Figures playStream(const sp<IFDSession>& session, const Direction& direction) {
         const bool filled = answer->outcome == Answer::Outcome::Filled;
         const std::string fault =
             filled ? direction.look(*answer, run.figures()) : faultWithout(*answer);
+        if (answer->outcome == Answer::Outcome::Failed) direction.lookAway(*answer);
         if (!fault.empty()) run.reporter().complain(*answer, fault);
         if (!fault.empty() && (filled || answer->outcome == Answer::Outcome::Stray))
             ++run.figures().wrong;

@@ -10,6 +10,7 @@
 
 #include "frame.h"
 #include "host/served_watch.h"
+#include "view/told.h"
 
 namespace tools {
 
@@ -27,6 +28,8 @@ struct StreamSettings {
     double requestsPerSecond = 0;
     /** The number of the first one; those before it are counted among `frames`. */
     uint32_t firstFrame = 0;
+    /** How a picture is copied out of its buffer. */
+    kit::Frame (*copy)(const host::Buffer&) = kit::packed;
 };
 
 /** What became of one request. */
@@ -45,7 +48,8 @@ struct Answer {
     uint32_t buffer;  ///< its place among the client's buffers
     Clock::time_point arrival;
     Clock::duration latency;  ///< from the request to its answer
-    kit::Frame frame;
+    kit::Frame frame;         ///< as the settings' `copy` has it
+    camera::Told told;        ///< of the frame, before this
 };
 
 /** What a stream can be lost by. */

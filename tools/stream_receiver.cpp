@@ -10,6 +10,7 @@
 #include "host/accepted.h"
 #include "host/limits.h"
 #include "records.h"
+#include "whole_frame.h"
 
 namespace tools {
 
@@ -22,6 +23,7 @@ using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using android::hardware::camera::device::V3_2::StreamConfiguration;
 using android::hidl::base::V1_0::IBase;
+using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
 
 constexpr int32_t kStreamId = 0;
 constexpr uint32_t kRowPadding = 256;  // so that a forgotten stride shows
@@ -33,7 +35,7 @@ std::optional<host::Buffer> makeBuffer(kit::FrameSize size) {
     host::BufferGeometry geometry;
     geometry.width = static_cast<uint32_t>(size.width);
     geometry.height = static_cast<uint32_t>(size.height);
-    geometry.stride = geometry.width + kRowPadding;
+    geometry.stride = static_cast<uint32_t>(chromaBytes(size)) + kRowPadding;
     return host::Buffer::allocate(geometry);
 }
 
@@ -145,6 +147,7 @@ std::optional<StreamReceiver::CaptureRequest> StreamReceiver::makeRequest(uint32
     ++mUnderWay;
     const bool isKnown = std::exchange(slot.handleSent, true);
     slot.submission = Clock::now();
+    slot.told = {};
     return kit::requestFor(slot.frameNumber, mFirstBufferId + index,
                            isKnown ? nullptr : slot.buffer.handle(), kStreamId);
 }
@@ -156,7 +159,8 @@ void StreamReceiver::refused(uint32_t index) {
     slot.handleSent = false;  // nobody has kept it
     slot.underWay = false;
     --mUnderWay;
-    postLocked({Answer::Outcome::Refused, slot.frameNumber, index, now, now - slot.submission, {}});
+    postLocked(
+        {Answer::Outcome::Refused, slot.frameNumber, index, now, now - slot.submission, {}, {}});
 }
 
 StreamReceiver::Return<void> StreamReceiver::processCaptureResult(
@@ -168,11 +172,21 @@ StreamReceiver::Return<void> StreamReceiver::processCaptureResult(
     return {};
 }
 
+StreamReceiver::Return<void> StreamReceiver::notify(const hidl_vec<FDNotifyMsg>& msgs) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (const FDNotifyMsg& msg : msgs) {
+        for (Slot& slot : mSlots) {
+            if (slot.underWay && slot.frameNumber == msg.frameNumber) slot.told.take(msg);
+        }
+    }
+    return {};
+}
+
 std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
                                                 Clock::time_point arrival) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (result.outputBuffers.size() != 1) {
-        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
         return std::nullopt;
     }
     const bool filled = result.outputBuffers[0].status == BufferStatus::OK;
@@ -183,11 +197,12 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
                     0,
                     arrival,
                     {},
+                    {},
                     {}});
         return std::nullopt;
     }
     if (!answers(result, index)) {
-        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
         return std::nullopt;
     }
     Slot& slot = mSlots[index];
@@ -196,7 +211,7 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
     --mUnderWay;
     postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
                 place, arrival, arrival - slot.submission,
-                filled ? kit::packed(slot.buffer) : kit::Frame()});
+                filled ? mSettings.copy(slot.buffer) : kit::Frame(), slot.told});
     return place;
 }
 

@@ -65,10 +65,8 @@ public:
     Return<void> processCaptureResult(
         const android::hardware::hidl_vec<CaptureResult>& results) override;
     Return<void> notify(
-        const android::hardware::hidl_vec<
-            vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg>& /*msgs*/) override {
-        return {};
-    }
+        const android::hardware::hidl_vec<vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg>&
+            msgs) override;
     void serviceDied(uint64_t cookie,
                      const android::wp<android::hidl::base::V1_0::IBase>& who) override;
 
@@ -82,6 +80,7 @@ private:
         bool underWay = false;
         uint32_t frameNumber = 0;
         Clock::time_point submission;
+        camera::Told told;
     };
 
     /** The buffer is free: asks for the next frame in it, or keeps it for who makes the requests.

@@ -68,8 +68,13 @@ bool ClientToolFixture::provideOne() {
     CaptureResult result = resultFor(request);
     result.outputBuffers[0].bufferId = 5;
     session->sendCaptureResult(result);
-    ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-    session->sendCaptureResult(resultFor(request));
+    CaptureResult answer = resultFor(request);
+    if (filling) {
+        answer.outputBuffers[0].status = filling(request);
+    } else {
+        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+    }
+    session->sendCaptureResult(answer);
     if (++served == mEventAfter) {
         const std::lock_guard<std::mutex> lock(mEventMutex);
         mEvent();

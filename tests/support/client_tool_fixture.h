@@ -52,6 +52,9 @@ protected:
     std::atomic<pid_t> tool{0};
     std::atomic<int> served{0};
     std::atomic<useconds_t> pauseUs{0};
+    /** If set, fills the buffer instead of the fixture, on the provider's thread; as it came out.
+     */
+    std::function<BufferStatus(const CaptureRequest&)> filling;
 
 private:
     /** Sends what an earlier client had asked for, and then what this one did. */
