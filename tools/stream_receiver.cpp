@@ -124,7 +124,8 @@ bool StreamReceiver::submit(uint32_t index) {
     const host::Buffer& buffer = mSlots[index].buffer;
     std::fill_n(buffer.bytes(), buffer.size(), kNotWritten);
 
-    // The session is called without the lock: it may answer before the call returns.
+    const std::lock_guard<std::mutex> inOrder(mAsking);
+    // The session is called without the other lock: it may answer before the call returns.
     const std::optional<CaptureRequest> request = makeRequest(index);
     if (!request) return true;
     const Return<Status> answer = mSession->processCaptureRequest(*request);
@@ -142,7 +143,7 @@ std::optional<StreamReceiver::CaptureRequest> StreamReceiver::makeRequest(uint32
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mAsked >= mWanted || mLoss != Loss::None) return std::nullopt;
     Slot& slot = mSlots[index];
-    slot.frameNumber = mAsked++;
+    slot.frameNumber = mSettings.numbersFrom + mAsked++;
     slot.underWay = true;
     ++mUnderWay;
     const bool isKnown = std::exchange(slot.handleSent, true);
@@ -167,7 +168,8 @@ StreamReceiver::Return<void> StreamReceiver::processCaptureResult(
     const hidl_vec<CaptureResult>& results) {
     const Clock::time_point arrival = Clock::now();
     for (const CaptureResult& result : results) {
-        if (const std::optional<uint32_t> index = receive(result, arrival)) release(*index);
+        for (const uint32_t index : receive(result, arrival))
+            release(index);
     }
     return {};
 }
@@ -182,12 +184,12 @@ StreamReceiver::Return<void> StreamReceiver::notify(const hidl_vec<FDNotifyMsg>&
     return {};
 }
 
-std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
-                                                Clock::time_point arrival) {
+StreamReceiver::Places StreamReceiver::receive(const CaptureResult& result,
+                                               Clock::time_point arrival) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (result.outputBuffers.size() != 1) {
         postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
-        return std::nullopt;
+        return {};
     }
     const bool filled = result.outputBuffers[0].status == BufferStatus::OK;
     const uint64_t index = result.outputBuffers[0].bufferId - mFirstBufferId;
@@ -199,20 +201,43 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
                     {},
                     {},
                     {}});
-        return std::nullopt;
+        return {};
     }
     if (!answers(result, index)) {
         postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
-        return std::nullopt;
+        return {};
     }
     Slot& slot = mSlots[index];
     const auto place = static_cast<uint32_t>(index);
     slot.underWay = false;
     --mUnderWay;
-    postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
-                place, arrival, arrival - slot.submission,
-                filled ? mSettings.copy(slot.buffer) : kit::Frame(), slot.told});
-    return place;
+    Answer answer = {filled ? Answer::Outcome::Filled : Answer::Outcome::Failed,
+                     result.frameNumber,
+                     place,
+                     arrival,
+                     arrival - slot.submission,
+                     {},
+                     slot.told};
+    Places free = {place};
+    if (filled && mSettings.lends) {
+        free = lendLocked(answer);
+    } else if (filled) {
+        answer.frame = mSettings.copy(slot.buffer);
+    }
+    postLocked(std::move(answer));
+    return free;
+}
+
+StreamReceiver::Places StreamReceiver::lendLocked(Answer& answer) {
+    Places free;
+    for (Answer& unread : mAnswers) {
+        if (unread.outcome != Answer::Outcome::Filled) continue;
+        unread.outcome = Answer::Outcome::Skipped;
+        unread.lent = nullptr;
+        free.push_back(unread.buffer);
+    }
+    answer.lent = &mSlots[answer.buffer].buffer;
+    return free;
 }
 
 bool StreamReceiver::answers(const CaptureResult& result, uint64_t index) const {

@@ -44,6 +44,9 @@ public:
     android::hardware::camera::device::V3_2::StreamConfiguration configuration() const;
     // As the client's own.
     std::optional<Answer> next(std::chrono::milliseconds patience);
+    /** The buffer is free: asks for the next frame in it, or keeps it for who makes the requests.
+     */
+    void release(uint32_t index);
     void stopAsking();
     uint32_t asked() const;
     uint32_t wanted() const;
@@ -71,6 +74,8 @@ public:
                      const android::wp<android::hidl::base::V1_0::IBase>& who) override;
 
 private:
+    using Places = std::vector<uint32_t>;
+
     struct Slot {
         explicit Slot(host::Buffer allocated) : buffer(std::move(allocated)) {}
 
@@ -83,9 +88,6 @@ private:
         camera::Told told;
     };
 
-    /** The buffer is free: asks for the next frame in it, or keeps it for who makes the requests.
-     */
-    void release(uint32_t index);
     bool isPaced() const { return mPeriod != Clock::duration::zero(); }
     /** Asks for the next frame in a buffer that was kept; false when there is none to ask in. */
     bool askForOne();
@@ -98,12 +100,14 @@ private:
     bool submit(uint32_t index);
     std::optional<CaptureRequest> makeRequest(uint32_t index);
     void refused(uint32_t index);
-    /** Posts the answer that a result is, and gives the buffer that is free again. */
-    std::optional<uint32_t> receive(const CaptureResult& result, Clock::time_point arrival);
+    /** Posts the answer that a result is, and gives the buffers that are free again. */
+    Places receive(const CaptureResult& result, Clock::time_point arrival);
     // REQUIRES: mMutex is held.
     /** Whether the result gives this buffer back. */
     bool answers(const CaptureResult& result, uint64_t index) const;
     void postLocked(Answer answer);
+    /** Lends this buffer instead of those whose pictures nobody has read, which are free again. */
+    Places lendLocked(Answer& answer);
     void loseLocked(Loss loss, const std::string& how);
 
     // Constant once the stream has started.
@@ -113,6 +117,9 @@ private:
     const uint64_t mFirstBufferId;
     std::vector<Slot> mSlots;
 
+    // Held while a request is made, which the session gets in the order of their numbers; before
+    // mMutex.
+    std::mutex mAsking;
     mutable std::mutex mMutex;
     std::condition_variable mPosted;
     // Guarded by mMutex.
