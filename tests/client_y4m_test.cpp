@@ -19,6 +19,8 @@ constexpr uint8_t kCr = 200;
 
 class ClientY4mTest : public ClientToolFixture {
 protected:
+    ~ClientY4mTest() override { fillBy({}); }
+
     /** Luma is the frame's number; Cb and Cr have values of their own. */
     BufferStatus fillWithNumber(const CaptureRequest& request) {
         const uint64_t id = request.outputBuffers[0].bufferId;
@@ -69,11 +71,11 @@ TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
         {"--frames 12 --size 2x1", 30, "W2 H1 F30:1", 2, 1},
     };
     for (const auto& c : cases) {
-        filling = [&](const CaptureRequest& request) {
+        fillBy([&](const CaptureRequest& request) {
             if (request.frameNumber == 1) return BufferStatus::ERROR;
             if (c.announced > 0) announce(request.frameNumber, c.announced);
             return fillWithNumber(request);
-        };
+        });
         EXPECT_EQ(run(std::string(c.arguments) + " --buffers 2 --y4m y4m --raw raw"), 1);
         std::string expected =
             "YUV4MPEG2 " + std::string(c.header) + " Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
@@ -86,7 +88,7 @@ TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
 }
 
 TEST_F(ClientY4mTest, EndsInSilenceWithItsReader) {
-    filling = [&](const CaptureRequest& request) { return fillWithNumber(request); };
+    fillBy([&](const CaptureRequest& request) { return fillWithNumber(request); });
     run("--frames 0 --size 64x64 --y4m -; echo $? >code; } | head -c 100000 >read", "{");
     EXPECT_EQ(read("code"), "0\n");
     EXPECT_EQ(read("read").size(), 100000U);

@@ -28,8 +28,9 @@ using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
 constexpr int32_t kStreamId = 0;
 constexpr uint32_t kRowPadding = 256;  // so that a forgotten stride shows
 constexpr const char* kDied = "it has ended, or closed the connection";
-/** Of pictures that nobody has looked at yet. */
-constexpr size_t kMostUnread = 32;
+/** Of answers that nobody has looked at yet, with pictures and without. */
+constexpr size_t kMostPictures = 32;
+constexpr size_t kMostUnread = 4096;
 
 std::optional<host::Buffer> makeBuffer(kit::FrameSize size) {
     host::BufferGeometry geometry;
@@ -94,7 +95,7 @@ bool StreamReceiver::askForOne() {
 
 std::optional<uint32_t> StreamReceiver::takeFree() {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (mAnswers.size() >= kMostUnread) return std::nullopt;
+    if (isFarBehind()) return std::nullopt;
     if (mFree.empty()) {
         mCollecting = isPaced();
         return std::nullopt;
@@ -105,10 +106,14 @@ std::optional<uint32_t> StreamReceiver::takeFree() {
     return index;
 }
 
+bool StreamReceiver::isFarBehind() const {
+    return mAnswers.size() >= (mSettings.lends ? kMostUnread : kMostPictures);
+}
+
 void StreamReceiver::release(uint32_t index) {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mCollecting |= mAnswers.size() >= kMostUnread;
+        mCollecting |= isFarBehind();
         if (mCollecting) {
             mFree.push_back(index);
             mPosted.notify_one();

@@ -103,6 +103,8 @@ private:
     /** Posts the answer that a result is, and gives the buffers that are free again. */
     Places receive(const CaptureResult& result, Clock::time_point arrival);
     // REQUIRES: mMutex is held.
+    /** Whether so much waits to be looked at that no more is asked for. */
+    bool isFarBehind() const;
     /** Whether the result gives this buffer back. */
     bool answers(const CaptureResult& result, uint64_t index) const;
     void postLocked(Answer answer);

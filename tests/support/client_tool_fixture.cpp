@@ -69,11 +69,7 @@ bool ClientToolFixture::provideOne() {
     result.outputBuffers[0].bufferId = 5;
     session->sendCaptureResult(result);
     CaptureResult answer = resultFor(request);
-    if (filling) {
-        answer.outputBuffers[0].status = filling(request);
-    } else {
-        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-    }
+    answer.outputBuffers[0].status = fill(request);
     session->sendCaptureResult(answer);
     if (++served == mEventAfter) {
         const std::lock_guard<std::mutex> lock(mEventMutex);
@@ -81,6 +77,18 @@ bool ClientToolFixture::provideOne() {
     }
     usleep(pauseUs);
     return true;
+}
+
+BufferStatus ClientToolFixture::fill(const CaptureRequest& request) {
+    const std::lock_guard<std::mutex> lock(mEventMutex);
+    if (mFilling) return mFilling(request);
+    ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+    return BufferStatus::OK;
+}
+
+void ClientToolFixture::fillBy(Filling filling) {
+    const std::lock_guard<std::mutex> lock(mEventMutex);
+    mFilling = std::move(filling);
 }
 
 void ClientToolFixture::after(int frames, std::function<void()> what) {
@@ -91,7 +99,7 @@ void ClientToolFixture::after(int frames, std::function<void()> what) {
 
 int ClientToolFixture::run(const std::string& arguments, const std::string& before) const {
     const Output output = runShell("cd " + folder.path().string() + "; exec >out 2>err; " + before +
-                                   " timeout 60 " CLIENT_TOOL " --socket socket " + arguments);
+                                   " timeout 60 " + program + " --socket socket " + arguments);
     // What an event did is seen from here on.
     const std::lock_guard<std::mutex> lock(mEventMutex);
     return output.exitCode;
