@@ -38,19 +38,21 @@ private:
 };
 
 /** Usually as a well-behaved peer's, so that the records are reached. */
-Header headerFrom(FuzzedDataProvider& data, size_t fds) {
+Header headerFrom(FuzzedDataProvider& data, fuzz::Served served, size_t fds) {
     constexpr Header::Kind kKinds[] = {Header::CALL, Header::CALL, Header::CALL, Header::ANSWER,
                                        Header::REFUSED};
-    Header header = {data.PickValueInArray(kKinds), data.ConsumeIntegralInRange<uint32_t>(0, 4), 1,
+    const uint32_t methods = served == fuzz::Served::CONTROL ? 16 : 4;  // and one that is none
+    Header header = {data.PickValueInArray(kKinds),
+                     data.ConsumeIntegralInRange<uint32_t>(0, methods), 1,
                      static_cast<uint32_t>(fds)};
     if (data.ConsumeProbability<float>() < 0.05F) header.fds = data.ConsumeIntegral<uint32_t>();
     return header;
 }
 
-std::vector<uint8_t> messageFrom(FuzzedDataProvider& data, size_t fds) {
+std::vector<uint8_t> messageFrom(FuzzedDataProvider& data, fuzz::Served served, size_t fds) {
     std::vector<uint8_t> message;
     if (data.ConsumeIntegral<uint8_t>() != 0) {
-        const Header header = headerFrom(data, fds);
+        const Header header = headerFrom(data, served, fds);
         const auto* const bytes = reinterpret_cast<const uint8_t*>(&header);
         message.assign(bytes, bytes + sizeof(header));
     }
@@ -66,7 +68,7 @@ void readWithFakes(fuzz::Served served, FuzzedDataProvider& data) {
     for (auto& closes : fuzz::fakeCloses)
         closes = 0;
     const fuzz::Reading reading =
-        fuzz::readMessage(served, host::Peer::PROVIDER, messageFrom(data, fds.size()), fds);
+        fuzz::readMessage(served, host::Peer::PROVIDER, messageFrom(data, served, fds.size()), fds);
     fuzz::expect(reading.fault == nullptr, reading.fault);
     for (size_t i = 0; i < fds.size(); ++i)
         fuzz::expect(fuzz::isClosedOnce(i), "a descriptor is not closed once");
@@ -82,7 +84,7 @@ void readWithKinds(fuzz::Served served, FuzzedDataProvider& data) {
         fd = kinds.duplicate(kind);
     }
     const fuzz::Reading reading =
-        fuzz::readMessage(served, host::Peer::CLIENT, messageFrom(data, fds.size()), fds);
+        fuzz::readMessage(served, host::Peer::CLIENT, messageFrom(data, served, fds.size()), fds);
     fuzz::expect(reading.fault == nullptr, reading.fault);
     fuzz::expect(mayCross || !reading.isTaken, "a descriptor crosses that may not");
     for (const int fd : fds)
@@ -94,7 +96,9 @@ void readWithKinds(fuzz::Served served, FuzzedDataProvider& data) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     const fuzz::QuietLog quiet;
     FuzzedDataProvider data(bytes, size);
-    const fuzz::Served served = data.ConsumeBool() ? fuzz::Served::SESSION : fuzz::Served::CALLBACK;
+    constexpr fuzz::Served kServed[] = {fuzz::Served::CALLBACK, fuzz::Served::SESSION,
+                                        fuzz::Served::CONTROL, fuzz::Served::SESSION};
+    const fuzz::Served served = data.PickValueInArray(kServed);
     const bool isFromClient = data.ConsumeBool();
     isFromClient ? readWithKinds(served, data) : readWithFakes(served, data);
     return 0;

@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <memory>
 
+#include "IFDControl.h"
 #include "host/limits.h"
 #include "src/closing.h"
+#include "src/control_fields.h"
 #include "src/record_fields.h"
 #include "src/served_channel.h"
 #include "src/socket.h"
@@ -29,11 +31,11 @@ using host::detail::Header;
 
 /** Writes again what has been read. */
 struct Echo {
-    template <typename Record>
-    void write(const Record& record) {
+    template <typename... Records>
+    void write(const Records&... records) {
         ++calls;
         host::Writer writer(out);
-        writer(record);
+        writer(records...);
     }
 
     int calls = 0;
@@ -72,9 +74,43 @@ struct EchoCallback : public IFDSessionCallback {
     Echo& echo;
 };
 
+using control::Answer;
+using control::SceneControl;
+
+struct EchoControl : public control::IFDControl {
+    explicit EchoControl(Echo& to) : echo(to) {}
+    template <typename... Records>
+    Return<Answer> took(const Records&... records) {
+        echo.write(records...);
+        return Answer::OK;
+    }
+    Return<Answer> setScene(const SceneControl& scene) override { return took(scene); }
+    Return<Answer> setPtz(const SceneControl& ptz) override { return took(ptz); }
+    Return<Answer> setTrack(const control::TrackControl& track) override { return took(track); }
+    Return<Answer> setMode(control::TrackingMode mode) override { return took(mode); }
+    Return<Answer> setPeople(int32_t count) override { return took(count); }
+    Return<Answer> follow(const SceneControl& scene, const SceneControl& ptz) override {
+        return took(scene, ptz);
+    }
+    Return<Answer> getScene(SceneControl& /*scene*/) override { return took(); }
+    Return<Answer> getPtz(SceneControl& /*ptz*/) override { return took(); }
+    Return<Answer> getTrack(control::TrackControl& /*track*/) override { return took(); }
+    Return<Answer> getMode(control::TrackingMode& /*mode*/) override { return took(); }
+    Return<Answer> getPeople(int32_t& /*count*/) override { return took(); }
+    Return<Answer> getStatus(control::CameraStatus& /*status*/) override { return took(); }
+    Return<Answer> watch(control::Event& /*event*/) override { return took(); }
+    Return<Answer> startFollowing() override { return took(); }
+    Return<Answer> stopFollowing() override { return took(); }
+    Echo& echo;
+};
+
 std::unique_ptr<host::Stub> stubOf(Served served, Echo& echo) {
     if (served == Served::SESSION) {
         return host::detail::findInterface(IFDSession::descriptor)->stub(new EchoSession(echo));
+    }
+    if (served == Served::CONTROL) {
+        return host::detail::findInterface(control::IFDControl::descriptor)
+            ->stub(new EchoControl(echo));
     }
     return host::detail::findInterface(IFDSessionCallback::descriptor)
         ->stub(new EchoCallback(echo));
@@ -95,6 +131,22 @@ bool readAnswer(host::Incoming& in) {
     Status status = Status::OK;
     reader(status);
     return reader.complete();
+}
+
+/** As the caller of a method of the controls, whose answer brings a record. */
+template <typename Record>
+Reading readRecord(host::Incoming& in, const std::vector<int>& fds) {
+    host::Reader reader(in);
+    Answer answer = {};
+    Record record = {};
+    reader(answer, record);
+    if (!reader.complete()) return {};
+    Echo echo;
+    echo.write(answer, record);
+    const host::Bytes& bytes = echo.out.bytes;
+    const bool isSame = fds.empty() && bytes.size() == in.size &&
+                        std::equal(in.data, in.data + in.size, bytes.data());
+    return {true, isSame ? nullptr : "another record was read than came"};
 }
 
 Reading readCall(Served served, host::Peer from, const Header& call, host::Incoming& in,
@@ -139,6 +191,9 @@ Reading readMessage(Served served, host::Peer from, const std::vector<uint8_t>& 
         if (failure.text.empty()) reading.fault = "nothing says why";
     } else if (header.kind == Header::CALL) {
         reading = readCall(served, from, header, in, fds);
+    } else if (header.kind == Header::ANSWER && served == Served::CONTROL) {
+        reading = header.method % 2 == 0 ? readRecord<control::Event>(in, fds)
+                                         : readRecord<control::CameraStatus>(in, fds);
     } else if (header.kind == Header::ANSWER) {
         reading.isTaken = readAnswer(in);
         const bool isStatus = fds.empty() && in.size == sizeof(Status);

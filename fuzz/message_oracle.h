@@ -9,7 +9,7 @@
 namespace fuzz {
 
 /** The object behind the end of a channel that reads a message. */
-enum class Served { SESSION, CALLBACK };
+enum class Served { SESSION, CALLBACK, CONTROL };
 
 /** What became of a message. */
 struct Reading {

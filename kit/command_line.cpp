@@ -51,7 +51,10 @@ public:
 }  // namespace
 
 std::optional<int> parseCommandLine(CLI::App& app, int argc, char** argv, int badUsage) {
-    app.formatter(std::make_shared<NarrowFormatter>());
+    const auto narrow = std::make_shared<NarrowFormatter>();
+    app.formatter(narrow);
+    for (CLI::App* const command : app.get_subcommands({}))
+        command->formatter(narrow);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {

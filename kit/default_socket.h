@@ -20,4 +20,9 @@ std::optional<std::filesystem::path> privateFolder(std::string& problem);
 /** The socket's path in that folder. */
 std::optional<std::string> defaultSocket(std::string& problem);
 
+/** The socket for a session's controls, beside that of the session. */
+inline std::string controlSocketOf(const std::string& sessionSocket) {
+    return sessionSocket + ".control";
+}
+
 }  // namespace kit

@@ -10,6 +10,7 @@
 #include "fake_descriptors.h"
 #include "message_oracle.h"
 #include "records.h"
+#include "src/control_fields.h"
 #include "src/record_fields.h"
 #include "src/socket.h"
 
@@ -69,7 +70,11 @@ std::vector<Message> messages() {
     Message answer = messageOf("an answer", Served::SESSION, 1, 0, uint32_t{0});
     const uint32_t kind = Header::ANSWER;
     memcpy(answer.bytes.data(), &kind, sizeof(kind));
+    control::Followed followed = {};
+    followed.scene.crops.resize(1);
     return {
+        messageOf("a follower's step", Served::CONTROL, 14, 0, followed),
+        messageOf("a tracking control", Served::CONTROL, 5, 0, control::TrackControl{}),
         messageOf("a ping", Served::SESSION, 0, 0),
         messageOf("a callback", Served::SESSION, 1, 1, uint8_t{1}),
         messageOf("a configuration", Served::SESSION, 2, 0, kit::configurationOf({640, 480})),

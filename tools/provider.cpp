@@ -22,6 +22,7 @@
 #include "FDSession.h"
 #include "client_watch.h"
 #include "command_line.h"
+#include "control_server.h"
 #include "default_socket.h"
 #include "frame_source.h"
 #include "host/channel.h"
@@ -79,6 +80,7 @@ constexpr const char* kExamples =
 
 struct Options {
     std::optional<std::string> socket;
+    std::optional<std::string> control;
     std::optional<std::string> input;
     bool partial = false;
     bool flipped = false;
@@ -95,6 +97,9 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     app.footer(kExamples);
     app.add_option("--socket", options.socket,
                    std::string("where clients connect; without it ") + kit::kDefaultSocketInWords)
+        ->type_name("PATH");
+    app.add_option("--control", options.control,
+                   "where fdstream-ctl connects; without it the same with .control behind it")
         ->type_name("PATH");
     auto* const input =
         app.add_option("--input", options.input,
@@ -139,6 +144,16 @@ std::optional<std::string> socketPath(const Options& options) {
     return std::nullopt;
 }
 
+/** The same for the socket of the controls. */
+std::optional<std::string> controlPath(const Options& options, const std::string& socket) {
+    if (!options.control) return kit::controlSocketOf(socket);
+    std::error_code error;
+    std::string path = fs::absolute(*options.control, error).string();
+    if (!error) return path;
+    warnx("%s: %s", options.control->c_str(), error.message().c_str());
+    return std::nullopt;
+}
+
 /** Says a line to whoever reads; nothing holds it up when nobody does. Any thread. */
 void say(const std::string& line) {
     // One at a time, so that the room that was seen is still there.
@@ -162,6 +177,14 @@ std::unique_ptr<host::Server> listen(const std::string& socket) {
     std::string problem;
     std::unique_ptr<host::Server> server =
         host::Server::listen(socket, session, problem, std::move(events));
+    if (server == nullptr) warnx("%s", problem.c_str());
+    return server;
+}
+
+/** Null after a sentence on stderr. */
+std::unique_ptr<control::ControlServer> listenForControls(const std::string& socket) {
+    std::string problem;
+    auto server = control::ControlServer::listen(socket, FDSession::getInstance(), {}, problem);
     if (server == nullptr) warnx("%s", problem.c_str());
     return server;
 }
@@ -197,6 +220,8 @@ int run(int argc, char** argv) {
     host::setStderrLogPriority(logLevels().at(options.log));
     const std::optional<std::string> socket = socketPath(options);
     if (!socket) return kNotStarted;
+    const std::optional<std::string> controls = controlPath(options, *socket);
+    if (!controls) return kNotStarted;
     // Before signals are blocked: a pipe may never end.
     std::optional<tools::Nv12File> clip;
     if (options.input) clip = openClip(*options.input, options.partial);
@@ -213,6 +238,8 @@ int run(int argc, char** argv) {
     setFlipped(options.flipped);
     const std::unique_ptr<host::Server> server = listen(*socket);
     if (server == nullptr) return kNotStarted;
+    const std::unique_ptr<control::ControlServer> controlServer = listenForControls(*controls);
+    if (controlServer == nullptr) return kNotStarted;
     // Ends before the server does, so that no frame is on its way when the connections end.
     std::optional<tools::FrameSource> source;
     if (!options.idle) source.emplace();

@@ -13,14 +13,18 @@
 namespace host {
 
 /**
- * Called when a process connects to a server and when it has disconnected; either may be empty. One
- * call at a time, on the thread that accepts connections, so they must not block. `came` precedes
- * the first call of the connection, `went` follows the last. `went` is not called for connections
- * that end because the server is destroyed.
+ * Called when a process connects to a server and when it has disconnected; each may be empty. One
+ * call of `came` and `went` at a time, on the thread that accepts connections, so they must not
+ * block. `came` precedes the first call of the connection, `went` follows the last. `went` is not
+ * called for connections that end because the server is destroyed.
+ *
+ * `ended` is called on the connection's own thread, after its last call and before `went`, however
+ * it ends. So what a call has noted down for its thread can be taken back there.
  */
 struct ConnectionEvents {
     std::function<void(pid_t)> came;
     std::function<void(pid_t)> went;
+    std::function<void()> ended{};
 };
 
 /**
@@ -32,11 +36,13 @@ public:
     /**
      * Creates the socket, with mode 0600. Null, and a sentence in `problem`, when the path is in
      * use, too long, or the socket cannot be created there. A socket that a dead server left behind
-     * is replaced.
+     * is replaced. One more connection than `maxConnections` is closed at once; all the servers of
+     * a process take at most kConnectionFds with one more each.
      */
     static std::unique_ptr<Server> listen(
         const std::string& path, const ::android::sp<::android::hidl::base::V1_0::IBase>& object,
-        std::string& problem, ConnectionEvents events = {});
+        std::string& problem, ConnectionEvents events = {},
+        size_t maxConnections = kMaxConnections);
 
     /** Removes the socket, ends every connection, and waits for the calls that are running. */
     ~Server();

@@ -12,11 +12,14 @@ constexpr size_t kMaxMessageBytes = size_t{64} << 10;
 constexpr size_t kMaxMessageFds = 64;
 /** Connections that one server serves at a time; one more is closed at once. */
 constexpr size_t kMaxConnections = 64;
+/** The same for the server of the session's controls, which has a socket of its own. */
+constexpr size_t kMaxControlConnections = 8;
 /**
  * Descriptor slots that a serving process keeps for connections, by lowering its limit: one for
- * each connection, and one for accepting a further one in order to refuse it.
+ * each connection of the two servers, and one each for accepting a further one in order to refuse
+ * it. Since neither server takes more than its own, neither can take the other's.
  */
-constexpr size_t kConnectionFds = kMaxConnections + 1;
+constexpr size_t kConnectionFds = kMaxConnections + 1 + kMaxControlConnections + 1;
 /** A call that brings descriptors fails when fewer free slots than this would be left below those.
  */
 constexpr size_t kReservedFds = 16;
@@ -48,7 +51,7 @@ constexpr size_t kMaxWaitingToClose = 64;
  * all that waits to be closed. A descriptor that finds no slot is closed by the kernel, on the
  * thread that receives it.
  */
-constexpr size_t kArrivalFds =
-    (kMaxConnections + 2) * kMaxArrivingFds + kMaxWaitingToClose + kClosingThreads;
+constexpr size_t kArrivalFds = (kMaxConnections + kMaxControlConnections + 2) * kMaxArrivingFds +
+                               kMaxWaitingToClose + kClosingThreads;
 
 }  // namespace host

@@ -5,10 +5,10 @@
 #include <vendor/zoru/zoruprovider/fdstream/1.0/IFDSessionCallback.h>
 
 #include <memory>
-#include <type_traits>
 #include <utility>
 
 #include "host/accepted.h"
+#include "host/proxy.h"
 #include "host/remote.h"
 #include "record_fields.h"
 #include "request_bounds.h"
@@ -18,8 +18,6 @@ namespace vendor::zoru::zoruprovider::fdstream::V1_0 {
 namespace {
 
 using ::android::sp;
-using ::android::wp;
-using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::Return;
 using ::android::hardware::camera::common::V1_0::Status;
@@ -27,62 +25,23 @@ using ::android::hardware::camera::device::V3_2::CaptureRequest;
 using ::android::hardware::camera::device::V3_2::CaptureResult;
 using ::android::hardware::camera::device::V3_2::StreamConfiguration;
 using ::android::hidl::base::V1_0::IBase;
-using host::CallChannel;
+using host::callWith;
 using host::isAccepted;
+using host::kPing;
 using host::Outgoing;
 using host::Reader;
 using host::RequestBounds;
 using host::Stub;
+using host::writeAnswer;
 using host::Writer;
 
 using TransportStatus = ::android::hardware::Status;
 
 // The methods' numbers on the wire: ping, then those of each interface as its definition has them.
-constexpr uint32_t kPing = 0;
 enum SessionMethod : uint32_t { SET_CALLBACK = 1, CONFIGURE, PROCESS_CAPTURE_REQUEST };
 enum CallbackMethod : uint32_t { PROCESS_CAPTURE_RESULT = 1, NOTIFY };
 
-void readNothing(Reader& /*reader*/) {}
-
-/** What the proxies of both interfaces have in common. */
-template <typename Interface>
-class Proxy : public Interface {
-public:
-    explicit Proxy(std::unique_ptr<CallChannel> channel) : mChannel(std::move(channel)) {}
-
-    bool isRemote() const override { return true; }
-    Return<void> ping() override { return callVoid(kPing, Outgoing()); }
-    Return<bool> linkToDeath(const sp<hidl_death_recipient>& recipient, uint64_t cookie) override {
-        return mChannel->linkToDeath(recipient, cookie, wp<IBase>(sp<IBase>(this)));
-    }
-    Return<bool> unlinkToDeath(const sp<hidl_death_recipient>& recipient) override {
-        return mChannel->unlinkToDeath(recipient);
-    }
-
-protected:
-    Return<void> callVoid(uint32_t method, const Outgoing& out) {
-        return mChannel->call(method, out, readNothing);
-    }
-    Return<Status> callForStatus(uint32_t method, const Outgoing& out) {
-        Status answer = Status::INTERNAL_ERROR;
-        const TransportStatus status =
-            mChannel->call(method, out, [&answer](Reader& reader) { reader(answer); });
-        if (!status.isOk()) return status;
-        return answer;
-    }
-    template <typename Record>
-    static Outgoing written(const Record& record) {
-        Outgoing out;
-        Writer writer(out);
-        writer(record);
-        return out;
-    }
-
-private:
-    const std::unique_ptr<CallChannel> mChannel;
-};
-
-class BpHwFDSession : public Proxy<IFDSession> {
+class BpHwFDSession : public host::Proxy<IFDSession> {
 public:
     using Proxy::Proxy;
 
@@ -93,17 +52,17 @@ public:
             return TransportStatus::fromStatusT(::android::FAILED_TRANSACTION,
                                                 "no channel could be made for the callback");
         }
-        return callForStatus(SET_CALLBACK, out);
+        return callFor<Status>(SET_CALLBACK, out);
     }
     Return<Status> configure(const StreamConfiguration& configuration) override {
-        return callForStatus(CONFIGURE, written(configuration));
+        return callFor<Status>(CONFIGURE, written(configuration));
     }
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
-        return callForStatus(PROCESS_CAPTURE_REQUEST, written(request));
+        return callFor<Status>(PROCESS_CAPTURE_REQUEST, written(request));
     }
 };
 
-class BpHwFDSessionCallback : public Proxy<IFDSessionCallback> {
+class BpHwFDSessionCallback : public host::Proxy<IFDSessionCallback> {
 public:
     using Proxy::Proxy;
 
@@ -123,25 +82,6 @@ private:
     // Set before the session gets this object.
     std::shared_ptr<RequestBounds> mBounds;
 };
-
-/** Writes what a call returned. False when a local object has returned a transport failure. */
-template <typename Result>
-bool writeAnswer(const Result& result, Writer& writer) {
-    if (!result.isOk()) return false;
-    if constexpr (!std::is_same_v<Result, Return<void>>) writer(static_cast<Status>(result));
-    return true;
-}
-
-/** Reads a call's arguments and calls with them, unless they are refused or not well-formed. False
- * when they are not well-formed. */
-template <typename Arguments, typename Call>
-bool callWith(Reader& reader, Call call) {
-    Arguments arguments = {};
-    reader(arguments);
-    if (!reader.complete()) return false;
-    if (reader.refusal().empty()) return call(arguments);
-    return true;
-}
 
 class BnHwFDSession : public Stub {
 public:
@@ -225,23 +165,10 @@ private:
     const sp<IFDSessionCallback> mCallback;
 };
 
-template <typename Interface, typename ProxyClass, typename StubClass>
-bool registerInterface() {
-    host::registerInterface(
-        Interface::descriptor,
-        {[](std::unique_ptr<CallChannel> channel) -> sp<IBase> {
-             return new ProxyClass(std::move(channel));
-         },
-         [](const sp<IBase>& object) -> std::unique_ptr<Stub> {
-             return std::make_unique<StubClass>(static_cast<Interface*>(object.get()));
-         }});
-    return true;
-}
-
 // Registered when the library is loaded.
 [[maybe_unused]] const bool sRegistered =
-    registerInterface<IFDSession, BpHwFDSession, BnHwFDSession>() &&
-    registerInterface<IFDSessionCallback, BpHwFDSessionCallback, BnHwFDSessionCallback>();
+    host::registerInterface<IFDSession, BpHwFDSession, BnHwFDSession>() &&
+    host::registerInterface<IFDSessionCallback, BpHwFDSessionCallback, BnHwFDSessionCallback>();
 
 }  // namespace
 

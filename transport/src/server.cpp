@@ -149,13 +149,14 @@ UniqueFd listeningSocket(const std::string& path, const sockaddr_un& address, Fi
 class Server::Impl {
 public:
     Impl(std::string path, FileId file, UniqueFd socket, std::unique_ptr<Stub> stub,
-         ConnectionEvents events)
+         ConnectionEvents events, size_t maxConnections)
         : mPath(std::move(path)),
           mFile(file),
           mSocket(std::move(socket)),
           mWake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
           mStub(std::move(stub)),
-          mEvents(std::move(events)) {}
+          mEvents(std::move(events)),
+          mMaxConnections(maxConnections) {}
 
     ~Impl() {
         if (mThread.joinable()) {
@@ -239,9 +240,9 @@ private:
             refuse(std::move(socket));
             return true;
         }
-        if (mConnections.size() >= kMaxConnections) {
+        if (mConnections.size() >= mMaxConnections) {
             __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
-                                "a connection beyond the limit of %zu is refused", kMaxConnections);
+                                "a connection beyond the limit of %zu is refused", mMaxConnections);
             refuse(std::move(socket));
             return true;
         }
@@ -259,6 +260,7 @@ private:
         const auto serve = [this, &connection] {
             tCaller = connection.peer;
             detail::serveChannel(connection.socket.get(), *mStub, Peer::CLIENT);
+            if (mEvents.ended) mEvents.ended();
             connection.ended = true;
             eventfd_write(mWake.get(), 1);
         };
@@ -298,6 +300,7 @@ private:
     const UniqueFd mWake;
     const std::unique_ptr<Stub> mStub;
     const ConnectionEvents mEvents;
+    const size_t mMaxConnections;
     std::atomic<bool> mStopping{false};
     // Used by the accepting thread alone, and by the destructor after it.
     std::list<Connection> mConnections;
@@ -305,7 +308,8 @@ private:
 };
 
 std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>& object,
-                                       std::string& problem, ConnectionEvents events) {
+                                       std::string& problem, ConnectionEvents events,
+                                       size_t maxConnections) {
     std::string descriptor;
     const auto described = object->interfaceDescriptor(
         [&](const ::android::hardware::hidl_string& name) { descriptor = name; });
@@ -321,7 +325,7 @@ std::unique_ptr<Server> Server::listen(const std::string& path, const sp<IBase>&
     UniqueFd socket = listeningSocket(path, address, file, problem);
     if (!socket.isValid()) return nullptr;
     auto impl = std::make_unique<Impl>(path, file, std::move(socket), makers->stub(object),
-                                       std::move(events));
+                                       std::move(events), maxConnections);
     if (const char* const reason = impl->start()) {
         problem = path + ": " + reason;
         return nullptr;
