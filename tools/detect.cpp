@@ -4,29 +4,20 @@
 #include <err.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
 #include <csignal>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
 #include <utility>
 
 #include "command_line.h"
-#include "detect_figures.h"
-#include "detect_outputs.h"
-#include "face_finder.h"
-#include "host/buffer.h"
+#include "detection.h"
 #include "host/log.h"
 #include "run_program.h"
-#include "scene.h"
 #include "signals.h"
 #include "stream_options.h"
 
 namespace {
-
-using android::sp;
-using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
 
 // One that is looked at, one that waits for that, and one that is under way.
 constexpr uint32_t kLeastBuffers = 3;
@@ -36,6 +27,8 @@ constexpr const char* kExamples =
     "  fdstream-detect                       until Ctrl-C, then how it went\n"
     "  fdstream-detect --watch               a live view with a box on each face\n"
     "  fdstream-detect --y4m - | ffplay -    the same, in a window\n"
+    "  fdstream-detect --follow --y4m - | ffplay -\n"
+    "                                        and the camera's view follows the faces\n"
     "  fdstream-detect --json -              a line for each frame, for a script\n"
     "  fdstream-detect --frames 100 --png pictures\n"
     "                                        each frame that was looked at\n"
@@ -47,18 +40,13 @@ constexpr const char* kExamples =
     "has the session. Only the newest frame is looked at, where it is; the others are\n"
     "skipped. A face counts from the second time in a row that it is found. Where it\n"
     "is in the camera's picture is known when the provider tells of each frame's\n"
-    "view. The fields of the JSON stand in docs/client-json.md. A file has \".part\"\n"
-    "behind its name until it is finished.\n"
+    "view. With --follow the tracking mode is 1, and 0 from the end on; fdstream-ctl\n"
+    "mode 0 stops the view before. The fields of the JSON stand in\n"
+    "docs/client-json.md. A file has \".part\" behind its name until it is finished.\n"
     "\n"
     "Exit code: 0 all delivered, 1 some failed, missing, wrong or not written, 2 bad\n"
     "usage or no cascade, 3 the provider is gone or not there, 4 another client took\n"
     "the session.";
-
-struct Options {
-    tools::StreamOptions stream;
-    camera::FaceSearch search;
-    tools::DetectChoice outputs;
-};
 
 void declareSearch(CLI::App& app, camera::FaceSearch& search) {
     constexpr double kLeastFactor = 1.01;
@@ -88,7 +76,7 @@ void declareSearch(CLI::App& app, camera::FaceSearch& search) {
         ->capture_default_str();
 }
 
-void declare(CLI::App& app, Options& options) {
+void declare(CLI::App& app, tools::DetectOptions& options) {
     app.footer(kExamples);
     tools::declare(app, options.stream, kLeastBuffers);
     declareSearch(app, options.search);
@@ -104,10 +92,17 @@ void declare(CLI::App& app, Options& options) {
                    "that of the first ten that are looked at, or 25")
         ->type_name("FILE");
     app.add_flag("--watch", options.outputs.watch, "shows them in the terminal, with boxes");
+    auto* const follow =
+        app.add_flag("--follow", options.follow, "has the camera's view follow the faces");
+    app.add_option("--control", options.control,
+                   "the socket of the provider's controls; without it that of the session with "
+                   ".control behind it")
+        ->type_name("PATH")
+        ->needs(follow);
 }
 
 /** Nothing when the client is to go on, else the exit code. */
-std::optional<int> parse(int argc, char** argv, Options& options) {
+std::optional<int> parse(int argc, char** argv, tools::DetectOptions& options) {
     CLI::App app(
         "Streams frames from a provider in another process, and finds the faces in the newest.",
         "fdstream-detect");
@@ -120,83 +115,8 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     return tools::kBadUsage;
 }
 
-bool isUntouched(const host::Buffer& buffer) {
-    return std::all_of(buffer.bytes(), buffer.bytes() + buffer.size(),
-                       [](uint8_t byte) { return byte == tools::kNotWritten; });
-}
-
-/** Looks at what comes, and says how it went. One thread, which is none of the callback's. */
-class Detection {
-public:
-    Detection(const Options& options, std::unique_ptr<camera::FaceDetector> detector,
-              const kit::Signals& signals)
-        : mOptions(options),
-          mSignals(signals),
-          mFinder(std::move(detector)),
-          mOutputs(options.outputs, options.stream.frameSize(),
-                   [&signals] { return signals.poll() != 0; }) {}
-
-    int run() {
-        if (!mOutputs.open()) return tools::kBadUsage;
-        const sp<IFDSession> session = tools::findProvider(mOptions.stream, mSignals);
-        tools::Figures figures;
-        figures.ending = tools::Ending::Gone;
-        if (session != nullptr) figures = tools::playStream(session, direction());
-        const bool isAlone = mOutputs.hasNoReader();
-        if (session != nullptr && !isAlone) mFigures.print(mOutputs.talk());
-        const bool saved = mOutputs.finish(figures.ending);
-        const bool printed = kit::finishStandardOutput();
-        const int code = isAlone ? tools::kAllDelivered : tools::codeOf(figures);
-        return code == tools::kAllDelivered && !(saved && printed) ? tools::kSomeFailed : code;
-    }
-
-private:
-    tools::Direction direction() {
-        tools::Direction direction;
-        direction.name = "detect";
-        direction.stream = mOptions.stream.settings();
-        direction.stream.lends = true;
-        // What is told of an earlier client's frames is not taken for what is told of these.
-        direction.stream.numbersFrom = std::random_device()() / 2;
-        direction.hushed = mOptions.outputs.watch;
-        direction.talk = mOutputs.talk();
-        direction.look = [this](const tools::Answer& answer, const tools::Figures& figures) {
-            return look(answer, figures);
-        };
-        direction.lookAway = [this](const tools::Answer& answer) { lookAway(answer); };
-        direction.interrupted = [this] { return mSignals.poll() != 0; };
-        direction.broken = [this] { return mOutputs.isBroken(); };
-        direction.connectAnew = [this] { return tools::findProvider(mOptions.stream, mSignals); };
-        direction.curtain = [this] { mOutputs.stopWatching(); };
-        return direction;
-    }
-
-    std::string look(const tools::Answer& answer, const tools::Figures& figures) {
-        if (isUntouched(*answer.lent)) {
-            lookAway(answer);
-            return "came back as delivered, but unfilled";
-        }
-        const tools::Sight sight = mFinder.look(answer);
-        mFigures.add(sight, tools::Clock::now());
-        mOutputs.take(answer, sight, figures);
-        return {};
-    }
-
-    void lookAway(const tools::Answer& answer) {
-        mFinder.pass(answer);
-        if (answer.outcome == tools::Answer::Outcome::Skipped) mFigures.addSkipped();
-        mOutputs.pass(answer);
-    }
-
-    const Options& mOptions;
-    const kit::Signals& mSignals;
-    tools::FaceFinder mFinder;
-    tools::DetectOutputs mOutputs;
-    tools::DetectFigures mFigures;
-};
-
 int run(int argc, char** argv) {
-    Options options;
+    tools::DetectOptions options;
     if (const std::optional<int> code = parse(argc, argv, options)) return *code;
     kit::openStandardStreams();
     host::setStderrLogPriority(ANDROID_LOG_ERROR);
@@ -211,7 +131,7 @@ int run(int argc, char** argv) {
         warnx("no faces can be found: %s", problem.c_str());
         return tools::kBadUsage;
     }
-    return Detection(options, std::move(detector), signals).run();
+    return tools::Detection(options, std::move(detector), signals).run();
 }
 
 }  // namespace
