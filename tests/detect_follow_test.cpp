@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -59,7 +60,7 @@ protected:
         const auto now = std::chrono::steady_clock::now();
         view = camera::viewFor(wanted(), kPicture, kPicture, kStream);
         const double seconds = std::chrono::duration<double>(now - start).count();
-        face = {200 + static_cast<int>(seconds * 0.08 * kPicture.width), 300, 96, 96};
+        face = {400 + static_cast<int>(300 * std::sin(seconds / 3)), 300, 96, 96};  // 8 % a second
         const uint32_t number = request.frameNumber;
         const auto ns = static_cast<uint64_t>(now.time_since_epoch().count());
         for (FDNotifyMsg msg : {camera::shutterOf(number, ns), camera::viewOf(number, view),
@@ -120,7 +121,7 @@ TEST_F(DetectFollowTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyOne) {
     after(60, [this] {
         EXPECT_NE(wanted(), kAll);
         const Output second =
-            runShell(DETECT_TOOL " --follow --socket " + (folder / "socket").string() + " 2>&1");
+            runShell(DETECT_TOOL " --follow --socket " + (folder / "socket") + " 2>&1");
         EXPECT_EQ(second.exitCode, 1);
         EXPECT_TRUE(has(second.text, "the view cannot follow: ")) << second.text;
         session->setTrackingMode(TrackingMode::OFF);
