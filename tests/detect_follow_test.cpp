@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -87,7 +88,7 @@ protected:
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     Rect view;
     Rect face;
-    bool tells = true;
+    std::atomic<bool> tells{true};
     int framesOff = 0;
     bool hasFollowedAgain = false;
 };

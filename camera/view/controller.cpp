@@ -64,6 +64,7 @@ Controller::State Controller::begin(FrameSize picture, const Rect& view, Time ti
 void Controller::keep(State& state, const std::vector<Rect>& faces, Time time) {
     if (!faces.empty()) state.lastFace = time;
     std::vector<Kept> kept;
+    kept.reserve(faces.size() + state.faces.size());
     for (const Rect& face : faces)
         kept.push_back({face, time});
     for (const Kept& before : state.faces) {

@@ -60,6 +60,7 @@ Rect inFrame(const Rect& inPicture, FrameSize frame, const Rect& view, bool isTu
 
 std::vector<bool> SteadyFaces::counting(const std::vector<Rect>& places) {
     std::vector<bool> counting;
+    counting.reserve(places.size());
     for (const Rect& place : places) {
         counting.push_back(std::any_of(mBefore.begin(), mBefore.end(), [&](const Rect& before) {
             return overlap(place, before) >= kSameFace;
