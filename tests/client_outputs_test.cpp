@@ -66,9 +66,10 @@ Extent extentOf(const std::string& written) {
 TEST_F(ClientOutputsTest, SaysWhatIsWrongWithACommandLine) {
     const std::pair<const char*, const char*> wrong[] = {
         {"--frames x", "--frames"},
-        {"--size 3x4", "is no size"},
+        {"--size 3x0", "is no size"},
         {"--raw - --json -", "cannot both go to -"},
         {"--raw one --json one", "cannot both go to one"},
+        {"--y4m - --raw -", "cannot both go to -"},
         {"--watch", "needs a terminal"},
         {"--watch --json -", "nothing else can go"},
         {"--compare socket --size 64x64", "1280x720"},

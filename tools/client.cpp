@@ -17,26 +17,19 @@
 
 #include "command_line.h"
 #include "comparison.h"
-#include "default_socket.h"
 #include "figures.h"
-#include "host/channel.h"
 #include "host/log.h"
 #include "outputs.h"
 #include "run_program.h"
 #include "scene.h"
 #include "signals.h"
 #include "stream_client.h"
+#include "stream_options.h"
 
 namespace {
 
 using android::sp;
 using vendor::zoru::zoruprovider::fdstream::V1_0::IFDSession;
-
-constexpr int kAllDelivered = 0;
-constexpr int kSomeFailed = 1;
-constexpr int kBadUsage = 2;
-constexpr int kProviderGone = 3;
-constexpr int kTakenOver = 4;
 
 constexpr const char* kExamples =
     "Examples:\n"
@@ -45,6 +38,7 @@ constexpr const char* kExamples =
     "  fdstream-client --png pictures             each as pictures/frame-NNN.png\n"
     "  fdstream-client --raw frames.yuv           packed NV12, which plays with\n"
     "      ffplay -f rawvideo -pixel_format nv12 -video_size 1280x720 frames.yuv\n"
+    "  fdstream-client --frames 0 --y4m - | ffplay -   a live view in a window\n"
     "  fdstream-client --buffers 1 --json f.json  the latency without a queue\n"
     "  fdstream-client --fps 5                    asks for five frames a second\n"
     "  fdstream-client --compare clip.yuv         every frame has to be the file's,\n"
@@ -59,49 +53,17 @@ constexpr const char* kExamples =
     "Exit code: 0 all delivered, 1 some failed, missing, wrong or not written, 2 bad\n"
     "usage, 3 the provider is gone or not there, 4 another client took the session.";
 
-constexpr const char* kSizeHelp =
-    "the stream's size, both numbers even. The test source knows 1280x720 only: a smaller size gets "
-    "the file's bytes laid out at its own width, and one that needs more than 1,382,400 bytes comes "
-    "back unfilled, which is counted as wrong";
-
 struct Options {
-    std::optional<std::string> socket;
-    bool wait = false;
-    uint32_t frames = 40;
-    uint32_t buffers = 4;
+    tools::StreamOptions stream;
     double fps = 0;
-    std::string size = "1280x720";
     tools::OutputChoice outputs;
 };
 
-/** Nothing when this is not WxH with even numbers that can be. */
-std::optional<kit::FrameSize> sizeOf(const std::string& text) {
-    constexpr int kMost = 8192;
-    kit::FrameSize size = {};
-    char rest = 0;
-    // NOLINTNEXTLINE(cert-err34-c): numbers that are too large are out of range below
-    const int read = sscanf(text.c_str(), "%5dx%5d%c", &size.width, &size.height, &rest);
-    const auto fits = [](int side) { return side >= 2 && side <= kMost && side % 2 == 0; };
-    return read == 2 && fits(size.width) && fits(size.height) ? std::optional(size) : std::nullopt;
-}
-
 void declare(CLI::App& app, Options& options) {
-    constexpr uint32_t kMostBuffers = 32;
     constexpr double kMostPerSecond = 1000;
 
     app.footer(kExamples);
-    app.add_option("--socket", options.socket,
-                   std::string("the provider's socket; without it ") + kit::kDefaultSocketInWords)
-        ->type_name("PATH");
-    app.add_flag("--wait", options.wait, "waits until a provider is there");
-    app.add_option("--frames", options.frames, "frames to ask for; 0: until interrupted")
-        ->type_name("N")
-        ->capture_default_str();
-    app.add_option("--buffers", options.buffers,
-                   "the client's buffers, 1 to 32: the most that is in flight")
-        ->type_name("K")
-        ->check(CLI::Range(uint32_t{1}, kMostBuffers).description(""))
-        ->capture_default_str();
+    tools::declare(app, options.stream, 1);
     app.add_option("--fps", options.fps,
                    "requests a second; 0: as fast as buffers come back. The test source gives at "
                    "most 20")
@@ -112,21 +74,16 @@ void declare(CLI::App& app, Options& options) {
                                                              : std::string();
         })
         ->capture_default_str();
-    app.add_option("--size", options.size, kSizeHelp)
-        ->type_name("WxH")
-        ->check(CLI::Validator(
-            [](std::string& text) {
-                return sizeOf(text) ? std::string()
-                                    : text +
-                                          " is no size: two even numbers from 2 to 8192 with an "
-                                          "x between them";
-            },
-            ""))
-        ->capture_default_str();
     app.add_option("--png", options.outputs.png, "writes each frame as a picture")
         ->type_name("DIR");
     app.add_option("--raw", options.outputs.raw,
-                   "writes the frames one after another, as packed NV12; - is the standard output")
+                   "writes the frames one after another, as packed NV12; - is the standard output. "
+                   "An odd width or height has (W+1)/2 pairs in (H+1)/2 rows of chroma")
+        ->type_name("FILE");
+    app.add_option("--y4m", options.outputs.y4m,
+                   "writes them as YUV4MPEG2, which players and encoders read; - is the standard "
+                   "output. The rate is --fps or, without it, the sensor's by the first ten "
+                   "frames, or 25")
         ->type_name("FILE");
     app.add_option("--json", options.outputs.json,
                    "writes the figures for a script; - is the standard output")
@@ -150,52 +107,18 @@ std::optional<int> parse(int argc, char** argv, Options& options) {
     CLI::App app("Streams frames from a provider in another process, and tells how it went.",
                  "fdstream-client");
     declare(app, options);
-    if (const auto code = kit::parseCommandLine(app, argc, argv, kBadUsage)) return code;
-    const std::string problem = options.outputs.problem(*sizeOf(options.size));
+    if (const auto code = kit::parseCommandLine(app, argc, argv, tools::kBadUsage)) return code;
+    options.outputs.perSecond = options.fps;
+    const std::string problem = options.outputs.problem(options.stream.frameSize());
     if (problem.empty()) return std::nullopt;
     warnx("%s", problem.c_str());
-    return kBadUsage;
-}
-
-/** SIGHUP ends a stream in order, but for a program that was started to survive it. */
-kit::Signals signalsToTake() {
-    struct sigaction hangup = {};
-    sigaction(SIGHUP, nullptr, &hangup);
-    return hangup.sa_handler == SIG_IGN ? kit::Signals({SIGINT, SIGTERM})
-                                        : kit::Signals({SIGINT, SIGTERM, SIGHUP});
-}
-
-/** Null after a sentence on stderr. */
-sp<IFDSession> findProvider(const Options& options, const kit::Signals& signals) {
-    constexpr std::chrono::milliseconds kLook(200);
-    std::string problem;
-    const std::optional<std::string> socket =
-        options.socket ? options.socket : kit::defaultSocket(problem);
-    if (socket && options.wait) warnx("waiting for a provider at %s", socket->c_str());
-    const std::chrono::milliseconds patience = options.wait ? kLook : kLook * 0;
-    sp<IFDSession> session;
-    bool mayCome = socket.has_value();
-    while (session == nullptr && mayCome) {
-        const auto start = tools::Clock::now();
-        session = host::connectWithin<IFDSession>(*socket, patience, problem);
-        // What is not waited for, such as a path that is too long, does not come.
-        const bool waited = tools::Clock::now() - start >= patience;
-        mayCome = options.wait && waited && signals.poll() == 0;
-    }
-    if (session == nullptr) {
-        warnx("there is no provider: %s", problem.c_str());
-        if (!options.wait)
-            warnx("start one with fdstream-provider in another terminal, or wait with --wait");
-    }
-    return session;
+    return tools::kBadUsage;
 }
 
 tools::Direction directionOf(const Options& options) {
     tools::Direction direction;
     direction.name = "client";
-    direction.stream.frames = options.frames == 0 ? UINT32_MAX : options.frames;
-    direction.stream.buffers = options.buffers;
-    direction.stream.size = *sizeOf(options.size);
+    direction.stream = options.stream.settings();
     direction.stream.requestsPerSecond = options.fps;
     direction.hushed = options.outputs.watch;
     return direction;
@@ -203,20 +126,11 @@ tools::Direction directionOf(const Options& options) {
 
 tools::Figures stream(const Options& options, const tools::Direction& direction,
                       const kit::Signals& signals) {
-    const sp<IFDSession> session = findProvider(options, signals);
+    const sp<IFDSession> session = tools::findProvider(options.stream, signals);
     if (session != nullptr) return tools::playStream(session, direction);
     tools::Figures figures;
     figures.ending = tools::Ending::Gone;
     return figures;
-}
-
-int codeOf(const tools::Figures& figures) {
-    if (figures.ending == tools::Ending::Gone) return kProviderGone;
-    if (figures.ending == tools::Ending::TakenOver) return kTakenOver;
-    const bool atEnd =
-        figures.ending == tools::Ending::Complete || figures.ending == tools::Ending::Interrupted;
-    const bool right = figures.failed() == 0 && figures.missing() == 0 && figures.wrong == 0;
-    return atEnd && right ? kAllDelivered : kSomeFailed;
 }
 
 int run(int argc, char** argv) {
@@ -228,9 +142,9 @@ int run(int argc, char** argv) {
     std::optional<tools::Comparison> comparison;
     if (const tools::OutputChoice& choice = options.outputs; choice.compare) {
         comparison = tools::Comparison::with(*choice.compare, choice.turned, choice.partial);
-        if (!comparison) return kBadUsage;
+        if (!comparison) return tools::kBadUsage;
     }
-    const kit::Signals signals = signalsToTake();
+    const kit::Signals signals = tools::signalsToTake();
     // A reader that goes away, or a limit of a file's size, is a failure to write like others.
     signal(SIGPIPE, SIG_IGN);
     signal(SIGXFSZ, SIG_IGN);
@@ -242,25 +156,27 @@ int run(int argc, char** argv) {
     direction.look = [&](const tools::Answer& answer, const tools::Figures& figures) {
         return outputs.take(answer, figures);
     };
+    direction.lookAway = [&](const tools::Answer& /*answer*/) { outputs.takeUnfilled(); };
     direction.broken = [&] { return outputs.isBroken(); };
     direction.connectAnew = [&] {
         outputs.breakOff();
-        return findProvider(options, signals);
+        return tools::findProvider(options.stream, signals);
     };
     direction.curtain = [&] { outputs.stopWatching(); };
     direction.talk = outputs.talk();
-    if (!outputs.open()) return kBadUsage;
+    if (!outputs.open()) return tools::kBadUsage;
 
     const tools::Figures figures = stream(options, direction, signals);
-    if (!figures.scene.empty()) tools::printTable({figures}, outputs.talk());
-    const bool saved = outputs.finish(figures, direction.stream);
+    const bool isAlone = outputs.hasNoReader();
+    if (!figures.scene.empty() && !isAlone) tools::printTable({figures}, outputs.talk());
+    const bool saved = outputs.finish(figures, direction.stream) || isAlone;
     const bool printed = kit::finishStandardOutput();
-    const int code = codeOf(figures);
-    return code == kAllDelivered && !(saved && printed) ? kSomeFailed : code;
+    const int code = isAlone ? tools::kAllDelivered : tools::codeOf(figures);
+    return code == tools::kAllDelivered && !(saved && printed) ? tools::kSomeFailed : code;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    return kit::runProgram(run, argc, argv, kSomeFailed);
+    return kit::runProgram(run, argc, argv, tools::kSomeFailed);
 }

@@ -40,6 +40,7 @@ void printRow(const Figures& figures, FILE* to) {
 void Figures::add(const Answer& answer) {
     switch (answer.outcome) {
         case Answer::Outcome::Filled:
+        case Answer::Outcome::Skipped:
             ++delivered;
             break;
         case Answer::Outcome::Failed:
@@ -72,7 +73,8 @@ std::vector<Clock::duration> Figures::latencies() const {
 std::vector<Clock::time_point> Figures::arrivals() const {
     std::vector<Clock::time_point> result;
     for (const FrameTimes& frame : frames) {
-        if (frame.outcome == Answer::Outcome::Filled) result.push_back(frame.answered);
+        if (frame.outcome == Answer::Outcome::Filled || frame.outcome == Answer::Outcome::Skipped)
+            result.push_back(frame.answered);
     }
     return result;
 }

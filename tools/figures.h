@@ -23,7 +23,7 @@ enum class Ending {
 /** When a request was made and answered. Value type. */
 struct FrameTimes {
     uint32_t number;
-    Answer::Outcome outcome;  ///< filled, failed or refused
+    Answer::Outcome outcome;  ///< filled, skipped, failed or refused
     Clock::time_point requested;
     Clock::time_point answered;
 };

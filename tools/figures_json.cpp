@@ -31,6 +31,7 @@ const char* nameOf(Ending ending) {
 const char* nameOf(Answer::Outcome outcome) {
     switch (outcome) {
         case Answer::Outcome::Filled:
+        case Answer::Outcome::Skipped:
             return "delivered";
         case Answer::Outcome::Refused:
             return "refused";

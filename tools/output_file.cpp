@@ -25,8 +25,8 @@ constexpr int kLookMs = 50;
 
 }  // namespace
 
-OutputFile::OutputFile(std::string path, std::function<bool()> interrupted)
-    : mPath(std::move(path)), mName(mPath), mInterrupted(std::move(interrupted)) {}
+OutputFile::OutputFile(std::string path, std::function<bool()> interrupted, Reader reader)
+    : mPath(std::move(path)), mName(mPath), mInterrupted(std::move(interrupted)), mReader(reader) {}
 
 OutputFile::~OutputFile() {
     if (isPart() && !mHasBytes) unlink(mName.c_str());
@@ -99,6 +99,8 @@ bool OutputFile::finish() {
 
 bool OutputFile::fail(int error) {
     mBroken = true;
+    mHasNoReader = error == EPIPE && mReader == Reader::MayLeave;
+    if (mHasNoReader) return false;
     errno = error;
     warn("%s cannot be written", mName.c_str());
     return false;

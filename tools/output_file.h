@@ -18,8 +18,12 @@ namespace tools {
  */
 class OutputFile {
 public:
+    /** Whether one that goes away is worth a sentence. */
+    enum class Reader { HasToStay, MayLeave };
+
     /** `interrupted` is asked while nobody reads: whether to wait no longer. */
-    OutputFile(std::string path, std::function<bool()> interrupted);
+    OutputFile(std::string path, std::function<bool()> interrupted,
+               Reader reader = Reader::HasToStay);
     /** A file that was not finished stays, unless nothing was written to it. */
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
@@ -31,6 +35,8 @@ public:
     bool finish();
 
     bool isBroken() const { return mBroken; }
+    /** Whether it is broken by a reader that went away, which may. */
+    bool hasNoReader() const { return mHasNoReader; }
     /** Whether there is a part that has not got its own name. */
     bool isPart() const { return mFd.isValid() && mName != mPath; }
     /** Where it is written to now, in words. */
@@ -45,9 +51,11 @@ private:
     std::string mPath;
     std::string mName;
     const std::function<bool()> mInterrupted;
+    const Reader mReader;
     host::UniqueFd mFd;
     bool mHasBytes = false;
     bool mBroken = false;
+    bool mHasNoReader = false;
 };
 
 }  // namespace tools

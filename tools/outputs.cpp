@@ -25,7 +25,14 @@ std::string_view bytesOf(const kit::Frame& frame) {
 }  // namespace
 
 std::string OutputChoice::problem(kit::FrameSize size) const {
-    if (raw && raw == json) return "--raw and --json cannot both go to " + *raw;
+    const std::pair<const char*, const std::optional<std::string>&> files[] = {
+        {"--raw", raw}, {"--y4m", y4m}, {"--json", json}};
+    for (const auto& [first, one] : files) {
+        for (const auto& [second, other] : files) {
+            if (&one != &other && one && one == other)
+                return std::string(first) + " and " + second + " cannot both go to " + *one;
+        }
+    }
     if (watch && hasStandardOutput())
         return "--watch shows the stream on the standard output, where nothing else can go then";
     if (compare && size.bytes() != kit::kFrameBytes)
@@ -39,11 +46,13 @@ Outputs::Outputs(OutputChoice choice, kit::FrameSize size, std::optional<Compari
     if (mChoice.png) mFolder.emplace(*mChoice.png);
     if (mChoice.raw) mRaw.emplace(*mChoice.raw, interrupted);
     if (mChoice.json) mJson.emplace(*mChoice.json, interrupted);
+    if (mChoice.y4m) mY4m.emplace(*mChoice.y4m, mSize, mChoice.perSecond, interrupted);
 }
 
 bool Outputs::open() {
     // The figures' file, too: that it cannot be written is found out before a long stream.
-    return (!mFolder || mFolder->make()) && (!mRaw || mRaw->open()) && (!mJson || mJson->open());
+    return (!mFolder || mFolder->make()) && (!mRaw || mRaw->open()) && (!mJson || mJson->open()) &&
+           (!mY4m || mY4m->open());
 }
 
 std::string Outputs::take(const Answer& answer, const Figures& figures) {
@@ -51,8 +60,16 @@ std::string Outputs::take(const Answer& answer, const Figures& figures) {
     if (mRaw) mRaw->write(bytesOf(answer.frame));
     if (mChoice.watch && !mView) mView.emplace(mSize);
     if (mView) mView->show(answer, figures);
-    if (isUnfilled(answer.frame)) return "came back as delivered, but unfilled";
+    if (isUnfilled(answer.frame)) {
+        takeUnfilled();
+        return "came back as delivered, but unfilled";
+    }
+    if (mY4m) mY4m->write(answer.frame, answer.told.sensorNs);
     return mComparison ? mComparison->faultOf(answer, figures) : std::string();
+}
+
+void Outputs::takeUnfilled() {
+    if (mY4m) mY4m->repeat();
 }
 
 void Outputs::breakOff() {
@@ -61,18 +78,24 @@ void Outputs::breakOff() {
 }
 
 bool Outputs::isBroken() const {
-    return !mSaved || (mRaw && mRaw->isBroken()) || ferror(stdout) != 0;
+    return !mSaved || (mRaw && mRaw->isBroken()) || (mY4m && mY4m->isBroken()) ||
+           ferror(stdout) != 0;
 }
 
 bool Outputs::finish(const Figures& figures, const StreamSettings& settings) {
     const bool isWhole =
         figures.ending == Ending::Complete || figures.ending == Ending::Interrupted;
     bool saved = mSaved;
-    if (mRaw && (isWhole || mRaw->isBroken())) {
-        saved &= mRaw->finish();
-    } else if (mRaw && mRaw->isPart()) {
-        warnx("%s is not finished", mRaw->name().c_str());
-    }
+    const auto finish = [&](auto& output, const OutputFile& file) {
+        if (isWhole || file.isBroken()) {
+            saved &= output.finish();
+        } else if (file.isPart()) {
+            warnx("%s is not finished", file.name().c_str());
+        }
+    };
+    if (mRaw) finish(*mRaw, *mRaw);
+    if (mY4m) mY4m->flush();
+    if (mY4m) finish(*mY4m, mY4m->file());
     if (mJson) saved &= mJson->write(jsonOf(figures, settings)) && mJson->finish();
     return saved;
 }

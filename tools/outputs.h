@@ -12,6 +12,7 @@
 #include "picture_folder.h"
 #include "stream_client.h"
 #include "terminal_view.h"
+#include "y4m_file.h"
 
 namespace tools {
 
@@ -20,12 +21,14 @@ struct OutputChoice {
     std::optional<std::string> png;
     std::optional<std::string> raw;
     std::optional<std::string> json;
+    std::optional<std::string> y4m;
+    double perSecond = 0;  ///< of that; 0 for what the frames say
     std::optional<std::string> compare;
     bool turned = false;
     bool partial = false;
     bool watch = false;
 
-    bool hasStandardOutput() const { return raw == "-" || json == "-"; }
+    bool hasStandardOutput() const { return raw == "-" || json == "-" || y4m == "-"; }
     /** In words, why this cannot be; empty when it can. */
     std::string problem(kit::FrameSize size) const;
 };
@@ -44,11 +47,15 @@ public:
 
     /** In words, what is wrong with the picture; empty when nothing is. */
     std::string take(const Answer& answer, const Figures& figures);
+    /** A frame came back without a picture. */
+    void takeUnfilled();
     /** The pictures to come do not follow those that came. */
     void breakOff();
     void stopWatching() { mView.reset(); }
     /** Whether an output has failed, so that nothing more is needed. */
     bool isBroken() const;
+    /** Whether it is one that nobody wants to read any more, which is no failure. */
+    bool hasNoReader() const { return mY4m && mY4m->hasNoReader(); }
 
     /** Whether all is written; if not, after a sentence on stderr. */
     bool finish(const Figures& figures, const StreamSettings& settings);
@@ -59,6 +66,7 @@ private:
     std::optional<PictureFolder> mFolder;
     std::optional<OutputFile> mRaw;
     std::optional<OutputFile> mJson;
+    std::optional<Y4mFile> mY4m;
     std::optional<Comparison> mComparison;
     std::optional<TerminalView> mView;
     bool mSaved = true;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "font.h"
+#include "whole_frame.h"
 
 namespace tools {
 
@@ -97,14 +98,14 @@ Picture::Picture(int inWidth, int inHeight)
 
 Picture toPicture(const kit::Frame& frame, kit::FrameSize size) {
     Picture picture(size.width, size.height);
-    libyuv::NV12ToRAW(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
+    libyuv::NV12ToRAW(frame.data(), size.width, frame.data() + size.lumaBytes(), chromaBytes(size),
                       picture.rgb.data(), size.width * 3, size.width, size.height);
     return picture;
 }
 
 Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target) {
     kit::Frame small(target.bytes());
-    libyuv::NV12Scale(frame.data(), size.width, frame.data() + size.lumaBytes(), size.width,
+    libyuv::NV12Scale(frame.data(), size.width, frame.data() + size.lumaBytes(), chromaBytes(size),
                       size.width, size.height, small.data(), target.width,
                       small.data() + target.lumaBytes(), target.width, target.width, target.height,
                       libyuv::kFilterBox);

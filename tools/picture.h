@@ -21,6 +21,7 @@ struct Picture {
     std::vector<uint8_t> rgb;
 };
 
+/** REQUIRES: of these frames, that none of their chroma is left out, as in wholeFrame(). */
 Picture toPicture(const kit::Frame& frame, kit::FrameSize size);
 /** Another size of the same picture, smooth. */
 Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target);

@@ -128,7 +128,11 @@ public:
         return std::nullopt;
     }
 
-    void progress() { mReporter.progress(mFigures, mClient->wanted()); }
+    void progress() {
+        // Nothing more is expected of a stream whose reader went away.
+        if (mFigures.ending != Ending::NotKept) mReporter.progress(mFigures, mClient->wanted());
+    }
+    void giveBack(const Answer& answer) { mClient->giveBack(answer); }
     Reporter& reporter() { return mReporter; }
     Figures& figures() { return mFigures; }
 
@@ -199,6 +203,7 @@ std::string faultWithout(const Answer& answer) {
         case Answer::Outcome::Failed:
             return "came back as an error";
         case Answer::Outcome::Filled:
+        case Answer::Outcome::Skipped:
         case Answer::Outcome::ForeignPicture:
         case Answer::Outcome::ForeignError:
             break;
@@ -233,6 +238,11 @@ Figures playStream(const sp<IFDSession>& session, const Direction& direction) {
         const bool filled = answer->outcome == Answer::Outcome::Filled;
         const std::string fault =
             filled ? direction.look(*answer, run.figures()) : faultWithout(*answer);
+        if (filled) run.giveBack(*answer);
+        if (answer->outcome == Answer::Outcome::Failed ||
+            answer->outcome == Answer::Outcome::Skipped) {
+            direction.lookAway(*answer);
+        }
         if (!fault.empty()) run.reporter().complain(*answer, fault);
         if (!fault.empty() && (filled || answer->outcome == Answer::Outcome::Stray))
             ++run.figures().wrong;

@@ -19,6 +19,8 @@ struct Direction {
     StreamSettings stream;
     /** What becomes of each picture; in words, what is wrong with it, or nothing. */
     std::function<std::string(const Answer&, const Figures&)> look;
+    /** What becomes of an answer that brings no picture: it was skipped, or is an error. */
+    std::function<void(const Answer&)> lookAway = [](const Answer& /*answer*/) {};
     /** Asked again and again whether to end early: first without further requests, then at once. */
     std::function<bool()> interrupted = [] { return false; };
     /** Asked after each picture whether it could not be kept, so that no more are needed. */

@@ -75,6 +75,7 @@ bool receive(StreamClient& client, const SoakFrames& frames, uint32_t& missing) 
             case Answer::Outcome::Refused:
                 tell('e');
                 break;
+            case Answer::Outcome::Skipped:
             case Answer::Outcome::Stray:
             case Answer::Outcome::ForeignPicture:
             case Answer::Outcome::ForeignError:

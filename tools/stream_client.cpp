@@ -74,6 +74,10 @@ std::optional<Answer> StreamClient::next(std::chrono::milliseconds patience) {
     return mReceiver->next(patience);
 }
 
+void StreamClient::giveBack(const Answer& answer) {
+    if (answer.lent != nullptr) mReceiver->release(answer.buffer);
+}
+
 void StreamClient::stopAsking() {
     mReceiver->stopAsking();
 }

@@ -10,6 +10,7 @@
 
 #include "frame.h"
 #include "host/served_watch.h"
+#include "view/told.h"
 
 namespace tools {
 
@@ -27,12 +28,22 @@ struct StreamSettings {
     double requestsPerSecond = 0;
     /** The number of the first one; those before it are counted among `frames`. */
     uint32_t firstFrame = 0;
+    /** How a picture is copied out of its buffer. */
+    kit::Frame (*copy)(const host::Buffer&) = kit::packed;
+    /**
+     * No picture is copied. The newest one stays in its buffer until that is given back; one that a
+     * newer one finds unread is skipped, and its buffer is asked in again at once.
+     */
+    bool lends = false;
+    /** What is added to the number of each request. */
+    uint32_t numbersFrom = 0;
 };
 
 /** What became of one request. */
 struct Answer {
     enum class Outcome {
         Filled,          ///< `frame` is the picture
+        Skipped,         ///< a picture that a newer one found unread, of a stream that lends
         Failed,          ///< an error result
         Refused,         ///< the session did not take the request
         Stray,           ///< a result that belongs to no request under way
@@ -45,7 +56,10 @@ struct Answer {
     uint32_t buffer;  ///< its place among the client's buffers
     Clock::time_point arrival;
     Clock::duration latency;  ///< from the request to its answer
-    kit::Frame frame;
+    kit::Frame frame;         ///< as the settings' `copy` has it
+    camera::Told told;        ///< of the frame, before this
+    /** Where the picture is, of a stream that lends, until it is given back. */
+    const host::Buffer* lent = nullptr;
 };
 
 /** What a stream can be lost by. */
@@ -86,6 +100,8 @@ public:
      * provider is gone. Requests that have a pace are made while this waits.
      */
     std::optional<Answer> next(std::chrono::milliseconds patience);
+    /** Of a stream that lends: the picture of a filled answer is looked at no more. */
+    void giveBack(const Answer& answer);
     /** Makes no further request. */
     void stopAsking();
     /** Requests made so far. */

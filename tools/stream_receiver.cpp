@@ -10,6 +10,7 @@
 #include "host/accepted.h"
 #include "host/limits.h"
 #include "records.h"
+#include "whole_frame.h"
 
 namespace tools {
 
@@ -22,18 +23,20 @@ using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using android::hardware::camera::device::V3_2::StreamConfiguration;
 using android::hidl::base::V1_0::IBase;
+using vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg;
 
 constexpr int32_t kStreamId = 0;
 constexpr uint32_t kRowPadding = 256;  // so that a forgotten stride shows
 constexpr const char* kDied = "it has ended, or closed the connection";
-/** Of pictures that nobody has looked at yet. */
-constexpr size_t kMostUnread = 32;
+/** Of answers that nobody has looked at yet, with pictures and without. */
+constexpr size_t kMostPictures = 32;
+constexpr size_t kMostUnread = 4096;
 
 std::optional<host::Buffer> makeBuffer(kit::FrameSize size) {
     host::BufferGeometry geometry;
     geometry.width = static_cast<uint32_t>(size.width);
     geometry.height = static_cast<uint32_t>(size.height);
-    geometry.stride = geometry.width + kRowPadding;
+    geometry.stride = static_cast<uint32_t>(chromaBytes(size)) + kRowPadding;
     return host::Buffer::allocate(geometry);
 }
 
@@ -92,7 +95,7 @@ bool StreamReceiver::askForOne() {
 
 std::optional<uint32_t> StreamReceiver::takeFree() {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (mAnswers.size() >= kMostUnread) return std::nullopt;
+    if (isFarBehind()) return std::nullopt;
     if (mFree.empty()) {
         mCollecting = isPaced();
         return std::nullopt;
@@ -103,10 +106,14 @@ std::optional<uint32_t> StreamReceiver::takeFree() {
     return index;
 }
 
+bool StreamReceiver::isFarBehind() const {
+    return mAnswers.size() >= (mSettings.lends ? kMostUnread : kMostPictures);
+}
+
 void StreamReceiver::release(uint32_t index) {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mCollecting |= mAnswers.size() >= kMostUnread;
+        mCollecting |= isFarBehind();
         if (mCollecting) {
             mFree.push_back(index);
             mPosted.notify_one();
@@ -122,7 +129,8 @@ bool StreamReceiver::submit(uint32_t index) {
     const host::Buffer& buffer = mSlots[index].buffer;
     std::fill_n(buffer.bytes(), buffer.size(), kNotWritten);
 
-    // The session is called without the lock: it may answer before the call returns.
+    const std::lock_guard<std::mutex> inOrder(mAsking);
+    // The session is called without the other lock: it may answer before the call returns.
     const std::optional<CaptureRequest> request = makeRequest(index);
     if (!request) return true;
     const Return<Status> answer = mSession->processCaptureRequest(*request);
@@ -140,11 +148,12 @@ std::optional<StreamReceiver::CaptureRequest> StreamReceiver::makeRequest(uint32
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mAsked >= mWanted || mLoss != Loss::None) return std::nullopt;
     Slot& slot = mSlots[index];
-    slot.frameNumber = mAsked++;
+    slot.frameNumber = mSettings.numbersFrom + mAsked++;
     slot.underWay = true;
     ++mUnderWay;
     const bool isKnown = std::exchange(slot.handleSent, true);
     slot.submission = Clock::now();
+    slot.told = {};
     return kit::requestFor(slot.frameNumber, mFirstBufferId + index,
                            isKnown ? nullptr : slot.buffer.handle(), kStreamId);
 }
@@ -156,24 +165,36 @@ void StreamReceiver::refused(uint32_t index) {
     slot.handleSent = false;  // nobody has kept it
     slot.underWay = false;
     --mUnderWay;
-    postLocked({Answer::Outcome::Refused, slot.frameNumber, index, now, now - slot.submission, {}});
+    postLocked(
+        {Answer::Outcome::Refused, slot.frameNumber, index, now, now - slot.submission, {}, {}});
 }
 
 StreamReceiver::Return<void> StreamReceiver::processCaptureResult(
     const hidl_vec<CaptureResult>& results) {
     const Clock::time_point arrival = Clock::now();
     for (const CaptureResult& result : results) {
-        if (const std::optional<uint32_t> index = receive(result, arrival)) release(*index);
+        for (const uint32_t index : receive(result, arrival))
+            release(index);
     }
     return {};
 }
 
-std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
-                                                Clock::time_point arrival) {
+StreamReceiver::Return<void> StreamReceiver::notify(const hidl_vec<FDNotifyMsg>& msgs) {
+    const std::lock_guard<std::mutex> lock(mMutex);
+    for (const FDNotifyMsg& msg : msgs) {
+        for (Slot& slot : mSlots) {
+            if (slot.underWay && slot.frameNumber == msg.frameNumber) slot.told.take(msg);
+        }
+    }
+    return {};
+}
+
+StreamReceiver::Places StreamReceiver::receive(const CaptureResult& result,
+                                               Clock::time_point arrival) {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (result.outputBuffers.size() != 1) {
-        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
-        return std::nullopt;
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
+        return {};
     }
     const bool filled = result.outputBuffers[0].status == BufferStatus::OK;
     const uint64_t index = result.outputBuffers[0].bufferId - mFirstBufferId;
@@ -183,21 +204,45 @@ std::optional<uint32_t> StreamReceiver::receive(const CaptureResult& result,
                     0,
                     arrival,
                     {},
+                    {},
                     {}});
-        return std::nullopt;
+        return {};
     }
     if (!answers(result, index)) {
-        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}});
-        return std::nullopt;
+        postLocked({Answer::Outcome::Stray, result.frameNumber, 0, arrival, {}, {}, {}});
+        return {};
     }
     Slot& slot = mSlots[index];
     const auto place = static_cast<uint32_t>(index);
     slot.underWay = false;
     --mUnderWay;
-    postLocked({filled ? Answer::Outcome::Filled : Answer::Outcome::Failed, result.frameNumber,
-                place, arrival, arrival - slot.submission,
-                filled ? kit::packed(slot.buffer) : kit::Frame()});
-    return place;
+    Answer answer = {filled ? Answer::Outcome::Filled : Answer::Outcome::Failed,
+                     result.frameNumber,
+                     place,
+                     arrival,
+                     arrival - slot.submission,
+                     {},
+                     slot.told};
+    Places free = {place};
+    if (filled && mSettings.lends) {
+        free = lendLocked(answer);
+    } else if (filled) {
+        answer.frame = mSettings.copy(slot.buffer);
+    }
+    postLocked(std::move(answer));
+    return free;
+}
+
+StreamReceiver::Places StreamReceiver::lendLocked(Answer& answer) {
+    Places free;
+    for (Answer& unread : mAnswers) {
+        if (unread.outcome != Answer::Outcome::Filled) continue;
+        unread.outcome = Answer::Outcome::Skipped;
+        unread.lent = nullptr;
+        free.push_back(unread.buffer);
+    }
+    answer.lent = &mSlots[answer.buffer].buffer;
+    return free;
 }
 
 bool StreamReceiver::answers(const CaptureResult& result, uint64_t index) const {

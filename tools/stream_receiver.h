@@ -44,6 +44,9 @@ public:
     android::hardware::camera::device::V3_2::StreamConfiguration configuration() const;
     // As the client's own.
     std::optional<Answer> next(std::chrono::milliseconds patience);
+    /** The buffer is free: asks for the next frame in it, or keeps it for who makes the requests.
+     */
+    void release(uint32_t index);
     void stopAsking();
     uint32_t asked() const;
     uint32_t wanted() const;
@@ -65,14 +68,14 @@ public:
     Return<void> processCaptureResult(
         const android::hardware::hidl_vec<CaptureResult>& results) override;
     Return<void> notify(
-        const android::hardware::hidl_vec<
-            vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg>& /*msgs*/) override {
-        return {};
-    }
+        const android::hardware::hidl_vec<vendor::zoru::zoruprovider::fdstream::V1_0::FDNotifyMsg>&
+            msgs) override;
     void serviceDied(uint64_t cookie,
                      const android::wp<android::hidl::base::V1_0::IBase>& who) override;
 
 private:
+    using Places = std::vector<uint32_t>;
+
     struct Slot {
         explicit Slot(host::Buffer allocated) : buffer(std::move(allocated)) {}
 
@@ -82,11 +85,9 @@ private:
         bool underWay = false;
         uint32_t frameNumber = 0;
         Clock::time_point submission;
+        camera::Told told;
     };
 
-    /** The buffer is free: asks for the next frame in it, or keeps it for who makes the requests.
-     */
-    void release(uint32_t index);
     bool isPaced() const { return mPeriod != Clock::duration::zero(); }
     /** Asks for the next frame in a buffer that was kept; false when there is none to ask in. */
     bool askForOne();
@@ -99,12 +100,16 @@ private:
     bool submit(uint32_t index);
     std::optional<CaptureRequest> makeRequest(uint32_t index);
     void refused(uint32_t index);
-    /** Posts the answer that a result is, and gives the buffer that is free again. */
-    std::optional<uint32_t> receive(const CaptureResult& result, Clock::time_point arrival);
+    /** Posts the answer that a result is, and gives the buffers that are free again. */
+    Places receive(const CaptureResult& result, Clock::time_point arrival);
     // REQUIRES: mMutex is held.
+    /** Whether so much waits to be looked at that no more is asked for. */
+    bool isFarBehind() const;
     /** Whether the result gives this buffer back. */
     bool answers(const CaptureResult& result, uint64_t index) const;
     void postLocked(Answer answer);
+    /** Lends this buffer instead of those whose pictures nobody has read, which are free again. */
+    Places lendLocked(Answer& answer);
     void loseLocked(Loss loss, const std::string& how);
 
     // Constant once the stream has started.
@@ -114,6 +119,9 @@ private:
     const uint64_t mFirstBufferId;
     std::vector<Slot> mSlots;
 
+    // Held while a request is made, which the session gets in the order of their numbers; before
+    // mMutex.
+    std::mutex mAsking;
     mutable std::mutex mMutex;
     std::condition_variable mPosted;
     // Guarded by mMutex.

@@ -31,20 +31,22 @@ kit::FrameSize fitting(kit::FrameSize size, int columns, int lines) {
     return {even(size.width * scale), even(size.height * scale)};
 }
 
-std::vector<std::string> textOf(const Answer& answer, const Figures& figures, double rate) {
+std::vector<std::string> textOf(const Answer& answer, const Figures& figures, double rate,
+                                const std::vector<std::string>& more) {
     char perSecond[32];
     snprintf(perSecond, sizeof(perSecond), "%.1f frames/s", rate);
     char latency[32];
     snprintf(latency, sizeof(latency), "%.1f ms", inMilliseconds(answer.latency));
-    return {"frame " + std::to_string(answer.frameNumber),
-            perSecond,
-            latency,
-            "",
-            "delivered " + std::to_string(figures.delivered),
-            "failed    " + std::to_string(figures.failed()),
-            "wrong     " + std::to_string(figures.wrong),
-            "",
-            "Ctrl-C ends"};
+    std::vector<std::string> lines = {"frame " + std::to_string(answer.frameNumber),
+                                      perSecond,
+                                      latency,
+                                      "",
+                                      "delivered " + std::to_string(figures.delivered),
+                                      "failed    " + std::to_string(figures.failed()),
+                                      "wrong     " + std::to_string(figures.wrong)};
+    lines.insert(lines.end(), more.begin(), more.end());
+    lines.insert(lines.end(), {"", "Ctrl-C ends"});
+    return lines;
 }
 
 void put(const std::string& text) {
@@ -77,7 +79,8 @@ TerminalView::Window TerminalView::window() {
     return {size.ws_col, size.ws_row};
 }
 
-void TerminalView::show(const Answer& answer, const Figures& figures) {
+void TerminalView::show(const Answer& answer, const Figures& figures,
+                        const std::vector<std::string>& more) {
     mRecent.push_back(answer.arrival);
     if (mRecent.size() > kRecentFrames) mRecent.pop_front();
     const double rate = framesPerSecond({mRecent.begin(), mRecent.end()});
@@ -91,7 +94,7 @@ void TerminalView::show(const Answer& answer, const Figures& figures) {
         scaled(answer.frame, mSize, fitting(mSize, mWindow.columns, mWindow.lines));
     const int pictureColumns = std::min(picture.width, mWindow.columns);
     const int textColumns = std::max(0, mWindow.columns - picture.width - kGap);
-    const std::vector<std::string> text = textOf(answer, figures, rate);
+    const std::vector<std::string> text = textOf(answer, figures, rate, more);
     const int textLines = textColumns > 0 ? static_cast<int>(text.size()) : 0;
     const int lines = std::min(std::max(picture.height / 2, textLines), mWindow.lines);
     for (int line = 0; line < lines; ++line) {

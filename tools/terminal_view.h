@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <string>
+#include <vector>
 
 #include "cells.h"
 #include "figures.h"
@@ -26,7 +27,9 @@ public:
     /** In words, why the standard output can show nothing; empty when it can. */
     static std::string obstacle();
 
-    void show(const Answer& answer, const Figures& figures);
+    /** `more` are lines beside the picture, after those that there always are. */
+    void show(const Answer& answer, const Figures& figures,
+              const std::vector<std::string>& more = {});
 
 private:
     struct Window {

@@ -68,14 +68,27 @@ bool ClientToolFixture::provideOne() {
     CaptureResult result = resultFor(request);
     result.outputBuffers[0].bufferId = 5;
     session->sendCaptureResult(result);
-    ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-    session->sendCaptureResult(resultFor(request));
+    CaptureResult answer = resultFor(request);
+    answer.outputBuffers[0].status = fill(request);
+    session->sendCaptureResult(answer);
     if (++served == mEventAfter) {
         const std::lock_guard<std::mutex> lock(mEventMutex);
         mEvent();
     }
     usleep(pauseUs);
     return true;
+}
+
+BufferStatus ClientToolFixture::fill(const CaptureRequest& request) {
+    const std::lock_guard<std::mutex> lock(mEventMutex);
+    if (mFilling) return mFilling(request);
+    ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+    return BufferStatus::OK;
+}
+
+void ClientToolFixture::fillBy(Filling filling) {
+    const std::lock_guard<std::mutex> lock(mEventMutex);
+    mFilling = std::move(filling);
 }
 
 void ClientToolFixture::after(int frames, std::function<void()> what) {
@@ -86,7 +99,7 @@ void ClientToolFixture::after(int frames, std::function<void()> what) {
 
 int ClientToolFixture::run(const std::string& arguments, const std::string& before) const {
     const Output output = runShell("cd " + folder.path().string() + "; exec >out 2>err; " + before +
-                                   " timeout 60 " CLIENT_TOOL " --socket socket " + arguments);
+                                   " timeout 60 " + program + " --socket socket " + arguments);
     // What an event did is seen from here on.
     const std::lock_guard<std::mutex> lock(mEventMutex);
     return output.exitCode;

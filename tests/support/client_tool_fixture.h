@@ -26,7 +26,7 @@ bool matches(const std::string& text, const std::string& expression);
 std::string contentOf(const std::string& path);
 
 /**
- * The client program, against a provider in this process that follows its clients as the provider
+ * A client program, against a provider in this process that follows its clients as the provider
  * program does.
  */
 class ClientToolFixture : public SessionFixture {
@@ -34,7 +34,12 @@ protected:
     ClientToolFixture();
     ~ClientToolFixture() override;
 
+    /** The status with which a buffer comes out of this. */
+    using Filling = std::function<BufferStatus(const CaptureRequest&)>;
+
     void listen();
+    /** From now on buffers are filled so, on the provider's thread; by the fixture without it. */
+    void fillBy(Filling filling);
     /** Runs this on the provider's thread when so many frames have been served, inside a run(). */
     void after(int frames, std::function<void()> what);
     /** The exit code of the program with these arguments, after these words of the shell. */
@@ -52,16 +57,19 @@ protected:
     std::atomic<pid_t> tool{0};
     std::atomic<int> served{0};
     std::atomic<useconds_t> pauseUs{0};
+    std::string program = CLIENT_TOOL;
 
 private:
     /** Sends what an earlier client had asked for, and then what this one did. */
     bool provideOne();
+    BufferStatus fill(const CaptureRequest& request);
 
     kit::Frame mFrame = kit::Frame(kit::kFrameBytes, 7);
     std::atomic<bool> mEnd{false};
     std::atomic<int> mEventAfter{-1};
     mutable std::mutex mEventMutex;
     std::function<void()> mEvent;  // guarded by mEventMutex
+    Filling mFilling;              // guarded by mEventMutex
     std::mutex mMutex;
     std::string mSaid;  // guarded by mMutex
     std::thread mProvider;
