@@ -55,6 +55,8 @@ constexpr const char* kExamples =
     "  ./run demo --buffers 1        one request in flight: latency without a queue\n"
     "  ./run demo --out pictures     puts the pictures somewhere else\n"
     "  ./run demo -v 2>log.txt       keeps what the library logs\n"
+    "  ./run demo --faces            and two scenes in which a face is found\n"
+    "  ./run demo --faces FILE       your own video, or /dev/video0\n"
     "\n"
     "The two sides alone: fdstream-provider --help, fdstream-client --help\n"
     "\n"

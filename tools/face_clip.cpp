@@ -57,9 +57,9 @@ FaceClip::FaceClip(const Picture& photo) : mPhoto(size_t{4} * kSide * kSide) {
 }
 
 Rect FaceClip::place(int frame) const {
-    // At its fastest 2 pi x 425 pixels in 14 seconds, which is 191 a second of 1280.
+    // At its fastest 2 pi x 246 pixels in 14 seconds, which is 110 a second of 1280.
     const double turn = 2 * kPi * frame / kFrames;
-    const double x = (kSize.width - kSide) / 2.0 * (1 + 0.95 * std::sin(turn));
+    const double x = (kSize.width - kSide) / 2.0 * (1 + 0.55 * std::sin(turn));
     const double y = (kSize.height - kSide) / 2.0 * (1 + 0.5 * std::sin(2 * turn));
     return {static_cast<int>(std::lround(x)) & ~1, static_cast<int>(std::lround(y)) & ~1, kSide,
             kSide};

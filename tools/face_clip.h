@@ -13,7 +13,7 @@ namespace tools {
 
 /**
  * A clip, made as it is played, in which the face of a photograph moves through a wide picture on a
- * path that is known: never faster than 15 % of the picture's width a second, and back where it
+ * path that is known: never faster than 9 % of the picture's width a second, and back where it
  * began after kFrames frames.
  */
 class FaceClip {

@@ -34,7 +34,7 @@ constexpr int kAllRight = 0;
 constexpr int kNotRight = 1;
 constexpr int kNotPlayed = 2;
 
-constexpr camera::FrameSize kStream = {1280, 720};
+constexpr camera::FrameSize kStream = {960, 540};
 constexpr int kEnough = 95;  ///< of a hundred
 
 constexpr const char* kExamples =
