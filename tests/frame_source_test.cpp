@@ -135,6 +135,17 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilled) {
     EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], 'a');
 }
 
+TEST_F(FrameSourceTest, KeepsItsWrapperUntilTheResultIsSent) {
+    source = new FDSessionTest;
+    ASSERT_TRUE(gate->waitUntilPausing());
+    configure(4);
+    submit(1, 4, buffer.handle());
+    const FileWatch watch(buffer.handle()->data[0], Watching::CLOSES, [this] {
+        EXPECT_TRUE(eventually([this] { return deliveries.count() > 0; }));
+    });
+    ASSERT_TRUE(gate->passOnce());
+}
+
 TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {
     configure(0, 64, 64);
     source = new FDSessionTest;

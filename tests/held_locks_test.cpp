@@ -44,10 +44,15 @@ protected:
         act();
         callback->during = nullptr;
     }
+    static void inLine(const char* text, const Probe& probe, const Probe& act) {
+        GateSink sink(text);
+        sink.inside = probe;
+        const host::ScopedLogSink scope(sink);
+        act();
+    }
 };
 
 TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) {
-    GateSink sink("unlock failed");
     const std::map<std::string, std::pair<Other, std::function<void(const Probe&)>>> places = {
         {"onSceneControl",
          {Other::WAITS, [&](auto& p) { inObserver(p, [&] { session->setSceneControl({}); }); }}},
@@ -76,14 +81,15 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
           }}},
         {"processCaptureResult of an error",
          {Other::GOES_ON, [&](auto& p) { submit(1, 1), inClient(p, [&] { pass(); }); }}},
+        {"the first line of configure",
+         {Other::GOES_ON,
+          [&](auto& p) { inLine("handleConfigure: \n", p, [this] { configure(); }); }}},
         {"rotate180", {Other::GOES_ON, [&](auto& p) {
-                           sink.inside = p;
-                           const host::ScopedLogSink scope(sink);
                            submit(1, 1);
                            session->sendCaptureResult(resultOf(1));
                            host::setProperty("vendor.zoru.flipped", "true");
                            host::failNextUnlock(5);
-                           pass();
+                           inLine("unlock failed", p, [this] { pass(); });
                        }}}};
     configure();
     session->setSceneCallback(&observer);
@@ -113,6 +119,37 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
         });
         EXPECT_TRUE(meanwhile.has_value());
     }
+}
+
+TEST_F(HeldLocksTest, StampsARequestWhenItHasTheLock) {
+    configure();
+    clock.stopAt(1000000);
+    std::optional<Meanwhile> submitting;
+    observer.inside = [&] {
+        submitting.emplace([this] { submit(1, 1); }, Other::WAITS);
+        clock.stopAt(3000000);
+    };
+    session->setSceneCallback(&observer);
+    session->setSceneControl({});
+    submitting.reset();
+    pass();
+    EXPECT_EQ(deliveries.count(), 0U);
+    clock.stopAt(4000001);
+    pass();
+    EXPECT_EQ(deliveries.count(), 1U);
+}
+
+TEST_F(HeldLocksTest, FreesTheHandlesBeforeItDropsTheirWrappers) {
+    configure();
+    submit(1, 1);
+    int freed = 0;
+    sessionMapper().onFree = [&](void*) {
+        ++freed;
+        EXPECT_NE(session->getBufferForId(1), nullptr);
+    };
+    configure();
+    sessionMapper().onFree = nullptr;
+    EXPECT_EQ(freed, 1);
 }
 
 TEST_F(HeldLocksTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueueOnly) {

@@ -1,5 +1,8 @@
 // Each operation of the session against those that touch the same, over and over, for the thread
-// sanitizer; and against one that has the session locked.
+// sanitizer; against one that has the session locked; and where each one lets go of the lock.
+
+#include <dlfcn.h>
+#include <pthread.h>
 
 #include <functional>
 #include <map>
@@ -9,6 +12,25 @@
 
 #include "host/properties.h"
 #include "support/driven_session.h"
+
+#ifndef __SANITIZE_THREAD__  // which cannot do without its own
+
+/** Runs each time when this thread has let go of a recursive mutex, so that others may have it. */
+static thread_local std::function<void()> afterUnlock;
+
+// glibc keeps in the mutex what it is and how often its thread has it.
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
+    static auto* const next =
+        reinterpret_cast<decltype(&pthread_mutex_unlock)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    const bool isLast =
+        mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE && mutex->__data.__count == 1;
+    const int result = next(mutex);
+    if (!isLast || !afterUnlock) return result;
+    const std::function<void()> now = afterUnlock;  // which may put another one there
+    now();
+    return result;
+}
+#endif
 
 namespace testing_support {
 
@@ -113,6 +135,47 @@ TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
         all.push_back(name);
     run(all, 100);
 }
+
+#ifndef __SANITIZE_THREAD__
+TEST_F(RaceTest, LetsGoOfTheLockNowhereInTheMiddleOfAnOperation) {
+    const std::map<std::string, int> notOnce = {
+        {"isCaptureRequestReady", 0},
+        {"sendCaptureResult", 0},
+        {"setTrackControl", 2},  // the observer looks, without the lock
+        {"pass", 4}};            // the wrapper, the callback, the stale request, the callback
+    host::setProperty("vendor.zoru.flipped", "true");
+    for (const auto& [name, operation] : operations) {
+        configure();
+        submit(1, 1);
+        session->sendCaptureResult(resultOf(1));
+        session->setSceneCallback(&observer);
+        session->setTrackingMode(TrackingMode::GROUP);
+        int times = 0;
+        afterUnlock = [&] { ++times; };
+        operation(3);
+        afterUnlock = nullptr;
+        const auto other = notOnce.find(name);
+        EXPECT_EQ(times, other != notOnce.end() ? other->second : 1) << name;
+    }
+}
+
+TEST_F(RaceTest, DeliversToTheCallbackThatIsSetBeforeTheFrameIsTurned) {
+    Deliveries later;
+    configure();
+    submit(1, 1);
+    session->sendCaptureResult(resultOf(1));
+    host::setProperty("vendor.zoru.flipped", "true");
+    // What the turning needs first is the lock, for the wrapper.
+    afterUnlock = [&] {
+        afterUnlock = nullptr;
+        session->handleSetCallback(new Callback(later));
+    };
+    pass();
+    EXPECT_EQ(deliveries.count(), 0U);
+    EXPECT_EQ(later.count(), 2U);  // the frame, and the request that has grown old
+    session->handleSetCallback(nullptr);
+}
+#endif
 
 TEST_F(RaceTest, LetsAllButTwoOperationsWaitWhileTheSessionIsLocked) {
     configure();
