@@ -30,11 +30,14 @@ constexpr int64_t kSecondNs = 1'000'000'000;
 
 int decodingThreads(const SourceOptions& options) {
 #ifdef __SANITIZE_THREAD__
-    return 1;  // the threads of a library without TSan's marks look like races
+    constexpr int kMost = 1;  // the threads of a library without TSan's marks look like races
 #else
-    if (options.decodingThreads > 0) return options.decodingThreads;
-    return std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, 4);
+    constexpr int kMost = 4;
 #endif
+    const int wanted = options.decodingThreads > 0
+                           ? options.decodingThreads
+                           : static_cast<int>(std::thread::hardware_concurrency());
+    return std::clamp(wanted, 1, kMost);
 }
 
 bool endsWith(const std::string& text, const std::string& end) {
