@@ -177,8 +177,8 @@ TEST_F(CameraTest, PlaysOnWithoutAnybodyAndShowsAStillPicture) {
 
 TEST_F(CameraTest, GivesUpWhateverItWaitsFor) {
     RawFifo silent(folder / "fifo");
-    auto opening = std::async(std::launch::async, [&] { return play(sourceOf("fifo")); });
-    EXPECT_TRUE(eventually([&] { return source != nullptr; }));
+    make(sourceOf("fifo"));
+    auto opening = std::async(std::launch::async, [&] { return start(); });
     source->giveUp();
     EXPECT_EQ(opening.get(), "it was stopped");
 
