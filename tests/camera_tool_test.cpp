@@ -52,17 +52,18 @@ TEST(CameraToolTest, ServesTheNextClientAtFullRate) {
     EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
     const std::string client = "exec " CLIENT_TOOL " --size 160x120 --socket " + socket;
     for (int i = 0; i < 4; ++i) {
+        const Output next = runShell(client + " --frames 25");
+        EXPECT_EQ(next.exitCode, 0) << next.text;
         const auto killed = startShell(client + " --frames 0");
         for (std::string line; line.find("came") == std::string::npos;)
             line = provider->nextLine(kPatience).value_or("came?");
         EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
         killed->signal(SIGKILL);
-        const Output next = runShell(client + " --frames 25");
-        EXPECT_EQ(next.exitCode, 0) << next.text;
     }
     provider->signal(SIGTERM);
     const std::string said = provider->rest(kPatience);
     EXPECT_EQ(provider->exitCode(kPatience), 0);
+    EXPECT_EQ(said.find("references"), std::string::npos) << said;  // to the session, at its end
     size_t lines = 0;
     for (size_t at = said.find("notify"); at != std::string::npos; at = said.find("notify", at + 1))
         ++lines;

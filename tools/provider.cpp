@@ -95,13 +95,13 @@ void say(const std::string& line) {
 
 /** Null after a sentence on stderr. */
 std::unique_ptr<host::Server> listen(const std::string& socket,
-                                     const std::shared_ptr<tools::CameraInput>& camera) {
-    const auto watch =
-        std::make_shared<tools::ClientWatch>([](const std::string& line) { say(line + "\n"); },
-                                             [camera](bool hasClient) {
-                                                 if (camera != nullptr)
-                                                     camera->holderChanged(hasClient);
-                                             });
+                                     const std::shared_ptr<tools::CameraInput>& played) {
+    const auto watch = std::make_shared<tools::ClientWatch>(
+        [](const std::string& line) { say(line + "\n"); },
+        // The session holds on to this with a client's callback, and must not do so to its camera.
+        [known = std::weak_ptr(played)](bool hasClient) {
+            if (const auto camera = known.lock()) camera->holderChanged(hasClient);
+        });
     const sp<tools::WatchedSession> session =
         new tools::WatchedSession(FDSession::getInstance()->getInterface(), watch);
     host::ConnectionEvents events;

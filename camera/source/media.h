@@ -56,6 +56,8 @@ public:
     std::string description() const;
 
 private:
+    static constexpr std::chrono::seconds kForARead{2};
+
     Media(const SourceOptions& options, const StopSignal& stop) : mOptions(options), mStop(stop) {}
 
     // The steps of opening. False after `problem` was said.

@@ -23,7 +23,7 @@ struct SourceOptions {
     /** Frames a second: every frame is played. 0: a frame is decoded when it is asked for. */
     std::optional<double> fps;
     bool once = false;        ///< ends the stream where a file ends
-    int decodingThreads = 0;  ///< 0: as many as are of use here
+    int decodingThreads = 0;  ///< at most 4; 0: as there are processors
 };
 
 /** "WIDTHxHEIGHT", both above 0; nothing when it is none. */

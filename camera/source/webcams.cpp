@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -143,7 +144,7 @@ std::vector<Webcam> webcams(const std::string& path) {
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), closedir);
     while (const dirent* const entry = folder == nullptr ? nullptr : readdir(folder.get())) {
         const std::string name = entry->d_name;
-        if (name.rfind("video", 0) == 0) devices.push_back(path + "/" + name);
+        if (name.rfind("video", 0) == 0) devices.push_back(std::filesystem::path(path) / name);
     }
     std::sort(devices.begin(), devices.end(), [](const std::string& a, const std::string& b) {
         return std::make_pair(a.size(), a) < std::make_pair(b.size(), b);  // video2 before video10

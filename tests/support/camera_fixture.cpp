@@ -36,12 +36,15 @@ void CameraFixture::connect(const std::string& socket) {
     configureAnew();
 }
 
-std::string CameraFixture::play(const camera::SourceOptions& options) {
+void CameraFixture::make(const camera::SourceOptions& options) {
     source = std::make_unique<camera::Camera>(session, options, [this](const std::string& line) {
         const std::lock_guard<std::mutex> lock(mMutex);
         mSaid += line + "\n";
     });
     source->clientCame();
+}
+
+std::string CameraFixture::start() const {
     std::string problem;
     return source->start(problem) ? "" : problem;
 }

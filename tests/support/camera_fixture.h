@@ -29,8 +29,13 @@ protected:
     ~CameraFixture() override;
 
     void configureAnew() { EXPECT_EQ(session->handleConfigure(configurationOf(0, 64, 48)), 0); }
-    /** Starts it with a client; the sentence when it cannot be. */
-    std::string play(const camera::SourceOptions& options);
+    void make(const camera::SourceOptions& options);
+    /** The sentence when it cannot be. */
+    std::string start() const;
+    std::string play(const camera::SourceOptions& options) {
+        make(options);
+        return start();
+    }
     /** The file or FIFO in the fixture's folder, unless told otherwise without a pace. */
     camera::SourceOptions sourceOf(const std::string& name, double fps = 0) const;
     /** From now on its client is at the other end of a socket. */
