@@ -41,12 +41,6 @@ protected:
         memory->unlock();
         return BufferStatus::OK;
     }
-
-    void announce(uint32_t frameNumber, double perSecond) {
-        FDNotifyMsg msg = camera::shutterOf(
-            frameNumber, static_cast<uint64_t>(1e9 + 1e9 / perSecond * frameNumber));
-        session->sendNotify(msg);
-    }
 };
 
 std::string frame(size_t luma, size_t chroma, uint32_t number) {
@@ -60,7 +54,7 @@ std::string frame(size_t luma, size_t chroma, uint32_t number) {
 TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
     const struct {
         const char* arguments;
-        double announced;  // 0: nothing is
+        double announced;  // frames a second; 0: nothing is
         const char* header;
         size_t luma, chroma;
     } cases[] = {
@@ -73,7 +67,10 @@ TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
     for (const auto& c : cases) {
         fillBy([&](const CaptureRequest& request) {
             if (request.frameNumber == 1) return BufferStatus::ERROR;
-            if (c.announced > 0) announce(request.frameNumber, c.announced);
+            if (c.announced == 0) return fillWithNumber(request);
+            const double ns = 1e9 + 1e9 / c.announced * request.frameNumber;
+            FDNotifyMsg shutter = camera::shutterOf(request.frameNumber, static_cast<uint64_t>(ns));
+            session->sendNotify(shutter);
             return fillWithNumber(request);
         });
         EXPECT_EQ(run(std::string(c.arguments) + " --buffers 2 --y4m y4m --raw raw"), 1);

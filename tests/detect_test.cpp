@@ -1,0 +1,252 @@
+// The program that finds faces: what it looks at and says of it, and how the view follows them.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ZoruUtil.h"
+#include "control_server.h"
+#include "support/client_tool_fixture.h"
+#include "support/run_shell.h"
+#include "view/crop_rule.h"
+#include "view/faces.h"
+
+namespace testing_support {
+
+namespace {
+
+using camera::FrameSize;
+using camera::Rect;
+using vendor::zoru::zoruprovider::zoruprovider::V2_4::SceneControl;
+using vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackingMode;
+
+constexpr FrameSize kPicture = {1280, 720};
+constexpr FrameSize kStream = {640, 360};
+constexpr Rect kAll = {0, 0, 1280, 720};
+
+/** For this a face is a light block above a dark one, so that tests need no photograph. */
+constexpr const char* kCascade = R"(<?xml version="1.0"?>
+<opencv_storage><cascade type_id="opencv-cascade-classifier">
+<stageType>BOOST</stageType><featureType>HAAR</featureType><height>24</height><width>24</width>
+<stageParams><maxWeakCount>1</maxWeakCount></stageParams>
+<featureParams><maxCatCount>0</maxCatCount></featureParams><stageNum>1</stageNum>
+<stages><_><maxWeakCount>1</maxWeakCount><stageThreshold>0.5</stageThreshold>
+<weakClassifiers><_><internalNodes>0 -1 0 1.05</internalNodes><leafValues>0. 1.</leafValues></_>
+</weakClassifiers></_></stages>
+<features><_><rects><_>0 0 24 24 -1.</_><_>0 0 24 12 2.</_></rects><tilted>0</tilted></_></features>
+</cascade></opencv_storage>
+)";
+
+/** A camera with a face in its picture, whose view is what the session has. */
+class DetectTest : public ClientToolFixture {
+protected:
+    DetectTest() {
+        program = DETECT_TOOL;
+        pauseUs = 10000;
+        std::ofstream(folder / "cascade") << kCascade;
+        std::string problem;
+        controls = control::ControlServer::listen(folder / "socket.control", session, {}, problem);
+        EXPECT_NE(controls, nullptr) << problem;
+        fillBy([this](const CaptureRequest& request) { return shoot(request); });
+    }
+    ~DetectTest() override { fillBy({}); }
+
+    int detect(const std::string& arguments, const std::string& before = "") {
+        return run("--cascade cascade --size 640x360 " + arguments, before);
+    }
+
+    Rect wanted() const {
+        SceneControl ptz = {};
+        session->getPTZControl(ptz);
+        const auto& crop = ptz.crops[0];
+        return {crop.x, crop.y, crop.width, crop.height};
+    }
+
+    /** Tells of the frame, and fills it. */
+    BufferStatus shoot(const CaptureRequest& request) {
+        const auto now = std::chrono::steady_clock::now();
+        view = camera::viewFor(wanted(), kPicture, kPicture, kStream);
+        const double seconds = std::chrono::duration<double>(now - start).count();
+        if (isMoving) face.x = 400 + static_cast<int>(300 * std::sin(seconds / 3));  // 8 % a second
+        const auto ns = static_cast<uint64_t>(now.time_since_epoch().count());
+        const uint32_t number = request.frameNumber;
+        for (FDNotifyMsg msg : {camera::shutterOf(number, ns), camera::viewOf(number, view),
+                                camera::pictureOf(number, {kPicture, isTurned})}) {
+            if (tells) session->sendNotify(msg);
+        }
+        const Rect place = camera::inFrame(face, kStream, view, false);
+        const int left = std::clamp(place.x, 0, kStream.width);
+        const int right = std::clamp(place.x + place.width, left, kStream.width);
+        kit::Frame frame(kStream.bytes(), 128);
+        for (int y = std::max(0, place.y); y < std::min(360, place.y + place.height); ++y)
+            memset(&frame[static_cast<size_t>(y * 640 + left)],
+                   y - place.y < place.height / 2 ? 235 : 16, static_cast<size_t>(right - left));
+        ZoruUtil::copyTo(frame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+        return BufferStatus::OK;
+    }
+
+    /** The lines of a kind that the program wrote to "json". */
+    std::vector<std::string> lines(const std::string& outcome) const {
+        std::vector<std::string> lines;
+        std::istringstream json(read("json"));
+        for (std::string line; std::getline(json, line);) {
+            if (has(line, "\"outcome\": \"" + outcome)) lines.push_back(line);
+        }
+        return lines;
+    }
+
+    std::unique_ptr<control::ControlServer> controls;
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    Rect view;
+    Rect face = {520, 280, 96, 96};
+    std::atomic<bool> isMoving{false};
+    std::atomic<bool> tells{true};
+    std::atomic<bool> isTurned{false};
+    int framesOff = 0;
+};
+
+/** The first face in a line's field; none when it is unknown or empty. */
+Rect faceIn(const std::string& line, const std::string& field) {
+    Rect face;
+    const size_t at = line.find("\"" + field + "\": [[");
+    if (at == std::string::npos) return face;
+    sscanf(line.c_str() + line.find("[[", at), "[[%d, %d, %d, %d]", &face.x, &face.y, &face.width,
+           &face.height);
+    return face;
+}
+
+}  // namespace
+
+TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
+    const Rect half = {320, 180, 640, 360};
+    SceneControl ptz = {};
+    ptz.crops = std::vector<vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop>{
+        {half.x, half.y, half.width, half.height}};
+    session->setPTZControl(ptz);
+    for (const auto& [told, turned] : {std::pair(true, false), {true, true}, {false, false}}) {
+        tells = told;
+        isTurned = turned;
+        EXPECT_EQ(detect("--frames 40 --json json --png png"), 0) << read("err");
+        const std::vector<std::string> seen = lines("detected");
+        ASSERT_GE(seen.size(), 2U) << read("json");
+        EXPECT_EQ(faceIn(seen[0], "faces").width, 0) << seen[0];  // from the second time on
+        const Rect found = faceIn(seen.back(), "faces");
+        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << seen.back();
+        const Rect place = camera::inPicture(found, kStream, half, turned);
+        EXPECT_EQ(faceIn(seen.back(), "faces_in_picture"), told ? place : Rect()) << seen.back();
+        EXPECT_EQ(has(seen.back(), "\"view\": [320, 180, 640, 360]"), told) << seen.back();
+        EXPECT_EQ(has(seen.back(), "\"camera_to_faces_ms\": null"), !told) << seen.back();
+        EXPECT_EQ(lines("").size(), 40U);
+        const std::string number = seen.back().substr(10, seen.back().find(',') - 10);
+        EXPECT_TRUE(exists("png/frame-" + number + ".png")) << number;
+        EXPECT_FALSE(has(read("json"), "{\"frame\": 0,"));
+    }
+}
+
+TEST_F(DetectTest, LeavesOutThePlacesOfTheFirstFramesAfterATurn) {
+    after(10, [this] { isTurned = true; });
+    EXPECT_EQ(detect("--frames 30 --json json"), 0);
+    const std::vector<std::string> all = lines("");
+    const auto turn = std::find_if(all.begin(), all.end(), [](const std::string& line) {
+        return has(line, "\"turned\": true");
+    });
+    ASSERT_GE(all.end() - turn, 7);
+    for (auto line = turn; line != turn + 7; ++line) {
+        EXPECT_TRUE(!has(*line, "detected") ||
+                    has(*line, "faces_in_picture\": null") == (line - turn < 5))
+            << *line;
+    }
+}
+
+TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
+    pauseUs = 0;
+    EXPECT_EQ(detect("--frames 200 --factor 1.02 --json json"), 0) << read("err");
+    const size_t looked = lines("detected").size();
+    const size_t skipped = lines("skipped").size();
+    EXPECT_EQ(looked + skipped, 200U);
+    EXPECT_GT(skipped, 2 * looked);  // the provider did not wait for the detector
+    EXPECT_TRUE(matches(read("out"), " 200 +" + std::to_string(skipped) + " +")) << read("out");
+}
+
+TEST_F(DetectTest, EndsAsItsDocumentsSay) {
+    EXPECT_EQ(run("--cascade nowhere"), 2);
+    EXPECT_TRUE(has(read("err"), "nowhere: No such file")) << read("err");
+    for (const char* wrong : {"--cascade socket", "--json - --y4m -", "--buffers 2"})
+        EXPECT_EQ(run(wrong), 2) << wrong;
+    EXPECT_EQ(run("--help"), 0);
+    EXPECT_FALSE(matches(read("out"), "[^\n]{81}")) << read("out");
+    tells = false;
+    detect("--y4m -; echo $? >code; } | head -c 3000000 >y4m", "{");
+    EXPECT_EQ(read("code"), "0\n");
+    EXPECT_EQ(read("y4m").rfind("YUV4MPEG2 W640 H360 F25:1 ", 0), 0U);
+    after(5, [this] { EXPECT_TRUE(client->setCallback(callback).isOk()); });
+    EXPECT_EQ(detect(""), 4);
+    after(5, [this] { server.reset(); });
+    EXPECT_EQ(detect(""), 3);
+}
+
+TEST_F(DetectTest, FollowsAFaceAndEndsWithModeOff) {
+    // Takes three seconds: the view takes its time, and the face goes on.
+    isMoving = true;
+    SceneControl scene = {};
+    after(300, [&] {
+        EXPECT_TRUE(view.x <= face.x && view.x + view.width >= face.x + face.width) << view.x;
+        EXPECT_LT(view.width, 600);
+        EXPECT_EQ(session->getTrackingMode(), TrackingMode::GROUP);
+        session->getSceneControl(scene);
+        EXPECT_EQ(scene.crops.size(), 1U);
+        for (const auto& crop : scene.crops)
+            EXPECT_GT(camera::overlap({crop.x, crop.y, crop.width, crop.height}, face), 0.1);
+        EXPECT_EQ(session->getPeopleCount(), 1);
+        kill(tool, SIGTERM);
+    });
+    EXPECT_EQ(detect("--follow"), 0) << read("err");
+    EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
+    session->getSceneControl(scene);
+    EXPECT_EQ(scene.crops.size() + static_cast<size_t>(session->getPeopleCount()), 0U);
+    EXPECT_EQ(wanted(), kAll);
+}
+
+TEST_F(DetectTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyFollower) {
+    // Takes over a second: the view moves as slowly as it may.
+    after(60, [this] {
+        EXPECT_NE(wanted(), kAll);
+        const Output second =
+            runShell(DETECT_TOOL " --follow --socket " + (folder / "socket") + " 2>&1");
+        EXPECT_EQ(second.exitCode, 1);
+        EXPECT_TRUE(has(second.text, "the view cannot follow: ")) << second.text;
+        session->setTrackingMode(TrackingMode::OFF);
+    });
+    bool hasFollowedAgain = false;
+    fillBy([&](const CaptureRequest& request) {
+        const bool isOff = session->getTrackingMode() == TrackingMode::OFF;
+        if (isOff && framesOff++ == 30) {
+            EXPECT_EQ(wanted(), kAll);
+            session->setTrackingMode(TrackingMode::SPEAKER);
+        }
+        hasFollowedAgain = hasFollowedAgain || (framesOff > 30 && wanted() != kAll);
+        return shoot(request);
+    });
+    EXPECT_EQ(detect("--follow --frames 180"), 0) << read("err");
+    EXPECT_EQ(framesOff, 31);
+    EXPECT_TRUE(hasFollowedAgain);
+}
+
+TEST_F(DetectTest, SaysOnceThatItIsNotToldWhatItNeedsToFollow) {
+    after(10, [this] { tells = false; });
+    EXPECT_EQ(detect("--follow --frames 100"), 0) << read("err");
+    EXPECT_TRUE(matches(read("err"), "^[^\n]*does not tell[^\n]*\n$")) << read("err");
+}
+
+}  // namespace testing_support
