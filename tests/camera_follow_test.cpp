@@ -62,7 +62,8 @@ struct Stream {
 TEST(CameraFollowTest, KeepsAMovingFaceInTheView) {
     for (const double size : {54, 120, 200}) {
         Stream stream;
-        for (double second = 0; second < 20; second += 0.04) {
+        for (int frame = 0; frame < 500; ++frame) {
+            const double second = frame * 0.04;
             const double x = 400 + 300 * std::sin(second * 0.15 * 1280 / 300);  // 15 % at most
             const Rect face = {int(x), 200, int(size), int(size)};
             stream.step({face});

@@ -90,7 +90,7 @@ protected:
         const int right = std::clamp(place.x + place.width, left, kStream.width);
         kit::Frame frame(kStream.bytes(), 128);
         for (int y = std::max(0, place.y); y < std::min(360, place.y + place.height); ++y)
-            memset(&frame[static_cast<size_t>(y * 640 + left)],
+            memset(&frame[static_cast<size_t>(y) * 640 + static_cast<size_t>(left)],
                    y - place.y < place.height / 2 ? 235 : 16, static_cast<size_t>(right - left));
         ZoruUtil::copyTo(frame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
         return BufferStatus::OK;
@@ -121,6 +121,7 @@ Rect faceIn(const std::string& line, const std::string& field) {
     Rect face;
     const size_t at = line.find("\"" + field + "\": [[");
     if (at == std::string::npos) return face;
+    // NOLINTNEXTLINE(cert-err34-c): the numbers are the program's own
     sscanf(line.c_str() + line.find("[[", at), "[[%d, %d, %d, %d]", &face.x, &face.y, &face.width,
            &face.height);
     return face;
