@@ -147,7 +147,7 @@ constexpr Colour kColour = {90, 60, 200};
 
 class CameraScalingTest : public testing::TestWithParam<Order> {
 protected:
-    const Target target;
+    const Target target{};
 };
 
 TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
