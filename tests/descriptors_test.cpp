@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "holdings.h"
+#include "host/limits.h"
 #include "raw_socket.h"
 #include "src/control_data.h"
 #include "src/socket.h"
@@ -208,6 +209,20 @@ TEST_F(DescriptorsTest, ReceivesDescriptorsThatNoChildInherits) {
     host::Incoming in;
     ASSERT_TRUE(host::detail::receiveMessage(theirs.get(), came, bytes, in, {}).isOk());
     EXPECT_EQ(fcntl(in.fds.at(0).get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST_F(DescriptorsTest, LeavesTheKernelNoneToCloseBesideWhatItAdds) {
+    const auto [mine, theirs] = kit::socketPair();
+    const int on = 1;
+    for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_TIMESTAMP, kPassPidfd})
+        setsockopt(theirs.get(), SOL_SOCKET, option, &on, sizeof(on));
+    const std::vector<int> most(host::kMaxArrivingFds, STDERR_FILENO);
+    ASSERT_TRUE(kit::sendRaw(mine.get(), "x", 1, most));
+    host::detail::Header came = {};
+    std::vector<uint8_t> bytes;
+    host::Incoming in;
+    EXPECT_FALSE(host::detail::receiveMessage(theirs.get(), came, bytes, in, {}).isOk());
+    EXPECT_EQ(in.fds.size(), most.size());
 }
 
 }  // namespace testing_support

@@ -217,6 +217,7 @@ TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
 
     host::RequestBounds bounds;
     const CaptureRequest request = requestFor(1, 1, nullptr);
+    const hidl_vec<CaptureResult> results = {resultFor(request)};
     std::vector<std::unique_ptr<host::RequestBounds::Place>> places(2 * kRounds);
     const auto place = [&](size_t i) {
         places[i] = std::make_unique<host::RequestBounds::Place>(bounds, request);
@@ -225,7 +226,7 @@ TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
         place(i);
     race({{"place", [&](size_t i) { place(kRounds + i); }},
           {"let go", [&](size_t i) { places[i].reset(); }},
-          {"handedOver", [&](size_t) { bounds.handedOver(1); }},
+          {"handedOver", [&](size_t) { bounds.handedOver(results); }},
           {"restart", [&](size_t) { bounds.restart(); }}},
          kRounds);
 

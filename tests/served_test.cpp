@@ -141,4 +141,23 @@ TEST_F(ServedTest, TellsOfConnectionsAndOfWhoCalls) {
     EXPECT_EQ(went.get_future().get(), getpid());
 }
 
+TEST_F(ServedTest, TellsOfTheEndOfAConnectionThatWasGivenUpBeforeItsTurn) {
+    const sp<Asked> asked = new Asked;
+    const std::string another = folder / "another";
+    std::promise<void> left;
+    std::promise<pid_t> went;
+    std::string problem;
+    const auto second = host::Server::listen(another, asked, problem,
+                                             {[&left](pid_t /*who*/) { left.get_future().wait(); },
+                                              [&went](pid_t who) { went.set_value(who); }});
+    {
+        const RawClient early(another);
+        EXPECT_TRUE(early.connect());
+    }
+    left.set_value();
+    auto told = went.get_future();
+    ASSERT_EQ(told.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    EXPECT_EQ(told.get(), getpid());
+}
+
 }  // namespace testing_support

@@ -1,11 +1,14 @@
 // Who is served and who is not; a hostile client speaks to the socket itself.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -13,15 +16,20 @@
 #include <future>
 #include <iterator>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
 #include "host/limits.h"
 #include "host/threads.h"
+#include "support/interposed.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
+
+using host::UniqueFd;
 
 namespace {
 
@@ -124,6 +132,38 @@ TEST_F(ServerTest, SaysWhyItCannotListen) {
     serve();
     struct stat file = {};
     EXPECT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777U, 0600U);
+}
+
+TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItListens) {
+    const auto opened = [this] {
+        int count = 0;
+        std::error_code gone;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+            count += std::filesystem::read_symlink(entry.path(), gone) == folder.path() ? 1 : 0;
+        return count;
+    };
+    const UniqueFd own(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(flock(own.get(), LOCK_EX), 0);
+    std::atomic<bool> ended{false};
+    std::thread ending([&] {
+        server.reset();
+        ended = true;
+    });
+    // For a second it tries to get the lock, and has the folder open.
+    bool isThere = false;
+    EXPECT_TRUE(eventually([&] {
+        isThere = std::filesystem::exists(path);
+        return ended || opened() > 1;
+    }));
+    EXPECT_TRUE(isThere);
+    flock(own.get(), LOCK_UN);
+    ending.join();
+    EXPECT_FALSE(std::filesystem::exists(path));
+
+    struct stat file = {};
+    const DuringListen look([&] { EXPECT_EQ(stat(path.c_str(), &file), 0); });
+    serve();
     EXPECT_EQ(file.st_mode & 0777U, 0600U);
 }
 

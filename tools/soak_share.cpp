@@ -162,7 +162,7 @@ std::string takeBuffers(Row& row, bool isFilled) {
         const host::Buffer buffer = kit::allocate(size);
         if (isFilled) std::fill_n(buffer.bytes(), buffer.size(), uint8_t{1});
         const kit::CaptureRequest request = kit::requestFor(0, taken, buffer.handle());
-        // Refused while too many are on their way, and for good when descriptor slots run out.
+        // Refused while too many are on their way, and for good when slots or memory run out.
         for (const auto end = Clock::now() + seconds(2); Clock::now() < end;) {
             if (host::isAccepted(row.greedy->processCaptureRequest(request))) return true;
             std::this_thread::sleep_for(milliseconds(1));

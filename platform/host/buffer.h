@@ -29,6 +29,10 @@ struct BufferGeometry {
 /** The most bytes of a buffer's memory; a handle that claims more is not a buffer's. */
 constexpr uint64_t kMaxBufferBytes = uint64_t{256} << 20;
 
+/** The bytes of memory that a handle claims, of which no lock gives more; 0 when it is no buffer's.
+ * Looks at no file. */
+[[nodiscard]] uint64_t claimedBytes(const native_handle_t* handle);
+
 /**
  * A graphics buffer as a client allocates it: a sealed memfd, a handle for it, and a mapping to
  * look at its bytes. Resource type: owns all three, moved, not copied.

@@ -13,6 +13,11 @@
 
 namespace host {
 
+uint64_t claimedBytes(const native_handle_t* handle) {
+    const std::optional<BufferGeometry> claimed = detail::parse(handle);
+    return claimed ? detail::planesOf(*claimed).total : 0;
+}
+
 struct Buffer::Parts {
     Parts(BufferGeometry completed, UniqueHandle owned)
         : geometry(completed), handle(std::move(owned)) {}

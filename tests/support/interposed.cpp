@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -36,6 +37,7 @@ std::atomic<bool> hasOneInodeNumber{false};
 std::atomic<int> duplicatesLeft{INT_MAX};
 thread_local std::function<void(timespec& deadline)> beforeWaiting;
 thread_local std::function<void()> duringWakeUp;
+thread_local std::function<void()> duringListen;
 
 struct State {
     std::mutex mutex;
@@ -215,6 +217,14 @@ DuringWakeUp::~DuringWakeUp() {
     duringWakeUp = nullptr;
 }
 
+DuringListen::DuringListen(std::function<void()> during) {
+    duringListen = std::move(during);
+}
+
+DuringListen::~DuringListen() {
+    duringListen = nullptr;
+}
+
 OneInodeNumber::OneInodeNumber() {
     hasOneInodeNumber = true;
 }
@@ -304,6 +314,11 @@ extern "C" int usleep(useconds_t us) {
     }
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
+}
+
+extern "C" int listen(int socket, int backlog) {
+    if (testing_support::duringListen) testing_support::duringListen();
+    return static_cast<int>(syscall(SYS_listen, socket, backlog));
 }
 
 extern "C" int eventfd_write(int fd, eventfd_t value) {

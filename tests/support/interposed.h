@@ -115,6 +115,15 @@ public:
     DuringWakeUp& operator=(const DuringWakeUp&) = delete;
 };
 
+/** Runs `during` inside each listen() of this thread, before it has an effect, for this scope. */
+class DuringListen {
+public:
+    explicit DuringListen(std::function<void()> during);
+    ~DuringListen();
+    DuringListen(const DuringListen&) = delete;
+    DuringListen& operator=(const DuringListen&) = delete;
+};
+
 /** Gives all files one inode number, and each a time of birth of its own, for this scope. */
 class OneInodeNumber {
 public:

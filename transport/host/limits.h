@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 
 /** What the transport between processes takes, and how long it waits. */
 namespace host {
@@ -30,13 +31,22 @@ constexpr size_t kMaxArrivingFds = 253;
 constexpr std::chrono::milliseconds kCallPatience(1000);
 /**
  * Requests that are on their way, of all clients of a server together: accepted, and not yet
- * answered by a result that was passed to a callback. An accepted configuration sets the count to
- * 0.
+ * answered by a result that was passed to a callback. At an accepted configuration they are left
+ * over, and the count is 0 again.
  */
 constexpr size_t kMaxRequestsOnTheWay = 1024;
+/**
+ * Requests of earlier configurations that may still be answered. While there are more, none is
+ * taken, so one more configuration's may come on top of them: no more than 5,120 are on their way.
+ */
+constexpr size_t kMaxLeftOver = 3 * kMaxRequestsOnTheWay;
+/** Those are forgotten when nothing was passed to a callback for so long: none waits then. */
+constexpr auto kLeftOverPatience = 2 * kCallPatience;
 /** Different buffer ids that arrive with a handle between one accepted configuration and the next.
  */
 constexpr size_t kMaxBufferIds = 4096;
+/** Bytes of memory that come with those. */
+constexpr uint64_t kMaxBroughtBytes = uint64_t{1} << 30;
 /** Threads that close what a client sent, where closing may have to wait for that client. */
 constexpr size_t kClosingThreads = 8;
 /**

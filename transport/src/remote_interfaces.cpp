@@ -71,7 +71,7 @@ public:
 
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         // Before the call, because the client may ask for the next frame from inside it.
-        if (mBounds != nullptr) mBounds->handedOver(results.size());
+        if (mBounds != nullptr) mBounds->handedOver(results);
         return callVoid(PROCESS_CAPTURE_RESULT, written(results));
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override {

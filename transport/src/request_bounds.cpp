@@ -1,55 +1,43 @@
 #include "request_bounds.h"
 
-#include <algorithm>
-
-#include "host/limits.h"
-
 namespace host {
 
-RequestBounds::Place::Place(RequestBounds& bounds, const CaptureRequest& request)
-    : mBounds(bounds), mProblem(nullptr) {
+RequestBounds::Place::Place(RequestBounds& bounds, const CaptureRequest& request,
+                            Clock::time_point now)
+    : mBounds(bounds), mBrought(broughtBy(request)), mProblem(nullptr) {
     const std::lock_guard<std::mutex> lock(mBounds.mMutex);
-    if (mBounds.mOnTheWay >= kMaxRequestsOnTheWay) {
-        mProblem = "too many requests are on their way";
-    } else if (!mBounds.takeIds(request)) {
-        mProblem = "too many buffer ids came since the stream was configured";
-    } else {
-        ++mBounds.mOnTheWay;
-        mConfiguration = mBounds.mConfiguration;
-    }
+    mProblem = mBounds.mRequests.problem(now);
+    if (mProblem == nullptr && mBrought) mProblem = mBounds.mBuffers.problem(*mBrought);
+    if (mProblem != nullptr) return;
+    mAsked = mBounds.mRequests.add(request);
+    if (mBrought) mBounds.mBuffers.add(*mBrought);
 }
 
 RequestBounds::Place::~Place() {
     if (mProblem != nullptr) return;
     const std::lock_guard<std::mutex> lock(mBounds.mMutex);
-    // A configuration that was accepted meanwhile has reset the count.
-    const bool isForgotten = mConfiguration != mBounds.mConfiguration;
-    if (mIsKept && isForgotten) ++mBounds.mOnTheWay;
-    if (!mIsKept && !isForgotten && mBounds.mOnTheWay > 0) --mBounds.mOnTheWay;
-}
-
-bool RequestBounds::takeIds(const CaptureRequest& request) {
-    for (const auto& buffer : request.outputBuffers) {
-        if (buffer.buffer.getNativeHandle() == nullptr) continue;
-        if (mIds.size() < kMaxBufferIds) {
-            mIds.insert(buffer.bufferId);
-        } else if (mIds.count(buffer.bufferId) == 0) {
-            return false;
-        }
+    // A configuration that was accepted meanwhile has forgotten what this one has brought.
+    const bool isForgotten = !mBounds.mRequests.isOfNow(mAsked);
+    if (mIsKept) {
+        mBounds.mRequests.keep(mAsked);
+        if (isForgotten && mBrought) mBounds.mBuffers.add(*mBrought);
+    } else {
+        mBounds.mRequests.takeBack(mAsked);
+        if (!isForgotten && mBrought) mBounds.mBuffers.takeBack(*mBrought);
     }
-    return true;
 }
 
-void RequestBounds::handedOver(size_t results) {
+void RequestBounds::handedOver(const ::android::hardware::hidl_vec<CaptureResult>& results,
+                               Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mOnTheWay -= std::min(results, mOnTheWay);
+    for (const auto& result : results)
+        mRequests.handedOver(result, now);
 }
 
-void RequestBounds::restart() {
+void RequestBounds::restart(Clock::time_point now) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    ++mConfiguration;
-    mOnTheWay = 0;
-    mIds.clear();
+    mRequests.restart(now);
+    mBuffers.clear();
 }
 
 }  // namespace host

@@ -2,26 +2,32 @@
 
 #include <android/hardware/camera/device/3.2/types.h>
 
-#include <cstddef>
-#include <cstdint>
+#include <chrono>
 #include <mutex>
-#include <set>
+#include <optional>
+
+#include "brought_buffers.h"
+#include "requests_on_the_way.h"
 
 /**
  * What the provider holds for all clients of one server together: at most kMaxRequestsOnTheWay
- * requests, and kMaxBufferIds buffer ids that came with a handle. The session itself has no such
- * bounds, and a request with an empty handle costs its client no descriptor. Thread-safe.
+ * requests and kMaxLeftOver of earlier configurations, and kMaxBufferIds buffer ids and
+ * kMaxBroughtBytes that came with a handle. The session itself has no such bounds, and a request
+ * with an empty handle costs its client no descriptor. Thread-safe.
  */
 namespace host {
 
 class RequestBounds {
 public:
-    using CaptureRequest = ::android::hardware::camera::device::V3_2::CaptureRequest;
+    using CaptureRequest = RequestsOnTheWay::CaptureRequest;
+    using CaptureResult = RequestsOnTheWay::CaptureResult;
+    using Clock = std::chrono::steady_clock;
 
     /** Reserves a place for a request before it goes to the session; freed again unless kept. */
     class Place {
     public:
-        Place(RequestBounds& bounds, const CaptureRequest& request);
+        Place(RequestBounds& bounds, const CaptureRequest& request,
+              Clock::time_point now = Clock::now());
         ~Place();
         Place(const Place&) = delete;
         Place& operator=(const Place&) = delete;
@@ -33,25 +39,23 @@ public:
 
     private:
         RequestBounds& mBounds;
+        const std::optional<Brought> mBrought;
         const char* mProblem;
-        uint64_t mConfiguration = 0;
+        RequestsOnTheWay::Asked mAsked = {};
         bool mIsKept = false;
     };
 
     /** Results are about to be passed to a callback; they count as answers even if that fails. */
-    void handedOver(size_t results);
+    void handedOver(const ::android::hardware::hidl_vec<CaptureResult>& results,
+                    Clock::time_point now = Clock::now());
     /** A configuration was accepted. */
-    void restart();
+    void restart(Clock::time_point now = Clock::now());
 
 private:
-    // REQUIRES: mMutex is held.
-    [[nodiscard]] bool takeIds(const CaptureRequest& request);
-
     std::mutex mMutex;
     // Guarded by mMutex.
-    uint64_t mConfiguration = 0;  // the number of accepted configurations
-    size_t mOnTheWay = 0;
-    std::set<uint64_t> mIds;
+    RequestsOnTheWay mRequests;
+    BroughtBuffers mBuffers;
 };
 
 }  // namespace host
