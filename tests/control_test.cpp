@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <deque>
-#include <iterator>
 #include <memory>
 #include <mutex>
 #include <numeric>
@@ -19,8 +17,6 @@
 #include "IFDControl.h"
 #include "control_server.h"
 #include "holdings.h"
-#include "host/limits.h"
-#include "support/few_descriptors.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -278,50 +274,6 @@ TEST_F(ControlTest, KeepsAThousandCallsForAWatcherAndCountsTheOthers) {
     // Its end takes all away that was there for it.
     const_cast<sp<IFDControl>&>(stopped).clear();
     EXPECT_TRUE(eventually([&] { return kit::Holdings::of().isWithin(before); }));
-}
-
-TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound) {
-    EXPECT_TRUE(remote->ping().isOk());
-    std::deque<RawClient> clients;
-    while (clients.size() + 1 < host::kMaxConnections)
-        clients.emplace_back(path);
-    std::deque<RawClient> tools;
-    while (tools.size() + 2 < host::kMaxControlConnections)
-        tools.emplace_back(controlPath);
-    RawClient oneClient(path);
-    RawClient oneTool(controlPath);
-    // All that they get are the reserved slots, whichever come first.
-    const FewDescriptors none(0);
-    for (RawClient& one : clients)
-        EXPECT_TRUE(one.connect() && one.isServed());
-    EXPECT_TRUE(oneClient.connect() && oneClient.isClosed());
-    for (RawClient& one : tools)
-        EXPECT_TRUE(one.connect() && one.isServed());
-    EXPECT_TRUE(oneTool.connect() && oneTool.isClosed());
-    EXPECT_TRUE(remote->ping().isOk() && other->ping().isOk());
-    EXPECT_EQ(linesWith("a connection beyond the limit of 8 is refused"), 1);
-}
-
-TEST_F(ControlTest, EndsAChannelThatIsAtFaultAndNoOther) {
-    struct Fault {
-        std::vector<uint8_t> bytes;
-        size_t fds;
-    };
-    const Fault faults[] = {{rawMessage({kCall, 16, 1, 0}), 0},           // no such method
-                            {rawMessage({kCall, 2, 1, 0, 0}), 0},         // nothing is to be there
-                            {rawMessage({kCall, 2, 1, 1}), 1},            // nor a descriptor
-                            {rawMessage({kCall, 7, 1, 0}), 0},            // a mode is to be there
-                            {rawMessage({kCall, 1, 1, 0, 1 << 30}), 0}};  // crops are to be there
-    const SceneControl before = scene();
-    for (const Fault& fault : faults) {
-        RawClient raw(controlPath);
-        EXPECT_TRUE(raw.connect());
-        raw.send(fault.bytes, std::vector<int>(fault.fds, STDERR_FILENO));
-        EXPECT_TRUE(raw.isClosed());
-    }
-    EXPECT_EQ(linesWith("no such method, or arguments that do not add up"),
-              static_cast<int64_t>(std::size(faults)));
-    EXPECT_TRUE(remoteControl->ping().isOk() && same(scene(), before));
 }
 
 }  // namespace testing_support
