@@ -38,8 +38,10 @@ TEST(MapperTest, MapsABufferOnceHoweverOftenItIsImported) {
         EXPECT_EQ(again->lockYCbCr(0xF00, &planes), 3);
         host::failLock(5);
         planes.ystride = 1;
+        planes.y = &planes;
         EXPECT_EQ(again->lockYCbCr(0x33, &planes), 5);
-        EXPECT_EQ(planes.ystride, 1U);                // left alone by a failure
+        EXPECT_EQ(planes.ystride, 1U);  // left alone by a failure
+        EXPECT_EQ(planes.y, &planes);
         for (const uint32_t usage : {0x3U, 0x30U}) {  // either is enough
             EXPECT_EQ(again->lockYCbCr(usage, &planes), 0);
             EXPECT_EQ(again->unlock(), 0);

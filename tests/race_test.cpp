@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,17 @@ TEST_F(RaceTest, DeliversToTheCallbackThatIsSetBeforeTheFrameIsTurned) {
     EXPECT_EQ(deliveries.count(), 0U);
     EXPECT_EQ(later.count(), 2U);  // the frame, and the request that has grown old
     session->handleSetCallback(nullptr);
+}
+
+TEST_F(RaceTest, LetsGoOfNoObserverThatIsAboutToBeCalled) {
+    session->setSceneCallback(&observer);
+    std::optional<Meanwhile> letGo;
+    afterUnlock = [&] {
+        afterUnlock = nullptr;
+        letGo.emplace([this] { session->setSceneCallback(nullptr); }, Other::WAITS);
+    };
+    session->setTrackControl({});
+    EXPECT_TRUE(letGo.has_value());
 }
 #endif
 
