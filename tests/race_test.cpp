@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/properties.h"
+#include "session_control.h"
 #include "support/driven_session.h"
 
 #ifndef __SANITIZE_THREAD__  // which cannot do without its own
@@ -186,6 +187,24 @@ TEST_F(RaceTest, LetsGoOfNoObserverThatIsAboutToBeCalled) {
     };
     session->setTrackControl({});
     EXPECT_TRUE(letGo.has_value());
+}
+
+TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
+    const sp<control::SessionControl> controls = new control::SessionControl(session, {});
+    SceneControl before = {};
+    session->getPTZControl(before);
+    EXPECT_EQ(controls->startFollowing(), control::Answer::OK);
+    std::optional<Meanwhile> off;
+    afterUnlock = [&] {  // when the step has looked at the mode
+        afterUnlock = nullptr;
+        off.emplace([&] { static_cast<void>(controls->setMode(TrackingMode::OFF).isOk()); },
+                    Other::WAITS);
+    };
+    EXPECT_EQ(controls->follow(sceneOf(1), sceneOf(2)), control::Answer::OK);
+    off.reset();
+    SceneControl view = {};
+    session->getPTZControl(view);
+    EXPECT_EQ(view.crops.size(), before.crops.size());
 }
 #endif
 
