@@ -30,9 +30,9 @@ size_t tryCorpus(const char* folder) {
     return files.size();
 }
 
-void tryRandom(int inputs) {
+void tryRandom(long inputs) {
     std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same each time
-    for (int i = 0; i < inputs; ++i) {
+    for (long i = 0; i < inputs; ++i) {
         std::vector<char> input(random() % 512);
         for (char& byte : input)
             byte = static_cast<char>(random());
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     const size_t known = tryCorpus(argv[1]);
-    tryRandom(atoi(argv[2]));
+    tryRandom(strtol(argv[2], nullptr, 10));
     printf("%zu inputs of the corpus, %s random ones: nothing found\n", known, argv[2]);
     return 0;
 }

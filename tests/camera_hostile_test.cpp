@@ -22,7 +22,7 @@ namespace {
 
 int filesOfEachKind() {
     const char* const count = getenv("FDSTREAM_HOSTILE_FILES");
-    return count == nullptr ? 20 : atoi(count);
+    return count == nullptr ? 20 : std::stoi(count);
 }
 
 double processorSeconds() {
@@ -61,9 +61,9 @@ std::string corrupted(std::string bytes, unsigned seed) {
 
 /** Of a picture that changes, so that there is something to be coded. */
 std::vector<ClipFrame> changing() {
-    std::vector<ClipFrame> frames;
+    std::vector<ClipFrame> frames(12);
     for (int i = 0; i < 12; ++i)
-        frames.push_back({{96, 80}, 40 + 15 * i});
+        frames[static_cast<size_t>(i)] = {{96, 80}, 40 + 15 * i};
     return frames;
 }
 
@@ -80,7 +80,7 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
     std::string corruptedAt(const std::string& container, unsigned seed) const {
-        const std::string path = folder / "hostile";
+        std::string path = folder / "hostile";
         std::ofstream(path, std::ios::binary) << corrupted(clip(container), seed);
         return path;
     }

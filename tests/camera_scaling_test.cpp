@@ -17,7 +17,6 @@ namespace testing_support {
 using camera::FrameSize;
 using camera::PictureShape;
 using camera::Planes;
-using camera::Rect;
 
 namespace {
 
@@ -83,14 +82,9 @@ public:
     Planes planes(FrameSize size, Order order) const {
         const int pairs = (size.width + 1) / 2;
         const int rows = (size.height + 1) / 2;
-        const auto bytes = static_cast<size_t>(pairs * rows);
-        Planes planes = {size,
-                         mLuma.last(static_cast<size_t>(size.width * size.height)),
-                         size.width,
-                         nullptr,
-                         nullptr,
-                         pairs,
-                         order == PLANAR ? 1U : 2U};
+        const auto bytes = static_cast<size_t>(pairs) * static_cast<size_t>(rows);
+        Planes planes = {size,  mLuma.last(size.lumaBytes()), size.width, nullptr, nullptr,
+                         pairs, order == PLANAR ? 1U : 2U};
         if (order == PLANAR) {
             planes.cb = mChroma.last(bytes);
             planes.cr = mOther.last(bytes);
@@ -230,7 +224,8 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
         // The upper left quarter of what is seen.
         ASSERT_TRUE(scaler.scale(*frame, {{64, 32}, {64, 32}, orientation},
                                  {0, 0, size.width / 2, size.height / 2}, planes));
-        EXPECT_NEAR(at(planes, size.width / 2, size.height / 2).y, 50 * (c.seen[0] - '0' + 1), 1);
+        const Colour middle = at(planes, size.width / 2, size.height / 2);
+        EXPECT_NEAR(middle.y, 50 * (c.seen[0] - '0' + 1), 1);
     }
 }
 

@@ -26,6 +26,7 @@ constexpr double kUnpaced = 0;
 
 std::vector<ClipFrame> greys(const std::vector<int>& lumas) {
     std::vector<ClipFrame> frames;
+    frames.reserve(lumas.size());
     for (const int luma : lumas)
         frames.push_back({kSize, luma});
     return frames;
