@@ -39,7 +39,7 @@ constexpr int kEnough = 95;  ///< of a hundred
 
 constexpr const char* kExamples =
     "Examples (./run demo --faces is this program, with all that it needs):\n"
-    "  ./run demo --faces              both scenes, with a face on a path that is known\n"
+    "  ./run demo --faces              both scenes, and a face on a known path\n"
     "  ./run demo --faces street.mp4   your own video, and the view follows the faces\n"
     "  ./run demo --faces /dev/video0  your own webcam\n"
     "\n"
