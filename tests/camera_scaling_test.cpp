@@ -2,7 +2,6 @@
 // each plane that cannot be touched.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "source/picture_scaler.h"
+#include "support/guarded.h"
 
 namespace testing_support {
 
@@ -21,30 +21,15 @@ using camera::Planes;
 namespace {
 
 constexpr int kMost = 130;
-constexpr size_t kPage = 4096;
-constexpr size_t kRoom = 8 * kPage;  // for any plane here
 /** A sanitizer makes this slow, and gets every seventh width and thirteenth height. */
 constexpr bool kIsSlow = sizeof(SANITIZERS) > 1;
 
-/** Memory between two pages that cannot be touched. */
-class Guarded {
-public:
-    Guarded() {
-        mprotect(mWhole, kPage, PROT_NONE);
-        mprotect(mWhole + kPage + kRoom, kPage, PROT_NONE);
-    }
-    Guarded(const Guarded&) = delete;
-    Guarded& operator=(const Guarded&) = delete;
-    ~Guarded() { munmap(mWhole, kRoom + 2 * kPage); }
-    /** Cleared, against the page behind it. */
-    uint8_t* last(size_t bytes) const {
-        return std::fill_n(mWhole + kPage + kRoom - bytes, bytes, uint8_t{0}) - bytes;
-    }
-
-private:
-    uint8_t* const mWhole = static_cast<uint8_t*>(mmap(
-        nullptr, kRoom + 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-};
+/** Cleared, against the page behind it. */
+uint8_t* last(const Guarded& memory, size_t bytes) {
+    uint8_t* const place = memory.place(bytes, true);
+    std::fill_n(place, bytes, uint8_t{0});
+    return place;
+}
 
 enum Order { CB_FIRST, CR_FIRST, PLANAR };
 
@@ -83,15 +68,15 @@ public:
         const int pairs = (size.width + 1) / 2;
         const int rows = (size.height + 1) / 2;
         const auto bytes = static_cast<size_t>(pairs) * static_cast<size_t>(rows);
-        Planes planes = {size,  mLuma.last(size.lumaBytes()), size.width, nullptr, nullptr,
+        Planes planes = {size,  last(mLuma, size.lumaBytes()), size.width, nullptr, nullptr,
                          pairs, order == PLANAR ? 1U : 2U};
         if (order == PLANAR) {
-            planes.cb = mChroma.last(bytes);
-            planes.cr = mOther.last(bytes);
+            planes.cb = last(mChroma, bytes);
+            planes.cr = last(mOther, bytes);
             return planes;
         }
         planes.chromaStride = 2 * pairs;
-        uint8_t* const first = mChroma.last(2 * bytes);
+        uint8_t* const first = last(mChroma, 2 * bytes);
         planes.cb = order == CB_FIRST ? first : first + 1;
         planes.cr = order == CB_FIRST ? first + 1 : first;
         return planes;

@@ -14,6 +14,7 @@
 #include "YUVFile.h"
 #include "ZoruUtil.h"
 #include "host/unique_fd.h"
+#include "support/guarded.h"
 #include "support/session_fixture.h"
 
 namespace testing_support {
@@ -24,8 +25,6 @@ using Bytes = std::vector<uint8_t>;
 using kit::FrameSize;
 
 constexpr int kMost = 130;
-constexpr size_t kPage = 4096;
-constexpr size_t kRoom = 12 * kPage;  // for any frame here
 constexpr int kPaddings[] = {0, 1, 65};
 /** A sanitizer makes this slow, and gets every thirteenth height. */
 constexpr int kHeightStep = sizeof(SANITIZERS) > 1 ? 13 : 1;
@@ -50,27 +49,6 @@ Planes packedAt(uint8_t* memory, FrameSize size) {
     const auto width = static_cast<size_t>(size.width);
     return {memory, width, memory + size.lumaBytes(), width};
 }
-
-/** Memory between two pages that cannot be touched. */
-class Guarded {
-public:
-    Guarded() {
-        mprotect(mWhole, kPage, PROT_NONE);
-        mprotect(mWhole + kPage + kRoom, kPage, PROT_NONE);
-    }
-    Guarded(const Guarded&) = delete;
-    Guarded& operator=(const Guarded&) = delete;
-    ~Guarded() { munmap(mWhole, kRoom + 2 * kPage); }
-
-    uint8_t* begin() const { return mWhole + kPage; }
-    uint8_t* place(size_t bytes, bool atEnd) const {
-        return atEnd ? begin() + kRoom - bytes : begin();
-    }
-
-private:
-    uint8_t* const mWhole = static_cast<uint8_t*>(mmap(
-        nullptr, kRoom + 2 * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-};
 
 /** A buffer whose every byte is watched. Frames in it may be lower than it is. */
 struct Watched {
