@@ -38,7 +38,7 @@ using host::UniqueFd;
 using host::detail::Header;
 using kit::CaptureRequest;
 
-/** Calls back once in each call that it accepts. */
+/** Calls back once in each call that it accepts: until then an accepted request is counted. */
 class Served : public IFDSession {
 public:
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
@@ -53,7 +53,8 @@ public:
     }
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
         const sp<IFDSessionCallback> told = callback();
-        if (told != nullptr) (void)told->processCaptureResult({kit::resultFor(request)}).isOk();
+        if (told == nullptr) return Status::ILLEGAL_ARGUMENT;
+        (void)told->processCaptureResult({kit::resultFor(request)}).isOk();
         return Status::OK;
     }
 
