@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hardware/camera/device/3.2/types.h>
 #include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
@@ -32,18 +33,16 @@ public:
     bool threadLoop() override;
 
 private:
-    // REQUIRES: mLoopLock is held.
-    bool updateConfiguration();
-    void serve(CaptureRequest && request);
+    bool updateConfiguration() REQUIRES(mLoopLock);
+    void serve(CaptureRequest && request) REQUIRES(mLoopLock);
     /** Wraps the buffer and copies the next frame into it, if both exist. Returns the wrapper. */
-    sp<GraphicBuffer> fill(const StreamBuffer& buffer);
+    sp<GraphicBuffer> fill(const StreamBuffer& buffer) REQUIRES(mLoopLock);
 
     // Held during each pass, except for its pause.
     ::android::Mutex mLoopLock;
-    // Guarded by mLoopLock.
-    sp<FDSession> mFdSession;
-    YUVFile mFile;
-    StreamConfiguration mLastConfiguration;
+    sp<FDSession> mFdSession GUARDED_BY(mLoopLock);
+    YUVFile mFile GUARDED_BY(mLoopLock);
+    StreamConfiguration mLastConfiguration GUARDED_BY(mLoopLock);
 };
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

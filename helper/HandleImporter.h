@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <android/hardware/graphics/mapper/3.0/IMapper.h>
 #include <cutils/native_handle.h>
@@ -54,14 +55,13 @@ public:
     /** The planes of a YCbCr buffer; all zero on failure. */
     YCbCrLayout lockYCbCr(buffer_handle_t& handle, uint64_t cpuUsage, const Rect& accessRegion);
     /** Ends the access. Returns a release fence, which the caller closes, or a negative number. */
-    int unlock(buffer_handle_t& handle);
+    int unlock(buffer_handle_t& handle) NO_THREAD_SAFETY_ANALYSIS;
 
     /** Drops the connection; the next operation that needs a mapper connects again. */
-    void cleanup();
+    void cleanup() NO_THREAD_SAFETY_ANALYSIS;
 
 private:
-    /** REQUIRES: mLock is held. */
-    void initializeLocked();
+    void initializeLocked() REQUIRES(mLock);
 
     template <typename M, typename E>
     bool importBufferInternal(const sp<M>& mapper, buffer_handle_t& handle);
@@ -71,12 +71,13 @@ private:
     template <typename M, typename E>
     int unlockInternal(const sp<M>& mapper, buffer_handle_t& handle);
 
-    // Serialises connecting and every mapper call except unlock.
+    // Serialises connecting and every mapper call except unlock(). That one reads the pointers
+    // without it, because an access may end while another thread waits for the mapper, and
+    // cleanup() is alone with the object.
     Mutex mLock;
-    // Written under mLock; unlock() reads the pointers without it.
-    bool mInitialized = false;
-    sp<IMapper> mMapperV2;
-    sp<MapperV3> mMapperV3;
+    bool mInitialized GUARDED_BY(mLock) = false;
+    sp<IMapper> mMapperV2 GUARDED_BY(mLock);
+    sp<MapperV3> mMapperV3 GUARDED_BY(mLock);
 };
 
 }  // namespace android::hardware::camera::common::V1_0::helper

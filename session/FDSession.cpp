@@ -122,9 +122,19 @@ static std::recursive_mutex sLock;
 static sp<FDSession> sInstance;
 static HandleImporter sHandleImporter;
 
-using Lock = std::lock_guard<std::recursive_mutex>;
 using SessionLock = ObserverCalls::SessionLock;
 using Clock = std::chrono::steady_clock;
+
+/** Holds sLock, and tells the compiler so. */
+class SCOPED_CAPABILITY Lock : public std::unique_lock<std::recursive_mutex> {
+public:
+    explicit Lock(std::recursive_mutex& mutex) ACQUIRE(sSessionLock)
+        : std::unique_lock<std::recursive_mutex>(mutex) {}
+    ~Lock() RELEASE() = default;
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+    void unlock() RELEASE() { std::unique_lock<std::recursive_mutex>::unlock(); }
+};
 
 /** Polls once a millisecond; false when the condition does not hold by the deadline. */
 template <typename Condition>
@@ -588,7 +598,7 @@ bool FDSessionImpl::threadLoop() {
 }
 
 bool FDSessionImpl::takeResult(CaptureResult& result) {
-    std::unique_lock<std::mutex> lock(mResultMutex);
+    UniqueLock lock(mResultMutex);
     if (mCaptureResults.empty()) {
         // Waited for once only: even when no result has come, the sweep is due.
         mResultCondition.wait_until(lock, std::chrono::system_clock::now() + kIdleWait);
@@ -706,7 +716,7 @@ int32_t FDSessionImpl::getPeopleCount() {
 }
 
 void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
-    std::unique_lock<std::recursive_mutex> lock(sLock);
+    Lock lock(sLock);
     mTrackControl = trackControl;
     ISceneCallback* const observer = mSceneCallback;
     if (observer == nullptr) return;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hardware/camera/common/1.0/types.h>
 #include <android/hardware/camera/device/3.2/types.h>
 #include <cutils/native_handle.h>
@@ -131,6 +132,13 @@ struct CaptureRequestItem {
     int64_t timestampUs;  ///< wall clock at queueing, microseconds since the Unix epoch
 };
 
+/**
+ * sLock, by a name that the compiler can check: the lock itself is in the source file, and of a
+ * type that the compiler does not know as a lock. Declared only.
+ */
+class CAPABILITY("mutex") SessionLockName;
+extern SessionLockName& sSessionLock;
+
 /** The stream id of an input buffer that is none. */
 constexpr int32_t kNoStream = -1;
 
@@ -212,9 +220,9 @@ public:
     int32_t handleCaptureRequest(const CaptureRequest& request);
     /**
      * Frees one imported buffer; its id then needs a handle again. Takes no lock: only for callers
-     * inside the session, which hold sLock.
+     * inside the session.
      */
-    void freeBuffer(const StreamBuffer& buffer);
+    void freeBuffer(const StreamBuffer& buffer) REQUIRES(sSessionLock);
     /** Installs the default PTZ scene, one crop of 1280 x 720, without telling the observer. */
     void resetPTZScene();
 
@@ -225,16 +233,17 @@ private:
 
     sp<IFDSessionCallback> currentCallback();
 
-    // REQUIRES: sLock is held.
     /** Whether a request can be queued as far as the configuration goes; the log says why not. */
-    [[nodiscard]] bool fitsConfiguration(const CaptureRequest& request) const;
-    [[nodiscard]] bool isRegistered(const StreamBuffer& buffer) const;
-    int32_t lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle);
+    [[nodiscard]] bool fitsConfiguration(const CaptureRequest& request) const
+        REQUIRES(sSessionLock);
+    [[nodiscard]] bool isRegistered(const StreamBuffer& buffer) const REQUIRES(sSessionLock);
+    int32_t lookupOrImportBuffer(const StreamBuffer& buffer, buffer_handle_t& handle)
+        REQUIRES(sSessionLock);
     /** Takes back what lookupOrImportBuffer() has registered just now. */
-    void forgetBuffer(const StreamBuffer& buffer);
-    void freeAllBuffers();
+    void forgetBuffer(const StreamBuffer& buffer) REQUIRES(sSessionLock);
+    void freeAllBuffers() REQUIRES(sSessionLock);
     /** REQUIRES: the queue is not empty. */
-    [[nodiscard]] CaptureRequest takeOldestRequest();
+    [[nodiscard]] CaptureRequest takeOldestRequest() REQUIRES(sSessionLock);
 
     // The steps of a pass.
     [[nodiscard]] bool takeResult(CaptureResult& result);
@@ -243,26 +252,23 @@ private:
     /** Moves the result to the client. Leaves it alone when there is no callback. */
     void deliver(CaptureResult&& result);
 
-    // Guarded by sLock.
-    std::map<int32_t, CirculatingBuffers> mCirculatingBuffers;
-    std::map<uint64_t, sp<GraphicBuffer>> mGraphicBuffers;
-    bool mConfigSet;
-    sp<IFDSessionCallback> mCallback;
-    StreamConfiguration mConfiguration;
-    std::deque<CaptureRequestItem> mCaptureRequests;
+    std::map<int32_t, CirculatingBuffers> mCirculatingBuffers GUARDED_BY(sSessionLock);
+    std::map<uint64_t, sp<GraphicBuffer>> mGraphicBuffers GUARDED_BY(sSessionLock);
+    bool mConfigSet GUARDED_BY(sSessionLock);
+    sp<IFDSessionCallback> mCallback GUARDED_BY(sSessionLock);
+    StreamConfiguration mConfiguration GUARDED_BY(sSessionLock);
+    std::deque<CaptureRequestItem> mCaptureRequests GUARDED_BY(sSessionLock);
 
-    // Guarded by mResultMutex.
-    std::deque<CaptureResult> mCaptureResults;
+    std::deque<CaptureResult> mCaptureResults GUARDED_BY(mResultMutex);
     std::condition_variable mResultCondition;
     std::mutex mResultMutex;
 
-    // Guarded by sLock.
-    sp<IFDSession> mInterface;
-    TrackControl mTrackControl;
-    SceneControl mSceneControl;
-    SceneControl mPTZControl;
-    TrackingMode mTrackingMode;
-    ISceneCallback* mSceneCallback;
+    sp<IFDSession> mInterface GUARDED_BY(sSessionLock);
+    TrackControl mTrackControl GUARDED_BY(sSessionLock);
+    SceneControl mSceneControl GUARDED_BY(sSessionLock);
+    SceneControl mPTZControl GUARDED_BY(sSessionLock);
+    TrackingMode mTrackingMode GUARDED_BY(sSessionLock);
+    ISceneCallback* mSceneCallback GUARDED_BY(sSessionLock);
 
     // The length of mCaptureRequests, read without the lock. Written under sLock.
     std::atomic<size_t> mRequestCount;

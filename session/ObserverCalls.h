@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
@@ -7,6 +9,8 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "UniqueLock.h"
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
 
@@ -55,10 +59,10 @@ public:
      * wait when the calling thread is inside a call itself.
      */
     void waitForOthersThan(const ISceneCallback* current) {
-        std::unique_lock<std::mutex> lock(mMutex);
+        UniqueLock lock(mMutex);
         if (std::any_of(mRunning.begin(), mRunning.end(), isOwn)) return;
         const uint64_t later = mNextNumber;
-        mEnded.wait(lock, [&] {
+        mEnded.wait(lock, [&]() REQUIRES(mMutex) {
             return std::none_of(mRunning.begin(), mRunning.end(), [&](const Call& call) {
                 return call.observer != current && call.number < later;
             });
@@ -85,9 +89,8 @@ private:
 
     std::mutex mMutex;
     std::condition_variable mEnded;
-    // Guarded by mMutex.
-    std::vector<Call> mRunning;
-    uint64_t mNextNumber = 0;
+    std::vector<Call> mRunning GUARDED_BY(mMutex);
+    uint64_t mNextNumber GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

@@ -1,6 +1,10 @@
 #include "source/handover.h"
 
+#include <android-base/thread_annotations.h>
+
 #include <utility>
+
+#include "host/unique_lock.h"
 
 namespace camera {
 
@@ -35,14 +39,14 @@ void Handover::setRate(double framesPerSecond) {
 }
 
 bool Handover::waitUntilWanted() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    mForDecoding.wait(lock, [&] { return mIsEnd || (mIsWanted && !mNewest); });
+    host::UniqueLock lock(mMutex);
+    mForDecoding.wait(lock, [&]() REQUIRES(mMutex) { return mIsEnd || (mIsWanted && !mNewest); });
     return !mIsEnd;
 }
 
 Handover::News Handover::take(std::chrono::microseconds patience) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    mForFilling.wait_for(lock, patience, [&] { return mIsEnd || mNewest; });
+    host::UniqueLock lock(mMutex);
+    mForFilling.wait_for(lock, patience, [&]() REQUIRES(mMutex) { return mIsEnd || mNewest; });
     News news;
     news.frame = std::exchange(mNewest, std::nullopt);
     news.breakdowns = mBreakdowns;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -61,13 +63,12 @@ private:
     mutable std::mutex mMutex;
     std::condition_variable mForFilling;
     std::condition_variable mForDecoding;
-    // Guarded by mMutex.
-    std::optional<DueFrame> mNewest;
-    std::string mReason;
-    CameraStatus mStatus;
-    uint64_t mBreakdowns = 0;
-    bool mIsWanted = false;
-    bool mIsEnd = false;
+    std::optional<DueFrame> mNewest GUARDED_BY(mMutex);
+    std::string mReason GUARDED_BY(mMutex);
+    CameraStatus mStatus GUARDED_BY(mMutex);
+    uint64_t mBreakdowns GUARDED_BY(mMutex) = 0;
+    bool mIsWanted GUARDED_BY(mMutex) = false;
+    bool mIsEnd GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace camera

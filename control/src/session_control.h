@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -49,7 +51,7 @@ private:
 
     // Held during every operation on the session, so before its own lock and the watchers'.
     std::mutex mTurn;
-    std::optional<std::thread::id> mFollower;  // guarded by mTurn
+    std::optional<std::thread::id> mFollower GUARDED_BY(mTurn);
 };
 
 }  // namespace control

@@ -1,7 +1,11 @@
 #include "watchers.h"
 
+#include <android-base/thread_annotations.h>
+
 #include <chrono>
 #include <utility>
+
+#include "host/unique_lock.h"
 
 namespace control {
 
@@ -28,12 +32,13 @@ Event Watchers::next() {
     std::shared_ptr<const Event> first;  // copied without the lock, which operations wait for
     uint64_t missed = 0;
     {
-        std::unique_lock<std::mutex> lock(mMutex);
+        host::UniqueLock lock(mMutex);
         const auto [found, isNew] = mQueues.try_emplace(std::this_thread::get_id());
         if (isNew) return {};
         Queue& queue = found->second;
-        mChanged.wait_for(lock, kPatience,
-                          [&] { return mIsClosed || !queue.waiting.empty() || queue.missed > 0; });
+        mChanged.wait_for(lock, kPatience, [&]() REQUIRES(mMutex) {
+            return mIsClosed || !queue.waiting.empty() || queue.missed > 0;
+        });
         if (queue.waiting.empty()) {
             missed = std::exchange(queue.missed, 0);
         } else {

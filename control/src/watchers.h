@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -47,9 +49,8 @@ private:
 
     std::mutex mMutex;
     std::condition_variable mChanged;
-    // Guarded by mMutex.
-    std::map<std::thread::id, Queue> mQueues;
-    bool mIsClosed = false;
+    std::map<std::thread::id, Queue> mQueues GUARDED_BY(mMutex);
+    bool mIsClosed GUARDED_BY(mMutex) = false;
 };
 
 }  // namespace control

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -67,11 +69,11 @@ private:
     };
 
     void add(const LogLine& line);
-    int countLocked(const std::string& text) const;
+    int countLocked(const std::string& text) const REQUIRES(mMutex);
 
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;
-    std::vector<LogLine> mLines;  // guarded by mMutex
+    std::vector<LogLine> mLines GUARDED_BY(mMutex);
     Sink mSink;
     ScopedLogSink mScope;  // last, so that it goes first: its sink needs the rest
 };

@@ -1,5 +1,6 @@
 #include <utils/Thread.h>
 
+#include <android-base/thread_annotations.h>
 #include <android/log.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -11,6 +12,7 @@
 #include <string>
 
 #include "host/threads.h"
+#include "host/unique_lock.h"
 #include "thread_registry.h"
 
 namespace android {
@@ -37,13 +39,13 @@ struct Thread::State {
 
     std::mutex mutex;
     std::condition_variable changed;
-    // Guarded by mutex. The handle is valid while `joinable`.
-    pthread_t handle{};
-    bool joinable = false;
-    bool joining = false;
+    pthread_t handle GUARDED_BY(mutex){};  ///< valid while `joinable`
+    bool joinable GUARDED_BY(mutex) = false;
+    bool joining GUARDED_BY(mutex) = false;
 
-    /** REQUIRES: mutex is held. */
-    bool isOwnThread() const { return joinable && pthread_equal(handle, pthread_self()) != 0; }
+    bool isOwnThread() const REQUIRES(mutex) {
+        return joinable && pthread_equal(handle, pthread_self()) != 0;
+    }
 };
 
 namespace {
@@ -67,7 +69,7 @@ Thread::~Thread() {
 }
 
 status_t Thread::run(const char* name, int32_t priority, size_t stack) {
-    std::unique_lock<std::mutex> lock(mState->mutex);
+    host::UniqueLock lock(mState->mutex);
     if (mState->running) return INVALID_OPERATION;
 
     auto start = std::make_unique<Start<State>>();
@@ -77,7 +79,7 @@ status_t Thread::run(const char* name, int32_t priority, size_t stack) {
     start->name = std::string(name != nullptr ? name : "").substr(0, kKernelNameLength);
     start->priority = priority;
     lock.lock();
-    mState->changed.wait(lock, [this] { return !mState->joining; });
+    mState->changed.wait(lock, [this]() REQUIRES(mState->mutex) { return !mState->joining; });
     if (mState->running) {
         lock.unlock();
         return INVALID_OPERATION;  // another run() was faster; drops `start` without the lock
@@ -163,9 +165,9 @@ status_t Thread::join() {
     const std::shared_ptr<State> state = mState;
     if (state->process != getpid()) return NO_ERROR;
     if (wouldBlock("join")) return WOULD_BLOCK;
-    std::unique_lock<std::mutex> lock(state->mutex);
+    host::UniqueLock lock(state->mutex);
     if (state->isOwnThread()) return NO_ERROR;  // its loop has ended
-    state->changed.wait(lock, [&] { return !state->joining; });
+    state->changed.wait(lock, [&]() REQUIRES(state->mutex) { return !state->joining; });
     if (!state->joinable) return NO_ERROR;
     state->joining = true;
     const pthread_t handle = state->handle;

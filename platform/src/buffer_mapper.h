@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <cutils/native_handle.h>
 
@@ -67,21 +68,22 @@ private:
         int locks = 0;
     };
 
-    MapperError importLocked(const native_handle_t* raw, buffer_handle_t& imported);
-    std::shared_ptr<MemoryMap> mapLocked(int fd, size_t needed, FileId& file, MapperError& error);
-    MapperError lockLocked(Import* found, uint64_t usage);
-    Import* findLocked(buffer_handle_t imported);
-    MapperError countLocked(MapperError error);
+    MapperError importLocked(const native_handle_t* raw, buffer_handle_t& imported)
+        REQUIRES(mMutex);
+    std::shared_ptr<MemoryMap> mapLocked(int fd, size_t needed, FileId& file, MapperError& error)
+        REQUIRES(mMutex);
+    MapperError lockLocked(Import* found, uint64_t usage) REQUIRES(mMutex);
+    Import* findLocked(buffer_handle_t imported) REQUIRES(mMutex);
+    MapperError countLocked(MapperError error) REQUIRES(mMutex);
     /** Removes the file's entry when its memory is no longer mapped. */
-    void forgetUnusedLocked(const FileId& file);
+    void forgetUnusedLocked(const FileId& file) REQUIRES(mMutex);
 
     std::mutex mMutex;
-    // Guarded by mMutex.
-    std::map<buffer_handle_t, Import> mImports;
-    std::map<FileId, std::weak_ptr<MemoryMap>> mMemory;
-    MapperCounters mCounters;
-    int mFailStatus = 0;
-    int mFailAfter = 0;
+    std::map<buffer_handle_t, Import> mImports GUARDED_BY(mMutex);
+    std::map<FileId, std::weak_ptr<MemoryMap>> mMemory GUARDED_BY(mMutex);
+    MapperCounters mCounters GUARDED_BY(mMutex);
+    int mFailStatus GUARDED_BY(mMutex) = 0;
+    int mFailAfter GUARDED_BY(mMutex) = 0;
 };
 
 }  // namespace host::detail

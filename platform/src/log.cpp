@@ -1,3 +1,4 @@
+#include <android-base/thread_annotations.h>
 #include <android/log.h>
 #include <poll.h>
 #include <pthread.h>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "host/log.h"
+#include "host/unique_lock.h"
 
 namespace host {
 
@@ -24,7 +26,7 @@ std::atomic<int> stderrPriority{ANDROID_LOG_UNKNOWN};
 /** Never destroyed: a thread may log while the process exits. */
 struct Router {
     std::mutex mutex;
-    LogSink* sink = nullptr;  // guarded by mutex; null is stderr
+    LogSink* sink GUARDED_BY(mutex) = nullptr;  // null is stderr
 };
 
 Router& router() {
@@ -45,9 +47,9 @@ bool isStderrReady() {
 
 /**
  * Writes in the layout of logcat's threadtime, one write per line. Lines that would block are
- * dropped; the next line that is written says how many. REQUIRES: the router's mutex is held.
+ * dropped; the next line that is written says how many.
  */
-void writeToStderr(const LogLine& line) {
+void writeToStderr(const LogLine& line) REQUIRES(router().mutex) {
     static int dropped = 0;
     if (line.priority < stderrPriority) return;
     if (!isStderrReady()) {
@@ -76,10 +78,9 @@ void writeToStderr(const LogLine& line) {
  */
 void dispatch(int priority, const char* tag, const char* text, const char* thread) noexcept {
     const LogLine line = {priority, tag != nullptr ? tag : "", text, thread};
-    Router& r = router();
-    const std::lock_guard<std::mutex> lock(r.mutex);
-    if (r.sink != nullptr) {
-        r.sink->write(line);
+    const std::lock_guard<std::mutex> lock(router().mutex);
+    if (router().sink != nullptr) {
+        router().sink->write(line);
     } else {
         writeToStderr(line);
     }
@@ -129,9 +130,9 @@ int LogCapture::count(const std::string& text) const {
 
 bool LogCapture::waitFor(const std::string& text, int times,
                          std::chrono::milliseconds limit) const {
-    std::unique_lock<std::mutex> lock(mMutex);
+    UniqueLock lock(mMutex);
     return mChanged.wait_until(lock, std::chrono::system_clock::now() + limit,
-                               [&] { return countLocked(text) >= times; });
+                               [&]() REQUIRES(mMutex) { return countLocked(text) >= times; });
 }
 
 void LogCapture::clear() {

@@ -1,3 +1,4 @@
+#include <android-base/thread_annotations.h>
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <android/hardware/graphics/mapper/3.0/IMapper.h>
 
@@ -82,11 +83,10 @@ using MapperService3 = MapperService<mapper3::IMapper, mapper3::Error, mapper3::
 /** The services of this process. Never destroyed: a mapper may be asked for while it exits. */
 struct Registry {
     std::mutex mutex;
-    // Guarded by mutex.
-    sp<mapper3::IMapper> v3 = host::realMapper3();
-    sp<mapper2::IMapper> v2 = host::realMapper2();
-    int asked3 = 0;
-    int asked2 = 0;
+    sp<mapper3::IMapper> v3 GUARDED_BY(mutex) = host::realMapper3();
+    sp<mapper2::IMapper> v2 GUARDED_BY(mutex) = host::realMapper2();
+    int asked3 GUARDED_BY(mutex) = 0;
+    int asked2 GUARDED_BY(mutex) = 0;
 };
 
 Registry& registry() {

@@ -1,3 +1,4 @@
+#include <android-base/thread_annotations.h>
 #include <cutils/properties.h>
 
 #include <functional>
@@ -12,7 +13,7 @@ namespace {
 /** Never destroyed: a thread may read a property while the process exits. */
 struct Store {
     std::mutex mutex;
-    std::map<std::string, std::string, std::less<>> values;  // guarded by mutex
+    std::map<std::string, std::string, std::less<>> values GUARDED_BY(mutex);
 };
 
 Store& store() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <array>
 #include <cstdint>
 #include <deque>
@@ -49,7 +51,8 @@ private:
     void send(const PlainResult& result) override { sendRecord(mFiles.recordOf(result)); }
     void answerTaken(uint32_t status) override;
     void letGoOfHeld() override;
-    void freeBuffer(int32_t streamId, uint64_t bufferId) override;
+    /** Without the session's lock: no other thread knows the session. */
+    void freeBuffer(int32_t streamId, uint64_t bufferId) override NO_THREAD_SAFETY_ANALYSIS;
     void notify(fdstream::FDNotifyMsg message) override { mSession->sendNotify(message); }
     void paint(size_t memory, const Operation& by) override;
     void pass() override;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/Status.h>
 
@@ -64,12 +65,12 @@ private:
 
     std::mutex mMutex;
     std::condition_variable mTurn;
-    // Guarded by mMutex.
-    std::vector<uint64_t> mTickets;  // of the waiting calls; the first one has its turn
-    uint64_t mNextTicket = 0;
+    // Of the waiting calls; the first one has its turn.
+    std::vector<uint64_t> mTickets GUARDED_BY(mMutex);
+    uint64_t mNextTicket GUARDED_BY(mMutex) = 0;
     // The failure of every further call once one has failed on its way.
-    ::android::hardware::Status mDeath;
-    std::vector<std::unique_ptr<DeathWatch>> mWatches;
+    ::android::hardware::Status mDeath GUARDED_BY(mMutex);
+    std::vector<std::unique_ptr<DeathWatch>> mWatches GUARDED_BY(mMutex);
     // Used by the call that has its turn.
     uint32_t mSerial = 0;
     std::vector<uint8_t> mBuffer;

@@ -1,3 +1,4 @@
+#include <android-base/thread_annotations.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -13,6 +14,7 @@
 #include "closing.h"
 #include "host/limits.h"
 #include "host/remote.h"
+#include "host/unique_lock.h"
 #include "socket.h"
 #include "start_thread.h"
 
@@ -102,10 +104,10 @@ private:
         }
 
         std::mutex mutex;
-        // Closed by the thread at its end, under mutex.
+        // Closed by the thread at its end, under mutex; itself it reads them without.
         UniqueFd socket;
         UniqueFd stop;
-        sp<hidl_death_recipient> recipient;  // guarded by mutex; null once told or cancelled
+        sp<hidl_death_recipient> recipient GUARDED_BY(mutex);  // null once told or cancelled
     };
 
     const std::shared_ptr<Shared> mShared;
@@ -123,11 +125,12 @@ CallChannel::~CallChannel() {
 Status CallChannel::call(uint32_t method, const Outgoing& out,
                          const std::function<void(Reader&)>& read) {
     const auto deadline = std::chrono::steady_clock::now() + kCallPatience;
-    std::unique_lock<std::mutex> lock(mMutex);
+    UniqueLock lock(mMutex);
     const uint64_t ticket = mNextTicket++;
     mTickets.push_back(ticket);
-    const bool hasTurn = mTurn.wait_until(
-        lock, deadline, [&] { return mTickets.front() == ticket || !mDeath.isOk(); });
+    const bool hasTurn = mTurn.wait_until(lock, deadline, [&]() REQUIRES(mMutex) {
+        return mTickets.front() == ticket || !mDeath.isOk();
+    });
     if (!hasTurn || !mDeath.isOk()) {
         mTickets.erase(std::find(mTickets.begin(), mTickets.end(), ticket));
         return hasTurn ? mDeath : statusOf({::android::TIMED_OUT, {}});

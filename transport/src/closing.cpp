@@ -1,5 +1,7 @@
 #include "closing.h"
 
+#include <android-base/thread_annotations.h>
+
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -16,9 +18,8 @@ namespace {
 /** Never destroyed: its threads may outlive main(). */
 struct Closing {
     std::mutex mutex;
-    // Guarded by mutex.
-    std::deque<UniqueFd> waiting;
-    size_t threads = 0;
+    std::deque<UniqueFd> waiting GUARDED_BY(mutex);
+    size_t threads GUARDED_BY(mutex) = 0;
 };
 
 Closing& closing() {

@@ -1,5 +1,7 @@
 #include "host/remote.h"
 
+#include <android-base/thread_annotations.h>
+
 #include <map>
 #include <mutex>
 
@@ -13,7 +15,7 @@ namespace {
 /** The registered interfaces. Never destroyed, because a channel may outlive main(). */
 struct Registry {
     std::mutex mutex;
-    std::map<std::string, InterfaceMakers> makers;  // guarded by mutex
+    std::map<std::string, InterfaceMakers> makers GUARDED_BY(mutex);
 };
 
 Registry& registry() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <android/hardware/camera/device/3.2/types.h>
 
 #include <chrono>
@@ -53,9 +54,8 @@ public:
 
 private:
     std::mutex mMutex;
-    // Guarded by mMutex.
-    RequestsOnTheWay mRequests;
-    BroughtBuffers mBuffers;
+    RequestsOnTheWay mRequests GUARDED_BY(mMutex);
+    BroughtBuffers mBuffers GUARDED_BY(mMutex);
 };
 
 }  // namespace host

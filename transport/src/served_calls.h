@@ -1,5 +1,7 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -29,9 +31,8 @@ public:
 private:
     std::mutex mMutex;
     std::condition_variable mNoneLeft;
-    // Guarded by mMutex.
-    int mUnderWay = 0;
-    std::function<void(ServedEnd)> mEnded;
+    int mUnderWay GUARDED_BY(mMutex) = 0;
+    std::function<void(ServedEnd)> mEnded GUARDED_BY(mMutex);
 };
 
 /** The watches of an object. Each channel that serves it looks them up once. */

@@ -1,9 +1,12 @@
 #include "host/served_watch.h"
 
+#include <android-base/thread_annotations.h>
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
 
+#include "host/unique_lock.h"
 #include "served_calls.h"
 
 namespace host {
@@ -15,7 +18,7 @@ namespace {
 /** Never destroyed: a channel may outlive main(). */
 struct Watched {
     std::mutex mutex;
-    std::vector<std::pair<const IBase*, std::shared_ptr<ServedCalls>>> all;  // guarded by mutex
+    std::vector<std::pair<const IBase*, std::shared_ptr<ServedCalls>>> all GUARDED_BY(mutex);
 };
 
 Watched& watched() {
@@ -36,8 +39,8 @@ void ServedCalls::end() {
 }
 
 bool ServedCalls::waitForAll(std::chrono::milliseconds patience) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mNoneLeft.wait_for(lock, patience, [this] { return mUnderWay == 0; });
+    UniqueLock lock(mMutex);
+    return mNoneLeft.wait_for(lock, patience, [this]() REQUIRES(mMutex) { return mUnderWay == 0; });
 }
 
 void ServedCalls::channelEnded(ServedEnd how) {

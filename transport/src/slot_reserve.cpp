@@ -1,5 +1,6 @@
 #include "slot_reserve.h"
 
+#include <android-base/thread_annotations.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -19,10 +20,9 @@ constexpr rlim_t kUsual = 1024;               // enough for the process itself
 
 std::mutex sMutex;
 std::atomic<bool> sIsTight{false};  // changes under sMutex
-// Guarded by sMutex.
-int sServers = 0;
-rlim_t sBefore = 0;
-rlim_t sWhileServing = 0;
+int sServers GUARDED_BY(sMutex) = 0;
+rlim_t sBefore GUARDED_BY(sMutex) = 0;
+rlim_t sWhileServing GUARDED_BY(sMutex) = 0;
 
 rlimit limits() {
     rlimit limit = {};

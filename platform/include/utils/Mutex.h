@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <pthread.h>
 
 #include <utils/Errors.h>
@@ -7,21 +8,21 @@
 namespace android {
 
 /** A non-recursive POSIX mutex with default attributes. Resource type, not copied. */
-class Mutex {
+class CAPABILITY("mutex") Mutex {
 public:
     Mutex() = default;
     ~Mutex() { pthread_mutex_destroy(&mMutex); }
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    status_t lock() { return -pthread_mutex_lock(&mMutex); }
-    void unlock() { pthread_mutex_unlock(&mMutex); }
+    status_t lock() ACQUIRE() { return -pthread_mutex_lock(&mMutex); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&mMutex); }
 
     /** Holds the mutex for a scope. */
-    class Autolock {
+    class SCOPED_CAPABILITY Autolock {
     public:
-        explicit Autolock(Mutex& mutex) : mMutex(mutex) { mMutex.lock(); }
-        ~Autolock() { mMutex.unlock(); }
+        explicit Autolock(Mutex& mutex) ACQUIRE(mutex) : mMutex(mutex) { mMutex.lock(); }
+        ~Autolock() RELEASE() { mMutex.unlock(); }
         Autolock(const Autolock&) = delete;
         Autolock& operator=(const Autolock&) = delete;
 
