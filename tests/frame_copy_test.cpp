@@ -47,21 +47,9 @@ zoru_ycbcr packedFrame(std::vector<uint8_t>& memory) {
 
 }  // namespace
 
-TEST_F(FrameCopyTest, DescribesAPaddedFrameInMemory) {
+TEST_F(FrameCopyTest, RefusesAFrameWithoutAddresses) {
     std::vector<uint8_t> memory(1408 * 1024, 3);
-    const zoru_ycbcr hd(memory.data(), 1280, 720);
-    EXPECT_EQ(hd.cb, memory.data() + 942080);
-    EXPECT_EQ(hd.cr, memory.data() + 942081);
-    EXPECT_EQ(hd.ystride, 1280U);
-    EXPECT_EQ(hd.cstride, 1280U);
-    EXPECT_EQ(hd.chroma_step, 2U);
-    EXPECT_EQ(hd.height, 720);
     zoru_ycbcr odd(memory.data(), 1000, 33);
-    EXPECT_EQ(odd.ystride, 1024U);
-    EXPECT_EQ(odd.cb, memory.data() + 65536);
-    for (const int height : {0, 1, 32})
-        EXPECT_EQ(zoru_ycbcr(memory.data(), 128, height).cb, memory.data() + 4096);
-
     const host::Buffer target = allocate(100, 20);
     // Negative, over 32 bits, or nothing there: no chroma addresses, so no operation takes it.
     zoru_ycbcr below(memory.data(), 200, -100);
