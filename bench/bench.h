@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -127,6 +128,9 @@ Side loopOf(const std::string& name, double secondsPerSample, const std::functio
 std::vector<double> compare(Run& run, const std::string& piece, const std::string& what,
                             const std::vector<Side>& sides,
                             const std::vector<std::string>& measures = {""});
+
+/** The rotation as it was before its vectors, for even sizes whose rows have no gaps. */
+void turnPlainly(uint8_t* luma, uint8_t* chroma, size_t width, size_t rows);
 
 // The parts of a run; each adds what it found. When one throws Wrong, the rest of it is left out.
 

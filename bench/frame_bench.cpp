@@ -82,6 +82,11 @@ void passFromEnds(const FrameBuffer& frame) {
     invertFromEnds(chroma, chroma + half / 2, half / 2);
 }
 
+void turnWithLoops(const FrameBuffer& frame) {
+    const auto [width, height] = kit::sizeOf(frame.memory);
+    turnPlainly(frame.memory.lumaRow(0), frame.memory.chromaRow(0), size_t(width), size_t(height));
+}
+
 void turnWithYuv(const FrameBuffer& frame) {
     const auto [width, height] = kit::sizeOf(frame.memory);
     uint8_t* const luma = frame.memory.lumaRow(0);
@@ -119,6 +124,7 @@ const Contender kContenders[] = {
     {"in-place pass", passForward, false, 1.10},
     {"the same, from both ends", passFromEnds, false, 1.10},
     {"libyuv", turnWithYuv, true, 1.0},
+    {"plain loops at -O3", turnWithLoops, true, 1.25},
 #ifdef BENCH_HAS_OPENCV
     {"OpenCV flip", turnWithOpenCv, true, 1.0},
 #endif
@@ -216,12 +222,11 @@ void benchDirection(Run& run, const std::string& what, kit::FrameSize size, int 
 }  // namespace
 
 void benchRotation(Run& run) {
-    benchSize(run, "720p, in cache", k720p, true);
-    benchSize(run, "720p, out of it", k720p, false);
-    benchSize(run, "1080p, in cache", {1920, 1080}, true);
-    benchSize(run, "1080p, out of it", {1920, 1080}, false);
-    benchSize(run, "4K, in cache", k4K, true);
-    benchSize(run, "4K, out of it", k4K, false);
+    for (const auto& [name, size] :
+         {std::pair{"720p", k720p}, {"1080p", {1920, 1080}}, {"4K", k4K}}) {
+        benchSize(run, std::string(name) + ", in cache", size, true);
+        benchSize(run, std::string(name) + ", out of it", size, false);
+    }
 #ifndef BENCH_HAS_OPENCV
     run.leaveOut("OpenCV's flip, because libopencv-core-dev is missing.");
 #endif

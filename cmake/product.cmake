@@ -6,7 +6,8 @@
 
 set(product_objects
     $<TARGET_OBJECTS:helper> $<TARGET_OBJECTS:util>
-    $<TARGET_OBJECTS:session> $<TARGET_OBJECTS:framesource>)
+    $<TARGET_OBJECTS:session> $<TARGET_OBJECTS:framesource>
+    $<TARGET_OBJECTS:test_input>)
 
 add_library(fdstream SHARED ${product_objects})
 set_target_properties(fdstream PROPERTIES

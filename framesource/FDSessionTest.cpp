@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "FrameCopy.h"
+#include "TestInput.h"
 #include "ZoruUtil.h"
 
 #define LOG_TAG "vendor.zoru.zoruprovider.fdstream@1.0-impl"
@@ -21,7 +22,7 @@ constexpr useconds_t kPauseUs = 50000;
 }  // namespace
 
 FDSessionTest::FDSessionTest()
-    : Thread(true), mFile(FDSTREAM_TEST_INPUT, kFrameWidth, kFrameHeight), mLastConfiguration() {
+    : Thread(true), mFile(kTestInput, kFrameWidth, kFrameHeight), mLastConfiguration() {
     mFdSession = FDSession::getInstance();
     if (mFdSession == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG, "%s: getting fdSession instance failed \n",

@@ -1,10 +1,9 @@
-// Unloading and exiting, each batch in a process of its own; and what the library exports.
+// Unloading and exiting, each batch in a process of its own.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <set>
 #include <string>
 #include <utility>
 
@@ -60,38 +59,6 @@ TEST(UnloadTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
         EXPECT_NE(output.text.find(begin + line), std::string::npos) << output.text;
         EXPECT_EQ(std::count(output.text.begin(), output.text.end(), '\n'), 1) << output.text;
     }
-}
-
-TEST(ExportsTest, AreWhatOtherModulesUseAndNothingThatPinsTheLibrary) {
-    const Output symbols = runShell("nm -D --defined-only " IMPLEMENTATION_LIBRARY " | c++filt");
-    ASSERT_EQ(symbols.exitCode, 0) << symbols.text;
-    std::set<std::string> names;
-    size_t line = 0;
-    for (size_t end; (end = symbols.text.find('\n', line)) != std::string::npos; line = end + 1) {
-        const std::string entry = symbols.text.substr(line, end - line);
-        if (entry.find("__asan") != std::string::npos || entry.find("__odr") != std::string::npos) {
-            continue;
-        }
-        EXPECT_EQ(entry[17], 'T') << entry;  // no weak and no unique symbol
-        const std::string prefix = "vendor::zoru::zoruprovider::fdstream::V1_0::implementation::";
-        ASSERT_EQ(entry.compare(19, prefix.size(), prefix), 0) << entry;
-        names.insert(entry.substr(19 + prefix.size(), entry.find('(') - 19 - prefix.size()));
-    }
-    const std::set<std::string> wanted = {"FDSession::getInstance",
-                                          "FDSessionTest::FDSessionTest",
-                                          "FDSessionTest::~FDSessionTest",
-                                          "FDSessionTest::threadLoop",
-                                          "YUVFile::YUVFile",
-                                          "YUVFile::~YUVFile",
-                                          "YUVFile::getFrame",
-                                          "YUVFile::putFrame",
-                                          "ZoruUtil::copy",
-                                          "ZoruUtil::copyFrom",
-                                          "ZoruUtil::copyTo",
-                                          "ZoruUtil::dumpCaptureRequest",
-                                          "ZoruUtil::dumpConfiguration",
-                                          "zoru_ycbcr::zoru_ycbcr"};
-    EXPECT_EQ(names, wanted);
 }
 
 }  // namespace testing_support

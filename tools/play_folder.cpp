@@ -4,17 +4,13 @@
 
 #include <system_error>
 
+#include "TestInput.h"
 #include "clip.h"
 
 namespace tools {
 
-namespace {
-
 namespace fs = std::filesystem;
-
-constexpr const char* kSourceName = FDSTREAM_TEST_INPUT;
-
-}  // namespace
+using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::kTestInput;
 
 bool PlayFolder::enter(const std::optional<fs::path>& clip) {
     try {
@@ -25,10 +21,10 @@ bool PlayFolder::enter(const std::optional<fs::path>& clip) {
     }
     const fs::path& folder = mFolder->path();
     std::error_code error;
-    if (clip) fs::create_symlink(fs::absolute(*clip), folder / kSourceName, error);
+    if (clip) fs::create_symlink(fs::absolute(*clip), folder / kTestInput, error);
     if (!error) fs::current_path(folder, error);
     if (error) warnx("folder %s: %s", folder.c_str(), error.message().c_str());
-    return !error && (clip || drawClip(kSourceName));
+    return !error && (clip || drawClip(kTestInput));
 }
 
 }  // namespace tools

@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "FDSession.h"
+#include "TestInput.h"
 #include "ZoruUtil.h"
 #include "frame_source.h"
 #include "host/channel.h"
@@ -140,7 +141,7 @@ Frames makeFrames() {
 
 /** Where the test frame source looks for it: in the working directory. */
 bool writeClip(const Frames& frames) {
-    FILE* const file = fopen(FDSTREAM_TEST_INPUT, "wbe");
+    FILE* const file = fopen(kTestInput, "wbe");
     if (file == nullptr) return false;
     bool written = true;
     for (const kit::Frame& frame : frames)
