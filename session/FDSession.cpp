@@ -14,10 +14,12 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
 
 #include "HandleImporter.h"
+#include "ObserverCalls.h"
 #include "ProcessorClones.h"
 #include "Rotate180.h"
 
@@ -155,7 +157,7 @@ public:
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
         if (session->mMonitor == std::this_thread::get_id()) return;
-        if (session->mObserverCalls.isInsideLocked()) return;
+        if (session->mObserverCalls->isInsideLocked()) return;
 
         const auto deadline = Clock::now() + kEndPatience;
         session->requestExit();
@@ -204,7 +206,8 @@ FDSessionImpl::FDSessionImpl()
       mPTZControl(),
       mTrackingMode(),
       mSceneCallback(nullptr),
-      mRequestCount(0) {
+      mRequestCount(0),
+      mObserverCalls(std::make_unique<ObserverCalls>()) {
     resetPTZScene();
 }
 
@@ -635,7 +638,7 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
         }
         callback = mCallback;
     }
-    if (mObserverCalls.isInsideLocked()) {
+    if (mObserverCalls->isInsideLocked()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "%s: called inside an observer's operation that has the session "
                             "locked \n",
@@ -651,7 +654,7 @@ void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onSceneControl(sceneControl);
 }
 
@@ -664,7 +667,7 @@ void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onPTZControl(ptzControl);
 }
 
@@ -691,7 +694,7 @@ void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onTrackingMode(trackingMode);
 }
 
@@ -711,7 +714,7 @@ void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
     ISceneCallback* const observer = mSceneCallback;
     if (observer == nullptr) return;
     // Recorded under the lock, so that whoever replaces the observer waits for this call.
-    const ObserverCalls::Scope scope(mObserverCalls, observer, SessionLock::FREE);
+    const ObserverCalls::Scope scope(*mObserverCalls, observer, SessionLock::FREE);
     lock.unlock();
     observer->onTrackControl(trackControl);
 }
@@ -726,7 +729,7 @@ void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
         const Lock lock(sLock);
         mSceneCallback = sceneCallback;
     }
-    mObserverCalls.waitForOthersThan(sceneCallback);
+    mObserverCalls->waitForOthersThan(sceneCallback);
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation
