@@ -77,10 +77,26 @@ foreach(side client provider)
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
+# A tool's manual page is made from its help, which only a tool that runs here can tell.
 file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-foreach(tool provider client ctl detect)
-    if(TARGET fdstream-${tool})
-        set_target_properties(fdstream-${tool} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
-        install(TARGETS fdstream-${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+set(pages "")
+foreach(tool provider client detect ctl)
+    set(name fdstream-${tool})
+    if(NOT TARGET ${name})
+        continue()
+    endif()
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/${to_libraries}")
+    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    if(NOT CMAKE_CROSSCOMPILING)
+        set(page ${fdstream_BINARY_DIR}/man/${name}.1)
+        add_custom_command(OUTPUT ${page}
+            COMMAND sh ${fdstream_SOURCE_DIR}/cmake/man_page.sh
+                $<TARGET_FILE:${name}> ${fdstream_VERSION} ${page}
+            DEPENDS ${name} cmake/man_page.sh cmake/man_page.awk
+            VERBATIM)
+        install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+        list(APPEND pages ${page})
     endif()
 endforeach()
+file(MAKE_DIRECTORY ${fdstream_BINARY_DIR}/man)
+add_custom_target(manual-pages ALL DEPENDS ${pages})
