@@ -77,6 +77,10 @@ foreach(side client provider)
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
+if(TARGET fdstream-client)  # whose help names it
+    install(FILES docs/client-json.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+endif()
+
 # A tool's manual page is made from its help, which only a tool that runs here can tell.
 file(RELATIVE_PATH to_libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 set(pages "")
