@@ -24,7 +24,9 @@ add_library(fdstream_static STATIC ${product_objects})
 
 foreach(library fdstream fdstream_static)
     target_include_directories(${library} INTERFACE
-        ${fdstream_SOURCE_DIR}/session ${fdstream_SOURCE_DIR}/util ${fdstream_SOURCE_DIR}/framesource)
+        $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/session>
+        $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/util>
+        $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/framesource>)
     target_link_libraries(${library} PUBLIC interfaces)
 endforeach()
 target_include_directories(fdstream_static INTERFACE ${fdstream_SOURCE_DIR}/helper)

@@ -53,12 +53,17 @@ public:
 std::optional<int> parseCommandLine(CLI::App& app, int argc, char** argv, int badUsage) {
     const auto narrow = std::make_shared<NarrowFormatter>();
     app.formatter(narrow);
+    app.set_version_flag("--version", app.get_name() + " " FDSTREAM_VERSION,
+                         "Print the version and exit");
     for (CLI::App* const command : app.get_subcommands({}))
         command->formatter(narrow);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
         app.exit(help);
+        return finishStandardOutput() ? 0 : badUsage;
+    } catch (const CLI::CallForVersion& version) {
+        std::cout << version.what() << '\n';
         return finishStandardOutput() ? 0 : badUsage;
     } catch (const CLI::ParseError& error) {
         warnx("%s", error.what());

@@ -14,10 +14,12 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <thread>
 #include <utility>
 
 #include "HandleImporter.h"
+#include "ObserverCalls.h"
 #include "ProcessorClones.h"
 #include "Rotate180.h"
 
@@ -165,7 +167,7 @@ public:
         if (sMonitorProcess != getpid()) return;
         auto* const session = static_cast<FDSessionImpl*>(sInstance.get());
         if (session->mMonitor == std::this_thread::get_id()) return;
-        if (session->mObserverCalls.isInsideLocked()) return;
+        if (session->mObserverCalls->isInsideLocked()) return;
 
         const auto deadline = Clock::now() + kEndPatience;
         session->requestExit();
@@ -214,7 +216,8 @@ FDSessionImpl::FDSessionImpl()
       mPTZControl(),
       mTrackingMode(),
       mSceneCallback(nullptr),
-      mRequestCount(0) {
+      mRequestCount(0),
+      mObserverCalls(std::make_unique<ObserverCalls>()) {
     resetPTZScene();
 }
 
@@ -645,7 +648,7 @@ void FDSessionImpl::sendNotify(FDNotifyMsg& msg) {
         }
         callback = mCallback;
     }
-    if (mObserverCalls.isInsideLocked()) {
+    if (mObserverCalls->isInsideLocked()) {
         __android_log_print(ANDROID_LOG_ERROR, LOG_TAG,
                             "%s: called inside an observer's operation that has the session "
                             "locked \n",
@@ -661,7 +664,7 @@ void FDSessionImpl::setSceneControl(const SceneControl& sceneControl) {
     const Lock lock(sLock);
     mSceneControl = sceneControl;
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onSceneControl(sceneControl);
 }
 
@@ -674,7 +677,7 @@ void FDSessionImpl::setPTZControl(const SceneControl& ptzControl) {
     const Lock lock(sLock);
     mPTZControl = ptzControl;
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onPTZControl(ptzControl);
 }
 
@@ -701,7 +704,7 @@ void FDSessionImpl::setTrackingMode(TrackingMode trackingMode) {
     __android_log_print(ANDROID_LOG_DEBUG, LOG_TAG, "Tracking changed to %d ",
                         static_cast<int>(trackingMode));
     if (mSceneCallback == nullptr) return;
-    const ObserverCalls::Scope scope(mObserverCalls, mSceneCallback, SessionLock::HELD);
+    const ObserverCalls::Scope scope(*mObserverCalls, mSceneCallback, SessionLock::HELD);
     mSceneCallback->onTrackingMode(trackingMode);
 }
 
@@ -721,7 +724,7 @@ void FDSessionImpl::setTrackControl(const TrackControl& trackControl) {
     ISceneCallback* const observer = mSceneCallback;
     if (observer == nullptr) return;
     // Recorded under the lock, so that whoever replaces the observer waits for this call.
-    const ObserverCalls::Scope scope(mObserverCalls, observer, SessionLock::FREE);
+    const ObserverCalls::Scope scope(*mObserverCalls, observer, SessionLock::FREE);
     lock.unlock();
     observer->onTrackControl(trackControl);
 }
@@ -736,7 +739,7 @@ void FDSessionImpl::setSceneCallback(ISceneCallback* sceneCallback) {
         const Lock lock(sLock);
         mSceneCallback = sceneCallback;
     }
-    mObserverCalls.waitForOthersThan(sceneCallback);
+    mObserverCalls->waitForOthersThan(sceneCallback);
 }
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

@@ -19,11 +19,10 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
-
-#include "ObserverCalls.h"
 
 namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation {
 
@@ -155,6 +154,8 @@ inline CaptureResult answerTo(CaptureRequest&& request, BufferStatus status) {
     return result;
 }
 
+class ObserverCalls;
+
 /**
  * The session, and the thread "CaptureRequestMonitor" that delivers results and answers requests
  * that nobody took within a second.
@@ -274,8 +275,8 @@ private:
     std::atomic<size_t> mRequestCount;
     // The monitor thread, from its first pass on.
     std::atomic<std::thread::id> mMonitor{std::thread::id()};
-    // Has a lock of its own.
-    ObserverCalls mObserverCalls;
+    // Has a lock of its own, and a header that stays inside.
+    const std::unique_ptr<ObserverCalls> mObserverCalls;
 };
 
 }  // namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation

@@ -116,6 +116,7 @@ TEST_F(ClientOutputsTest, StopsWithOneSentenceWhenItCannotWrite) {
         {"--frames 0 --raw - | head -c 1000", "", "standard output cannot be written: Broken pipe"},
         {"--frames 2 --json /dev/full", "", "/dev/full cannot be written: No space left on device"},
         {"--help >/dev/full", "", "standard output cannot be written: No space left on device"},
+        {"--version >/dev/full", "", "standard output cannot be written: No space left on device"},
         {"--frames 0 --raw raw", "ulimit -f 4000;", "raw.part cannot be written: File too large"},
         {"--frames 0 --png .", "ln -s /dev/full frame-000.png.part;",
          "frame-000.png.part cannot be written: No space left on device"},

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "FDSession.h"
+#include "ObserverCalls.h"
 #include "support/stress.h"
 
 namespace testing_support {
