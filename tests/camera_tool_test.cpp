@@ -1,6 +1,7 @@
 // The provider program with a camera: what it refuses, and clients that die at any moment.
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <fstream>
@@ -60,14 +61,21 @@ TEST(CameraToolTest, ServesTheNextClientAtFullRate) {
         EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
         killed->signal(SIGKILL);
     }
+    // One that answers no notification does not keep it from ending.
+    const auto stopped = startShell(client + " --frames 0");
+    EXPECT_NE(stopped->nextLine(kPatience).value_or(""), "");
+    stopped->signal(SIGSTOP);
+    usleep(100'000);  // until there is one
     provider->signal(SIGTERM);
     const std::string said = provider->rest(kPatience);
     EXPECT_EQ(provider->exitCode(kPatience), 0);
+    EXPECT_EQ(said.find("no answer within"), std::string::npos) << said;
+    stopped->signal(SIGKILL);
     EXPECT_EQ(said.find("references"), std::string::npos) << said;  // to the session, at its end
     size_t lines = 0;
     for (size_t at = said.find("notify"); at != std::string::npos; at = said.find("notify", at + 1))
         ++lines;
-    EXPECT_LE(lines, 4 * 3U) << said;  // the announcements that were under way
+    EXPECT_LE(lines, 5 * 3U) << said;  // the announcements that were under way
 }
 
 }  // namespace testing_support

@@ -213,10 +213,18 @@ TEST_F(DetectTest, FollowsAFaceAndEndsWithModeOff) {
         kill(tool, SIGTERM);
     });
     EXPECT_EQ(detect("--follow"), 0) << read("err");
-    EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
-    session->getSceneControl(scene);
-    EXPECT_EQ(scene.crops.size() + static_cast<size_t>(session->getPeopleCount()), 0U);
-    EXPECT_EQ(wanted(), kAll);
+    const auto isOver = [&] {
+        session->getSceneControl(scene);
+        return session->getTrackingMode() == TrackingMode::OFF && scene.crops.size() == 0 &&
+               session->getPeopleCount() == 0 && wanted() == kAll;
+    };
+    EXPECT_TRUE(isOver());
+    after(60, [&] {
+        EXPECT_FALSE(isOver());
+        kill(tool, SIGKILL);
+    });
+    EXPECT_EQ(detect("--follow"), 128 + SIGKILL);
+    EXPECT_TRUE(eventually(isOver));
 }
 
 TEST_F(DetectTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyFollower) {

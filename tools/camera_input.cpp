@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "FDSession.h"
+#include "host/channel.h"
 #include "source/camera.h"
 
 namespace tools {
@@ -34,7 +35,7 @@ public:
 
     camera::Camera& get() { return mCamera; }
 
-    void end() override { mCamera.end(); }
+    void end() override { mCamera.end(host::hangUpOnClients); }
     std::string description() const override { return mCamera.description(); }
     void holderChanged(bool hasClient) override {
         hasClient ? mCamera.clientCame() : mCamera.clientWent();

@@ -12,8 +12,6 @@ namespace tools {
 
 namespace {
 
-using Colour = std::array<uint8_t, 3>;
-
 Colour colourAt(const Picture& picture, int x, int y) {
     const size_t at =
         (static_cast<size_t>(y) * static_cast<size_t>(picture.width) + static_cast<size_t>(x)) * 3;

@@ -15,11 +15,10 @@ namespace {
 
 constexpr int kThinnest = 2;
 constexpr int kOutlinesAcross = 256;  // so many outlines beside each other fill a picture
-constexpr int kInTerminal = 64;       // whose picture is about so many pixels wide
 
-kit::Frame boxed(const kit::Frame& frame, kit::FrameSize size, const Sight& sight, int across) {
+kit::Frame boxed(const kit::Frame& frame, kit::FrameSize size, const Sight& sight) {
     kit::Frame copy = frame;
-    drawBoxes(copy, size, sight.faces, std::max(kThinnest, size.width / across));
+    drawBoxes(copy, size, sight.faces, std::max(kThinnest, size.width / kOutlinesAcross));
     return copy;
 }
 
@@ -48,14 +47,15 @@ void DetectOutputs::take(const Answer& answer, const Sight& sight, const Figures
     if (mJson) mJson->write(lineOf(answer, &sight));
     if (!mFolder && !mY4m && !mChoice.watch) return;
     const kit::Frame frame = wholeFrame(*answer.lent);
-    const kit::Frame picture = boxed(frame, mSize, sight, kOutlinesAcross);
+    const kit::Frame picture = boxed(frame, mSize, sight);
     if (mFolder && mSaved) mSaved = mFolder->save(answer.frameNumber, picture, mSize);
     if (mY4m) mY4m->write(picture, answer.told.sensorNs);
     if (mChoice.watch && !mView) mView.emplace(mSize);
     if (mView) {
         Answer shown = answer;
-        shown.frame = boxed(frame, mSize, sight, kInTerminal);
-        mView->show(shown, figures, {"faces     " + std::to_string(sight.faces.size())});
+        shown.frame = frame;
+        mView->show(shown, figures, {"faces     " + std::to_string(sight.faces.size())},
+                    sight.faces);
     }
 }
 

@@ -3,7 +3,6 @@
 #include <libyuv.h>
 
 #include <algorithm>
-#include <array>
 #include <string>
 
 namespace tools {
@@ -11,33 +10,13 @@ namespace tools {
 namespace {
 
 using camera::FrameSize;
-using camera::Rect;
-using Colour = std::array<uint8_t, 3>;
 
 constexpr FrameSize kCell = {320, 180};
 constexpr int kColumns = 2;
 constexpr int kRows = 4;
 constexpr Colour kView = {250, 140, 20};
 constexpr Colour kFace = {90, 220, 90};
-
-void outline(Picture& picture, const Rect& rect, Colour colour) {
-    constexpr int kThick = 6;
-    const auto put = [&](int x, int y) {
-        if (x < 0 || y < 0 || x >= picture.width || y >= picture.height) return;
-        std::copy(colour.begin(), colour.end(),
-                  picture.rgb.begin() + ptrdiff_t{3} * (ptrdiff_t{y} * picture.width + x));
-    };
-    for (int edge = 0; edge < kThick; ++edge) {
-        for (int x = rect.x; x < rect.x + rect.width; ++x) {
-            put(x, rect.y + edge);
-            put(x, rect.y + rect.height - 1 - edge);
-        }
-        for (int y = rect.y; y < rect.y + rect.height; ++y) {
-            put(rect.x + edge, y);
-            put(rect.x + rect.width - 1 - edge, y);
-        }
-    }
-}
+constexpr int kThick = 6;
 
 /** Puts it into a cell of a page, smaller. */
 void paste(Picture& page, size_t cell, const Picture& picture) {
@@ -66,8 +45,8 @@ Picture faceSheet(const std::vector<Look>& looks, const FaceClip& clip, bool isT
     for (size_t cell = 0; cell < kCells && !looks.empty(); ++cell) {
         const Look& look = looks[cell * (looks.size() - 1) / (kCells - 1)];
         Picture picture = clip.picture(look.clipFrame, isTurned);
-        outline(picture, look.view, kView);
-        outline(picture, look.truth, kFace);
+        outline(picture, look.view, kView, kThick);
+        outline(picture, look.truth, kFace, kThick);
         paste(whole, cell, picture);
         std::string ignored;  // a picture that is missing stays black
         if (const auto frame = readPng(pictures.pictureOf(look.frame), ignored))

@@ -112,6 +112,24 @@ Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize targ
     return toPicture(small, target);
 }
 
+void outline(Picture& picture, const camera::Rect& part, Colour colour, int thickness) {
+    const auto put = [&](int x, int y) {
+        if (x < 0 || y < 0 || x >= picture.width || y >= picture.height) return;
+        std::copy(colour.begin(), colour.end(),
+                  picture.rgb.begin() + ptrdiff_t{3} * (ptrdiff_t{y} * picture.width + x));
+    };
+    for (int edge = 0; edge < thickness; ++edge) {
+        for (int x = part.x; x < part.x + part.width; ++x) {
+            put(x, part.y + edge);
+            put(x, part.y + part.height - 1 - edge);
+        }
+        for (int y = part.y; y < part.y + part.height; ++y) {
+            put(part.x + edge, y);
+            put(part.x + part.width - 1 - edge, y);
+        }
+    }
+}
+
 std::optional<Picture> readPng(const std::filesystem::path& path, std::string& problem) {
     png_image image = {};
     image.version = PNG_IMAGE_VERSION;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "frame.h"
+#include "view/geometry.h"
 
 namespace tools {
 
@@ -25,6 +27,12 @@ struct Picture {
 Picture toPicture(const kit::Frame& frame, kit::FrameSize size);
 /** Another size of the same picture, smooth. */
 Picture scaled(const kit::Frame& frame, kit::FrameSize size, kit::FrameSize target);
+
+/** Of red, green and blue. */
+using Colour = std::array<uint8_t, 3>;
+
+/** Draws the outline of a part, so many pixels thick inward, as far as it is in the picture. */
+void outline(Picture& picture, const camera::Rect& part, Colour colour, int thickness);
 
 /** Nothing, and a sentence in `problem`, when it is no PNG picture that can be read. */
 std::optional<Picture> readPng(const std::filesystem::path& path, std::string& problem);

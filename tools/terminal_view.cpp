@@ -19,6 +19,7 @@ namespace {
 constexpr int kTextWidth = 22;
 constexpr int kGap = 2;
 constexpr size_t kRecentFrames = 20;
+constexpr Colour kBox = {90, 220, 90};
 
 int even(double value) {
     return std::max(2, static_cast<int>(value) / 2 * 2);
@@ -29,6 +30,14 @@ kit::FrameSize fitting(kit::FrameSize size, int columns, int lines) {
     const double scale = std::min(static_cast<double>(columns - kTextWidth) / size.width,
                                   static_cast<double>(lines) * 2 / size.height);
     return {even(size.width * scale), even(size.height * scale)};
+}
+
+/** Where a part of the frame is in a picture of another size. */
+camera::Rect placeIn(const Picture& picture, kit::FrameSize size, const camera::Rect& part) {
+    const int left = part.x * picture.width / size.width;
+    const int top = part.y * picture.height / size.height;
+    return {left, top, std::max(1, part.width * picture.width / size.width),
+            std::max(1, part.height * picture.height / size.height)};
 }
 
 std::vector<std::string> textOf(const Answer& answer, const Figures& figures, double rate,
@@ -80,7 +89,8 @@ TerminalView::Window TerminalView::window() {
 }
 
 void TerminalView::show(const Answer& answer, const Figures& figures,
-                        const std::vector<std::string>& more) {
+                        const std::vector<std::string>& more,
+                        const std::vector<camera::Rect>& boxes) {
     mRecent.push_back(answer.arrival);
     if (mRecent.size() > kRecentFrames) mRecent.pop_front();
     const double rate = framesPerSecond({mRecent.begin(), mRecent.end()});
@@ -90,8 +100,9 @@ void TerminalView::show(const Answer& answer, const Figures& figures,
     if (now.columns != mWindow.columns || now.lines != mWindow.lines) out += "\x1b[2J";
     mWindow = now;
 
-    const Picture picture =
-        scaled(answer.frame, mSize, fitting(mSize, mWindow.columns, mWindow.lines));
+    Picture picture = scaled(answer.frame, mSize, fitting(mSize, mWindow.columns, mWindow.lines));
+    for (const camera::Rect& box : boxes)
+        outline(picture, placeIn(picture, mSize, box), kBox, 1);
     const int pictureColumns = std::min(picture.width, mWindow.columns);
     const int textColumns = std::max(0, mWindow.columns - picture.width - kGap);
     const std::vector<std::string> text = textOf(answer, figures, rate, more);

@@ -8,6 +8,7 @@
 #include "figures.h"
 #include "frame.h"
 #include "stream_client.h"
+#include "view/geometry.h"
 
 namespace tools {
 
@@ -27,9 +28,13 @@ public:
     /** In words, why the standard output can show nothing; empty when it can. */
     static std::string obstacle();
 
-    /** `more` are lines beside the picture, after those that there always are. */
+    /**
+     * `more` are lines beside the picture, after those that there always are. `boxes` are outlined
+     * in it, with lines that are seen in a terminal of any size.
+     */
     void show(const Answer& answer, const Figures& figures,
-              const std::vector<std::string>& more = {});
+              const std::vector<std::string>& more = {},
+              const std::vector<camera::Rect>& boxes = {});
 
 private:
     struct Window {

@@ -1,5 +1,6 @@
 #include "source/camera.h"
 
+#include <chrono>
 #include <utility>
 
 namespace camera {
@@ -11,16 +12,19 @@ Camera::Camera(android::sp<Session> session, const SourceOptions& options, Say s
 
 bool Camera::start(std::string& problem) {
     if (!mPlayer.open(problem)) return false;
-    mDecoding = std::thread([this] { mPlayer.run(); });
-    mFilling = std::thread([this] { mFiller.run(); });
+    mDecoding = std::async(std::launch::async, [this]() noexcept { mPlayer.run(); });
+    mFilling = std::async(std::launch::async, [this]() noexcept { mFiller.run(); });
     return true;
 }
 
-void Camera::end() {
+void Camera::end(const std::function<void()>& hangUp) {
+    constexpr std::chrono::milliseconds kForAClient(100);
     mStop.raise();
     mHandover.end();
-    if (mDecoding.joinable()) mDecoding.join();
-    if (mFilling.joinable()) mFilling.join();
+    if (mFilling.valid() && mFilling.wait_for(kForAClient) != std::future_status::ready && hangUp)
+        hangUp();
+    for (const auto* const thread : {&mDecoding, &mFilling})
+        if (thread->valid()) thread->wait();
 }
 
 std::string Camera::description() const {

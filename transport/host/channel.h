@@ -55,6 +55,12 @@ private:
     const std::unique_ptr<Impl> mImpl;
 };
 
+/**
+ * Ends all channels to what clients have handed over: calls that are under way there fail at once,
+ * as they would when the client had died. For a process that is to end, whoever does not answer it.
+ */
+void hangUpOnClients();
+
 /** The process whose call to a server's object runs on this thread; 0 outside such a call. */
 pid_t callingProcess();
 

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <set>
 #include <thread>
 #include <utility>
 
 #include "closing.h"
+#include "host/channel.h"
 #include "host/limits.h"
 #include "host/remote.h"
 #include "host/unique_lock.h"
@@ -26,6 +28,17 @@ using detail::Failure;
 using detail::Header;
 
 namespace {
+
+/** Of the channels to clients. Never destroyed, because a thread may still call during the exit. */
+struct ClientSockets {
+    std::mutex mutex;
+    std::set<int> open;  // guarded by mutex
+};
+
+ClientSockets& clientSockets() {
+    static auto* const instance = new ClientSockets;
+    return *instance;
+}
 
 std::string noAnswer() {
     return "no answer within " + std::to_string(kCallPatience.count()) + " ms";
@@ -116,10 +129,25 @@ private:
 CallChannel::CallChannel(UniqueFd socket, Peer peer)
     : mSocket(std::move(socket)),
       mPeer(peer),
-      mHasTimeout(peer == Peer::PROVIDER && detail::setReceiveTimeout(mSocket.get())) {}
+      mHasTimeout(peer == Peer::PROVIDER && detail::setReceiveTimeout(mSocket.get())) {
+    if (mPeer != Peer::CLIENT) return;
+    const std::lock_guard<std::mutex> lock(clientSockets().mutex);
+    clientSockets().open.insert(mSocket.get());
+}
 
 CallChannel::~CallChannel() {
-    if (mPeer == Peer::CLIENT) detail::closeLater(std::move(mSocket));
+    if (mPeer != Peer::CLIENT) return;
+    {
+        const std::lock_guard<std::mutex> lock(clientSockets().mutex);
+        clientSockets().open.erase(mSocket.get());
+    }
+    detail::closeLater(std::move(mSocket));
+}
+
+void hangUpOnClients() {
+    const std::lock_guard<std::mutex> lock(clientSockets().mutex);
+    for (const int socket : clientSockets().open)
+        shutdown(socket, SHUT_RDWR);
 }
 
 Status CallChannel::call(uint32_t method, const Outgoing& out,
