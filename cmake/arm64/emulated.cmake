@@ -1,0 +1,5 @@
+# Each program becomes NAME.arm64, and beside it stands NAME, a script that has the emulator run it. So
+# whoever starts it by its path, a test, a tool or a person, need not know.
+
+list(APPEND CMAKE_CXX_LINK_EXECUTABLE
+    "${CMAKE_CURRENT_LIST_DIR}/wrap <TARGET> \"${FDSTREAM_EMULATOR}\"")
