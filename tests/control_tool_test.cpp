@@ -79,6 +79,8 @@ TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
         {"mode x", 2, "x is no number that fits"},
         {"mode 2147483648", 2, "no number that fits"},
         {"track --pan nan", 2, "no number that fits"},
+        {"track --pan 0x1", 2, "no number that fits"},
+        {"track --pan 1e39", 2, "no number that fits"},
         {"ptz 1,2,3 --of 1x1", 2, "1,2,3 is no crop"},
         {"ptz 1,2,3,4 --of 1x", 2, "1x is no size"},
         {"", 2, "subcommand"},

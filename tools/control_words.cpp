@@ -1,5 +1,7 @@
 #include "control_words.h"
 
+#include <cmath>
+#include <cstdlib>
 #include <sstream>
 
 namespace tools {
@@ -9,6 +11,15 @@ namespace {
 constexpr const char* kNoCrop = "is no crop: four numbers X,Y,W,H that fit";
 
 }  // namespace
+
+template <>
+std::optional<float> numberOf<float>(const std::string& text) {
+    const bool isDecimal = text.find_first_not_of("0123456789.eE+-") == std::string::npos;
+    if (!isDecimal || text.empty() || text.front() == '+') return std::nullopt;
+    char* end = nullptr;
+    const float number = strtof(text.c_str(), &end);
+    return *end == '\0' && std::isfinite(number) ? std::optional(number) : std::nullopt;
+}
 
 std::optional<Crop> cropOf(const std::string& text) {
     std::vector<std::optional<int32_t>> numbers;

@@ -2,11 +2,9 @@
 
 #include <CLI/CLI.hpp>
 #include <charconv>
-#include <cmath>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "IFDControl.h"
@@ -18,18 +16,17 @@ using control::SceneControl;
 using control::TrackControl;
 using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
 
-/** Nothing when the text is anything but one number that the type holds, which is not infinite. */
+/** Nothing when the text is anything but one number that the type holds. */
 template <typename Number>
 std::optional<Number> numberOf(const std::string& text) {
     Number number = {};
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || rest != end) return std::nullopt;
-    if constexpr (std::is_floating_point_v<Number>) {
-        if (!std::isfinite(number)) return std::nullopt;
-    }
-    return number;
+    return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
 }
+/** Without from_chars(), which not every standard library has for fractions. */
+template <>
+std::optional<float> numberOf<float>(const std::string& text);
 
 /** Nothing when it is not X,Y,W,H. */
 std::optional<Crop> cropOf(const std::string& text);

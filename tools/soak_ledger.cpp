@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstddef>
 #include <cstdio>
+#include <string_view>
 
 namespace tools {
 
@@ -14,11 +15,7 @@ constexpr int64_t kMostGrowthKiB = 2048;
 
 // A sanitizer keeps what was freed and a shadow of what was ever touched: there memory says
 // nothing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMemoryIsJudged = false;
-#else
-constexpr bool kMemoryIsJudged = true;
-#endif
+constexpr bool kMemoryIsJudged = std::string_view(SANITIZERS).empty();
 
 std::string inMiB(int64_t kib) {
     char text[32];

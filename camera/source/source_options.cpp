@@ -1,6 +1,8 @@
 #include "source/source_options.h"
 
 #include <charconv>
+#include <cstdlib>
+#include <string>
 #include <string_view>
 
 namespace camera {
@@ -10,12 +12,20 @@ namespace {
 constexpr int kMost = 99999;  // of pixels
 
 /** Takes a number off the front; false when there is none. */
-template <typename Number>
-bool take(std::string_view& text, Number& number) {
+bool take(std::string_view& text, int& number) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc()) return false;
     text.remove_prefix(static_cast<size_t>(end - text.data()));
     return true;
+}
+
+/** The same for a fraction, which not every standard library has from_chars() for. */
+bool take(std::string_view& text, double& number) {
+    const std::string digits(text.substr(0, text.find_first_not_of("0123456789.")));
+    char* end = nullptr;
+    number = strtod(digits.c_str(), &end);
+    text.remove_prefix(static_cast<size_t>(end - digits.c_str()));
+    return end != digits.c_str();
 }
 
 bool take(std::string_view& text, char letter) {
