@@ -138,13 +138,16 @@ void benchRoads(Run& run);
 void benchCounts(Run& run);
 void benchGrowth(Run& run);
 void benchIdle(Run& run);
+void benchCamera(Run& run);
 
 // What it is as another process, which it starts itself; each returns that one's exit code.
 
 using Arguments = std::vector<std::string>;
 
-/** The provider of the real road, until SIGTERM: at this socket, and with "pictures" if so. */
+/** The provider of the real road, until SIGTERM: with "pictures" if so, and at this socket. */
 int serveRoad(const Arguments& arguments);
+/** A camera in such a provider: plays this clip, a frame for each request. */
+int serveCamera(const Arguments& arguments);
 /** The producer of GStreamer's road: orders come as numbers of frames, one a line; 0 ends it. */
 int produceForGst(const Arguments& arguments);
 /** So many frames of one kind and nothing else, for tools that count. */
