@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstddef>
@@ -84,8 +85,8 @@ inline double microsecondsSince(Clock::time_point start) {
     return microsecondsOf(Clock::now() - start);
 }
 
-/** The microseconds that a process has spent on processors so far; 0: this one. */
-double processorMicroseconds(pid_t process = 0);
+/** The microseconds that a process has spent on processors so far; 0: whose clock this is. */
+double processorMicroseconds(pid_t process = 0, clockid_t clock = CLOCK_PROCESS_CPUTIME_ID);
 
 /** Keeps this thread, and what it starts, on one processor for the scope of this object. */
 class OnOneProcessor {

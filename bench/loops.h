@@ -16,10 +16,10 @@ Loop libavLoop(const std::string& clip, kit::FrameSize size);
 /** OpenCV's own: cv::VideoCapture, and its greys. Null where that is not there. */
 Loop openCvLoop(const std::string& clip, kit::FrameSize size);
 /**
- * GStreamer's, in RGB, with its own detector; gives the faces that it found, and -1 for none to look
- * for when it `detects` nothing. Null, and why in `problem`, when something of it is missing.
+ * GStreamer's, in RGB, with its own detector if it `detects`; gives the number of faces that it has
+ * found. Null, and why in `problem`, when something of it is missing.
  */
-using FacesLoop = std::function<size_t()>;
+using FacesLoop = std::function<double()>;
 FacesLoop gstLoop(const std::string& clip, kit::FrameSize size, bool detects, std::string& problem);
 
 }  // namespace bench

@@ -152,8 +152,7 @@ private:
 int serveSession(const std::string& socket, Served served) {
     const kit::Signals signals({SIGTERM, SIGINT});
     std::string problem;
-    const auto server =
-        host::Server::listen(socket, new ServedSession(std::move(served)), problem);
+    const auto server = host::Server::listen(socket, new ServedSession(std::move(served)), problem);
     expect(server != nullptr, problem.c_str());
     printf("listening\n");
     fflush(stdout);
