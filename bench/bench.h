@@ -2,6 +2,7 @@
 
 #include <sched.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <chrono>
 #include <cstddef>
@@ -85,8 +86,8 @@ inline double microsecondsSince(Clock::time_point start) {
     return microsecondsOf(Clock::now() - start);
 }
 
-/** The microseconds that a process has spent on processors so far; 0: this one. */
-double processorMicroseconds(pid_t process = 0);
+/** The microseconds that a process has spent on processors so far; 0: whose clock this is. */
+double processorMicroseconds(pid_t process = 0, clockid_t clock = CLOCK_PROCESS_CPUTIME_ID);
 
 /** Keeps this thread, and what it starts, on one processor for the scope of this object. */
 class OnOneProcessor {
@@ -142,13 +143,16 @@ void benchRoads(Run& run);
 void benchCounts(Run& run);
 void benchGrowth(Run& run);
 void benchIdle(Run& run);
+void benchCamera(Run& run);
 
 // What it is as another process, which it starts itself; each returns that one's exit code.
 
 using Arguments = std::vector<std::string>;
 
-/** The provider of the real road, until SIGTERM: at this socket, and with "pictures" if so. */
+/** The provider of the real road, until SIGTERM: with "pictures" if so, and at this socket. */
 int serveRoad(const Arguments& arguments);
+/** A camera in such a provider: plays this clip, a frame for each request. */
+int serveCamera(const Arguments& arguments);
 /** The producer of GStreamer's road: orders come as numbers of frames, one a line; 0 ends it. */
 int produceForGst(const Arguments& arguments);
 /** So many frames of one kind and nothing else, for tools that count. */

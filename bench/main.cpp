@@ -20,11 +20,13 @@ const std::vector<std::pair<std::string, void (*)(bench::Run&)>> kParts = {
     {"request", bench::benchRequest},   {"delivery", bench::benchDelivery},
     {"roads", bench::benchRoads},       {"counts", bench::benchCounts},
     {"growth", bench::benchGrowth},     {"idle", bench::benchIdle},
+    {"camera", bench::benchCamera},
 };
 
 /** What the program is as another process, by its first argument. */
 const std::map<std::string, int (*)(const bench::Arguments&)> kRoles = {
     {"provider", bench::serveRoad},
+    {"camera", bench::serveCamera},
     {"gst-producer", bench::produceForGst},
     {"steady", bench::runSteady},
 };

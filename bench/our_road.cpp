@@ -19,49 +19,39 @@ namespace bench {
 
 namespace {
 
-/** In front of the provider's session: what it accepts is served before the client is answered. */
-class ServingSession : public IFDSession {
+/** In front of the provider's session: what a client did is told before it is answered. */
+class ServedSession : public IFDSession {
 public:
-    ServingSession(sp<FDSession> session, bool pictures)
-        : mSession(std::move(session)), mInterface(mSession->getInterface()) {
-        if (pictures) mFrame.emplace();
-    }
+    explicit ServedSession(Served served)
+        : mServed(std::move(served)), mSession(FDSession::getInstance()->getInterface()) {}
 
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
-        return mInterface->setCallback(callback);
+        Return<Status> answer = mSession->setCallback(callback);
+        if (mServed.clientSet) mServed.clientSet(callback != nullptr);
+        return answer;
     }
     Return<Status> configure(const StreamConfiguration& configuration) override {
-        return mInterface->configure(configuration);
+        return mSession->configure(configuration);
     }
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
-        Return<Status> answer = mInterface->processCaptureRequest(request);
-        CaptureRequest taken = {};
-        if (host::isAccepted(answer) && mSession->getProcessCaptureRequest(taken) == 0) {
-            if (mFrame) fill(taken);
-            mSession->sendCaptureResult(kit::resultFor(std::move(taken)));
-        }
+        Return<Status> answer = mSession->processCaptureRequest(request);
+        if (mServed.accepted && host::isAccepted(answer)) mServed.accepted();
         return answer;
     }
 
 private:
-    void fill(const CaptureRequest& request) {
-        const auto buffer = mSession->getBufferForId(request.outputBuffers[0].bufferId);
-        if (buffer != nullptr) ZoruUtil::copyTo(mFrame->numbered(request.frameNumber), buffer);
-    }
-
-    const sp<FDSession> mSession;
-    const sp<IFDSession> mInterface;
-    std::optional<MarkedFrame> mFrame;  // for the one client's thread
+    const Served mServed;
+    const sp<IFDSession> mSession;
 };
 
 /** The n-th frame goes to the n-th buffer, counted round and round. */
 class Client {
 public:
-    Client(sp<IFDSession> session, uint32_t buffers, Asking asking, bool pictures)
-        : mSession(std::move(session)), mAsking(asking) {
-        if (pictures) mExpected.emplace();
-        while (mBuffers.size() < buffers)
-            mBuffers.push_back(kit::allocate(pictures ? k720p : kTiny));
+    Client(sp<IFDSession> session, const OurRoad& road)
+        : mSession(std::move(session)), mAsking(road.asking), mLook(road.look) {
+        if (road.isMarked) mExpected.emplace();
+        while (mBuffers.size() < road.buffers)
+            mBuffers.push_back(kit::allocate(road.size));
     }
 
     /** The time when the last one came. */
@@ -72,10 +62,13 @@ public:
         // In the other case the callback goes on with the buffers that come back.
         const uint32_t own = mAsking == Asking::InRun ? frames : std::min(buffers, frames);
         for (uint32_t number = first; number < first + own; ++number) {
-            if (number >= buffers) mArrivals.waitFor(number + 1 - buffers);
+            if (number >= first + buffers) lookAt(number - buffers);
             ask(number);
         }
-        return mArrivals.waitFor(first + frames);
+        const uint32_t left = mLook ? std::min(buffers, frames) : 0;
+        for (uint32_t number = mWanted - left; number < mWanted; ++number)
+            lookAt(number);
+        return mArrivals.waitFor(mWanted);
     }
 
     void take(const CaptureResult& result) {
@@ -94,6 +87,11 @@ private:
             kit::requestFor(number, id, isKnown ? nullptr : mBuffers[id].handle());
         if (!host::isAccepted(mSession->processCaptureRequest(request))) mArrivals.add(false);
     }
+    void lookAt(uint32_t number) {
+        mArrivals.waitFor(number + 1);
+        const host::Buffer& buffer = mBuffers[number % mBuffers.size()];
+        if (mLook) mLook(buffer.lumaRow(0), buffer.geometry().stride);
+    }
     /** By every byte of a run's last frame, and by the marks of the others. */
     bool isExpected(uint32_t number) {
         const uint8_t* const packed = mBuffers[number % mBuffers.size()].bytes();
@@ -102,33 +100,32 @@ private:
 
     const sp<IFDSession> mSession;
     const Asking mAsking;
+    const Look mLook;
     std::optional<MarkedFrame> mExpected;  // for the thread of the callback
     std::vector<host::Buffer> mBuffers;
     std::atomic<uint32_t> mWanted{0};
     Arrivals mArrivals;
 };
 
-class OurRoad : public Road {
+class RoadWithProvider : public Road {
 public:
-    OurRoad(uint32_t buffers, Asking asking, bool pictures) {
+    explicit RoadWithProvider(const OurRoad& road) {
         const std::string socket = mFolder / "session.sock";
-        Arguments arguments = {"provider", socket};
-        if (pictures) arguments.emplace_back("pictures");
+        Arguments arguments = road.provider;
+        arguments.push_back(socket);
         std::string problem;
         mProvider = kit::ChildProcess::start(thisProgram(), arguments, problem);
         expect(mProvider != nullptr && mProvider->nextLine(std::chrono::seconds(20)),
                "the provider does not start");
         mSession = host::connect<IFDSession>(socket, problem);
         expect(mSession != nullptr, problem.c_str());
-        mClient = std::make_shared<Client>(mSession, buffers, asking, pictures);
+        mClient = std::make_shared<Client>(mSession, road);
         const sp<IFDSessionCallback> callback = new ResultCallback(
             [client = mClient](const CaptureResult& result) { client->take(result); });
-        expect(
-            host::isAccepted(mSession->setCallback(callback)) &&
-            host::isAccepted(mSession->configure(kit::configurationOf(pictures ? k720p : kTiny))));
-        mClient->run(buffers);
+        expect(host::isAccepted(mSession->setCallback(callback)) &&
+               host::isAccepted(mSession->configure(kit::configurationOf(road.size))));
     }
-    ~OurRoad() override {
+    ~RoadWithProvider() override {
         // A failure is of no interest: the provider may be gone.
         static_cast<void>(mSession->setCallback(nullptr).isOk());
         mProvider->signal(SIGTERM);  // so that it ends as programs do, and tools can report
@@ -152,12 +149,10 @@ private:
 
 }  // namespace
 
-int serveRoad(const Arguments& arguments) {
+int serveSession(const std::string& socket, Served served) {
     const kit::Signals signals({SIGTERM, SIGINT});
     std::string problem;
-    const auto server = host::Server::listen(
-        arguments.at(0), new ServingSession(FDSession::getInstance(), arguments.size() > 1),
-        problem);
+    const auto server = host::Server::listen(socket, new ServedSession(std::move(served)), problem);
     expect(server != nullptr, problem.c_str());
     printf("listening\n");
     fflush(stdout);
@@ -165,8 +160,29 @@ int serveRoad(const Arguments& arguments) {
     return EXIT_SUCCESS;
 }
 
+int serveRoad(const Arguments& arguments) {
+    const sp<FDSession> session = FDSession::getInstance();
+    std::optional<MarkedFrame> frame;
+    if (arguments.size() > 1) frame.emplace();
+    const auto answer = [&] {
+        CaptureRequest taken = {};
+        if (session->getProcessCaptureRequest(taken) != 0) return;
+        const auto buffer =
+            frame ? session->getBufferForId(taken.outputBuffers[0].bufferId) : nullptr;
+        if (buffer != nullptr) ZoruUtil::copyTo(frame->numbered(taken.frameNumber), buffer);
+        session->sendCaptureResult(kit::resultFor(std::move(taken)));
+    };
+    return serveSession(arguments.back(), {{}, answer});
+}
+
 std::unique_ptr<Road> startOurRoad(uint32_t buffers, Asking asking, bool pictures) {
-    return std::make_unique<OurRoad>(buffers, asking, pictures);
+    OurRoad road = {{"provider"}, buffers, asking, kTiny};
+    if (pictures) road = {{"provider", "pictures"}, buffers, asking, k720p, true};
+    return startRoad(road);
+}
+
+std::unique_ptr<Road> startRoad(const OurRoad& road) {
+    return std::make_unique<RoadWithProvider>(road);
 }
 
 }  // namespace bench

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "bench.h"
+#include "frame.h"
 
 /** Roads of frames between two processes: ours and its references. */
 namespace bench {
@@ -44,6 +45,28 @@ enum class Asking { InCallback, InRun };
  * the client looks at it; without, frames are tiny and empty. Throws Wrong when it does not start.
  */
 std::unique_ptr<Road> startOurRoad(uint32_t buffers, Asking asking, bool pictures);
+
+/** Looks at a frame's luma, whose rows are so many bytes apart. */
+using Look = std::function<void(const uint8_t* luma, size_t stride)>;
+
+/** The real road with any provider. */
+struct OurRoad {
+    Arguments provider;  ///< this program as such; the socket is added
+    uint32_t buffers;
+    Asking asking;
+    kit::FrameSize size;
+    bool isMarked = false;
+    Look look = {};  ///< at each frame, in their order, inside run(); where that is who asks
+};
+std::unique_ptr<Road> startRoad(const OurRoad& road);
+
+/** What a provider does when its client has done something, before that is answered; or nothing. */
+struct Served {
+    std::function<void(bool isThere)> clientSet;
+    std::function<void()> accepted;  ///< a request
+};
+/** The session of this process at a socket, until SIGTERM: gives the exit code. */
+int serveSession(const std::string& socket, Served served);
 
 /**
  * The least that a frame needs between two processes, written bare: a round trip with the request,

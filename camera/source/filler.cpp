@@ -4,6 +4,7 @@
 #include <hardware/gralloc.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "view/announcements.h"
@@ -21,9 +22,10 @@ using vendor::zoru::zoruprovider::zoruprovider::V2_4::SceneControl;
 using Clock = StopSignal::Clock;
 
 constexpr size_t kMostKept = 32;
-// For requests; without a pace nothing else is waited for.
-constexpr std::chrono::microseconds kBetweenLooks(5000);
-constexpr std::chrono::microseconds kBetweenUnpacedLooks(500);
+// For requests. Without a pace nothing else may be waited for: then at first for a short time, and
+// each time for twice that, because a look costs as much as much else of a frame.
+constexpr std::chrono::microseconds kBetweenLooks(8000);
+constexpr std::chrono::microseconds kShortest(500);
 constexpr std::chrono::milliseconds kForAFence(50);
 constexpr FrameSize kLargest = {4096, 2304};
 
@@ -43,14 +45,17 @@ void Filler::clientWent() {
 }
 
 void Filler::run() {
+    std::chrono::microseconds patience = kShortest / 2;
     for (;;) {
         if (const uint64_t departures = mDepartures; departures != mSeenDepartures) {
             mSeenDepartures = departures;
             answerKept();
         }
         collect();
+        const bool isForRequests = !mIsPaced && mKept.empty();
+        patience = isForRequests ? std::min(2 * patience, kBetweenLooks) : kShortest / 2;
         if (!mIsPaced) mHandover.want(!mKept.empty());
-        const Handover::News news = mHandover.take(mIsPaced ? kBetweenLooks : kBetweenUnpacedLooks);
+        const Handover::News news = mHandover.take(isForRequests ? patience : kBetweenLooks);
         if (news.isEnd) break;
         if (news.frame) {
             collect();

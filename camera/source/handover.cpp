@@ -60,7 +60,7 @@ Handover::News Handover::take(std::chrono::microseconds patience) {
 void Handover::want(bool isWanted) {
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mIsWanted = isWanted;
+        mIsWanted = isWanted && !mNewest;
     }
     if (isWanted) mForDecoding.notify_one();
 }
