@@ -32,7 +32,7 @@ namespace {
 /** Of the channels to clients. Never destroyed, because a thread may still call during the exit. */
 struct ClientSockets {
     std::mutex mutex;
-    std::set<int> open;  // guarded by mutex
+    std::set<int> open GUARDED_BY(mutex);
 };
 
 ClientSockets& clientSockets() {
