@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """Keeps the product's folders such as a device's platform can compile them, and says in words what is not.
 
-    seam.py words TREE                        what the sources include, ask for and name
-    seam.py compile TREE COMPILER [OPTION ..] each header and source by itself, against the platform's
-                                              headers and no others, without a name from the build
+    seam.py words TREE                        what headers and sources include, ask for and name
+    seam.py .h|.cpp TREE COMPILER [OPTION ..] compiles each header, or each source, by itself against the
+                                              platform's headers and no others, without a name from the build
 """
 
 import concurrent.futures
@@ -39,7 +39,7 @@ WARNINGS = "-Wall -Wextra -Wpedantic -Wundef -Werror".split()
 SKIPPED = 77
 
 
-def sources_of(tree, suffixes=(".h", ".cpp")):
+def files_of(tree, suffixes=(".h", ".cpp")):
     """(folder, path below the tree) of each file of the product."""
     for folder in FOLDERS:
         for path in sorted((tree / folder).rglob("*")):
@@ -100,7 +100,7 @@ def line_faults(tree, folder, path, line, allowed):
 def word_faults(tree):
     lines = (HERE / "headers.txt").read_text().splitlines()
     allowed = {line for line in lines if line and not line.startswith("#")}
-    for folder, path in sources_of(tree):
+    for folder, path in files_of(tree):
         text = without_comments((tree / path).read_text())
         for number, line in enumerate(text.splitlines(), 1):
             for fault in filter(None, line_faults(tree, folder, path, line, allowed)):
@@ -120,9 +120,9 @@ def compile_fault(tree, compiler, folder, path):
     return f"{path} does not compile by itself:\n{done.stderr}" if done.returncode != 0 else None
 
 
-def compile_faults(tree, compiler):
+def compile_faults(tree, suffix, compiler):
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        tries = [pool.submit(compile_fault, tree, compiler, *source) for source in sources_of(tree)]
+        tries = [pool.submit(compile_fault, tree, compiler, *file) for file in files_of(tree, [suffix])]
         yield from filter(None, (one.result() for one in tries))
 
 
@@ -134,14 +134,14 @@ def has_its_library(compiler):
 
 
 def main():
-    if len(sys.argv) < 3 or sys.argv[1] not in ("words", "compile"):
+    if len(sys.argv) < 3 or sys.argv[1] not in ("words", ".h", ".cpp"):
         print(__doc__, file=sys.stderr)
         return 2
-    tree, compiler = Path(sys.argv[2]).resolve(), sys.argv[3:]
-    if sys.argv[1] == "compile" and not has_its_library(compiler):
+    what, tree, compiler = sys.argv[1], Path(sys.argv[2]).resolve(), sys.argv[3:]
+    if what != "words" and not has_its_library(compiler):
         print(f"Nothing was compiled: {' '.join(compiler)} does not find its standard library.")
         return SKIPPED
-    faults = list(word_faults(tree) if sys.argv[1] == "words" else compile_faults(tree, compiler))
+    faults = list(word_faults(tree) if what == "words" else compile_faults(tree, what, compiler))
     for fault in faults:
         print(fault)
     return 1 if faults else 0
