@@ -49,8 +49,12 @@ struct Slot {
     size_t found;
 };
 
-#define SLOT(operation) \
-    { #operation, slotOf(&operation) }
+template <typename Operation>
+Slot named(const char* name, Operation operation) {
+    return {name, slotOf(operation)};
+}
+
+#define SLOT(operation) named(#operation, &operation)  // NOLINT
 
 void expectInOrder(size_t first, const std::vector<Slot>& slots) {
     for (size_t i = 0; i < slots.size(); ++i) {
@@ -80,7 +84,7 @@ struct Member {
 };
 template <size_t number, typename Type, Type FDSessionImpl::*member>
 const bool Member<number, Type, member>::kKnown =
-    (sMembers[number] = {offsetOf(member), sizeof(Type), alignof(Type)}, true);
+    (sMembers[number] = {offsetOf(member), sizeof(Type), alignof(Type)}, true);  // NOLINT
 
 using Buffers = std::map<int32_t, std::map<uint64_t, buffer_handle_t>>;
 using Wrappers = std::map<uint64_t, sp<GraphicBuffer>>;
@@ -110,12 +114,12 @@ struct Record {
     Place place, wanted;
 };
 
-#define RECORD(type, ...)                           \
-    {                                               \
-#type, {0, sizeof(type), alignof(type) }, { \
-            0, __VA_ARGS__                          \
-        }                                           \
-    }
+template <typename Type>
+Record recordOf(const char* name, size_t size, size_t alignment) {
+    return {name, {0, sizeof(Type), alignof(Type)}, {0, size, alignment}};
+}
+
+#define RECORD(type, ...) recordOf<type>(#type, __VA_ARGS__)
 
 }  // namespace
 

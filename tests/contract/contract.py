@@ -120,7 +120,10 @@ def main():
     parser.add_argument("--readelf", default="readelf")
     parser.add_argument("--objdump")
     arguments = parser.parse_args()
-    faults = list(faults_of(arguments))
+    try:
+        faults = list(faults_of(arguments))
+    except subprocess.CalledProcessError as error:
+        faults = [f"cannot be read: {error.stderr.strip()}"]
     for fault in faults:
         print(f"{arguments.library} {fault}.")
     return 1 if faults else 0
