@@ -175,7 +175,7 @@ TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
         while (!done)
             EXPECT_TRUE(remoteControl->follow(sceneOf(3), sceneOf(4)).isOk());
     });
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 100 && !HasFailure(); ++round) {
         EXPECT_EQ(other->setMode(TrackingMode::GROUP), Answer::OK);
         EXPECT_TRUE(eventually([&] { return same(ptz(), sceneOf(4)); }));
         EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
