@@ -64,7 +64,8 @@ TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
         int code;
         std::string said;  // all of it, or with 1 and more a part
     } cases[] = {
-        {"scene -5,2,2147483647,0 1,2,3,4 --of 7x-8 --id 9 --flags -10 --people 11", 0, sceneWith("11")},
+        {"scene -5,2,2147483647,0 1,2,3,4 --of 7x-8 --id 9 --flags -10 --people 11", 0,
+         sceneWith("11")},
         {"scene", 0, sceneWith("11")},
         {"people -12", 0, "{\"peopleCount\":-12}\n"},
         {"people", 0, "{\"peopleCount\":-12}\n"},
