@@ -1,14 +1,13 @@
-// The session's controls on a socket of their own: what crosses, who follows, and who watches.
+// The session's controls on a socket of their own: who connects, who follows, and who watches.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <deque>
 #include <memory>
-#include <mutex>
 #include <numeric>
-#include <optional>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -17,6 +16,8 @@
 #include "IFDControl.h"
 #include "control_server.h"
 #include "holdings.h"
+#include "host/limits.h"
+#include "support/few_descriptors.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -24,7 +25,6 @@ namespace testing_support {
 namespace {
 
 using control::Answer;
-using control::CameraStatus;
 using control::Event;
 using control::IFDControl;
 
@@ -63,11 +63,7 @@ class ControlTest : public TransportFixture {
 protected:
     ControlTest() {
         std::string problem;
-        const auto status = [this] {
-            const std::lock_guard<std::mutex> lock(pictureMutex);
-            return picture;
-        };
-        controls = control::ControlServer::listen(controlPath, session, status, problem);
+        controls = control::ControlServer::listen(controlPath, session, {}, problem);
         EXPECT_NE(controls, nullptr) << problem;
         remoteControl = connectControl();
         other = connectControl();
@@ -103,60 +99,12 @@ protected:
 
     const std::string controlPath = path + ".control";
     const SceneControl defaultPtz = ptz();
-    std::mutex pictureMutex;
-    std::optional<CameraStatus> picture;  // guarded by pictureMutex
     std::unique_ptr<control::ControlServer> controls;
     sp<IFDControl> remoteControl;
     sp<IFDControl> other;
 };
 
 }  // namespace
-
-TEST_F(ControlTest, BringsEveryFieldBothWays) {
-    EXPECT_EQ(remoteControl->setScene(sceneOf(1)), Answer::OK);
-    EXPECT_EQ(remoteControl->setPtz(sceneOf(100)), Answer::OK);
-    EXPECT_TRUE(same(scene(), sceneOf(1)));
-    EXPECT_TRUE(same(ptz(), sceneOf(100)));
-    SceneControl got[2] = {};
-    EXPECT_EQ(other->getScene(got[0]), Answer::OK);
-    EXPECT_EQ(other->getPtz(got[1]), Answer::OK);
-    EXPECT_TRUE(same(got[0], sceneOf(1)));
-    EXPECT_TRUE(same(got[1], sceneOf(100)));
-
-    const auto track = filled<TrackControl>(60, kTrackFields);
-    EXPECT_EQ(remoteControl->setTrack(track), Answer::OK);
-    TrackControl tracks[2] = {};
-    session->getTrackControl(tracks[0]);
-    EXPECT_EQ(other->getTrack(tracks[1]), Answer::OK);
-    for (const TrackControl& one : tracks)
-        EXPECT_EQ(memcmp(&one, &track, kTrackFields), 0);
-
-    const auto mode = static_cast<TrackingMode>(-77);
-    EXPECT_EQ(remoteControl->setMode(mode), Answer::OK);
-    TrackingMode gotMode = {};
-    EXPECT_EQ(other->getMode(gotMode), Answer::OK);
-    EXPECT_EQ(session->getTrackingMode(), mode);
-    EXPECT_EQ(gotMode, mode);
-
-    EXPECT_EQ(remoteControl->setPeople(-3), Answer::OK);
-    SceneControl withPeople = sceneOf(1);
-    withPeople.peopleCount = -3;
-    EXPECT_TRUE(same(scene(), withPeople));
-    int32_t people = 0;
-    EXPECT_EQ(other->getPeople(people), Answer::OK);
-    EXPECT_EQ(people, -3);
-
-    CameraStatus status;
-    EXPECT_EQ(other->getStatus(status), Answer::NO_PICTURE);
-    {
-        const std::lock_guard<std::mutex> lock(pictureMutex);
-        picture = CameraStatus{1, 2, 29.97, uint64_t{1} << 40, 4};
-    }
-    EXPECT_EQ(other->getStatus(status), Answer::OK);
-    EXPECT_EQ(std::tie(status.width, status.height, status.rate, status.frames, status.dropped),
-              std::tie(picture->width, picture->height, picture->rate, picture->frames,
-                       picture->dropped));
-}
 
 TEST_F(ControlTest, TakesAThousandCropsAndNotOneMore) {
     const SceneControl most = sceneOf(1, control::kMaxCrops);
@@ -202,18 +150,12 @@ TEST_F(ControlTest, LetsOneFollowUntilItStopsOrDies) {
     };
     EXPECT_EQ(remoteControl->stopFollowing(), Answer::OK);
     expectNobody();
-    EXPECT_EQ(other->startFollowing(), Answer::OK);
-    EXPECT_EQ(other->follow(sceneOf(3), sceneOf(4)), Answer::OK);
-    other.clear();
-    EXPECT_TRUE(
-        eventually([&] { return remoteControl->startFollowing().withDefault({}) == Answer::OK; }));
-    EXPECT_EQ(remoteControl->stopFollowing(), Answer::OK);
-    expectNobody();
     EXPECT_EQ(remoteControl->startFollowing(), Answer::OK);
     EXPECT_EQ(remoteControl->follow(sceneOf(3), sceneOf(4)), Answer::OK);
     remoteControl.clear();
     EXPECT_TRUE(eventually([&] { return scene().crops.size() == 0; }));
     expectNobody();
+    EXPECT_EQ(other->startFollowing(), Answer::OK);
 }
 
 TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
@@ -224,7 +166,7 @@ TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
         while (!done)
             EXPECT_TRUE(remoteControl->follow(sceneOf(3), sceneOf(4)).isOk());
     });
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 100 && !HasFailure(); ++round) {
         EXPECT_EQ(other->setMode(TrackingMode::GROUP), Answer::OK);
         EXPECT_TRUE(eventually([&] { return same(ptz(), sceneOf(4)); }));
         EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
@@ -274,6 +216,35 @@ TEST_F(ControlTest, KeepsAThousandCallsForAWatcherAndCountsTheOthers) {
     // Its end takes all away that was there for it.
     const_cast<sp<IFDControl>&>(stopped).clear();
     EXPECT_TRUE(eventually([&] { return kit::Holdings::of().isWithin(before); }));
+}
+
+TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound) {
+    EXPECT_TRUE(remote->ping().isOk());
+    std::deque<RawClient> clients;
+    while (clients.size() + 1 < host::kMaxConnections)
+        clients.emplace_back(path);
+    std::deque<RawClient> tools;
+    while (tools.size() + 2 < host::kMaxControlConnections)
+        tools.emplace_back(controlPath);
+    RawClient oneClient(path);
+    RawClient oneTool(controlPath);
+    // All that they get are the reserved slots, whichever come first.
+    const FewDescriptors none(0);
+    for (RawClient& each : clients)
+        EXPECT_TRUE(each.connect() && each.isServed());
+    EXPECT_TRUE(oneClient.connect() && oneClient.isClosed());
+    for (RawClient& each : tools)
+        EXPECT_TRUE(each.connect() && each.isServed());
+    EXPECT_TRUE(oneTool.connect() && oneTool.isClosed());
+    EXPECT_TRUE(remote->ping().isOk() && other->ping().isOk() && remoteControl->ping().isOk());
+    EXPECT_EQ(linesWith("a connection beyond the limit of 8 is refused"), 1);
+}
+
+TEST_F(ControlTest, EndsAChannelThatAsksForNoMethodAndNoOther) {
+    RawClient raw(controlPath);
+    EXPECT_TRUE(raw.connect());
+    raw.send(rawMessage({kCall, 16, 1, 0}), {});
+    EXPECT_TRUE(raw.isClosed() && other->ping().isOk());
 }
 
 }  // namespace testing_support

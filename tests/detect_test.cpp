@@ -197,6 +197,22 @@ TEST_F(DetectTest, EndsAsItsDocumentsSay) {
     EXPECT_EQ(detect(""), 3);
 }
 
+TEST_F(DetectTest, OutlinesFacesInATerminalOfAnyWidth) {
+    for (const char* const columns : {"40", "80"}) {
+        detect("--watch --frames 30' /dev/null </dev/null", "script -qec 'stty rows 24 cols " +
+                                                                std::string(columns) +
+                                                                "; TERM=xterm COLORTERM=truecolor");
+        std::istringstream shown(read("out"));
+        int boxed = 0;
+        for (std::string text; std::getline(shown, text, 'H');) {  // the cursor goes back by it
+            if (!has(text, "faces     1")) continue;
+            EXPECT_TRUE(has(text, "8;2;90;220;90m")) << columns;
+            ++boxed;
+        }
+        EXPECT_GT(boxed, 0) << read("out").substr(0, 1000);
+    }
+}
+
 TEST_F(DetectTest, FollowsAFaceAndEndsWithModeOff) {
     // Takes three seconds: the view takes its time, and the face goes on.
     isMoving = true;

@@ -21,9 +21,9 @@ namespace camera {
  * thread decodes and keeps the pace, the other takes requests, fills their buffers and answers; the
  * newest frame alone is between them, so that a slow client never changes when frames are due.
  *
- * Both threads end with it, within 200 ms, whatever they wait for; but a client that does not answer
- * a notification is only hung up on by end(). Requests that it has taken are answered with errors
- * then; so another camera can follow on the same session.
+ * Both threads end with it, within 200 ms, whatever they wait for; but a client that does not
+ * answer a notification is only hung up on by end(). Requests that it has taken are answered with
+ * errors then; so another camera can follow on the same session.
  */
 class Camera {
 public:
@@ -44,8 +44,8 @@ public:
      */
     bool start(std::string& problem);
     /**
-     * Ends both threads and waits for that. Calls `hangUp`, if it is there, when a client holds them
-     * up; it has to end the calls to clients. Not while start() runs.
+     * Ends both threads and waits for that. Calls `hangUp`, if it is there, when a client holds
+     * them up; it has to end the calls to clients. Not while start() runs.
      */
     void end(const std::function<void()>& hangUp = {});
 
