@@ -159,7 +159,8 @@ TEST_F(HeldLocksTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueu
     const auto before = std::chrono::system_clock::now() + std::chrono::milliseconds(50);
     {
         const BeforeWaiting look([&](timespec& deadline) {
-            const std::chrono::system_clock::time_point end(
+            using Wall = std::chrono::system_clock;
+            const std::chrono::time_point<Wall, std::chrono::nanoseconds> end(
                 std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec));
             EXPECT_GE(end, before);
             EXPECT_LE(end, std::chrono::system_clock::now() + std::chrono::milliseconds(50));

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -22,11 +23,13 @@ static thread_local std::function<void()> afterUnlock;
 
 // glibc keeps in the mutex what it is and how often its thread has it.
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
-    static auto* const next =
-        reinterpret_cast<decltype(&pthread_mutex_unlock)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    // Without a guard: libc++abi unlocks a mutex while it makes what has one.
+    static std::atomic<decltype(&pthread_mutex_unlock)> next{nullptr};
+    if (next == nullptr)
+        next = reinterpret_cast<decltype(next.load())>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
     const bool isLast =
         mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE && mutex->__data.__count == 1;
-    const int result = next(mutex);
+    const int result = next.load()(mutex);
     if (!isLast || !afterUnlock) return result;
     const std::function<void()> now = afterUnlock;  // which may put another one there
     now();
