@@ -100,7 +100,7 @@ bool makeClip(Run& run, const std::string& clip, uint32_t frames) {
             "[1]scale=640:640[face];[0][face]overlay=x='320+200*sin(n/56)':y='40+40*sin(n/28)'";
         words.insert(words.end(), {"-i", photo, "-filter_complex", moving});
     } else {
-        run.leaveOut("A face in the clip, because there is no " + photo + ".");
+        run.leaveOut("A face in the clip: ./run bench fetches the photograph.");
     }
     words.insert(words.end(), {"-frames:v", std::to_string(frames), "-pix_fmt", "yuv420p", clip});
     std::string problem;

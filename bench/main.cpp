@@ -38,7 +38,7 @@ constexpr int kBadUsage = 2;
 constexpr const char* kExamples =
     "Examples (./run bench is this program, built if need be):\n"
     "  ./run bench --quick                 every part in 90 seconds\n"
-    "  ./run bench                         every part in five minutes, to keep\n"
+    "  ./run bench                         every part in six minutes, to keep\n"
     "  ./run bench --only rotation copies  two parts\n"
     "\n"
     "A ratio is ours to the reference's, measured in the same rounds: below 1 ours\n"
@@ -83,7 +83,10 @@ int run(int argc, char** argv) {
                  "fdstream-bench");
     app.footer(kExamples);
     app.add_flag("--quick", quick, "fewer and shorter samples");
-    app.add_option("--only", names, "parts to run; without it all")->check(CLI::IsMember(names));
+    app.add_option("--only", names,
+                   "parts to run, of " + CLI::detail::join(names, ", ") + "; without it all")
+        ->check(CLI::IsMember(names).description(""))
+        ->type_name("PART");
     app.add_option("--out", out, "folder for figures.json and the plots")
         ->type_name("DIR")
         ->capture_default_str();

@@ -59,7 +59,7 @@ double playToItsEnd(GstElement& pipeline) {
         const Message message(gst_bus_timed_pop_filtered(bus.get(), 20 * GST_SECOND, kAwaited),
                               gst_message_unref);
         expect(message != nullptr && GST_MESSAGE_TYPE(message.get()) != GST_MESSAGE_ERROR,
-               "GStreamer does not play the clip");
+               "it does not play the clip");
         if (GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_EOS) return faces;
         faces += facesIn(*message);
     }
@@ -82,6 +82,12 @@ FacesLoop gstLoop(const std::string& clip, kit::FrameSize size, bool detects,
                        " ! fakesink sync=false",
                    problem);
     if (pipeline == nullptr) return nullptr;
+    try {
+        playToItsEnd(*pipeline);  // a decoder that is missing is missed only now
+    } catch (const Wrong& wrong) {
+        problem = wrong.what();
+        return nullptr;
+    }
     return [pipeline] { return playToItsEnd(*pipeline); };
 }
 
