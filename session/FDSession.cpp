@@ -22,6 +22,7 @@
 #include "ObserverCalls.h"
 #include "ProcessorClones.h"
 #include "Rotate180.h"
+#include "UniqueLock.h"
 
 #define LOG_TAG "vendor.zoru.zoruprovider.fdstream@1.0-impl"
 
