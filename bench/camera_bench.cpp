@@ -11,84 +11,22 @@
 #include <numeric>
 
 #include "child_process.h"
-#include "faces/face_detector.h"
 #include "loops.h"
 #include "session.h"
 #include "signals.h"
 #include "source/camera.h"
 #include "statistics.h"
 #include "temporary_folder.h"
+#include "watch.h"
 
 namespace bench {
 
 namespace {
 
-using Faces = std::vector<camera::Rect>;
-
 constexpr double kAimMs = 0.3;  // beyond the first loop, without the detection
 
 /** Microseconds a frame, of the processors of all that take part: of a pass, then of another. */
 const std::vector<std::string> kMeasures = {"", ", beside the detection", ", the detection alone"};
-
-/** Who looks at a clip's frames, and finds the faces in them or does nothing. */
-class Watch {
-public:
-    Watch(kit::FrameSize size, uint32_t frames) : mSize(size), mFrames(frames) {
-        std::string problem;
-        mDetector = camera::FaceDetector::open({}, problem);
-        expect(mDetector != nullptr, problem.c_str());
-    }
-
-    /** REQUIRES: it outlives this. */
-    Look look() {
-        return [this](const uint8_t* luma, size_t stride) {
-            ++mCame;
-            if (!mDetects) return;
-            const double before = processorMicroseconds(0, CLOCK_THREAD_CPUTIME_ID);
-            mSeen.push_back(mDetector->find(luma, mSize, stride));
-            mTook += processorMicroseconds(0, CLOCK_THREAD_CPUTIME_ID) - before;
-        };
-    }
-    /** Of a pass without detection and, if so, one with it; `other`: who takes part. */
-    Sample sample(const std::function<void()>& play, bool detects, pid_t other = 0) {
-        const double scaling = costOf(play, other);
-        if (!detects) return {scaling};
-        const std::vector<Faces> last = std::exchange(mSeen, {});
-        mTook = 0;
-        mDetects = true;
-        const double all = costOf(play, other);
-        mDetects = false;
-        expect(last.empty() || last == mSeen, "what is seen differs from pass to pass");
-        return {scaling, all - mTook / mFrames, mTook / mFrames};
-    }
-    const std::vector<Faces>& seen() const { return mSeen; }
-    double faces() const {
-        return std::accumulate(mSeen.begin(), mSeen.end(), 0.0, [](double sum, const Faces& one) {
-            return sum + double(one.size());
-        });
-    }
-
-private:
-    double costOf(const std::function<void()>& play, pid_t other) {
-        const auto processors = [=] {
-            return processorMicroseconds() + (other != 0 ? processorMicroseconds(other) : 0);
-        };
-        mCame = 0;
-        const double before = processors();
-        play();
-        const double all = processors() - before;
-        expect(mCame == mFrames, "there are not all frames");
-        return all / mFrames;
-    }
-
-    const kit::FrameSize mSize;
-    const uint32_t mFrames;
-    std::unique_ptr<camera::FaceDetector> mDetector;
-    bool mDetects = false;
-    uint32_t mCame = 0;        // of this pass
-    std::vector<Faces> mSeen;  // in each frame
-    double mTook = 0;
-};
 
 /** A photograph that moves over a test picture, if it is there; false when ffmpeg is not. */
 bool makeClip(Run& run, const std::string& clip, uint32_t frames) {
@@ -231,6 +169,8 @@ int serveCamera(const Arguments& arguments) {
 }
 
 void benchCamera(Run& run) {
+    if (!std::filesystem::exists(camera::kUsualCascade))
+        return run.leaveOut("All from decoded to detected, because opencv-data is missing.");
     const kit::TemporaryFolder folder;
     const std::string clip = folder / "clip.mp4";
     constexpr uint32_t kFrames = 25;
