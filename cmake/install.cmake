@@ -5,7 +5,7 @@
 
 add_library(fdstream_client INTERFACE)
 target_compile_features(fdstream_client INTERFACE cxx_std_17)
-target_link_libraries(fdstream_client INTERFACE control transport)
+target_link_libraries(fdstream_client INTERFACE fdstream_control fdstream_transport)
 add_library(fdstream_provider INTERFACE)
 target_link_libraries(fdstream_provider INTERFACE fdstream fdstream_client)
 foreach(side client provider)
@@ -14,7 +14,7 @@ foreach(side client provider)
 endforeach()
 
 # The others have their version in their names.
-set_target_properties(platform transport control PROPERTIES
+set_target_properties(fdstream_platform fdstream_transport fdstream_control PROPERTIES
     VERSION ${fdstream_VERSION}
     SOVERSION ${fdstream_VERSION_MAJOR})
 
@@ -38,11 +38,11 @@ function(install_library target name folder)
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${headers}/${folder})
 endfunction()
-install_library(platform platform platform)
-install_library(platform_host platform-host client)
-install_library(interfaces interfaces client)
-install_library(transport transport client)
-install_library(control control client)
+install_library(fdstream_platform platform platform)
+install_library(fdstream_platform_host platform-host client)
+install_library(fdstream_interfaces interfaces client)
+install_library(fdstream_transport transport client)
+install_library(fdstream_control control client)
 install_library(fdstream implementation provider)
 install(TARGETS fdstream_client fdstream_provider EXPORT fdstream)
 

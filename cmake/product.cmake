@@ -5,9 +5,9 @@
 # need an internal function link the same objects statically.
 
 set(product_objects
-    $<TARGET_OBJECTS:helper> $<TARGET_OBJECTS:util>
-    $<TARGET_OBJECTS:session> $<TARGET_OBJECTS:framesource>
-    $<TARGET_OBJECTS:test_input>)
+    $<TARGET_OBJECTS:fdstream_helper> $<TARGET_OBJECTS:fdstream_util>
+    $<TARGET_OBJECTS:fdstream_session> $<TARGET_OBJECTS:fdstream_framesource>
+    $<TARGET_OBJECTS:fdstream_test_input>)
 
 add_library(fdstream SHARED ${product_objects})
 set_target_properties(fdstream PROPERTIES
@@ -27,6 +27,6 @@ foreach(library fdstream fdstream_static)
         $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/session>
         $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/util>
         $<BUILD_INTERFACE:${fdstream_SOURCE_DIR}/framesource>)
-    target_link_libraries(${library} PUBLIC interfaces)
+    target_link_libraries(${library} PUBLIC fdstream_interfaces)
 endforeach()
 target_include_directories(fdstream_static INTERFACE ${fdstream_SOURCE_DIR}/helper)
