@@ -11,6 +11,7 @@
 
 #include "source/picture_scaler.h"
 #include "support/guarded.h"
+#include "support/slow.h"
 
 namespace testing_support {
 
@@ -21,8 +22,6 @@ using camera::Planes;
 namespace {
 
 constexpr int kMost = 130;
-/** A sanitizer makes this slow, and gets every seventh width and thirteenth height. */
-constexpr bool kIsSlow = sizeof(SANITIZERS) > 1;
 
 /** Cleared, against the page behind it. */
 uint8_t* last(const Guarded& memory, size_t bytes) {
@@ -132,8 +131,8 @@ protected:
 TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
     camera::PictureScaler scalers[3];
     const auto other = frameOf({50, 38}, AV_PIX_FMT_YUV420P, kColour);
-    for (int width = 1; width <= kMost; width += kIsSlow ? 7 : 1) {
-        for (int height = 1; height <= kMost; height += kIsSlow ? 13 : 1) {
+    for (int width = 1; width <= kMost; width += isSlow() ? 7 : 1) {
+        for (int height = 1; height <= kMost; height += isSlow() ? 13 : 1) {
             const Planes planes = target.planes({width, height}, GetParam());
             ASSERT_TRUE(scale(scalers[0], *other, planes));
             ASSERT_EQ(unlike(planes, kColour), "");

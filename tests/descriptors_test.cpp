@@ -24,6 +24,7 @@
 #include "raw_socket.h"
 #include "src/control_data.h"
 #include "src/socket.h"
+#include "support/kernel.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -171,6 +172,7 @@ TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {
 }
 
 TEST_F(DescriptorsTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
+    if (!kernel().addsPidfds) GTEST_SKIP() << "nothing here adds a pidfd (it needs Linux 6.5)";
     auto pair = kit::socketPair();
     const int theirs = pair.second.get();
     const int on = 1;
@@ -179,7 +181,7 @@ TEST_F(DescriptorsTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
             setsockopt(theirs, SOL_SOCKET, option, &on, sizeof(on));
         return setsockopt(theirs, SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0;
     };
-    if (!set()) GTEST_SKIP() << "this kernel adds no pidfd to a message (it needs Linux 6.5)";
+    ASSERT_TRUE(set());
     RawClient raw = connectRaw();
     ASSERT_EQ(raw.setCallback(theirs), kAnswer);
     int value = -1;
@@ -212,6 +214,10 @@ TEST_F(DescriptorsTest, ReceivesDescriptorsThatNoChildInherits) {
 }
 
 TEST_F(DescriptorsTest, LeavesTheKernelNoneToCloseBesideWhatItAdds) {
+    if (!kernel().closesWhatHasNoRoom)
+        GTEST_SKIP()
+            << "what finds no room is neither told of nor closed here: an emulator's fault";
+    if (!kernel().addsPidfds) printf("not tried, for want of one: a pidfd beside descriptors\n");
     const auto [mine, theirs] = kit::socketPair();
     const int on = 1;
     for (const int option : {SO_PASSCRED, SO_PASSSEC, SO_TIMESTAMP, kPassPidfd})

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/run_shell.h"
+#include "support/slow.h"
 
 namespace testing_support {
 
@@ -28,7 +29,7 @@ constexpr Swept kSwept[] = {
     {"mapper2", "fcntl gettimeofday mapper pthread_cond_timedwait statx"},
     {"source", "fcntl fopen fread fseek gettimeofday mapper pthread_create statx"},
     {"file", "fcntl fflush fopen fread fwrite statx"}};
-constexpr std::chrono::seconds kPatienceOfAll(110);
+const std::chrono::seconds kPatienceOfAll(isSlow() ? 290 : 110);
 constexpr const char* kOfMemory = "malloc mmap";
 
 class FaultTest : public testing::TestWithParam<Swept> {};
@@ -42,7 +43,7 @@ TEST_P(FaultTest, LosesNothingWhateverFails) {
     const auto& [scenario, calls] = GetParam();
     const bool isSanitized = *SANITIZERS != '\0';
     const auto probe =
-        startShell(std::string("exec " FAULT_PROBE " ") + scenario + (isSanitized ? " 5" : " 1"));
+        startShell(std::string("exec " FAULT_PROBE " ") + scenario + (isSlow() ? " 5" : " 1"));
     const std::string text = probe->rest(kPatienceOfAll);
     EXPECT_EQ(probe->exitCode(kPatience), 0) << text;
     std::istringstream wanted(std::string(calls) + " " + (isSanitized ? "" : kOfMemory));

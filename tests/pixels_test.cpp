@@ -16,6 +16,7 @@
 #include "host/unique_fd.h"
 #include "support/guarded.h"
 #include "support/session_fixture.h"
+#include "support/slow.h"
 
 namespace testing_support {
 
@@ -26,8 +27,7 @@ using kit::FrameSize;
 
 constexpr int kMost = 130;
 constexpr int kPaddings[] = {0, 1, 65};
-/** A sanitizer makes this slow, and gets every thirteenth height. */
-constexpr int kHeightStep = sizeof(SANITIZERS) > 1 ? 13 : 1;
+const int kHeightStep = isSlow() ? 13 : 1;
 
 struct Planes {
     uint8_t* luma;

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <deque>
@@ -151,8 +152,8 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     getrlimit(RLIMIT_NOFILE, &before);
     if (before.rlim_max > kSlots) {
         const Output again =
-            runShell("ulimit -n 300; exec /proc/" + std::to_string(getpid()) +
-                     "/exe --gtest_brief=1 "
+            runShell(std::string("ulimit -n 300; exec ") + program_invocation_name +
+                     " --gtest_brief=1 "
                      "--gtest_filter=*LeavesTheKernelNothingToCloseWhenSlotsAreShort");
         EXPECT_EQ(again.exitCode, 0) << again.text;
     }

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/log.h"
+#include "support/kernel.h"
 #include "support/leak_check.h"
 #include "support/spy_mapper.h"
 
@@ -37,6 +38,7 @@ int main(int argc, char** argv) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
+    testing_support::kernel();
     testing_support::startFirstThread();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);

@@ -1,0 +1,11 @@
+#pragma once
+
+namespace testing_support {
+
+/**
+ * Whether this program's code runs many times slower than usual, because a sanitizer's checks are
+ * in it, or an emulator runs it. Tests that do the same thing a million times then do less of it.
+ */
+bool isSlow();
+
+}  // namespace testing_support
