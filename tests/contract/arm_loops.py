@@ -11,8 +11,8 @@ BYTEWISE = re.compile(r"(ld|st)r(s?[bh])|(ld|st)ur(s?[bh])")
 def instructions_of(disassembly):
     """(address, mnemonic, operands), in order."""
     for line in disassembly.splitlines():
-        match = re.match(r"\s*([0-9a-f]+):\s+(?:[0-9a-f]{2} ?){4}\s*(\S+)\s*(.*)", line) or re.match(
-            r"\s*([0-9a-f]+):\s+[0-9a-f]{8}\s+(\S+)\s*(.*)", line)
+        # The code stands in four bytes (LLVM's tool) or in one word (GNU's).
+        match = re.match(r"\s*([0-9a-f]+):\s+(?:[0-9a-f]{2} ?){4}\s*(\S+)\s*(.*)", line)
         if match:
             yield int(match[1], 16), match[2], match[3]
 
@@ -58,7 +58,7 @@ def loops(code):
 
 
 def rows(disassembly):
-    """Of each loop: its address, its instructions for 32 bytes, and those that touch bytes singly."""
+    """Of each loop: its address, its instructions for 32 bytes, and those that touch bytes."""
     code = list(instructions_of(disassembly))
     by_address = {address: (mnemonic, operands) for address, mnemonic, operands in code}
     for loop in loops(code):
@@ -72,7 +72,7 @@ def rows(disassembly):
 def faults_of(disassembly):
     found = list(rows(disassembly))
     if len(found) < 2:
-        yield "turns frames without vectors: luma and chroma should each have a loop that reverses them"
+        yield "turns frames without vectors: luma and chroma should each have a loop of them"
     for address, cost, bytewise in found:
         if bytewise:
             yield f"turns frames by single bytes in the loop at {address:x}: {'; '.join(bytewise)}"

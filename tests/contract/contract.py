@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Reads a built library, of any processor, and says in words what its users would miss or stumble on.
+"""Reads a built library, of any processor, and says in words what its users would miss.
 
     contract.py implementation|interface LIBRARY --needs SONAME ...
 
@@ -20,13 +20,17 @@ import arm_loops
 HERE = Path(__file__).resolve().parent
 PACKAGE = "vendor::zoru::zoruprovider::fdstream::V1_0"
 KINDS = {  # of library: its name, the scope of what it exports, and whether it exports nothing else
-    "implementation": ("vendor.zoru.zoruprovider.fdstream@1.0-impl.so", f"{PACKAGE}::implementation::", True),
-    "interface": ("vendor.zoru.zoruprovider.fdstream@1.0.so", f"{PACKAGE}::", False),
+    "implementation":
+        ("vendor.zoru.zoruprovider.fdstream@1.0-impl.so", f"{PACKAGE}::implementation::", True),
+    "interface":
+        ("vendor.zoru.zoruprovider.fdstream@1.0.so", f"{PACKAGE}::", False),
 }
 DEVICE_PATH = b"\0/data/zoru/fd_stream_subst_nv12.yuv\0"
 # The C library, the standard library, and what those two lean on.
-STANDARD = re.compile(r"(libc|libm|libstdc\+\+|libc\+\+|libc\+\+abi|libunwind|libgcc_s)\.so\.\d+|ld-linux.*\.so\.\d+")
-SANITIZER = re.compile(r"lib(a|ub|t)san\.so\.\d+|libclang_rt\..*|_*(odr_)?(asan|ubsan|tsan|sancov|sanitizer)_.*")
+STANDARD = re.compile(
+    r"(libc|libm|libstdc\+\+|libc\+\+|libc\+\+abi|libunwind|libgcc_s|ld-linux-[^.]*)\.so\.\d+")
+SANITIZER = re.compile(
+    r"lib(a|ub|t)san\.so\.\d+|libclang_rt\..*|_*(odr_)?(asan|ubsan|tsan|sancov|sanitizer)_.*")
 Symbol = collections.namedtuple("Symbol", "kind binding section name")
 
 
@@ -44,7 +48,8 @@ def readable(names):
 def symbols_of(readelf, library):
     """Its dynamic symbols, without versions and without a sanitizer's own."""
     rows = [line.split() for line in output_of(readelf, "--dyn-syms", "-W", library).splitlines()]
-    rows = [row for row in rows if len(row) >= 8 and re.fullmatch(r"\d+:", row[0]) and row[3] != "SECTION"]
+    rows = [row for row in rows
+            if len(row) >= 8 and re.fullmatch(r"\d+:", row[0]) and row[3] != "SECTION"]
     names = readable([row[7].split("@")[0] for row in rows])
     return [Symbol(row[3], row[4], row[6], name) for row, name in zip(rows, names)
             if not SANITIZER.fullmatch(row[7].split("@")[0])]
@@ -65,11 +70,13 @@ def listed(kind):
 
 def name_faults(kind, symbols):
     _, scope, exactly = KINDS[kind]
-    found = collections.Counter(symbol.name.replace(scope, "") for symbol in symbols if symbol.section != "UND")
+    found = collections.Counter(
+        symbol.name.replace(scope, "") for symbol in symbols if symbol.section != "UND")
     wanted = listed(kind)
     for name, count in wanted.items():
         if found[name] < count:
-            yield f"does not export {name} ({found[name]} of {count} symbols), which is part of the contract"
+            yield (f"does not export {name}, which is part of the contract"
+                   f" ({found[name]} of {count} symbols)")
     for name, count in found.items():
         if exactly and count > wanted.get(name, 0):
             yield f"exports {name} ({count} symbols), which {kind}.txt does not list"
@@ -91,7 +98,8 @@ def dependency_faults(kind, readelf, library, needs):
     if soname != [KINDS[kind][0]]:
         yield f"calls itself {soname}, and is looked for as {KINDS[kind][0]}"
     for needed in re.findall(r"NEEDED.*\[(.*)\]", dynamic):
-        if needed not in needs and not STANDARD.fullmatch(needed) and not SANITIZER.fullmatch(needed):
+        known = needed in needs or STANDARD.fullmatch(needed) or SANITIZER.fullmatch(needed)
+        if not known:
             yield f"needs {needed}, which is neither its platform's nor the standard library's"
 
 
@@ -103,10 +111,11 @@ def path_faults(library):
 
 def faults_of(arguments):
     symbols = symbols_of(arguments.readelf, arguments.library)
-    yield from dependency_faults(arguments.kind, arguments.readelf, arguments.library, arguments.needs)
-    yield from name_faults(arguments.kind, symbols)
-    yield from binding_faults(arguments.kind, symbols)
-    if arguments.kind == "implementation":
+    kind = arguments.kind
+    yield from dependency_faults(kind, arguments.readelf, arguments.library, arguments.needs)
+    yield from name_faults(kind, symbols)
+    yield from binding_faults(kind, symbols)
+    if kind == "implementation":
         yield from path_faults(arguments.library)
         if arguments.objdump and "AArch64" in output_of(arguments.readelf, "-h", arguments.library):
             yield from arm_loops.faults_of(output_of(arguments.objdump, "-d", arguments.library))

@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""Keeps the product's folders such as a device's platform can compile them, and says in words what is not.
+"""Says in words where the product's folders are not such as a device's platform can compile them.
 
-    seam.py words TREE                        what headers and sources include, ask for and name
-    seam.py .h|.cpp TREE COMPILER [OPTION ..] compiles each header, or each source, by itself against the
-                                              platform's headers and no others, without a name from the build
+    seam.py words TREE
+        looks at what headers and sources include, ask for and name
+    seam.py .h|.cpp TREE COMPILER [OPTION ..]
+        compiles each header, or each source, by itself against the platform's headers and no
+        others, without a name from the build
 """
 
 import concurrent.futures
@@ -16,18 +18,30 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 # A folder of the product, and the folders whose headers it may know beside its own.
-FOLDERS = {"interfaces": [], "helper": [], "util": [], "session": ["helper"], "framesource": ["session", "util"]}
-STANDARD = set("""algorithm any array atomic bitset cassert cctype cerrno cfenv cfloat charconv chrono cinttypes climits
-    clocale cmath codecvt complex condition_variable csetjmp csignal cstdarg cstddef cstdint cstdio cstdlib cstring ctime
-    cuchar cwchar cwctype deque exception execution filesystem forward_list fstream functional future initializer_list
-    iomanip ios iosfwd iostream istream iterator limits list locale map memory memory_resource mutex new numeric optional
-    ostream queue random ratio regex scoped_allocator set shared_mutex sstream stack stdexcept streambuf string
-    string_view strstream system_error thread tuple type_traits typeindex typeinfo unordered_map unordered_set utility
-    valarray variant vector""".split())
+FOLDERS = {
+    "interfaces": [],
+    "helper": [],
+    "util": [],
+    "session": ["helper"],
+    "framesource": ["session", "util"],
+}
+STANDARD = set("""
+    algorithm any array atomic bitset cassert cctype cerrno cfenv cfloat charconv chrono
+    cinttypes climits clocale cmath codecvt complex condition_variable csetjmp csignal
+    cstdarg cstddef cstdint cstdio cstdlib cstring ctime cuchar cwchar cwctype deque
+    exception execution filesystem forward_list fstream functional future initializer_list
+    iomanip ios iosfwd iostream istream iterator limits list locale map memory
+    memory_resource mutex new numeric optional ostream queue random ratio regex
+    scoped_allocator set shared_mutex sstream stack stdexcept streambuf string string_view
+    strstream system_error thread tuple type_traits typeindex typeinfo unordered_map
+    unordered_set utility valarray variant vector
+""".split())
 ASKS = Path("session/ProcessorClones.h")  # the one header that may ask what it is compiled for
-MAY_ASK = re.compile(r"defined|__has_feature|thread_sanitizer|__x86_64__|__SANITIZE_THREAD__|FDSTREAM_PLAIN_CODE")
-PLATFORM = re.compile(r"__ANDROID\w*|ANDROID_API\w*|__BIONIC__|__linux__|__GLIBC\w*|_LIBCPP\w*|__aarch64__|__arm__"
-                      r"|__x86_64__|__clang\w*|__GNUC\w*|__SANITIZE\w*|__builtin_cpu_\w+|getauxval|uname")
+MAY_ASK = re.compile(
+    r"defined|__has_feature|thread_sanitizer|__x86_64__|__SANITIZE_THREAD__|FDSTREAM_PLAIN_CODE")
+PLATFORM = re.compile(
+    r"__ANDROID\w*|ANDROID_API\w*|__BIONIC__|__linux__|__GLIBC\w*|_LIBCPP\w*|__aarch64__|__arm__"
+    r"|__x86_64__|__clang\w*|__GNUC\w*|__SANITIZE\w*|__builtin_cpu_\w+|getauxval|uname")
 HOST_ONLY = {
     "host": "the stand-in's own namespace",
     "checkedSize": "a function of the stand-in's hidl_vec",
@@ -48,8 +62,9 @@ def files_of(tree, suffixes=(".h", ".cpp")):
 
 
 def without_comments(text):
-    """The text with blanks for comments and for what is in quotes, but not for the names of headers."""
-    token = re.compile(r'(^[ \t]*#[ \t]*include[^\n]*)|//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.S | re.M)
+    """Has blanks for comments and for what is in quotes, but not for the names of headers."""
+    token = re.compile(
+        r'(^[ \t]*#[ \t]*include[^\n]*)|//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', re.S | re.M)
     return token.sub(lambda match: match[1] or re.sub(r"[^\n]", " ", match[0]), text)
 
 
@@ -61,7 +76,7 @@ def include_fault(tree, folder, allowed, operand):
     if match[2]:
         if name in STANDARD or name in allowed:
             return None
-        return f"includes <{name}>, which is neither the standard library's nor among the headers of headers.txt"
+        return f"includes <{name}>, which is neither the standard library's nor in headers.txt"
     if any((tree / room / name).is_file() for room in [folder] + FOLDERS[folder]):
         return None
     known = " and ".join([folder] + FOLDERS[folder])
@@ -76,7 +91,9 @@ def directive_fault(path, directive, operand):
     if path != ASKS:
         return f"asks what it is compiled for (#{directive} {operand}), which only {ASKS} may"
     asked = [word for word in re.findall(r"[A-Za-z_]\w*", operand) if not MAY_ASK.fullmatch(word)]
-    return f"asks for {', '.join(asked)}; it may ask for the processor and the thread sanitizer" if asked else None
+    if not asked:
+        return None
+    return f"asks for {', '.join(asked)}; it may ask for the processor and the thread sanitizer"
 
 
 def name_faults(path, line):
@@ -112,25 +129,29 @@ def include_options(tree, folder):
     return [f"-I{tree / room}" for room in ["platform/include", "interfaces/include"] + rooms]
 
 
+def run(command, text):
+    return subprocess.run(command, input=text, capture_output=True, text=True)
+
+
 def compile_fault(tree, compiler, folder, path):
     """What the compiler says to a file that includes this one and nothing else."""
     command = [*compiler, "-std=c++17", "-fno-exceptions", "-fno-rtti", "-fsyntax-only", *WARNINGS,
                *include_options(tree, folder), "-x", "c++", "-"]
-    done = subprocess.run(command, input=f'#include "{tree / path}"\n', capture_output=True, text=True)
+    done = run(command, f'#include "{tree / path}"\n')
     return f"{path} does not compile by itself:\n{done.stderr}" if done.returncode != 0 else None
 
 
 def compile_faults(tree, suffix, compiler):
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        tries = [pool.submit(compile_fault, tree, compiler, *file) for file in files_of(tree, [suffix])]
+        tries = [pool.submit(compile_fault, tree, compiler, *file)
+                 for file in files_of(tree, [suffix])]
         yield from filter(None, (one.result() for one in tries))
 
 
 def has_its_library(compiler):
     with tempfile.TemporaryDirectory() as folder:
         command = [*compiler, "-x", "c++", "-", "-o", f"{folder}/program"]
-        return subprocess.run(command, input="#include <string>\nint main() {}\n", capture_output=True,
-                              text=True).returncode == 0
+        return run(command, "#include <string>\nint main() {}\n").returncode == 0
 
 
 def main():
