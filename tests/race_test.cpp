@@ -24,9 +24,9 @@ static thread_local std::function<void()> afterUnlock;
 // glibc keeps in the mutex what it is and how often its thread has it.
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     // Without a guard: libc++abi unlocks a mutex while it makes what has one.
-    static std::atomic<decltype(&pthread_mutex_unlock)> next{nullptr};
-    if (next == nullptr)
-        next = reinterpret_cast<decltype(next.load())>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    using Unlock = int (*)(pthread_mutex_t*);
+    static std::atomic<Unlock> next{nullptr};
+    if (next == nullptr) next = reinterpret_cast<Unlock>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
     const bool isLast =
         mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE && mutex->__data.__count == 1;
     const int result = next.load()(mutex);
