@@ -33,7 +33,7 @@ bool closesWhatHasNoRoom() {
     message.msg_iovlen = 1;
     message.msg_control = room;
     message.msg_controllen = sizeof(room);
-    recvmsg(theirs.get(), &message, MSG_CMSG_CLOEXEC);
+    if (recvmsg(theirs.get(), &message, MSG_CMSG_CLOEXEC) != 1) return false;
     int first = -1;
     memcpy(&first, CMSG_DATA(reinterpret_cast<const cmsghdr*>(room)), sizeof(first));
     close(first);
