@@ -54,8 +54,7 @@ def flag_faults(implementation, commands):
     here |= {"-fno-rtti"} if values["rtti"] == "false" else set()
     there = set()
     for command in json.loads(Path(commands).read_text()):
-        source = Path(command["file"]).resolve().relative_to(ROOT)
-        if source.parts[0] in PRODUCT:
+        if any(ROOT / room in Path(command["file"]).resolve().parents for room in PRODUCT):
             there |= set(shlex.split(command["command"]))
     for flag in sorted(filter(DECIDING.fullmatch, here ^ there)):
         yield f"{flag} is only in {'Android.bp' if flag in here else 'the build here'}"
