@@ -44,6 +44,10 @@ protected:
         act();
         callback->during = nullptr;
     }
+    void notify() {
+        FDNotifyMsg msg = {};
+        session->sendNotify(msg);
+    }
     static void inLine(const char* text, const Probe& probe, const Probe& act) {
         GateSink sink(text);
         sink.inside = probe;
@@ -65,14 +69,7 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
          {Other::WAITS, [&](auto& p) { sessionMapper().during = p, submit(1, 99); }}},
         {"onTrackControl",
          {Other::GOES_ON, [&](auto& p) { inObserver(p, [&] { session->setTrackControl({}); }); }}},
-        {"notify",
-         {Other::GOES_ON,
-          [&](auto& p) {
-              inClient(p, [&] {
-                  FDNotifyMsg msg = {};
-                  session->sendNotify(msg);
-              });
-          }}},
+        {"notify", {Other::GOES_ON, [&](auto& p) { inClient(p, [this] { notify(); }); }}},
         {"processCaptureResult",
          {Other::GOES_ON,
           [&](auto& p) {
@@ -110,9 +107,8 @@ TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) 
                 },
                 expected);
             if (name.rfind("on", 0) != 0) return;
-            FDNotifyMsg msg = {};
             log.clear();
-            session->sendNotify(msg);
+            notify();
             EXPECT_EQ(log.timesSaid("E sendNotify: called inside an observer's operation that has "
                                     "the session locked \n"),
                       expected == Other::WAITS ? 1 : 0);
