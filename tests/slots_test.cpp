@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <ctime>
 #include <deque>
@@ -152,7 +151,7 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     getrlimit(RLIMIT_NOFILE, &before);
     if (before.rlim_max > kSlots) {
         const Output again =
-            runShell(std::string("ulimit -n 300; exec ") + program_invocation_name +
+            runShell("ulimit -n 300; exec " THIS_PROGRAM
                      " --gtest_brief=1 "
                      "--gtest_filter=*LeavesTheKernelNothingToCloseWhenSlotsAreShort");
         EXPECT_EQ(again.exitCode, 0) << again.text;
