@@ -50,14 +50,21 @@ def file_faults(modules):
 
 def flag_faults(implementation, commands):
     values = implementation.values
+    if values.get("version_script") != "cmake/product.map":
+        yield "what the library exports is not what cmake/product.map says"
     here = set(values["cflags"]) | {"-std=" + values["cpp_std"]}
     here |= {"-fno-rtti"} if values["rtti"] == "false" else set()
-    there = set()
+    sources = {(ROOT / source).resolve() for source in values["srcs"]}
     for command in json.loads(Path(commands).read_text()):
-        if any(ROOT / room in Path(command["file"]).resolve().parents for room in PRODUCT):
-            there |= set(shlex.split(command["command"]))
-    for flag in sorted(filter(DECIDING.fullmatch, here ^ there)):
-        yield f"{flag} is only in {'Android.bp' if flag in here else 'the build here'}"
+        source = Path(command["file"]).resolve()
+        if source not in sources:
+            continue
+        sources.remove(source)
+        there = set(shlex.split(command["command"]))
+        for flag in sorted(filter(DECIDING.fullmatch, here ^ there)):
+            yield f"{source.name}: {flag} is only in {'Android.bp' if flag in here else 'the build here'}"
+    for source in sources:
+        yield f"{source.name} is not compiled by the build here"
 
 
 def import_faults(modules):
