@@ -22,10 +22,12 @@ using vendor::zoru::zoruprovider::zoruprovider::V2_4::SceneControl;
 using Clock = StopSignal::Clock;
 
 constexpr size_t kMostKept = 32;
-// For requests. Without a pace nothing else may be waited for: then at first for a short time, and
-// each time for twice that, because a look costs as much as much else of a frame.
-constexpr std::chrono::microseconds kBetweenLooks(8000);
+// For requests.
+constexpr std::chrono::microseconds kBetweenLooks(5000);
+// Without a pace nothing else may be waited for: then at first for a short time, and each time for
+// twice that, because a look costs as much as much else of a frame.
 constexpr std::chrono::microseconds kShortest(500);
+constexpr std::chrono::microseconds kLongest(8000);
 constexpr std::chrono::milliseconds kForAFence(50);
 constexpr FrameSize kLargest = {4096, 2304};
 
@@ -53,7 +55,7 @@ void Filler::run() {
         }
         collect();
         const bool isForRequests = !mIsPaced && mKept.empty();
-        patience = isForRequests ? std::min(2 * patience, kBetweenLooks) : kShortest / 2;
+        patience = isForRequests ? std::min(2 * patience, kLongest) : kShortest / 2;
         if (!mIsPaced) mHandover.want(!mKept.empty());
         const Handover::News news = mHandover.take(isForRequests ? patience : kBetweenLooks);
         if (news.isEnd) break;
