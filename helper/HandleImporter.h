@@ -55,10 +55,10 @@ public:
     /** The planes of a YCbCr buffer; all zero on failure. */
     YCbCrLayout lockYCbCr(buffer_handle_t& handle, uint64_t cpuUsage, const Rect& accessRegion);
     /** Ends the access. Returns a release fence, which the caller closes, or a negative number. */
-    int unlock(buffer_handle_t& handle) NO_THREAD_SAFETY_ANALYSIS;
+    int unlock(buffer_handle_t& handle) NO_THREAD_SAFETY_ANALYSIS;  // the pointers are set by then
 
     /** Drops the connection; the next operation that needs a mapper connects again. */
-    void cleanup() NO_THREAD_SAFETY_ANALYSIS;
+    void cleanup() NO_THREAD_SAFETY_ANALYSIS;  // is alone with the object
 
 private:
     void initializeLocked() REQUIRES(mLock);
@@ -71,9 +71,7 @@ private:
     template <typename M, typename E>
     int unlockInternal(const sp<M>& mapper, buffer_handle_t& handle);
 
-    // Serialises connecting and every mapper call except unlock(). That one reads the pointers
-    // without it, because an access may end while another thread waits for the mapper, and
-    // cleanup() is alone with the object.
+    // Serialises connecting and every mapper call except unlock().
     Mutex mLock;
     bool mInitialized GUARDED_BY(mLock) = false;
     sp<IMapper> mMapperV2 GUARDED_BY(mLock);

@@ -23,7 +23,7 @@ namespace camera {
  *
  * Both threads end with it, within 200 ms, whatever they wait for; but a client that does not
  * answer a notification is only hung up on by end(). Requests that it has taken are answered with
- * errors then; so another camera can follow on the same session.
+ * errors then, which that client does not get; so another camera can follow on the same session.
  */
 class Camera {
 public:

@@ -6,7 +6,8 @@
 
 namespace host {
 
-/** A std::unique_lock, which a condition variable needs, that the compiler knows as a lock. */
+/** A std::unique_lock, which a condition variable needs, that the compiler knows as a lock.
+ * session/ has one of its own, because the platform has none to include. */
 class SCOPED_CAPABILITY UniqueLock : public std::unique_lock<std::mutex> {
 public:
     explicit UniqueLock(std::mutex& mutex) ACQUIRE(mutex) : std::unique_lock<std::mutex>(mutex) {}

@@ -58,6 +58,7 @@ private:
 /**
  * Ends all channels to what clients have handed over: calls that are under way there fail at once,
  * as they would when the client had died. For a process that is to end, whoever does not answer it.
+ * A callback that is handed over later has a channel again.
  */
 void hangUpOnClients();
 

@@ -117,7 +117,7 @@ private:
         }
 
         std::mutex mutex;
-        // Closed by the thread at its end, under mutex; itself it reads them without.
+        // Closed by the thread at its end, under mutex; its thread reads them without.
         UniqueFd socket;
         UniqueFd stop;
         sp<hidl_death_recipient> recipient GUARDED_BY(mutex);  // null once told or cancelled
