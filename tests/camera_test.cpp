@@ -19,7 +19,6 @@ namespace testing_support {
 
 namespace {
 
-using CameraTest = CameraFixture;
 using camera::FrameSize;
 
 constexpr FrameSize kSize = {64, 48};
@@ -32,6 +31,20 @@ std::vector<ClipFrame> greys(const std::vector<int>& lumas) {
         frames.push_back({kSize, luma});
     return frames;
 }
+
+class CameraTest : public CameraFixture {
+protected:
+    /** Its first frame is there from the beginning. */
+    std::string playFifo(RawFifo& fifo) {
+        std::thread writer([&] {
+            fifo.open();
+            fifo.write(1);
+        });
+        const std::string problem = play(sourceOf("fifo", 1000));
+        writer.join();
+        return problem;
+    }
+};
 
 }  // namespace
 
@@ -91,12 +104,7 @@ TEST_F(CameraTest, TakesAnotherSizeMidway) {
 
 TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     RawFifo fifo(folder / "fifo");
-    std::thread writer([&] {
-        fifo.open();
-        fifo.write(1);
-    });
-    ASSERT_EQ(play(sourceOf("fifo", 1000)), "");
-    writer.join();
+    ASSERT_EQ(playFifo(fifo), "");
     EXPECT_TRUE(eventually([&] { return source->status().dropped == 1; }));
     WallClock clock;
     for (int i = 0; i < 3; ++i)
@@ -137,12 +145,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
 TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSource) {
     // Takes three seconds: two until a stalled pipe is taken for one, one until the next try.
     RawFifo fifo(folder / "fifo");
-    std::thread writer([&] {
-        fifo.open();
-        fifo.write(1);
-    });
-    ASSERT_EQ(play(sourceOf("fifo", 1000)), "");
-    writer.join();
+    ASSERT_EQ(playFifo(fifo), "");
     EXPECT_TRUE(eventually([&] { return source->status().dropped == 1; }));
     fifo.write(2, 1000);  // stalls midway
     ask();
@@ -197,12 +200,7 @@ TEST_F(CameraTest, GivesUpWhateverItWaitsFor) {
     source->giveUp();
     EXPECT_EQ(opening.get(), "it was stopped");
 
-    std::thread writer([&] {
-        silent.open();
-        silent.write(1);
-    });
-    ASSERT_EQ(play(sourceOf("fifo", 1000)), "");
-    writer.join();
+    ASSERT_EQ(playFifo(silent), "");
     ask();
     EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
     const auto begin = std::chrono::steady_clock::now();
