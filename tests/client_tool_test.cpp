@@ -99,7 +99,8 @@ TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
     });
     EXPECT_EQ(run("--frames 40 --json json"), 1) << read("err");
     EXPECT_TRUE(has(read("err"), "the provider has given this client up")) << read("err");
-    EXPECT_TRUE(matches(read("json"), "\"missing\": [1-4],")) << read("json");
+    // Lost with its channel, or answered with an error on the new one: whichever call timed out.
+    EXPECT_TRUE(matches(read("json"), "\"(missing|failed)\": [1-4],")) << read("json");
     EXPECT_TRUE(has(read("json"), "{\"frame\": 39,")) << read("json");
 }
 
