@@ -18,19 +18,21 @@ lines that begin with # are comments.
 
 import argparse
 import os
+import queue
 import re
 import shutil
 import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 from dataclasses import dataclass, field
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
-TREE = ROOT / "build" / "faults"
-SHORTEST_LIMIT = 60  # seconds for the tests of one fault; more when they take longer without it
+TREES = ROOT / "build" / "faults"
+SHORTEST_SILENCE = 30  # seconds; tests that say nothing for so long hang
 NOT_COPIED = {".git", "build", "out"}
 # The quick tests: all but those that run the tools, which take seconds and test little else.
 QUICK = "-ClientToolTest.*:ClientOutputsTest.*:ClientWatchTest.*:ClipTest.*"
@@ -123,18 +125,18 @@ def write_if_changed(path, text):
         path.write_bytes(text)
 
 
-def copy_tree():
-    """Brings the copy up to date and leaves alone what has not changed, so that little is built."""
+def copy_tree(tree):
+    """Brings a copy up to date and leaves alone what has not changed, so that little is built."""
     names = {str(path.relative_to(ROOT)) for part in ROOT.iterdir() if part.name not in NOT_COPIED
              for path in [part, *part.rglob("*")] if path.is_file()}
     for name in names:
         text = (ROOT / name).read_bytes()
         if name == "cmake/warnings.cmake":
             text = text.replace(b"-Werror", b"-w")  # a fault may leave something unused
-        write_if_changed(TREE / name, text)
-        shutil.copymode(ROOT / name, TREE / name)
-    for old in TREE.rglob("*"):
-        name = str(old.relative_to(TREE))
+        write_if_changed(tree / name, text)
+        shutil.copymode(ROOT / name, tree / name)
+    for old in tree.rglob("*"):
+        name = str(old.relative_to(tree))
         if old.is_file() and not name.startswith("build/") and name not in names:
             old.unlink()
 
@@ -143,7 +145,7 @@ def fuzz_targets():
     return sorted(folder.name for folder in (ROOT / "fuzz" / "corpus").iterdir())
 
 
-def build(preset):
+def build(tree, preset, jobs=1):
     """The compiler's words when it cannot be built, else nothing."""
     log = ""
     configure = ["cmake", "--preset", preset]
@@ -154,12 +156,12 @@ def build(preset):
                   "-DCMAKE_GTEST_DISCOVER_TESTS_DISCOVERY_MODE=PRE_TEST"]
     if shutil.which("ccache"):
         configure += ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"]
-    commands = [["cmake", "--build", "--preset", preset, f"-j{JOBS}", "--target", "fdstream-tests",
+    commands = [["cmake", "--build", "--preset", preset, f"-j{jobs}", "--target", "fdstream-tests",
                  *(f"fuzz-{target}" for target in fuzz_targets())]]
-    if not (TREE / "build" / preset / "build.ninja").is_file():
+    if not (tree / "build" / preset / "build.ninja").is_file():
         commands.insert(0, configure)
     for command in commands:
-        done = subprocess.run(command, cwd=TREE, capture_output=True, text=True)
+        done = subprocess.run(command, cwd=tree, capture_output=True, text=True)
         log = done.stdout + done.stderr
         if done.returncode != 0:
             return log
@@ -184,9 +186,9 @@ def stop(process):
     process.wait()
 
 
-def commands_for(preset, test_filter):
+def commands_for(tree, preset, test_filter):
     """What notices: a name for each, its command and its environment."""
-    programs = TREE / "build" / preset / "bin"
+    programs = tree / "build" / preset / "bin"
     fuzzers = [("Fuzz." + target, [programs / f"fuzz-{target}", ROOT / "fuzz/corpus" / target,
                                    "100" if target == "channel" else "20000"], {})
                for target in fuzz_targets() if target != "session"]  # the model's test is better
@@ -201,25 +203,32 @@ def commands_for(preset, test_filter):
     return fuzzers + shards
 
 
-def run_tests(preset, test_filter, limit):
+def is_silent(log, last, limit):
+    """Whether the log has not grown for so long; remembers in `last` when it grew."""
+    size, now = os.fstat(log.fileno()).st_size, time.monotonic()
+    if size != last[0]:
+        last[:] = size, now
+    return now - last[1] > limit
+
+
+def run_tests(tree, preset, test_filter, silence):
     """Who noticed, or nothing; and how many tests ran. All run side by side until one fails."""
-    deadline = time.monotonic() + limit
     running, verdict, count = [], "", 0
     with tempfile.TemporaryDirectory() as folder:
-        for name, command, environment in commands_for(preset, test_filter):
+        for name, command, environment in commands_for(tree, preset, test_filter):
             log = open(Path(folder) / str(len(running)), "w+", errors="replace")
             process = subprocess.Popen(
                 command, cwd=folder, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
                 start_new_session=True, env={**os.environ, **environment})
-            running.append((name, process, log))
+            running.append((name, process, log, [-1, 0]))
         waiting = list(running)
         while waiting and not verdict:
             time.sleep(0.05)
-            late = time.monotonic() > deadline
-            for name, process, log in list(waiting):
-                if process.poll() is None and not late:
+            for entry in list(waiting):
+                name, process, log, last = entry
+                if process.poll() is None and not is_silent(log, last, silence):
                     continue
-                waiting.remove((name, process, log))
+                waiting.remove(entry)
                 test, ran = ends_of(Path(log.name).read_text(errors="replace"))
                 test, ran = (name, 1) if name else (test, ran)
                 count += ran
@@ -231,46 +240,46 @@ def run_tests(preset, test_filter, limit):
                     verdict = test
                 if verdict:
                     break
-        for _, process, log in running:
+        for _, process, log, _ in running:
             stop(process)
             log.close()
     return verdict, count
 
 
 class Trial:
-    """Builds the tree and runs its tests; knows how long they take without a fault."""
+    """A copy of the tree that is built and whose tests are run."""
 
-    def __init__(self):
-        self.limits = {}
+    def __init__(self, number):
+        self.tree = TREES / str(number)
+        self.silence = {}
 
     def prepare(self, preset, faults):
         """The tests that are to notice must pass without a fault."""
         wanted = {f.filter for f in faults if f.preset == preset and f.filter}
-        filters = [QUICK] if preset == "host" else [":".join(sorted(wanted))]
-        print(f"Building {preset} without a fault ...", flush=True)
-        if log := build(preset):
+        test_filter = QUICK if preset == "host" else ":".join(sorted(wanted))
+        print(f"Building {preset} without a fault in {self.tree.name} ...", flush=True)
+        if log := build(self.tree, preset, JOBS):
             sys.exit(log[-4000:] + f"\nfaults: {preset} does not build without a fault")
-        for test_filter in filters:
-            start = time.monotonic()
-            verdict, count = run_tests(preset, test_filter, 1800)
-            seconds = time.monotonic() - start
-            self.limits[preset] = max(SHORTEST_LIMIT, 4 * seconds)
-            if verdict:
-                sys.exit(f"faults: {preset} fails without a fault: {verdict}")
-            print(f"{count} tests pass without a fault, in {seconds:.0f} s", flush=True)
+        start = time.monotonic()
+        verdict, count = run_tests(self.tree, preset, test_filter, 600)
+        seconds = time.monotonic() - start
+        self.silence[preset] = max(SHORTEST_SILENCE, seconds)
+        if verdict:
+            sys.exit(f"faults: {preset} fails without a fault: {verdict}")
+        print(f"{count} tests pass without a fault, in {seconds:.0f} s", flush=True)
 
     def try_fault(self, fault):
         """Who noticed; nothing when nobody did."""
-        path = TREE / fault.path
+        path = self.tree / fault.path
         whole = path.read_bytes()
         path.write_text(planted(fault, whole.decode()))
         try:
             attempts = [(fault.preset, fault.filter)] if fault.filter else []
             for preset, test_filter in attempts + [("host", QUICK)]:
-                if log := build(preset):
+                if log := build(self.tree, preset):
                     errors = [line for line in log.splitlines() if "error" in line.lower()]
                     raise BrokenEntry("does not build: " + (errors + [log[-200:]])[0])
-                verdict, _ = run_tests(preset, test_filter, self.limits[preset])
+                verdict, _ = run_tests(self.tree, preset, test_filter, self.silence[preset])
                 if verdict:
                     return f"{verdict}{'' if preset == 'host' else ' under ' + preset}"
             return ""
@@ -278,30 +287,62 @@ class Trial:
             path.write_bytes(whole)
 
 
+class Trials:
+    """All faults, in as many copies of the tree as there are processors: much of a trial waits."""
+
+    def __init__(self, faults):
+        self.faults = faults
+        self.next = queue.SimpleQueue()
+        self.lock = threading.Lock()  # guards what follows, and the output
+        self.count = 0
+        self.unnoticed = []
+        self.broken = []
+
+    def run(self):
+        trials = [Trial(number) for number in range(min(JOBS, len(self.faults)))]
+        for trial in trials:
+            copy_tree(trial.tree)
+            for preset in ["host"] + sorted({f.preset for f in self.faults if f.filter} - {"host"}):
+                trial.prepare(preset, self.faults)
+        for fault in self.faults:
+            self.next.put(fault)
+        threads = [threading.Thread(target=self.work, args=(trial,)) for trial in trials]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+
+    def work(self, trial):
+        while True:
+            try:
+                fault = self.next.get_nowait()
+            except queue.Empty:
+                return
+            start, failed = time.monotonic(), None
+            try:
+                noticed = trial.try_fault(fault)
+                failed = None if noticed else self.unnoticed
+            except BrokenEntry as problem:
+                noticed, failed = f"BROKEN ENTRY: {problem}", self.broken
+            with self.lock:
+                self.count += 1
+                if failed is not None:
+                    failed.append(fault)
+                print(f"{self.count:3}/{len(self.faults)} {fault.name}: "
+                      f"{noticed or 'NOT NOTICED  <<<<<<<<'}  {time.monotonic() - start:.0f} s",
+                      flush=True)
+
+
 def try_all(faults):
-    copy_tree()
-    trial = Trial()
-    for preset in ["host"] + sorted({f.preset for f in faults if f.filter} - {"host"}):
-        trial.prepare(preset, faults)
-    unnoticed, broken, begin = [], [], time.monotonic()
-    for number, fault in enumerate(faults, 1):
-        start = time.monotonic()
-        try:
-            noticed = trial.try_fault(fault)
-            if not noticed:
-                unnoticed.append(fault)
-        except BrokenEntry as problem:
-            broken.append(fault)
-            noticed = f"BROKEN ENTRY: {problem}"
-        print(f"{number:3}/{len(faults)} {fault.name}: {noticed or 'NOT NOTICED  <<<<<<<<'}"
-              f"  {time.monotonic() - start:.0f} s", flush=True)
-    noticed = len(faults) - len(unnoticed) - len(broken)
+    begin, trials = time.monotonic(), Trials(faults)
+    trials.run()
+    noticed = len(faults) - len(trials.unnoticed) - len(trials.broken)
     print(f"\n{len(faults)} faults in {(time.monotonic() - begin) / 60:.0f} minutes: {noticed} "
-          f"noticed, {len(unnoticed)} not noticed, {len(broken)} broken")
-    for title, some in ("NOT NOTICED", unnoticed), ("BROKEN", broken):
+          f"noticed, {len(trials.unnoticed)} not noticed, {len(trials.broken)} broken")
+    for title, some in ("NOT NOTICED", trials.unnoticed), ("BROKEN", trials.broken):
         for fault in some:
             print(f"{title:12} {fault.name:40} {fault.path}\n{'':13}{fault.what}")
-    return not unnoticed and not broken
+    return not trials.unnoticed and not trials.broken
 
 
 def main():
