@@ -1,22 +1,55 @@
-// Calls between processes. Client and provider share this one here, so that a test sees both ends.
+// Calls between processes. Client and provider share this one here, so that a test sees both ends,
+// or answers the caller's end by hand.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "host/limits.h"
+#include "host/remote.h"
 #include "model/files.h"
 #include "model/operation.h"
-#include "support/interposed.h"
+#include "raw_socket.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
 
 namespace {
+
 using CallsTest = TransportFixture;
+using Clock = std::chrono::steady_clock;
+
+/** Why the call fails; empty when it does not. */
+std::string resultOf(host::CallChannel& channel, uint32_t method = 1) {
+    const auto status = channel.call(method, {}, [](host::Reader& /*reader*/) {});
+    return status.isOk() ? "" : status.description();
+}
+
+class CallChannelTest : public testing::Test {
+protected:
+    CallChannelTest() { connect(); }
+    void connect() {
+        auto [one, other] = kit::socketPair();
+        channel = std::make_unique<host::CallChannel>(std::move(one));
+        peer = std::make_unique<RawClient>(std::move(other));
+    }
+    std::string call(uint32_t method = 1) { return resultOf(*channel, method); }
+
+    std::unique_ptr<host::CallChannel> channel;
+    std::unique_ptr<RawClient> peer;
+};
+
 }  // namespace
 
 TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
@@ -46,68 +79,119 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
                                 3};
     session->sendCaptureResult(files.recordOf(result));
     EXPECT_EQ(inWords(files.plainOf(deliveries.waitFor(1)[0].result)), inWords(result));
-    FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
-    session->sendNotify(msg);
+    const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
+    notify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST_F(CallsTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {
-    WallClock clock;
-    clock.stopAt(1);  // no request grows stale, however slow the machine is
-    // The next request goes out from inside; the provider's thread notifies at the same time.
-    constexpr uint32_t kFrames = 200;
-    std::atomic<uint32_t> next{2};
-    callback->during = [&] {
-        // No lock is held: another thread gets through meanwhile.
-        std::thread([&] { session->getTrackingMode(); }).join();
-        const uint32_t frame = next++;
-        if (frame <= kFrames) {
-            expectStatus(remote->processCaptureRequest(requestFor(frame, 1, nullptr)), Status::OK);
-        }
-    };
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
-    uint32_t served = 0;
-    EXPECT_TRUE(eventually([&] {
-        notify();
-        CaptureRequest request = {};
-        if (session->getProcessCaptureRequest(request) != 0) return false;
-        session->sendCaptureResult(resultFor(request));
-        return ++served == kFrames;
-    }));
-    deliveries.waitFor(kFrames);
-    endCallback();
-}
-
 TEST_F(CallsTest, WaitsForASilentClientOnceAndThenNoMore) {
     // Takes as long as the bounded wait, which is what it is about.
-    std::mutex gate;
-    std::unique_lock<std::mutex> closed(gate);
-    callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
+    std::unique_lock<std::mutex> held = holdClient();
     setUpStream();
     expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
     RawClient deaf = connectRaw();  // so is one that does not read what it is answered
     std::thread sending([&deaf] { deaf.sendUnread(rawMessage({kCall, 0, 1, 0})); });
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Clock::now();
     serveOne();  // the monitor waits ...
     deliveries.waitFor(1);
     notify();  // ... and so does this thread, each on its own account
-    const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, host::kCallPatience - std::chrono::milliseconds(100));
-    EXPECT_LT(waited, 2 * host::kCallPatience);
     EXPECT_TRUE(
         log.waitFor("threadLoop: processCaptureResult transaction failed: "
                     "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'"));
-    const auto before = std::chrono::steady_clock::now();
     for (int i = 0; i < 100; ++i)
         notify();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, host::kCallPatience);
+    EXPECT_GE(Clock::now() - start, host::kCallPatience - std::chrono::milliseconds(100));
+    EXPECT_LT(Clock::now() - start, 2 * host::kCallPatience);
     sending.join();
     EXPECT_EQ(linesWith("E a channel ends: the peer does not read its answers"), 1);
-    closed.unlock();
+    held.unlock();
     EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
     endCallback();
+}
+
+TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+    // Takes as long as the bounded wait, which is what it is about: what comes between comes late
+    // in it, so that a wait that began anew would end long after it.
+    struct sigaction onSignal = {};
+    onSignal.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &onSignal, nullptr);
+    auto one = kit::socketPair();  // the second ends are silent
+    auto another = kit::socketPair();
+    host::CallChannel interrupted(std::move(one.first));
+    const int socket = another.first.get();
+    host::CallChannel handedOver(std::move(another.first), host::Peer::CLIENT);
+    const timeval longer = {2, 0};  // whoever handed it over can set it
+    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
+
+    const auto start = Clock::now();
+    const auto expectNoAnswer = [start](host::CallChannel& called) {
+        EXPECT_EQ(resultOf(called, 2),
+                  "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
+        EXPECT_GE(Clock::now() - start, host::kCallPatience);
+        EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
+    };
+    std::thread first([this] { EXPECT_EQ(call(), ""); });
+    EXPECT_EQ(peer->receivedMethod(), 1U);
+    std::thread second([&] { expectNoAnswer(*channel); });
+    std::thread unlucky([&] { expectNoAnswer(handedOver); });
+    std::thread signalled([&] { expectNoAnswer(interrupted); });
+    std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
+    peer->send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
+    pthread_kill(signalled.native_handle(), SIGUSR1);
+    for (std::thread* const thread : {&first, &second, &unlucky, &signalled})
+        thread->join();
+}
+
+TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
+    std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
+    const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
+    refusal.insert(refusal.end(), text.begin(), text.end());
+    peer->send(refusal);
+    EXPECT_EQ(call(), "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
+                          std::string(99, 'x') + "'");
+    peer->send(rawMessage({kAnswer, 1, 2, 0}));
+    EXPECT_EQ(call(), "");
+}
+
+TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
+    std::atomic<pid_t> second{0};
+    std::thread one([this] {
+        call(1);
+        call(3);  // not before the one that waits already
+    });
+    EXPECT_EQ(peer->receivedMethod(), 1U);
+    std::thread other([&] {
+        second = gettid();
+        call(2);
+    });
+    EXPECT_TRUE(eventually([&] { return second != 0 && isAsleep(second); }));
+    peer->send(rawMessage({kAnswer, 1, 1, 0}));
+    for (const uint32_t next : {2U, 3U}) {
+        EXPECT_EQ(peer->receivedMethod(), next);
+        peer->send(rawMessage({kAnswer, 1, next, 0}));
+    }
+    one.join();
+    other.join();
+}
+
+TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
+    const std::tuple<kit::RawMessage, std::vector<int>, std::string> bad[] = {
+        {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
+        {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
+        {rawMessage({kAnswer, 1}), {}, "bytes that are no message"},
+        {{}, {}, "bytes that are no message"},
+        {rawMessage({kAnswer, 1, 1, 0, 7}), {}, "the answer does not add up"},
+        {rawMessage({kAnswer, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"},
+        {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
+    for (const auto& [bytes, fds, said] : bad) {
+        connect();
+        peer->send(bytes, fds);
+        for (const std::string status : {"FAILED_TRANSACTION: ", "DEAD_OBJECT: "})
+            EXPECT_EQ(call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
+        EXPECT_FALSE(peer->isClosed());  // the first call
+        EXPECT_TRUE(peer->isClosed());   // and then the end
+    }
 }
 
 }  // namespace testing_support
