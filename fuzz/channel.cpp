@@ -8,11 +8,13 @@
 
 #include <iterator>
 #include <mutex>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
 #include "message_oracle.h"
+#include "raw_client.h"
 #include "raw_socket.h"
 #include "records.h"
 #include "src/record_fields.h"
@@ -41,17 +43,17 @@ public:
         return Status::OK;
     }
     Return<Status> processCaptureRequest(const kit::CaptureRequest& request) override {
-        sp<IFDSessionCallback> told;
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            told = mCallback;
-        }
+        const sp<IFDSessionCallback> told = callback();
         if (told == nullptr) return Status::ILLEGAL_ARGUMENT;
         (void)told->processCaptureResult({kit::resultFor(request)}).isOk();
         return Status::OK;
     }
 
 private:
+    sp<IFDSessionCallback> callback() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mCallback;
+    }
     std::mutex mMutex;
     sp<IFDSessionCallback> mCallback;  // guarded by mMutex
 };
@@ -62,11 +64,6 @@ public:
     House() {
         fuzz::expect(mServer != nullptr, mProblem.c_str());
         connect();
-    }
-    UniqueFd connectRaw() const {
-        UniqueFd socket = kit::rawSocket();
-        fuzz::expect(kit::connectRaw(socket.get(), mPath), "cannot connect");
-        return socket;
     }
     /** After an input: nothing is left, and others are served as before. */
     void expectUnharmed(const fuzz::Descriptors& before) {
@@ -86,6 +83,8 @@ public:
     }
 
     const fuzz::QuietLog quiet;
+    const kit::TemporaryFolder folder;
+    const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
     const UniqueFd kinds[6] = {UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0)),
                                UniqueFd(memfd_create("any", MFD_CLOEXEC)),
@@ -96,16 +95,14 @@ public:
 
 private:
     void connect() {
-        mGood = host::connect<IFDSession>(mPath, mProblem);
+        mGood = host::connect<IFDSession>(path, mProblem);
         fuzz::expect(mGood != nullptr && isServed(), "a new client is not served");
     }
     bool isServed() { return mGood->processCaptureRequest(kit::requestFor(1, 1)).isOk(); }
 
-    const kit::TemporaryFolder mFolder;
-    const std::string mPath = mFolder / "socket";
     const sp<Served> mServed = new Served;
     std::string mProblem;
-    const std::unique_ptr<host::Server> mServer = host::Server::listen(mPath, mServed, mProblem);
+    const std::unique_ptr<host::Server> mServer = host::Server::listen(path, mServed, mProblem);
     sp<IFDSession> mGood;
     int mInputs = 0;
 };
@@ -116,10 +113,6 @@ struct Packet {
         header.fds = static_cast<uint32_t>(fds.size());
         return {fuzz::messageOf(header, values...), fds};
     }
-    bool send(const UniqueFd& socket) const {
-        return kit::sendRaw(socket.get(), bytes.data(), bytes.size(), fds);
-    }
-
     std::vector<uint8_t> bytes;
     std::vector<int> fds;
 };
@@ -131,7 +124,7 @@ public:
     void step() {
         switch (mData.ConsumeIntegralInRange(0, 9)) {
             case 0:
-                if (mSocket.isValid()) shutdown(mSocket.get(), mData.ConsumeBool());
+                if (mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
                 return;
             case 1:
                 return mCallback.reset();
@@ -160,13 +153,14 @@ private:
      * that nobody waits. */
     int newCallback() {
         auto [mine, theirs] = kit::socketPair();
+        kit::RawClient client(std::move(mine));
         for (uint32_t serial = 1; serial <= 2; ++serial) {
             Packet answer = Packet::of({Header::ANSWER, 1, serial, 0}, {});
             spoil(answer);
-            answer.send(mine);
+            client.send(answer.bytes, answer.fds);
         }
-        shutdown(mine.get(), SHUT_WR);
-        mCallback = std::move(mine);
+        shutdown(client.fd(), SHUT_WR);
+        mCallback = std::move(client);
         mHandedOver.push_back(std::move(theirs));
         return mHandedOver.back().get();
     }
@@ -195,23 +189,23 @@ private:
         int sent = 0;
         while (sent < times && send(ping))
             ++sent;
-        while (mSocket.isValid() && sent-- > 0)
+        while (mSocket && sent-- > 0)
             receive(ping);
     }
     bool send(const Packet& packet) {
-        if (!mSocket.isValid()) mSocket = mHouse.connectRaw();
-        const bool isSent = packet.send(mSocket);
+        if (!mSocket) fuzz::expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
+        const bool isSent = mSocket->send(packet.bytes, packet.fds);
         mHandedOver.clear();
         if (!isSent) mSocket.reset();
         return isSent;
     }
     /** A call is answered, and everything else is the end. */
     void receive(const Packet& packet) {
-        pollfd entry = {mSocket.get(), POLLIN, 0};
+        pollfd entry = {mSocket->fd(), POLLIN, 0};
         // The fuzzer's own alarm may interrupt it.
         fuzz::expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
         Header answer = {};
-        const ssize_t size = recv(mSocket.get(), &answer, sizeof(answer), MSG_DONTWAIT);
+        const ssize_t size = recv(mSocket->fd(), &answer, sizeof(answer), MSG_DONTWAIT);
         if (size <= 0) return mSocket.reset();
         Header call = {};
         fuzz::expect(packet.bytes.size() >= sizeof(call), "an answer to no message");
@@ -225,9 +219,9 @@ private:
 
     FuzzedDataProvider& mData;
     const House& mHouse;
-    UniqueFd mSocket;
-    UniqueFd mCallback;                 ///< this end of the last callback
-    std::vector<UniqueFd> mHandedOver;  ///< the other ends, until they are sent
+    std::optional<kit::RawClient> mSocket;
+    std::optional<kit::RawClient> mCallback;  ///< this end of the last callback
+    std::vector<UniqueFd> mHandedOver;        ///< the other ends, until they are sent
     uint32_t mSerial = 0;
 };
 
