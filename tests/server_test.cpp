@@ -137,7 +137,9 @@ TEST_F(ServerTest, SaysWhyItCannotListen) {
     // What a killed provider left behind is taken over.
     remote.clear();
     std::filesystem::rename(path, folder / "left");
+    std::ofstream(path) << "another's";
     server.reset();
+    EXPECT_TRUE(std::filesystem::exists(path));
     std::filesystem::rename(folder / "left", path);
     serve();
     EXPECT_EQ(mode(), 0600U);
