@@ -28,6 +28,7 @@ using namespace vendor::zoru::zoruprovider::fdstream::V1_0;  // NOLINT: the inte
 using android::sp;
 using android::hardware::Return;
 using android::hardware::camera::common::V1_0::Status;
+using fuzz::messageOf;
 using host::UniqueFd;
 using host::detail::Header;
 
@@ -86,6 +87,7 @@ public:
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
+    const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
     const UniqueFd kinds[6] = {UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0)),
                                UniqueFd(memfd_create("any", MFD_CLOEXEC)),
                                UniqueFd(eventfd(0, EFD_CLOEXEC)),
@@ -108,11 +110,6 @@ private:
 };
 
 struct Packet {
-    template <typename... Values>
-    static Packet of(Header header, const std::vector<int>& fds, const Values&... values) {
-        header.fds = static_cast<uint32_t>(fds.size());
-        return {fuzz::messageOf(header, values...), fds};
-    }
     std::vector<uint8_t> bytes;
     std::vector<int> fds;
 };
@@ -142,12 +139,13 @@ private:
     bool mayNot() { return mData.ConsumeIntegral<uint8_t>() > 243; }
 
     Packet call(uint32_t method) {
-        const Header header = {Header::CALL, method, ++mSerial, 0};
-        const int memory = mHouse.kinds[0].get();
-        if (method == 1) return Packet::of(header, {newCallback()}, true);
-        if (method == 2) return Packet::of(header, {}, kit::configurationOf({16, 8}));
-        if (method != 3) return Packet::of(header, {});
-        return Packet::of(header, {memory}, kit::requestFor(1, 1, mHouse.buffer.handle()));
+        const auto header = [&, serial = ++mSerial](uint32_t fds) {
+            return Header{Header::CALL, method, serial, fds};
+        };
+        if (method == 1) return {messageOf(header(1), true), {newCallback()}};
+        if (method == 2) return {messageOf(header(0), kit::configurationOf({16, 8})), {}};
+        if (method == 3) return {messageOf(header(1), mHouse.request), {mHouse.kinds[0].get()}};
+        return {messageOf(header(0)), {}};
     }
     /** The end that is handed over. From the other one two answers come in advance, and no more, so
      * that nobody waits. */
@@ -155,7 +153,7 @@ private:
         auto [mine, theirs] = kit::socketPair();
         kit::RawClient client(std::move(mine));
         for (uint32_t serial = 1; serial <= 2; ++serial) {
-            Packet answer = Packet::of({Header::ANSWER, 1, serial, 0}, {});
+            Packet answer = {messageOf(Header{Header::ANSWER, 1, serial, 0}), {}};
             spoil(answer);
             client.send(answer.bytes, answer.fds);
         }

@@ -78,7 +78,6 @@ protected:
 }  // namespace
 
 TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
-    remote.clear();
     server.reset();
     const FewDescriptors few(512);
     serve();

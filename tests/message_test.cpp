@@ -5,16 +5,14 @@
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "message_oracle.h"
 #include "src/control_fields.h"
 #include "src/record_fields.h"
-#include "support/session_fixture.h"
 #include "support/slow.h"
+#include "support/transport_fixture.h"
 
 namespace testing_support {
 
@@ -32,29 +30,14 @@ struct Message {
     std::vector<uint8_t> bytes;
 };
 
-/** Its descriptor is only a number: what is sent beside the message counts. */
-hidl_handle handleWith(int integers) {
-    native_handle_t* const native = native_handle_create(1, integers);
-    std::fill_n(&native->data[0], 1 + integers, -1);
-    hidl_handle handle;
-    handle.setTo(native, true);
-    return handle;
-}
-
-/** With one buffer, one fence, and 8 bytes of settings. */
-CaptureRequest request() {
-    CaptureRequest request = requestFor(3, 5);
-    request.settings.resize(8);
-    request.outputBuffers[0].buffer = handleWith(9);
-    request.outputBuffers[0].acquireFence = handleWith(0);
-    return request;
-}
-
+/** One of each kind; what has buffers has one, one fence, and 8 bytes of settings. */
 std::vector<Message> messages() {
-    hidl_vec<CaptureResult> results;
-    results.resize(1);
-    results[0] = resultFor(request());
-    results[0].result.resize(8);
+    const host::Buffer buffer = kit::allocate({16, 8});
+    CaptureRequest request = requestFor(3, 5, buffer.handle());
+    request.settings.resize(8);
+    request.outputBuffers[0].acquireFence = handleOf({memory.get()});
+    CaptureResult result = resultFor(request);
+    result.result.resize(8);
     control::Followed followed = {};
     followed.scene.crops.resize(1);
     const auto call = [](uint32_t method, uint32_t fds = 0) {
@@ -67,8 +50,8 @@ std::vector<Message> messages() {
         {"a ping", SESSION, 0, messageOf(call(0))},
         {"a callback", SESSION, 1, messageOf(call(1, 1), true)},
         {"a configuration", SESSION, 0, messageOf(call(2), configurationOf(0))},
-        {"a request", SESSION, 2, messageOf(call(3, 2), request())},
-        {"a result", CALLBACK, 2, messageOf(call(1, 2), results)},
+        {"a request", SESSION, 2, messageOf(call(3, 2), request)},
+        {"a result", CALLBACK, 2, messageOf(call(1, 2), hidl_vec<CaptureResult>{result})},
         {"a notification", CALLBACK, 0, messageOf(call(2), hidl_vec<FDNotifyMsg>{FDNotifyMsg()})},
         {"an answer", SESSION, 0, messageOf(Header{Header::ANSWER, 1, 7, 0}, uint32_t{0})}};
 }
@@ -114,13 +97,12 @@ TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
 }
 
 TEST(MessageTest, IsNotTakenWhenItIsCutOffOrLonger) {
-    for (const Message& whole : messages()) {
-        Message cut = whole;
-        for (size_t size = 0; size <= whole.bytes.size() + 8; ++size) {
-            cut.bytes = whole.bytes;
-            cut.bytes.resize(size);
-            EXPECT_EQ(isTaken(cut, whole.fds), size == whole.bytes.size())
-                << whole.name << ", " << size << " bytes";
+    for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
+        const size_t whole = message.bytes.size();
+        for (size_t size = whole + 9; size-- > 0;) {
+            message.bytes.resize(size);
+            EXPECT_EQ(isTaken(message, message.fds), size == whole) << size << " bytes";
         }
     }
 }
@@ -128,12 +110,12 @@ TEST(MessageTest, IsNotTakenWhenItIsCutOffOrLonger) {
 TEST(MessageTest, IsTakenWithTheDescriptorsThatItAnnouncesOnly) {
     constexpr size_t kMost = 17;
     for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
         for (uint32_t announced = 0; announced <= kMost; ++announced) {
             memcpy(&message.bytes[offsetof(Header, fds)], &announced, sizeof(announced));
-            for (size_t sent = 0; sent <= kMost; ++sent) {
+            for (size_t sent = 0; sent <= kMost; ++sent)
                 EXPECT_EQ(isTaken(message, sent), announced == sent && sent == message.fds)
-                    << message.name << ", " << announced << " announced, " << sent << " sent";
-            }
+                    << announced << " announced, " << sent << " sent";
         }
     }
 }

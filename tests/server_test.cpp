@@ -209,25 +209,18 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
 }
 
 TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
-    const std::string later = folder / "later";
     std::atomic<pid_t> came{0};
     std::promise<pid_t> went[2];
     std::promise<void> isGivenUp;
     int ended = 0;
-    std::unique_ptr<host::Server> second;
-    const auto serveWhenWaitedFor = [&, waiting = gettid()] {
-        EXPECT_TRUE(eventually([&] { return isAsleep(waiting); }));
-        const auto takeNote = [&](pid_t who) {
-            came = who;
-            if (ended == 1) isGivenUp.get_future().wait();
-        };
-        std::string none;
-        second = host::Server::listen(later, client, none,
-                                      {takeNote, [&](pid_t who) { went[ended++].set_value(who); }});
+    const auto takeNote = [&](pid_t who) {
+        came = who;
+        if (ended == 1) isGivenUp.get_future().wait();
     };
-    std::thread serving(serveWhenWaitedFor);
-    auto connected = host::connectWithin<IFDSession>(later, std::chrono::seconds(10), reason);
-    serving.join();
+    const auto second =
+        host::Server::listen(folder / "second", client, reason,
+                             {takeNote, [&](pid_t who) { went[ended++].set_value(who); }});
+    auto connected = host::connect<IFDSession>(folder / "second", reason);
     ASSERT_NE(connected, nullptr) << reason;
     std::atomic<pid_t> caller{0};
     {
@@ -244,7 +237,7 @@ TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
     EXPECT_EQ(went[0].get_future().get(), getpid());
 
     // Nor is one forgotten that was given up before its turn.
-    EXPECT_TRUE(RawClient(later).connect());
+    EXPECT_TRUE(RawClient(folder / "second").connect());
     isGivenUp.set_value();
     EXPECT_EQ(went[1].get_future().get(), getpid());
 }
