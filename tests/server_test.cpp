@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -60,11 +59,7 @@ protected:
         EXPECT_TRUE(host::writeInterface(writer, IFDSessionCallback::descriptor, callback));
         return RawClient(std::move(out.handedOver.at(0)));
     }
-    unsigned mode() const {
-        struct stat file = {};
-        EXPECT_EQ(stat(path.c_str(), &file), 0);
-        return file.st_mode & 0777U;
-    }
+    std::filesystem::perms mode() const { return std::filesystem::status(path).permissions(); }
 };
 
 }  // namespace
@@ -142,7 +137,7 @@ TEST_F(ServerTest, SaysWhyItCannotListen) {
     EXPECT_TRUE(std::filesystem::exists(path));
     std::filesystem::rename(folder / "left", path);
     serve();
-    EXPECT_EQ(mode(), 0600U);
+    EXPECT_EQ(mode(), std::filesystem::perms(0600));
 }
 
 TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItListens) {
@@ -153,7 +148,7 @@ TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItList
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_FALSE(std::filesystem::exists(path));
     flock(own.get(), LOCK_UN);
-    const DuringListen look([this] { EXPECT_EQ(mode(), 0600U); });
+    const DuringListen look([this] { EXPECT_EQ(mode(), std::filesystem::perms(0600)); });
     serve();
 }
 
