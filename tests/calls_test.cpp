@@ -8,8 +8,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -21,6 +21,7 @@
 #include "model/files.h"
 #include "model/operation.h"
 #include "raw_socket.h"
+#include "src/served_channel.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -85,31 +86,6 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST_F(CallsTest, WaitsForASilentClientOnceAndThenNoMore) {
-    // Takes as long as the bounded wait, which is what it is about.
-    std::unique_lock<std::mutex> held = holdClient();
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
-    RawClient deaf = connectRaw();  // so is one that does not read what it is answered
-    std::thread sending([&deaf] { deaf.sendUnread(rawMessage({kCall, 0, 1, 0})); });
-    const auto start = Clock::now();
-    serveOne();  // the monitor waits ...
-    deliveries.waitFor(1);
-    notify();  // ... and so does this thread, each on its own account
-    EXPECT_TRUE(
-        log.waitFor("threadLoop: processCaptureResult transaction failed: "
-                    "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'"));
-    for (int i = 0; i < 100; ++i)
-        notify();
-    EXPECT_GE(Clock::now() - start, host::kCallPatience - std::chrono::milliseconds(100));
-    EXPECT_LT(Clock::now() - start, 2 * host::kCallPatience);
-    sending.join();
-    EXPECT_EQ(linesWith("E a channel ends: the peer does not read its answers"), 1);
-    held.unlock();
-    EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
-    endCallback();
-}
-
 TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     // Takes as long as the bounded wait, which is what it is about: what comes between comes late
     // in it, so that a wait that began anew would end long after it.
@@ -131,16 +107,29 @@ TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
         EXPECT_GE(Clock::now() - start, host::kCallPatience);
         EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
     };
-    std::thread first([this] { EXPECT_EQ(call(), ""); });
+    const auto first = std::async(std::launch::async, [this] { EXPECT_EQ(call(), ""); });
     EXPECT_EQ(peer->receivedMethod(), 1U);
-    std::thread second([&] { expectNoAnswer(*channel); });
-    std::thread unlucky([&] { expectNoAnswer(handedOver); });
+    const auto second = std::async(std::launch::async, [&] { expectNoAnswer(*channel); });
+    const auto unlucky = std::async(std::launch::async, [&] { expectNoAnswer(handedOver); });
     std::thread signalled([&] { expectNoAnswer(interrupted); });
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
     peer->send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
     pthread_kill(signalled.native_handle(), SIGUSR1);
-    for (std::thread* const thread : {&first, &second, &unlucky, &signalled})
-        thread->join();
+    signalled.join();
+}
+
+TEST(ServedChannelTest, GivesUpAPeerThatReadsNoAnswer) {
+    // Takes as long as the bounded wait, which is what it is about.
+    const LogLines log;
+    auto [socket, other] = kit::socketPair();
+    const RawClient deaf(std::move(other));
+    const auto flood = std::async(std::launch::async, [&] {
+        deaf.sendUnread(rawMessage({kCall, 0, 1, 0}));
+    });
+    const auto stub = host::detail::findInterface(IFDSessionCallback::descriptor)->stub(nullptr);
+    EXPECT_EQ(host::detail::serveChannel(socket.get(), *stub, host::Peer::CLIENT),
+              host::ServedEnd::GIVEN_UP);
+    EXPECT_EQ(log.said(), Lines{"E a channel ends: the peer does not read its answers"});
 }
 
 TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
@@ -155,24 +144,22 @@ TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
 }
 
 TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
-    std::atomic<pid_t> second{0};
-    std::thread one([this] {
+    std::atomic<pid_t> waiting{0};
+    const auto one = std::async(std::launch::async, [this] {
         call(1);
         call(3);  // not before the one that waits already
     });
     EXPECT_EQ(peer->receivedMethod(), 1U);
-    std::thread other([&] {
-        second = gettid();
+    const auto other = std::async(std::launch::async, [&] {
+        waiting = gettid();
         call(2);
     });
-    EXPECT_TRUE(eventually([&] { return second != 0 && isAsleep(second); }));
+    EXPECT_TRUE(eventually([&] { return waiting != 0 && isAsleep(waiting); }));
     peer->send(rawMessage({kAnswer, 1, 1, 0}));
     for (const uint32_t next : {2U, 3U}) {
         EXPECT_EQ(peer->receivedMethod(), next);
         peer->send(rawMessage({kAnswer, 1, next, 0}));
     }
-    one.join();
-    other.join();
 }
 
 TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
