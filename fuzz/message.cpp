@@ -16,22 +16,18 @@ namespace {
 using host::UniqueFd;
 using host::detail::Header;
 
-/** Usually as a well-behaved peer's, so that the records are reached. */
-Header headerFrom(FuzzedDataProvider& data, fuzz::Served served, size_t fds) {
-    constexpr Header::Kind kKinds[] = {Header::CALL, Header::CALL, Header::CALL, Header::ANSWER,
-                                       Header::REFUSED};
-    const uint32_t methods = served == fuzz::CONTROL ? 16 : 4;  // and one that is none
-    Header header = {data.PickValueInArray(kKinds),
-                     data.ConsumeIntegralInRange<uint32_t>(0, methods), 1,
-                     static_cast<uint32_t>(fds)};
-    if (data.ConsumeProbability<float>() < 0.05F) header.fds = data.ConsumeIntegral<uint32_t>();
-    return header;
-}
-
+/** Its header is usually as a well-behaved peer's, so that the records are reached. */
 std::vector<uint8_t> messageFrom(FuzzedDataProvider& data, fuzz::Served served, size_t fds) {
     std::vector<uint8_t> message;
-    if (data.ConsumeIntegral<uint8_t>() != 0)
-        message = fuzz::messageOf(headerFrom(data, served, fds));
+    if (data.ConsumeIntegral<uint8_t>() != 0) {
+        const uint32_t kind = data.PickValueInArray(
+            {Header::CALL, Header::CALL, Header::CALL, Header::ANSWER, Header::REFUSED});
+        const uint32_t methods = served == fuzz::CONTROL ? 16 : 4;  // and one that is none
+        Header header = {kind, data.ConsumeIntegralInRange<uint32_t>(0, methods), 1,
+                         static_cast<uint32_t>(fds)};
+        if (data.ConsumeProbability<float>() < 0.05F) header.fds = data.ConsumeIntegral<uint32_t>();
+        message = fuzz::messageOf(header);
+    }
     const auto body = data.ConsumeRemainingBytes<uint8_t>();
     message.insert(message.end(), body.begin(), body.end());
     return message;
