@@ -9,7 +9,6 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <memory>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -31,24 +30,20 @@ namespace {
 using CallsTest = TransportFixture;
 using Clock = std::chrono::steady_clock;
 
-/** Why the call fails; empty when it does not. */
-std::string resultOf(host::CallChannel& channel, uint32_t method = 1) {
-    const auto status = channel.call(method, {}, [](host::Reader& /*reader*/) {});
-    return status.isOk() ? "" : status.description();
-}
-
-class CallChannelTest : public testing::Test {
-protected:
-    CallChannelTest() { connect(); }
-    void connect() {
-        auto [one, other] = kit::socketPair();
-        channel = std::make_unique<host::CallChannel>(std::move(one));
-        peer = std::make_unique<RawClient>(std::move(other));
+/** A channel whose calls a test answers by hand. */
+struct HeldChannel {
+    explicit HeldChannel(host::Peer served = host::Peer::PROVIDER)
+        : caller(std::move(ends.first), served) {}
+    /** Why the call fails; empty when it does not. */
+    std::string call(uint32_t method = 1) {
+        const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
+        return status.isOk() ? "" : status.description();
     }
-    std::string call(uint32_t method = 1) { return resultOf(*channel, method); }
 
-    std::unique_ptr<host::CallChannel> channel;
-    std::unique_ptr<RawClient> peer;
+    std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
+    const int socket = ends.first.get();
+    host::CallChannel caller;
+    RawClient peer{std::move(ends.second)};
 };
 
 }  // namespace
@@ -86,34 +81,32 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST_F(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+TEST(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     // Takes as long as the bounded wait, which is what it is about: what comes between comes late
     // in it, so that a wait that began anew would end long after it.
     struct sigaction onSignal = {};
     onSignal.sa_handler = [](int) {};
     sigaction(SIGUSR1, &onSignal, nullptr);
-    auto one = kit::socketPair();  // the second ends are silent
-    auto another = kit::socketPair();
-    host::CallChannel interrupted(std::move(one.first));
-    const int socket = another.first.get();
-    host::CallChannel handedOver(std::move(another.first), host::Peer::CLIENT);
+    HeldChannel channel;
+    HeldChannel interrupted;
+    HeldChannel handedOver(host::Peer::CLIENT);
     const timeval longer = {2, 0};  // whoever handed it over can set it
-    setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
+    setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
     const auto start = Clock::now();
-    const auto expectNoAnswer = [start](host::CallChannel& called) {
-        EXPECT_EQ(resultOf(called, 2),
+    const auto expectNoAnswer = [start](HeldChannel& called) {
+        EXPECT_EQ(called.call(2),
                   "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
         EXPECT_GE(Clock::now() - start, host::kCallPatience);
         EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
     };
-    const auto first = std::async(std::launch::async, [this] { EXPECT_EQ(call(), ""); });
-    EXPECT_EQ(peer->receivedMethod(), 1U);
-    const auto second = std::async(std::launch::async, [&] { expectNoAnswer(*channel); });
+    const auto first = std::async(std::launch::async, [&] { EXPECT_EQ(channel.call(), ""); });
+    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
+    const auto second = std::async(std::launch::async, [&] { expectNoAnswer(channel); });
     const auto unlucky = std::async(std::launch::async, [&] { expectNoAnswer(handedOver); });
     std::thread signalled([&] { expectNoAnswer(interrupted); });
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
-    peer->send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
+    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
     pthread_kill(signalled.native_handle(), SIGUSR1);
     signalled.join();
 }
@@ -132,37 +125,40 @@ TEST(ServedChannelTest, GivesUpAPeerThatReadsNoAnswer) {
     EXPECT_EQ(log.said(), Lines{"E a channel ends: the peer does not read its answers"});
 }
 
-TEST_F(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
+TEST(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
+    HeldChannel channel;
     std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
     refusal.insert(refusal.end(), text.begin(), text.end());
-    peer->send(refusal);
-    EXPECT_EQ(call(), "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
-                          std::string(99, 'x') + "'");
-    peer->send(rawMessage({kAnswer, 1, 2, 0}));
-    EXPECT_EQ(call(), "");
+    channel.peer.send(refusal);
+    EXPECT_EQ(channel.call(),
+              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
+                  std::string(99, 'x') + "'");
+    channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
+    EXPECT_EQ(channel.call(), "");
 }
 
-TEST_F(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
+TEST(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
+    HeldChannel channel;
     std::atomic<pid_t> waiting{0};
-    const auto one = std::async(std::launch::async, [this] {
-        call(1);
-        call(3);  // not before the one that waits already
+    const auto one = std::async(std::launch::async, [&] {
+        channel.call(1);
+        channel.call(3);  // not before the one that waits already
     });
-    EXPECT_EQ(peer->receivedMethod(), 1U);
+    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
     const auto other = std::async(std::launch::async, [&] {
         waiting = gettid();
-        call(2);
+        channel.call(2);
     });
     EXPECT_TRUE(eventually([&] { return waiting != 0 && isAsleep(waiting); }));
-    peer->send(rawMessage({kAnswer, 1, 1, 0}));
+    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));
     for (const uint32_t next : {2U, 3U}) {
-        EXPECT_EQ(peer->receivedMethod(), next);
-        peer->send(rawMessage({kAnswer, 1, next, 0}));
+        EXPECT_EQ(channel.peer.receivedMethod(), next);
+        channel.peer.send(rawMessage({kAnswer, 1, next, 0}));
     }
 }
 
-TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
+TEST(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
     const std::tuple<kit::RawMessage, std::vector<int>, std::string> bad[] = {
         {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
         {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
@@ -172,12 +168,12 @@ TEST_F(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
         {rawMessage({kAnswer, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"},
         {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
     for (const auto& [bytes, fds, said] : bad) {
-        connect();
-        peer->send(bytes, fds);
+        HeldChannel channel;
+        channel.peer.send(bytes, fds);
         for (const std::string status : {"FAILED_TRANSACTION: ", "DEAD_OBJECT: "})
-            EXPECT_EQ(call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
-        EXPECT_FALSE(peer->isClosed());  // the first call
-        EXPECT_TRUE(peer->isClosed());   // and then the end
+            EXPECT_EQ(channel.call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
+        EXPECT_FALSE(channel.peer.isClosed());  // the first call
+        EXPECT_TRUE(channel.peer.isClosed());   // and then the end
     }
 }
 
