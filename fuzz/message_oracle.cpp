@@ -28,7 +28,8 @@ template <typename... Records>
 bool rewrite(host::Reader& reader, host::Outgoing& out) {
     std::tuple<Records...> records;
     host::Writer writer(out);
-    std::apply([&](auto&... each) { reader(each...), writer(each...); }, records);
+    std::apply(reader, records);
+    std::apply(writer, records);
     return reader.complete() && reader.refusal().empty();
 }
 
