@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/channel.h"
+#include "host/log.h"
 #include "message_oracle.h"
 #include "raw_client.h"
 #include "raw_socket.h"
@@ -53,7 +54,7 @@ struct House {
         return client != nullptr && client->ping().isOk();
     }
 
-    const fuzz::QuietLog quiet;
+    host::LogCapture quiet;
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
@@ -188,5 +189,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     // Again, because the bounded wait for an answer may end where the machine has too much to do.
     fuzz::expectSoon([] { return house.isServing(); }, "others are not served");
     fuzz::expectOpen(before);
+    house.quiet.clear();
     return 0;
 }

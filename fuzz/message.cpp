@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "host/log.h"
 #include "message_oracle.h"
 #include "raw_socket.h"
 #include "support.h"
@@ -43,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
                                      UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)),
                                      UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
                                      kit::socketPair(SOCK_STREAM).first};
-    const fuzz::QuietLog quiet;
+    const host::LogCapture quiet;
     FuzzedDataProvider data(bytes, size);
     const fuzz::Served served =
         data.PickValueInArray({fuzz::CALLBACK, fuzz::SESSION, fuzz::CONTROL, fuzz::SESSION});
