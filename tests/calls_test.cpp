@@ -140,21 +140,19 @@ TEST(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
 
 TEST(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
     HeldChannel channel;
-    std::atomic<pid_t> waiting{0};
-    const auto one = std::async(std::launch::async, [&] {
-        channel.call(1);
-        channel.call(3);  // not before the one that waits already
-    });
-    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
-    const auto other = std::async(std::launch::async, [&] {
-        waiting = gettid();
-        channel.call(2);
-    });
-    EXPECT_TRUE(eventually([&] { return waiting != 0 && isAsleep(waiting); }));
-    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));
-    for (const uint32_t next : {2U, 3U}) {
-        EXPECT_EQ(channel.peer.receivedMethod(), next);
-        channel.peer.send(rawMessage({kAnswer, 1, next, 0}));
+    std::vector<std::future<std::string>> calls;
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        std::atomic<pid_t> caller{0};
+        calls.push_back(std::async(std::launch::async, [&, method] {
+            caller = gettid();
+            return channel.call(method);
+        }));
+        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
+    }
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        EXPECT_EQ(channel.peer.receivedMethod(), method);
+        channel.peer.send(rawMessage({kAnswer, method, method, 0}));
+        EXPECT_EQ(calls[method - 1].get(), "");
     }
 }
 
