@@ -201,16 +201,23 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
 
 TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
     std::atomic<pid_t> came{0};
-    std::promise<pid_t> went[2];
+    std::promise<pid_t> went[3];
     std::promise<void> isGivenUp;
     int ended = 0;
     const auto takeNote = [&](pid_t who) {
         came = who;
-        if (ended == 1) isGivenUp.get_future().wait();
+        if (ended == 2) isGivenUp.get_future().wait();
     };
     const auto second =
         host::Server::listen(folder / "second", client, reason,
                              {takeNote, [&](pid_t who) { went[ended++].set_value(who); }});
+    // One that gets no thread has gone.
+    EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
+    host::failNextThreadStart();
+    const RawClient refused(folder / "second");
+    EXPECT_TRUE(refused.connect());
+    EXPECT_EQ(went[0].get_future().get(), getpid());
+
     auto connected = host::connect<IFDSession>(folder / "second", reason);
     ASSERT_NE(connected, nullptr) << reason;
     std::atomic<pid_t> caller{0};
@@ -225,12 +232,12 @@ TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
     EXPECT_EQ(came, getpid());
     EXPECT_EQ(host::callingProcess(), 0);
     connected.clear();
-    EXPECT_EQ(went[0].get_future().get(), getpid());
+    EXPECT_EQ(went[1].get_future().get(), getpid());
 
-    // Nor is one forgotten that was given up before its turn.
+    // So has one that was given up before its turn.
     EXPECT_TRUE(RawClient(folder / "second").connect());
     isGivenUp.set_value();
-    EXPECT_EQ(went[1].get_future().get(), getpid());
+    EXPECT_EQ(went[2].get_future().get(), getpid());
 }
 
 TEST_F(ServerTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
