@@ -9,11 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "fake_descriptors.h"
-
 // The program's close() wins over the library's: no number may be closed that is not open.
 extern "C" int close(int fd) {
-    if (fuzz::countClose(fd)) return 0;
     const long result = syscall(SYS_close, fd);
     fuzz::expect(result == 0 || fd < 0 || errno != EBADF, "a descriptor is closed twice");
     return static_cast<int>(result);

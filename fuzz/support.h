@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <thread>
 
-#include "host/log.h"
-
 /** A target: tries one input, and returns 0. */
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
 
@@ -35,17 +33,5 @@ void expectSoon(Condition condition, const char* what) {
 inline void expectOpen(const Descriptors& before) {
     expectSoon([&] { return openDescriptors() == before; }, "descriptors are left or lost");
 }
-
-/** Keeps the log off stderr, and counts the lines. Every input has one. */
-class QuietLog : private host::LogSink {
-public:
-    int lines() const { return mLines; }
-
-private:
-    void write(const host::LogLine& /*line*/) override { ++mLines; }
-
-    int mLines = 0;
-    const host::ScopedLogSink mScope{*this};
-};
 
 }  // namespace fuzz

@@ -14,6 +14,7 @@
 
 #include "YUVFile.h"
 #include "host/buffer.h"
+#include "host/log.h"
 #include "host/unique_fd.h"
 #include "support.h"
 
@@ -210,7 +211,7 @@ private:
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    const fuzz::QuietLog quiet;
+    const host::LogCapture quiet;
     FuzzedDataProvider data(bytes, size);
     const fuzz::Descriptors before = fuzz::openDescriptors();
     {

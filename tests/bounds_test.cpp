@@ -2,19 +2,24 @@
 
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
-#include "holdings.h"
 #include "host/buffer.h"
 #include "host/limits.h"
+#include "host/unique_handle.h"
+#include "src/request_bounds.h"
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
@@ -24,78 +29,114 @@ namespace testing_support {
 using host::UniqueFd;
 
 namespace {
+
 using BoundsTest = TransportFixture;
+using Place = host::RequestBounds::Place;
+
+/** What clients may leave over many configurations, without a provider. */
+class RequestBoundsTest : public testing::Test {
+protected:
+    /** Why a request is not taken; empty when it is, and has a place from now on. */
+    std::string take(const CaptureRequest& request) {
+        Place place(bounds, request, now);
+        if (place.problem() != nullptr) return place.problem();
+        place.keep();
+        return "";
+    }
+    /** As above, with a new buffer of so many bytes. */
+    std::string bring(uint64_t id, uint64_t bytes) {
+        const UniqueFd memory(memfd_create("fdstream-buffer", MFD_CLOEXEC));
+        EXPECT_EQ(ftruncate(memory.get(), static_cast<off_t>(bytes)), 0);
+        return take(requestFor(1, id, handleOf({memory.get()}).getNativeHandle()));
+    }
+    size_t flood() {
+        size_t taken = 0;
+        while (taken < 2 * host::kMaxRequestsOnTheWay && take(same).empty())
+            ++taken;
+        return taken;
+    }
+    void handOver(const CaptureRequest& request, BufferStatus status = BufferStatus::OK) {
+        CaptureResult result = resultFor(request);
+        result.outputBuffers[0].status = status;
+        bounds.handedOver({result}, now);
+    }
+    /** As many as may be left over, and no more. */
+    void leaveOver() {
+        for (int i = 0; i < 4; ++i) {
+            EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay);
+            bounds.restart(now);
+        }
+        EXPECT_EQ(take(same), tooManyLeft);
+    }
+
+    const std::string tooManyLeft = "too many requests of earlier configurations are on their way";
+    const CaptureRequest same = requestFor(1, 1);
+    host::RequestBounds bounds;
+    host::RequestBounds::Clock::time_point now{std::chrono::hours(1)};
+};
+
 }  // namespace
 
 TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
-    remote.clear();
     server.reset();
     const FewDescriptors few(512);
     serve();
     setUpStream();
-    for (const int beyond : {-1, 0, 1}) {
-        const bool fits = beyond <= 0;
-        const auto offset = [beyond](size_t limit) {
-            return static_cast<size_t>(static_cast<int64_t>(limit) + beyond);
-        };
+    const UniqueFd event(eventfd(0, EFD_CLOEXEC));
+    const std::string overLimits = " the message is over the limits'";
+    for (const size_t more : {0U, 1U, 2U}) {  // than one below a limit
+        SCOPED_TRACE(more);
+        const bool fits = more < 2;
         // Bytes of a message: all that a request takes without settings, and settings.
         CaptureRequest request = requestFor(1, 1, nullptr);
         constexpr size_t kWithoutSettings = 16 + 16 + 19 + 4 + 19;
-        request.settings.resize(offset(host::kMaxMessageBytes - kWithoutSettings));
-        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "bytes " << beyond;
-
+        request.settings.resize(host::kMaxMessageBytes - kWithoutSettings - 1 + more);
+        EXPECT_EQ(refusalOf(request), fits ? "" : overLimits);
         // Descriptors of a message.
-        const UniqueFd event(eventfd(0, EFD_CLOEXEC));
-        request = requestFor(1, 1, nullptr);
+        request.settings.resize(0);
         request.outputBuffers[0].acquireFence =
-            handleOf(std::vector<int>(offset(host::kMaxMessageFds), event.get()));
-        EXPECT_EQ(remote->processCaptureRequest(request).isOk(), fits) << "descriptors " << beyond;
-
+            handleOf(std::vector<int>(host::kMaxMessageFds - 1 + more, event.get()));
+        EXPECT_EQ(refusalOf(request), fits ? "" : overLimits);
         // Free slots when a descriptor arrives: it may get the last number before the reserve.
+        EXPECT_TRUE(remote->ping().isOk());  // served after what came before was let go of
         {
-            EXPECT_TRUE(remote->ping().isOk());  // served after what came before was let go of
-            const TakenUpTo taken(
-                offset(few.limit() - host::kConnectionFds - host::kReservedFds - 1));
-            const CaptureRequest brings = requestFor(1, 2, buffer.handle());
-            const Return<Status> answer = remote->processCaptureRequest(brings);
-            EXPECT_EQ(answer.isOk(), fits) << "slots " << beyond;
-            EXPECT_TRUE(fits || answer.description().find("too few descriptor slots are free") !=
-                                    std::string::npos);
+            const TakenUpTo taken(few.limit() - host::kConnectionFds - host::kReservedFds + more -
+                                  2);
+            EXPECT_EQ(refusalOf(requestFor(1, 2, buffer.handle())),
+                      fits ? "" : " too few descriptor slots are free'");
             EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
         }
-
-        // Connections: this test's own is one of them.
-        const int descriptors = kit::Holdings::of().descriptors;
-        std::vector<sp<IFDSession>> connections;
-        while (connections.size() + 1 < offset(host::kMaxConnections))
-            connections.push_back(connect());
-        EXPECT_EQ(connections.back()->ping().isOk(), fits) << "connections " << beyond;
-        EXPECT_EQ(linesWith("E a connection beyond the limit of 64 is refused"), fits ? 0 : 1);
-        connections.clear();
-        EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= descriptors; }));
     }
-    EXPECT_TRUE(remote->ping().isOk());
+    // Connections: this test's own is one of them.
+    std::vector<sp<IFDSession>> connections(host::kMaxConnections);
+    for (sp<IFDSession>& connection : connections)
+        connection = connect();
+    EXPECT_TRUE(connections[host::kMaxConnections - 2]->ping().isOk());
+    EXPECT_FALSE(connections.back()->ping().isOk());
+    EXPECT_EQ(linesWith("E a connection beyond the limit of 64 is refused"), 1);
+    connections.clear();
+    EXPECT_TRUE(eventually([this] { return connect()->ping().isOk(); }));
 }
 
 TEST(LimitsTest, AreWhatTheReadmeSays) {
+    using namespace host;  // NOLINT: the limits
     std::ifstream file(README);
     const std::string readme((std::istreambuf_iterator<char>(file)), {});
     const std::pair<std::string, size_t> limits[] = {
-        {"bytes of a message", host::kMaxMessageBytes},
-        {"descriptors of a message", host::kMaxMessageFds},
-        {"memory of a buffer", host::kMaxBufferBytes >> 20},
-        {"connections of a server", host::kMaxConnections},
-        {"descriptor slots in reserve for connections", host::kConnectionFds},
-        {"descriptor slots in reserve for calls", host::kReservedFds},
-        {"descriptor slots for what arrives", host::kArrivalFds},
-        {"requests on their way, of all clients together", host::kMaxRequestsOnTheWay},
-        {"buffer ids that came with a handle since the last accepted `configure`",
-         host::kMaxBufferIds},
-        {"requests left over of earlier configurations", host::kMaxLeftOver},
-        {"memory that came with those ids", host::kMaxBroughtBytes >> 20},
-        {"threads that close what may wait for a client", host::kClosingThreads},
-        {"descriptors that wait for those threads", host::kMaxWaitingToClose},
-        {"wait for an answer", static_cast<size_t>(host::kCallPatience.count())}};
+        {"bytes of a message", kMaxMessageBytes},
+        {"descriptors of a message", kMaxMessageFds},
+        {"memory of a buffer", kMaxBufferBytes >> 20},
+        {"connections of a server", kMaxConnections},
+        {"descriptor slots in reserve for connections", kConnectionFds},
+        {"descriptor slots in reserve for calls", kReservedFds},
+        {"descriptor slots for what arrives", kArrivalFds},
+        {"requests on their way, of all clients together", kMaxRequestsOnTheWay},
+        {"buffer ids that came with a handle since the last accepted `configure`", kMaxBufferIds},
+        {"requests left over of earlier configurations", kMaxLeftOver},
+        {"memory that came with those ids", kMaxBroughtBytes >> 20},
+        {"threads that close what may wait for a client", kClosingThreads},
+        {"descriptors that wait for those threads", kMaxWaitingToClose},
+        {"wait for an answer", static_cast<size_t>(kCallPatience.count())}};
     for (const auto& [name, limit] : limits) {
         const size_t row = readme.find("| " + name + " | ");
         ASSERT_NE(row, std::string::npos) << name;
@@ -110,72 +151,150 @@ TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     clock.stopAt(1);  // no request grows stale, however slow the machine is
     std::atomic<bool> asksInside{false};
     const sp<IFDSession> other = connect();
+    const CaptureRequest known = requestFor(1, 1);
     callback->during = [&] {
-        if (!asksInside.exchange(false)) return;
-        expectStatus(other->processCaptureRequest(requestFor(1, 1, nullptr)), Status::OK);
+        if (asksInside.exchange(false))
+            expectStatus(other->processCaptureRequest(known), Status::OK);
     };
     setUpStream();
-    // An empty handle costs its client no descriptor.
-    const hidl_handle empty = handleOf({});
-    const auto submit = [&](const sp<IFDSession>& from, uint64_t id, bool withHandle) {
-        CaptureRequest request = requestFor(1, id, nullptr);
-        if (withHandle) request.outputBuffers[0].buffer = empty;
-        return from->processCaptureRequest(request);
-    };
-    const auto expectRefusal = [](const Return<Status>& answer, const char* sentence) {
-        EXPECT_FALSE(answer.isOk());
-        EXPECT_NE(answer.description().find(sentence), std::string::npos) << answer.description();
-    };
-    const char* const tooMany = "too many requests are on their way";
-    session->sendCaptureResult(resultFor(requestFor(1, 1, nullptr)));  // to no request of anybody
+    session->sendCaptureResult(resultFor(known));  // to no request of anybody
     deliveries.waitFor(1);
-    expectStatus(submit(remote, 1, true), Status::OK);
-    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i)
-        expectStatus(submit(i % 2 == 0 ? remote : other, 1, false), Status::OK);
-    for (const sp<IFDSession>& each : {remote, other})
-        expectRefusal(submit(each, 1, false), tooMany);
+    const CaptureRequest first = requestFor(1, 1, buffer.handle());
+    expectStatus(remote->processCaptureRequest(first), Status::OK);
+    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i) {
+        // What the session refuses takes no place.
+        expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr, 5)),
+                     Status::ILLEGAL_ARGUMENT);
+        expectStatus((i % 2 == 0 ? remote : other)->processCaptureRequest(known), Status::OK);
+    }
+    const std::string tooMany = " too many requests are on their way'";
+    EXPECT_EQ(refusalOf(known), tooMany);
     // A result makes a place, whether the client takes it or not; one that goes nowhere does not.
     asksInside = true;  // from inside already
     serveOne();
     deliveries.waitFor(2);
     notify();  // when it comes back, that result was answered
-    expectRefusal(submit(remote, 1, false), tooMany);
+    EXPECT_EQ(refusalOf(known), tooMany);
     callback->failing = true;
     serveOne();
     deliveries.waitFor(3);
-    expectStatus(submit(other, 1, false), Status::OK);
+    expectStatus(other->processCaptureRequest(known), Status::OK);
     expectStatus(remote->setCallback(nullptr), Status::OK);
     serveOne();
     drivePass();
     drivePass();
-    expectRefusal(submit(remote, 1, false), tooMany);
-    // What the session refuses takes no place, and a refused configuration makes none.
+    EXPECT_EQ(refusalOf(known), tooMany);
+    // A configuration that is refused makes none, either.
     expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
-    expectRefusal(submit(remote, 1, false), tooMany);
+    EXPECT_EQ(refusalOf(known), tooMany);
     expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    expectStatus(remote->processCaptureRequest(first), Status::OK);
 }
 
-TEST_F(BoundsTest, CountsNothingOfWhatTheSessionRefuses) {
-    setUpStream();
-    for (size_t i = 0; i < 2 * host::kMaxRequestsOnTheWay; ++i)
-        expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr)),
-                     Status::ILLEGAL_ARGUMENT);
-    // Nor what such a request brings, nor the ids of one without one buffer.
-    const hidl_handle empty = handleOf({});
-    CaptureRequest two = requestFor(1, 1, nullptr);
-    two.outputBuffers.resize(2);
-    for (auto& output : two.outputBuffers)
-        output.buffer = empty;
-    for (uint64_t id = 0; id < 2 * host::kMaxBufferIds; ++id) {
-        CaptureRequest astray = requestFor(1, id, nullptr, 5);
-        astray.outputBuffers[0].buffer = empty;
-        two.outputBuffers[1].bufferId = id;
-        expectStatus(remote->processCaptureRequest(id % 2 == 0 ? astray : two),
-                     Status::ILLEGAL_ARGUMENT);
+TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
+    leaveOver();
+    // 4,096 may wait to be handed over. The results of a slow callback make the only places, and
+    // neither one more configuration nor what the session gives up of the newest shows more gone.
+    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i) {
+        now += host::kCallPatience;
+        handOver(same, i % 2 == 0 ? BufferStatus::OK : BufferStatus::ERROR);
+        bounds.restart(now);
+        EXPECT_EQ(take(same), tooManyLeft) << i;
     }
-    CaptureRequest good = requestFor(1, 1, nullptr);
-    good.outputBuffers[0].buffer = empty;
-    expectStatus(remote->processCaptureRequest(good), Status::OK);
+    handOver(same);
+    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay);
+    bounds.restart(now);
+    now += host::kLeftOverPatience - std::chrono::nanoseconds(1);
+    bounds.restart(now);  // which keeps nobody waiting
+    EXPECT_EQ(take(same), tooManyLeft);
+    now += std::chrono::nanoseconds(1);
+    leaveOver();
+}
+
+TEST_F(RequestBoundsTest, NeverRefusesWhoConfiguresAnewAllTheTime) {
+    // One of eight requests is answered, the others are dropped. So much a configuration adds to
+    // the frame numbers and to the ids, and so many may be answered.
+    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{0, 0, 1}, {8, 0, 8}, {0, 8, 8}};
+    for (const auto& [frames, ids, others] : cases) {
+        for (uint32_t i = 0; i < 1000; ++i) {
+            for (uint32_t j = 0; j < 8; ++j)
+                EXPECT_EQ(take(requestFor(i * frames + j, i * ids + j)), "") << frames << ids;
+            handOver(requestFor(i * frames + i % others, i * ids + i % others));
+            bounds.restart(now);
+        }
+    }
+}
+
+TEST_F(RequestBoundsTest, TakesNoReusedNumberForASignThatOlderOnesAreGone) {
+    const CaptureRequest reused = requestFor(1, 9);
+    for (int i = 0; i < 4; ++i) {
+        if (i < 2) static_cast<void>(take(reused));
+        flood();
+        bounds.restart(now);
+    }
+    // The session gives one of the second configuration up, before the first one's turn.
+    handOver(reused, BufferStatus::ERROR);
+    handOver(reused);
+    EXPECT_EQ(take(same), tooManyLeft);
+}
+
+TEST_F(RequestBoundsTest, CountsARequestThatAConfigurationOvertakes) {
+    {
+        Place accepted(bounds, same, now);
+        const Place refused(bounds, same, now);
+        bounds.restart(now);
+        accepted.keep();
+    }
+    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - 1);
+}
+
+TEST_F(RequestBoundsTest, CountsIdsAndBytesOfWhatTheSessionKeeps) {
+    // 64 of the largest common size, and then up to the limit to the byte.
+    constexpr uint64_t kFrame = uint64_t{4096} * 2304 * 3 / 2;
+    for (uint64_t id = 1; id <= 64; ++id)
+        EXPECT_EQ(bring(id, kFrame), "");
+    EXPECT_EQ(bring(64, host::kMaxBroughtBytes), "");  // the session keeps the first one
+    const uint64_t left = host::kMaxBroughtBytes - 64 * kFrame;
+    const std::string tooMuch = "too much memory came with buffers since the stream was configured";
+    EXPECT_EQ(bring(65, left + 1), tooMuch);
+    EXPECT_EQ(bring(65, INT64_MAX), tooMuch);
+    {
+        const host::Buffer memory = kit::allocate({4096, 2304});
+        const Place refused(bounds, requestFor(1, 66, memory.handle()), now);
+        EXPECT_EQ(refused.problem(), nullptr);
+        const Place first(bounds, requestFor(1, 65, memory.handle()), now);
+        Place second(bounds, requestFor(1, 65, memory.handle()), now);
+        second.keep();  // so that it stays when the first one is refused
+    }
+    EXPECT_EQ(bring(66, left - kFrame), "");
+    EXPECT_EQ(bring(67, 1), tooMuch);
+    // What is claimed counts, for memory may grow to it.
+    const host::UniqueHandle claim(native_handle_clone(kit::allocate({64, 64}).handle()));
+    dup2(UniqueFd(memfd_create("fdstream-buffer", MFD_CLOEXEC)).get(), claim->data[0]);
+    EXPECT_EQ(take(requestFor(1, 67, claim.get())), tooMuch);
+    bounds.restart(now);
+    EXPECT_EQ(bring(100, host::kMaxBroughtBytes), "");
+    const hidl_handle empty = handleOf({});
+    const auto empties = [&](uint64_t id) { return requestFor(1, id, empty.getNativeHandle()); };
+    {
+        Place overtaken(bounds, empties(0), now);
+        bounds.restart(now);
+        overtaken.keep();
+    }
+    for (uint64_t id = 1; id < host::kMaxBufferIds - 1; ++id) {
+        EXPECT_EQ(take(empties(id)), "");
+        handOver(same);
+    }
+    constexpr uint64_t kLast = host::kMaxBufferIds;
+    static_cast<void>(Place(bounds, empties(kLast + 7), now));
+    EXPECT_EQ(take(empties(kLast)), "");
+    EXPECT_EQ(take(empties(1)), "");
+    EXPECT_EQ(take(empties(kLast + 1)), "too many buffer ids came since the stream was configured");
+    EXPECT_EQ(take(requestFor(1, kLast + 1)), "");
+    // The session keeps nothing of a request without exactly one buffer, and says why.
+    CaptureRequest two = empties(kLast + 1);
+    two.outputBuffers = {two.outputBuffers[0], two.outputBuffers[0]};
+    EXPECT_EQ(take(two), "");
 }
 
 }  // namespace testing_support

@@ -1,22 +1,51 @@
-// Calls between processes. Client and provider share this one here, so that a test sees both ends.
+// Calls between processes. Client and provider share this one here, so that a test sees both ends,
+// or answers the caller's end by hand.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <mutex>
+#include <future>
+#include <string>
 #include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include "host/limits.h"
+#include "host/remote.h"
 #include "model/files.h"
 #include "model/operation.h"
-#include "support/interposed.h"
+#include "raw_socket.h"
+#include "src/served_channel.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
 
 namespace {
+
 using CallsTest = TransportFixture;
+using Clock = std::chrono::steady_clock;
+
+/** A channel whose calls a test answers by hand. */
+struct HeldChannel {
+    explicit HeldChannel(host::Peer served = host::Peer::PROVIDER)
+        : caller(std::move(ends.first), served) {}
+    /** Why the call fails; empty when it does not. */
+    std::string call(uint32_t method = 1) {
+        const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
+        return status.isOk() ? "" : status.description();
+    }
+
+    std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
+    const int socket = ends.first.get();
+    host::CallChannel caller;
+    RawClient peer{std::move(ends.second)};
+};
+
 }  // namespace
 
 TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
@@ -46,68 +75,104 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
                                 3};
     session->sendCaptureResult(files.recordOf(result));
     EXPECT_EQ(inWords(files.plainOf(deliveries.waitFor(1)[0].result)), inWords(result));
-    FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
-    session->sendNotify(msg);
+    const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
+    notify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST_F(CallsTest, LetsTheClientCallFromInsideItsCallbackFromBothThreads) {
-    WallClock clock;
-    clock.stopAt(1);  // no request grows stale, however slow the machine is
-    // The next request goes out from inside; the provider's thread notifies at the same time.
-    constexpr uint32_t kFrames = 200;
-    std::atomic<uint32_t> next{2};
-    callback->during = [&] {
-        // No lock is held: another thread gets through meanwhile.
-        std::thread([&] { session->getTrackingMode(); }).join();
-        const uint32_t frame = next++;
-        if (frame <= kFrames) {
-            expectStatus(remote->processCaptureRequest(requestFor(frame, 1, nullptr)), Status::OK);
-        }
+TEST(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+    // Takes as long as the bounded wait, which is what it is about: what comes between comes late
+    // in it, so that a wait that began anew would end long after it.
+    struct sigaction onSignal = {};
+    onSignal.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &onSignal, nullptr);
+    HeldChannel channel;
+    HeldChannel interrupted;
+    HeldChannel handedOver(host::Peer::CLIENT);
+    const timeval longer = {2, 0};  // whoever handed it over can set it
+    setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
+
+    const auto start = Clock::now();
+    const auto expectNoAnswer = [start](HeldChannel& called) {
+        EXPECT_EQ(called.call(2),
+                  "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
+        EXPECT_GE(Clock::now() - start, host::kCallPatience);
+        EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
     };
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
-    uint32_t served = 0;
-    EXPECT_TRUE(eventually([&] {
-        notify();
-        CaptureRequest request = {};
-        if (session->getProcessCaptureRequest(request) != 0) return false;
-        session->sendCaptureResult(resultFor(request));
-        return ++served == kFrames;
-    }));
-    deliveries.waitFor(kFrames);
-    endCallback();
+    const auto first = std::async(std::launch::async, [&] { EXPECT_EQ(channel.call(), ""); });
+    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
+    const auto second = std::async(std::launch::async, [&] { expectNoAnswer(channel); });
+    const auto unlucky = std::async(std::launch::async, [&] { expectNoAnswer(handedOver); });
+    std::thread signalled([&] { expectNoAnswer(interrupted); });
+    std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
+    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
+    pthread_kill(signalled.native_handle(), SIGUSR1);
+    signalled.join();
 }
 
-TEST_F(CallsTest, WaitsForASilentClientOnceAndThenNoMore) {
+TEST(ServedChannelTest, GivesUpAPeerThatReadsNoAnswer) {
     // Takes as long as the bounded wait, which is what it is about.
-    std::mutex gate;
-    std::unique_lock<std::mutex> closed(gate);
-    callback->during = [&gate] { const std::lock_guard<std::mutex> pass(gate); };
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1, buffer.handle())), Status::OK);
-    RawClient deaf = connectRaw();  // so is one that does not read what it is answered
-    std::thread sending([&deaf] { deaf.sendUnread(rawMessage({kCall, 0, 1, 0})); });
-    const auto start = std::chrono::steady_clock::now();
-    serveOne();  // the monitor waits ...
-    deliveries.waitFor(1);
-    notify();  // ... and so does this thread, each on its own account
-    const auto waited = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(waited, host::kCallPatience - std::chrono::milliseconds(100));
-    EXPECT_LT(waited, 2 * host::kCallPatience);
-    EXPECT_TRUE(
-        log.waitFor("threadLoop: processCaptureResult transaction failed: "
-                    "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'"));
-    const auto before = std::chrono::steady_clock::now();
-    for (int i = 0; i < 100; ++i)
-        notify();
-    EXPECT_LT(std::chrono::steady_clock::now() - before, host::kCallPatience);
-    sending.join();
-    EXPECT_EQ(linesWith("E a channel ends: the peer does not read its answers"), 1);
-    closed.unlock();
-    EXPECT_TRUE(remote->ping().isOk());  // its own calls are another channel
-    endCallback();
+    const LogLines log;
+    auto [socket, other] = kit::socketPair();
+    const RawClient deaf(std::move(other));
+    const auto flood = std::async(std::launch::async, [&] {
+        deaf.sendUnread(rawMessage({kCall, 0, 1, 0}));
+    });
+    const auto stub = host::detail::findInterface(IFDSessionCallback::descriptor)->stub(nullptr);
+    EXPECT_EQ(host::detail::serveChannel(socket.get(), *stub, host::Peer::CLIENT),
+              host::ServedEnd::GIVEN_UP);
+    EXPECT_EQ(log.said(), Lines{"E a channel ends: the peer does not read its answers"});
+}
+
+TEST(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
+    HeldChannel channel;
+    std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
+    const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
+    refusal.insert(refusal.end(), text.begin(), text.end());
+    channel.peer.send(refusal);
+    EXPECT_EQ(channel.call(),
+              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
+                  std::string(99, 'x') + "'");
+    channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
+    EXPECT_EQ(channel.call(), "");
+}
+
+TEST(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
+    HeldChannel channel;
+    std::vector<std::future<std::string>> calls;
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        std::atomic<pid_t> caller{0};
+        calls.push_back(std::async(std::launch::async, [&, method] {
+            caller = gettid();
+            return channel.call(method);
+        }));
+        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
+    }
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        EXPECT_EQ(channel.peer.receivedMethod(), method);
+        channel.peer.send(rawMessage({kAnswer, method, method, 0}));
+        EXPECT_EQ(calls[method - 1].get(), "");
+    }
+}
+
+TEST(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
+    const std::tuple<kit::RawMessage, std::vector<int>, std::string> bad[] = {
+        {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
+        {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
+        {rawMessage({kAnswer, 1}), {}, "bytes that are no message"},
+        {{}, {}, "bytes that are no message"},
+        {rawMessage({kAnswer, 1, 1, 0, 7}), {}, "the answer does not add up"},
+        {rawMessage({kAnswer, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"},
+        {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
+    for (const auto& [bytes, fds, said] : bad) {
+        HeldChannel channel;
+        channel.peer.send(bytes, fds);
+        for (const std::string status : {"FAILED_TRANSACTION: ", "DEAD_OBJECT: "})
+            EXPECT_EQ(channel.call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
+        EXPECT_FALSE(channel.peer.isClosed());  // the first call
+        EXPECT_TRUE(channel.peer.isClosed());   // and then the end
+    }
 }
 
 }  // namespace testing_support

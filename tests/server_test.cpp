@@ -1,39 +1,40 @@
-// Who is served and who is not; a hostile client speaks to the socket itself.
+// Who is served and who is not, and what both sides are told of it. A hostile client speaks to the
+// socket itself.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
-#include <cstring>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <iterator>
+#include <mutex>
+#include <optional>
 #include <string>
-#include <system_error>
-#include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
-#include "host/channel.h"
+#include "control_server.h"
 #include "host/limits.h"
+#include "host/remote.h"
+#include "host/served_watch.h"
 #include "host/threads.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
 
+using host::ServedEnd;
 using host::UniqueFd;
 
 namespace {
 
-using ServerTest = TransportFixture;
 using android::hardware::hidl_death_recipient;
 using android::hidl::base::V1_0::IBase;
 
@@ -44,162 +45,136 @@ struct Recipient : public hidl_death_recipient {
     std::promise<std::pair<uint64_t, bool>> died;
 };
 
+class ServerTest : public TransportFixture {
+protected:
+    /** Why nobody can listen there. */
+    std::string problemAt(const std::string& where) {
+        EXPECT_EQ(host::Server::listen(where, client, reason), nullptr);
+        return reason;
+    }
+    /** Hands the callback over to a provider without manners. */
+    RawClient handOver() {
+        host::Outgoing out;
+        host::Writer writer(out);
+        EXPECT_TRUE(host::writeInterface(writer, IFDSessionCallback::descriptor, callback));
+        return RawClient(std::move(out.handedOver.at(0)));
+    }
+    std::filesystem::perms mode() const { return std::filesystem::status(path).permissions(); }
+};
+
 }  // namespace
 
 TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
-    const std::string kNoMessage = "bytes that are no message";
-    const std::string kNoSum = "no such method, or arguments that do not add up";
-    const std::string kOthers = "other descriptors than the message announces";
-    struct Fault {
-        const char* name;
-        std::vector<uint8_t> bytes;
-        size_t fds;
-        std::string said;
-    };
-    const Fault faults[] = {
-        {"an empty message", {}, 0, kNoMessage},
-        {"an empty message with descriptors", {}, 2, kNoMessage},
-        {"an answer without a call", rawMessage({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
-        {"no such method", rawMessage({kCall, 99, 1, 0}), 0, kNoSum},
-        {"a record that does not add up", rawMessage({kCall, kRequest, 1, 0, 5}), 0, kNoSum},
-        {"fewer descriptors than announced", rawMessage({kCall, kConfigure, 1, 2, 0, 0}), 1,
-         kOthers},
-        {"more than may cross at once", rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65,
-         "too many descriptors"},
-        {"a message that is too long",
-         rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"},
-    };
+    const char* const noMessage = "bytes that are no message";
+    const char* const noSum = "no such method, or arguments that do not add up";
+    const std::tuple<kit::RawMessage, size_t, std::string> faults[] = {
+        {{}, 0, noMessage},
+        {{}, 2, noMessage},
+        {rawMessage({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
+        {rawMessage({kCall, 99, 1, 0}), 0, noSum},
+        {rawMessage({kCall, 0, 1, 0, 5}), 0, noSum},  // a ping
+        {rawMessage({kCall, kRequest, 1, 0, 5}), 0, noSum},
+        {rawMessage({kCall, kSetCallback, 1, 0}, 2), 0, noSum},
+        {rawMessage({kCall, kConfigure, 1, 2, 0, 0}), 1,
+         "other descriptors than the message announces"},
+        {rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65, "too many descriptors"},
+        {rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"}};
     setUpStream();
-    for (const Fault& fault : faults) {
+    for (const auto& [bytes, fds, said] : faults) {
+        SCOPED_TRACE(said);
         log.clear();
         RawClient hostile = connectRaw();
-        hostile.send(fault.bytes, std::vector<int>(fault.fds, STDERR_FILENO));
-        EXPECT_TRUE(hostile.isClosed()) << fault.name;
-        EXPECT_EQ(log.texts("transport"), std::vector{"a channel ends: " + fault.said})
-            << fault.name;
-        EXPECT_EQ(linesWith("E a channel ends: "), 1) << fault.name;
-        EXPECT_TRUE(remote->ping().isOk()) << fault.name;
+        hostile.send(bytes, std::vector<int>(fds, STDERR_FILENO));
+        EXPECT_TRUE(hostile.isClosed());
+        EXPECT_EQ(log.said("transport"), Lines{"E a channel ends: " + said});
+        EXPECT_TRUE(remote->ping().isOk());
     }
-    printf("%zu faults, each the end of its own channel only\n", std::size(faults));
-    // One that is cut off in the middle is no fault.
+    // One that is cut off in the middle is no fault, and a callback that is none changes nothing.
     log.clear();
-    { RawClient gone = connectRaw(); }
-    EXPECT_TRUE(remote->ping().isOk());
-    EXPECT_TRUE(log.texts("transport").empty());
+    EXPECT_EQ(connectRaw().setCallback(STDERR_FILENO), kRefused);
+    notify();
+    EXPECT_EQ(deliveries.notified().size(), 1U);
+    EXPECT_EQ(log.said("transport"), Lines());
+    // The controls' own methods.
+    const auto controls = control::ControlServer::listen(folder / "c", session, {}, reason);
+    const RawClient another(folder / "c");
+    EXPECT_TRUE(another.connect() && another.isServed());
+    another.send(rawMessage({kCall, 2, 1, 0, 5}));  // one without arguments
+    EXPECT_TRUE(another.isClosed());
 }
 
 TEST_F(ServerTest, GoesOnWhenNoThreadCanBeMade) {
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
-    std::string problem;
     host::failNextThreadStart();
-    EXPECT_EQ(host::Server::listen(folder / "other", client, problem), nullptr);
-    EXPECT_NE(problem.find("no thread can be made"), std::string::npos);
+    EXPECT_EQ(problemAt(folder / "other"), folder / "other: no thread can be made to serve it");
     host::failNextThreadStart();
     EXPECT_FALSE(remote->setCallback(callback).isOk());
     host::failNextThreadStart();
     EXPECT_FALSE(bool(remote->linkToDeath(new Recipient, 1)));
     host::failNextThreadStart();
-    RawClient refused = connectRaw();
-    EXPECT_TRUE(refused.isClosed());
-    EXPECT_TRUE(eventually(
-        [&] { return linesWith("E a connection is refused: no thread can be made for it") == 1; }));
-    EXPECT_TRUE(remote->ping().isOk());
+    EXPECT_TRUE(connectRaw().isClosed());
+    EXPECT_TRUE(log.waitUntilSaid("E a connection is refused: no thread can be made for it"));
     expectStatus(remote->setCallback(callback), Status::OK);
-    RawClient served = connectRaw();
-    EXPECT_TRUE(served.isServed());
+    EXPECT_TRUE(connectRaw().isServed());
 }
 
 TEST_F(ServerTest, SaysWhyItCannotListen) {
-    const auto problemWith = [this](const std::string& where) {
-        std::string problem;
-        EXPECT_EQ(host::Server::listen(where, client, problem), nullptr);
-        return problem;
-    };
-    EXPECT_EQ(problemWith(path), path + " is in use by another provider");
+    EXPECT_EQ(problemAt(path), path + " is in use by another provider");
     std::ofstream(folder / "file") << "text";
-    EXPECT_EQ(problemWith(folder / "file"), folder / "file exists and is not a socket");
-    EXPECT_NE(problemWith(folder / "no/socket").find("No such file"), std::string::npos);
-    EXPECT_NE(problemWith(std::string(200, 'x')).find("1 to 107 characters"), std::string::npos);
-    std::string problem;
-    EXPECT_EQ(host::connect<IFDSession>(folder / "nobody", problem), nullptr);
-    EXPECT_NE(problem.find("No such file"), std::string::npos);
+    EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
+    EXPECT_EQ(problemAt(folder / "no/socket"), folder / "no/socket: No such file or directory");
+    const std::string sentence = "a socket's path has 1 to 107 characters: ";
+    for (const std::string& bad : {std::string(), std::string(108, 'x')})
+        EXPECT_EQ(problemAt(bad), sentence + bad);
+    EXPECT_EQ(host::connect<IFDSession>(folder / "nobody", reason), nullptr);
+    EXPECT_EQ(reason, folder / "nobody: No such file or directory");
 
     // What a killed provider left behind is taken over.
     remote.clear();
     std::filesystem::rename(path, folder / "left");
+    std::ofstream(path) << "another's";
     server.reset();
+    EXPECT_TRUE(std::filesystem::exists(path));
     std::filesystem::rename(folder / "left", path);
     serve();
-    struct stat file = {};
-    EXPECT_EQ(stat(path.c_str(), &file), 0);
-    EXPECT_EQ(file.st_mode & 0777U, 0600U);
+    EXPECT_EQ(mode(), std::filesystem::perms(0600));
 }
 
 TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItListens) {
-    const auto opened = [this] {
-        int count = 0;
-        std::error_code gone;
-        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
-            count += std::filesystem::read_symlink(entry.path(), gone) == folder.path() ? 1 : 0;
-        return count;
-    };
     const UniqueFd own(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(flock(own.get(), LOCK_EX), 0);
-    std::atomic<bool> ended{false};
-    std::thread ending([&] {
-        server.reset();
-        ended = true;
-    });
-    // For a second it tries to get the lock, and has the folder open.
-    bool isThere = false;
-    EXPECT_TRUE(eventually([&] {
-        isThere = std::filesystem::exists(path);
-        return ended || opened() > 1;
-    }));
-    EXPECT_TRUE(isThere);
-    flock(own.get(), LOCK_UN);
-    ending.join();
+    const auto start = std::chrono::steady_clock::now();
+    server.reset();  // for a second it tries to get the lock, and then goes on without it
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_FALSE(std::filesystem::exists(path));
-
-    struct stat file = {};
-    const DuringListen look([&] { EXPECT_EQ(stat(path.c_str(), &file), 0); });
+    flock(own.get(), LOCK_UN);
+    const DuringListen look([this] { EXPECT_EQ(mode(), std::filesystem::perms(0600)); });
     serve();
-    EXPECT_EQ(file.st_mode & 0777U, 0600U);
 }
 
 TEST_F(ServerTest, RefusesAnotherUser) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-    const auto connectAsNobody = [this] {
-        RawClient other(path);
+    const auto asNobody = [](const auto& does) {
         const pid_t child = fork();
-        if (child == 0) {
-            if (setresuid(65534, 65534, 65534) != 0) _exit(2);
-            _exit(other.connect() && !other.isClosed() ? 1 : 0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        return status;
+        if (child == 0) _exit(setresuid(65534, 65534, 65534) == 0 && does() ? 0 : 1);
+        return child;
     };
-    EXPECT_EQ(connectAsNobody(), 0);
     // Even when the file's mode and folder would let it.
     std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
     std::filesystem::permissions(path, std::filesystem::perms::all);
-    EXPECT_EQ(connectAsNobody(), 0);
-    EXPECT_TRUE(
-        eventually([&] { return linesWith("E another user's connection is refused") == 1; }));
+    const RawClient other(path);
+    int status = -1;
+    waitpid(asNobody([&] { return other.connect() && other.isClosed(); }), &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(log.waitUntilSaid("E another user's connection is refused"));
 
     // Nor is another user's server taken for the provider.
-    RawClient foreign(folder / "foreign");
-    const pid_t child = fork();
-    if (child == 0) {
-        if (setresuid(65534, 65534, 65534) != 0 || !foreign.listen()) _exit(1);
-        pause();
-    }
-    std::string problem;
+    const RawClient foreign(folder / "foreign");
+    const pid_t child = asNobody([&] { return foreign.listen() && pause() == 0; });
     EXPECT_TRUE(eventually([&] {
-        EXPECT_EQ(host::connect<IFDSession>(folder / "foreign", problem), nullptr);
-        return problem.find("is another user's") != std::string::npos;
-    })) << problem;
+        EXPECT_EQ(host::connect<IFDSession>(folder / "foreign", reason), nullptr);
+        return reason == folder / "foreign is another user's";
+    })) << reason;
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
 }
@@ -222,6 +197,77 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
     remote.clear();
     EXPECT_EQ(unlinked->died.get_future().wait_for(std::chrono::seconds(0)),
               std::future_status::timeout);
+}
+
+TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
+    std::atomic<pid_t> came{0};
+    std::promise<pid_t> went[3];
+    std::promise<void> isGivenUp;
+    int ended = 0;
+    const auto takeNote = [&](pid_t who) {
+        came = who;
+        if (ended == 2) isGivenUp.get_future().wait();
+    };
+    const auto second =
+        host::Server::listen(folder / "second", client, reason,
+                             {takeNote, [&](pid_t who) { went[ended++].set_value(who); }});
+    // One that gets no thread has gone.
+    EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
+    host::failNextThreadStart();
+    const RawClient refused(folder / "second");
+    EXPECT_TRUE(refused.connect());
+    EXPECT_EQ(went[0].get_future().get(), getpid());
+
+    auto connected = host::connect<IFDSession>(folder / "second", reason);
+    ASSERT_NE(connected, nullptr) << reason;
+    std::atomic<pid_t> caller{0};
+    {
+        // What a request brings is looked at by whoever serves it.
+        const FileWatch look(buffer.handle()->data[0], Watching::ALL, [&] {
+            if (host::callingProcess() != 0) caller = host::callingProcess();
+        });
+        EXPECT_TRUE(connected->processCaptureRequest(requestFor(1, 1, buffer.handle())).isOk());
+    }
+    EXPECT_EQ(caller, getpid());
+    EXPECT_EQ(came, getpid());
+    EXPECT_EQ(host::callingProcess(), 0);
+    connected.clear();
+    EXPECT_EQ(went[1].get_future().get(), getpid());
+
+    // So has one that was given up before its turn.
+    EXPECT_TRUE(RawClient(folder / "second").connect());
+    isGivenUp.set_value();
+    EXPECT_EQ(went[2].get_future().get(), getpid());
+}
+
+TEST_F(ServerTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
+    std::promise<ServedEnd> ends[2];
+    size_t ended = 0;
+    std::optional<host::ServedWatch> watch;
+    watch.emplace(callback, [&](ServedEnd how) { ends[ended++].set_value(how); });
+    EXPECT_TRUE(watch->waitUntilAnswered(std::chrono::seconds(0)));
+    const auto notifyOver = rawMessage({kCall, 2, 1, 0, 1, 0, 0, 0, 0});
+    for (const ServedEnd end : {ServedEnd::LET_GO, ServedEnd::GIVEN_UP}) {
+        std::optional<RawClient> provider(handOver());
+        std::unique_lock<std::mutex> held = holdClient();
+        const size_t before = ended;
+        provider->send(notifyOver);
+        EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == before + 1; }));
+        EXPECT_FALSE(watch->waitUntilAnswered(std::chrono::seconds(0)));
+        if (end == ServedEnd::GIVEN_UP) provider.reset();
+        held.unlock();
+        EXPECT_TRUE(watch->waitUntilAnswered(std::chrono::seconds(10)));
+        if (provider) {
+            EXPECT_TRUE(provider->hasAnswer());
+            EXPECT_EQ(provider->receivedKind(), kAnswer);
+        }
+        provider.reset();
+        EXPECT_EQ(ends[before].get_future().get(), end);
+    }
+    std::optional<RawClient> provider(handOver());
+    watch.reset();  // from now on nobody is told, which a third promise would not survive
+    provider.reset();
+    endCallback();
 }
 
 }  // namespace testing_support

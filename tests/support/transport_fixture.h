@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -15,43 +16,81 @@
 namespace testing_support {
 
 using android::hardware::camera::common::V1_0::Status;
-using kit::kAnswer;
-using kit::kCall;
-using kit::kConfigure;
-using kit::kRefused;
-using kit::kRequest;
-using kit::kSetCallback;
-using kit::RawClient;
-using kit::rawMessage;
+using namespace kit;  // NOLINT: what a hostile client says
 
 /** A handle that holds no more than these descriptors, which stay the caller's. */
-hidl_handle handleOf(const std::vector<int>& fds);
+inline hidl_handle handleOf(const std::vector<int>& fds) {
+    native_handle_t* const native = native_handle_create(static_cast<int>(fds.size()), 0);
+    std::copy(fds.begin(), fds.end(), &native->data[0]);
+    hidl_handle duplicate(static_cast<const hidl_handle&>(hidl_handle(native)));
+    native_handle_delete(native);
+    return duplicate;
+}
 
 /** A session that is served on a socket, and a client of it in the same process. */
 class TransportFixture : public SessionFixture {
 protected:
-    TransportFixture();
-    ~TransportFixture() override;
+    TransportFixture() {
+        session->handleSetCallback(nullptr);  // what a test sets goes through the socket
+        serve();
+    }
+    ~TransportFixture() override {
+        remote.clear();
+        endCallback();
+        server.reset();
+    }
 
-    void serve();
+    void serve() {
+        server = host::Server::listen(path, client, reason);
+        ASSERT_NE(server, nullptr) << reason;
+        remote = connect();
+    }
     /** Another client. */
-    sp<IFDSession> connect() const;
+    sp<IFDSession> connect() {
+        sp<IFDSession> another = host::connect<IFDSession>(path, reason);
+        EXPECT_NE(another, nullptr) << reason;
+        return another;
+    }
     /** Another one, without manners. */
-    RawClient connectRaw() const;
+    RawClient connectRaw() const {
+        RawClient raw(path);
+        EXPECT_TRUE(raw.connect());
+        return raw;
+    }
     /** A call answered with this status. */
-    static void expectStatus(const Return<Status>& answer, Status status);
-    void setUpStream();
+    static void expectStatus(const Return<Status>& answer, Status status) {
+        ASSERT_TRUE(answer.isOk()) << answer.description();
+        EXPECT_EQ(static_cast<Status>(answer), status);
+    }
+    void setUpStream() {
+        expectStatus(remote->setCallback(callback), Status::OK);
+        expectStatus(remote->configure(configurationOf(0)), Status::OK);
+    }
     /** What stands behind the colon when the call is refused on its way; empty when it is not. */
-    std::string refusalOf(const CaptureRequest& request);
+    std::string refusalOf(const CaptureRequest& request) {
+        const Return<Status> answer = remote->processCaptureRequest(request);
+        const std::string text = answer.isOk() ? "" : answer.description();
+        return text.substr(text.find(": ", text.find("FAILED_TRANSACTION")) + 1);
+    }
     /** How many log lines have this in them, the letter of their priority in front. */
-    int64_t linesWith(const std::string& part) const;
+    int64_t linesWith(const std::string& part) const {
+        const Lines lines = log.said();
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.find(part) != std::string::npos;
+        });
+    }
     void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
 
     /** Waits until no thread is in the callback, or will be. */
-    void endCallback();
+    void endCallback() {
+        session->handleSetCallback(nullptr);
+        callback.clear();
+        deliveries.waitForDeath();
+    }
 
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
+    std::string reason;  ///< of whoever could not listen or connect
     std::unique_ptr<host::Server> server;
     sp<IFDSession> remote;
 };
