@@ -3,7 +3,6 @@
 #include <chrono>
 #include <ctime>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -18,14 +17,13 @@ namespace testing_support {
 
 namespace {
 
-/** Runs `inside` while a line of the log is written that says so. */
+/** Runs `inside` once while this line of the log is written. */
 struct GateSink : public host::LogSink {
-    explicit GateSink(std::string wanted) : text(std::move(wanted)) {}
     void write(const host::LogLine& line) override {
         if (line.text.find(text) == std::string::npos) return;
         if (const auto once = std::exchange(inside, nullptr)) once();
     }
-    const std::string text;
+    std::string text;
     std::function<void()> inside;
 };
 
@@ -33,99 +31,71 @@ struct GateSink : public host::LogSink {
 
 class HeldLocksTest : public DrivenSession {
 protected:
+    HeldLocksTest() {
+        configure();
+        session->setSceneCallback(&observer);
+    }
     ~HeldLocksTest() override { host::clearProperty("vendor.zoru.flipped"); }
 
-    void inObserver(const Probe& probe, const Probe& act) {
-        observer.inside = probe;
+    /** What `other` does on another thread while `act` is at this place. */
+    void expectAt(const char* place, Other expected, Probe& hook, const Probe& act,
+                  const Probe& other) {
+        SCOPED_TRACE(place);
+        where = place;
+        std::optional<Meanwhile> meanwhile;
+        hook = [&] {
+            if (!meanwhile) meanwhile.emplace(other, expected);
+        };
         act();
+        hook = nullptr;
+        EXPECT_TRUE(meanwhile.has_value());
     }
-    void inClient(const Probe& probe, const Probe& act) {
-        callback->during = probe;
-        act();
-        callback->during = nullptr;
+    void expectLocked(const char* place, Probe& hook, const Probe& act) {
+        expectAt(place, Other::WAITS, hook, act, [this] { session->getTrackingMode(); });
     }
-    void notify() {
-        FDNotifyMsg msg = {};
-        session->sendNotify(msg);
-    }
-    static void inLine(const char* text, const Probe& probe, const Probe& act) {
-        GateSink sink(text);
-        sink.inside = probe;
-        const host::ScopedLogSink scope(sink);
-        act();
+    /** Neither the session nor its queue. */
+    void expectFree(const char* place, Probe& hook, const Probe& act) {
+        expectAt(place, Other::GOES_ON, hook, act, [this] {
+            session->getTrackingMode();
+            session->sendCaptureResult({});
+        });
+        pass();  // takes that
     }
 };
 
 TEST_F(HeldLocksTest, HoldsItsLocksInsideTheObserverAndTheMapperAndNowhereElse) {
-    const std::map<std::string, std::pair<Other, std::function<void(const Probe&)>>> places = {
-        {"onSceneControl",
-         {Other::WAITS, [&](auto& p) { inObserver(p, [&] { session->setSceneControl({}); }); }}},
-        {"onPTZControl",
-         {Other::WAITS, [&](auto& p) { inObserver(p, [&] { session->setPTZControl({}); }); }}},
-        {"onTrackingMode",
-         {Other::WAITS,
-          [&](auto& p) { inObserver(p, [&] { session->setTrackingMode(TrackingMode::GROUP); }); }}},
-        {"importBuffer",
-         {Other::WAITS, [&](auto& p) { sessionMapper().during = p, submit(1, 99); }}},
-        {"onTrackControl",
-         {Other::GOES_ON, [&](auto& p) { inObserver(p, [&] { session->setTrackControl({}); }); }}},
-        {"notify", {Other::GOES_ON, [&](auto& p) { inClient(p, [this] { notify(); }); }}},
-        {"processCaptureResult",
-         {Other::GOES_ON,
-          [&](auto& p) {
-              session->sendCaptureResult(resultOf(1));
-              inClient(p, [&] { pass(); });
-          }}},
-        {"processCaptureResult of an error",
-         {Other::GOES_ON, [&](auto& p) { submit(1, 1), inClient(p, [&] { pass(); }); }}},
-        {"the first line of configure",
-         {Other::GOES_ON,
-          [&](auto& p) { inLine("handleConfigure: \n", p, [this] { configure(); }); }}},
-        {"rotate180", {Other::GOES_ON, [&](auto& p) {
-                           submit(1, 1);
-                           session->sendCaptureResult(resultOf(1));
-                           host::setProperty("vendor.zoru.flipped", "true");
-                           host::failNextUnlock(5);
-                           inLine("unlock failed", p, [this] { pass(); });
-                       }}}};
-    configure();
-    session->setSceneCallback(&observer);
-    for (const auto& [placeName, place] : places) {
-        const std::string& name = placeName;  // which a lambda may have
-        SCOPED_TRACE(name);
-        where = name;
-        for (int i = 0; i < 2; ++i)  // what the last place has left
-            pass();
-        std::optional<Meanwhile> meanwhile;
-        const Other expected = place.first;
-        place.second([&, expected] {
-            if (meanwhile) return;
-            meanwhile.emplace(
-                [&, expected] {
-                    session->getTrackingMode();
-                    if (expected == Other::GOES_ON) session->sendCaptureResult({});
-                },
-                expected);
-            if (name.rfind("on", 0) != 0) return;
-            log.clear();
-            notify();
-            EXPECT_EQ(log.timesSaid("E sendNotify: called inside an observer's operation that has "
-                                    "the session locked \n"),
-                      expected == Other::WAITS ? 1 : 0);
-        });
-        EXPECT_TRUE(meanwhile.has_value());
-    }
+    const auto deliver = [this] {
+        session->sendCaptureResult(resultOf(1));
+        pass();
+    };
+    expectLocked("onSceneControl", observer.inside, [&] { session->setSceneControl({}); });
+    expectLocked("onPTZControl", observer.inside, [&] { session->setPTZControl({}); });
+    expectLocked("onTrackingMode", observer.inside,
+                 [&] { session->setTrackingMode(TrackingMode::GROUP); });
+    expectFree("onTrackControl", observer.inside, [&] { session->setTrackControl({}); });
+    expectLocked("importBuffer", sessionMapper().during, [&] { submit(1, 1); });
+    expectFree("processCaptureResult of an error", callback->during, [&] { pass(); });
+    FDNotifyMsg msg = {};
+    expectFree("notify", callback->during, [&] { session->sendNotify(msg); });
+    expectFree("processCaptureResult", callback->during, deliver);
+
+    GateSink sink;
+    const host::ScopedLogSink scope(sink);
+    sink.text = "unlock failed";
+    host::setProperty("vendor.zoru.flipped", "true");
+    host::failNextUnlock(5);
+    expectFree("rotate180", sink.inside, deliver);
+    sink.text = "handleConfigure: \n";
+    expectFree("the first line of configure", sink.inside, [&] { configure(); });
 }
 
 TEST_F(HeldLocksTest, StampsARequestWhenItHasTheLock) {
-    configure();
     clock.stopAt(1000000);
     std::optional<Meanwhile> submitting;
     observer.inside = [&] {
         submitting.emplace([this] { submit(1, 1); }, Other::WAITS);
         clock.stopAt(3000000);
     };
-    session->setSceneCallback(&observer);
     session->setSceneControl({});
     submitting.reset();
     pass();
@@ -136,7 +106,6 @@ TEST_F(HeldLocksTest, StampsARequestWhenItHasTheLock) {
 }
 
 TEST_F(HeldLocksTest, FreesTheHandlesBeforeItDropsTheirWrappers) {
-    configure();
     submit(1, 1);
     int freed = 0;
     sessionMapper().onFree = [&](void*) {
@@ -149,17 +118,16 @@ TEST_F(HeldLocksTest, FreesTheHandlesBeforeItDropsTheirWrappers) {
 }
 
 TEST_F(HeldLocksTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueueOnly) {
-    configure();
     std::optional<Meanwhile> reader;
     std::optional<Meanwhile> sender;
-    const auto before = std::chrono::system_clock::now() + std::chrono::milliseconds(50);
+    using Clock = std::chrono::system_clock;
+    const auto earliest = Clock::now() + std::chrono::milliseconds(50);
     {
         const BeforeWaiting look([&](timespec& deadline) {
-            using Wall = std::chrono::system_clock;
-            const std::chrono::time_point<Wall, std::chrono::nanoseconds> end(
-                std::chrono::seconds(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec));
-            EXPECT_GE(end, before);
-            EXPECT_LE(end, std::chrono::system_clock::now() + std::chrono::milliseconds(50));
+            const auto end =
+                Clock::from_time_t(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+            EXPECT_GE(end, earliest);
+            EXPECT_LE(end, Clock::now() + std::chrono::milliseconds(50));
             deadline.tv_sec += 3600;  // until it is woken
             reader.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
             sender.emplace([this] { session->sendCaptureResult(resultOf(1)); }, Other::WAITS);
@@ -172,14 +140,16 @@ TEST_F(HeldLocksTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueu
 
 TEST_F(HeldLocksTest, LetsGoOfAnObserverOnlyWhenNoCallIsInside) {
     const auto track = [this] { session->setTrackControl({}); };
-    expectInObserver(track, Other::WAITS, [this] { session->setSceneCallback(nullptr); });
-    expectInObserver(track, Other::GOES_ON, [this] { session->setSceneCallback(&observer); });
+    const Probe letGo = [this] { session->setSceneCallback(nullptr); };
+    expectAt("letting go", Other::WAITS, observer.inside, track, letGo);
+    session->setSceneCallback(&observer);
+    expectAt("setting it again", Other::GOES_ON, observer.inside, track,
+             [this] { session->setSceneCallback(&observer); });
     // Not from inside an operation, which would wait for itself.
-    observer.inside = [this] { session->setSceneCallback(nullptr); };
+    observer.inside = letGo;
     track();
     session->setSceneCallback(&observer);
-    observer.inside = [this] { session->setSceneCallback(nullptr); };
-    session->setSceneControl({});
+    observer.inside = letGo;
     session->setSceneControl({});
     EXPECT_EQ(observer.inside, nullptr);
 }
