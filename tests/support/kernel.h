@@ -6,11 +6,11 @@ namespace testing_support {
 struct Kernel {
     /** SO_PASSPIDFD: a descriptor of the sender's process goes with each message. */
     bool addsPidfds;
-    /** Descriptors that find no room in the control data are closed, and MSG_CTRUNC tells of it. */
+    /** Descriptors that find no room in the control data are closed, and MSG_CTRUNC tells of it; an
+     * emulator leaves them open. */
     bool closesWhatHasNoRoom;
 };
 
-/** Tried out by the first call, while there is one thread. */
 const Kernel& kernel();
 
 }  // namespace testing_support
