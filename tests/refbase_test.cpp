@@ -8,36 +8,32 @@
 
 namespace testing_support {
 
-using android::RefBase;
 using android::sp;
 using android::wp;
 
 namespace {
 
-struct Counted : public RefBase {
-    explicit Counted(int& alive, int32_t mode = 0) : mAlive(alive) {
-        ++mAlive;
-        if (mode != 0) extendObjectLifetime(OBJECT_LIFETIME_WEAK);
+int alive = 0;
+
+struct Counted : public android::RefBase {
+    explicit Counted(int32_t mode = OBJECT_LIFETIME_STRONG) {
+        ++alive;
+        extendObjectLifetime(mode);
     }
     ~Counted() override {
-        --mAlive;
-        if (shownBy != nullptr) seenAtEnd = shownBy->get();
+        --alive;
+        if (onEnd) onEnd();
     }
     void onFirstRef() override { countAtFirstRef = getStrongCount(); }
 
-    int& mAlive;
     int32_t countAtFirstRef = 0;
-    /** What this still shows when the object ends goes to `seenAtEnd`. */
-    const sp<Counted>* shownBy = nullptr;
-    static const Counted* seenAtEnd;
+    std::function<void()> onEnd;
 };
-const Counted* Counted::seenAtEnd = nullptr;
 
 }  // namespace
 
 TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
-    int alive = 0;
-    sp<Counted> strong = new Counted(alive);
+    sp<Counted> strong = new Counted;
     EXPECT_EQ(strong->countAtFirstRef, 1);
     wp<Counted> weak(strong);
     EXPECT_EQ(weak.promote(), strong);
@@ -46,14 +42,11 @@ TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
     EXPECT_EQ(alive, 0);
     EXPECT_EQ(weak.promote(), nullptr);
 
-    auto* const unheld = new Counted(alive);
-    {
-        const wp<Counted> early(unheld);
-        const sp<Counted> first = early.promote();
-        ASSERT_NE(first, nullptr);
-        EXPECT_EQ(first->countAtFirstRef, 0);  // a promotion does not run onFirstRef()
-    }
-    EXPECT_EQ(alive, 0);
+    weak = wp<Counted>(new Counted);
+    strong = weak.promote();
+    EXPECT_EQ(strong->countAtFirstRef, 0);  // a promotion does not run onFirstRef()
+    EXPECT_EQ(strong->getStrongCount(), 1);
+    strong.clear();
 
     // Each way of replacing an object lets go of it before it shows the other one.
     using Held = sp<Counted>;
@@ -63,28 +56,29 @@ TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
         [](Held& own, Held next) { own = std::move(next); },
         [](Held& own, const Held&) { own.clear(); }};
     for (const auto& replace : ways) {
-        strong = new Counted(alive);
-        const Counted* const old = strong.get();
-        strong->shownBy = &strong;
-        replace(strong, new Counted(alive));
-        EXPECT_EQ(Counted::seenAtEnd, old);
+        strong = new Counted;
+        const Counted* seenAtEnd = nullptr;
+        Counted* const old = strong.get();
+        old->onEnd = [&] { seenAtEnd = strong.get(); };
+        replace(strong, new Counted);
+        EXPECT_EQ(seenAtEnd, old);
         EXPECT_NE(strong.get(), old);
     }
     EXPECT_EQ(alive, 0);  // the last way was clear()
-    strong = new Counted(alive);
+    strong = new Counted;
     sp<Counted>& same = strong;
     strong = same;
     strong = std::move(same);
     EXPECT_EQ(strong->getStrongCount(), 1);
 
-    strong = new Counted(alive, 1);
+    strong = new Counted(1);
     weak = strong;
     strong.clear();
     EXPECT_EQ(alive, 1);  // lives with its weak references
     EXPECT_NE(weak.promote(), nullptr);
     weak.clear();
     EXPECT_EQ(alive, 0);
-    const Counted onTheStack(alive);
+    const Counted onTheStack;
 }
 
 }  // namespace testing_support
