@@ -43,7 +43,6 @@ const std::map<std::string, Scenario> kScenarios = {{"socket", on(Road::SOCKET)}
 
 constexpr const char* kServed = "socket";
 constexpr const char* kSession = "socket direct mapper2";
-constexpr const char* kWithThread = "socket source";
 constexpr const char* kWithBuffer = "socket direct mapper2 source";
 constexpr const char* kPlayed = "source file";
 constexpr const char* kAll = "socket direct mapper2 source file";
@@ -88,8 +87,8 @@ const Row kRows[] = {
     {"poll", {EINTR}, kOnce, Effect::NONE, kServed},
     {"poll", {ENOMEM}, kOnce, Effect::LOSS, kServed},
     {"pthread_cond_timedwait", {EINTR, ETIMEDOUT, 3600}, kOnce, Effect::NONE, kSession},
-    {"pthread_create", {EAGAIN}, kOnce, Effect::LOSS, kWithThread},
-    {"pthread_create", {EAGAIN}, kStays, Effect::LOSS, kWithThread},
+    {"pthread_create", {EAGAIN}, kOnce, Effect::LOSS, kServed},
+    {"pthread_create", {EAGAIN}, kStays, Effect::LOSS, kServed},
     {"readlink", {EACCES}, kOnce, Effect::REFUSAL, kServed},
     {"recvmsg", {EINTR, EAGAIN}, kOnce, Effect::NONE, kServed},
     {"recvmsg", {ENOMEM, ECONNRESET}, kOnce, Effect::LOSS, kServed},

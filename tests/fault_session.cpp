@@ -26,6 +26,7 @@
 #include "host/limits.h"
 #include "host/mapper.h"
 #include "host/properties.h"
+#include "host/threads.h"
 #include "records.h"
 #include "support/log_lines.h"
 #include "support/spy_mapper.h"
@@ -125,77 +126,70 @@ public:
 private:
     /** Begins to serve, where it does not yet. */
     void serve() {
-        if (mRoad == Road::SOURCE) {
-            if (mSource != nullptr && mSource->isRunning() && errors("pBuffer") == 0) return;
-            endSource();
-            letPausesEnd(false);
-            // The object's own memory is asked for here, and not by the library.
-            // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
-            asProvider([&]() noexcept { mSource = new FDSessionTest; });
-            letPausesEnd(true);
-            return;
-        }
-        const std::string path = mFolder / "socket";
         std::string problem;
-        const auto listen = [&]() noexcept {
-            mServer = host::Server::listen(path, mSession->getInterface(), problem);
-        };
         if (mRoad == Road::SOCKET && mServer == nullptr) {
-            asProvider(listen);
+            asProvider([&]() noexcept {
+                mServer = host::Server::listen(mSocket, mSession->getInterface(), problem);
+            });
             if (mServer == nullptr && problem.empty()) fail("it says not why it does not serve");
         }
-        if (!mProvider.joinable())
-            mProvider = std::thread([this] { asProvider([this] { provide(); }); });
+        if (mProvider.joinable() && errors("pBuffer") == 0) return;
+        endProviding();
+        mLog.clear();
+        mProvider = std::thread([this] { asProvider([this] { provide(); }); });
+    }
+
+    void endProviding() {
+        mEnd = true;
+        if (mProvider.joinable()) mProvider.join();
+        mEnd = false;
     }
 
     void end() {
         mClient.clear();
         mAnswers.clear();
         mServer.reset();
-        mEnd = true;
-        if (mProvider.joinable()) mProvider.join();
-        endSource();
+        endProviding();
         mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
     }
 
-    void endSource() {
-        if (mSource == nullptr) return;
-        mSource->requestExit();
-        mSource->join();
-        // Without a thread it keeps itself, for good.
-        if (errors("the object stays") > 0) mSource->decStrong(this);
-        mSource.clear();
-        mLog.clear();
+    /** One whose passes are made here. Its own memory is asked for here, not by the library. */
+    static FDSessionTest* makeSource() noexcept {
+        host::failNextThreadStart();
+        return new FDSessionTest;
     }
 
     /** Fills what the client asks for. */
     void provide() {
-        while (!mEnd) {
-            CaptureRequest request = {};
-            if (mSession->getProcessCaptureRequest(request) != 0) {
-                usleep(0);
-                continue;
-            }
-            FDNotifyMsg msg = {};
-            mSession->sendNotify(msg);
-            // Null when a client has configured anew meanwhile.
-            const auto buffer = mSession->getBufferForId(request.outputBuffers[0].bufferId);
-            const bool isFilled = buffer != nullptr && ZoruUtil::copyTo(mFrame.data(), buffer) == 0;
-            auto input = std::move(request.inputBuffer);
-            CaptureResult result = kit::resultFor(std::move(request));
-            result.inputBuffer = std::move(input);
-            result.outputBuffers[0].status = isFilled ? BufferStatus::OK : BufferStatus::ERROR;
-            mSession->sendCaptureResult(result);
-        }
+        FDSessionTest* const source = mRoad == Road::SOURCE ? makeSource() : nullptr;
+        while (!mEnd)
+            source != nullptr ? static_cast<void>(source->threadLoop()) : fillOne();
+        // Without a thread it keeps itself.
+        if (source != nullptr) source->decStrong(this);
+    }
+
+    void fillOne() {
+        CaptureRequest request = {};
+        usleep(0);
+        if (mSession->getProcessCaptureRequest(request) != 0) return;
+        FDNotifyMsg msg = {};
+        mSession->sendNotify(msg);
+        // Null when a client has configured anew meanwhile.
+        const auto buffer = mSession->getBufferForId(request.outputBuffers[0].bufferId);
+        const bool isFilled = buffer != nullptr && ZoruUtil::copyTo(mFrame.data(), buffer) == 0;
+        auto input = std::move(request.inputBuffer);
+        CaptureResult result = kit::resultFor(std::move(request));
+        result.inputBuffer = std::move(input);
+        result.outputBuffers[0].status = isFilled ? BufferStatus::OK : BufferStatus::ERROR;
+        mSession->sendCaptureResult(result);
     }
 
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
     void live(bool wantsAll) try {
-        if (mRoad == Road::SOURCE && !mSource->isRunning()) return;  // no thread could be made
         mWantsAll = wantsAll;
         std::string problem;
         if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
-            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mFolder / "socket", problem)
+            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mSocket, problem)
                                             : mSession->getInterface();
         }
         if (mClient == nullptr && wantsAll) fail(problem);
@@ -226,7 +220,7 @@ private:
         request.inputBuffer.streamId = kInput;
         request.inputBuffer.acquireFence = mFence;
         const int before = mAnswers->came;
-        const auto said = mRoad == Road::SOURCE ? 0 : errors();
+        const auto said = mRoad == Road::SOURCE ? errors("the object stays") : errors();
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
         if (!waitUntil([&] { return mAnswers->came > before || errors(kNotDelivered) > lost; }))
@@ -280,6 +274,7 @@ private:
     const Road mRoad;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
+    const std::string mSocket = mFolder / "socket";
     kit::Frame mFrame = kit::patternOf(kSize);
     uint64_t mNextId = 1;
     bool mWantsAll = false;
@@ -287,7 +282,6 @@ private:
     LogLines mLog;
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
-    sp<FDSessionTest> mSource;
     std::atomic<bool> mEnd{false};
     std::thread mProvider;
     sp<IFDSession> mClient;

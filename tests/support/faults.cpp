@@ -30,7 +30,6 @@ thread_local bool tIsProvider = false;
 Fault sFault = {};
 std::atomic<bool> sIsArmed{false};
 std::atomic<int> sCalls{0};
-std::atomic<bool> sDoPausesEnd{true};
 
 bool fails(const char* call) {
     const int error = errorOf(call);
@@ -78,10 +77,6 @@ void asProvider(const std::function<void()>& what) {
         _exit(1);
     }
     tIsProvider = false;
-}
-
-void letPausesEnd(bool mayEnd) {
-    sDoPausesEnd = mayEnd;
 }
 
 int errorOf(const char* call) {
@@ -182,13 +177,9 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
     return next(condition, mutex, &deadline);
 }
 
-/** The pause of the test frame source: for its pace, and for who makes it to get hold of it. */
-extern "C" int usleep(useconds_t us) {
-    constexpr useconds_t kSourcesPause = 50000;
+/** All pauses are short. */
+extern "C" int usleep(useconds_t /*us*/) {
     const timespec pause = {0, 200000};
-    do {
-        nanosleep(&pause, nullptr);
-    } while (us == kSourcesPause && !faults::sDoPausesEnd);
-    return 0;
+    return nanosleep(&pause, nullptr);
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -29,9 +29,6 @@ bool wasReached();
  * when an exception comes out. */
 void asProvider(const std::function<void()>& what);
 
-/** Whether the pauses of a frame source, which are short here, end: not before somebody has it. */
-void letPausesEnd(bool mayEnd);
-
 /** Counts a call of the provider's side. The error when it is to fail, else 0. */
 int errorOf(const char* call);
 
