@@ -3,8 +3,10 @@
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,16 +15,20 @@
 #include <utility>
 #include <vector>
 
+#include "host/log.h"
 #include "host/properties.h"
 #include "session_control.h"
 #include "support/driven_session.h"
+#include "support/spy_mapper.h"
 
 #ifndef __SANITIZE_THREAD__  // which cannot do without its own
 
 /** Runs once when this thread has let go of a recursive mutex, so that others may have it. */
 static thread_local std::function<void()> afterUnlock;
+/** The recursive mutex that this thread has let go of last: the session's. */
+static thread_local const pthread_mutex_t* sessionLock = nullptr;
 
-// glibc keeps in the mutex what it is and how often its thread has it.
+// glibc keeps in the mutex what it is, who has it, and how often.
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     // Without a guard: libc++abi unlocks a mutex while it makes what has one.
     using Unlock = int (*)(pthread_mutex_t*);
@@ -31,6 +37,7 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     const bool isLast =
         mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE && mutex->__data.__count == 1;
     const int result = next.load()(mutex);
+    if (isLast) sessionLock = mutex;
     // It may put another one there.
     if (const auto now = isLast ? std::exchange(afterUnlock, nullptr) : nullptr) now();
     return result;
@@ -130,12 +137,41 @@ TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
 }
 
 #ifndef __SANITIZE_THREAD__
-TEST_F(RaceTest, LetsGoOfTheLockNowhereInTheMiddleOfAnOperation) {
-    const std::map<std::string, int> notOnce = {
-        {"isCaptureRequestReady", 0},
-        {"sendCaptureResult", 0},
-        {"setTrackControl", 2},  // the observer looks, without the lock
-        {"pass", 4}};            // the wrapper, the callback, the stale request, the callback
+/** Where an operation of this thread comes by. A capital is a place that it has the session locked.
+ */
+struct Trace : public host::LogSink {
+    void note(char place) {
+        const bool isLocked = sessionLock->__data.__owner == gettid();
+        const char now = isLocked ? static_cast<char>(toupper(place)) : place;
+        if (places.empty() || places.back() != now || now == '.') places += now;
+    }
+    /** Puts a note there, and each time again. */
+    void noteAt(std::function<void()>& hook, char place) {
+        hook = [this, &hook, place] {
+            note(place);
+            noteAt(hook, place);
+        };
+    }
+    void write(const host::LogLine& /*line*/) override { note('l'); }
+
+    std::string places;
+};
+
+TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowhereElse) {
+    // l: a line of the log, o: the observer, m: the mapper, c: the client, .: lets go of the lock.
+    const std::map<std::string, std::string> places = {
+        {"configure", "lLM."},
+        {"isCaptureRequestReady", ""},
+        {"pass", ".l.c..c"},  // a result, turned, and a stale request
+        {"processCaptureRequest", "ML."},
+        {"resetPTZScene", "L."},
+        {"sendCaptureResult", ""},
+        {"sendNotify", ".c"},
+        {"setCallback", "l."},
+        {"setPTZControl", "O."},
+        {"setSceneControl", "O."},
+        {"setTrackControl", "..o"},  // the observer looks, too
+        {"setTrackingMode", "LO."}};
     host::setProperty("vendor.zoru.flipped", "true");
     for (const auto& [name, operation] : operations) {
         configure();
@@ -143,16 +179,21 @@ TEST_F(RaceTest, LetsGoOfTheLockNowhereInTheMiddleOfAnOperation) {
         session->sendCaptureResult(resultOf(1));
         session->setSceneCallback(&observer);
         session->setTrackingMode(TrackingMode::GROUP);
-        int times = 0;
-        const Probe count = [&] {
-            ++times;
-            afterUnlock = count;
-        };
-        afterUnlock = count;
-        operation(3);
-        afterUnlock = nullptr;
-        const auto other = notOnce.find(name);
-        EXPECT_EQ(times, other != notOnce.end() ? other->second : 1) << name;
+        if (name == "pass") host::failNextUnlock(5);  // which leaves a line while it turns
+        Trace trace;
+        {
+            const host::ScopedLogSink scope(trace);
+            trace.noteAt(observer.inside, 'o');
+            trace.noteAt(callback->during, 'c');
+            trace.noteAt(sessionMapper().during, 'm');
+            trace.noteAt(afterUnlock, '.');
+            operation(3);
+        }
+        for (auto* const hook :
+             {&observer.inside, &callback->during, &sessionMapper().during, &afterUnlock})
+            *hook = nullptr;
+        const auto other = places.find(name);
+        EXPECT_EQ(trace.places, other != places.end() ? other->second : ".") << name;
     }
 }
 

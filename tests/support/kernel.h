@@ -1,5 +1,9 @@
 #pragma once
 
+#include <sys/socket.h>
+
+#include "raw_socket.h"
+
 namespace testing_support {
 
 /** What tests lean on, and what an old kernel, or an emulator in its place, does not do. */
@@ -11,6 +15,11 @@ struct Kernel {
     bool closesWhatHasNoRoom;
 };
 
-const Kernel& kernel();
+inline Kernel kernel() {
+    constexpr int kPassPidfd = 76;
+    const int on = 1;
+    const host::UniqueFd any = kit::rawSocket();
+    return {setsockopt(any.get(), SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0, !IS_EMULATED};
+}
 
 }  // namespace testing_support
