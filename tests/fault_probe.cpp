@@ -1,7 +1,7 @@
 // Runs a scenario with one call of the provider's side failing, each in a process of its own: every
 // call that the scenario reaches, of every function that it may call.
 //
-//   fault-probe socket|direct|mapper2|source|file [STEP [CALL]]
+//   fault-probe socket|direct|mapper2|file [STEP [CALL]]
 //
 // With a step only every so manieth call. Prints how many calls of each were made to fail. Exits
 // with 1 and a line when something does not hold: a client that is told nothing, a wrong frame,
@@ -38,14 +38,11 @@ Scenario on(Road road) {
 const std::map<std::string, Scenario> kScenarios = {{"socket", on(Road::SOCKET)},
                                                     {"direct", on(Road::DIRECT)},
                                                     {"mapper2", on(Road::OLD_MAPPER)},
-                                                    {"source", on(Road::SOURCE)},
                                                     {"file", [](Effect) { faults::runFile(); }}};
 
 constexpr const char* kServed = "socket";
 constexpr const char* kSession = "socket direct mapper2";
-constexpr const char* kWithBuffer = "socket direct mapper2 source";
-constexpr const char* kPlayed = "source file";
-constexpr const char* kAll = "socket direct mapper2 source file";
+constexpr const char* kAll = "socket direct mapper2 file";
 
 /** Errors of a call, each of them by itself. */
 struct Row {
@@ -69,21 +66,21 @@ const Row kRows[] = {
     {"fcntl", {EMFILE}, kStays, Effect::REFUSAL, kAll},
     {"fflush", {ENOSPC}, kOnce, Effect::REFUSAL, "file"},
     {"flock", {EWOULDBLOCK, EINTR}, kOnce, Effect::NONE, kServed},
-    {"fopen", {EMFILE}, kOnce, Effect::REFUSAL, kPlayed},
-    {"fread", {EIO}, kStays, Effect::REFUSAL, kPlayed},
-    {"fseek", {ESPIPE}, kOnce, Effect::REFUSAL, "source"},
+    {"fopen", {EMFILE}, kOnce, Effect::REFUSAL, kAll},
+    {"fread", {EIO}, kStays, Effect::REFUSAL, kAll},
+    {"fseek", {ESPIPE}, kOnce, Effect::REFUSAL, kSession},
     {"fwrite", {ENOSPC}, kOnce, Effect::REFUSAL, "file"},
     {"getsockopt", {ENOBUFS}, kOnce, Effect::LOSS, kServed},
-    {"gettimeofday", {3600}, kStays, Effect::REFUSAL, kWithBuffer},
-    {"gettimeofday", {-3600}, kStays, Effect::NONE, kWithBuffer},
+    {"gettimeofday", {3600}, kStays, Effect::REFUSAL, kSession},
+    {"gettimeofday", {-3600}, kStays, Effect::NONE, kSession},
     {"listen", {EADDRINUSE}, kOnce, Effect::LOSS, kServed},
 #ifdef FAULTS_OF_MEMORY
     {"malloc", {ENOMEM}, kOnce, Effect::END, kAll},
     {"malloc", {ENOMEM}, kStays, Effect::END, kAll},
     {"mmap", {ENOMEM}, kStays, Effect::REFUSAL, kAll},
 #endif
-    {"mapper", {2, 5, -1}, kOnce, Effect::REFUSAL, kWithBuffer},
-    {"mapper", {5, -1}, kStays, Effect::REFUSAL, kWithBuffer},
+    {"mapper", {2, 5, -1}, kOnce, Effect::REFUSAL, kSession},
+    {"mapper", {5, -1}, kStays, Effect::REFUSAL, kSession},
     {"poll", {EINTR}, kOnce, Effect::NONE, kServed},
     {"poll", {ENOMEM}, kOnce, Effect::LOSS, kServed},
     {"pthread_cond_timedwait", {EINTR, ETIMEDOUT, 3600}, kOnce, Effect::NONE, kSession},

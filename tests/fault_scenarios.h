@@ -15,8 +15,8 @@ enum class Effect {
     END       ///< the process ends at once, by abort()
 };
 
-/** How the client reaches the session, and in the last case who fills its buffers. */
-enum class Road { SOCKET, DIRECT, OLD_MAPPER, SOURCE };
+/** How the client reaches the session, in the last case with no mapper but the old one. */
+enum class Road { SOCKET, DIRECT, OLD_MAPPER };
 
 // Each does something first with the fault and then without, and fails when something does not
 // hold.

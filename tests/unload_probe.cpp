@@ -189,10 +189,11 @@ void leaveSession(const char* library) {
         // Runs after all of the library's own.
         atexit([] { require(host::threadCount() == 0, "the monitor was not ended"); });
     }
-    losesWakeUps = mode == "lost";  // before the thread begins a first wait, which would not end
     static Loaded* const loaded = new Loaded(library);
     static ExitingObserver observer;
     loaded->use();
+    losesWakeUps = mode == "lost";
+    if (mode == "lost") loaded->answer();  // so that the thread goes on to another wait
     if (mode == "keep") return;
     if (mode == "inside") pause();
     while ((mode == "lost" && !isAboutToWait) || (mode == "stuck" && !isInCallback))
