@@ -58,7 +58,11 @@ constexpr bool kStays = true;
 
 const Row kRows[] = {
     {"accept4", {EMFILE, ECONNABORTED, EINTR, ENOMEM}, kOnce, Effect::NONE, kServed},
-    {"accept4", {EMFILE}, kStays, Effect::SILENCE, kServed},
+    {"accept4",
+     {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO, ENETDOWN},
+     kStays,
+     Effect::SILENCE,
+     kServed},
     {"bind", {EADDRINUSE}, kOnce, Effect::LOSS, kServed},
     {"chmod", {EPERM}, kOnce, Effect::LOSS, kServed},
     {"eventfd", {EMFILE}, kOnce, Effect::LOSS, kServed},
