@@ -137,13 +137,15 @@ TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
 }
 
 #ifndef __SANITIZE_THREAD__
-/** Where an operation of this thread comes by. A capital is a place that it has the session locked.
- */
+/** Where an operation of this thread comes by, in capitals where it has the session locked. */
 struct Trace : public host::LogSink {
+    explicit Trace(FDSession& traced) : session(traced) {}
     void note(char place) {
         const bool isLocked = sessionLock->__data.__owner == gettid();
         const char now = isLocked ? static_cast<char>(toupper(place)) : place;
         if (places.empty() || places.back() != now || now == '.') places += now;
+        // Which would wait for itself if the operation had the queue locked.
+        if (!isLocked && place != '.') session.sendCaptureResult({});
     }
     /** Puts a note there, and each time again. */
     void noteAt(std::function<void()>& hook, char place) {
@@ -154,6 +156,7 @@ struct Trace : public host::LogSink {
     }
     void write(const host::LogLine& /*line*/) override { note('l'); }
 
+    FDSession& session;
     std::string places;
 };
 
@@ -180,18 +183,16 @@ TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowher
         session->setSceneCallback(&observer);
         session->setTrackingMode(TrackingMode::GROUP);
         if (name == "pass") host::failNextUnlock(5);  // which leaves a line while it turns
-        Trace trace;
+        Trace trace(*session);
+        callback->during = [&] { trace.note('c'); };
         {
             const host::ScopedLogSink scope(trace);
             trace.noteAt(observer.inside, 'o');
-            trace.noteAt(callback->during, 'c');
             trace.noteAt(sessionMapper().during, 'm');
             trace.noteAt(afterUnlock, '.');
             operation(3);
         }
-        for (auto* const hook :
-             {&observer.inside, &callback->during, &sessionMapper().during, &afterUnlock})
-            *hook = nullptr;
+        observer.inside = callback->during = sessionMapper().during = afterUnlock = nullptr;
         const auto other = places.find(name);
         EXPECT_EQ(trace.places, other != places.end() ? other->second : ".") << name;
     }
