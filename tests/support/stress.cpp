@@ -40,8 +40,10 @@ void race(const std::vector<Side>& sides, size_t rounds, std::chrono::millisecon
             --missing;
             while (missing != 0)
                 std::this_thread::yield();
-            for (size_t round = 0; round < rounds; reached[i].store(++round, kNoOrder))
+            for (size_t round = 0; round < rounds; reached[i].store(++round, kNoOrder)) {
                 sides[i].second(round);
+                std::this_thread::yield();  // so that a short one has not ended at once
+            }
         });
     }
     for (std::thread& thread : threads)
