@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "support/faults.h"
 
 namespace faults {
@@ -13,14 +15,16 @@ enum class Effect {
     END       ///< the process ends at once, by abort()
 };
 
-// Each does something first with a fault and then without, and ends the process with 1, and a line,
-// when something does not hold.
+/** How the client reaches the session, in the last case with no mapper but the old one. */
+enum class Road { SOCKET, DIRECT, OLD_MAPPER };
 
-/** How the client reaches the session, and in the last case who fills its buffers. */
-enum class Road { SOCKET, DIRECT, SOURCE };
-void runSession(Road road, bool isOldMapper, const Fault& fault, int n, Effect effect);
-void runFile(const Fault& fault, int n);
+// Each does something first with the fault and then without, and fails when something does not
+// hold.
 
-[[noreturn]] void fail(const char* what);
+void runSession(Road road, Effect effect);
+void runFile();
+
+/** Ends the process with 1 and a line. */
+[[noreturn]] void fail(const std::string& what);
 
 }  // namespace faults

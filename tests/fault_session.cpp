@@ -1,7 +1,6 @@
 // A client's life with a session, first with a fault on the provider's side, then without: the same
 // client again, unless its channel was given up, and another one.
 
-#include <android/log.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -10,6 +9,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -17,8 +17,6 @@
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
-#include "ZoruUtil.h"
-#include "fault_answers.h"
 #include "fault_scenarios.h"
 #include "frame.h"
 #include "holdings.h"
@@ -27,6 +25,7 @@
 #include "host/limits.h"
 #include "host/mapper.h"
 #include "host/properties.h"
+#include "host/threads.h"
 #include "records.h"
 #include "support/log_lines.h"
 #include "support/spy_mapper.h"
@@ -39,18 +38,44 @@ namespace {
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
 using android::hardware::hidl_handle;
+using android::hardware::hidl_vec;
 using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using testing_support::LogLines;
 using testing_support::SpyMapper2;
 using testing_support::SpyMapper3;
 
-enum class Told { YES, NO, LOST };
+/** The client's channel is gone. */
+struct Lost {};
 
 constexpr kit::FrameSize kSize = {64, 32};
 constexpr std::chrono::seconds kPatience(10);
 constexpr const char* kClip = "fd_stream_subst_nv12.yuv";
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
+
+/** Remembers what a client is told, and looks for what is missing. Allocates nothing, because the
+ * session calls it on its own thread in one process. */
+struct Answers : public IFDSessionCallback {
+    explicit Answers(uint64_t id) : mFirstId(id) {}
+
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
+        const auto& output = results[0].outputBuffers[0];
+        // One that was asked for earlier may still come: it is not ours.
+        if (output.bufferId < mFirstId) return {};
+        wasFilled = output.status == BufferStatus::OK;
+        if (wasFilled && (output.buffer == nullptr || output.acquireFence == nullptr))
+            fail("a filled frame lacks a handle");
+        ++came;
+        return {};
+    }
+    Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
+
+    std::atomic<bool> wasFilled{false};
+    std::atomic<int> came{0};
+
+private:
+    const uint64_t mFirstId;
+};
 
 template <typename Condition>
 bool waitUntil(Condition holds) {
@@ -65,18 +90,17 @@ bool waitUntil(Condition holds) {
 class Run {
 public:
     Run(Road road, Effect effect) : mRoad(road), mEffect(effect) {
-        host::setProperty("vendor.zoru.flipped", road == Road::SOURCE ? "false" : "true");
+        host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
-        if (road != Road::SOURCE) return;
         std::filesystem::current_path(mFolder.path());
         std::ofstream(kClip).write(reinterpret_cast<const char*>(mFrame.data()),
                                    static_cast<std::streamsize>(mFrame.size()));
         std::filesystem::resize_file(kClip, kit::kFrameBytes);
     }
 
-    void go(const Fault& fault, int n) {
+    void go() {
         const kit::Holdings before = kit::Holdings::of();
-        arm(fault, n);
+        arm();
         serve();
         live(mEffect == Effect::NONE);
         heal();
@@ -89,158 +113,128 @@ public:
         end();
         kit::Holdings after;
         if (!waitUntil([&] { return (after = kit::Holdings::of()) == before; }))
-            fail(after.differenceFrom(before).c_str());
+            fail(after.differenceFrom(before));
     }
 
 private:
     /** Begins to serve, where it does not yet. */
     void serve() {
-        const std::string path = mFolder / "socket";
         std::string problem;
         if (mRoad == Road::SOCKET && mServer == nullptr) {
             asProvider([&]() noexcept {
-                mServer = host::Server::listen(path, mSession->getInterface(), problem);
+                mServer = host::Server::listen(mSocket, mSession->getInterface(), problem);
             });
             if (mServer == nullptr && problem.empty()) fail("it says not why it does not serve");
         }
-        if (mRoad == Road::SOURCE &&
-            (mSource == nullptr || !mSource->isRunning() || errors("pBuffer") > 0)) {
-            endSource();
-            letPausesEnd(false);
-            // The object's own memory is asked for here, and not by the library.
-            // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
-            asProvider([&]() noexcept { mSource = new FDSessionTest; });
-            letPausesEnd(true);
-        }
-        if (mRoad != Road::SOURCE && !mProvider.joinable())
-            mProvider = std::thread([this] { asProvider([this] { provide(); }); });
+        if (mProvider.joinable() && errors("pBuffer") == 0) return;
+        endProviding();
+        mLog.clear();
+        // Its passes are made here. Its own memory is asked for here, too, and not by the library.
+        host::failNextThreadStart();
+        // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
+        asProvider([this]() noexcept { mSource = new FDSessionTest; });
+        mProvider = std::thread([this] { asProvider([this] { provide(); }); });
+    }
+
+    void endProviding() {
+        if (!mProvider.joinable()) return;
+        mEnd = true;
+        mProvider.join();
+        mEnd = false;
+        mSource->decStrong(this);  // without a thread it keeps itself
     }
 
     void end() {
         mClient.clear();
         mAnswers.clear();
         mServer.reset();
-        mEnd = true;
-        if (mProvider.joinable()) mProvider.join();
-        endSource();
+        endProviding();
         mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
-    }
-
-    void endSource() {
-        if (mSource == nullptr) return;
-        mSource->requestExit();
-        mSource->join();
-        // Without a thread it keeps itself, for good.
-        if (errors("the object stays") > 0) mSource->decStrong(this);
-        mSource.clear();
-        mLog.clear();
     }
 
     /** Fills what the client asks for. */
     void provide() {
         while (!mEnd) {
-            CaptureRequest request = {};
-            if (mSession->getProcessCaptureRequest(request) != 0) {
-                usleep(0);
-                continue;
-            }
             FDNotifyMsg msg = {};
-            mSession->sendNotify(msg);
-            // Null when a client has configured anew meanwhile.
-            const auto buffer = mSession->getBufferForId(request.outputBuffers[0].bufferId);
-            const bool isFilled = buffer != nullptr && ZoruUtil::copyTo(mFrame.data(), buffer) == 0;
-            auto input = std::move(request.inputBuffer);
-            CaptureResult result = kit::resultFor(std::move(request));
-            result.inputBuffer = std::move(input);
-            result.outputBuffers[0].status = isFilled ? BufferStatus::OK : BufferStatus::ERROR;
-            mSession->sendCaptureResult(result);
+            if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
+            mSource->threadLoop();
         }
     }
 
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
-    void live(bool wantsAll) {
-        if (mRoad == Road::SOURCE && !mSource->isRunning()) return;  // no thread could be made
+    void live(bool wantsAll) try {
+        mWantsAll = wantsAll;
         std::string problem;
         if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
-            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mFolder / "socket", problem)
+            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mSocket, problem)
                                             : mSession->getInterface();
         }
-        if (mClient == nullptr) {
-            if (wantsAll) fail(problem.c_str());
-            return;
-        }
+        if (mClient == nullptr && wantsAll) fail(problem);
+        if (mClient == nullptr) return;
         mAnswers = new Answers(mNextId);
-        if (call(wantsAll, [&] { return mClient->setCallback(mAnswers); }) != Told::YES) return;
+        if (!call([&] { return mClient->setCallback(mAnswers); })) return;
         for (int configuration = 0; configuration < 2; ++configuration) {
             const auto streams = kit::configurationOf(kSize);
-            if (call(wantsAll, [&] { return mClient->configure(streams); }) != Told::YES) return;
+            if (!call([&] { return mClient->configure(streams); })) return;
             for (int i = 0; i < 2; ++i) {
                 const uint64_t id = mNextId++;
                 const host::Buffer buffer = kit::allocate(kSize);
-                const Told told = ask(wantsAll, id, buffer, buffer.handle());
-                if (told == Told::LOST) return;
-                const bool isKnown = told == Told::YES;
-                const Told again = ask(wantsAll && isKnown, id, buffer, nullptr);
-                if (again == Told::LOST) return;
-                if (again == Told::YES && !isKnown)
+                const bool isKnown = ask(id, buffer, buffer.handle());
+                if (ask(id, buffer, nullptr) && !isKnown)
                     fail("a buffer stays known of a request that was refused");
             }
         }
-        call(wantsAll, [&] { return mClient->setCallback(nullptr); });
+        call([&] { return mClient->setCallback(nullptr); });
+    } catch (const Lost&) {
     }
 
-    /** A request and its frame. */
-    Told ask(bool wantsAll, uint64_t id, const host::Buffer& buffer,
-             const native_handle_t* handle) {
+    /** Whether a request is accepted; it then has a frame, or a word of it. */
+    bool ask(uint64_t id, const host::Buffer& buffer, const native_handle_t* handle) {
         std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0});
         CaptureRequest request = kit::requestFor(1, id, handle);
         request.outputBuffers[0].acquireFence = mFence;
         request.outputBuffers[0].releaseFence = mFence;
-        request.inputBuffer.streamId = kInput;
+        request.inputBuffer.streamId = 7;
         request.inputBuffer.acquireFence = mFence;
         const int before = mAnswers->came;
-        const auto said = mRoad == Road::SOURCE ? 0 : errors();
+        const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
-        const Told told = call(wantsAll, [&] { return mClient->processCaptureRequest(request); });
-        if (told != Told::YES) return told;
+        if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
         if (!waitUntil([&] { return mAnswers->came > before || errors(kNotDelivered) > lost; }))
             fail("neither a frame nor a word of it");
         const bool hasCome = mAnswers->came > before;
-        const bool isRight = hasCome && mAnswers->wasFilled &&
-                             kit::packed(buffer) ==
-                                 (mRoad == Road::SOURCE ? mFrame : kit::turnedBy180(mFrame, kSize));
-        if (isRight) return Told::YES;
-        if (wantsAll) fail("the frame is not right");
+        if (hasCome && mAnswers->wasFilled && kit::packed(buffer) == mTurned) return true;
+        if (mWantsAll) fail("the frame is not right");
         if (errors() == said && !(hasCome && !mAnswers->wasFilled))
             fail("the frame is wrong, and nobody was told");
-        return mEffect == Effect::LOSS ? Told::LOST : Told::YES;
+        if (mEffect == Effect::LOSS) throw Lost{};
+        return true;
     }
 
-    /** What becomes of a call; what refuses it says why. */
-    template <typename Call>
-    Told call(bool wantsAll, Call call) {
+    /** Whether a call is accepted; what refuses it says why. */
+    bool call(const std::function<Return<Status>()>& operation) {
         const auto start = std::chrono::steady_clock::now();
         const auto said = errors();
         Return<Status> answer;
-        const auto make = [&] { answer = call(); };
+        const auto make = [&] { answer = operation(); };
         mRoad == Road::SOCKET ? make() : asProvider(make);
         if (std::chrono::steady_clock::now() - start > host::kCallPatience + kPatience / 2)
             fail("a call took too long");
-        if (host::isAccepted(answer)) return Told::YES;
+        if (host::isAccepted(answer)) return true;
         const std::string why = answer.description();
-        if (wantsAll) fail(("not accepted: " + why).c_str());
+        if (mWantsAll) fail("not accepted: " + why);
         if (answer.isOk() && errors() == said) fail("a refusal, and nobody was told why");
         if (mEffect < Effect::SILENCE && why.find("no answer within") != std::string::npos)
             fail("no answer");
-        if (answer.isOk() || mClient->ping().isOk()) return Told::NO;
-        return Told::LOST;
+        if (!answer.isOk() && !mClient->ping().isOk()) throw Lost{};
+        return false;
     }
 
     /** How many lines at ERROR have this in them. */
     int64_t errors(const std::string& part = "") const {
-        const auto lines = mLog.lines();
-        return std::count_if(lines.begin(), lines.end(), [&](const host::LogLine& line) {
-            return line.priority == ANDROID_LOG_ERROR && line.text.find(part) != std::string::npos;
+        const auto lines = mLog.said();
+        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line[0] == 'E' && line.find(part) != std::string::npos;
         });
     }
 
@@ -256,13 +250,16 @@ private:
     const Road mRoad;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
-    kit::Frame mFrame = kit::patternOf(kSize);
+    const std::string mSocket = mFolder / "socket";
+    const kit::Frame mFrame = kit::patternOf(kSize);
+    const kit::Frame mTurned = kit::turnedBy180(mFrame, kSize);
     uint64_t mNextId = 1;
+    bool mWantsAll = false;
     const hidl_handle mFence = fence();
     LogLines mLog;
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
-    sp<FDSessionTest> mSource;
+    FDSessionTest* mSource = nullptr;
     std::atomic<bool> mEnd{false};
     std::thread mProvider;
     sp<IFDSession> mClient;
@@ -278,11 +275,11 @@ sp<Spy> faulty(const sp<Mapper>& real) {
 
 }  // namespace
 
-void runSession(Road road, bool isOldMapper, const Fault& fault, int n, Effect effect) {
-    const host::ScopedMapper mappers(
-        isOldMapper ? nullptr : faulty<SpyMapper3>(host::realMapper3()),
-        faulty<SpyMapper2>(host::realMapper2()));
-    Run(road, effect).go(fault, n);
+void runSession(Road road, Effect effect) {
+    const auto mapper3 = faulty<SpyMapper3>(host::realMapper3());
+    const auto mapper2 = faulty<SpyMapper2>(host::realMapper2());
+    const host::ScopedMapper mappers(road == Road::OLD_MAPPER ? nullptr : mapper3, mapper2);
+    Run(road, effect).go();
 }
 
 }  // namespace faults

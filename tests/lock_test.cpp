@@ -19,7 +19,6 @@
 #include "closing.h"
 #include "holdings.h"
 #include "host/log.h"
-#include "host/mapper.h"
 #include "host/properties.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
@@ -30,6 +29,7 @@
 #include "slot_reserve.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
+#include "support/spy_mapper.h"
 #include "support/stress.h"
 
 namespace testing_support {
@@ -94,60 +94,48 @@ TEST(LockTest, IsKeptByPropertiesAndLog) {
     const host::ScopedLogSink scope(outer);
     race({{"print", print}, {"another print", print}}, kRounds);
     EXPECT_EQ(outer.count, 2 * kRounds);
-    race({{"print", print},
-          {"another print", print},
-          {"capture", [](size_t) { const LogLines inner; }}},
-         kRounds);
+    const auto capture = [](size_t) { const LogLines inner; };
+    race({{"print", print}, {"another print", print}, {"capture", capture}}, kRounds);
 
-    host::LogCapture capture;
-    const std::vector<Side> readers = {
-        {"lines", [&](size_t) { capture.lines(); }},
-        {"texts", [&](size_t) { capture.texts("lock"); }},
-        {"count", [&](size_t) { capture.count("line"); }},
-        {"clear", [&](size_t) { capture.clear(); }},
-        {"waitFor", [&](size_t) {
-             static_cast<void>(capture.waitFor("none", 1, std::chrono::milliseconds(0)));
-         }}};
-    for (const Side& reader : readers)
-        race({{"print", print}, reader}, kRounds / 2);
+    host::LogCapture log;
+    constexpr std::chrono::milliseconds kAtOnce(0);
+    race({{"print", print},
+          {"lines", [&](size_t) { log.lines(); }},
+          {"texts", [&](size_t) { log.texts("lock"); }},
+          {"count", [&](size_t) { log.count("line"); }},
+          {"clear", [&](size_t) { log.clear(); }},
+          {"waitFor", [&](size_t) { static_cast<void>(log.waitFor("none", 1, kAtOnce)); }}},
+         kRounds);
 }
 
 TEST(LockTest, IsKeptByTheMappersOfAProcess) {
     // Without a service, whose count of references would order the threads.
     const host::ScopedMapper none(nullptr, nullptr);
-    using Mapper2 = android::hardware::graphics::mapper::V2_0::IMapper;
-    using Mapper3 = android::hardware::graphics::mapper::V3_0::IMapper;
-    const auto get2 = [](size_t) { Mapper2::getService(); };
-    const auto get3 = [](size_t) { Mapper3::getService(); };
-    race({{"2.0", get2}, {"asked2", [&](size_t) { none.asked2(); }}, {"another 2.0", get2}},
-         kRounds);
-    race({{"3.0", get3}, {"asked3", [&](size_t) { none.asked3(); }}, {"another 3.0", get3}},
-         kRounds);
+    const auto get2 = [](size_t) { mapper2::IMapper::getService(); };
+    const auto get3 = [](size_t) { mapper3::IMapper::getService(); };
     const auto scope = [](size_t) { const host::ScopedMapper inner(nullptr, nullptr); };
-    race({{"scope", scope}, {"2.0", get2}, {"3.0", get3}}, kRounds);
+    race({{"2", get2}, {"2", get2}, {"asked2", [&](size_t) { none.asked2(); }}}, kRounds);
+    race({{"3", get3}, {"3", get3}, {"asked3", [&](size_t) { none.asked3(); }}}, kRounds);
+    race({{"scope", scope}, {"2", get2}, {"3", get3}}, kRounds);
 }
 
 TEST(LockTest, IsKeptByTheMapper) {
-    using host::detail::BufferMapper;
-    BufferMapper& mapper = BufferMapper::get();
+    auto& mapper = host::detail::BufferMapper::get();
     const host::Buffer buffer = allocate(16, 8);
-    const auto import = [&](size_t) {
-        buffer_handle_t imported = nullptr;
-        mapper.import(buffer.handle(), imported);
-        return imported;
-    };
-    std::vector<buffer_handle_t> imported(kRounds);
-    std::vector<buffer_handle_t> freed;
-    for (size_t i = 0; i < kRounds; ++i)
-        freed.push_back(import(i));
-    const buffer_handle_t known = import(0);
+    // The last one is known all the time, the first ones are freed, the others are made meanwhile.
+    std::vector<buffer_handle_t> imported(2 * kRounds + 1);
+    const auto import = [&](size_t i) { mapper.import(buffer.handle(), imported[i]); };
+    const buffer_handle_t& known = imported.back();
     const host::detail::MapperRect whole = {0, 0, 16, 8};
     void* data = nullptr;
     host::detail::MapperLayout layout = {};
-    for (size_t i = 0; i < kRounds; ++i)
+    import(2 * kRounds);
+    for (size_t i = 0; i < kRounds; ++i) {
+        import(i);
         mapper.lock(known, 3, whole, data);
-    race({{"import", [&](size_t i) { imported[i] = import(i); }},
-          {"free", [&](size_t i) { mapper.free(freed[i]); }},
+    }
+    race({{"import", [&](size_t i) { import(kRounds + i); }},
+          {"free", [&](size_t i) { mapper.free(imported[i]); }},
           {"lock", [&](size_t) { mapper.lock(known, 3, whole, data); }},
           {"lockYCbCr", [&](size_t) { mapper.lockYCbCr(known, 3, whole, layout); }},
           {"unlock", [&](size_t) { mapper.unlock(known); }},
@@ -155,9 +143,8 @@ TEST(LockTest, IsKeptByTheMapper) {
           {"counters", [&](size_t) { mapper.counters(); }},
           {"failLock", [&](size_t) { mapper.failLock(0, 0); }}},
          kRounds);
-    imported.push_back(known);
-    for (const buffer_handle_t handle : imported)
-        mapper.free(handle);
+    for (size_t i = kRounds; i < imported.size(); ++i)
+        mapper.free(imported[i]);
 }
 
 TEST(LockTest, IsKeptByAThread) {
@@ -173,16 +160,11 @@ TEST(LockTest, IsKeptByAThread) {
     EXPECT_EQ((new Early)->run("late"), android::NO_ERROR);  // goes with its thread
 }
 
-TEST(LockTest, IsKeptByWhatClosesLater) {
+TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
     const auto close = [](size_t) { host::detail::closeLater(host::UniqueFd(dup(STDERR_FILENO))); };
-    race({{"close", close},
-          {"another close", close},
-          {"isClosingBehind", [](size_t) { static_cast<void>(host::detail::isClosingBehind()); }}},
-         kRounds / 3);
-}
+    const auto look = [](size_t) { static_cast<void>(host::detail::isClosingBehind()); };
+    race({{"close", close}, {"another close", close}, {"isClosingBehind", look}}, kRounds / 3);
 
-TEST(LockTest, IsKeptByWhatIsServed) {
-    using host::detail::ServedCalls;
     const sp<host::IBase> object = new host::IBase;
     std::vector<std::unique_ptr<host::ServedWatch>> watches(2 * kRounds);
     const auto make = [&](size_t i) { watches[i] = std::make_unique<host::ServedWatch>(object); };
@@ -192,7 +174,7 @@ TEST(LockTest, IsKeptByWhatIsServed) {
           {"let go", [&](size_t i) { watches[i].reset(); }},
           {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }}},
          kRounds);
-    ServedCalls calls([](host::ServedEnd) {});
+    host::detail::ServedCalls calls([](host::ServedEnd) {});
     for (size_t i = 0; i < kRounds; ++i)
         calls.begin();
     race({{"begin", [&](size_t) { calls.begin(); }},
@@ -205,26 +187,20 @@ TEST(LockTest, IsKeptByWhatIsServed) {
 }
 
 TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
-    const host::InterfaceMakers makers = {};
-    race({{"register",
-           [&](size_t i) { host::registerInterface(std::to_string(i).c_str(), makers); }},
-          {"find",
-           [](size_t i) {
-               while (host::detail::findInterface(std::to_string(i).c_str()) == nullptr)
-                   std::this_thread::yield();
-           }}},
-         kRounds);
+    const auto enter = [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); };
+    const auto find = [](size_t i) {
+        while (host::detail::findInterface(std::to_string(i).c_str()) == nullptr)
+            std::this_thread::yield();
+    };
+    race({{"register", enter}, {"find", find}}, kRounds);
 
     host::RequestBounds bounds;
     const CaptureRequest request = requestFor(1, 1, nullptr);
     const hidl_vec<CaptureResult> results = {resultFor(request)};
-    std::vector<std::unique_ptr<host::RequestBounds::Place>> places(2 * kRounds);
-    const auto place = [&](size_t i) {
-        places[i] = std::make_unique<host::RequestBounds::Place>(bounds, request);
-    };
+    std::vector<std::optional<host::RequestBounds::Place>> places(2 * kRounds);
     for (size_t i = 0; i < kRounds; ++i)
-        place(i);
-    race({{"place", [&](size_t i) { place(kRounds + i); }},
+        places[i].emplace(bounds, request);
+    race({{"place", [&](size_t i) { places[kRounds + i].emplace(bounds, request); }},
           {"let go", [&](size_t i) { places[i].reset(); }},
           {"handedOver", [&](size_t) { bounds.handedOver(results); }},
           {"restart", [&](size_t) { bounds.restart(); }}},
@@ -241,48 +217,39 @@ TEST(LockTest, IsKeptByInterfacesBoundsAndSlots) {
 }
 
 TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
-    constexpr size_t kChannels = 20;
-    std::vector<std::unique_ptr<host::CallChannel>> channels;
-    std::vector<host::UniqueFd> peers;
-    std::vector<Recipient*> told;
-    // Handed over as they are: a copy's count would order the threads.
-    std::vector<sp<android::hardware::hidl_death_recipient>> recipients;
-    for (size_t i = 0; i < kChannels; ++i) {
-        auto [one, other] = kit::socketPair();
-        channels.push_back(std::make_unique<host::CallChannel>(std::move(one)));
-        peers.push_back(std::move(other));
-        told.push_back(new Recipient);
-        recipients.emplace_back(told.back());
-    }
+    struct Link {
+        std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
+        host::CallChannel channel{std::move(ends.first)};
+        // Handed over as it is: a copy's count would order the threads.
+        Recipient* told = new Recipient;
+        const sp<android::hardware::hidl_death_recipient> recipient = told;
+    };
+    std::vector<Link> links(20);
     const sp<android::hardware::hidl_death_recipient> never = new Recipient;
-    race({{"link", [&](size_t) { channels[0]->linkToDeath(never, 0, nullptr); }},
-          {"another link", [&](size_t) { channels[0]->linkToDeath(never, 0, nullptr); }},
-          {"unlink",
-           [&](size_t) {
-               while (!channels[0]->unlinkToDeath(never))
-                   std::this_thread::yield();
-           }}},
-         kChannels);
-    while (channels[0]->unlinkToDeath(never)) {
+    host::CallChannel& first = links[0].channel;
+    const auto link = [&](size_t) { first.linkToDeath(never, 0, nullptr); };
+    const auto unlink = [&](size_t) {
+        while (!first.unlinkToDeath(never))
+            std::this_thread::yield();
+    };
+    race({{"link", link}, {"another link", link}, {"unlink", unlink}}, links.size());
+    while (first.unlinkToDeath(never)) {
     }
-    for (size_t i = 0; i < kChannels; ++i)
-        channels[i]->linkToDeath(recipients[i], 0, nullptr);
-    race({{"die", [&](size_t i) { peers[i].reset(); }},
-          {"unlink when told",
-           [&](size_t i) {
-               while (!told[i]->isTold.load(std::memory_order_relaxed))
-                   std::this_thread::yield();
-               EXPECT_FALSE(channels[i]->unlinkToDeath(recipients[i]));
-           }},
-          {"call",
-           [&](size_t i) {
-               static_cast<void>(channels[i]->call(1, {}, [](host::Reader& /*reader*/) {}));
-           }},
-          {"another call",
-           [&](size_t i) {
-               static_cast<void>(channels[i]->call(1, {}, [](host::Reader& /*reader*/) {}));
-           }}},
-         kChannels);
+    for (Link& each : links)
+        each.channel.linkToDeath(each.recipient, 0, nullptr);
+    const auto unlinkWhenTold = [&](size_t i) {
+        while (!links[i].told->isTold.load(std::memory_order_relaxed))
+            std::this_thread::yield();
+        EXPECT_FALSE(links[i].channel.unlinkToDeath(links[i].recipient));
+    };
+    const auto call = [&](size_t i) {
+        static_cast<void>(links[i].channel.call(1, {}, [](host::Reader& /*reader*/) {}));
+    };
+    race({{"die", [&](size_t i) { links[i].ends.second.reset(); }},
+          {"unlink when told", unlinkWhenTold},
+          {"call", call},
+          {"another call", call}},
+         links.size());
 }
 
 TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {

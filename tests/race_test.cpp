@@ -1,27 +1,35 @@
 // Each operation of the session against those that touch the same, over and over, for the thread
-// sanitizer; against one that has the session locked; and where each one lets go of the lock.
+// sanitizer; and where each one lets go of the lock.
 
 #include <dlfcn.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "host/log.h"
 #include "host/properties.h"
 #include "session_control.h"
 #include "support/driven_session.h"
+#include "support/spy_mapper.h"
 
 #ifndef __SANITIZE_THREAD__  // which cannot do without its own
 
-/** Runs each time when this thread has let go of a recursive mutex, so that others may have it. */
+/** Runs once when this thread has let go of a recursive mutex, so that others may have it. */
 static thread_local std::function<void()> afterUnlock;
+/** The recursive mutex that this thread has let go of last: the session's. */
+static thread_local const pthread_mutex_t* sessionLock = nullptr;
 
-// glibc keeps in the mutex what it is and how often its thread has it.
+// glibc keeps in the mutex what it is, who has it, and how often.
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     // Without a guard: libc++abi unlocks a mutex while it makes what has one.
     using Unlock = int (*)(pthread_mutex_t*);
@@ -30,9 +38,9 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     const bool isLast =
         mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE && mutex->__data.__count == 1;
     const int result = next.load()(mutex);
-    if (!isLast || !afterUnlock) return result;
-    const std::function<void()> now = afterUnlock;  // which may put another one there
-    now();
+    if (isLast) sessionLock = mutex;
+    // It may put another one there.
+    if (const auto now = isLast ? std::exchange(afterUnlock, nullptr) : nullptr) now();
     return result;
 }
 #endif
@@ -46,12 +54,6 @@ SceneControl sceneOf(int i) {
     scene.crops.resize(static_cast<size_t>(i % 3));
     scene.peopleCount = i;
     return scene;
-}
-
-TrackControl trackOf(int i) {
-    TrackControl track = {};
-    track.timestampNs = i;
-    return track;
 }
 
 uint64_t idOf(int i) {
@@ -103,7 +105,7 @@ protected:
         {"setPTZControl", [this](int i) { session->setPTZControl(sceneOf(i)); }},
         {"getPTZControl", get(&FDSession::getPTZControl)},
         {"resetPTZScene", [this](int) { session->resetPTZScene(); }},
-        {"setTrackControl", [this](int i) { session->setTrackControl(trackOf(i)); }},
+        {"setTrackControl", [this](int) { session->setTrackControl({}); }},
         {"getTrackControl", get(&FDSession::getTrackControl)},
         {"setSceneCallback", [this](int) { replaceObserver(); }},
         {"pass", [this](int) { pass(); }}};
@@ -126,28 +128,55 @@ TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
         {"setTrackControl", "getTrackControl"}};
     configure();
     host::setProperty("vendor.zoru.flipped", "true");
-    const auto run = [&](const std::vector<std::string>& names, size_t rounds) {
+    callback->during = [] { std::this_thread::yield(); };  // on a busy processor, too
+    for (const auto& names : races) {
         std::vector<Side> sides;
-        sides.reserve(names.size());
         for (const std::string& name : names)
             sides.push_back({name, operations.at(name)});
-        race(sides, rounds);
-    };
-    for (const auto& names : races)
-        run(names, 300);
-    std::vector<std::string> all;
-    for (const auto& [name, operation] : operations)
-        all.push_back(name);
-    run(all, 100);
+        race(sides, 300);
+    }
+    race({operations.begin(), operations.end()}, 100);
 }
 
 #ifndef __SANITIZE_THREAD__
-TEST_F(RaceTest, LetsGoOfTheLockNowhereInTheMiddleOfAnOperation) {
-    const std::map<std::string, int> notOnce = {
-        {"isCaptureRequestReady", 0},
-        {"sendCaptureResult", 0},
-        {"setTrackControl", 2},  // the observer looks, without the lock
-        {"pass", 4}};            // the wrapper, the callback, the stale request, the callback
+/** Where an operation of this thread comes by, in capitals where it has the session locked. */
+struct Trace : public host::LogSink {
+    explicit Trace(FDSession& traced) : session(traced) {}
+    void note(char place) {
+        const bool isLocked = sessionLock->__data.__owner == gettid();
+        const char now = isLocked ? static_cast<char>(toupper(place)) : place;
+        if (places.empty() || places.back() != now || now == '.') places += now;
+        // Which would wait for itself if the operation had the queue locked.
+        if (!isLocked && place != '.') session.sendCaptureResult({});
+    }
+    /** Puts a note there, and each time again. */
+    void noteAt(std::function<void()>& hook, char place) {
+        hook = [this, &hook, place] {
+            note(place);
+            noteAt(hook, place);
+        };
+    }
+    void write(const host::LogLine& /*line*/) override { note('l'); }
+
+    FDSession& session;
+    std::string places;
+};
+
+TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowhereElse) {
+    // l: a line of the log, o: the observer, m: the mapper, c: the client, .: lets go of the lock.
+    const std::map<std::string, std::string> places = {
+        {"configure", "lLM."},
+        {"isCaptureRequestReady", ""},
+        {"pass", ".l.c..c"},  // a result, turned, and a stale request
+        {"processCaptureRequest", "ML."},
+        {"resetPTZScene", "L."},
+        {"sendCaptureResult", ""},
+        {"sendNotify", ".c"},
+        {"setCallback", "l."},
+        {"setPTZControl", "O."},
+        {"setSceneControl", "O."},
+        {"setTrackControl", "..o"},  // the observer looks, too
+        {"setTrackingMode", "LO."}};
     host::setProperty("vendor.zoru.flipped", "true");
     for (const auto& [name, operation] : operations) {
         configure();
@@ -155,12 +184,19 @@ TEST_F(RaceTest, LetsGoOfTheLockNowhereInTheMiddleOfAnOperation) {
         session->sendCaptureResult(resultOf(1));
         session->setSceneCallback(&observer);
         session->setTrackingMode(TrackingMode::GROUP);
-        int times = 0;
-        afterUnlock = [&] { ++times; };
-        operation(3);
-        afterUnlock = nullptr;
-        const auto other = notOnce.find(name);
-        EXPECT_EQ(times, other != notOnce.end() ? other->second : 1) << name;
+        if (name == "pass") host::failNextUnlock(5);  // which leaves a line while it turns
+        Trace trace(*session);
+        callback->during = [&] { trace.note('c'); };
+        {
+            const host::ScopedLogSink scope(trace);
+            trace.noteAt(observer.inside, 'o');
+            trace.noteAt(sessionMapper().during, 'm');
+            trace.noteAt(afterUnlock, '.');
+            operation(3);
+        }
+        observer.inside = callback->during = sessionMapper().during = afterUnlock = nullptr;
+        const auto other = places.find(name);
+        EXPECT_EQ(trace.places, other != places.end() ? other->second : ".") << name;
     }
 }
 
@@ -171,10 +207,7 @@ TEST_F(RaceTest, DeliversToTheCallbackThatIsSetBeforeTheFrameIsTurned) {
     session->sendCaptureResult(resultOf(1));
     host::setProperty("vendor.zoru.flipped", "true");
     // What the turning needs first is the lock, for the wrapper.
-    afterUnlock = [&] {
-        afterUnlock = nullptr;
-        session->handleSetCallback(new Callback(later));
-    };
+    afterUnlock = [&] { session->handleSetCallback(new Callback(later)); };
     pass();
     EXPECT_EQ(deliveries.count(), 0U);
     EXPECT_EQ(later.count(), 2U);  // the frame, and the request that has grown old
@@ -185,7 +218,6 @@ TEST_F(RaceTest, LetsGoOfNoObserverThatIsAboutToBeCalled) {
     session->setSceneCallback(&observer);
     std::optional<Meanwhile> letGo;
     afterUnlock = [&] {
-        afterUnlock = nullptr;
         letGo.emplace([this] { session->setSceneCallback(nullptr); }, Other::WAITS);
     };
     session->setTrackControl({});
@@ -199,7 +231,6 @@ TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
     EXPECT_EQ(controls->startFollowing(), control::Answer::OK);
     std::optional<Meanwhile> off;
     afterUnlock = [&] {  // when the step has looked at the mode
-        afterUnlock = nullptr;
         off.emplace([&] { static_cast<void>(controls->setMode(TrackingMode::OFF).isOk()); },
                     Other::WAITS);
     };
@@ -210,26 +241,5 @@ TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
     EXPECT_EQ(view.crops.size(), before.crops.size());
 }
 #endif
-
-TEST_F(RaceTest, LetsAllButTwoOperationsWaitWhileTheSessionIsLocked) {
-    configure();
-    callback->during = [this] { EXPECT_FALSE(isInObserver); };
-    const auto expectWith = [&](const std::string& name, Other expected) {
-        SCOPED_TRACE(name);
-        where = name;
-        expectInObserver([this] { session->setSceneControl({}); }, expected,
-                         [&] { operations.at(name)(1); });
-    };
-    for (const auto& [name, operation] : operations) {
-        const bool needsNoLock = name == "isCaptureRequestReady" || name == "sendCaptureResult";
-        expectWith(name, needsNoLock ? Other::GOES_ON : Other::WAITS);
-    }
-    session->handleSetCallback(callback);
-    expectWith("sendNotify", Other::WAITS);
-    session->sendCaptureResult(resultOf(1));
-    const size_t before = deliveries.count();
-    expectWith("pass", Other::WAITS);  // with something to deliver, and before that nothing
-    EXPECT_GT(deliveries.count(), before);
-}
 
 }  // namespace testing_support

@@ -1,10 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <functional>
-#include <optional>
 #include <string>
 #include <utility>
 
@@ -57,7 +55,7 @@ struct WithoutMonitor {
     WithoutMonitor() { host::failNextThreadStart(); }
 };
 
-/** A session whose passes the test drives, and an observer that holds a call of it up. */
+/** A session whose passes the test drives, and an observer that a test can hold up. */
 class DrivenSession : private WithoutMonitor, public SessionFixture {
 protected:
     using Probe = std::function<void()>;
@@ -69,24 +67,10 @@ protected:
         clock.stepBy(2000000);
         session->threadLoop();
     }
-    /** What `other` does on another thread while `act` is inside the observer. */
-    void expectInObserver(const Probe& act, Other expected, const Probe& other) {
-        std::optional<Meanwhile> meanwhile;
-        observer.inside = [&] {
-            isInObserver = true;
-            meanwhile.emplace(other, expected);
-            session->getTrackingMode();  // whoever waits does so without the lock
-            isInObserver = false;
-        };
-        session->setSceneCallback(&observer);
-        act();
-        EXPECT_TRUE(meanwhile.has_value());
-    }
 
     const Watchdog watchdog{[this] { return where; }, std::chrono::seconds(30)};
     std::string where;
     WallClock clock;
-    std::atomic<bool> isInObserver{false};
     GateObserver observer{*session};
 };
 

@@ -28,10 +28,8 @@ namespace {
 thread_local bool tIsProvider = false;
 
 Fault sFault = {};
-int sFirst = 0;
 std::atomic<bool> sIsArmed{false};
 std::atomic<int> sCalls{0};
-std::atomic<bool> sDoPausesEnd{true};
 
 bool fails(const char* call) {
     const int error = errorOf(call);
@@ -54,9 +52,11 @@ void* begin(void* argument) {
 
 }  // namespace
 
-void arm(const Fault& fault, int n) {
+void choose(const Fault& fault) {
     sFault = fault;
-    sFirst = n;
+}
+
+void arm() {
     sIsArmed = true;
 }
 
@@ -65,7 +65,7 @@ void heal() {
 }
 
 bool wasReached() {
-    return sCalls >= sFirst;
+    return sCalls >= sFault.n;
 }
 
 void asProvider(const std::function<void()>& what) {
@@ -79,14 +79,10 @@ void asProvider(const std::function<void()>& what) {
     tIsProvider = false;
 }
 
-void letPausesEnd(bool mayEnd) {
-    sDoPausesEnd = mayEnd;
-}
-
 int errorOf(const char* call) {
     if (!tIsProvider || !sIsArmed || strcmp(call, sFault.call) != 0) return 0;
     const int n = ++sCalls;
-    return n == sFirst || (sFault.stays && n > sFirst) ? sFault.error : 0;
+    return n == sFault.n || (sFault.stays && n > sFault.n) ? sFault.error : 0;
 }
 
 }  // namespace faults
@@ -102,36 +98,31 @@ int errorOf(const char* call) {
     }
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
-FAILING(int, accept4, (int fd, sockaddr* peer, socklen_t* size, int flags), (fd, peer, size, flags),
-        -1, )
-FAILING(int, bind, (int fd, const sockaddr* address, socklen_t size), (fd, address, size), -1,
+FAILING(int, accept4, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d), -1, )
+FAILING(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), -1, noexcept)
+FAILING(int, chmod, (const char* a, mode_t b), (a, b), -1, noexcept)
+FAILING(int, eventfd, (unsigned a, int b), (a, b), -1, noexcept)
+FAILING(int, fflush, (FILE * a), (a), EOF, )
+FAILING(int, flock, (int a, int b), (a, b), -1, noexcept)
+FAILING(FILE*, fopen, (const char* a, const char* b), (a, b), nullptr, )
+FAILING(size_t, fread, (void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0, )
+FAILING(int, fseek, (FILE * a, long b, int c), (a, b, c), -1, )
+FAILING(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0, )
+FAILING(int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), (a, b, c, d, e), -1,
         noexcept)
-FAILING(int, chmod, (const char* path, mode_t mode), (path, mode), -1, noexcept)
-FAILING(int, eventfd, (unsigned count, int flags), (count, flags), -1, noexcept)
-FAILING(int, fflush, (FILE * file), (file), EOF, )
-FAILING(int, flock, (int fd, int operation), (fd, operation), -1, noexcept)
-FAILING(FILE*, fopen, (const char* path, const char* mode), (path, mode), nullptr, )
-FAILING(size_t, fread, (void* data, size_t size, size_t count, FILE* file),
-        (data, size, count, file), 0, )
-FAILING(int, fseek, (FILE * file, long to, int from), (file, to, from), -1, )
-FAILING(size_t, fwrite, (const void* data, size_t size, size_t count, FILE* file),
-        (data, size, count, file), 0, )
-FAILING(int, getsockopt, (int fd, int level, int option, void* value, socklen_t* size),
-        (fd, level, option, value, size), -1, noexcept)
-FAILING(int, listen, (int fd, int backlog), (fd, backlog), -1, noexcept)
-FAILING(int, poll, (pollfd * entries, nfds_t count, int timeout), (entries, count, timeout), -1, )
-FAILING(ssize_t, readlink, (const char* path, char* target, size_t size), (path, target, size), -1,
+FAILING(int, listen, (int a, int b), (a, b), -1, noexcept)
+FAILING(int, poll, (pollfd * a, nfds_t b, int c), (a, b, c), -1, )
+FAILING(ssize_t, readlink, (const char* a, char* b, size_t c), (a, b, c), -1, noexcept)
+FAILING(ssize_t, recvmsg, (int a, msghdr* b, int c), (a, b, c), -1, )
+FAILING(ssize_t, sendmsg, (int a, const msghdr* b, int c), (a, b, c), -1, )
+FAILING(int, setsockopt, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e), -1,
         noexcept)
-FAILING(ssize_t, recvmsg, (int fd, msghdr* message, int flags), (fd, message, flags), -1, )
-FAILING(ssize_t, sendmsg, (int fd, const msghdr* message, int flags), (fd, message, flags), -1, )
-FAILING(int, setsockopt, (int fd, int level, int option, const void* value, socklen_t size),
-        (fd, level, option, value, size), -1, noexcept)
-FAILING(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1, noexcept)
-FAILING(int, statx, (int fd, const char* path, int flags, unsigned mask, struct statx* status),
-        (fd, path, flags, mask, status), -1, noexcept)
+FAILING(int, socket, (int a, int b, int c), (a, b, c), -1, noexcept)
+FAILING(int, statx, (int a, const char* b, int c, unsigned d, struct statx* e), (a, b, c, d, e), -1,
+        noexcept)
 #ifdef FAULTS_OF_MEMORY  // a sanitizer has its own mmap, and its own memory
-FAILING(void*, mmap, (void* at, size_t size, int access, int flags, int fd, off_t offset),
-        (at, size, access, flags, fd, offset), MAP_FAILED, noexcept)
+FAILING(void*, mmap, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
+        MAP_FAILED, noexcept)
 
 extern "C" void* __libc_malloc(size_t size);
 extern "C" void* __libc_calloc(size_t count, size_t size);
@@ -186,13 +177,9 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
     return next(condition, mutex, &deadline);
 }
 
-/** The pause of the test frame source: for its pace, and for who makes it to get hold of it. */
-extern "C" int usleep(useconds_t us) {
-    constexpr useconds_t kSourcesPause = 50000;
+/** All pauses are short. */
+extern "C" int usleep(useconds_t /*us*/) {
     const timespec pause = {0, 200000};
-    do {
-        nanosleep(&pause, nullptr);
-    } while (us == kSourcesPause && !faults::sDoPausesEnd);
-    return 0;
+    return nanosleep(&pause, nullptr);
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

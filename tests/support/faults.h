@@ -8,15 +8,18 @@
  */
 namespace faults {
 
-/** What the first call does, and every later one if it stays: return this error. */
+/** What the n-th call returns, counted from 1, and every later one if it stays: this error. */
 struct Fault {
     const char* call;
     int error;
     bool stays;
+    int n;
 };
 
-/** From now on the n-th call of the provider's side fails, counted from 1. Before its threads. */
-void arm(const Fault& fault, int n);
+/** The one fault of this process. Before its threads. */
+void choose(const Fault& fault);
+/** From now on calls count. */
+void arm();
 /** The fault is over. */
 void heal();
 /** Whether there was such a call. */
@@ -25,9 +28,6 @@ bool wasReached();
 /** Runs this on the provider's side, and so every thread that it makes. Ends the process with 1
  * when an exception comes out. */
 void asProvider(const std::function<void()>& what);
-
-/** Whether the pauses of a frame source, which are short here, end: not before somebody has it. */
-void letPausesEnd(bool mayEnd);
 
 /** Counts a call of the provider's side. The error when it is to fail, else 0. */
 int errorOf(const char* call);

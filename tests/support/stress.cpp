@@ -12,22 +12,11 @@
 namespace testing_support {
 
 Watchdog::Watchdog(std::function<std::string()> where, std::chrono::milliseconds patience)
-    : mThread(
-          [this, where = std::move(where), deadline = std::chrono::system_clock::now() + patience] {
-              std::unique_lock<std::mutex> lock(mMutex);
-              if (mChanged.wait_until(lock, deadline, [this] { return mIsOver; })) return;
-              fprintf(stderr, "The watchdog ends what takes too long: %s\n", where().c_str());
-              abort();
-          }) {}
-
-Watchdog::~Watchdog() {
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mIsOver = true;
-    }
-    mChanged.notify_all();
-    mThread.join();
-}
+    : mThread([this, where = std::move(where), patience] {
+          if (mIsOver.get_future().wait_for(patience) == std::future_status::ready) return;
+          fprintf(stderr, "The watchdog ends what takes too long: %s\n", where().c_str());
+          abort();
+      }) {}
 
 void race(const std::vector<Side>& sides, size_t rounds, std::chrono::milliseconds patience) {
     // Counted without an order, which would order what the sides do, too.
@@ -38,7 +27,7 @@ void race(const std::vector<Side>& sides, size_t rounds, std::chrono::millisecon
             std::string text;
             for (size_t i = 0; i < sides.size(); ++i) {
                 const size_t round = reached[i].load(kNoOrder);
-                text += sides[i].name +
+                text += sides[i].first +
                         (round < rounds ? " in round " + std::to_string(round) : " ended") + "; ";
             }
             return text;
@@ -46,17 +35,15 @@ void race(const std::vector<Side>& sides, size_t rounds, std::chrono::millisecon
         patience);
     std::atomic<size_t> missing{sides.size()};
     std::vector<std::thread> threads;
-    threads.reserve(sides.size());
     for (size_t i = 0; i < sides.size(); ++i) {
         threads.emplace_back([&, i] {
             --missing;
             while (missing != 0)
                 std::this_thread::yield();
-            for (size_t round = 0; round < rounds; ++round) {
-                reached[i].store(round, kNoOrder);
-                sides[i].operation(round);
+            for (size_t round = 0; round < rounds; reached[i].store(++round, kNoOrder)) {
+                sides[i].second(round);
+                std::this_thread::yield();  // so that a short one has not ended at once
             }
-            reached[i].store(rounds, kNoOrder);
         });
     }
     for (std::thread& thread : threads)

@@ -4,12 +4,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <functional>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 /** Threads that race each other, and what one of them does while another one holds something. */
@@ -22,25 +22,23 @@ class Watchdog {
 public:
     explicit Watchdog(std::function<std::string()> where,
                       std::chrono::milliseconds patience = kStressPatience);
-    ~Watchdog();
+    ~Watchdog() {
+        mIsOver.set_value();
+        mThread.join();
+    }
     Watchdog(const Watchdog&) = delete;
     Watchdog& operator=(const Watchdog&) = delete;
 
 private:
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    bool mIsOver = false;  // guarded by mMutex
+    std::promise<void> mIsOver;
     std::thread mThread;
 };
 
 /**
  * One thread of a race. It has one operation only, because a second one would put the accesses of
- * the first in an order, and hide a lock that is missing.
+ * the first in an order, and hide a lock that is missing. It takes the number of its round, from 0.
  */
-struct Side {
-    std::string name;
-    std::function<void(size_t)> operation;  ///< takes the number of its round, from 0
-};
+using Side = std::pair<std::string, std::function<void(size_t)>>;
 
 /**
  * Runs each side so often, on a thread of its own. They begin when all are there. Aborts when they

@@ -1,0 +1,212 @@
+// What everything leans on: the platform's log, properties, threads and reference counts, and what
+// the tests find leaks and hangs with.
+
+#include <android/log.h>
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utils/RefBase.h>
+#include <utils/Thread.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "holdings.h"
+#include "host/properties.h"
+#include "host/threads.h"
+#include "support/log_lines.h"
+#include "support/session_fixture.h"
+#include "support/stress.h"
+
+namespace testing_support {
+
+using android::wp;
+
+namespace {
+
+/** Runs `body` in each pass. */
+class LoopThread : public android::Thread {
+public:
+    explicit LoopThread(std::function<bool()> body) : mBody(std::move(body)) {}
+    using Thread::exitPending;
+    android::status_t readyToRun() override { return readiness; }
+
+    android::status_t readiness = android::NO_ERROR;
+
+private:
+    bool threadLoop() override { return mBody(); }
+
+    const std::function<bool()> mBody;
+};
+
+int alive = 0;
+
+struct Counted : public android::RefBase {
+    explicit Counted(int32_t mode = OBJECT_LIFETIME_STRONG) {
+        ++alive;
+        extendObjectLifetime(mode);
+    }
+    ~Counted() override {
+        --alive;
+        if (onEnd) onEnd();
+    }
+    void onFirstRef() override { countAtFirstRef = getStrongCount(); }
+
+    int32_t countAtFirstRef = 0;
+    std::function<void()> onEnd;
+};
+
+}  // namespace
+
+TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
+    LogLines outer;
+    {
+        const LogLines inner;
+        __android_log_print(ANDROID_LOG_INFO, "tag", "%s\n", std::string(2000, 'x').c_str());
+        EXPECT_EQ(inner.said(), Lines{"I " + std::string(1023, 'x')});
+    }
+    __android_log_print(ANDROID_LOG_ERROR, "tag", "kept\n");
+    __android_log_print(ANDROID_LOG_WARN, "other", "kept\n");
+    EXPECT_EQ(outer.said("tag"), Lines{"E kept\n"});
+    EXPECT_EQ(outer.take(), (Lines{"E kept\n", "W kept\n"}));
+    EXPECT_TRUE(outer.said().empty());
+}
+
+TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {
+    constexpr const char* kKey = "a.property";
+    EXPECT_EQ(property_get_bool(kKey, 7), 7);
+    const std::pair<int, Lines> words[] = {{1, {"1", "y", "yes", "true", "on"}},
+                                           {0, {"0", "n", "no", "false", "off"}},
+                                           {7, {"", "2", "True", "ON", " 1", "no "}}};
+    for (const auto& [expected, values] : words) {
+        for (const std::string& value : values) {
+            host::setProperty(kKey, value);
+            EXPECT_EQ(property_get_bool(kKey, 7), expected) << value;
+        }
+    }
+    host::clearProperty(kKey);
+}
+
+TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {
+    const kit::Holdings before = kit::Holdings::of();
+    const host::Buffer buffer = allocate(4, 4);  // a descriptor and a mapping
+    const Watchdog thread([] { return "a test"; });
+    const std::string difference = kit::Holdings::of().differenceFrom(before);
+    for (const char* const kind : {"descriptors", "threads", "mappings"})
+        EXPECT_NE(difference.find(kind), std::string::npos) << difference;
+}
+
+TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
+    const auto stop = [](size_t round) {
+        if (round == 3) pause();
+    };
+    EXPECT_DEATH(
+        race({{"stuck", stop}, {"quick", [](size_t) {}}}, 5, std::chrono::milliseconds(500)),
+        "watchdog ends .*: stuck in round 3; quick ended; ");
+}
+
+TEST(ThreadTest, RunsStopsAndRunsAgain) {
+    std::atomic<int> passes{0};
+    const sp<LoopThread> thread = new LoopThread([&] { return ++passes, true; });
+    host::failNextThreadStart();
+    EXPECT_EQ(thread->run("x"), android::UNKNOWN_ERROR);
+    EXPECT_EQ(thread->getStrongCount(), 1);
+    EXPECT_EQ(thread->join(), android::NO_ERROR);  // there is none
+    for (const bool isReady : {true, true, false}) {
+        passes = 0;
+        thread->readiness = isReady ? android::NO_ERROR : android::UNKNOWN_ERROR;
+        EXPECT_EQ(thread->run("anew"), android::NO_ERROR);
+        if (isReady) {
+            EXPECT_EQ(thread->run("again"), android::INVALID_OPERATION);
+            EXPECT_TRUE(eventually([&] { return passes > 0; }));
+            thread->requestExit();
+        }
+        EXPECT_EQ(thread->join(), android::NO_ERROR);
+        EXPECT_EQ(passes > 0, isReady);
+        EXPECT_FALSE(thread->isRunning());
+        EXPECT_TRUE(thread->exitPending());  // sticks until the next run
+    }
+    // A forked child has no such thread: it must not wait for one.
+    thread->readiness = android::NO_ERROR;
+    EXPECT_EQ(thread->run("parent"), android::NO_ERROR);
+    const pid_t child = fork();
+    if (child == 0) _exit(thread->join() == android::NO_ERROR ? 0 : 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(thread->requestExitAndWait(), android::NO_ERROR);
+    EXPECT_FALSE(thread->exitPending());
+}
+
+TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
+    LogLines log;
+    LoopThread* own = nullptr;
+    const sp<LoopThread> thread = new LoopThread([&] {
+        EXPECT_EQ(own->join(), android::WOULD_BLOCK);
+        EXPECT_EQ(own->requestExitAndWait(), android::WOULD_BLOCK);
+        EXPECT_FALSE(own->exitPending());
+        return false;
+    });
+    own = thread.get();
+    thread->run("own");
+    EXPECT_EQ(thread->join(), android::NO_ERROR);
+    const Lines lines = log.said("Thread");
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].rfind("W Thread (this=0x", 0), 0U);
+    EXPECT_NE(lines[1].find("): don't call requestExitAndWait() from"), std::string::npos);
+}
+
+TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
+    sp<Counted> strong = new Counted;
+    EXPECT_EQ(strong->countAtFirstRef, 1);
+    wp<Counted> weak(strong);
+    EXPECT_EQ(weak.promote(), strong);
+    sp<Counted> other = std::move(strong);
+    other.clear();
+    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(weak.promote(), nullptr);
+
+    weak = wp<Counted>(new Counted);
+    strong = weak.promote();
+    EXPECT_EQ(strong->countAtFirstRef, 0);  // a promotion does not run onFirstRef()
+    EXPECT_EQ(strong->getStrongCount(), 1);
+    strong.clear();
+
+    // Each way of replacing an object lets go of it before it shows the other one.
+    using Held = sp<Counted>;
+    const std::function<void(Held&, Held)> ways[] = {
+        [](Held& own, const Held& next) { own = next; },
+        [](Held& own, const Held& next) { own = next.get(); },
+        [](Held& own, Held next) { own = std::move(next); },
+        [](Held& own, const Held&) { own.clear(); }};
+    for (const auto& replace : ways) {
+        strong = new Counted;
+        const Counted* seenAtEnd = nullptr;
+        Counted* const old = strong.get();
+        old->onEnd = [&] { seenAtEnd = strong.get(); };
+        replace(strong, new Counted);
+        EXPECT_EQ(seenAtEnd, old);
+        EXPECT_NE(strong.get(), old);
+    }
+    EXPECT_EQ(alive, 0);  // the last way was clear()
+    strong = new Counted;
+    sp<Counted>& same = strong;
+    strong = same;
+    strong = std::move(same);
+    EXPECT_EQ(strong->getStrongCount(), 1);
+
+    strong = new Counted(1);
+    weak = strong;
+    strong.clear();
+    EXPECT_EQ(alive, 1);  // lives with its weak references
+    EXPECT_NE(weak.promote(), nullptr);
+    weak.clear();
+    EXPECT_EQ(alive, 0);
+    const Counted onTheStack;
+}
+
+}  // namespace testing_support
