@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "model/compare.h"
 #include "model/files.h"
+#include "model/sequence.h"
 
 namespace testing_support {
 
@@ -37,8 +37,8 @@ TEST(SessionModelTest, ShrinksToWhatMatters) {
     const auto holds = [](const Sequence& sequence) {
         bool isPainted = false;
         for (const Operation& operation : sequence) {
-            if (isPainted && operation.kind == Kind::Pass && operation.args[3] > 9) return true;
-            isPainted |= operation.kind == Kind::Paint;
+            if (isPainted && operation.kind == kindOf("Pass") && operation.args[3] > 9) return true;
+            isPainted |= operation.kind == kindOf("Paint");
         }
         return false;
     };
@@ -47,7 +47,7 @@ TEST(SessionModelTest, ShrinksToWhatMatters) {
         ++seed;
     const Sequence shortest = shrunk(sequenceOf(seed), holds);
     ASSERT_EQ(shortest.size(), 2U);
-    EXPECT_EQ(shortest[0].kind, Kind::Paint);
+    EXPECT_EQ(shortest[0].kind, kindOf("Paint"));
     EXPECT_EQ(shortest[1].args[0] + shortest[1].args[1], 0);
     EXPECT_GT(shortest[1].args[3], 9);
 }
