@@ -9,7 +9,7 @@
 
 #include "host/limits.h"
 #include "model/files.h"
-#include "model/operation.h"
+#include "model/operands.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
 
@@ -23,29 +23,20 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_TRUE(remote->isRemote());
     EXPECT_TRUE(remote->ping().isOk());
     setUpStream();
-    const StreamConfiguration stream =
-        configurationOf(Operation{Kind::Configure, {0, 0, 0, 1, 1, 3, 66, 77, 88}});
+    const StreamConfiguration stream = configurationOf(Args{0, 0, 0, 1, 1, 3, 66, 77, 88});
     expectStatus(remote->configure(stream), Status::OK);
     StreamConfiguration kept = {};
     ASSERT_EQ(session->getConfiguration(kept), 0);
     EXPECT_EQ(inWords(kept), inWords(stream));
 
     const Files files;
-    const PlainRequest request = {9,
-                                  1ULL << 40 | 5,
-                                  "abc",
-                                  {3, UINT64_MAX - 1, 'B', 1, 'f', 'g'},
-                                  {{0, UINT64_MAX, 'A', 1, 'g', 'f'}}};
-    expectStatus(remote->processCaptureRequest(files.recordOf(request)), Status::OK);
-    EXPECT_EQ(inWords(files.plainOf(take())), inWords(request));
-    const PlainResult result = {8,
-                                1ULL << 41 | 6,
-                                "de",
-                                {{4, 7, 'C', 0, 'f', '-'}, {5, 8, '-', 1, '-', 'g'}},
-                                {6, 9, 'D', 1, 'g', 'f'},
-                                3};
-    session->sendCaptureResult(files.recordOf(result));
-    EXPECT_EQ(inWords(files.plainOf(deliveries.waitFor(1)[0].result)), inWords(result));
+    const Args request = {10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8};
+    expectStatus(remote->processCaptureRequest(requestOf(request, files.handles())), Status::OK);
+    EXPECT_EQ(inWords(files, take()), inWords(files, requestOf(request, files.modelsHandles())));
+    const Args result = {3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8};
+    session->sendCaptureResult(resultOf(result, files.handles()));
+    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
+              inWords(files, resultOf(result, files.modelsHandles())));
     FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     session->sendNotify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);

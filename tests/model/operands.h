@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -15,6 +16,9 @@ namespace fdstream = vendor::zoru::zoruprovider::fdstream::V1_0;
 namespace product = vendor::zoru::zoruprovider::fdstream::V1_0::implementation;
 
 using Args = std::array<uint8_t, 11>;
+
+/** Of the descriptors that can be duplicated from now on. */
+constexpr int kNoLimit = INT_MAX;
 
 /** A graphics buffer; all numbers 0 when it could not be made. */
 struct PlainGraphicBuffer {

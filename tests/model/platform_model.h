@@ -116,7 +116,7 @@ public:
         return sum;
     }
 
-    std::optional<int> duplicatesLeft;
+    int duplicatesLeft = kNoLimit;
     int nextLockError = 0;
     int nextUnlockError = 0;
     host::MapperCounters counters = host::mapperCounters();
@@ -128,11 +128,10 @@ private:
     static constexpr uint32_t kProcessor = 0xff;
 
     bool duplicate(File file) {
-        if (file == kBroken) return false;
-        if (!duplicatesLeft) return true;
         const int wanted = descriptorsOf(file);
-        const bool isMade = *duplicatesLeft >= wanted;
-        *duplicatesLeft = isMade ? *duplicatesLeft - wanted : 0;
+        if (file == kBroken) return false;
+        const bool isMade = duplicatesLeft >= wanted;
+        duplicatesLeft = isMade ? duplicatesLeft - wanted : 0;
         return isMade;
     }
     int descriptorsOf(File file) const {

@@ -95,13 +95,7 @@ private:
     }
     void failLock(int error) override { host::failLock(error); }
     void failUnlock(int error) override { host::failNextUnlock(error); }
-    void limitDuplicates(std::optional<int> count) override {
-        if (count) {
-            mDuplicates.limitTo(*count);
-        } else {
-            mDuplicates.lift();
-        }
-    }
+    void limitDuplicates(int count) override { mDuplicates.limitTo(count); }
 
     SpyMapper3& mMapper = sessionMapper();
     std::set<void*> mImports;  // what the importer has

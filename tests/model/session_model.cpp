@@ -62,7 +62,7 @@ private:
     void setMapper(MapperState state) override { mMapper = state; }
     void failLock(int error) override { mPlatform.nextLockError = error; }
     void failUnlock(int error) override { mPlatform.nextUnlockError = error; }
-    void limitDuplicates(std::optional<int> count) override { mPlatform.duplicatesLeft = count; }
+    void limitDuplicates(int count) override { mPlatform.duplicatesLeft = count; }
 
     // ---- The configuration ----
 

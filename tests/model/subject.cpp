@@ -175,7 +175,7 @@ Events Subject::begin() {
 Events Subject::step(const Operation& operation) {
     static const uint8_t kLimiting = kindOf("LimitDuplicates");
     carryOut(operation);
-    if (operation.kind != kLimiting) limitDuplicates(std::nullopt);
+    if (operation.kind != kLimiting) limitDuplicates(kNoLimit);
     return seen(session().isCaptureRequestReady());
 }
 

@@ -63,13 +63,13 @@ protected:
     virtual std::shared_ptr<PlainGraphicBuffer> lookUp(uint64_t bufferId) = 0;
     virtual int descriptors() = 0;
     virtual host::MapperCounters mapperCounters() = 0;
-    // The world. Without a count there is no limit.
+    // The world.
     virtual void setClock(int64_t us) = 0;
     virtual void flip(bool isFlipped) = 0;
     virtual void setMapper(MapperState state) = 0;
     virtual void failLock(int error) = 0;
     virtual void failUnlock(int error) = 0;
-    virtual void limitDuplicates(std::optional<int> count) = 0;
+    virtual void limitDuplicates(int count) = 0;
 
     const Files& mFiles;
     const Memories& mMemories;
