@@ -30,13 +30,13 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(inWords(kept), inWords(stream));
 
     const Files files;
-    const Args request = {10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8};
-    expectStatus(remote->processCaptureRequest(requestOf(request, files.handles())), Status::OK);
-    EXPECT_EQ(inWords(files, take()), inWords(files, requestOf(request, files.modelsHandles())));
-    const Args result = {3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8};
-    session->sendCaptureResult(resultOf(result, files.handles()));
+    const CaptureRequest request = requestOf({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files.sessions);
+    expectStatus(remote->processCaptureRequest(request), Status::OK);
+    EXPECT_EQ(inWords(files, take()), inWords(files, CaptureRequest(request)));
+    const CaptureResult result = resultOf({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files.sessions);
+    session->sendCaptureResult(result);
     EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
-              inWords(files, resultOf(result, files.modelsHandles())));
+              inWords(files, CaptureResult(result)));
     FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     session->sendNotify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);

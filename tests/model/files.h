@@ -7,6 +7,7 @@
 #include <map>
 #include <vector>
 
+#include "frame.h"
 #include "host/buffer.h"
 #include "host/unique_handle.h"
 
@@ -19,34 +20,33 @@ constexpr File kEmpty = 'e';   // neither descriptors nor integers
 constexpr File kFour = 'q';    // four descriptors, so no buffer's
 constexpr File kBroken = 'x';  // a buffer's, whose descriptor cannot be duplicated
 
-using Handles = std::map<File, const native_handle_t*>;
-using Memories = std::vector<host::Buffer>;
+/** Handles of each kind that records speak of, and the buffers' memories. */
+struct FileSet {
+    std::map<File, const native_handle_t*> handles = {{kNoHandle, nullptr}};
+    std::vector<host::Buffer> memories;
+};
 
-/**
- * Handles of each kind that records speak of, and the buffers' memories, all of it twice. The
- * model's handles are on paper: no descriptors, and the name as an integer. A fence is of a kind
- * that may cross to another process.
- */
+/** One set for the session, and one for its model. */
 class Files {
 public:
     Files();
 
-    const Handles& handles() const { return mHandles; }
-    const Handles& modelsHandles() const { return mModelsHandles; }
-    const Memories& memories() const { return mMemories; }
-    const Memories& modelsMemories() const { return mModelsMemories; }
-    /** Of either kind of handle; '?' for one of something else, or one that is no duplicate. */
+    FileSet sessions;
+    FileSet models;
+    /** '?' for a handle of something else, or one that is no duplicate. */
     File nameOf(const native_handle_t* handle) const;
 
 private:
-    void add(File name, host::UniqueHandle handle);
+    void addMemory(kit::FrameSize size, uint32_t stride, host::ChromaOrder order, uint32_t step);
+    void addOther(File name, host::UniqueHandle handle);
+    void add(FileSet& set, File name, const native_handle_t* handle);
 
-    Memories mMemories;
-    Memories mModelsMemories;
-    Handles mHandles = {{kNoHandle, nullptr}};
-    Handles mModelsHandles = {{kNoHandle, nullptr}};
-    std::map<uint64_t, File> mNames;
-    std::vector<host::UniqueHandle> mOwned;
+    struct Entry {
+        File name;
+        const native_handle_t* handle;
+    };
+    std::map<uint64_t, Entry> mEntries;  // by the inode, or 0
+    std::vector<host::UniqueHandle> mOthers;
 };
 
 }  // namespace testing_support

@@ -1,7 +1,6 @@
 #include "model/operands.h"
 
 #include <cstddef>
-#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -25,28 +24,28 @@ uint32_t wide(uint8_t arg) {
 }
 
 /** A buffer from six arguments from this one on. */
-StreamBuffer bufferOf(const Args& args, const Handles& handles, size_t first) {
+StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first) {
     const auto arg = [&](size_t i) { return args[(first + i) % args.size()]; };
     StreamBuffer buffer = {};
     buffer.streamId = oneOf(kStreams, arg(0));
     buffer.bufferId = oneOf(kIds, arg(1));
-    buffer.buffer = handles.at(kHandles[arg(2) % kHandles.size()]);
+    buffer.buffer = files.handles.at(kHandles[arg(2) % kHandles.size()]);
     buffer.status = static_cast<product::BufferStatus>(arg(3) % 3);
-    buffer.acquireFence = handles.at(kFences[arg(4) % kFences.size()]);
-    buffer.releaseFence = handles.at(kFences[arg(5) % kFences.size()]);
+    buffer.acquireFence = files.handles.at(kFences[arg(4) % kFences.size()]);
+    buffer.releaseFence = files.handles.at(kFences[arg(5) % kFences.size()]);
     return buffer;
 }
 
 /** What requests and results have alike: one output mostly, and not always an input buffer. */
 template <typename Record>
-Record recordOf(const Args& args, const Handles& handles) {
+Record recordOf(const Args& args, const FileSet& files) {
     Record record = {};
     record.frameNumber = wide(args[0]);
     record.outputBuffers.resize(oneOf({1U, 1U, 1U, 1U, 1U, 1U, 0U, 2U}, args[9]));
     for (size_t i = 0; i < record.outputBuffers.size(); ++i)
-        record.outputBuffers[i] = bufferOf(args, handles, 1 + 5 * i);
+        record.outputBuffers[i] = bufferOf(args, files, 1 + 5 * i);
     record.inputBuffer.streamId = -1;
-    if (args[10] % 4 == 0) record.inputBuffer = bufferOf(args, handles, 8);
+    if (args[10] % 4 == 0) record.inputBuffer = bufferOf(args, files, 8);
     return record;
 }
 
@@ -71,43 +70,27 @@ std::string inWords(const android::hardware::hidl_vec<uint8_t>& data) {
     return words("data", std::string(data.begin(), data.end()));
 }
 
-/** A record that is copied as bytes, up to its last field. */
-template <typename Record>
-constexpr size_t kBytesOf = sizeof(Record);
-template <>
-constexpr size_t kBytesOf<product::TrackControl> = offsetof(product::TrackControl, speed) + 4;
+/** Of a record that is copied as bytes; the last four carry no field. */
+constexpr size_t kTrackBytes = sizeof(product::TrackControl) - 4;
 
-template <typename Record, typename Byte>
-Record recordOfBytes(Byte byteAt) {
-    unsigned char bytes[kBytesOf<Record>];
-    for (size_t i = 0; i < sizeof(bytes); ++i)
-        bytes[i] = static_cast<unsigned char>(byteAt(i));
-    Record record = {};
-    memcpy(&record, bytes, sizeof(bytes));
-    return record;
-}
-
-template <typename Record>
-std::string bytesInWords(const Record& record) {
-    unsigned char bytes[kBytesOf<Record>];
-    memcpy(bytes, &record, sizeof(bytes));
+std::string bytesInWords(const void* record, size_t size) {
     std::string text;
-    for (const unsigned char byte : bytes)
-        text += words(byte);
+    for (size_t i = 0; i < size; ++i)
+        text += words(static_cast<const uint8_t*>(record)[i]);
     return text;
 }
 
 }  // namespace
 
-product::CaptureRequest requestOf(const Args& args, const Handles& handles) {
-    auto request = recordOf<product::CaptureRequest>(args, handles);
+product::CaptureRequest requestOf(const Args& args, const FileSet& files) {
+    auto request = recordOf<product::CaptureRequest>(args, files);
     request.fmqSettingsSize = wide(args[7]) * 257ULL;
     request.settings = dataOf(args[7]);
     return request;
 }
 
-product::CaptureResult resultOf(const Args& args, const Handles& handles) {
-    auto result = recordOf<product::CaptureResult>(args, handles);
+product::CaptureResult resultOf(const Args& args, const FileSet& files) {
+    auto result = recordOf<product::CaptureResult>(args, files);
     result.fmqResultSize = wide(args[7]) * 257ULL;
     result.result = dataOf(args[7]);
     result.partialResult = args[8] % 3U;
@@ -152,13 +135,17 @@ product::SceneControl sceneOf(const Args& args) {
 }
 
 product::TrackControl trackOf(const Args& args) {
-    return recordOfBytes<product::TrackControl>(
-        [variant = args[0] % 3U](size_t i) { return variant * 70 + i; });
+    product::TrackControl control = {};
+    for (size_t i = 0; i < kTrackBytes; ++i)
+        reinterpret_cast<uint8_t*>(&control)[i] = static_cast<uint8_t>(args[0] % 3U * 70 + i);
+    return control;
 }
 
 fdstream::FDNotifyMsg messageOf(const Args& args) {
-    return recordOfBytes<fdstream::FDNotifyMsg>(
-        [&](size_t i) { return args[i % args.size()] ^ i; });
+    fdstream::FDNotifyMsg message = {};
+    for (size_t i = 0; i < sizeof(message); ++i)
+        reinterpret_cast<uint8_t*>(&message)[i] = static_cast<uint8_t>(args[i % args.size()] ^ i);
+    return message;
 }
 
 StreamBuffer nameOf(const Args& args) {
@@ -178,9 +165,9 @@ std::string inWords(const Files& files, const product::CaptureResult& result) {
            inWords(result.result) + buffersInWords(files, result);
 }
 
-std::string inWords(const PlainGraphicBuffer& buffer) {
-    return words("graphics buffer", buffer.file, buffer.width, buffer.height, buffer.stride,
-                 buffer.format, buffer.usage, buffer.initCheck);
+std::string inWords(const Files& files, const android::GraphicBuffer& buffer) {
+    return words("graphics buffer", files.nameOf(buffer.handle), buffer.width, buffer.height,
+                 buffer.stride, buffer.format, buffer.getUsage(), buffer.initCheck());
 }
 
 std::string inWords(const product::StreamConfiguration& configuration) {
@@ -201,11 +188,11 @@ std::string inWords(const product::SceneControl& control) {
 }
 
 std::string inWords(const product::TrackControl& control) {
-    return bytesInWords(control);
+    return bytesInWords(&control, kTrackBytes);
 }
 
 std::string inWords(const fdstream::FDNotifyMsg& message) {
-    return bytesInWords(message);
+    return bytesInWords(&message, sizeof(message));
 }
 
 }  // namespace testing_support

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "model/subject.h"
 #include "model/words.h"
@@ -9,6 +10,7 @@ namespace testing_support {
 
 using namespace fdstream;  // NOLINT: whose face the model has
 using namespace product;   // NOLINT
+using android::hardware::hidl_vec;
 
 /** What a session should tell its client and its observer, as plainly as can be. */
 class SceneModel : public Subject, public FDSession, public IFDSession {
@@ -18,7 +20,6 @@ protected:
     FDSession& session() override { return *this; }
     IFDSession& client() override { return *this; }
     sp<IFDSession> getInterface() override { return nullptr; }
-    sp<GraphicBuffer> getBufferForId(uint64_t /*bufferId*/) override { return nullptr; }
 
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
         if (isGone("setCallback")) return Status::INTERNAL_ERROR;
@@ -26,10 +27,13 @@ protected:
         mCallback = callback;
         return Status::OK;
     }
-    void deliver(const CaptureResult& result) {
+    void deliver(CaptureResult&& result) {
         const sp<IFDSessionCallback> callback = mCallback;
         if (callback == nullptr) return;
-        logUnlessOk(callback->processCaptureResult({result}), "threadLoop: processCaptureResult");
+        hidl_vec<CaptureResult> results;
+        results.resize(1);
+        results[0] = std::move(result);  // no copy, which would need descriptors
+        logUnlessOk(callback->processCaptureResult(results), "threadLoop: processCaptureResult");
     }
     void sendNotify(FDNotifyMsg& msg) override {
         const sp<IFDSessionCallback> callback = mCallback;
@@ -75,11 +79,10 @@ protected:
 
     void log(char priority, const std::string& text) { say(cat(priority, ' ', text)); }
     bool isGone(const char* operation) {
-        if (mIsGone) log('E', cat(operation, ": FDSessionImpl is gone"));
-        return mIsGone;
+        if (mIsOver) log('E', cat(operation, ": FDSessionImpl is gone"));
+        return mIsOver;
     }
 
-    bool mIsGone = false;
     sp<IFDSessionCallback> mCallback;
 
 private:

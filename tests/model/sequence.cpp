@@ -87,7 +87,7 @@ Sequence sequenceFrom(const uint8_t* data, size_t size) {
 
 std::string disagreement(const Files& files, const Sequence& sequence) {
     const std::unique_ptr<Subject> model = makeModel(files);
-    const std::unique_ptr<Subject> session = makeDriver(files);
+    const std::unique_ptr<Subject> session = makeSession(files);
     std::string found = difference(session->begin(), model->begin(), "at the beginning");
     for (size_t i = 0; i < sequence.size() && found.empty(); ++i) {
         const Events got = session->step(sequence[i]);

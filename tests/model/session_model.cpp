@@ -1,29 +1,59 @@
-// What a session should do, told as plainly as can be: no thread, no lock, and handles on paper.
+// What a session should do, told as plainly as can be: no thread and no lock.
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 
-#include "model/platform_model.h"
+#include "frame.h"
 #include "model/scene_model.h"
+#include "support/spy_mapper.h"
 
 namespace testing_support {
 
 namespace {
 
+using android::hardware::hidl_handle;
+
 constexpr int64_t kStaleUs = 1000000;
 constexpr const char* kGone = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
 
+bool isSet(const hidl_handle& handle) {
+    return handle.getNativeHandle() != nullptr;
+}
+
+/** Whether the copy got all that the original has. */
+bool hasFences(const StreamBuffer& copy, const StreamBuffer& original) {
+    return isSet(copy.acquireFence) == isSet(original.acquireFence) &&
+           isSet(copy.releaseFence) == isSet(original.releaseFence);
+}
+
+StreamBuffer withoutHandle(const StreamBuffer& original) {
+    StreamBuffer copy = {};
+    copy.streamId = original.streamId;
+    copy.bufferId = original.bufferId;
+    copy.status = original.status;
+    copy.acquireFence = original.acquireFence;
+    copy.releaseFence = original.releaseFence;
+    return copy;
+}
+
+void turn(const android_ycbcr& planes, kit::FrameSize size) {
+    const auto rowAt = [&](size_t row) {
+        const auto luma = static_cast<size_t>(size.height);
+        return row < luma ? static_cast<uint8_t*>(planes.y) + row * planes.ystride
+                          : static_cast<uint8_t*>(std::min(planes.cb, planes.cr)) +
+                                (row - luma) * planes.cstride;
+    };
+    kit::Frame frame;
+    for (size_t row = 0; row < size.rows(); ++row)
+        frame.insert(frame.end(), rowAt(row), rowAt(row) + size.width);
+    const kit::Frame turned = kit::turnedBy180(frame, size);
+    for (size_t row = 0; row < size.rows(); ++row)
+        std::copy_n(&turned[static_cast<size_t>(size.width) * row], size.width, rowAt(row));
+}
+
 class SessionModel : public SceneModel {
 public:
-    explicit SessionModel(const Files& files)
-        : SceneModel(files, files.modelsHandles(), files.modelsMemories()), mPlatform(files) {
-        for (size_t i = 0; i < mMemories.size(); ++i)
-            memcpy(mMemories[i].bytes(), files.memories()[i].bytes(), mMemories[i].size());
-    }
-    ~SessionModel() override { letGoOfHeld(); }
-    SessionModel(const SessionModel&) = delete;
-    SessionModel& operator=(const SessionModel&) = delete;
+    explicit SessionModel(const Files& files) : SceneModel(files, files.models) {}
 
 private:
     struct Waiting {
@@ -33,36 +63,11 @@ private:
 
     void make() override { resetPTZScene(); }
     void drop() override {
-        mIsGone = true;
         mResults.clear();
         mRequests.clear();
         mCallback.clear();
         mGraphicBuffers.clear();
-        // What is registered is not given back; whoever plays the session's part here does that.
-        for (const auto& [stream, buffers] : mRegistry) {
-            for (const auto& [id, file] : buffers) {
-                if (file != kNoHandle) mPlatform.free(file);
-            }
-        }
     }
-    host::MapperCounters mapperCounters() override { return mPlatform.counters; }
-    int descriptors() override {
-        int sum = mDescriptorsBefore + mPlatform.descriptors();
-        for (const Waiting& waiting : mRequests)
-            sum += mPlatform.descriptorsOf(waiting.request);
-        for (const CaptureResult& result : mResults)
-            sum += mPlatform.descriptorsOf(result);
-        for (const CaptureRequest& request : mTaken)
-            sum += mPlatform.descriptorsOf(request);
-        return sum;
-    }
-
-    void setClock(int64_t us) override { mNow = us; }
-    void flip(bool isFlipped) override { mFlipped = isFlipped; }
-    void setMapper(MapperState state) override { mMapper = state; }
-    void failLock(int error) override { mPlatform.nextLockError = error; }
-    void failUnlock(int error) override { mPlatform.nextUnlockError = error; }
-    void limitDuplicates(int count) override { mPlatform.duplicatesLeft = count; }
 
     // ---- The configuration ----
 
@@ -78,8 +83,8 @@ private:
         }
         mRequests.clear();
         for (const auto& [stream, buffers] : mRegistry) {
-            for (const auto& [id, file] : buffers)
-                release(file);
+            for (const auto& [id, handle] : buffers)
+                release(handle);
         }
         mRegistry.clear();
         mGraphicBuffers.clear();
@@ -98,44 +103,42 @@ private:
         const auto stream = mRegistry.find(buffer.streamId);
         return stream != mRegistry.end() && stream->second.count(buffer.bufferId) != 0;
     }
-    /** The imported handle's file. */
-    std::optional<File> lookUpOrImport(const StreamBuffer& buffer) {
-        std::map<uint64_t, File>& buffers = mRegistry[buffer.streamId];
+    std::optional<buffer_handle_t> lookUpOrImport(const StreamBuffer& buffer) {
+        std::map<uint64_t, buffer_handle_t>& buffers = mRegistry[buffer.streamId];
         if (knows(buffer)) return buffers[buffer.bufferId];
-        const File file = mFiles.nameOf(buffer.buffer);
-        if (file == kNoHandle) {
+        if (!isSet(buffer.buffer)) {
             logBuffer('E', "handleCaptureRequest: buffer", buffer);
             return std::nullopt;
         }
-        if (file != kEmpty && !import(file)) {
+        const std::optional<buffer_handle_t> imported = import(buffer.buffer);
+        if (!imported) {
             logBuffer('E', "handleCaptureRequest: import buffer failed,", buffer);
             return std::nullopt;
         }
-        const File imported = file == kEmpty ? kNoHandle : file;
-        buffers[buffer.bufferId] = imported;
+        buffers[buffer.bufferId] = *imported;
         const auto& stream = mConfiguration->streams[0];
-        const auto width = static_cast<int>(stream.width);
-        const auto height = static_cast<int>(stream.height);
-        mGraphicBuffers[buffer.bufferId] = mPlatform.wrap(
-            imported, {kNoHandle, width, height, width, 35, stream.usage, 0, nullptr});
+        mGraphicBuffers[buffer.bufferId] =
+            new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
+                              35, 1, stream.usage, stream.width);
         logBuffer('I', "handleCaptureRequest: import buffer success,", buffer);
         return imported;
     }
-    bool import(File file) {
-        if (mMapper == MapperState::Dead) {
+    std::optional<buffer_handle_t> import(const hidl_handle& raw) {
+        if (raw->numFds + raw->numInts == 0) return nullptr;
+        std::optional<buffer_handle_t> imported;
+        const Return<void> answer =
+            sessionMapper().importBuffer(raw, [&](mapper3::Error error, void* handle) {
+                if (error == mapper3::Error::NONE) imported = static_cast<buffer_handle_t>(handle);
+            });
+        if (!answer.isOk()) {
             log('E',
                 cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
         }
-        if (mMapper != MapperState::Fine) return false;
-        const bool isImported = mPlatform.import(file) == 0;
-        mMapped += cat('+', isImported ? file : kNoHandle);
-        return isImported;
+        return imported;
     }
-    void release(File imported) {
-        if (imported == kNoHandle) return;
-        mMapped += cat('-', imported);
-        mPlatform.free(imported);
-        if (mMapper == MapperState::Dead) {
+    void release(buffer_handle_t imported) {
+        if (imported == nullptr) return;
+        if (!sessionMapper().freeBuffer(const_cast<native_handle_t*>(imported)).isOk()) {  // NOLINT
             log('E', cat("HandleImporter: freeBuffer: mapper freeBuffer failed: ", kGone));
         }
     }
@@ -152,7 +155,7 @@ private:
         release(found->second);
         stream->second.erase(found);
     }
-    std::shared_ptr<PlainGraphicBuffer> lookUp(uint64_t bufferId) override {
+    sp<GraphicBuffer> getBufferForId(uint64_t bufferId) override {
         const auto found = mGraphicBuffers.find(bufferId);
         return found != mGraphicBuffers.end() ? found->second : nullptr;
     }
@@ -164,19 +167,27 @@ private:
         return enqueue(request) ? Status::OK : Status::ILLEGAL_ARGUMENT;
     }
     bool enqueue(const CaptureRequest& request) {
-        CaptureRequest copy = request;
-        bool isWhole = mPlatform.duplicateAll(copy.inputBuffer);
-        for (StreamBuffer& output : copy.outputBuffers)
-            isWhole = mPlatform.duplicateFences(output) && isWhole;
+        CaptureRequest copy = {};
+        copy.frameNumber = request.frameNumber;
+        copy.fmqSettingsSize = request.fmqSettingsSize;
+        copy.settings = request.settings;
+        copy.inputBuffer = request.inputBuffer;
+        copy.outputBuffers.resize(request.outputBuffers.size());
+        for (size_t i = 0; i < request.outputBuffers.size(); ++i)
+            copy.outputBuffers[i] = withoutHandle(request.outputBuffers[i]);
         if (!fits(request)) return false;
 
         const StreamBuffer& buffer = request.outputBuffers[0];
         const bool isNew = !knows(buffer);
-        const std::optional<File> imported = lookUpOrImport(buffer);
+        const std::optional<buffer_handle_t> imported = lookUpOrImport(buffer);
         if (!imported) return false;
-        hidl_handle& handle = copy.outputBuffers[0].buffer;
-        handle = mFiles.modelsHandles().at(*imported);
-        isWhole = mPlatform.duplicate(handle) && isWhole;
+        const hidl_handle registered(*imported);
+        StreamBuffer& output = copy.outputBuffers[0];
+        output.buffer = registered;
+        const bool isWhole = isSet(output.buffer) == isSet(registered) &&
+                             hasFences(output, buffer) &&
+                             isSet(copy.inputBuffer.buffer) == isSet(request.inputBuffer.buffer) &&
+                             hasFences(copy.inputBuffer, request.inputBuffer);
         if (!isWhole) {
             logBuffer('E', "handleCaptureRequest: duplicating handles failed,", buffer);
             if (isNew) {
@@ -213,22 +224,24 @@ private:
 
     void sendCaptureResult(const CaptureResult& result) override {
         CaptureResult copy = result;
-        const auto complete = [this](StreamBuffer& buffer) {
-            if (mPlatform.duplicateAll(buffer)) return;
+        const auto check = [this](StreamBuffer& buffer, const StreamBuffer& original) {
+            if (isSet(buffer.buffer) == isSet(original.buffer) && hasFences(buffer, original))
+                return;
             logBuffer('E', "sendCaptureResult: duplicating handles failed,", buffer);
             buffer.status = BufferStatus::ERROR;
         };
-        std::for_each(copy.outputBuffers.begin(), copy.outputBuffers.end(), complete);
-        complete(copy.inputBuffer);
+        for (size_t i = 0; i < result.outputBuffers.size(); ++i)
+            check(copy.outputBuffers[i], result.outputBuffers[i]);
+        check(copy.inputBuffer, result.inputBuffer);
         mResults.push_back(std::move(copy));
     }
     void threadLoop() override {
-        const CaptureResult result = std::move(mResults.front());
+        CaptureResult result = std::move(mResults.front());
         mResults.pop_front();
         if (result.outputBuffers.size() > 0) {
             const auto found = mGraphicBuffers.find(result.outputBuffers[0].bufferId);
-            if (mFlipped && found != mGraphicBuffers.end()) rotate(*found->second);
-            deliver(result);
+            if (mIsFlipped && found != mGraphicBuffers.end()) rotate(*found->second);
+            deliver(std::move(result));
         }
         if (mRequests.empty() || mNow <= mRequests.front().since + kStaleUs) return;
         CaptureResult failed = {};
@@ -237,19 +250,20 @@ private:
         failed.outputBuffers[0].status = BufferStatus::ERROR;
         failed.inputBuffer.streamId = -1;
         mRequests.pop_front();
-        deliver(failed);
+        deliver(std::move(failed));
     }
-    void rotate(const PlainGraphicBuffer& buffer) {
-        if (const int error = mPlatform.lock(buffer)) {
+    void rotate(GraphicBuffer& buffer) {
+        android_ycbcr planes = {};
+        const auto usage = static_cast<uint32_t>(buffer.getUsage());
+        if (const int error = buffer.lockYCbCr(usage, &planes)) {
             return log('E', cat("rotate180: lockYCbCr failed, error (", error, ") \n"));
         }
-        const int step = mPlatform.chromaStep(buffer);
-        if (step == 2) {
-            mPlatform.turn(buffer);
+        if (planes.chroma_step == 2) {
+            turn(planes, {buffer.width, buffer.height});
         } else {
-            log('E', cat("rotate180: unhandled chroma format step ", step, " \n"));
+            log('E', cat("rotate180: unhandled chroma format step ", planes.chroma_step, " \n"));
         }
-        if (const int error = mPlatform.unlock()) {
+        if (const int error = buffer.unlock()) {
             log('E', cat("rotate180: unlock failed, error (", error, ") \n"));
         }
     }
@@ -258,15 +272,9 @@ private:
         log(priority,
             cat(event, " streamId(", buffer.streamId, "), bufferId(", buffer.bufferId, ") \n"));
     }
-    PlatformModel mPlatform;
-    MapperState mMapper = MapperState::Fine;
-    bool mFlipped = false;
-    int64_t mNow = 0;
-    const int mDescriptorsBefore = openDescriptors();
-
     std::optional<StreamConfiguration> mConfiguration;
-    std::map<int32_t, std::map<uint64_t, File>> mRegistry;
-    std::map<uint64_t, std::shared_ptr<PlainGraphicBuffer>> mGraphicBuffers;
+    std::map<int32_t, std::map<uint64_t, buffer_handle_t>> mRegistry;
+    std::map<uint64_t, sp<GraphicBuffer>> mGraphicBuffers;
     std::deque<Waiting> mRequests;
     std::deque<CaptureResult> mResults;
 };

@@ -1,19 +1,23 @@
 #pragma once
 
 #include <array>
+#include <climits>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "FDSession.h"
-#include "host/mapper.h"
+#include "host/log.h"
 #include "model/files.h"
 #include "model/operands.h"
 #include "model/sequence.h"
+#include "support/interposed.h"
 
 namespace testing_support {
 
@@ -26,7 +30,7 @@ enum class MapperState : uint8_t { Fine, Refusing, Dead };
  * What a sequence is played on: the session or the model of it, with all who use it. Carries
  * operations out, and says what could be seen of each in the same words for both.
  */
-class Subject {
+class Subject : private host::LogSink {
 public:
     /** What a client, a provider, an observer's owner, the clock or bad luck does to a session. */
     struct Kind {
@@ -36,7 +40,7 @@ public:
     };
     static const std::array<Kind, 33> kKinds;
 
-    virtual ~Subject();
+    ~Subject() override;
     Subject(const Subject&) = delete;
     Subject& operator=(const Subject&) = delete;
 
@@ -46,9 +50,8 @@ public:
     Events end();
 
 protected:
-    Subject(const Files& files, const Handles& handles, const Memories& memories);
+    Subject(const Files& files, const FileSet& own);
 
-    void letGoOfHeld();
     void say(std::string event) { mEvents.push_back(std::move(event)); }
 
     virtual product::FDSession& session() = 0;
@@ -59,27 +62,23 @@ protected:
     virtual void threadLoop() = 0;
     virtual void freeBuffer(const product::StreamBuffer& buffer) = 0;
     virtual void resetPTZScene() = 0;
-    // What can be looked up and counted.
-    virtual std::shared_ptr<PlainGraphicBuffer> lookUp(uint64_t bufferId) = 0;
-    virtual int descriptors() = 0;
-    virtual host::MapperCounters mapperCounters() = 0;
-    // The world.
-    virtual void setClock(int64_t us) = 0;
-    virtual void flip(bool isFlipped) = 0;
-    virtual void setMapper(MapperState state) = 0;
-    virtual void failLock(int error) = 0;
-    virtual void failUnlock(int error) = 0;
-    virtual void limitDuplicates(int count) = 0;
 
     const Files& mFiles;
-    const Memories& mMemories;
-    std::string mMapped;  // what the importer asked the mapper for, in order
-    std::deque<product::CaptureRequest> mTaken;
+    int64_t mNow = 1700000000000000;
+    bool mIsFlipped = false;
+    bool mIsOver = false;
 
 private:
     class Client;
     class Observer;
 
+    void write(const host::LogLine& line) override;
+    /** What an operation does, and what else can be seen of that. */
+    Events seen(const std::function<void()>& operation);
+    /** What all of this process share, as it is for this subject. */
+    void enterWorld();
+    void leaveWorld();
+    void freeRest();
     void carryOut(const Operation& operation) {
         kKinds[operation.kind].carryOut(*this, operation.args);
     }
@@ -101,28 +100,36 @@ private:
     void getBuffer(uint64_t bufferId);
     void send(const product::CaptureResult& result);
     void answerTaken(product::BufferStatus status);
+    void letGoOfHeld();
     void paint(const Args& args);
     void pass();
     void nest(const Args& args);
-    Events seen(bool isReady);
 
-    const Handles& mHandles;
+    const FileSet& mOwn;
     Events mEvents;
     std::optional<Operation> mNested;
+
+    // The world.
+    WallClock mClock;
+    FewDuplicates mFewDuplicates;
     bool mCallsFail = false;
-    int64_t mNow = 1700000000000000;
+    MapperState mMapper = MapperState::Fine;
+    int mLockError = 0;         // of the first lock in a step
+    int mUnlockError = 0;       // and of the first unlock
+    int mDuplicates = INT_MAX;  // that can be made in the next step
+    std::string mMapped;        // what the importer asked the mapper for, in order
+    std::set<void*> mImports;   // what it has
+
+    // The users.
     int mCallbacksMade = 0;
     size_t mUndelivered = 0;
     android::wp<Client> mClient;
-    std::array<std::unique_ptr<Observer>, 2> mObservers;
-    std::deque<std::shared_ptr<PlainGraphicBuffer>> mHeld;
+    std::array<std::unique_ptr<product::ISceneCallback>, 2> mObservers;
+    std::deque<product::CaptureRequest> mTaken;
+    std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };
 
-/** There can be one at a time. */
-std::unique_ptr<Subject> makeDriver(const Files& files);
-/** Takes over how the buffers are, and what is counted; to be made before the driver. */
+std::unique_ptr<Subject> makeSession(const Files& files);
 std::unique_ptr<Subject> makeModel(const Files& files);
-
-int openDescriptors();
 
 }  // namespace testing_support
