@@ -4,13 +4,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
-#include <vector>
 
 #include "host/unique_fd.h"
 #include "host/unique_handle.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
+#include "support/stress.h"
 
 namespace testing_support {
 
@@ -33,19 +32,19 @@ protected:
 
     /** What `act` makes the session close, so often, it closes without a lock. */
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
-        std::vector<std::future<void>> others;
+        SCOPED_TRACE(what);
         std::atomic<int> closes{0};
         const FileWatch watch(file.get(), Watching::CLOSES, [&] {
-            others.push_back(std::async(std::launch::async, [this] {
-                session->getTrackingMode();
-                drivePass();
-            }));
-            EXPECT_EQ(others.back().wait_for(std::chrono::seconds(5)), std::future_status::ready)
-                << what;
+            const Meanwhile other(
+                [this] {
+                    session->getTrackingMode();
+                    drivePass();
+                },
+                Other::GOES_ON);
             ++closes;
         });
         act();
-        EXPECT_TRUE(eventually([&] { return closes == times; })) << what << ": " << closes;
+        EXPECT_TRUE(eventually([&] { return closes == times; })) << closes;
     }
     CaptureRequest fenced(uint64_t bufferId, const native_handle_t* handle) {
         CaptureRequest request = requestFor(1, bufferId, handle);

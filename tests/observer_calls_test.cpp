@@ -37,11 +37,6 @@ struct UnderWay {
     std::thread thread;
 };
 
-/** Observers are told apart by their addresses alone. */
-const ISceneCallback* observerAt(const int& place) {
-    return reinterpret_cast<const ISceneCallback*>(&place);
-}
-
 }  // namespace
 
 class ObserverCallsTest : public testing::Test {
@@ -50,9 +45,10 @@ protected:
 
     const Watchdog watchdog{[] { return "a wait for calls of observers"; },
                             std::chrono::seconds(20)};
+    // Told apart by their addresses alone.
     const int places[2] = {};
-    const ISceneCallback* const one = observerAt(places[0]);
-    const ISceneCallback* const other = observerAt(places[1]);
+    const ISceneCallback* const one = reinterpret_cast<const ISceneCallback*>(&places[0]);
+    const ISceneCallback* const other = reinterpret_cast<const ISceneCallback*>(&places[1]);
     ObserverCalls calls;
 };
 

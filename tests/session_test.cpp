@@ -8,6 +8,7 @@
 
 #include "Rotate180.h"
 #include "host/threads.h"
+#include "host/unique_handle.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
 #include "support/stress.h"
@@ -68,7 +69,7 @@ TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
 }
 
 TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
-    const hidl_handle empty(native_handle_create(0, 0));
+    const host::UniqueHandle empty(native_handle_create(0, 0));
     for (int i = 0; i < 30; ++i) {
         Deliveries told;
         sp<FDSessionImpl> owned = new FDSessionImpl;
@@ -76,7 +77,7 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
         sp<IFDSession> called = owned->getInterface();
         owned->handleSetCallback(new Callback(told));
         owned->handleConfigure(configurationOf(0));
-        const CaptureRequest request = requestFor(1, 1, empty);
+        const CaptureRequest request = requestFor(1, 1, empty.get());
         ASSERT_EQ(owned->handleCaptureRequest(request), 0);
         sp<GraphicBuffer> wrapped = owned->getBufferForId(1);
         race({{"owner", [&](size_t) { owned.clear(); }},
@@ -96,7 +97,6 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
              1);
         told.waitForDeath();
     }
-    native_handle_delete(const_cast<native_handle_t*>(empty.getNativeHandle()));  // NOLINT
 }
 
 TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {

@@ -16,6 +16,7 @@ using product::TrackingMode;
 
 constexpr size_t kMostTaken = 3;
 constexpr size_t kMostHeld = 2;
+constexpr int kNoResources = 5;
 
 }  // namespace
 
@@ -88,9 +89,7 @@ const std::array<Subject::Kind, 33> Subject::kKinds = {{
     {"FailCalls", 2, [](Subject& s, const Args& args) { s.mCallsFail = args[0] % 2 != 0; }},
     {"FailMapper", 2,
      [](Subject& s, const Args& args) {
-         s.mMapper = oneOf(
-             {MapperState::Fine, MapperState::Fine, MapperState::Refusing, MapperState::Dead},
-             args[0]);
+         s.mMapperFault = oneOf({0, 0, kNoResources, -1}, args[0]);
      }},
     {"FailLock", 2, [](Subject& s, const Args& args) { s.mLockError = args[0] % 8 * (args[1] % 2); }},
     {"FailUnlock", 2,

@@ -93,7 +93,9 @@ std::string disagreement(const Files& files, const Sequence& sequence) {
         const Events got = session->step(sequence[i]);
         found = difference(got, model->step(sequence[i]), cat("in operation ", i));
     }
-    return found.empty() ? difference(session->end(), model->end(), "at the end") : found;
+    // Also of those that do not agree, so that nothing of them stays.
+    const std::string last = difference(session->end(), model->end(), "at the end");
+    return found.empty() ? last : found;
 }
 
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {

@@ -102,16 +102,6 @@ Subject::Subject(const Files& files, const FileSet& own) : mFiles(files), mOwn(o
         mObservers[i] = std::make_unique<Observer>(*this, static_cast<int>(i) + 1);
 }
 
-Subject::~Subject() {
-    freeRest();
-}
-
-void Subject::freeRest() {
-    for (void* const handle : mImports)
-        host::realMapper3()->freeBuffer(handle).isOk();
-    mImports.clear();
-}
-
 Events Subject::begin() {
     return seen([this] {
         for (const host::Buffer& memory : mOwn.memories)
@@ -128,9 +118,11 @@ Events Subject::end() {
     return seen([this] {
         mNested.reset();
         letGoOfHeld();
+        product::StreamConfiguration any = {};
+        any.streams.resize(1);
+        sayAnswer("configure", product::Status(client().configure(any)));  // frees the buffers
         mIsOver = true;
         drop();
-        freeRest();
         setCallback(0);
         sayAnswer("configure", product::Status(client().configure({})));
         submit({});
@@ -162,19 +154,12 @@ void Subject::enterWorld() {
     host::failLock(mLockError);
     host::failNextUnlock(mUnlockError);
     SpyMapper3& mapper = sessionMapper();
-    constexpr int kNoResources = 5;
-    if (mMapper != MapperState::Fine) {
-        mapper.fault = [this] { return mMapper == MapperState::Dead ? -1 : kNoResources; };
-    }
-    mapper.onImport = [this](void* handle) {
-        mMapped += cat('+', mFiles.nameOf(static_cast<const native_handle_t*>(handle)));
-        if (handle != nullptr) mImports.insert(handle);
+    mapper.fault = [this] { return mMapperFault; };
+    const auto record = [this](char what, void* handle) {
+        mMapped += cat(what, mFiles.nameOf(static_cast<const native_handle_t*>(handle)));
     };
-    mapper.onFree = [this](void* handle) {
-        const bool isKnown = mImports.erase(handle) == 1;
-        const auto* const known = static_cast<const native_handle_t*>(handle);
-        mMapped += cat('-', isKnown ? mFiles.nameOf(known) : '?');
-    };
+    mapper.onImport = [record](void* handle) { record('+', handle); };
+    mapper.onFree = [record](void* handle) { record('-', handle); };
 }
 
 void Subject::leaveWorld() {

@@ -7,7 +7,6 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,8 +23,6 @@ namespace testing_support {
 /** All that can be seen of a step, in order, each event a sentence. */
 using Events = std::vector<std::string>;
 
-enum class MapperState : uint8_t { Fine, Refusing, Dead };
-
 /**
  * What a sequence is played on: the session or the model of it, with all who use it. Carries
  * operations out, and says what could be seen of each in the same words for both.
@@ -40,7 +37,7 @@ public:
     };
     static const std::array<Kind, 33> kKinds;
 
-    ~Subject() override;
+    ~Subject() override = default;
     Subject(const Subject&) = delete;
     Subject& operator=(const Subject&) = delete;
 
@@ -78,7 +75,6 @@ private:
     /** What all of this process share, as it is for this subject. */
     void enterWorld();
     void leaveWorld();
-    void freeRest();
     void carryOut(const Operation& operation) {
         kKinds[operation.kind].carryOut(*this, operation.args);
     }
@@ -113,12 +109,11 @@ private:
     WallClock mClock;
     FewDuplicates mFewDuplicates;
     bool mCallsFail = false;
-    MapperState mMapper = MapperState::Fine;
+    int mMapperFault = 0;       // below 0 the mapper is gone
     int mLockError = 0;         // of the first lock in a step
     int mUnlockError = 0;       // and of the first unlock
     int mDuplicates = INT_MAX;  // that can be made in the next step
     std::string mMapped;        // what the importer asked the mapper for, in order
-    std::set<void*> mImports;   // what it has
 
     // The users.
     int mCallbacksMade = 0;

@@ -15,7 +15,10 @@
 
 namespace testing_support {
 
-/** Looks whether what it is told is stored already, and not replaced while the lock is held. */
+/**
+ * Looks whether what it is told is stored already, and not replaced while the lock is held, and
+ * runs `inside` in the next call.
+ */
 struct Observer : public ISceneCallback {
     explicit Observer(FDSession& told) : session(told) {}
     void onSceneControl(SceneControl sceneControl) override {
@@ -38,17 +41,11 @@ struct Observer : public ISceneCallback {
         EXPECT_EQ(session.getTrackingMode(), trackingMode);
         pass();
     }
-    virtual void pass() {}
+    void pass() {
+        if (inside) std::exchange(inside, nullptr)();
+    }
 
     FDSession& session;
-};
-
-/** Runs `inside` in the next call. */
-struct GateObserver : public Observer {
-    using Observer::Observer;
-    void pass() override {
-        if (const auto once = std::exchange(inside, nullptr)) once();
-    }
     std::function<void()> inside;
 };
 
@@ -87,7 +84,7 @@ protected:
     std::string where;
     WallClock clock;
     std::atomic<bool> isInObserver{false};
-    GateObserver observer{*session};
+    Observer observer{*session};
 };
 
 }  // namespace testing_support
