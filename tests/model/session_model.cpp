@@ -117,11 +117,23 @@ private:
         }
         buffers[buffer.bufferId] = *imported;
         const auto& stream = mConfiguration->streams[0];
-        mGraphicBuffers[buffer.bufferId] =
+        const sp<GraphicBuffer> wrapper =
             new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                               35, 1, stream.usage, stream.width);
+        if (!isPossible(*wrapper)) say("a wrapper that cannot be");
+        mGraphicBuffers[buffer.bufferId] = wrapper;
         logBuffer('I', "handleCaptureRequest: import buffer success,", buffer);
         return imported;
+    }
+    /** What the platform promises, which the session has from it as well. */
+    bool isPossible(const GraphicBuffer& wrapper) const {
+        const int sizes = wrapper.width | wrapper.height | wrapper.stride | wrapper.format;
+        const bool isEmpty = sizes == 0 && wrapper.getUsage() == 0 && wrapper.handle == nullptr;
+        if (isEmpty || wrapper.initCheck() != 0) return isEmpty && wrapper.initCheck() != 0;
+        const auto number = static_cast<size_t>(mFiles.nameOf(wrapper.handle) - 'A');
+        const kit::FrameSize most = kit::sizeOf(mFiles.models.memories.at(number));
+        return wrapper.width > 0 && wrapper.width <= most.width && wrapper.height > 0 &&
+               wrapper.height <= most.height;
     }
     std::optional<buffer_handle_t> import(const hidl_handle& raw) {
         if (raw->numFds + raw->numInts == 0) return nullptr;
