@@ -33,23 +33,4 @@ TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {
     }
 }
 
-TEST(SessionModelTest, ShrinksToWhatMatters) {
-    const auto holds = [](const Sequence& sequence) {
-        bool isPainted = false;
-        for (const Operation& operation : sequence) {
-            if (isPainted && operation.kind == kindOf("Pass") && operation.args[3] > 9) return true;
-            isPainted |= operation.kind == kindOf("Paint");
-        }
-        return false;
-    };
-    uint64_t seed = 1;
-    while (!holds(sequenceOf(seed)))
-        ++seed;
-    const Sequence shortest = shrunk(sequenceOf(seed), holds);
-    ASSERT_EQ(shortest.size(), 2U);
-    EXPECT_EQ(shortest[0].kind, kindOf("Paint"));
-    EXPECT_EQ(shortest[1].args[0] + shortest[1].args[1], 0);
-    EXPECT_GT(shortest[1].args[3], 9);
-}
-
 }  // namespace testing_support
