@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
+#include <vector>
 
 #include "host/unique_fd.h"
 #include "host/unique_handle.h"
@@ -33,14 +35,14 @@ protected:
     /** What `act` makes the session close, so often, it closes without a lock. */
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
         SCOPED_TRACE(what);
+        std::vector<std::unique_ptr<Meanwhile>> others;
         std::atomic<int> closes{0};
         const FileWatch watch(file.get(), Watching::CLOSES, [&] {
-            const Meanwhile other(
-                [this] {
-                    session->getTrackingMode();
-                    drivePass();
-                },
-                Other::GOES_ON);
+            const auto goOn = [this] {
+                session->getTrackingMode();
+                drivePass();
+            };
+            others.push_back(std::make_unique<Meanwhile>(goOn, Other::GOES_ON));
             ++closes;
         });
         act();

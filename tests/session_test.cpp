@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <functional>
-#include <thread>
+#include <optional>
 #include <utility>
 
 #include "Rotate180.h"
@@ -101,8 +101,10 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
 
 TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
     // The callback's end is the client's code: here it waits for a thread that needs the session.
-    session->handleSetCallback(new Ending(
-        deliveries, [this] { std::thread([this] { session->getTrackingMode(); }).join(); }));
+    std::optional<Meanwhile> other;
+    session->handleSetCallback(new Ending(deliveries, [&] {
+        other.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
+    }));
     session->handleSetCallback(nullptr);
     EXPECT_EQ(deliveries.waitForDeath(), threadName());
 }
