@@ -150,7 +150,7 @@ Events Subject::seen(const std::function<void()>& operation) {
 
 void Subject::enterWorld() {
     mClock.stopAt(mNow);
-    host::setProperty(kFlipped, mIsFlipped ? "true" : "false");
+    if (mIsFlipped) host::setProperty(kFlipped, *mIsFlipped ? "true" : "false");
     host::failLock(mLockError);
     host::failNextUnlock(mUnlockError);
     SpyMapper3& mapper = sessionMapper();

@@ -62,7 +62,7 @@ protected:
 
     const Files& mFiles;
     int64_t mNow = 1700000000000000;
-    bool mIsFlipped = false;
+    std::optional<bool> mIsFlipped;  // none while nobody has said
     bool mIsOver = false;
 
 private:
