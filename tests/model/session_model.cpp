@@ -252,8 +252,7 @@ private:
         mResults.pop_front();
         if (result.outputBuffers.size() > 0) {
             const auto found = mGraphicBuffers.find(result.outputBuffers[0].bufferId);
-            if (mIsFlipped.value_or(false) && found != mGraphicBuffers.end())
-                rotate(*found->second);
+            if (mIsFlipped == true && found != mGraphicBuffers.end()) rotate(*found->second);
             deliver(std::move(result));
         }
         if (mRequests.empty() || mNow <= mRequests.front().since + kStaleUs) return;
