@@ -4,8 +4,8 @@
 #include <cstdlib>
 
 #include "host/mapper.h"
-#include "model/compare.h"
 #include "model/files.h"
+#include "model/sequence.h"
 #include "support.h"
 #include "support/spy_mapper.h"
 

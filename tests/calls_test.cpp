@@ -18,7 +18,7 @@
 #include "host/limits.h"
 #include "host/remote.h"
 #include "model/files.h"
-#include "model/operation.h"
+#include "model/operands.h"
 #include "raw_socket.h"
 #include "src/served_channel.h"
 #include "support/transport_fixture.h"
@@ -52,29 +52,20 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_TRUE(remote->isRemote());
     EXPECT_TRUE(remote->ping().isOk());
     setUpStream();
-    const StreamConfiguration stream =
-        configurationOf(Operation{Kind::Configure, {0, 0, 0, 1, 1, 3, 66, 77, 88}});
+    const StreamConfiguration stream = configurationOf(Args{0, 0, 0, 1, 1, 3, 66, 77, 88});
     expectStatus(remote->configure(stream), Status::OK);
     StreamConfiguration kept = {};
     ASSERT_EQ(session->getConfiguration(kept), 0);
     EXPECT_EQ(inWords(kept), inWords(stream));
 
     const Files files;
-    const PlainRequest request = {9,
-                                  1ULL << 40 | 5,
-                                  "abc",
-                                  {3, UINT64_MAX - 1, 'B', 1, 'f', 'g'},
-                                  {{0, UINT64_MAX, 'A', 1, 'g', 'f'}}};
-    expectStatus(remote->processCaptureRequest(files.recordOf(request)), Status::OK);
-    EXPECT_EQ(inWords(files.plainOf(take())), inWords(request));
-    const PlainResult result = {8,
-                                1ULL << 41 | 6,
-                                "de",
-                                {{4, 7, 'C', 0, 'f', '-'}, {5, 8, '-', 1, '-', 'g'}},
-                                {6, 9, 'D', 1, 'g', 'f'},
-                                3};
-    session->sendCaptureResult(files.recordOf(result));
-    EXPECT_EQ(inWords(files.plainOf(deliveries.waitFor(1)[0].result)), inWords(result));
+    const CaptureRequest request = requestOf({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files.sessions);
+    expectStatus(remote->processCaptureRequest(request), Status::OK);
+    EXPECT_EQ(inWords(files, take()), inWords(files, CaptureRequest(request)));
+    const CaptureResult result = resultOf({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files.sessions);
+    session->sendCaptureResult(result);
+    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
+              inWords(files, CaptureResult(result)));
     const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     notify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);

@@ -41,15 +41,20 @@ protected:
         std::filesystem::current_path("/");
     }
 
+    void start() {
+        source = new FDSessionTest;
+        EXPECT_TRUE(gate->waitUntilPausing());
+    }
     static void writeFrames(const std::string& values) {
         std::ofstream file(kInput, std::ios::binary);
         for (const char value : values)
             file << std::string(kit::kFrameBytes, value);
     }
     void configure(int32_t id, uint32_t width = 1280, uint32_t height = 720) {
+        streamId = id;
         EXPECT_TRUE(client->configure(configurationOf(id, width, height)).isOk());
     }
-    void submit(uint32_t frame, int32_t streamId, const native_handle_t* handle) {
+    void submit(uint32_t frame, const native_handle_t* handle) {
         CaptureRequest request = requestFor(frame, frame, handle, streamId);
         request.outputBuffers[0].status = BufferStatus::ERROR;  // the source says otherwise
         EXPECT_TRUE(client->processCaptureRequest(request).isOk());
@@ -59,6 +64,18 @@ protected:
         log.clear();
         EXPECT_TRUE(gate->passOnce());
         return log.said(kSessionTag);
+    }
+    /** The same for a pass that answers this request. */
+    Lines passWithAnswer(uint32_t frame) {
+        Lines said = pass();
+        const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
+        EXPECT_EQ(result.frameNumber, frame);
+        EXPECT_EQ(result.fmqResultSize + result.result.size() + result.partialResult, 0U);
+        EXPECT_EQ(result.inputBuffer.streamId, -1);
+        EXPECT_EQ(result.outputBuffers[0].streamId, streamId);
+        EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
+        EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
+        return said;
     }
 
     const kit::TemporaryFolder folder;
@@ -71,59 +88,40 @@ protected:
     const host::Buffer buffer = allocate(1280, 720);
     std::unique_ptr<PauseGate> gate = std::make_unique<PauseGate>();
     sp<FDSessionTest> source;
+    int32_t streamId = 0;
 };
 
-TEST_F(FrameSourceTest, LivesThroughItsFirstPassBeforeItsMakerHoldsIt) {
+TEST_F(FrameSourceTest, LivesFromItsFirstPassToItsLastWhoeverHoldsIt) {
     auto* const made = new FDSessionTest;
     EXPECT_TRUE(gate->waitUntilPausing());
     EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
     source = made;
     EXPECT_EQ(made->getStrongCount(), 2);
     ASSERT_TRUE(gate->passOnce());
-}
+    source->requestExit();
+    source.clear();  // the thread drops the last reference, and the object dies on it
+    gate.reset();
+    EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
+    EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
+    EXPECT_TRUE(log.said("Thread").empty());
 
-TEST_F(FrameSourceTest, StaysWhenNoThreadCanBeMade) {
     host::failNextThreadStart();
-    auto* const made = new FDSessionTest;
-    EXPECT_EQ(made->getStrongCount(), 1);
+    auto* const other = new FDSessionTest;
+    EXPECT_EQ(other->getStrongCount(), 1);
     EXPECT_EQ(log.timesSaid("E FDSessionTest: no thread could be made, and the object stays \n"),
               1);
-    source = made;
-    made->decStrong(this);  // what the maker's reference cannot know of
+    source = other;
+    other->decStrong(this);  // what the maker's reference cannot know of
 }
 
-TEST_F(FrameSourceTest, PlaysTheFileInALoopOneRequestAPass) {
-    writeFrames("ab");
-    source = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
-    log.clear();
-    configure(4);
-    for (uint32_t frame = 1; frame <= 3; ++frame)
-        submit(frame, 4, buffer.handle());
-    for (uint32_t frame = 1; frame <= 3; ++frame) {
-        ASSERT_TRUE(gate->passOnce());
-        const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
-        EXPECT_EQ(result.frameNumber, frame);
-        EXPECT_EQ(result.fmqResultSize, 0U);
-        EXPECT_EQ(result.result.size(), 0U);
-        EXPECT_EQ(result.partialResult, 0U);
-        EXPECT_EQ(result.inputBuffer.streamId, -1);
-        EXPECT_EQ(result.outputBuffers[0].streamId, 4);
-        EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
-        EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
-        EXPECT_EQ(buffer.bytes()[0], frame == 2 ? 'b' : 'a');
-        EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], frame == 2 ? 'b' : 'a');
-    }
-    EXPECT_EQ(deliveries.count(), 3U);
-    EXPECT_EQ(log.said("zoruutil").size(), 4U + 3 * 4U);  // the stream's dump, and each request's
-}
-
-TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilled) {
+TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen) {
     ASSERT_EQ(mkfifo(kInput, 0600), 0);
-    source = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
+    start();
     configure(4);
-    submit(1, 4, buffer.handle());
+    submit(1, buffer.handle());
+    const FileWatch watch(buffer.handle()->data[0], Watching::CLOSES, [this] {
+        EXPECT_TRUE(eventually([this] { return deliveries.count() > 1; }));
+    });
     const Meanwhile pass([this] { gate->passOnce(); }, Other::WAITS);
     {
         std::ofstream pipe(kInput, std::ios::binary);  // is open when the source waits for bytes
@@ -135,82 +133,58 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilled) {
     EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], 'a');
 }
 
-TEST_F(FrameSourceTest, KeepsItsWrapperUntilTheResultIsSent) {
-    source = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
-    configure(4);
-    submit(1, 4, buffer.handle());
-    const FileWatch watch(buffer.handle()->data[0], Watching::CLOSES, [this] {
-        EXPECT_TRUE(eventually([this] { return deliveries.count() > 0; }));
-    });
-    ASSERT_TRUE(gate->passOnce());
-}
-
-TEST_F(FrameSourceTest, SaysOnlyWhenTheStreamsIdChanges) {
+TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
+    // It speaks of a stream only when the stream's id changes.
     configure(0, 64, 64);
-    source = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
+    start();
     EXPECT_EQ(log.timesSaid("I threadLoop: received first configration \n"), 1);
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
     EXPECT_TRUE(pass().empty());
-    configure(1, 64, 64);
+    configure(4);
     EXPECT_EQ(pass(), Lines{"I threadLoop: stream configuration change  \n"});
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
 
-    // The same id in another size: nothing is said, but the next wrapper takes the new size.
-    configure(1, 128, 64);
-    EXPECT_TRUE(pass().empty());
-    const host::Buffer small = allocate(64, 64);
-    submit(1, 1, small.handle());
-    EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
-    EXPECT_EQ(deliveries.waitFor(1)[0].result.outputBuffers[0].status, BufferStatus::OK);
-}
-
-TEST_F(FrameSourceTest, AnswersEveryRequestEvenWithoutAFrame) {
-    source = new FDSessionTest;
-    ASSERT_TRUE(gate->waitUntilPausing());
-    configure(0);
     std::fill_n(buffer.bytes(), buffer.size(), uint8_t{7});
-    submit(1, 0, buffer.handle());
-    submit(2, 0, buffer.handle());
-    ASSERT_TRUE(gate->passOnce());
-    ASSERT_TRUE(gate->passOnce());
-    deliveries.waitFor(2);
+    submit(1, buffer.handle());
+    passWithAnswer(1);
     EXPECT_EQ(log.timesSaid(std::string("E file ") + kInput +
                             " open failed, error - No such file or directory \n"),
-              2);
+              1);
     EXPECT_EQ(log.timesSaid("E Invalid params: buffer((nil)) \n"), 0);
     EXPECT_EQ(buffer.bytes()[0], 7);
 
-    // A stream that needs more than a frame of the file: nothing is read past the frame memory.
     writeFrames("ab");
+    for (uint32_t frame = 2; frame <= 4; ++frame)
+        submit(frame, buffer.handle());
+    for (uint32_t frame = 2; frame <= 4; ++frame) {
+        EXPECT_TRUE(passWithAnswer(frame).empty());
+        EXPECT_EQ(log.said("zoruutil").size(), 4U);  // the request's dump
+        EXPECT_EQ(buffer.bytes()[0], frame == 3 ? 'b' : 'a');
+        EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], frame == 3 ? 'b' : 'a');
+    }
+
+    // A stream that needs more than a frame of the file: nothing is read past the frame memory.
     const host::Buffer large = allocate(1280, 722);
-    configure(0, 1280, 722);
-    submit(3, 0, large.handle());
-    EXPECT_EQ(pass(), Lines{"E threadLoop: a frame of the file is too small for width(1280) "
-                            "height(722) \n"});
-    EXPECT_EQ(deliveries.waitFor(3)[2].result.outputBuffers[0].status, BufferStatus::OK);
+    configure(4, 1280, 722);
+    submit(5, large.handle());
+    EXPECT_EQ(passWithAnswer(5), Lines{"E threadLoop: a frame of the file is too small for "
+                                       "width(1280) height(722) \n"});
     EXPECT_EQ(large.bytes()[0], 0);
-
-    // A handle that is no buffer any more when it is taken.
-    native_handle_t* const empty = native_handle_create(0, 0);
-    submit(4, 0, empty);
-    native_handle_delete(empty);
-    EXPECT_EQ(pass(), Lines{"E threadLoop: GraphicBuffer failed \n"});
-    EXPECT_EQ(deliveries.waitFor(4)[3].result.outputBuffers[0].status, BufferStatus::OK);
-
-    // The file's first frame went to the large buffer, and none to what is no buffer.
-    configure(0);
-    submit(5, 0, buffer.handle());
-    EXPECT_TRUE(pass().empty());
-    EXPECT_EQ(buffer.bytes()[0], 'b');
+    // That took a frame, and what cannot be wrapped takes none.
+    submit(6, buffer.handle());
+    EXPECT_EQ(passWithAnswer(6), Lines{"E threadLoop: GraphicBuffer failed \n"});
+    configure(4);
+    submit(7, buffer.handle());
+    EXPECT_TRUE(passWithAnswer(7).empty());
+    EXPECT_EQ(buffer.bytes()[0], 'a');
+    EXPECT_EQ(deliveries.count(), 7U);
 }
 
 TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
     constexpr uint32_t kRequests = 60;
     writeFrames("a");
     configure(4, 64, 64);
-    source = new FDSessionTest;
+    start();
     gate->open();
     const host::Buffer small = allocate(64, 64);
     const auto provide = [&](size_t) {
@@ -218,7 +192,7 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
         if (session->getProcessCaptureRequest(request) != 0) return;
         session->sendCaptureResult(resultFor(request));
     };
-    race({{"client", [&](size_t i) { submit(static_cast<uint32_t>(i), 4, small.handle()); }},
+    race({{"client", [&](size_t i) { submit(static_cast<uint32_t>(i), small.handle()); }},
           {"clock", [&](size_t i) { clock.stopAt(1 + static_cast<int64_t>(i) * 500000); }},
           {"provider", provide},
           {"another provider", provide},
@@ -231,20 +205,6 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
     std::vector<uint32_t> submitted(kRequests);
     std::iota(submitted.begin(), submitted.end(), 0);
     EXPECT_EQ(answered, submitted);  // each one once
-}
-
-TEST_F(FrameSourceTest, EndsAfterThePassUnderWayWhenItIsLetGoOf) {
-    auto* const made = new FDSessionTest;
-    source = made;
-    ASSERT_TRUE(gate->waitUntilPausing());
-    source->requestExit();
-    source.clear();  // the thread drops the last reference, and the object dies on it
-    gate.reset();
-    EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
-    EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
-    EXPECT_TRUE(log.said("Thread").empty());
-    gate = std::make_unique<PauseGate>();
-    source = new FDSessionTest;
 }
 
 }  // namespace testing_support

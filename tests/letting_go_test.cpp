@@ -1,33 +1,29 @@
 // Letting go of what requests and results carry, which may take as long as a client likes.
 
 #include <sys/mman.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <future>
-#include <initializer_list>
+#include <memory>
 #include <vector>
 
 #include "host/unique_fd.h"
+#include "host/unique_handle.h"
 #include "support/interposed.h"
 #include "support/session_fixture.h"
+#include "support/stress.h"
 
 namespace testing_support {
 
 namespace {
 
-/** A handle of these descriptors, which stay the caller's. */
-struct Fence {
-    Fence(std::initializer_list<int> descriptors)
-        : handle(native_handle_create(static_cast<int>(descriptors.size()), 0)) {
-        std::copy(descriptors.begin(), descriptors.end(), &handle->data[0]);
-    }
-    ~Fence() { native_handle_delete(handle); }
-    Fence(const Fence&) = delete;
-    Fence& operator=(const Fence&) = delete;
-
-    native_handle_t* const handle;
-};
+/** Of this file, and at will of something that cannot be duplicated. */
+host::UniqueHandle fenceOf(int file, bool isBroken) {
+    host::UniqueHandle handle(native_handle_create(isBroken ? 2 : 1, 0));
+    handle->data[0] = dup(file);
+    if (isBroken) handle->data[1] = -1;
+    return handle;
+}
 
 }  // namespace
 
@@ -38,24 +34,24 @@ protected:
 
     /** What `act` makes the session close, so often, it closes without a lock. */
     void expectClosed(const char* what, int times, const std::function<void()>& act) {
-        std::vector<std::future<void>> others;
+        SCOPED_TRACE(what);
+        std::vector<std::unique_ptr<Meanwhile>> others;
         std::atomic<int> closes{0};
         const FileWatch watch(file.get(), Watching::CLOSES, [&] {
-            others.push_back(std::async(std::launch::async, [this] {
+            const auto goOn = [this] {
                 session->getTrackingMode();
                 drivePass();
-            }));
-            EXPECT_EQ(others.back().wait_for(std::chrono::seconds(5)), std::future_status::ready)
-                << what;
+            };
+            others.push_back(std::make_unique<Meanwhile>(goOn, Other::GOES_ON));
             ++closes;
         });
         act();
-        EXPECT_TRUE(eventually([&] { return closes == times; })) << what << ": " << closes;
+        EXPECT_TRUE(eventually([&] { return closes == times; })) << closes;
     }
     CaptureRequest fenced(uint64_t bufferId, const native_handle_t* handle) {
         CaptureRequest request = requestFor(1, bufferId, handle);
-        request.inputBuffer.acquireFence = fence.handle;
-        request.outputBuffers[0].acquireFence = fence.handle;
+        request.inputBuffer.acquireFence = fence.get();
+        request.outputBuffers[0].acquireFence = fence.get();
         return request;
     }
     void submitFenced() { EXPECT_EQ(session->handleCaptureRequest(fenced(1, buffer.handle())), 0); }
@@ -64,7 +60,7 @@ protected:
     int64_t now = 1700000000000000;
     WallClock clock;
     const host::UniqueFd file{memfd_create("fence", MFD_CLOEXEC)};
-    const Fence fence{file.get()};
+    const host::UniqueHandle fence = fenceOf(file.get(), false);
 };
 
 TEST_F(LettingGoTest, LetsGoOfARequestWithoutALock) {
@@ -72,10 +68,10 @@ TEST_F(LettingGoTest, LetsGoOfARequestWithoutALock) {
     configure();
     expectClosed("a refused request", 2,
                  [&] { EXPECT_EQ(session->handleCaptureRequest(fenced(9, nullptr)), -1); });
-    const Fence half = {file.get(), -1};
+    const host::UniqueHandle half = fenceOf(file.get(), true);
     expectClosed("one whose handles cannot all be duplicated", 3, [&] {
         CaptureRequest request = fenced(9, buffer.handle());
-        request.outputBuffers[0].releaseFence = half.handle;
+        request.outputBuffers[0].releaseFence = half.get();
         EXPECT_EQ(session->handleCaptureRequest(request), -1);
     });
     expectClosed("a reconfiguration", 2, [&] {
@@ -107,7 +103,7 @@ TEST_F(LettingGoTest, LetsGoOfAResultWithoutALock) {
         ASSERT_EQ(submit(5, 1), 0);
         stepPastASecond();
         CaptureResult result = {};
-        result.inputBuffer.releaseFence = fence.handle;
+        result.inputBuffer.releaseFence = fence.get();
         session->sendCaptureResult(result);
         closed.unlock();
     });

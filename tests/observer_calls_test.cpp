@@ -19,33 +19,23 @@ using SessionLock = ObserverCalls::SessionLock;
 namespace {
 
 /** A call on a thread of its own, under way until this object goes. */
-class UnderWay {
-public:
+struct UnderWay {
     UnderWay(ObserverCalls& calls, const ISceneCallback* observer)
-        : mThread([this, &calls, observer] {
+        : thread([this, &calls, observer] {
               const ObserverCalls::Scope scope(calls, observer, SessionLock::FREE);
-              mBegun.set_value();
-              mEnd.get_future().wait();
+              begun.set_value();
+              end.get_future().wait();
           }) {
-        mBegun.get_future().wait();
+        begun.get_future().wait();
     }
     ~UnderWay() {
-        mEnd.set_value();
-        mThread.join();
+        end.set_value();
+        thread.join();
     }
-    UnderWay(const UnderWay&) = delete;
-    UnderWay& operator=(const UnderWay&) = delete;
-
-private:
-    std::promise<void> mBegun;
-    std::promise<void> mEnd;
-    std::thread mThread;
+    std::promise<void> begun;
+    std::promise<void> end;
+    std::thread thread;
 };
-
-/** Observers are told apart by their addresses alone. */
-const ISceneCallback* observerAt(const int& place) {
-    return reinterpret_cast<const ISceneCallback*>(&place);
-}
 
 }  // namespace
 
@@ -55,9 +45,10 @@ protected:
 
     const Watchdog watchdog{[] { return "a wait for calls of observers"; },
                             std::chrono::seconds(20)};
+    // Told apart by their addresses alone.
     const int places[2] = {};
-    const ISceneCallback* const one = observerAt(places[0]);
-    const ISceneCallback* const other = observerAt(places[1]);
+    const ISceneCallback* const one = reinterpret_cast<const ISceneCallback*>(&places[0]);
+    const ISceneCallback* const other = reinterpret_cast<const ISceneCallback*>(&places[1]);
     ObserverCalls calls;
 };
 

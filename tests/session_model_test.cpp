@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "model/compare.h"
 #include "model/files.h"
+#include "model/sequence.h"
 
 namespace testing_support {
 
@@ -31,25 +31,6 @@ TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {
             sequence, [&](const Sequence& tried) { return !disagreement(files, tried).empty(); });
         FAIL() << "seed " << seed << ", " << disagreement(files, shortest) << asCode(shortest);
     }
-}
-
-TEST(SessionModelTest, ShrinksToWhatMatters) {
-    const auto holds = [](const Sequence& sequence) {
-        bool isPainted = false;
-        for (const Operation& operation : sequence) {
-            if (isPainted && operation.kind == Kind::Pass && operation.args[3] > 9) return true;
-            isPainted |= operation.kind == Kind::Paint;
-        }
-        return false;
-    };
-    uint64_t seed = 1;
-    while (!holds(sequenceOf(seed)))
-        ++seed;
-    const Sequence shortest = shrunk(sequenceOf(seed), holds);
-    ASSERT_EQ(shortest.size(), 2U);
-    EXPECT_EQ(shortest[0].kind, Kind::Paint);
-    EXPECT_EQ(shortest[1].args[0] + shortest[1].args[1], 0);
-    EXPECT_GT(shortest[1].args[3], 9);
 }
 
 }  // namespace testing_support

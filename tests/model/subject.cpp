@@ -1,49 +1,181 @@
 #include "model/subject.h"
 
-#include <utility>
+#include <poll.h>
+
+#include <algorithm>
+
+#include "host/mapper.h"
+#include "host/properties.h"
+#include "model/words.h"
+#include "support/spy_mapper.h"
 
 namespace testing_support {
 
-uint64_t hashOf(const uint8_t* bytes, size_t size, uint64_t seed) {
-    uint64_t hash = seed ^ 0xcbf29ce484222325;
-    for (size_t i = 0; i < size; ++i)
-        hash = (hash ^ bytes[i]) * 0x100000001b3;
+namespace {
+
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using product::FDSession;
+using product::TrackingMode;
+
+constexpr const char* kFlipped = "vendor.zoru.flipped";
+
+uint64_t hashOf(const std::vector<host::Buffer>& memories) {
+    uint64_t hash = 0xcbf29ce484222325;
+    for (const host::Buffer& memory : memories) {
+        for (size_t i = 0; i < memory.size(); ++i)
+            hash = (hash ^ memory.bytes()[i]) * 0x100000001b3;
+    }
     return hash;
 }
 
-uint8_t paintOf(const Operation& operation, size_t offset) {
-    return static_cast<uint8_t>(operation.args[1] + offset * 7 + offset / 9);
+/** How many of the first numbers are open. One system call, for it is made around each step. */
+int openDescriptors() {
+    constexpr size_t kMost = 512;
+    std::array<pollfd, kMost> entries;
+    for (size_t i = 0; i < kMost; ++i)
+        entries[i] = {static_cast<int>(i), 0, 0};
+    poll(entries.data(), kMost, 0);
+    return static_cast<int>(std::count_if(entries.begin(), entries.end(), [](const pollfd& entry) {
+        return (entry.revents & POLLNVAL) == 0;
+    }));
+}
+
+}  // namespace
+
+/** A client's callback, which says what it is told and when it goes. */
+class Subject::Client : public fdstream::IFDSessionCallback {
+public:
+    Client(Subject& subject, int number) : mSubject(subject), mNumber(number) {}
+    ~Client() override { mSubject.say(words("callback", mNumber, "is gone")); }
+
+    Return<void> processCaptureResult(const hidl_vec<product::CaptureResult>& results) override {
+        return answer("gets", results.size(), inWords(mSubject.mFiles, results[0]));
+    }
+    Return<void> notify(const hidl_vec<fdstream::FDNotifyMsg>& messages) override {
+        return answer("is notified of", messages.size(), inWords(messages[0]));
+    }
+
+private:
+    Return<void> answer(const char* what, size_t count, const std::string& record) {
+        mSubject.say(words("callback", mNumber, what, count, record));
+        mSubject.carryOutNested();
+        if (!mSubject.mCallsFail) return {};
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
+                                                      "the peer has closed the connection");
+    }
+
+    Subject& mSubject;
+    const int mNumber;
+};
+
+/** An observer, which says what it is told, and what is stored by then. */
+class Subject::Observer : public product::ISceneCallback {
+public:
+    Observer(Subject& subject, int number) : mSubject(subject), mNumber(number) {}
+
+    void onSceneControl(product::SceneControl control) override {
+        tell("scene", inWords(control), inWords(mSubject.read(&FDSession::getSceneControl)));
+    }
+    void onPTZControl(product::SceneControl control) override {
+        tell("PTZ", inWords(control), inWords(mSubject.read(&FDSession::getPTZControl)));
+    }
+    void onTrackControl(product::TrackControl control) override {
+        tell("track", inWords(control), inWords(mSubject.read(&FDSession::getTrackControl)));
+    }
+    void onTrackingMode(TrackingMode mode) override {
+        tell("mode", cat(mode), cat(mSubject.session().getTrackingMode()));
+    }
+
+private:
+    void tell(const char* what, const std::string& given, const std::string& stored) {
+        mSubject.say(words("observer", mNumber, what, given, "stored", stored));
+        mSubject.carryOutNested();
+    }
+
+    Subject& mSubject;
+    const int mNumber;
+};
+
+Subject::Subject(const Files& files, const FileSet& own) : mFiles(files), mOwn(own) {
+    for (size_t i = 0; i < mObservers.size(); ++i)
+        mObservers[i] = std::make_unique<Observer>(*this, static_cast<int>(i) + 1);
 }
 
 Events Subject::begin() {
-    setClock(mNow);
-    make();
-    return seen();
+    return seen([this] {
+        for (const host::Buffer& memory : mOwn.memories)
+            std::fill_n(memory.bytes(), memory.size(), uint8_t{0});
+        make();
+    });
 }
 
 Events Subject::step(const Operation& operation) {
-    carryOut(operation);
-    if (operation.kind != Kind::LimitDuplicates) limitDuplicates(std::nullopt);
-    return seen();
+    return seen([&] { carryOut(operation); });
 }
 
 Events Subject::end() {
-    mNested.reset();
-    letGoOfHeld();
-    drop();
-    sayAnswer("setCallback", setCallback(0));
-    sayAnswer("configure", configure({}));
-    sayAnswer("processCaptureRequest", submit({}));
-    return seen();
+    return seen([this] {
+        mNested.reset();
+        letGoOfHeld();
+        product::StreamConfiguration any = {};
+        any.streams.resize(1);
+        sayAnswer("configure", product::Status(client().configure(any)));  // frees the buffers
+        mIsOver = true;
+        drop();
+        setCallback(0);
+        sayAnswer("configure", product::Status(client().configure({})));
+        submit({});
+    });
 }
 
-Events Subject::seen() {
-    const Counts now = counts();
-    say(words("ready", int{now.isReady}, "descriptors", now.descriptors, "imports",
-              now.calls.imports, "frees", now.calls.frees, "locks", now.calls.locks, "unlocks",
-              now.calls.unlocks, "refusals", now.calls.refusals, "maps", now.calls.maps, "mappings",
-              now.calls.mappings, "mapper", now.mapped, "bytes", now.bytes));
+Events Subject::seen(const std::function<void()>& operation) {
+    const host::ScopedLogSink scope(*this);
+    enterWorld();
+    mFewDuplicates.limitTo(std::exchange(mDuplicates, INT_MAX));
+    const int descriptors = openDescriptors();
+    const host::MapperCounters before = host::mapperCounters();
+    operation();
+    const host::MapperCounters now = host::mapperCounters();
+    say(words("ready", !mIsOver && session().isCaptureRequestReady(), "descriptors",
+              openDescriptors() - descriptors, "imports", now.imports - before.imports, "frees",
+              now.frees - before.frees, "locks", now.locks - before.locks, "unlocks",
+              now.unlocks - before.unlocks, "refusals", now.refusals - before.refusals, "maps",
+              now.maps - before.maps, "mappings", now.mappings - before.mappings, "mapper", mMapped,
+              "bytes", hashOf(mOwn.memories)));
+    mMapped.clear();
+    leaveWorld();
     return std::exchange(mEvents, {});
+}
+
+void Subject::enterWorld() {
+    mClock.stopAt(mNow);
+    if (mIsFlipped) host::setProperty(kFlipped, *mIsFlipped ? "true" : "false");
+    host::failLock(mLockError);
+    host::failNextUnlock(mUnlockError);
+    SpyMapper3& mapper = sessionMapper();
+    mapper.fault = [this] { return mMapperFault; };
+    const auto record = [this](char what, void* handle) {
+        mMapped += cat(what, mFiles.nameOf(static_cast<const native_handle_t*>(handle)));
+    };
+    mapper.onImport = [record](void* handle) { record('+', handle); };
+    mapper.onFree = [record](void* handle) { record('-', handle); };
+}
+
+void Subject::leaveWorld() {
+    mFewDuplicates.lift();
+    host::clearProperty(kFlipped);
+    host::failLock(0);
+    host::failNextUnlock(0);
+    SpyMapper3& mapper = sessionMapper();
+    mapper.fault = nullptr;
+    mapper.onImport = nullptr;
+    mapper.onFree = nullptr;
+}
+
+void Subject::write(const host::LogLine& line) {
+    const bool isSessions = line.tag == "vendor.zoru.zoruprovider.fdstream@1.0-impl";
+    say(cat("??VDIWEF"[line.priority], ' ', isSessions ? "" : line.tag + ": ", line.text));
 }
 
 void Subject::carryOutNested() {
@@ -52,105 +184,12 @@ void Subject::carryOutNested() {
     }
 }
 
-void Subject::carryOut(const Operation& operation) {
-    if (operation.kind <= Kind::Submit) return carryOutClients(operation);
-    if (operation.kind < Kind::SetObserver) return carryOutProviders(operation);
-    if (operation.kind < Kind::StepClock) return carryOutScenes(operation);
-    carryOutWorlds(operation);
-}
-
-void Subject::carryOutClients(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::SetCallback:
-            return sayAnswer("setCallback", setCallback(operation.args[0] % 4));
-        case Kind::Configure:
-            return sayAnswer("configure", configure(configurationOf(operation)));
-        default:
-            return sayAnswer("processCaptureRequest", submit(requestOf(operation)));
-    }
-}
-
-void Subject::carryOutProviders(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::Take: {
-            const std::optional<PlainRequest> taken = take();
-            return say(taken ? inWords(*taken) : "nothing to take");
-        }
-        case Kind::AskReady:
-            return sayAnswer("ready", isReady());
-        case Kind::GetConfiguration: {
-            const std::optional<product::StreamConfiguration> found = configuration();
-            return say(found ? inWords(*found) : "no configuration");
-        }
-        case Kind::GetBuffer: {
-            const std::optional<PlainGraphicBuffer> found = lookUp(bufferIdOf(operation));
-            return say(found ? inWords(*found) : "no buffer");
-        }
-        case Kind::SendResult:
-            return send(resultOf(operation));
-        case Kind::AnswerTaken:
-            return answerTaken(operation.args[0] % 2U);
-        case Kind::LetGoOfHeld:
-            return letGoOfHeld();
-        case Kind::FreeBuffer:
-            return freeBuffer(streamIdOf(operation), bufferIdOf(operation));
-        case Kind::Notify:
-            return notify(messageOf(operation));
-        case Kind::Paint:
-            return paint(operation.args[0] % kMemories, operation);
-        default:
-            return pass();
-    }
-}
-
-void Subject::carryOutScenes(const Operation& operation) {
-    switch (operation.kind) {
-        case Kind::SetObserver:
-            return setObserver(operation.args[0] % 3);
-        case Kind::SetScene:
-            return setScene(sceneOf(operation));
-        case Kind::GetScene:
-            return say(inWords(scene()));
-        case Kind::SetPTZ:
-            return setPTZ(sceneOf(operation));
-        case Kind::GetPTZ:
-            return say(inWords(ptz()));
-        case Kind::ResetPTZ:
-            return resetPTZ();
-        case Kind::SetMode:
-            return setMode(modeOf(operation));
-        case Kind::GetMode:
-            return sayAnswer("getTrackingMode", static_cast<int64_t>(mode()));
-        case Kind::GetPeople:
-            return sayAnswer("getPeopleCount", people());
-        case Kind::SetTrack:
-            return setTrack(trackOf(operation));
-        default:
-            return say(inWords(track()));
-    }
-}
-
-void Subject::carryOutWorlds(const Operation& operation) {
-    const uint8_t arg = operation.args[0];
-    switch (operation.kind) {
-        case Kind::StepClock:
-            return setClock(mNow += stepOf(operation));
-        case Kind::Flip:
-            return flip(arg % 3 != 0);
-        case Kind::FailCalls:
-            mCallsFail = arg % 2 != 0;
-            return;
-        case Kind::FailMapper:
-            return setMapper(mapperStateOf(operation));
-        case Kind::FailLock:
-            return failLock(1 + arg % 7);
-        case Kind::FailUnlock:
-            return failUnlock(1 + arg % 7);
-        case Kind::LimitDuplicates:
-            return limitDuplicates(arg % 8);
-        default:
-            mNested = nestedIn(operation);
-    }
+void Subject::setCallback(int choice) {
+    android::sp<Client> callback;
+    if (choice == 3) callback = mClient.promote();
+    if (callback == nullptr && choice != 0) callback = new Client(*this, ++mCallbacksMade);
+    mClient = callback;
+    sayAnswer("setCallback", product::Status(client().setCallback(callback)));
 }
 
 }  // namespace testing_support

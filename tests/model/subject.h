@@ -1,36 +1,45 @@
 #pragma once
 
+#include <array>
+#include <climits>
 #include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "model/operation.h"
-#include "model/plain_records.h"
+#include "FDSession.h"
+#include "host/log.h"
+#include "model/files.h"
+#include "model/operands.h"
+#include "model/sequence.h"
+#include "support/interposed.h"
 
 namespace testing_support {
 
 /** All that can be seen of a step, in order, each event a sentence. */
 using Events = std::vector<std::string>;
 
-/** How often the mapper did what, as the platform counts it. */
-struct MapperCalls {
-    int64_t imports = 0;
-    int64_t frees = 0;
-    int64_t locks = 0;
-    int64_t unlocks = 0;
-    int64_t maps = 0;
-    int64_t refusals = 0;
-    int64_t mappings = 0;  ///< alive now
-};
-
 /**
- * What a sequence is played on: the session, or the model of it. Carries operations out, and says
- * what could be seen of each in the same words for both.
+ * What a sequence is played on: the session or the model of it, with all who use it. Carries
+ * operations out, and says what could be seen of each in the same words for both.
  */
-class Subject {
+class Subject : private host::LogSink {
 public:
-    virtual ~Subject() = default;
+    /** What a client, a provider, an observer's owner, the clock or bad luck does to a session. */
+    struct Kind {
+        const char* name;
+        uint8_t weight;  ///< how often it comes up
+        void (*carryOut)(Subject& subject, const Args& args);
+    };
+    static const std::array<Kind, 33> kKinds;
+
+    ~Subject() override = default;
+    Subject(const Subject&) = delete;
+    Subject& operator=(const Subject&) = delete;
 
     Events begin();
     Events step(const Operation& operation);
@@ -38,87 +47,84 @@ public:
     Events end();
 
 protected:
-    /** What can be counted after a step. */
-    struct Counts {
-        bool isReady;
-        int descriptors;
-        MapperCalls calls;
-        std::string mapped;  ///< what the importer asked the mapper for, in order
-        uint64_t bytes;      ///< a hash of all buffers' bytes
-    };
+    Subject(const Files& files, const FileSet& own);
 
     void say(std::string event) { mEvents.push_back(std::move(event)); }
-    void sayCall(int callback, const char* what, size_t count, const std::string& record) {
-        say(words("callback", callback, what, count, record));
-    }
-    void sayGone(int callback) { say(words("callback", callback, "is gone")); }
-    /** For a client or an observer, inside a call. */
-    void carryOutNested();
 
+    virtual product::FDSession& session() = 0;
+    virtual fdstream::IFDSession& client() = 0;
     virtual void make() = 0;
     virtual void drop() = 0;
-    virtual Counts counts() = 0;
+    // What only the session's own threads and code do.
+    virtual void threadLoop() = 0;
+    virtual void freeBuffer(const product::StreamBuffer& buffer) = 0;
+    virtual void resetPTZScene() = 0;
 
-    // The client's, with the status that it gets. 0 takes the callback back, 3 sets it once more.
-    virtual int setCallback(int choice) = 0;
-    virtual int configure(const product::StreamConfiguration& configuration) = 0;
-    virtual int submit(const PlainRequest& request) = 0;
-    // The provider's. It keeps what it takes, kMostTaken requests, and kMostHeld buffers.
-    virtual std::optional<PlainRequest> take() = 0;
-    virtual bool isReady() = 0;
-    virtual std::optional<product::StreamConfiguration> configuration() = 0;
-    virtual std::optional<PlainGraphicBuffer> lookUp(uint64_t bufferId) = 0;
-    virtual void send(const PlainResult& result) = 0;
-    virtual void answerTaken(uint32_t status) = 0;
-    virtual void letGoOfHeld() = 0;
-    virtual void freeBuffer(int32_t streamId, uint64_t bufferId) = 0;
-    virtual void notify(fdstream::FDNotifyMsg message) = 0;
-    virtual void paint(size_t memory, const Operation& operation) = 0;
-    virtual void pass() = 0;
-    // Of the scene. Observer 0 is none.
-    virtual void setObserver(int number) = 0;
-    virtual void setScene(const product::SceneControl& control) = 0;
-    virtual product::SceneControl scene() = 0;
-    virtual void setPTZ(const product::SceneControl& control) = 0;
-    virtual product::SceneControl ptz() = 0;
-    virtual void resetPTZ() = 0;
-    virtual void setMode(product::TrackingMode mode) = 0;
-    virtual product::TrackingMode mode() = 0;
-    virtual int people() = 0;
-    virtual void setTrack(const product::TrackControl& control) = 0;
-    virtual product::TrackControl track() = 0;
-    // The world's.
-    virtual void setClock(int64_t us) = 0;
-    virtual void flip(bool isFlipped) = 0;
-    virtual void setMapper(MapperState state) = 0;
-    virtual void failLock(int error) = 0;
-    virtual void failUnlock(int error) = 0;
-    /** Without a count there is no limit. */
-    virtual void limitDuplicates(std::optional<int> count) = 0;
-
-    bool mCallsFail = false;
+    const Files& mFiles;
+    int64_t mNow = 1700000000000000;
+    std::optional<bool> mIsFlipped;  // none while nobody has said
+    bool mIsOver = false;
 
 private:
-    void carryOut(const Operation& operation);
-    void carryOutClients(const Operation& operation);
-    void carryOutProviders(const Operation& operation);
-    void carryOutScenes(const Operation& operation);
-    void carryOutWorlds(const Operation& operation);
-    void sayAnswer(const char* operation, int64_t value) {
-        say(words(operation, "answers", value));
-    }
-    Events seen();
+    class Client;
+    class Observer;
 
+    void write(const host::LogLine& line) override;
+    /** What an operation does, and what else can be seen of that. */
+    Events seen(const std::function<void()>& operation);
+    /** What all of this process share, as it is for this subject. */
+    void enterWorld();
+    void leaveWorld();
+    void carryOut(const Operation& operation) {
+        kKinds[operation.kind].carryOut(*this, operation.args);
+    }
+    void carryOutNested();
+    template <typename Value>
+    void sayAnswer(const char* operation, const Value& value) {
+        say(operation + (" answers " + std::to_string(static_cast<int>(value))));
+    }
+    template <typename Record>
+    Record read(void (product::FDSession::*get)(Record&)) {
+        Record record = {};
+        (session().*get)(record);
+        return record;
+    }
+    void setCallback(int choice);
+    void submit(const product::CaptureRequest& request);
+    void take();
+    void getConfiguration();
+    void getBuffer(uint64_t bufferId);
+    void send(const product::CaptureResult& result);
+    void answerTaken(product::BufferStatus status);
+    void letGoOfHeld();
+    void paint(const Args& args);
+    void pass();
+    void nest(const Args& args);
+
+    const FileSet& mOwn;
     Events mEvents;
     std::optional<Operation> mNested;
-    int64_t mNow = 1700000000000000;
+
+    // The world.
+    WallClock mClock;
+    FewDuplicates mFewDuplicates;
+    bool mCallsFail = false;
+    int mMapperFault = 0;       // below 0 the mapper is gone
+    int mLockError = 0;         // of the first lock in a step
+    int mUnlockError = 0;       // and of the first unlock
+    int mDuplicates = INT_MAX;  // that can be made in the next step
+    std::string mMapped;        // what the importer asked the mapper for, in order
+
+    // The users.
+    int mCallbacksMade = 0;
+    size_t mUndelivered = 0;
+    android::wp<Client> mClient;
+    std::array<std::unique_ptr<product::ISceneCallback>, 2> mObservers;
+    std::deque<product::CaptureRequest> mTaken;
+    std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };
 
-constexpr size_t kMostTaken = 3;
-constexpr size_t kMostHeld = 2;
-
-uint64_t hashOf(const uint8_t* bytes, size_t size, uint64_t seed);
-/** The byte that Kind::Paint writes there. */
-uint8_t paintOf(const Operation& operation, size_t offset);
+std::unique_ptr<Subject> makeSession(const Files& files);
+std::unique_ptr<Subject> makeModel(const Files& files);
 
 }  // namespace testing_support

@@ -13,7 +13,10 @@
 
 namespace testing_support {
 
-/** Looks whether what it is told is stored already, and not replaced while the lock is held. */
+/**
+ * Looks whether what it is told is stored already, and not replaced while the lock is held, and
+ * runs `inside` in the next call.
+ */
 struct Observer : public ISceneCallback {
     explicit Observer(FDSession& told) : session(told) {}
     void onSceneControl(SceneControl sceneControl) override {
@@ -36,17 +39,11 @@ struct Observer : public ISceneCallback {
         EXPECT_EQ(session.getTrackingMode(), trackingMode);
         pass();
     }
-    virtual void pass() {}
+    void pass() {
+        if (inside) std::exchange(inside, nullptr)();
+    }
 
     FDSession& session;
-};
-
-/** Runs `inside` in the next call. */
-struct GateObserver : public Observer {
-    using Observer::Observer;
-    void pass() override {
-        if (const auto once = std::exchange(inside, nullptr)) once();
-    }
     std::function<void()> inside;
 };
 
@@ -71,7 +68,7 @@ protected:
     const Watchdog watchdog{[this] { return where; }, std::chrono::seconds(30)};
     std::string where;
     WallClock clock;
-    GateObserver observer{*session};
+    Observer observer{*session};
 };
 
 }  // namespace testing_support

@@ -66,37 +66,10 @@ std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count) {
     return result;
 }
 
-size_t Deliveries::count() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mDeliveries.size();
-}
-
-std::vector<FDNotifyMsg> Deliveries::notified() const {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    return mNotified;
-}
-
 std::string Deliveries::waitForDeath() {
     std::unique_lock<std::mutex> lock(mMutex);
     EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return !mDeathThread.empty(); }));
     return mDeathThread;
-}
-
-Return<void> Callback::processCaptureResult(const hidl_vec<CaptureResult>& results) {
-    mDeliveries.add(results);
-    return answer();
-}
-
-Return<void> Callback::notify(const hidl_vec<FDNotifyMsg>& msgs) {
-    mDeliveries.add(msgs);
-    return answer();
-}
-
-Return<void> Callback::answer() {
-    if (during) during();
-    if (!failing) return {};
-    return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
-                                                  "the peer has closed the connection");
 }
 
 sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {

@@ -54,8 +54,14 @@ public:
     void callbackDied();
     /** Waits for the n-th delivery since the start and returns all; fails the test after 10 s. */
     std::vector<Delivery> waitFor(size_t count);
-    size_t count() const;
-    std::vector<FDNotifyMsg> notified() const;
+    size_t count() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDeliveries.size();
+    }
+    std::vector<FDNotifyMsg> notified() const {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mNotified;
+    }
     /** Name of the thread on which the callback died; waits for it. */
     std::string waitForDeath();
 
@@ -74,14 +80,23 @@ public:
     explicit Callback(Deliveries& deliveries) : mDeliveries(deliveries) {}
     ~Callback() override { mDeliveries.callbackDied(); }
 
-    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override;
-    Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override;
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
+        return answer(results);
+    }
+    Return<void> notify(const hidl_vec<FDNotifyMsg>& msgs) override { return answer(msgs); }
 
     std::function<void()> during;
     std::atomic<bool> failing{false};  ///< answers as if the client had died
 
 private:
-    Return<void> answer();
+    template <typename Records>
+    Return<void> answer(const Records& records) {
+        mDeliveries.add(records);
+        if (during) during();
+        if (!failing) return {};
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
+                                                      "the peer has closed the connection");
+    }
 
     Deliveries& mDeliveries;
 };

@@ -1,0 +1,135 @@
+#include "model/sequence.h"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+#include "model/subject.h"
+#include "model/words.h"
+
+namespace testing_support {
+
+namespace {
+
+constexpr size_t kMostOperations = 60;
+
+uint64_t next(uint64_t& state) {
+    uint64_t z = state += 0x9e3779b97f4a7c15;
+    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
+    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
+    return z ^ (z >> 31);
+}
+
+uint8_t kindAt(uint64_t number) {
+    unsigned sum = 0;
+    for (const Subject::Kind& kind : Subject::kKinds)
+        sum += kind.weight;
+    auto left = static_cast<unsigned>(number % sum);
+    uint8_t kind = 0;
+    while (left >= Subject::kKinds[kind].weight)
+        left -= Subject::kKinds[kind++].weight;
+    return kind;
+}
+
+Operation randomOperation(uint64_t& state) {
+    Operation operation = {kindAt(next(state)), {}};
+    const uint64_t bits[] = {next(state), next(state)};
+    memcpy(operation.args.data(), bits, operation.args.size());
+    if (operation.kind == kindOf("Nest")) operation.args[0] = kindAt(bits[1]);
+    return operation;
+}
+
+std::string difference(const Events& got, const Events& expected, const std::string& where) {
+    if (got == expected) return {};
+    std::string text = where + "\n  the session:\n";
+    for (const std::string& event : got)
+        text += "    " + event + "\n";
+    text += "  the model:\n";
+    for (const std::string& event : expected)
+        text += "    " + event + "\n";
+    return text;
+}
+
+}  // namespace
+
+uint8_t kindOf(std::string_view name) {
+    uint8_t kind = 0;
+    while (name != Subject::kKinds.at(kind).name)
+        ++kind;
+    return kind;
+}
+
+Sequence sequenceOf(uint64_t seed) {
+    uint64_t state = seed;
+    Sequence sequence(20 + next(state) % 41);
+    for (Operation& operation : sequence)
+        operation = randomOperation(state);
+    // Most sequences get somewhere.
+    if (seed % 8 != 0) {
+        sequence[0].kind = kindOf("SetCallback");
+        sequence[0].args[0] = 1;
+        sequence[1].kind = kindOf("Configure");
+        sequence[1].args[0] = 0;
+        sequence[1].args[2] = 0;
+    }
+    return sequence;
+}
+
+Sequence sequenceFrom(const uint8_t* data, size_t size) {
+    Sequence sequence(std::min(size / sizeof(Operation), kMostOperations));
+    for (Operation& operation : sequence) {
+        operation.kind = static_cast<uint8_t>(data[0] % Subject::kKinds.size());
+        memcpy(operation.args.data(), data + 1, operation.args.size());
+        data += sizeof(Operation);
+    }
+    return sequence;
+}
+
+std::string disagreement(const Files& files, const Sequence& sequence) {
+    const std::unique_ptr<Subject> model = makeModel(files);
+    const std::unique_ptr<Subject> session = makeSession(files);
+    std::string found = difference(session->begin(), model->begin(), "at the beginning");
+    for (size_t i = 0; i < sequence.size() && found.empty(); ++i) {
+        const Events got = session->step(sequence[i]);
+        found = difference(got, model->step(sequence[i]), cat("in operation ", i));
+    }
+    // Also of those that do not agree, so that nothing of them stays.
+    const std::string last = difference(session->end(), model->end(), "at the end");
+    return found.empty() ? last : found;
+}
+
+Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {
+    for (size_t length = sequence.size() / 2; length > 0; length /= 2) {
+        for (size_t first = 0; first + length <= sequence.size();) {
+            Sequence shorter = sequence;
+            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(first);
+            shorter.erase(from, from + static_cast<std::ptrdiff_t>(length));
+            if (holds(shorter)) {
+                sequence = std::move(shorter);
+            } else {
+                ++first;
+            }
+        }
+    }
+    for (Operation& operation : sequence) {
+        for (uint8_t& arg : operation.args) {
+            const uint8_t before = arg;
+            arg = 0;
+            if (!holds(sequence)) arg = before;
+        }
+    }
+    return sequence;
+}
+
+std::string asCode(const Sequence& sequence) {
+    std::string code = "const Sequence sequence = {\n";
+    for (const auto& [kind, args] : sequence) {
+        code += cat("    {kindOf(\"", Subject::kKinds[kind].name, "\"), {");
+        for (const uint8_t arg : args)
+            code += cat(arg, ", ");
+        code += "}},\n";
+    }
+    return code + "};\nEXPECT_EQ(disagreement(Files(), sequence), \"\");\n";
+}
+
+}  // namespace testing_support
