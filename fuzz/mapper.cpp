@@ -1,13 +1,21 @@
-// The mapper, over the life of several imports of memory that its client grows, cuts, seals and
-// punches. What may be locked is written and read to its end: the bytes have to be the file's.
+// The mapper and the graphic buffers, over the life of several imports of memory that its client
+// grows, cuts, seals and punches, against a plain model: every answer, address and count. What may
+// be locked is written and read to its end: the bytes have to be the file's.
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <ui/GraphicBuffer.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <iterator>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <set>
+#include <string>
+#include <tuple>
 #include <vector>
 
 #include "host/buffer.h"
@@ -18,116 +26,94 @@
 
 namespace {
 
+using android::GraphicBuffer;
 using android::sp;
 using android::hardware::graphics::mapper::V3_0::Error;
 using android::hardware::graphics::mapper::V3_0::IMapper;
 using android::hardware::graphics::mapper::V3_0::YCbCrLayout;
-using host::UniqueFd;
 
 constexpr int kWords = 9;
 constexpr int kMagic = 0x46444231;
+constexpr int kVersion = sizeof(native_handle_t);
+constexpr int kMost = host::kMaxBufferBytes;
 enum Word { MAGIC, WIDTH, HEIGHT, STRIDE, CHROMA_STRIDE, ORDER, CHROMA_STEP };
 
-/** What a handle claims, by the format's description. */
+bool isWithin(int64_t value, int64_t least, int64_t most) {
+    return value >= least && value <= most;
+}
+
+/** What a handle claims, by the format's description; a width of 0 when it is no buffer's. */
 struct Claim {
-    bool isBuffer = false;
-    int64_t width = 0, height = 0;
+    int64_t width = 0, height = 0, stride = 0, chromaStride = 0, step = 0;
     int64_t chroma = 0;  ///< where it begins
+    int64_t cb = 0, cr = 0;
     int64_t total = 0;
 };
 
-Claim claimOf(const native_handle_t& handle) {
-    const int* const words = &handle.data[handle.numFds];
-    if (handle.numFds != 1 || handle.numInts != kWords || words[MAGIC] != kMagic) return {};
-    const int64_t width = words[WIDTH], height = words[HEIGHT], step = words[CHROMA_STEP];
-    const auto isWithin = [](int64_t value, int64_t least, int64_t most) {
-        return value >= least && value <= most;
-    };
-    const int64_t pairs = (width + 1) / 2;
-    const int64_t stride = words[STRIDE] != 0 ? words[STRIDE] : 2 * pairs;
-    const int64_t usual = std::max(stride / 2 * step, pairs * step);
-    const int64_t chromaStride = words[CHROMA_STRIDE] != 0 ? words[CHROMA_STRIDE] : usual;
-    const bool isWithinLimits = isWithin(width, 1, 1 << 15) && isWithin(height, 1, 1 << 15) &&
-                                isWithin(step, 1, 8) && isWithin(words[ORDER], 0, 1) &&
-                                isWithin(stride, width, 1 << 20) &&
-                                words[CHROMA_STRIDE] <= 1 << 20 && chromaStride >= pairs * step;
-    if (!isWithinLimits) return {};
-    Claim claim;
-    claim.width = width;
-    claim.height = height;
-    claim.chroma = stride * height;
-    claim.total = claim.chroma + (step == 1 ? 2 : 1) * chromaStride * ((height + 1) / 2);
-    claim.isBuffer = claim.total <= static_cast<int64_t>(host::kMaxBufferBytes);
-    return claim;
+Claim claimOf(const native_handle_t* handle) {
+    if (handle == nullptr || handle->version != kVersion || handle->numFds != 1 ||
+        handle->numInts != kWords || handle->data[1] != kMagic) {
+        return {};
+    }
+    const int* const words = &handle->data[1];
+    Claim claim = {words[WIDTH], words[HEIGHT], words[STRIDE], words[CHROMA_STRIDE],
+                   words[CHROMA_STEP]};
+    const int64_t pairs = (claim.width + 1) / 2, rows = (claim.height + 1) / 2;
+    if (claim.stride == 0) claim.stride = 2 * pairs;
+    if (claim.chromaStride == 0)
+        claim.chromaStride = std::max(claim.stride / 2, pairs) * claim.step;
+    claim.chroma = claim.stride * claim.height;
+    const int64_t plane = claim.chromaStride * rows;
+    claim.cb = claim.chroma;
+    claim.cr = claim.chroma + (claim.step == 1 ? plane : 1);
+    if (words[ORDER] == 1) std::swap(claim.cb, claim.cr);
+    claim.total = claim.chroma + (claim.step == 1 ? 2 : 1) * plane;
+    const bool isBuffer = isWithin(claim.width, 1, 1 << 15) && isWithin(claim.height, 1, 1 << 15) &&
+                          isWithin(claim.step, 1, 8) && isWithin(words[ORDER], 0, 1) &&
+                          isWithin(claim.stride, claim.width, 1 << 20) &&
+                          words[CHROMA_STRIDE] <= 1 << 20 &&
+                          claim.chromaStride >= pairs * claim.step && claim.total <= kMost;
+    return isBuffer ? claim : Claim();
 }
 
-int64_t sizeOf(int fd) {
-    struct stat status = {};
-    fuzz::expect(fstat(fd, &status) == 0, "fstat fails");
-    return status.st_size;
-}
-
-/** The client's memory. */
-class Memory {
-public:
-    explicit Memory(FuzzedDataProvider& data) {
-        change(data);
-        // Else hardly any import would be allowed.
-        if (data.ConsumeIntegral<uint8_t>() != 0) fcntl(fd(), F_ADD_SEALS, F_SEAL_SHRINK);
-    }
-    int fd() const { return mFd.get(); }
-
-    void change(FuzzedDataProvider& data) {
-        const auto size = data.ConsumeBool() ? data.ConsumeIntegralInRange<off_t>(0, 1 << 14)
-                                             : data.ConsumeIntegralInRange<off_t>(0, kMost);
-        switch (data.ConsumeIntegralInRange(0, 3)) {
-            case 0:
-            case 1:
-                (void)!ftruncate(fd(), size);  // which a seal may forbid
-                break;
-            case 2:
-                fallocate(fd(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
-                break;
-            default:
-                fcntl(fd(), F_ADD_SEALS, data.ConsumeIntegral<uint8_t>() & 0x1f);
-        }
-    }
-
-private:
-    static constexpr auto kMost = static_cast<off_t>(host::kMaxBufferBytes) + 4096;
-    const UniqueFd mFd{memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING)};
+/** The client's memory, and what the mapper is to know of it. */
+struct Memory {
+    const host::UniqueFd fd{memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING)};
+    std::weak_ptr<const int64_t> mapped;  ///< the size of its newest mapping
 };
+using Mapping = std::shared_ptr<const int64_t>;
 
 struct Import {
     void* handle;
-    int fd;  ///< the client's, to look at the same memory
+    std::shared_ptr<Memory> memory;
+    Mapping mapping;
     Claim claim;
     int locks;
 };
 
 class Life {
 public:
-    explicit Life(FuzzedDataProvider& data) : mData(data), mMemories{Memory(data), Memory(data)} {}
+    explicit Life(FuzzedDataProvider& data) : mData(data) {}
 
     void step() {
-        switch (mData.ConsumeIntegralInRange(0, 6)) {
-            case 0:
-                return pick(mMemories).change(mData);
-            case 1:
-            case 2:
-                return import();
-            case 3:
-            case 4:
-                return mImports.empty() ? import() : lock(pick(mImports));
-            case 5:
-                return unlock();
-            default:
-                return free();
-        }
+        const int kind = mData.ConsumeIntegralInRange(0, 6);
+        if (kind == 0) change();
+        if (kind == 1 || kind == 2 || mImports.empty()) return import();
+        if (kind == 3 || kind == 4) lock(pick(mImports), kind == 3);
+        if (kind == 5) unlock(pick(mImports));
+        if (kind == 6) free();
     }
     void end() {
         while (!mImports.empty())
             free();
+    }
+    void expectCounts() {
+        std::set<const Memory*> mapped;
+        for (const Import& import : mImports)
+            if (!import.memory->mapped.expired()) mapped.insert(import.memory.get());
+        host::MapperCounters now = host::mapperCounters();
+        now.mappings -= static_cast<int64_t>(mapped.size());
+        fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or mapping");
     }
 
 private:
@@ -135,129 +121,249 @@ private:
     typename Container::value_type& pick(Container& from) {
         return from[mData.ConsumeIntegralInRange<size_t>(0, from.size() - 1)];
     }
+    /** Mostly what is usual, else one of the limits. */
+    int nearly(int64_t usual, std::initializer_list<int64_t> limits) {
+        const auto kind = mData.ConsumeIntegralInRange<size_t>(0, 8 * limits.size());
+        return static_cast<int>(kind < limits.size() ? limits.begin()[kind] : usual);
+    }
+    Error count(Error error, int64_t& granted) {
+        ++(error == Error::NONE ? granted : mCounts.refusals);
+        return error;
+    }
 
-    host::UniqueHandle forge(int fd) {
-        const int numFds = mData.ConsumeIntegral<uint8_t>() != 7 ? 1 : 2;
-        const int numInts = mData.ConsumeIntegral<uint8_t>() != 7 ? kWords : kWords - 1;
-        host::UniqueHandle handle(native_handle_create(numFds, numInts));
-        for (int i = 0; i < numFds; ++i)
-            handle->data[i] = fcntl(fd, F_DUPFD_CLOEXEC, 0);
-        int* const words = &handle->data[numFds];
-        words[MAGIC] = kMagic;
-        words[CHROMA_STEP] = 2;
-        for (const Word word : {WIDTH, HEIGHT})
-            words[word] = mData.ConsumeIntegralInRange(1, mData.ConsumeBool() ? 128 : 1 << 15);
-        if (mData.ConsumeBool()) words[CHROMA_STEP] = mData.ConsumeIntegralInRange(0, 9);
-        if (mData.ConsumeBool()) words[STRIDE] = mData.ConsumeIntegralInRange(0, 1 << 21);
-        if (mData.ConsumeBool()) words[CHROMA_STRIDE] = mData.ConsumeIntegralInRange(0, 1 << 21);
-        if (mData.ConsumeBool()) words[ORDER] = 1;
-        if (mData.ConsumeIntegral<uint8_t>() < 8)
-            words[mData.ConsumeIntegralInRange(0, 6)] = mData.ConsumeIntegral<int>();
+    void change() {
+        const std::shared_ptr<Memory>& memory = pick(mMemories);
+        if (memory == nullptr) return;
+        const int fd = memory->fd.get();
+        const auto size = mData.ConsumeIntegralInRange<off_t>(0, kMost + 4096);
+        switch (mData.ConsumeIntegralInRange(0, 3)) {
+            case 0:
+                fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
+                break;
+            case 1:
+                fcntl(fd, F_ADD_SEALS, mData.ConsumeIntegral<uint8_t>() & 0x1f);
+                break;
+            default:
+                (void)!ftruncate(fd, size);  // which a seal may forbid
+        }
+    }
+
+    const std::shared_ptr<Memory>& memoryFor(const Claim& claim) {
+        std::shared_ptr<Memory>& memory = pick(mMemories);
+        if (memory != nullptr && mData.ConsumeBool()) return memory;
+        memory = std::make_shared<Memory>();
+        constexpr int kSealed = F_SEAL_SHRINK;
+        (void)!ftruncate(memory->fd.get(), nearly(claim.total, {claim.total - 1, claim.total + 5000,
+                                                                kMost - 1, kMost, kMost + 1}));
+        fcntl(memory->fd.get(), F_ADD_SEALS,
+              nearly(kSealed, {0, F_SEAL_GROW, kSealed | F_SEAL_WRITE, kSealed | F_SEAL_SEAL}));
+        return memory;
+    }
+    /** A descriptor of this memory, or of something else. */
+    int descriptorOf(const Memory& memory) {
+        const std::string own = "/proc/self/fd/" + std::to_string(memory.fd.get());
+        const int kind = nearly(0, {1, 2, 3});
+        if (kind == 1) return open(own.c_str(), O_RDONLY | O_CLOEXEC);
+        if (kind == 2) return open("/dev/zero", O_RDWR | O_CLOEXEC);
+        if (kind == 0) return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0);
+        const int file = open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+        (void)!ftruncate(file, kMost);
+        return file;
+    }
+
+    host::UniqueHandle forge() {
+        host::UniqueHandle handle(
+            native_handle_create(nearly(1, {0, 2}), nearly(kWords, {kWords - 1, kWords + 1})));
+        std::fill_n(&handle->data[0], handle->numFds, -1);
+        handle->version = nearly(kVersion, {kVersion - 1});
+        const auto extent = [this] {
+            return nearly(mData.ConsumeIntegralInRange(1, 128), {0, -1, 1, 1 << 15, (1 << 15) + 1});
+        };
+        const int width = extent(), height = extent();
+        const int step = nearly(2, {0, 1, 1, 3, 8, 9});
+        const int64_t pairs = (int64_t{width} + 1) / 2;
+        const int stride = nearly(mData.ConsumeBool() ? 0 : width + 5,
+                                  {-1, width, width - 1, 1 << 20, (1 << 20) + 1});
+        std::array<int, kWords> words = {nearly(kMagic, {kMagic + 1}),
+                                         width,
+                                         height,
+                                         stride,
+                                         nearly(0, {-1, pairs * step, pairs * step - 1,
+                                                    pairs * step + 3, 1 << 20, (1 << 20) + 1}),
+                                         nearly(0, {1, 1, 2, -1}),
+                                         step};
+        if (mData.ConsumeIntegral<uint8_t>() < 8)  // of just the most bytes, or more
+            words = {kMagic, 2, 255, 1 << 20, 8192 + mData.ConsumeIntegralInRange(0, 1), 0, 2};
+        std::copy_n(words.begin(), std::min(handle->numInts, kWords),
+                    &handle->data[handle->numFds]);
         return handle;
     }
 
     void import() {
         if (mImports.size() == 8) return free();
-        const bool isAgain = !mImports.empty() && mData.ConsumeBool();
-        const Import* const known = isAgain ? &pick(mImports) : nullptr;
-        const int fd = isAgain ? known->fd : pick(mMemories).fd();
-        const host::UniqueHandle forged = isAgain ? nullptr : forge(fd);
-        const auto* const raw =
-            isAgain ? static_cast<const native_handle_t*>(known->handle) : forged.get();
-        const Claim claim = claimOf(*raw);
-        const int64_t size = sizeOf(fd);
-        const int seals = fcntl(fd, F_GET_SEALS);
-        const bool mayImport = claim.isBuffer && (seals & F_SEAL_SHRINK) != 0 &&
-                               claim.total <= size &&
-                               size <= static_cast<int64_t>(host::kMaxBufferBytes);
-        const bool isWritable = (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) == 0;
+        if (!mImports.empty() && mData.ConsumeBool()) {
+            const Import& known = pick(mImports);
+            return import(static_cast<const native_handle_t*>(known.handle), known.memory);
+        }
+        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, nullptr);
+        const host::UniqueHandle forged = forge();
+        const std::shared_ptr<Memory> memory = memoryFor(claimOf(forged.get()));
+        std::generate_n(&forged->data[0], forged->numFds, [&] { return descriptorOf(*memory); });
+        import(forged.get(), memory);
+        forged->version = kVersion;  // else it would not be closed
+    }
+    void import(const native_handle_t* raw, std::shared_ptr<Memory> memory) {
+        const Claim claim = claimOf(raw);
+        fuzz::expect(host::claimedBytes(raw) == static_cast<uint64_t>(claim.total),
+                     "another claim");
+        Mapping mapping;
+        const Error expected = count(map(claim, raw, memory.get(), mapping), mCounts.imports);
+        if (mData.ConsumeBool()) return wrap(raw, claim, expected);
         const auto take = [&](Error error, void* handle) {
-            // Sealed against further writing it is still taken where it is mapped already.
-            fuzz::expect(mayImport || error == Error::BAD_BUFFER, "no buffer, and imported");
-            fuzz::expect(!mayImport || !isWritable || error == Error::NONE, "a buffer is refused");
-            if (error == Error::NONE) mImports.push_back({handle, fd, claim, 0});
+            fuzz::expect(error == expected, "a wrong answer to an import");
+            fuzz::expect((handle != nullptr) == (error == Error::NONE),
+                         "no handle, or one of nothing");
+            if (error == Error::NONE) mImports.push_back({handle, memory, mapping, claim, 0});
         };
         fuzz::expect(mMapper->importBuffer(raw, take).isOk(), "no answer");
+    }
+    /** As the mapper is to: memory that is known is not mapped again. */
+    Error map(const Claim& claim, const native_handle_t* raw, Memory* memory, Mapping& mapping) {
+        if (claim.width == 0) return Error::BAD_BUFFER;
+        const int fd = raw->data[0];
+        const int seals = fcntl(fd, F_GET_SEALS);
+        struct stat status = {};
+        fuzz::expect(fstat(fd, &status) == 0, "fstat fails");
+        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 ||
+            !isWithin(status.st_size, claim.total, kMost)) {
+            return Error::BAD_BUFFER;
+        }
+        mapping = memory->mapped.lock();
+        if (mapping != nullptr && *mapping >= claim.total) return Error::NONE;
+        const bool isWritable = (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) == 0 &&
+                                (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR;
+        if (!isWritable) return Error::BAD_BUFFER;
+        memory->mapped = mapping = std::make_shared<const int64_t>(status.st_size);
+        ++mCounts.maps;
+        return Error::NONE;
+    }
+
+    void wrap(const native_handle_t* raw, const Claim& claim, Error imported) {
+        const auto width = static_cast<uint32_t>(nearly(claim.width, {0, 1, claim.width + 1, -1}));
+        const auto height =
+            static_cast<uint32_t>(nearly(claim.height, {0, 1, claim.height + 1, -1}));
+        const sp<GraphicBuffer> wrapped =
+            new GraphicBuffer(raw, GraphicBuffer::CLONE_HANDLE, width, height, 35, 1, 0x33, 77);
+        const bool isInside = isWithin(width, 1, claim.width) && isWithin(height, 1, claim.height);
+        const bool isMade = imported == Error::NONE && isInside;
+        const Error expected = imported == Error::NONE && !isInside ? Error::BAD_VALUE : imported;
+        if (imported == Error::NONE) ++mCounts.frees;  // at its end, or at once
+        fuzz::expect(Error(wrapped->initCheck()) == expected, "a wrong answer to a wrapper");
+        const auto fields =
+            std::tuple(wrapped->getWidth(), wrapped->getHeight(), wrapped->stride, wrapped->format,
+                       wrapped->getUsage(), wrapped->handle != nullptr);
+        const std::decay_t<decltype(fields)> made(width, height, 77, 35, 0x33, true);
+        fuzz::expect(fields == (isMade ? made : decltype(made)()), "a wrapper of something else");
+
+        const int usage = nearly(0x33, {0x3, 0x30, 0xF00});
+        const Error may = usage == 0xF00 ? Error::BAD_VALUE : Error::NONE;
+        const Error locked = count(isMade ? may : Error::BAD_BUFFER, mCounts.locks);
+        count(locked, mCounts.unlocks);
+        android_ycbcr at = {&at, &at, &at, 1, 2, 3, {}};
+        const int status = wrapped->lockYCbCr(static_cast<uint32_t>(usage), &at);
+        fuzz::expect(Error(status) == locked, "a wrong answer to a wrapper's lock");
+        fuzz::expect(wrapped->unlock() == 0, "an unlock says more than others");
+        if (locked == Error::NONE)
+            return expectPlanes(
+                claim, {at.y, at.cb, at.cr, static_cast<uint32_t>(at.ystride),
+                        static_cast<uint32_t>(at.cstride), static_cast<uint32_t>(at.chroma_step)});
+        fuzz::expect(at.y == &at && at.ystride == 1, "a failure changes the record");
+    }
+    static void expectPlanes(const Claim& claim, const YCbCrLayout& at) {
+        auto* const y = static_cast<uint8_t*>(at.y);
+        fuzz::expect(at.cb == y + claim.cb && at.cr == y + claim.cr, "the chroma is elsewhere");
+        fuzz::expect(at.yStride == claim.stride && at.cStride == claim.chromaStride &&
+                         at.chromaStep == claim.step,
+                     "another stride or step");
     }
 
     /** Whatever the size, a few places of the claim: both ends, where the chroma begins, between.
      */
-    static void touch(const Import& import, uint8_t* memory) {
+    static void touch(const Import& import, void* memory) {
         const int64_t last = import.claim.total - 1;
         for (const int64_t at : {int64_t{0}, import.claim.chroma - 1, import.claim.chroma, last / 2,
                                  last & ~int64_t{4095}, last}) {
-            const uint8_t byte = static_cast<uint8_t>(memory[at] + 1);
-            memory[at] = byte;
+            uint8_t& byte = static_cast<uint8_t*>(memory)[at];
+            ++byte;
             uint8_t inFile = 0;
-            fuzz::expect(pread(import.fd, &inFile, 1, at) == 1 && inFile == byte,
-                         "locked memory is not the client's");
+            const bool isRead = pread(import.memory->fd.get(), &inFile, 1, at) == 1;
+            fuzz::expect(isRead && inFile == byte, "locked memory is not the client's");
         }
     }
 
-    void lock(Import& import) {
-        const auto side = [&](int64_t extent) {
-            if (mData.ConsumeIntegral<uint8_t>() > 240) return mData.ConsumeIntegral<int32_t>();
-            const int64_t near[] = {extent, extent, 0, 1, import.claim.total};
-            constexpr int kBeside[] = {0, 0, 0, 1, -1};
-            return static_cast<int32_t>(mData.PickValueInArray(near)) +
-                   mData.PickValueInArray(kBeside);
-        };
-        const IMapper::Rect region = {side(0), side(0), side(import.claim.width),
-                                      side(import.claim.height)};
-        const uint64_t usage = mData.ConsumeBool() ? 0x33 : mData.ConsumeIntegral<uint64_t>();
-        const bool isInside = region.left >= 0 && region.top >= 0 && region.width >= 0 &&
-                              region.height >= 0 &&
-                              int64_t{region.left} + region.width <= import.claim.width &&
-                              int64_t{region.top} + region.height <= import.claim.height;
-        const bool isRow = region.left == 0 && region.top == 0 && region.width >= 0 &&
-                           region.height == 1 && region.width <= import.claim.total;
-        const auto check = [&](Error error, bool isWithin, void* memory) {
-            const bool mayLock = isWithin && (usage & 0xff) != 0;
-            fuzz::expect(error == (mayLock ? Error::NONE : Error::BAD_VALUE), "a wrong answer");
-            if (!mayLock) return;
-            ++import.locks;
-            touch(import, static_cast<uint8_t*>(memory));
-        };
-        const auto locked = [&](Error error, void* memory, int32_t, int32_t) {
-            check(error, isInside || isRow, memory);
+    void lock(Import& import, bool isPlain) {
+        const Claim& claim = import.claim;
+        const bool wantsRow = mData.ConsumeIntegral<uint8_t>() < 64;
+        const IMapper::Rect region = {
+            nearly(0, {1, -1}), nearly(0, {1, -1}),
+            nearly(wantsRow ? claim.total : claim.width,
+                   {0, claim.width - 1, claim.width + 1, claim.total + 1, -1, INT32_MAX}),
+            nearly(wantsRow ? 1 : claim.height,
+                   {0, 1, 2, claim.height - 1, claim.height + 1, -1, INT32_MAX})};
+        const auto usage = static_cast<uint64_t>(nearly(0x33, {0, 0x3, 0x30, 0xF00}));
+        const bool isInside = region.left >= 0 && region.top >= 0 &&
+                              isWithin(region.width, 0, claim.width - region.left) &&
+                              isWithin(region.height, 0, claim.height - region.top);
+        const bool isRow = isPlain && region.left == 0 && region.top == 0 && region.height == 1 &&
+                           isWithin(region.width, 0, claim.total);
+        const bool mayLock = (isInside || isRow) && (usage & 0xff) != 0;
+        const Error expected = count(mayLock ? Error::NONE : Error::BAD_VALUE, mCounts.locks);
+        const auto locked = [&](Error error, void* memory, int32_t perPixel, int32_t perStride) {
+            fuzz::expect(error == expected, "a wrong answer to a lock");
+            fuzz::expect(perPixel == -1 && perStride == -1, "a stride of a planar buffer");
+            if (mayLock) touch(import, memory);
         };
         const auto lockedYCbCr = [&](Error error, const YCbCrLayout& layout) {
-            check(error, isInside, layout.y);
-            if (error != Error::NONE) return;
-            auto* const chroma = static_cast<uint8_t*>(std::min(layout.cb, layout.cr));
-            fuzz::expect(chroma == static_cast<uint8_t*>(layout.y) + import.claim.chroma,
-                         "the chroma is elsewhere");
+            locked(error, layout.y, -1, -1);
+            if (mayLock) expectPlanes(claim, layout);
         };
-        const bool isPlain = mData.ConsumeBool();
+        if (mayLock) ++import.locks;
         const auto answer =
             isPlain ? mMapper->lock(import.handle, usage, region, nullptr, locked)
                     : mMapper->lockYCbCr(import.handle, usage, region, nullptr, lockedYCbCr);
         fuzz::expect(answer.isOk(), "no answer");
     }
 
-    void unlock() {
-        if (mImports.empty()) return;
-        Import& import = pick(mImports);
-        const bool isLocked = import.locks > 0;
-        if (isLocked) --import.locks;
-        const auto check = [isLocked](Error error, auto&&) {
-            fuzz::expect(error == (isLocked ? Error::NONE : Error::BAD_BUFFER), "a wrong answer");
+    void unlock(Import& import) {
+        const Error expected = import.locks > 0 ? Error::NONE : Error::BAD_BUFFER;
+        if (import.locks > 0) --import.locks;
+        count(expected, mCounts.unlocks);
+        const auto check = [expected](Error error, auto&&...) {
+            fuzz::expect(error == expected, "a wrong answer to an unlock");
         };
         fuzz::expect(mMapper->unlock(import.handle, check).isOk(), "no answer");
     }
 
     void free() {
-        if (mImports.empty()) return;
         const size_t which = mData.ConsumeIntegralInRange<size_t>(0, mImports.size() - 1);
         void* const handle = mImports[which].handle;
         mImports.erase(mImports.begin() + static_cast<ptrdiff_t>(which));
-        for (const Error expected : {Error::NONE, Error::BAD_BUFFER})
-            fuzz::expect(Error(mMapper->freeBuffer(handle)) == expected, "not freed once");
+        ++mCounts.frees;
+        fuzz::expect(Error(mMapper->freeBuffer(handle)) == Error::NONE, "not freed");
+        // From now on nobody knows it.
+        const auto check = [](Error error, auto&&...) {
+            fuzz::expect(error == Error::BAD_BUFFER, "what is freed is known");
+        };
+        check(mMapper->freeBuffer(handle));
+        fuzz::expect(mMapper->lock(handle, 3, {0, 0, 1, 1}, nullptr, check).isOk(), "no answer");
+        fuzz::expect(mMapper->unlock(handle, check).isOk(), "no answer");
+        mCounts.refusals += 3;
     }
 
     FuzzedDataProvider& mData;
     const sp<IMapper> mMapper = host::realMapper3();
-    std::array<Memory, 2> mMemories;
+    host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
+    std::array<std::shared_ptr<Memory>, 2> mMemories;
     std::vector<Import> mImports;
 };
 
@@ -266,16 +372,15 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
     const fuzz::Descriptors before = fuzz::openDescriptors();
-    const host::MapperCounters counted = host::mapperCounters();
     {
         Life life(data);
-        for (int steps = 0; data.remaining_bytes() > 0 && steps < 64; ++steps)
+        for (int steps = 0; data.remaining_bytes() > 0 && steps < 64; ++steps) {
             life.step();
+            life.expectCounts();
+        }
         life.end();
+        life.expectCounts();
     }
-    const host::MapperCounters now = host::mapperCounters();
-    fuzz::expect(now.imports - counted.imports == now.frees - counted.frees, "imports are left");
-    fuzz::expect(now.mappings == counted.mappings, "mappings are left");
     fuzz::expectOpen(before);
     return 0;
 }
