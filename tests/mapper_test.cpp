@@ -6,6 +6,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <tuple>
+#include <utility>
+
 #include "host/mapper.h"
 #include "host/unique_fd.h"
 #include "host/unique_handle.h"
@@ -22,6 +25,35 @@ TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
     EXPECT_FALSE(host::Buffer::allocate({2, 255, 1U << 20, 8194}));
     EXPECT_EQ(mapper3::IMapper::getService("another"), nullptr);
     EXPECT_EQ(mapper2::IMapper::getService("another"), nullptr);
+}
+
+TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
+    const host::Buffer buffer = allocate(640, 480);
+    const auto wrapAs = [&buffer](uint32_t width, uint32_t height) {
+        return sp<GraphicBuffer>(new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE,
+                                                   width, height, 35, 1, 0x100000033, 1));
+    };
+    const sp<GraphicBuffer> wrapped = wrapAs(320, 480);
+    EXPECT_EQ(wrapped->initCheck(), 0);
+    EXPECT_EQ(std::tuple(wrapped->getWidth(), wrapped->getHeight(), wrapped->stride,
+                         wrapped->format, wrapped->getUsage()),
+              std::tuple(320U, 480U, 1, 35, 0x100000033U));
+    android_ycbcr at = {};
+    EXPECT_EQ(wrapped->lockYCbCr(0xF00, &at), 3);
+    for (const auto& [width, height] :
+         {std::pair{641U, 480U}, {640U, 481U}, {0U, 480U}, {640U, 0U}}) {
+        const sp<GraphicBuffer> wrong = wrapAs(width, height);
+        EXPECT_EQ(wrong->initCheck(), 3);
+        EXPECT_EQ(wrong->width + wrong->height + wrong->stride + wrong->format, 0);
+        EXPECT_EQ(wrong->getUsage(), 0U);
+        EXPECT_EQ(wrong->handle, nullptr);
+        EXPECT_EQ(wrong->lockYCbCr(0x33, &at), 2);
+    }
+    EXPECT_EQ(at.y, nullptr);  // left alone by a failure
+    EXPECT_EQ(wrapped->lockYCbCr(0x33, &at), 0);
+    EXPECT_EQ(at.ystride, 640U);
+    EXPECT_EQ(wrapped->unlock(), 0);
+    EXPECT_EQ(wrapped->unlock(), 0);  // the mapper refuses, and nobody is told
 }
 
 TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
