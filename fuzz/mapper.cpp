@@ -29,7 +29,7 @@ using android::hardware::graphics::mapper::V3_0::Error;
 using android::hardware::graphics::mapper::V3_0::IMapper;
 using android::hardware::graphics::mapper::V3_0::YCbCrLayout;
 
-constexpr int kWords = 9;
+constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
 constexpr int kVersion = sizeof(native_handle_t);
 constexpr int kMost = host::kMaxBufferBytes;
@@ -98,11 +98,7 @@ public:
         if (kind == 1 || kind == 2 || mImports.empty()) return import();
         if (kind == 3 || kind == 4) lock(pick(mImports), kind == 3);
         if (kind == 5) unlock(pick(mImports));
-        if (kind == 6) free();
-    }
-    void end() {
-        while (!mImports.empty())
-            free();
+        if (kind == 6) free(mData.ConsumeIntegralInRange<size_t>(0, mImports.size() - 1));
     }
     void expectCounts() {
         std::set<const Memory*> mapped;
@@ -111,6 +107,11 @@ public:
         host::MapperCounters now = host::mapperCounters();
         now.mappings -= static_cast<int64_t>(mapped.size());
         fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or mapping");
+    }
+    void end() {
+        while (!mImports.empty())
+            free(0);
+        expectCounts();
     }
 
 private:
@@ -151,10 +152,7 @@ private:
     }
     /** A descriptor of this memory, or of a file that has no seals. */
     int descriptorOf(const Memory& memory) {
-        const std::string own = "/proc/self/fd/" + std::to_string(memory.fd.get());
-        const int kind = nearly(0, {1, 2});
-        if (kind == 0) return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0);
-        if (kind == 1) return open(own.c_str(), O_RDONLY | O_CLOEXEC);
+        if (nearly(0, {1}) == 0) return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0);
         const int file = open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
         (void)!ftruncate(file, kMost);
         return file;
@@ -170,17 +168,13 @@ private:
         };
         const int width = extent(), height = extent();
         const int step = nearly(2, {0, 1, 1, 3, 8, 9});
-        const int64_t pairs = (int64_t{width} + 1) / 2;
+        const int row = (width + 1) / 2 * step;
         const int stride = nearly(mData.ConsumeBool() ? 0 : width + 5,
                                   {-1, width, width - 1, 1 << 20, (1 << 20) + 1});
-        std::array<int, kWords> words = {nearly(kMagic, {kMagic + 1}),
-                                         width,
-                                         height,
-                                         stride,
-                                         nearly(0, {-1, pairs * step, pairs * step - 1,
-                                                    pairs * step + 3, 1 << 20, (1 << 20) + 1}),
-                                         nearly(0, {1, 1, 2, -1}),
-                                         step};
+        const int chromaStride = nearly(0, {-1, row, row - 1, row + 3, 1 << 20, (1 << 20) + 1});
+        const int order = nearly(0, {1, 1, 2, -1});
+        std::array<int, kWords> words = {
+            nearly(kMagic, {kMagic + 1}), width, height, stride, chromaStride, order, step};
         if (mData.ConsumeIntegral<uint8_t>() < 8)  // of just the most bytes, or more
             words = {kMagic, 2, 255, 1 << 20, 8192 + mData.ConsumeIntegralInRange(0, 1), 0, 2};
         std::copy_n(words.begin(), std::min(handle->numInts, kWords),
@@ -189,7 +183,7 @@ private:
     }
 
     void import() {
-        if (mImports.size() == 8) return free();
+        if (mImports.size() == 8) return free(0);
         if (!mImports.empty() && mData.ConsumeBool()) {
             const Import& known = pick(mImports);
             return import(static_cast<const native_handle_t*>(known.handle), known.memory);
@@ -228,22 +222,17 @@ private:
         }
         mapping = memory->mapped.lock();
         if (mapping != nullptr && *mapping >= claim.total) return Error::NONE;
-        const bool isWritable = (seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) == 0 &&
-                                (fcntl(fd, F_GETFL) & O_ACCMODE) == O_RDWR;
-        if (!isWritable) return Error::BAD_BUFFER;
+        if ((seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) != 0) return Error::BAD_BUFFER;
         memory->mapped = mapping = std::make_shared<const int64_t>(status.st_size);
         ++mCounts.maps;
         return Error::NONE;
     }
 
-    /** Whatever the size, a few places of the claim: both ends, where the chroma begins, between.
-     */
+    /** A few places of the claim: both ends, where the chroma begins, between. */
     static void touch(const Import& import, void* memory) {
-        const int64_t last = import.claim.total - 1;
-        for (const int64_t at : {int64_t{0}, import.claim.chroma - 1, import.claim.chroma, last / 2,
-                                 last & ~int64_t{4095}, last}) {
-            uint8_t& byte = static_cast<uint8_t*>(memory)[at];
-            ++byte;
+        const int64_t last = import.claim.total - 1, chroma = import.claim.chroma;
+        for (const int64_t at : {int64_t{0}, chroma - 1, chroma, last / 2, last & ~4095L, last}) {
+            const uint8_t byte = ++static_cast<uint8_t*>(memory)[at];
             uint8_t inFile = 0;
             const bool isRead = pread(import.memory->fd.get(), &inFile, 1, at) == 1;
             fuzz::expect(isRead && inFile == byte, "locked memory is not the client's");
@@ -277,9 +266,9 @@ private:
             if (!mayLock) return;
             auto* const y = static_cast<uint8_t*>(at.y);
             fuzz::expect(at.cb == y + claim.cb && at.cr == y + claim.cr, "the chroma is elsewhere");
-            fuzz::expect(at.yStride == claim.stride && at.cStride == claim.chromaStride &&
-                             at.chromaStep == claim.step,
-                         "another stride or step");
+            fuzz::expect(at.yStride == claim.stride && at.cStride == claim.chromaStride,
+                         "a stride");
+            fuzz::expect(at.chromaStep == claim.step, "another chroma step");
         };
         if (mayLock) ++import.locks;
         if (isPlain)
@@ -288,28 +277,26 @@ private:
             mMapper->lockYCbCr(import.handle, usage, region, nullptr, lockedYCbCr);
     }
 
+    static auto expects(Error expected) {
+        return [expected](Error error, auto&&...) {
+            fuzz::expect(error == expected, "a wrong answer");
+        };
+    }
     void unlock(Import& import) {
         const Error expected = import.locks > 0 ? Error::NONE : Error::BAD_BUFFER;
         if (import.locks > 0) --import.locks;
-        count(expected, mCounts.unlocks);
-        const auto check = [expected](Error error, auto&&...) {
-            fuzz::expect(error == expected, "a wrong answer to an unlock");
-        };
-        mMapper->unlock(import.handle, check);
+        mMapper->unlock(import.handle, expects(count(expected, mCounts.unlocks)));
     }
-
-    void free() {
-        const size_t which = mData.ConsumeIntegralInRange<size_t>(0, mImports.size() - 1);
+    void free(size_t which) {
         void* const handle = mImports[which].handle;
         mImports.erase(mImports.begin() + static_cast<ptrdiff_t>(which));
+        expects(Error::NONE)(mMapper->freeBuffer(handle));
         ++mCounts.frees;
-        fuzz::expect(Error(mMapper->freeBuffer(handle)) == Error::NONE, "not freed");
-        const auto check = [](Error error, auto&&...) {
-            fuzz::expect(error == Error::BAD_BUFFER, "what is freed is known");
-        };
-        check(mMapper->freeBuffer(handle));
-        mMapper->lock(handle, 3, {0, 0, 1, 1}, nullptr, check);
-        mMapper->unlock(handle, check);
+        // From now on nobody knows it.
+        const auto unknown = expects(Error::BAD_BUFFER);
+        unknown(mMapper->freeBuffer(handle));
+        mMapper->lock(handle, 3, {0, 0, 1, 1}, nullptr, unknown);
+        mMapper->unlock(handle, unknown);
         mCounts.refusals += 3;
     }
 
@@ -333,7 +320,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
             life.expectCounts();
         }
         life.end();
-        life.expectCounts();
     }
     fuzz::expectOpen(before);
     return 0;
