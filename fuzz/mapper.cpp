@@ -13,7 +13,6 @@
 #include <initializer_list>
 #include <memory>
 #include <set>
-#include <string>
 #include <vector>
 
 #include "host/buffer.h"
@@ -33,7 +32,7 @@ constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
 constexpr int kVersion = sizeof(native_handle_t);
 constexpr int kMost = host::kMaxBufferBytes;
-enum Word { MAGIC, WIDTH, HEIGHT, STRIDE, CHROMA_STRIDE, ORDER, CHROMA_STEP };
+enum Word { WIDTH = 1, HEIGHT, STRIDE, CHROMA_STRIDE, ORDER, CHROMA_STEP };
 
 bool isWithin(int64_t value, int64_t least, int64_t most) {
     return value >= least && value <= most;
@@ -92,6 +91,17 @@ class Life {
 public:
     explicit Life(FuzzedDataProvider& data) : mData(data) {}
 
+    void run() {
+        for (int steps = 0; mData.remaining_bytes() > 0 && steps < 64; ++steps) {
+            step();
+            expectCounts();
+        }
+        while (!mImports.empty())
+            free(0);
+        expectCounts();
+    }
+
+private:
     void step() {
         const int kind = mData.ConsumeIntegralInRange(0, 6);
         if (kind == 0) change();
@@ -108,13 +118,7 @@ public:
         now.mappings -= static_cast<int64_t>(mapped.size());
         fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or mapping");
     }
-    void end() {
-        while (!mImports.empty())
-            free(0);
-        expectCounts();
-    }
 
-private:
     template <typename Container>
     typename Container::value_type& pick(Container& from) {
         return from[mData.ConsumeIntegralInRange<size_t>(0, from.size() - 1)];
@@ -241,13 +245,11 @@ private:
 
     void lock(Import& import, bool isPlain) {
         const Claim& claim = import.claim;
-        const bool wantsRow = mData.ConsumeIntegral<uint8_t>() < 64;
         const IMapper::Rect region = {
             nearly(0, {1, -1}), nearly(0, {1, -1}),
-            nearly(wantsRow ? claim.total : claim.width,
-                   {0, claim.width - 1, claim.width + 1, claim.total + 1, -1, INT32_MAX}),
-            nearly(wantsRow ? 1 : claim.height,
-                   {0, 1, 2, claim.height - 1, claim.height + 1, -1, INT32_MAX})};
+            nearly(claim.width, {0, claim.width - 1, claim.width + 1, claim.total, claim.total + 1,
+                                 -1, INT32_MAX}),
+            nearly(claim.height, {0, 1, 2, claim.height + 1, -1, INT32_MAX})};
         const auto usage = static_cast<uint64_t>(nearly(0x33, {0, 0x3, 0x30, 0xF00}));
         const bool isInside = region.left >= 0 && region.top >= 0 &&
                               isWithin(region.width, 0, claim.width - region.left) &&
@@ -313,14 +315,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
     const fuzz::Descriptors before = fuzz::openDescriptors();
-    {
-        Life life(data);
-        for (int steps = 0; data.remaining_bytes() > 0 && steps < 64; ++steps) {
-            life.step();
-            life.expectCounts();
-        }
-        life.end();
-    }
+    Life(data).run();
     fuzz::expectOpen(before);
     return 0;
 }

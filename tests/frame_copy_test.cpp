@@ -21,7 +21,8 @@ protected:
         EXPECT_EQ(log.take("zoruutil"), Lines{line});
         const host::MapperCounters now = host::mapperCounters();
         EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks) << line;
-        EXPECT_EQ(now.refusals - before.refusals, refused) << line;
+        refused += line.find("(3)") != std::string::npos ? 1 : 0;
+        EXPECT_EQ(now.refusals - before.refusals, refused) << line;  // nor is unlocked in vain
     }
     static sp<GraphicBuffer> bufferOf(uint32_t width, uint32_t height, uint32_t chromaStep = 2) {
         return wrap(allocate(width, height, {0, 0, 0, 0, host::ChromaOrder::CbFirst, chromaStep}));
@@ -32,6 +33,7 @@ protected:
     int refused = 0;  ///< locks
     const sp<GraphicBuffer> good = bufferOf(8, 4);
     const sp<GraphicBuffer> planar = bufferOf(8, 4, 1);
+    const sp<GraphicBuffer> wide = bufferOf(8, 4, 4);
     const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);  // no processor usage
     std::vector<uint8_t> memory = std::vector<uint8_t>(128 * 32 * 2);
     zoru_ycbcr frame{memory.data(), 8, 4};
@@ -44,8 +46,9 @@ TEST_F(FrameCopyTest, TellsWhyAFrameIsNotCopied) {
     fails(ZoruUtil::copyFrom(nullptr, good), "E Invalid params: buffer((nil)) \n");
     fails(ZoruUtil::copyTo(nullptr, good), "E Invalid params: buffer((nil)) \n");
     fails(ZoruUtil::copyTo(memory.data(), planar), unhandled);
+    fails(ZoruUtil::copyFrom(memory.data(), planar), unhandled);
     fails(ZoruUtil::copy(good, planar), unhandled);
-    fails(ZoruUtil::copy(bufferOf(8, 4, 4), good), unhandled);
+    fails(ZoruUtil::copy(wide, good), unhandled);
     fails(ZoruUtil::copy(planar, frame), unhandled);
     frame.chroma_step = 1;
     fails(ZoruUtil::copy(good, frame), unhandled);
@@ -53,16 +56,23 @@ TEST_F(FrameCopyTest, TellsWhyAFrameIsNotCopied) {
           "E source is smaller: width(4) height(4), not width(8) height(4) \n");
     fails(ZoruUtil::copy(good, bufferOf(8, 2)),
           "E source is smaller: width(8) height(2), not width(8) height(4) \n");
-    refused = 1;
+    android_ycbcr at = {};
+    EXPECT_EQ(wide->lockYCbCr(0x33, &at) + wide->unlock(), 0);
+    char line[200];
+    snprintf(line, sizeof(line),
+             "E  unhanlded buffer format: y(%p) cb(%p) cr(%p) ystride(8) cstride(16) "
+             "chroma_step(4) \n",
+             at.y, at.cb, at.cr);
+    fails(ZoruUtil::copyFrom(memory.data(), wide), line);
+    fails(ZoruUtil::copyFrom(memory.data(), closed), "E lockYCbCr failed, error (3) \n");
     fails(ZoruUtil::copyTo(memory.data(), closed), "E lockYCbCr failed, error(3) \n");
-    refused = 2;
     fails(ZoruUtil::copy(good, closed), "E 325:lock failed, error (3) \n");
-    refused = 3;
     fails(ZoruUtil::copy(closed, good), "E 332:lock failed, error (3) \n");
-    refused = 4;
     fails(ZoruUtil::copy(closed, frame), "E copy:379: lockYCbCr failed, error (3) \n");
 
-    // A failed unlock alone: told by copyTo, ignored by both copies.
+    // A failed unlock alone: told by copyFrom and copyTo, ignored by both copies.
+    host::failNextUnlock(-8);
+    fails(ZoruUtil::copyFrom(memory.data(), good), "E unlock failed, error (-8) \n");
     host::failNextUnlock(-8);
     fails(ZoruUtil::copyTo(memory.data(), good), "E unlock failed, error(-8) \n");
     frame.chroma_step = 2;

@@ -12,14 +12,13 @@
 #include <string>
 
 #include "YUVFile.h"
-#include "support/log_lines.h"
+#include "support/session_fixture.h"
 #include "temporary_folder.h"
 
 namespace testing_support {
 
 namespace {
 
-using vendor::zoru::zoruprovider::fdstream::V1_0::implementation::YUVFile;
 constexpr const char* kTag = "zoruutil";
 constexpr int kBytes = 6144;  // of 64 x 64: more than a stream reads ahead
 
@@ -53,6 +52,19 @@ TEST_F(YuvFileTest, OpensAFileForReadingOnlyAndTriesAgain) {
     EXPECT_EQ(log.said(kTag),
               (Lines{"E file " + path + " open failed, error - No such file or directory \n",
                      "E file reading failed, status - 0 error - Illegal seek \n"}));
+}
+
+TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {
+    YUVFile none(nullptr, 2, 3);
+    EXPECT_EQ(none.putFrame(), -1);
+    YUVFile full("/dev/full", 2, 2);
+    EXPECT_EQ(full.putFrame(), -1);
+    EXPECT_EQ(full.putFrame(wrap(allocate(2, 2), 0)), -1);
+    EXPECT_EQ(log.said(kTag),
+              (Lines{"E invalid args: inFile((nil)) width(2) height(3) \n",
+                     "E file  open failed, error - No such file or directory \n",
+                     "E file writing failed, status - 6 error - No space left on device \n",
+                     "E lockYCbCr failed, error (3) \n", "E Failed to from Graphics buffer \n"}));
 }
 
 TEST_F(YuvFileTest, KeepsTheFirst255CharactersOfAPath) {
