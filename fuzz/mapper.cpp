@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -72,12 +71,13 @@ Claim claimOf(const native_handle_t* handle) {
     return isBuffer ? claim : Claim();
 }
 
-/** The client's memory, and what the mapper is to know of it. */
+using Mapping = std::shared_ptr<const int64_t>;  ///< its size
+
+/** The client's memory, or a file that has no seals, and what the mapper is to know of it. */
 struct Memory {
-    const host::UniqueFd fd{memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING)};
-    std::weak_ptr<const int64_t> mapped;  ///< the size of its newest mapping
+    const host::UniqueFd fd;
+    std::weak_ptr<const int64_t> mapped;  ///< the newest mapping
 };
-using Mapping = std::shared_ptr<const int64_t>;
 
 struct Import {
     void* handle;
@@ -134,7 +134,9 @@ private:
     }
 
     void change() {
-        const int fd = pick(mMemories)->fd.get();
+        const std::shared_ptr<Memory>& memory = pick(mMemories);
+        if (memory == nullptr) return;
+        const int fd = memory->fd.get();
         const auto size = mData.ConsumeIntegralInRange<off_t>(0, kMost + 4096);
         const int kind = mData.ConsumeIntegralInRange(0, 3);
         if (kind == 0)
@@ -145,27 +147,21 @@ private:
 
     const std::shared_ptr<Memory>& memoryFor(const Claim& claim) {
         std::shared_ptr<Memory>& memory = pick(mMemories);
-        if (mData.ConsumeBool()) return memory;
-        memory = std::make_shared<Memory>();
+        if (memory != nullptr && mData.ConsumeBool()) return memory;
+        constexpr int kFlags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
+        const int file = nearly(0, {1}) == 0 ? memfd_create("fdstream-buffer", kFlags)
+                                             : open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+        memory.reset(new Memory{host::UniqueFd(file), {}});
         constexpr int kSealed = F_SEAL_SHRINK;
-        (void)!ftruncate(memory->fd.get(), nearly(claim.total, {claim.total - 1, claim.total + 5000,
-                                                                kMost - 1, kMost, kMost + 1}));
-        fcntl(memory->fd.get(), F_ADD_SEALS,
+        (void)!ftruncate(file, nearly(claim.total, {claim.total - 1, claim.total + 5000, kMost - 1,
+                                                    kMost, kMost + 1}));
+        fcntl(file, F_ADD_SEALS,
               nearly(kSealed, {0, F_SEAL_GROW, kSealed | F_SEAL_WRITE, kSealed | F_SEAL_SEAL}));
         return memory;
     }
-    /** A descriptor of this memory, or of a file that has no seals. */
-    int descriptorOf(const Memory& memory) {
-        if (nearly(0, {1}) == 0) return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0);
-        const int file = open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
-        (void)!ftruncate(file, kMost);
-        return file;
-    }
-
     host::UniqueHandle forge() {
         host::UniqueHandle handle(
             native_handle_create(nearly(1, {0, 2}), nearly(kWords, {kWords - 1, kWords + 1})));
-        std::fill_n(&handle->data[0], handle->numFds, -1);
         handle->version = nearly(kVersion, {kVersion - 1});
         const auto extent = [this] {
             return nearly(mData.ConsumeIntegralInRange(1, 128), {0, -1, 1, 1 << 15, (1 << 15) + 1});
@@ -195,7 +191,8 @@ private:
         if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, nullptr);
         const host::UniqueHandle forged = forge();
         const std::shared_ptr<Memory> memory = memoryFor(claimOf(forged.get()));
-        std::generate_n(&forged->data[0], forged->numFds, [&] { return descriptorOf(*memory); });
+        std::generate_n(&forged->data[0], forged->numFds,
+                        [&memory] { return fcntl(memory->fd.get(), F_DUPFD_CLOEXEC, 0); });
         import(forged.get(), memory);
         forged->version = kVersion;  // else it would not be closed
     }
@@ -218,16 +215,13 @@ private:
         if (claim.width == 0) return Error::BAD_BUFFER;
         const int fd = raw->data[0];
         const int seals = fcntl(fd, F_GET_SEALS);
-        struct stat status = {};
-        fuzz::expect(fstat(fd, &status) == 0, "fstat fails");
-        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 ||
-            !isWithin(status.st_size, claim.total, kMost)) {
+        const off_t size = lseek(fd, 0, SEEK_END);
+        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || !isWithin(size, claim.total, kMost))
             return Error::BAD_BUFFER;
-        }
         mapping = memory->mapped.lock();
         if (mapping != nullptr && *mapping >= claim.total) return Error::NONE;
         if ((seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) != 0) return Error::BAD_BUFFER;
-        memory->mapped = mapping = std::make_shared<const int64_t>(status.st_size);
+        memory->mapped = mapping = std::make_shared<const int64_t>(size);
         ++mCounts.maps;
         return Error::NONE;
     }
@@ -305,8 +299,7 @@ private:
     FuzzedDataProvider& mData;
     const sp<IMapper> mMapper = host::realMapper3();
     host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
-    std::array<std::shared_ptr<Memory>, 2> mMemories = {std::make_shared<Memory>(),
-                                                        std::make_shared<Memory>()};
+    std::array<std::shared_ptr<Memory>, 2> mMemories;
     std::vector<Import> mImports;
 };
 
