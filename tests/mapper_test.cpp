@@ -39,6 +39,7 @@ TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
                          wrapped->format, wrapped->getUsage()),
               std::tuple(320U, 480U, 1, 35, 0x100000033U));
     android_ycbcr at = {};
+    at.y = &at;
     EXPECT_EQ(wrapped->lockYCbCr(0xF00, &at), 3);
     for (const auto& [width, height] :
          {std::pair{641U, 480U}, {640U, 481U}, {0U, 480U}, {640U, 0U}}) {
@@ -49,7 +50,7 @@ TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
         EXPECT_EQ(wrong->handle, nullptr);
         EXPECT_EQ(wrong->lockYCbCr(0x33, &at), 2);
     }
-    EXPECT_EQ(at.y, nullptr);  // left alone by a failure
+    EXPECT_EQ(at.y, &at);  // left alone by a failure
     EXPECT_EQ(wrapped->lockYCbCr(0x33, &at), 0);
     EXPECT_EQ(at.ystride, 640U);
     EXPECT_EQ(wrapped->unlock(), 0);
