@@ -106,12 +106,9 @@ TEST_F(YuvFileTest, WritesOnWhenTheDiskWasFull) {
             written += file.putFrame() == kBytes ? 1U : 0U;
         setrlimit(RLIMIT_FSIZE, &before);
         EXPECT_EQ(written, room / kBytes);
-        const Lines lines = log.take(kTag);
-        EXPECT_EQ(lines.size(), 4 - written) << room;
-        for (const std::string& line : lines)
-            EXPECT_EQ(line.find("E file writing failed, status - "), 0U) << line;
+        EXPECT_EQ(log.take(kTag).size(), 4 - written) << room;
         EXPECT_EQ(file.putFrame(), kBytes);
-        EXPECT_TRUE(log.said(kTag).empty());
+        EXPECT_TRUE(log.take(kTag).empty());
     }
     signal(SIGXFSZ, SIG_DFL);
 }
