@@ -97,6 +97,7 @@ TEST_F(FrameCopyTest, RefusesAFrameWithoutAddresses) {
         fails(ZoruUtil::copy(good, impossible), invalid);
     }
     zoru_ycbcr nothing(nullptr, 16, 16);
+    EXPECT_EQ(nothing.cb, nullptr);
     fails(ZoruUtil::copy(good, nothing), invalid);
 }
 
