@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <optional>
+#include <tuple>
 
 #include "HandleImporter.h"
 #include "support/session_fixture.h"
@@ -15,271 +16,212 @@
 namespace testing_support {
 
 using android::hardware::camera::common::V1_0::helper::HandleImporter;
-using android::hardware::camera::common::V1_0::helper::YCbCrLayout;
 
-namespace {
-constexpr const char* kTag = "HandleImporter";
-}  // namespace
-
-template <typename Spy>
-class ImporterTest : public testing::Test {
+/** With mapper 3.0, or without one. */
+class ImporterTest : public testing::TestWithParam<bool> {
 protected:
-    static auto real() {
-        if constexpr (std::is_same_v<Spy, SpyMapper3>) {
-            return host::realMapper3();
-        } else {
-            return host::realMapper2();
-        }
-    }
-    static android::sp<mapper3::IMapper> as3(const android::sp<Spy>& spy) {
-        if constexpr (std::is_same_v<Spy, SpyMapper3>) return spy;
-        return nullptr;
-    }
+    /** An operation when nothing comes of it. */
+    struct Call {
+        std::function<bool()> givesNothing;
+        std::string name;
+        std::string failed;  ///< how its line begins when it has not reached the mapper
+    };
 
+    int unlockWith(int descriptors, int integers, int descriptor) {
+        native_handle_t* const fence = native_handle_create(descriptors, integers);
+        if (descriptors > 0) fence->data[0] = descriptor;
+        spy.releaseFence.setTo(fence);
+        importer.lock(handle, 3, 64);
+        const int result = importer.unlock(handle);
+        spy.releaseFence.setTo(nullptr);
+        native_handle_delete(fence);
+        return result;
+    }
     /** What another thread's operation does when it comes while this one is inside the mapper. */
     void expectInside(const std::function<void()>& operation, Other expected,
-                      const std::function<void()>& other) {
+                      const std::function<void()>& other) const {
         std::optional<Meanwhile> meanwhile;
-        spy->during = [&] { meanwhile.emplace(other, expected); };
+        spy.during = [&] { meanwhile.emplace(other, expected); };
         operation();
         EXPECT_TRUE(meanwhile.has_value());
     }
+    Lines said() { return log.take("HandleImporter"); }
 
-    const android::sp<Spy> spy = new Spy(real());
-    const android::sp<SpyMapper2> unused = new SpyMapper2(host::realMapper2());
-    const host::ScopedMapper scope{as3(spy), [this]() -> android::sp<mapper2::IMapper> {
-                                       if constexpr (std::is_same_v<Spy, SpyMapper2>) return spy;
-                                       return unused;
-                                   }()};
+    const android::sp<SpyMapper3> spy3 = new SpyMapper3(host::realMapper3());
+    const android::sp<SpyMapper2> spy2 = new SpyMapper2(host::realMapper2());
+    Spied& spy = GetParam() ? static_cast<Spied&>(*spy3) : *spy2;
+    const host::ScopedMapper scope{GetParam() ? spy3 : android::sp<SpyMapper3>(), spy2};
     LogLines log;
-    const host::Buffer buffer = allocate(64, 32);
+    const host::Buffer buffer = allocate(64, 32, {0, 0, 0, 70});
+    buffer_handle_t handle = buffer.handle();
     HandleImporter importer;
-};
-
-using BothVersions = testing::Types<SpyMapper3, SpyMapper2>;
-struct VersionName {
-    template <typename Spy>
-    static std::string GetName(int /*index*/) {
-        return std::is_same_v<Spy, SpyMapper3> ? "Mapper3" : "Mapper2";
-    }
-};
-TYPED_TEST_SUITE(ImporterTest, BothVersions, VersionName);
-
-TYPED_TEST(ImporterTest, ImportsLocksAndFrees) {
-    buffer_handle_t handle = this->buffer.handle();
-    ASSERT_TRUE(this->importer.importBuffer(handle));
-    ASSERT_NE(handle, this->buffer.handle());
-    EXPECT_EQ(handle, this->spy->imported[0]);
-
-    auto* const bytes = static_cast<uint8_t*>(this->importer.lock(handle, 0x100000033, 2048));
-    ASSERT_NE(bytes, nullptr);
-    bytes[5] = 77;
-    EXPECT_EQ(this->buffer.bytes()[5], 77);
-    EXPECT_EQ(this->spy->usage, 0x100000033U);
-    EXPECT_EQ(this->spy->region.left, 0);
-    EXPECT_EQ(this->spy->region.top, 0);
-    EXPECT_EQ(this->spy->region.width, 2048);
-    EXPECT_EQ(this->spy->region.height, 1);
-    EXPECT_EQ(this->importer.unlock(handle), -1);
-
-    const YCbCrLayout layout = this->importer.lockYCbCr(handle, 3, {2, 4, 8, 16});
-    EXPECT_EQ(this->spy->region.left, 2);
-    EXPECT_EQ(this->spy->region.height, 16);
-    EXPECT_EQ(layout.y, bytes);
-    EXPECT_EQ(layout.cb, bytes + 2048);
-    EXPECT_EQ(layout.cr, bytes + 2049);
-    EXPECT_EQ(layout.yStride, 64U);
-    EXPECT_EQ(layout.cStride, 64U);
-    EXPECT_EQ(layout.chromaStep, 2U);
-    EXPECT_EQ(this->importer.unlock(handle), -1);
-    EXPECT_TRUE(this->log.lines().empty());
-    EXPECT_EQ(this->importer.lock(handle, 3, INT32_MAX), nullptr);  // it fits, but not the buffer
-    EXPECT_EQ(this->log.take(kTag), Lines{"E operator(): failed to lock error 3!"});
-    EXPECT_EQ(this->spy->fences, 0);
-    this->importer.freeBuffer(handle);
-    EXPECT_EQ(this->spy->freed, this->spy->imported);
-    // The service was fetched once, and 2.0 only where there is no 3.0.
-    EXPECT_EQ(this->scope.asked3(), 1);
-    EXPECT_EQ(this->scope.asked2(), (std::is_same_v<TypeParam, SpyMapper2> ? 1 : 0));
-}
-
-TYPED_TEST(ImporterTest, TellsHowACallOfTheMapperFailedAndGoesOn) {
-    HandleImporter& tested = this->importer;
-    buffer_handle_t handle = nullptr;
-    const struct {
-        std::function<bool()> givesNothing;
-        std::string refused;  ///< the line, without the error's number
-        std::string died;
-    } calls[] = {
+    const std::vector<Call> calls = {
+        {[&] { return importer.freeBuffer(handle), true; }, "freeBuffer",
+         "freeBuffer: mapper freeBuffer"},
+        {[&] { return importer.unlock(handle) == -1; }, "unlock", "unlock: mapper call"},
+        {[&] { return importer.lock(handle, 3, 64) == nullptr; }, "lock", "lock: mapper call"},
         {[&] {
-             buffer_handle_t raw = this->buffer.handle();
-             return !tested.importBuffer(raw) && raw == this->buffer.handle();
-         },
-         "", "importBufferInternal: mapper importBuffer"},
-        {[&] { return tested.lock(handle, 3, 64) == nullptr; }, "lock", "lock: mapper call"},
-        {[&] {
-             const YCbCrLayout layout = tested.lockYCbCr(handle, 3, {0, 0, 64, 32});
+             const auto layout = importer.lockYCbCr(handle, 3, {0, 0, 64, 32});
              return layout.y == nullptr && layout.cStride == 0;
          },
          "lockYCbCr", "lockYCbCr: mapper call"},
-        {[&] { return tested.unlock(handle) == -1; }, "unlock", "unlock: mapper call"},
-        {[&] { return tested.freeBuffer(handle), true; }, "", "freeBuffer: mapper freeBuffer"}};
-    for (const int fault : {-1, 1, 2, 3, 5, 7}) {
-        for (const auto& call : calls) {
-            handle = this->buffer.handle();
-            ASSERT_TRUE(tested.importBuffer(handle));
-            ASSERT_NE(tested.lock(handle, 3, 64), nullptr);
-            this->spy->fault = [fault] { return fault; };
-            EXPECT_TRUE(call.givesNothing()) << call.died << fault;
-            this->spy->fault = nullptr;
-            Lines lines;  // the refusal of an import is silent
-            if (fault < 0) {
-                lines = {"E " + call.died +
+        {[&] {
+             buffer_handle_t raw = buffer.handle();
+             return !importer.importBuffer(raw) && raw == buffer.handle();
+         },
+         "importBuffer", "importBufferInternal: mapper importBuffer"}};
+};
+
+TEST_P(ImporterTest, ImportsLocksAndFrees) {
+    ASSERT_TRUE(importer.importBuffer(handle));
+    auto* const bytes = static_cast<uint8_t*>(importer.lock(handle, 0x100000033, 2048));
+    EXPECT_EQ(spy.locked, (std::array<int64_t, 6>{0x100000033, 0, 0, 2048, 1, 0}));
+    ASSERT_NE(bytes, nullptr);
+    bytes[5] = 77;
+    EXPECT_EQ(buffer.bytes()[5], 77);
+    EXPECT_EQ(importer.unlock(handle), -1);
+    const auto layout = importer.lockYCbCr(handle, 3, {2, 4, 8, 16});
+    EXPECT_EQ(spy.locked, (std::array<int64_t, 6>{3, 2, 4, 8, 16, 0}));
+    EXPECT_EQ(std::tuple(layout.y, layout.cb, layout.cr),
+              (std::tuple<void*, void*, void*>(bytes, bytes + 2048, bytes + 2049)));
+    EXPECT_EQ(std::tuple(layout.yStride, layout.cStride, layout.chromaStep),
+              std::tuple(64U, 70U, 2U));
+    EXPECT_EQ(importer.unlock(handle), -1);
+    EXPECT_EQ(said(), Lines());
+
+    const int fence = unlockWith(1, 0, STDERR_FILENO);
+    EXPECT_GT(fence, STDERR_FILENO);  // a duplicate
+    importer.closeFence(fence);
+    for (const auto& [descriptors, integers, fd] : {std::tuple(1, 0, -7), {2, 0, 2}, {1, 1, 2}})
+        EXPECT_EQ(unlockWith(descriptors, integers, fd), -1);
+    for (const size_t size : {size_t{INT32_MAX}, size_t{1} << 31, (size_t{1} << 32) + 64})
+        EXPECT_EQ(importer.lock(handle, 3, size), nullptr);
+    EXPECT_EQ(said(), (Lines{"E operator(): bad release fence FD -1",
+                             "E operator(): bad release fence numInts 0 numFds 2",
+                             "E operator(): bad release fence numInts 1 numFds 1",
+                             "E operator(): failed to lock error 3!",  // of the mapper, by its size
+                             "E lock: size 2147483648 is over 31 bits",
+                             "E lock: size 4294967360 is over 31 bits"}));
+    const int64_t frees = host::mapperCounters().frees;
+    importer.freeBuffer(handle);
+    EXPECT_EQ(host::mapperCounters().frees, frees + 1);
+    // The service was fetched once, and 2.0 only where there is no 3.0.
+    EXPECT_EQ(std::pair(scope.asked3(), scope.asked2()), std::pair(1, GetParam() ? 0 : 1));
+}
+
+TEST_P(ImporterTest, TellsHowACallOfTheMapperFailedAndGoesOn) {
+    const buffer_handle_t raw = handle;
+    for (const int fault : {-2, -1, 1, 2, 3, 5, 7}) {
+        for (const Call& call : calls) {
+            handle = raw;
+            ASSERT_TRUE(importer.importBuffer(handle));
+            ASSERT_NE(importer.lock(handle, 3, 64), nullptr);
+            native_handle_t* const fence = native_handle_create(1, 0);  // of the standard input
+            spy.releaseFence.setTo(fence);
+            spy.fault = [fault] { return fault; };
+            EXPECT_TRUE(call.givesNothing()) << call.name << fault;
+            spy.fault = nullptr;
+            spy.releaseFence.setTo(nullptr);
+            native_handle_delete(fence);
+            Lines lines;  // the refusal of an import or of a free is silent
+            if (fault == -1)
+                lines = {"E " + call.failed +
                          " failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"};
-            } else if (!call.refused.empty()) {
-                lines = {"E operator(): failed to " + call.refused + " error " +
+            if (fault > 0 && call.name.find("Buffer") == std::string::npos)
+                lines = {"E operator(): failed to " + call.name + " error " +
                          std::to_string(fault) + "!"};
-            }
-            EXPECT_EQ(this->log.take(kTag), lines);
-            if (this->spy->freed.empty()) tested.freeBuffer(handle);
-            this->spy->freed.clear();
+            EXPECT_EQ(said(), lines);
+            if (call.name != "freeBuffer") importer.freeBuffer(handle);
         }
     }
-    EXPECT_EQ(tested.lock(handle, 3, (size_t{1} << 32) + 64), nullptr);
-    EXPECT_EQ(tested.lock(handle, 3, size_t{1} << 31), nullptr);
-    EXPECT_EQ(this->log.said(kTag), (Lines{"E lock: size 4294967360 is over 31 bits",
-                                           "E lock: size 2147483648 is over 31 bits"}));
 }
 
-TYPED_TEST(ImporterTest, HandsOutADuplicateOfTheReleaseFence) {
-    buffer_handle_t handle = this->buffer.handle();
-    ASSERT_TRUE(this->importer.importBuffer(handle));
-    const auto unlockWith = [&](int descriptors, int integers, int descriptor) {
-        native_handle_t* const fence = native_handle_create(descriptors, integers);
-        if (descriptors > 0) fence->data[0] = descriptor;
-        this->spy->releaseFence.setTo(fence);
-        this->importer.lockYCbCr(handle, 3, {0, 0, 64, 32});
-        const int result = this->importer.unlock(handle);
-        this->spy->releaseFence.setTo(nullptr);
-        native_handle_delete(fence);
-        return result;
+TEST_P(ImporterTest, AsksAgainWhileThereIsNoMapper) {
+    native_handle_t* const own = native_handle_create(1, 1);
+    const auto imports = [&](int descriptors, int integers) {
+        own->numFds = descriptors;
+        own->numInts = integers;
+        handle = own;
+        return importer.importBuffer(handle);
     };
-    const int fence = unlockWith(1, 0, STDERR_FILENO);
-    EXPECT_GT(fence, STDERR_FILENO);
-    this->importer.closeFence(fence);
-    EXPECT_EQ(unlockWith(1, 0, -7), -1);
-    EXPECT_EQ(unlockWith(2, 0, STDERR_FILENO), -1);
-    EXPECT_EQ(unlockWith(1, 1, STDERR_FILENO), -1);
-    EXPECT_EQ(this->log.said(kTag), (Lines{"E operator(): bad release fence FD -1",
-                                           "E operator(): bad release fence numInts 0 numFds 2",
-                                           "E operator(): bad release fence numInts 1 numFds 1"}));
-    this->importer.freeBuffer(handle);
-}
-
-TYPED_TEST(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
-    HandleImporter& tested = this->importer;
-    buffer_handle_t handle = this->buffer.handle();
-    buffer_handle_t other = this->buffer.handle();
-    ASSERT_TRUE(tested.importBuffer(handle));
-    const auto lock = [&] { tested.lock(handle, 3, 64); };
-    const auto unlock = [&] { tested.unlock(handle); };
-    const auto refused = [&] { tested.lock(handle, 0, 64); };  // without a usage
-
-    this->expectInside([&] { tested.importBuffer(other); }, Other::WAITS, refused);
-    this->expectInside([&] { tested.freeBuffer(other); }, Other::WAITS, refused);
-    this->expectInside(lock, Other::WAITS, refused);
-    this->expectInside(unlock, Other::GOES_ON, refused);
-    this->expectInside([&] { tested.lockYCbCr(handle, 3, {0, 0, 64, 32}); }, Other::WAITS, refused);
-    // What takes no lock does not wait for it either.
-    this->expectInside(refused, Other::GOES_ON, unlock);
-    this->expectInside(refused, Other::GOES_ON, [&] { tested.cleanup(); });
-    EXPECT_EQ(this->spy->getStrongCount(), 2);  // the registry's and the test's
-    lock();                                     // connects anew
-    unlock();
-    tested.freeBuffer(handle);
-}
-
-TEST(ImporterAloneTest, ConnectsLazilyAndAsksAgainWhileThereIsNoMapper) {
-    LogLines log;
-    const host::ScopedMapper none(nullptr, nullptr);
-    HandleImporter importer;
-    native_handle_t* const empty = native_handle_create(0, 0);
-    buffer_handle_t handle = empty;
-    EXPECT_TRUE(importer.importBuffer(handle));
-    EXPECT_EQ(handle, nullptr);
-    importer.freeBuffer(nullptr);
-    EXPECT_TRUE(log.lines().empty());
-    native_handle_delete(empty);
-
-    const host::Buffer buffer = allocate(4, 4);
-    handle = buffer.handle();
-    importer.freeBuffer(handle);
-    EXPECT_EQ(importer.unlock(handle), -1);
-    EXPECT_EQ(none.asked3() + none.asked2(), 0);  // neither connects
-    EXPECT_FALSE(importer.importBuffer(handle));
-    EXPECT_EQ(importer.lock(handle, 3, 4), nullptr);
-    EXPECT_EQ(importer.lockYCbCr(handle, 3, {0, 0, 4, 4}).y, nullptr);
-    EXPECT_EQ(none.asked3(), 3);
-    EXPECT_EQ(none.asked2(), 3);
-    const std::string hal = "E initializeLocked: cannnot acccess graphics mapper HAL!";
-    const std::string null = ": mMapperV3 and mMapperV2 are both null!";
-    EXPECT_EQ(log.said(kTag),
-              (Lines{"E freeBuffer" + null, "E unlock" + null, hal, "E importBuffer" + null, hal,
-                     "E lock" + null, hal, "E lockYCbCr" + null}));
-
-    // A mapper that appears is found, and forgotten by cleanup().
-    {
-        const host::ScopedMapper real(host::realMapper3(), nullptr);
-        ASSERT_TRUE(importer.importBuffer(handle));
+    for (int round = 0; round < 2; ++round) {
+        std::optional<host::ScopedMapper> none(std::in_place, nullptr, nullptr);
+        EXPECT_TRUE(imports(0, 0));
+        EXPECT_EQ(handle, nullptr);
+        importer.freeBuffer(nullptr);
+        handle = buffer.handle();
+        Lines lines;
+        for (const Call& call : calls) {
+            EXPECT_TRUE(call.givesNothing());
+            // Neither of the first two connects.
+            if (lines.size() >= 2)
+                lines.emplace_back("E initializeLocked: cannnot acccess graphics mapper HAL!");
+            lines.push_back("E " + call.name + ": mMapperV3 and mMapperV2 are both null!");
+        }
+        EXPECT_EQ(said(), lines);
+        EXPECT_EQ(std::pair(none->asked3(), none->asked2()), std::pair(3, 3));
+        // One that appears is found, and forgotten by cleanup(). Half empty is not empty.
+        none.reset();
+        EXPECT_FALSE(imports(1, 0) || imports(0, 1));
+        handle = buffer.handle();
+        EXPECT_TRUE(importer.importBuffer(handle));
         importer.freeBuffer(handle);
+        importer.cleanup();
     }
-    importer.cleanup();
-    handle = buffer.handle();
-    EXPECT_FALSE(importer.importBuffer(handle));
-    EXPECT_EQ(none.asked3(), 5);            // once by the real mapper's scope, once more now
-    for (const int descriptors : {0, 1}) {  // half empty is not empty
-        native_handle_t* const half = native_handle_create(descriptors, 1 - descriptors);
-        handle = half;
-        EXPECT_FALSE(importer.importBuffer(handle));
-        native_handle_delete(half);
-    }
+    native_handle_delete(own);
 }
+
+TEST_P(ImporterTest, IsLockedInsideEveryMapperCallButUnlock) {
+    buffer_handle_t other = handle;
+    ASSERT_TRUE(importer.importBuffer(handle));
+    const auto lock = [&] { importer.lock(handle, 3, 64); };
+    const auto unlock = [&] { importer.unlock(handle); };
+    const auto refused = [&] { importer.lock(handle, 0, 64); };  // without a usage
+    expectInside([&] { importer.importBuffer(other); }, Other::WAITS, refused);
+    expectInside([&] { importer.freeBuffer(other); }, Other::WAITS, refused);
+    expectInside(lock, Other::WAITS, refused);
+    expectInside(unlock, Other::GOES_ON, refused);
+    expectInside([&] { importer.lockYCbCr(handle, 3, {0, 0, 64, 32}); }, Other::WAITS, refused);
+    expectInside(refused, Other::GOES_ON, [&] { importer.cleanup(); });
+    EXPECT_NE(importer.lock(handle, 3, 64), nullptr);  // connects anew
+    unlock();
+    importer.freeBuffer(handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(HasMapper3, ImporterTest, testing::Bool());
 
 TEST(ImporterAloneTest, TurnsFenceHandlesIntoDescriptors) {
     LogLines log;
     const HandleImporter importer;
+    native_handle_t* const fence = native_handle_create(2, 0);
     int fd = 99;
     EXPECT_TRUE(importer.importFence(nullptr, fd));
     EXPECT_EQ(fd, -1);
-    native_handle_t* const fence = native_handle_create(2, 0);
-    fence->numFds = 0;
-    fd = 99;
-    EXPECT_TRUE(importer.importFence(fence, fd));
-    EXPECT_EQ(fd, -1);
-    fence->numFds = 1;
-    fence->data[0] = STDERR_FILENO;
-    EXPECT_TRUE(importer.importFence(fence, fd));
-    EXPECT_GT(fd, STDERR_FILENO);
+    const auto import = [&](int count, int descriptor) {
+        fd = 99;
+        fence->numFds = count;
+        fence->data[0] = descriptor;
+        const bool isTaken = importer.importFence(fence, fd);
+        return std::pair(isTaken, fd);
+    };
+    EXPECT_EQ(import(0, STDERR_FILENO), std::pair(true, -1));
+    EXPECT_EQ(import(1, -3), std::pair(false, -1));
+    EXPECT_EQ(import(2, STDERR_FILENO), std::pair(false, 99));
+    EXPECT_EQ(import(-1, STDERR_FILENO), std::pair(false, 99));
+    EXPECT_GT(import(1, STDERR_FILENO), std::pair(true, STDERR_FILENO));
     importer.closeFence(fd);
+    EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+    native_handle_delete(fence);
+    EXPECT_EQ(
+        log.said("HandleImporter"),
+        (Lines{"E failed to dup fence fd -3", "E invalid fence handle with 2 file descriptors",
+               "E invalid fence handle with -1 file descriptors"}));
     importer.closeFence(-1);
     const int input = dup(STDIN_FILENO);
     importer.closeFence(STDIN_FILENO);
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), -1);
     dup2(input, STDIN_FILENO);
     close(input);
-    fence->data[0] = -3;
-    EXPECT_FALSE(importer.importFence(fence, fd));
-    EXPECT_EQ(fd, -1);
-    fd = 99;
-    for (const int count : {2, -1}) {
-        fence->numFds = count;
-        EXPECT_FALSE(importer.importFence(fence, fd));
-        EXPECT_EQ(fd, 99);
-    }
-    native_handle_delete(fence);
-    EXPECT_EQ(log.said(kTag), (Lines{"E failed to dup fence fd -3",
-                                     "E invalid fence handle with 2 file descriptors",
-                                     "E invalid fence handle with -1 file descriptors"}));
 }
 
 }  // namespace testing_support

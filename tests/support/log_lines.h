@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -13,13 +14,29 @@ using Lines = std::vector<std::string>;
 class LogLines : public host::LogCapture {
 public:
     /** The lines of one tag, or of all, in order. */
-    Lines said(const std::string& tag = "") const;
+    Lines said(const std::string& tag = "") const {
+        Lines result;
+        for (const host::LogLine& line : lines()) {
+            if (tag.empty() || line.tag == tag)
+                result.push_back("??VDIWEF"[line.priority] + (" " + line.text));
+        }
+        return result;
+    }
     /** The same, and forgets all lines. */
-    Lines take(const std::string& tag = "");
+    Lines take(const std::string& tag = "") {
+        Lines result = said(tag);
+        clear();
+        return result;
+    }
     /** How many lines are exactly this one. */
-    int timesSaid(const std::string& line) const;
+    int timesSaid(const std::string& line) const {
+        const Lines all = said();
+        return static_cast<int>(std::count(all.begin(), all.end(), line));
+    }
     /** Waits until this line is there; false after 10 s, or when its priority is another one. */
-    bool waitUntilSaid(const std::string& line) const;
+    bool waitUntilSaid(const std::string& line) const {
+        return waitFor(line.substr(2)) && timesSaid(line) > 0;
+    }
 };
 
 }  // namespace testing_support

@@ -12,8 +12,6 @@
 #include "support/leak_check.h"
 #include "support/spy_mapper.h"
 
-namespace testing_support {
-
 namespace {
 
 /**
@@ -31,15 +29,13 @@ void startFirstThread() {
 
 }  // namespace
 
-}  // namespace testing_support
-
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
     testing_support::kernel();
-    testing_support::startFirstThread();
+    startFirstThread();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);
     return RUN_ALL_TESTS();

@@ -3,21 +3,36 @@
 #include <android/hardware/graphics/mapper/2.0/IMapper.h>
 #include <android/hardware/graphics/mapper/3.0/IMapper.h>
 
+#include <algorithm>
+#include <array>
+#include <cstdint>
 #include <functional>
 #include <utility>
-#include <vector>
 
 #include "host/mapper.h"
 
 namespace testing_support {
 
+/** What a spy is told to do, and what it has seen, whatever the mapper's version. */
+struct Spied {
+    /** Asked in each call: above 0 it answers with this error, and all the same gives what there
+     * is; below it fails on the way, or with -2 does not answer. */
+    std::function<int()> fault;
+    android::hardware::hidl_handle releaseFence;
+    std::function<void()> during;         ///< runs once, inside the next call
+    std::function<void(void*)> onImport;  ///< told of each, null for a failed one
+    std::function<void(void*)> onFree;    ///< told before it happens
+
+    /** The last lock: usage, left, top, width, height, and whether it had an acquire fence. */
+    std::array<int64_t, 6> locked = {};
+};
+
 /**
- * A mapper, 3.0 or 2.0, that passes calls on to the real one and remembers them. Told to, it
- * answers with an error, fails on the way, or gives a release fence. What lets go of something does
- * so even then. For one thread at a time.
+ * A mapper, 3.0 or 2.0, that passes calls on to the real one. What lets go of something does so
+ * whatever it is told. For one thread at a time.
  */
 template <typename IMapper, typename Error, typename YCbCrLayout>
-class SpyMapper : public IMapper {
+class SpyMapper : public IMapper, public Spied {
 public:
     using Rect = typename IMapper::Rect;
     using Handle = android::hardware::hidl_handle;
@@ -29,13 +44,11 @@ public:
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
         const int told = pause();
-        if (told < 0) return failure();
-        if (told > 0) {
-            answer(Error(told), nullptr);
-            return {};
+        if (told != 0) {
+            if (told != -2) answer(Error(std::max(told, 0)), this);
+            return statusOf(told);
         }
         return mReal->importBuffer(raw, [&](Error answered, void* buffer) {
-            imported.push_back(buffer);
             if (onImport) onImport(buffer);
             answer(answered, buffer);
         });
@@ -43,34 +56,26 @@ public:
 
     Return<Error> freeBuffer(void* buffer) override {
         const int told = pause();
-        freed.push_back(buffer);
         if (onFree) onFree(buffer);
         const Error answered = mReal->freeBuffer(buffer);
-        if (told < 0) return failure();
+        if (told == -1) return statusOf(told);
         return told > 0 ? Error(told) : answered;
     }
 
-    Return<void> lock(void* buffer, uint64_t cpuUsage, const Rect& lockRegion, const Handle& fence,
+    Return<void> lock(void* buffer, uint64_t usage, const Rect& region, const Handle& fence,
                       typename IMapper::lock_cb answer) override {
-        const int told = pause();
-        region = lockRegion;
-        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
-        usage = cpuUsage;
-        if (told < 0) return failure();
-        return mReal->lock(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
-                           [&](Error answered, auto... rest) {
-                               answer(told > 0 ? Error(told) : answered, rest...);
-                           });
+        const int told = pauseIn(usage, region, fence);
+        if (told < 0) return statusOf(told);
+        return mReal->lock(buffer, usage, region, fence, [&](Error answered, auto... rest) {
+            answer(told > 0 ? Error(told) : answered, rest...);
+        });
     }
 
-    Return<void> lockYCbCr(void* buffer, uint64_t cpuUsage, const Rect& lockRegion,
-                           const Handle& fence, typename IMapper::lockYCbCr_cb answer) override {
-        const int told = pause();
-        region = lockRegion;
-        fences += fence.getNativeHandle() != nullptr ? 1 : 0;
-        usage = cpuUsage;
-        if (told < 0) return failure();
-        return mReal->lockYCbCr(told > 0 ? nullptr : buffer, cpuUsage, lockRegion, fence,
+    Return<void> lockYCbCr(void* buffer, uint64_t usage, const Rect& region, const Handle& fence,
+                           typename IMapper::lockYCbCr_cb answer) override {
+        const int told = pauseIn(usage, region, fence);
+        if (told < 0) return statusOf(told);
+        return mReal->lockYCbCr(buffer, usage, region, fence,
                                 [&](Error answered, const YCbCrLayout& layout) {
                                     answer(told > 0 ? Error(told) : answered, layout);
                                 });
@@ -78,35 +83,28 @@ public:
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
         const int told = pause();
-        Return<void> status = mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
-            if (told < 0) return;
-            answer(told > 0 ? Error(told) : answered,
-                   releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
+        mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
+            if (told >= 0)
+                answer(told > 0 ? Error(told) : answered,
+                       releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
         });
-        if (told < 0) return failure();
-        return status;
+        return statusOf(told);
     }
-
-    /** Asked in each call: above 0 it answers with this error, below it fails on the way. */
-    std::function<int()> fault;
-    Handle releaseFence;
-    std::function<void()> during;         ///< runs once, inside the next call
-    std::function<void(void*)> onImport;  ///< told of each, null for a failed one
-    std::function<void(void*)> onFree;    ///< told before it happens
-
-    std::vector<void*> imported;
-    std::vector<void*> freed;
-    int fences = 0;  ///< acquire fences that were not empty
-    Rect region = {};
-    uint64_t usage = 0;
 
 private:
     int pause() {
         if (const auto once = std::exchange(during, nullptr)) once();
         return fault ? fault() : 0;
     }
-    static android::hardware::Status failure() {
-        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
+    int pauseIn(uint64_t usage, const Rect& region, const Handle& fence) {
+        locked = {
+            static_cast<int64_t>(usage),       region.left, region.top, region.width, region.height,
+            fence.getNativeHandle() != nullptr};
+        return pause();
+    }
+    static android::hardware::Status statusOf(int told) {
+        using android::hardware::Status;
+        return told == -1 ? Status::fromStatusT(android::DEAD_OBJECT, "gone") : Status::ok();
     }
 
     const android::sp<IMapper> mReal;
@@ -118,6 +116,9 @@ using SpyMapper2 = SpyMapper<mapper2::IMapper, mapper2::Error, mapper2::YCbCrLay
 using SpyMapper3 = SpyMapper<mapper3::IMapper, mapper3::Error, mapper3::YCbCrLayout>;
 
 /** The mapper that the session's importer meets in this program; in place before any test. */
-SpyMapper3& sessionMapper();
+inline SpyMapper3& sessionMapper() {
+    static auto* const spy = new android::sp<SpyMapper3>(new SpyMapper3(host::realMapper3()));
+    return **spy;
+}
 
 }  // namespace testing_support
