@@ -145,6 +145,7 @@ private:
         if (!answer.isOk()) {
             log('E',
                 cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
+            return std::nullopt;
         }
         return imported;
     }
