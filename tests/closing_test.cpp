@@ -9,6 +9,7 @@
 #include <chrono>
 #include <future>
 #include <optional>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -24,6 +25,26 @@ namespace testing_support {
 
 using host::UniqueFd;
 
+namespace {
+
+/** Holds up whoever closes a socket of the server at this path. */
+class ServerGate : public Gate {
+public:
+    explicit ServerGate(const std::string& path)
+        : mHook([this, path](Watching call, int fd) {
+              sockaddr_un name = {};
+              socklen_t size = sizeof(name) - 1;
+              getsockname(fd, reinterpret_cast<sockaddr*>(&name), &size);
+              if (call == Watching::CLOSES && path == name.sun_path) hold();
+          }) {}
+    ~ServerGate() { open(); }
+
+private:
+    const DuringFileCall mHook;
+};
+
+}  // namespace
+
 class ClosingTest : public TransportFixture {
 protected:
     ClosingTest() { setUpStream(); }
@@ -34,8 +55,8 @@ protected:
         request.outputBuffers[0].releaseFence = handleOf(fds);
         return refusalOf(request);
     }
-    /** Of so many calls on the file nobody hears: others call, and are called. */
-    void expectNobodyIsHeldUp(FileGate& gate, int count) {
+    /** Of so many that are held up nobody hears: others call, and are called. */
+    void expectNobodyIsHeldUp(Gate& gate, int count) {
         EXPECT_TRUE(gate.waitUntilHeld(count));
         const sp<IFDSession> other = connect();
         expectStatus(other->setCallback(callback), Status::OK);
@@ -44,23 +65,11 @@ protected:
         notify();
         EXPECT_EQ(deliveries.notified().size(), before + 1);
     }
-    /** On another thread, because a gate does not hold this one up. */
-    void expectAnEndInTime(FileGate& gate) {
+    /** On another thread, because a file's gate does not hold this one up. */
+    void expectAnEndInTime(Gate& gate) {
         const auto end = std::async(std::launch::async, [this] { server.reset(); });
         EXPECT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
         gate.open();
-    }
-    /** The one on which the server listens, or serves; -1 when there is none. */
-    int socketOfServer(bool listens) const {
-        for (int fd = 0; fd < 1024; ++fd) {
-            sockaddr_un name = {};
-            int isListening = 0;
-            socklen_t sizes[] = {sizeof(name) - 1, sizeof(isListening)};
-            getsockname(fd, reinterpret_cast<sockaddr*>(&name), &sizes[0]);
-            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &isListening, &sizes[1]);
-            if (name.sun_path == path && (isListening != 0) == listens) return fd;
-        }
-        return -1;
     }
 
     /** No kind that may cross. */
@@ -113,23 +122,15 @@ TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     expectNobodyIsHeldUp(gate, 1);
 }
 
-// So it is with what a client connected, and with what the server listens on, in whose queue others
-// may wait, whether the client leaves or the server ends.
 TEST_F(ClosingTest, HoldsNobodyUpWithTheSocketsOfAServer) {
-    for (const bool listens : {true, false}) {
-        if (server == nullptr) serve();
-        EXPECT_TRUE(remote->ping().isOk());
-        FileGate gate(socketOfServer(listens));
-        expectAnEndInTime(gate);
-        EXPECT_TRUE(gate.waitUntilHeld(1));
-        EXPECT_TRUE(
-            eventually([&] { return socketOfServer(true) < 0 && socketOfServer(false) < 0; }));
-    }
-    serve();
-    EXPECT_TRUE(remote->ping().isOk());
-    FileGate gate(socketOfServer(false));
+    ServerGate gate(path);
     remote.clear();
     expectNobodyIsHeldUp(gate, 1);
+    remote = connect();
+    EXPECT_TRUE(remote->ping().isOk());
+    expectAnEndInTime(gate);
+    // Of two clients that left, of one that is there, and the one in whose queue others may wait.
+    EXPECT_TRUE(gate.waitUntilHeld(4));
 }
 
 TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {

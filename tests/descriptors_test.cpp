@@ -47,7 +47,7 @@ struct Kind {
 };
 
 /** One of each; invalid is what this user or kernel cannot have. */
-std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed) {
+std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed, int client) {
     int pipe[2];
     EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
     const std::string file = folder / "file";
@@ -57,6 +57,8 @@ std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed) {
     // In a mount that is nowhere in the tree a file has a path like a memfd's name. For root only.
     const UniqueFd tree(
         static_cast<int>(syscall(SYS_open_tree, AT_FDCWD, folder.path().c_str(), 1)));
+    UniqueFd listening = kit::rawSocket();
+    EXPECT_TRUE(kit::listenRaw(listening.get(), folder / "listening"));
     Kind all[] = {
         {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC))},
         {"sealed memfd", MEMORY, UniqueFd(fcntl(sealed, F_DUPFD_CLOEXEC, 0))},
@@ -65,6 +67,9 @@ std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed) {
         {"pipe, to read", FENCE, UniqueFd(pipe[0])},
         {"pipe, to write", FENCE, UniqueFd(pipe[1])},
         {"channel", CHANNEL, kit::socketPair().first},
+        {"channel that listens", CHANNEL, std::move(listening)},
+        {"channel of nobody", CHANNEL, kit::rawSocket()},
+        {"channel to the provider", CHANNEL, UniqueFd(fcntl(client, F_DUPFD_CLOEXEC, 0))},
         {"stream socket", NOWHERE, kit::socketPair(SOCK_STREAM).first},
         {"TCP socket", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))},
         {"file", NOWHERE, UniqueFd(open(file.c_str(), O_RDONLY | O_CLOEXEC))},
@@ -96,7 +101,8 @@ using DescriptorsTest = TransportFixture;
 
 TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
     const UniqueFd event(eventfd(0, EFD_CLOEXEC));
-    const std::vector<Kind> kinds = kindsIn(folder, buffer.handle()->data[0]);
+    const RawClient own = connectRaw();
+    const std::vector<Kind> kinds = kindsIn(folder, buffer.handle()->data[0], own.fd());
     const int before = kit::Holdings::of().descriptors;
     for (const auto& [name, place, fd] : kinds) {
         SCOPED_TRACE(name);
@@ -119,11 +125,13 @@ TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
         }
         RawClient raw = connectRaw();
         EXPECT_EQ(raw.setCallback(fd.get()), place == CHANNEL ? kAnswer : kRefused);
+        if (place == CHANNEL) notify();  // which nobody answers
         EXPECT_TRUE(raw.isServed());
         // Not more at once than may wait to be closed.
         EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before + 8; }));
     }
-    EXPECT_EQ(linesWith("a channel ends"), 0);
+    EXPECT_EQ(linesWith("a channel ends"), 1);  // the one on which the provider called itself
+    EXPECT_EQ(linesWith("E sendNotify: notify transaction failed"), 4);
 }
 
 TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -20,36 +21,61 @@
 #include "host/limits.h"
 #include "raw_socket.h"
 #include "support/few_descriptors.h"
-#include "support/interposed.h"
-#include "support/lingering.h"
 #include "support/run_shell.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
 
-class SlotsTest : public TransportFixture {
-protected:
-    /** As many as there may be beside one, not connected yet. */
-    std::deque<RawClient> otherClients() const {
-        std::deque<RawClient> clients;
-        while (clients.size() + 1 < host::kMaxConnections)
-            clients.emplace_back(path);
-        return clients;
+using host::UniqueFd;
+
+namespace {
+
+/** A socket whose last close waits 10 s for a peer that does not read, or until that has gone. */
+struct Lingering {
+    Lingering() {
+        const UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        EXPECT_EQ(listen(listening.get(), 1), 0);
+        sockaddr_in address = {};
+        socklen_t size = sizeof(address);
+        auto* const any = reinterpret_cast<sockaddr*>(&address);
+        EXPECT_EQ(getsockname(listening.get(), any, &size), 0);
+        EXPECT_EQ(connect(sending.get(), any, size), 0);
+        unread.reset(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const linger lingering = {1, 10};
+        setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering));
+        const std::vector<char> bytes(1 << 16);
+        while (send(sending.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+        }
     }
-    /** What this thread, or the process, has had of the processor. */
-    static int64_t usedMs(clockid_t clock) {
-        timespec used = {};
-        clock_gettime(clock, &used);
-        return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+    /** The last one is then what is on its way. */
+    void giveTo(const kit::RawClient& client, const kit::RawMessage& bytes, std::vector<int> fds) {
+        fds.push_back(sending.get());
+        client.send(bytes, fds);
+        sending.reset();
     }
+    UniqueFd sending{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    UniqueFd unread;
 };
+
+/** What this thread, or the process, has had of the processor. */
+int64_t usedMs(clockid_t clock) {
+    timespec used = {};
+    clock_gettime(clock, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+using SlotsTest = TransportFixture;
 
 TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     const CaptureRequest request = requestFor(1, 1, buffer.handle());
     EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
     const kit::Holdings before = kit::Holdings::of();
     {
-        std::deque<RawClient> early = otherClients();
+        std::deque<RawClient> early;
+        while (early.size() + 1 < host::kMaxConnections)
+            early.emplace_back(path);
         // A connection still gets one of the reserved slots; without those it waits.
         const FewDescriptors none(0);
         for (RawClient& one : early)
@@ -79,29 +105,6 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     taken.reset();
     EXPECT_TRUE(late.isClosed());
     EXPECT_TRUE(remote->ping().isOk());
-}
-
-TEST_F(SlotsTest, KeepsItsLastSlotsFromAClientThatFloods) {
-    WallClock clock;
-    clock.stopAt(1);  // no request grows stale, however slow the machine is
-    setUpStream();
-    expectStatus(remote->processCaptureRequest(requestFor(0, 1, buffer.handle())), Status::OK);
-    std::deque<RawClient> late = otherClients();
-    const FewDescriptors few(40);
-    uint32_t queued = 1;
-    for (;; ++queued) {
-        const Return<Status> answer = remote->processCaptureRequest(requestFor(queued, 1));
-        ASSERT_TRUE(answer.isOk()) << answer.description();
-        if (static_cast<Status>(answer) == Status::ILLEGAL_ARGUMENT) break;
-        ASSERT_LE(queued, 40U);
-    }
-    EXPECT_GE(queued, 30U);
-    for (RawClient& another : late)
-        EXPECT_TRUE(another.connect() && another.isServed());
-    for (uint32_t i = 0; i < queued; ++i)
-        EXPECT_EQ(take().frameNumber, i);
-    EXPECT_FALSE(session->isCaptureRequestReady());
-    expectStatus(remote->processCaptureRequest(requestFor(1, 1)), Status::OK);
 }
 
 TEST_F(SlotsTest, KeepsItsReserveFromAClientThatFloodsAndConnectsAtOnce) {

@@ -1,4 +1,4 @@
-// What may cross between processes, at its worst, and sockets that are no client's.
+// Memory that may cross between processes, at its worst.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -6,14 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <utility>
 
-#include "host/limits.h"
 #include "host/mapper.h"
 #include "host/properties.h"
-#include "raw_socket.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -108,24 +105,6 @@ TEST_F(WeaponsTest, TurnsTheLargestBufferWhileTheOthersGoOn) {
     }
     EXPECT_EQ(byteAt(sparse, off_t{kSide} * kSide - 4), 7);
     EXPECT_EQ(byteAt(sparse, 3), 0);
-}
-
-TEST_F(WeaponsTest, WaitsForNoSocketThatIsNoClients) {
-    RawClient own = connectRaw();
-    RawClient listening(folder / "listening");
-    ASSERT_TRUE(listening.listen());
-    const UniqueFd unconnected = kit::rawSocket();
-    for (const int socket : {own.fd(), listening.fd(), unconnected.get()}) {
-        EXPECT_EQ(connectRaw().setCallback(socket), kAnswer);
-        const auto start = std::chrono::steady_clock::now();
-        notify();
-        session->sendCaptureResult(resultFor(requestFor(1, 1, nullptr)));
-        EXPECT_TRUE(eventually([&] { return linesWith("processCaptureResult transaction") > 0; }));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * host::kCallPatience);
-        EXPECT_EQ(linesWith("E sendNotify: notify transaction failed"), 1);
-        EXPECT_TRUE(remote->ping().isOk());
-        log.clear();
-    }
 }
 
 }  // namespace testing_support

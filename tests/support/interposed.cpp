@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 
 #include "fake_descriptors.h"
@@ -57,24 +58,10 @@ void Gate::hold() {
     mChanged.wait(lock, [&] { return mLetGo >= mine; });
 }
 
-FileGate::FileGate(int fd)
-    : mWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
-          if (std::this_thread::get_id() != maker) hold();
-      }) {}
-
 bool PauseGate::passOnce() {
     if (!waitUntilPausing()) return false;
     letGo(mLetGo + 1);
     return waitUntilPausing();
-}
-
-int64_t WallClock::nowUs() {
-    using Us = std::chrono::microseconds;
-    const int64_t stoppedAt = sStoppedAt;
-    if (stoppedAt != 0) return stoppedAt;
-    return sStep +
-           std::chrono::duration_cast<Us>(std::chrono::system_clock::now().time_since_epoch())
-               .count();
 }
 
 }  // namespace testing_support
@@ -140,7 +127,12 @@ extern "C" int statx(int folder, const char* __restrict path, int flags, unsigne
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
-    const int64_t us = testing_support::WallClock::nowUs();
+    using testing_support::WallClock;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    const int64_t nowUs = now.tv_sec * 1000000 + now.tv_nsec / 1000 + WallClock::sStepUs;
+    const int64_t stoppedAtUs = WallClock::sStoppedAtUs;
+    const int64_t us = stoppedAtUs != 0 ? stoppedAtUs : nowUs;
     *time = {us / 1000000, us % 1000000};
     return 0;
 }

@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <atomic>
-#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdint>
@@ -121,7 +120,10 @@ private:
  */
 class FileGate : public Gate {
 public:
-    explicit FileGate(int fd);
+    explicit FileGate(int fd)
+        : mWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
+              if (std::this_thread::get_id() != maker) hold();
+          }) {}
     ~FileGate() { open(); }
 
 private:
@@ -142,23 +144,19 @@ private:
 };
 
 /** Steps the wall clock, or stops it. */
-class WallClock : Scoped {
-public:
-    ~WallClock() { sStep = sStoppedAt = 0; }
+struct WallClock : Scoped {
+    ~WallClock() { sStepUs = sStoppedAtUs = 0; }
 
-    void stepBy(int64_t us) { sStep += us; }
+    void stepBy(int64_t us) { sStepUs += us; }
     /** From now on the clock stands at this time. */
-    void stopAt(int64_t us) { sStoppedAt = us; }
-    static int64_t nowUs();
+    void stopAt(int64_t us) { sStoppedAtUs = us; }
 
-private:
-    inline static std::atomic<int64_t> sStep{0};
-    inline static std::atomic<int64_t> sStoppedAt{0};  // 0: it runs
+    inline static std::atomic<int64_t> sStepUs{0};
+    inline static std::atomic<int64_t> sStoppedAtUs{0};  // 0: it runs
 };
 
 /** Lets duplicating a descriptor fail, once told to. */
-class FewDuplicates : Scoped {
-public:
+struct FewDuplicates : Scoped {
     ~FewDuplicates() { lift(); }
 
     /** So many duplicates can be made from now on; then there are no descriptors left. */
