@@ -71,6 +71,8 @@ std::vector<Kind> kindsIn(const kit::TemporaryFolder& folder, int sealed, int cl
         {"channel of nobody", CHANNEL, kit::rawSocket()},
         {"channel to the provider", CHANNEL, UniqueFd(fcntl(client, F_DUPFD_CLOEXEC, 0))},
         {"stream socket", NOWHERE, kit::socketPair(SOCK_STREAM).first},
+        {"socket between machines", NOWHERE,
+         UniqueFd(socket(AF_VSOCK, SOCK_SEQPACKET | SOCK_CLOEXEC, 0))},
         {"TCP socket", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))},
         {"file", NOWHERE, UniqueFd(open(file.c_str(), O_RDONLY | O_CLOEXEC))},
         {"file in memory", NOWHERE, UniqueFd(open("/dev/shm", O_RDWR | O_TMPFILE | O_CLOEXEC))},
