@@ -63,6 +63,17 @@ int64_t usedMs(clockid_t clock) {
     return used.tv_sec * 1000 + used.tv_nsec / 1000000;
 }
 
+rlimit limits() {
+    rlimit now = {};
+    getrlimit(RLIMIT_NOFILE, &now);
+    return now;
+}
+
+void limitTo(rlim_t slots) {
+    const rlimit few = {slots, limits().rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+}
+
 }  // namespace
 
 using SlotsTest = TransportFixture;
@@ -131,8 +142,7 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     // Of what finds no slot when it arrives. The provider makes room for it where the hard limit
     // allows; so this runs again in a process of its own, where it does not.
     constexpr rlim_t kSlots = 300;
-    rlimit before = {};
-    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit before = limits();
     if (before.rlim_max > kSlots) {
         const Output again =
             runShell("ulimit -n 300; exec " THIS_PROGRAM
@@ -143,9 +153,13 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     Lingering inACall;
     Lingering inAnAnswer;
     server.reset();
-    const rlimit few = {kSlots, before.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &few);
+    limitTo(host::kConnectionFds + 3 * host::kReservedFds - 1);
+    std::string problem;
+    EXPECT_EQ(host::Server::listen(path, client, problem), nullptr);
+    EXPECT_EQ(problem, path + ": too few descriptors may be open to serve");
+    limitTo(kSlots);
     serve();
+    EXPECT_NE(limits().rlim_cur, kSlots);
     auto [mine, theirs] = kit::socketPair();
     RawClient raw = connectRaw();
     RawClient peer(std::move(mine));
@@ -161,10 +175,9 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
         EXPECT_NE(raw.receivedKind(), kAnswer);
         server.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+        EXPECT_EQ(limits().rlim_cur, kSlots);
+        EXPECT_NE(handleOf({STDERR_FILENO}).getNativeHandle(), nullptr);  // no bound is left
     }
-    rlimit after = {};
-    getrlimit(RLIMIT_NOFILE, &after);
-    EXPECT_EQ(after.rlim_cur, kSlots);
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(linesWith("notify transaction failed"), 1);
 }
