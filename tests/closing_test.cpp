@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
 #include <future>
-#include <map>
 #include <optional>
 #include <string>
 #include <thread>
@@ -28,16 +27,21 @@ using host::UniqueFd;
 
 namespace {
 
-/** The files that are open in this process, each with one of its descriptors. */
-std::map<std::string, int> openFiles() {
-    std::map<std::string, int> files;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        std::error_code gone;
-        files[std::filesystem::read_symlink(entry.path(), gone)] =
-            std::stoi(entry.path().filename());
-    }
-    return files;
-}
+/** Holds up whoever closes a socket of the server at this path. */
+class ServerGate : public Gate {
+public:
+    explicit ServerGate(const std::string& path)
+        : mHook([this, path](Watching call, int fd) {
+              sockaddr_un name = {};
+              socklen_t size = sizeof(name) - 1;
+              getsockname(fd, reinterpret_cast<sockaddr*>(&name), &size);
+              if (call == Watching::CLOSES && path == name.sun_path) hold();
+          }) {}
+    ~ServerGate() { open(); }
+
+private:
+    const DuringFileCall mHook;
+};
 
 }  // namespace
 
@@ -45,14 +49,15 @@ class ClosingTest : public TransportFixture {
 protected:
     ClosingTest() { setUpStream(); }
 
-    /** A request for a buffer that the session does not know, with these descriptors in a fence. */
-    static CaptureRequest withFence(const std::vector<int>& fds) {
-        CaptureRequest request = requestFor(1, 77, nullptr);
+    /** What the client is told that sends these in a fence of a request. */
+    std::string refusalOfFence(const std::vector<int>& fds) {
+        CaptureRequest request = requestFor(1, 1, buffer.handle());
         request.outputBuffers[0].releaseFence = handleOf(fds);
-        return request;
+        return refusalOf(request);
     }
-    /** Whether the provider goes on: calls of another client, its own, and a notification. */
-    void expectNobodyIsHeldUp() {
+    /** Of so many that are held up nobody hears: others call, and are called. */
+    void expectNobodyIsHeldUp(Gate& gate, int count) {
+        EXPECT_TRUE(gate.waitUntilHeld(count));
         const sp<IFDSession> other = connect();
         expectStatus(other->setCallback(callback), Status::OK);
         expectStatus(other->configure(configurationOf(0)), Status::OK);
@@ -60,15 +65,11 @@ protected:
         notify();
         EXPECT_EQ(deliveries.notified().size(), before + 1);
     }
-    /** On another thread, because a gate does not hold this one up. */
-    void expectAnEndInTime() {
-        std::promise<void> ended;
-        std::thread([&] {
-            server.reset();
-            ended.set_value();
-        }).detach();
-        const auto patience = std::chrono::seconds(10);
-        EXPECT_EQ(ended.get_future().wait_for(patience), std::future_status::ready);
+    /** On another thread, because a file's gate does not hold this one up. */
+    void expectAnEndInTime(Gate& gate) {
+        const auto end = std::async(std::launch::async, [this] { server.reset(); });
+        EXPECT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+        gate.open();
     }
 
     /** No kind that may cross. */
@@ -77,27 +78,23 @@ protected:
 
 TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     FileGate gate(slow.get());
-    EXPECT_NE(refusalOf(withFence({slow.get()})), "");  // the answer does not wait
-    EXPECT_TRUE(gate.waitUntilHeld(1));
-    expectNobodyIsHeldUp();
-
-    RawClient faulty = connectRaw();
+    EXPECT_NE(refusalOfFence({slow.get()}), "");  // the answer does not wait
+    EXPECT_EQ(session->getBufferForId(1), nullptr);
+    expectNobodyIsHeldUp(gate, 1);
     // More than a message may have, of which none is left for the kernel to close.
+    RawClient faulty = connectRaw();
     std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
     many.push_back(slow.get());
     faulty.send(rawMessage({kCall, kConfigure, 1, 65, 0, 0}), many);
     EXPECT_TRUE(faulty.isClosed());
-    EXPECT_TRUE(gate.waitUntilHeld(2));
-    expectNobodyIsHeldUp();
+    expectNobodyIsHeldUp(gate, 2);
     // A callback that is half one.
     RawClient half = connectRaw();
     kit::RawMessage call = kit::rawCallback();
     call.back() = 2;
     half.send(call, {slow.get()});
     EXPECT_TRUE(half.isClosed());
-    EXPECT_TRUE(gate.waitUntilHeld(3));
-    expectNobodyIsHeldUp();
-
+    expectNobodyIsHeldUp(gate, 3);
     // An answer that brings it ends its channel, and the monitor goes on.
     auto [mine, theirs] = kit::socketPair();
     RawClient raw = connectRaw();
@@ -110,94 +107,73 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
         log.waitFor("threadLoop: processCaptureResult transaction failed: "
                     "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: the answer brings "
                     "descriptors'"));
-    EXPECT_TRUE(gate.waitUntilHeld(4));
-    expectNobodyIsHeldUp();
+    expectNobodyIsHeldUp(gate, 4);
     session->sendCaptureResult(result);
     deliveries.waitFor(1);
-    expectAnEndInTime();
+    expectAnEndInTime(gate);
 }
 
 TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     // What waits unread in a socket's queue goes with the socket.
     const auto [mine, theirs] = kit::socketPair();
     RawClient raw = connectRaw();
-    {
-        FileGate gate(theirs.get());
-        ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
-        expectNobodyIsHeldUp();  // another callback replaces this one
-        EXPECT_TRUE(gate.waitUntilHeld(1));
-        expectNobodyIsHeldUp();
-    }
-    // So it is with what a client connected, whether it leaves or the server ends, and with what
-    // the server listens on, in whose queue others may wait.
-    enum Case { LEAVES, ENDS, LISTENS };
-    for (const Case it : {LEAVES, ENDS, LISTENS}) {
-        if (server == nullptr) serve();
-        std::map<std::string, int> ends = openFiles();
-        std::optional<RawClient> connected(path);
-        ASSERT_TRUE(connected->connect() && connected->isServed());
-        int serving = -1;
-        for (const auto& [file, fd] : openFiles()) {
-            int listens = 0;
-            socklen_t size = sizeof(listens);
-            getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size);
-            const bool isServers = ends.count(file) == 0 && fd != connected->fd();
-            if (it == LISTENS ? listens != 0 : isServers) serving = fd;
-        }
-        ASSERT_GE(serving, 0);
-        FileGate gate(serving);
-        if (it == LEAVES) {
-            connected.reset();
-            EXPECT_TRUE(gate.waitUntilHeld(1));
-            expectNobodyIsHeldUp();
-        } else {
-            expectAnEndInTime();
-            EXPECT_TRUE(gate.waitUntilHeld(1));
-        }
-    }
+    FileGate gate(theirs.get());
+    ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    expectStatus(connect()->setCallback(callback), Status::OK);  // which replaces it
+    expectNobodyIsHeldUp(gate, 1);
+}
+
+TEST_F(ClosingTest, HoldsNobodyUpWithTheSocketsOfAServer) {
+    ServerGate gate(path);
+    remote.clear();
+    expectNobodyIsHeldUp(gate, 1);
+    remote = connect();
+    EXPECT_TRUE(remote->ping().isOk());
+    expectAnEndInTime(gate);
+    // Of two clients that left, of one that is there, and the one in whose queue others may wait.
+    EXPECT_TRUE(gate.waitUntilHeld(4));
 }
 
 TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     const auto bring = [&](size_t count) {
-        return refusalOf(withFence(std::vector<int>(count, slow.get())));
+        EXPECT_NE(refusalOfFence(std::vector<int>(count, slow.get())), "");
     };
     const auto [mine, theirs] = kit::socketPair();
     RawClient early = connectRaw();
     std::optional<RawClient> another(connectRaw());
     RawClient late(path);
     EXPECT_TRUE(early.isServed() && another->isServed());
-    const int threads = kit::Holdings::of().threads;
+    const int threads = kit::Holdings::of().threads + static_cast<int>(host::kClosingThreads);
     // The server looks for connections whenever one has ended, and each has a thread.
-    const auto expectLess = [threads](int connections) {
+    const auto expectEnded = [threads](int connections) {
         EXPECT_TRUE(eventually([&] {
-            const int now = kit::Holdings::of().threads;
-            return now == threads - connections + static_cast<int>(host::kClosingThreads);
+            return kit::Holdings::of().threads == threads - connections;
         })) << connections;
     };
     {
         FileGate gate(slow.get());
-        EXPECT_NE(bring(host::kClosingThreads), "");
+        bring(host::kClosingThreads);
         EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
-        EXPECT_NE(bring(host::kMaxWaitingToClose - 3), "");
+        bring(host::kMaxWaitingToClose - 3);
         // The old one's socket waits, too.
         EXPECT_EQ(early.setCallback(theirs.get()), kAnswer);
-        EXPECT_NE(bring(1), "");
+        bring(1);
         EXPECT_TRUE(remote->ping().isOk());
-        EXPECT_NE(bring(1), "");
+        bring(1);
         EXPECT_FALSE(remote->ping().isOk());
         EXPECT_EQ(linesWith("E a channel ends: it brings what has to be closed, and too much waits "
                             "for that already"),
                   1);
-        expectLess(1);
+        expectEnded(1);
 
         ASSERT_TRUE(late.connect());
         late.send(rawMessage({kCall, 0, 1, 0}));
         EXPECT_TRUE(early.isServed());  // calls of the others go on
         EXPECT_EQ(early.setCallback(theirs.get()), kRefused);
         EXPECT_TRUE(early.isClosed());
-        expectLess(2);
+        expectEnded(2);
         another.reset();
-        expectLess(3);
+        expectEnded(3);
     }
     EXPECT_EQ(late.receivedKind(), kAnswer);
 }

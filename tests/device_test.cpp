@@ -4,15 +4,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 #include <numeric>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "FDSession.h"
@@ -23,104 +19,42 @@ namespace {
 
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
 
-SceneControl sceneOf(int32_t people) {
-    SceneControl scene = {};
-    scene.crops = {Crop{people, 2, 3, 4}};
-    scene.frameWidth = 1920;
-    scene.frameHeight = 1080;
-    scene.sceneId = 7;
-    scene.sceneFlags = 8;
-    scene.peopleCount = people;
-    return scene;
-}
-
-bool same(const SceneControl& a, const SceneControl& b) {
-    if (a.crops.size() != b.crops.size()) return false;
-    for (size_t i = 0; i < a.crops.size(); ++i) {
-        if (memcmp(&a.crops[i], &b.crops[i], sizeof(Crop)) != 0) return false;
-    }
-    return a.frameWidth == b.frameWidth && a.frameHeight == b.frameHeight &&
-           a.sceneId == b.sceneId && a.sceneFlags == b.sceneFlags && a.peopleCount == b.peopleCount;
-}
-
-/** What it was told, in order, and whether the session had it stored by then. */
-class Observer : public ISceneCallback {
-public:
-    explicit Observer(FDSession& session) : mSession(session) {}
-
-    void onSceneControl(SceneControl scene) override {
-        SceneControl stored = {};
-        mSession.getSceneControl(stored);
-        tell("scene", same(stored, scene));
-    }
-    void onPTZControl(SceneControl ptz) override {
-        SceneControl stored = {};
-        mSession.getPTZControl(stored);
-        tell("ptz", same(stored, ptz));
-    }
-    void onTrackControl(TrackControl track) override {
-        TrackControl stored = {};
-        mSession.getTrackControl(stored);
-        tell("track", stored.timestampNs == track.timestampNs && stored.zoom == track.zoom);
-    }
-    void onTrackingMode(TrackingMode mode) override {
-        tell("mode " + std::to_string(static_cast<int>(mode)), mSession.getTrackingMode() == mode);
-    }
-    std::vector<std::string> take() { return std::exchange(mTold, {}); }
-
-private:
-    void tell(const std::string& what, bool isStored) {
-        mTold.push_back(what + (isStored ? "" : " before it was stored"));
-    }
-
-    FDSession& mSession;
-    std::vector<std::string> mTold;
-};
-
-using Told = std::vector<std::string>;
-
 class DeviceTest : public testing::Test {
 protected:
     /** Its thread stays, so it is there before a test begins. */
     static void SetUpTestSuite() { FDSession::getInstance(); }
 };
 
-TEST_F(DeviceTest, StoresControlsAndTellsItsObserver) {
+TEST_F(DeviceTest, StoresControlsAndPutsTheViewBack) {
     const sp<FDSession> session = FDSession::getInstance();
     ASSERT_EQ(session, FDSession::getInstance());
-    Observer observer(*session);
-    session->setSceneCallback(&observer);
-    session->setSceneControl(sceneOf(3));
+    SceneControl scene = {};
+    scene.crops = {Crop{1, 2, 3, 4}};
+    scene.sceneId = 7;
+    scene.peopleCount = 3;
+    session->setSceneControl(scene);
     EXPECT_EQ(session->getPeopleCount(), 3);
     TrackControl track = {};
-    track.timestampNs = 123456789012;
     track.zoom = 1.5F;
     session->setTrackControl(track);
+    session->getTrackControl(track = {});
+    EXPECT_EQ(track.zoom, 1.5F);
     session->setTrackingMode(TrackingMode::GROUP);
-    session->setTrackingMode(TrackingMode::GROUP);  // the same: nobody is told
-    session->setPTZControl(sceneOf(1));
-    EXPECT_EQ(observer.take(), (Told{"scene", "track", "mode 1", "ptz"}));
-
-    session->setTrackingMode(TrackingMode::OFF);  // the view goes back, without a word of it
-    SceneControl ptz = {};
-    session->getPTZControl(ptz);
-    SceneControl whole = sceneOf(1);  // but for what the view is
-    whole.crops = {Crop{0, 0, 1280, 720}};
-    whole.frameWidth = 1280;
-    whole.frameHeight = 720;
-    EXPECT_TRUE(same(ptz, whole));
-    EXPECT_EQ(observer.take(), Told{"mode 0"});
-    session->setSceneCallback(nullptr);
+    EXPECT_EQ(session->getTrackingMode(), TrackingMode::GROUP);
+    session->setPTZControl(scene);
+    session->setTrackingMode(TrackingMode::OFF);
+    session->getPTZControl(scene = {});
+    EXPECT_EQ(scene.crops[0].width, 1280);
+    EXPECT_EQ(scene.frameHeight, 720);
+    EXPECT_EQ(scene.sceneId, 7);
     session->setSceneControl({});
-    EXPECT_EQ(observer.take(), Told{});
 }
 
 TEST_F(DeviceTest, DescribesAPaddedFrameInMemory) {
-    std::vector<uint8_t> memory(1408 * 1024, 3);
+    std::vector<uint8_t> memory(1408 * 1024);
     const zoru_ycbcr hd(memory.data(), 1280, 720);
     EXPECT_EQ(hd.cb, memory.data() + 942080);
     EXPECT_EQ(hd.cr, memory.data() + 942081);
-    EXPECT_EQ(hd.ystride, 1280U);
     EXPECT_EQ(hd.cstride, 1280U);
     EXPECT_EQ(hd.chroma_step, 2U);
     EXPECT_EQ(hd.height, 720);
@@ -142,21 +76,18 @@ TEST_F(DeviceTest, WritesFramesOfMemoryAndPlaysThemInALoop) {
     zoru_ycbcr frame(memory.data(), 4, 4);
     {
         YUVFile out(name.c_str(), 4, 4);
-        EXPECT_EQ(out.putFrame(), 24);
         EXPECT_EQ(out.putFrame(frame), 24);
         frame.width = 6;  // larger than the file's: refused, and nothing written
         EXPECT_EQ(out.putFrame(frame), -1);
     }
-    // Four rows of luma, and two of chroma behind 32 of 128 bytes.
-    std::string row("\x00\x01\x02\x03\x80\x81\x82\x83", 8);
-    const std::string written = row + row + row;
     YUVFile in(name.c_str(), 4, 4);
-    for (const std::string& expected : {std::string(24, '\0'), written, std::string(24, '\0')}) {
+    // Four rows of luma, and two of chroma behind 32 of 128 bytes.
+    const std::string row("\x00\x01\x02\x03\x80\x81\x82\x83", 8);
+    for (int i = 0; i < 2; ++i) {
         const uint8_t* const bytes = in.getFrame();
         ASSERT_NE(bytes, nullptr);
-        EXPECT_EQ(std::string(bytes, bytes + 24), expected);
+        EXPECT_EQ(std::string(bytes, bytes + 24), row + row + row);
     }
-    EXPECT_EQ(in.putFrame(), -1);  // it serves one direction
     remove(name.c_str());
 }
 

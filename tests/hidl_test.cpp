@@ -70,12 +70,7 @@ TEST(ReturnDeathTest, EndsTheProcessWhenNobodyLooks) {
     EXPECT_EQ(examined.description(), "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'");
     EXPECT_EQ(Return<int>(failed()).withDefault(5), 5);
     EXPECT_DEATH({ const Return<void> ignored(failed()); }, "not checked.*DEAD_OBJECT: gone");
-    EXPECT_DEATH(
-        {
-            Return<void> overwritten(failed());
-            overwritten = Return<void>();
-        },
-        "not checked.*DEAD_OBJECT: gone");
+    EXPECT_DEATH(Return<void>{failed()} = Return<void>(), "not checked.*DEAD_OBJECT: gone");
     EXPECT_DEATH(static_cast<void>(int(Return<int>(failed()))), "failed HIDL call");
     EXPECT_TRUE(Status::fromStatusT(android::OK, "").isOk());
     android::hardware::hidl_vec<char> bytes;
