@@ -19,7 +19,6 @@
 #include <utility>
 #include <vector>
 
-#include "fake_descriptors.h"
 #include "holdings.h"
 #include "host/limits.h"
 #include "raw_socket.h"
@@ -138,32 +137,35 @@ TEST_F(DescriptorsTest, LetsEachKindCrossWhereItBelongsAndNowhereElse) {
 
 TEST_F(DescriptorsTest, TakesOrClosesWhateverComesAsControlData) {
     const struct {
-        int level, type, closes;
-    } parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, 0}, {SOL_SOCKET, SCM_RIGHTS, 1},
-                 {SOL_SOCKET, kPidfd, 1},          {SOL_IP, SCM_RIGHTS, 0},
-                 {SOL_SOCKET, SO_TIMESTAMP, 0},    {SOL_SOCKET, SCM_RIGHTS, 1}};
+        int level, type;
+        bool isDescriptor;
+    } parts[] = {{SOL_SOCKET, SCM_CREDENTIALS, false}, {SOL_SOCKET, SCM_RIGHTS, true},
+                 {SOL_SOCKET, kPidfd, true},           {SOL_IP, SCM_RIGHTS, false},
+                 {SOL_SOCKET, SO_TIMESTAMP, false},    {SOL_SOCKET, SCM_RIGHTS, true}};
+    int fds[std::size(parts)];
     alignas(cmsghdr) char control[std::size(parts) * CMSG_SPACE(sizeof(int))] = {};
     msghdr message = {};
     message.msg_control = control;
     message.msg_controllen = sizeof(control);
-    int number = fuzz::kFirstFake;
     cmsghdr* next = CMSG_FIRSTHDR(&message);
-    for (const auto& part : parts) {
-        next->cmsg_level = part.level;
-        next->cmsg_type = part.type;
+    for (size_t i = 0; i < std::size(parts); ++i) {
+        fds[i] = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        next->cmsg_level = parts[i].level;
+        next->cmsg_type = parts[i].type;
         next->cmsg_len = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(next), &number, sizeof(int));
-        fuzz::fakeCloses[static_cast<size_t>(number++ - fuzz::kFirstFake)] = 0;
+        memcpy(CMSG_DATA(next), &fds[i], sizeof(int));
         next = CMSG_NXTHDR(&message, next);
     }
     std::vector<UniqueFd> taken;
     host::detail::takeDescriptors(message, taken);
     ASSERT_EQ(taken.size(), 2U);
-    EXPECT_EQ(taken[0].get(), fuzz::kFirstFake + 1);
-    EXPECT_EQ(taken[1].get(), fuzz::kFirstFake + 5);
+    EXPECT_EQ(taken[0].get(), fds[1]);
+    EXPECT_EQ(taken[1].get(), fds[5]);
     taken.clear();
-    for (size_t i = 0; i < std::size(parts); ++i)
-        EXPECT_EQ(fuzz::fakeCloses[i], parts[i].closes) << i;
+    for (size_t i = 0; i < std::size(parts); ++i) {
+        EXPECT_EQ(fcntl(fds[i], F_GETFD) < 0, parts[i].isDescriptor) << i;
+        if (!parts[i].isDescriptor) close(fds[i]);
+    }
 }
 
 TEST_F(DescriptorsTest, KeepsNoPidfdThatAPeerMakesTheKernelAdd) {
