@@ -3,12 +3,14 @@
 
 #include <android/log.h>
 #include <cutils/properties.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utils/RefBase.h>
 #include <utils/Thread.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -43,6 +45,28 @@ private:
     const std::function<bool()> mBody;
 };
 
+/** Whether lines to a pipe that is full are dropped, and counted before the next. */
+bool dropsLinesOfAFullPipe() {
+    int ends[2];
+    if (pipe(ends) != 0) return false;
+    dup2(ends[1], STDERR_FILENO);
+    fcntl(STDERR_FILENO, F_SETFL, O_NONBLOCK);
+    std::array<char, 1 << 16> bytes = {};
+    while (write(STDERR_FILENO, bytes.data(), bytes.size()) > 0) {
+    }
+    fcntl(STDERR_FILENO, F_SETFL, 0);
+    alarm(10);  // ends who waits for a reader
+    host::setStderrLogPriority(ANDROID_LOG_INFO);
+    __android_log_print(ANDROID_LOG_INFO, "tag", "lost");
+    __android_log_print(ANDROID_LOG_INFO, "tag", "lost");
+    if (read(ends[0], bytes.data(), bytes.size()) < 0) return false;
+    __android_log_print(ANDROID_LOG_DEBUG, "tag", "too low");
+    __android_log_print(ANDROID_LOG_INFO, "tag", "seen");
+    const ssize_t size = read(ends[0], bytes.data(), bytes.size());
+    const std::string line(bytes.data(), static_cast<size_t>(size));
+    return line.rfind("(2 dropped) ", 0) == 0 && line.find(" I tag: seen\n") != std::string::npos;
+}
+
 int alive = 0;
 
 struct Counted : public android::RefBase {
@@ -74,6 +98,10 @@ TEST(LogTest, CutsALineAndGivesThePreviousSinkBack) {
     EXPECT_EQ(outer.said("tag"), Lines{"E kept\n"});
     EXPECT_EQ(outer.take(), (Lines{"E kept\n", "W kept\n"}));
     EXPECT_TRUE(outer.said().empty());
+}
+
+TEST(LogDeathTest, WaitsForNoReaderAndCountsWhatItDrops) {
+    EXPECT_EXIT(_exit(dropsLinesOfAFullPipe() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {

@@ -37,6 +37,7 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     EXPECT_EQ(session->getInterface(), client);
     EXPECT_TRUE(session->isRunning());
     EXPECT_FALSE(client->isRemote());
+    EXPECT_FALSE(bool(client->linkToDeath(nullptr, 1)));
 
     // The monitor is inside the callback, and so holds the session, while everybody else lets go.
     auto closed = holdClient();
