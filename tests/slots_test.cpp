@@ -181,6 +181,10 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
         const std::vector<int> some(30, STDERR_FILENO);
         EXPECT_TRUE(eventually([&] { return handleOf(some).getNativeHandle() != nullptr; }));
     }
+    serve();
+    limitTo(kSlots - 1);  // by somebody else, so it stays
+    server.reset();
+    EXPECT_EQ(limits().rlim_cur, kSlots - 1);
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(linesWith("notify transaction failed"), 1);
 }
