@@ -60,7 +60,6 @@ protected:
         EXPECT_NE(controls, nullptr) << problem;
         fillBy([this](const CaptureRequest& request) { return shoot(request); });
     }
-    ~DetectTest() override { fillBy({}); }
 
     int detect(const std::string& arguments, const std::string& before = "") {
         return run("--cascade cascade --size 640x360 " + arguments, before);
@@ -86,12 +85,10 @@ protected:
             if (tells) session->sendNotify(msg);
         }
         const Rect place = camera::inFrame(face, kStream, view, false);
-        const int left = std::clamp(place.x, 0, kStream.width);
-        const int right = std::clamp(place.x + place.width, left, kStream.width);
         kit::Frame frame(kStream.bytes(), 128);
         for (int y = std::max(0, place.y); y < std::min(360, place.y + place.height); ++y)
-            memset(&frame[static_cast<size_t>(y) * 640 + static_cast<size_t>(left)],
-                   y - place.y < place.height / 2 ? 235 : 16, static_cast<size_t>(right - left));
+            for (int x = std::max(0, place.x); x < std::min(640, place.x + place.width); ++x)
+                frame[static_cast<size_t>(y * 640 + x)] = y - place.y < place.height / 2 ? 235 : 16;
         ZoruUtil::copyTo(frame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
         return BufferStatus::OK;
     }
@@ -114,6 +111,7 @@ protected:
     std::atomic<bool> tells{true};
     std::atomic<bool> isTurned{false};
     int framesOff = 0;
+    bool hasFollowedAgain = false;
 };
 
 /** The first face in a line's field; none when it is unknown or empty. */
@@ -253,8 +251,7 @@ TEST_F(DetectTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyFollower) {
         EXPECT_TRUE(has(second.text, "the view cannot follow: ")) << second.text;
         session->setTrackingMode(TrackingMode::OFF);
     });
-    bool hasFollowedAgain = false;
-    fillBy([&](const CaptureRequest& request) {
+    fillBy([this](const CaptureRequest& request) {
         const bool isOff = session->getTrackingMode() == TrackingMode::OFF;
         if (isOff && framesOff++ == 30) {
             EXPECT_EQ(wanted(), kAll);
