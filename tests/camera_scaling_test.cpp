@@ -21,7 +21,6 @@ using camera::Planes;
 namespace {
 
 constexpr int kMost = 130;
-constexpr Colour kColour = {90, 60, 200};
 
 enum Order { CB_FIRST, CR_FIRST, PLANAR };
 
@@ -83,44 +82,45 @@ private:
 
 TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
     constexpr AVPixelFormat kFormats[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_NV21};
+    const Colour colour = {200, 40, 220};
+    // Full range: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
+    const Colour limited = {188, 51, 209};
     camera::PictureScaler scalers[3];
-    const auto other = frameOf({50, 38}, AV_PIX_FMT_YUV420P, kColour);
     for (int width = 1; width <= kMost; width += isSlow() ? 7 : 1) {
+        const bool isFull = width % 2 == 0;
+        const auto range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
+        const auto other = frameOf({50, 38}, kFormats[width % 3], colour, range);
         for (int height = 1; height <= kMost; height += isSlow() ? 13 : 1) {
             // Of another size, turned, and as it is, in a format that it shares with the planes.
-            const auto same = frameOf({width, height}, kFormats[height % 3], kColour);
+            const auto same = frameOf({width, height}, kFormats[height % 3], colour, range);
             const AVFrame* const frames[] = {other.get(), other.get(), same.get()};
             for (int way = 0; way < 3; ++way) {
                 const Planes to = planes({width, height});
                 const camera::Orientation turn = {way == 1, way == 1 ? 1 + height % 3 : 0};
                 ASSERT_TRUE(scale(scalers[way], *frames[way], to, turn));
-                ASSERT_LE(farthest(to, kColour), 1) << width << 'x' << height << " way " << way;
+                ASSERT_LE(farthest(to, isFull ? limited : colour), 1)
+                    << width << 'x' << height << " way " << way;
             }
         }
     }
 }
 
 TEST_P(CameraScalingTest, IsOfLimitedRangeWhateverThePictureIs) {
-    // Full range: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
-    const Colour full = {200, 40, 220};
-    const Colour limited = {188, 51, 209};
-    for (const int width : {64, 80, 8}) {
-        for (const AVPixelFormat format :
-             {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_NV21, AV_PIX_FMT_GRAY8}) {
-            camera::PictureScaler scaler;
-            const Planes to = planes({width, 48});
-            ASSERT_TRUE(scale(scaler, *frameOf({64, 48}, format, full, AVCOL_RANGE_JPEG), to));
-            const bool isGray = format == AV_PIX_FMT_GRAY8;
-            EXPECT_LE(farthest(to, isGray ? Colour{188, 128, 128} : limited), 1) << format;
+    const struct {
+        AVPixelFormat format;
+        Colour colour, shown;
+    } pictures[] = {{AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}},
+                    {AV_PIX_FMT_YUVJ420P, {200, 40, 220}, {188, 51, 209}},
+                    {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}},   // cannot be cropped
+                    {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}}};  // red, by BT.601
+    camera::PictureScaler scaler;
+    for (const auto& [format, colour, shown] : pictures) {
+        for (const int width : {8, 32, 40}) {
+            const Planes to = planes({width, 32});
+            ASSERT_TRUE(scale(scaler, *frameOf({40, 32}, format, colour, AVCOL_RANGE_JPEG), to));
+            EXPECT_LE(farthest(to, shown), 1) << format << ' ' << width;
         }
     }
-    // And black and white, whose format cannot be cropped as it is.
-    camera::PictureScaler scaler;
-    const Planes to = planes({32, 32});
-    ASSERT_TRUE(scale(scaler, *frameOf({40, 40}, AV_PIX_FMT_MONOBLACK, {255, 0, 0}), to));
-    EXPECT_LE(farthest(to, {235, 128, 128}), 1);
-    ASSERT_TRUE(scale(scaler, *frameOf({16, 40}, AV_PIX_FMT_BGR32, {255, 0, 0}), to));
-    EXPECT_LE(farthest(to, {81, 90, 240}), 1);  // red, by BT.601
 }
 
 TEST_P(CameraScalingTest, TurnsAsItIsTold) {

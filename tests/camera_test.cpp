@@ -1,12 +1,11 @@
 // A camera in software: which frames its client gets and when, what it is told of them, and what
 // happens when there are none.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <string>
 
@@ -35,15 +34,15 @@ protected:
         return options;
     }
     /** For reading, too, so that it does not wait for the camera. */
-    void openFifo() { mEnd.reset(open((folder / "fifo").c_str(), O_RDWR | O_CLOEXEC)); }
-    void closeFifo() { mEnd.reset(); }
-    void write(int luma, size_t bytes = 64 * 48 * 3 / 2) const {
-        const std::string picture(bytes, static_cast<char>(luma));
-        EXPECT_EQ(::write(mEnd.get(), picture.data(), bytes), static_cast<ssize_t>(bytes));
+    void open() { mFifo.open(folder / "fifo", std::ios::in | std::ios::out); }
+    void close() { mFifo.close(); }
+    void write(int luma, size_t bytes = 64 * 48 * 3 / 2) {
+        mFifo << std::string(bytes, static_cast<char>(luma)) << std::flush;
+        EXPECT_TRUE(mFifo.good());
     }
     /** Its first picture is dropped. */
     void playFifo() {
-        openFifo();
+        open();
         write(1);
         ASSERT_EQ(play(fifo()), "");
         waitForDropped(1);
@@ -56,7 +55,7 @@ protected:
     }
 
 private:
-    host::UniqueFd mEnd;
+    std::fstream mFifo;
 };
 
 }  // namespace
@@ -166,11 +165,11 @@ TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSource) {
     write(2, 64 * 48 * 3 / 2 - 1000);  // and goes on where it was
     waitForDropped(2);
 
-    closeFifo();
+    close();
     EXPECT_TRUE(eventually([&] { return source->status().isBroken; }));
     EXPECT_FALSE(askFor().isFilled);
     EXPECT_EQ(saidSoFar(), "nothing came for 2 s\nit is over\n");
-    openFifo();
+    open();
     write(3);
     EXPECT_TRUE(eventually([&] { return !source->status().isBroken; }));
 }

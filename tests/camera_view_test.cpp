@@ -8,8 +8,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -75,27 +73,23 @@ TEST(ViewTest, ShowsWhatIsAskedForAndNeverStretchesIt) {
         FrameSize frame, picture, stream;
         Rect view;
     } cases[] = {
-        {{0, 0, 1280, 720}, kHd, kHd, kHd, {0, 0, 1280, 720}},
         {{0, 0, 1280, 720}, kHd, kHd, kVga, {160, 0, 960, 720}},  // its middle
         {{0, 0, 1280, 720}, kHd, {1920, 1080}, kHd, {0, 0, 1920, 1080}},
         {{0, 0, 640, 360}, kHd, {1920, 1080}, kHd, {0, 0, 960, 540}},  // in its own frame's size
         {{0, 0, 100, 100}, {100, 200}, {1000, 1000}, {100, 50}, {0, 0, 1000, 500}},  // two scales
         {{600, 300, 160, 10}, kHd, kHd, kHd, {600, 260, 160, 90}},  // grown about its middle
-        {{600, 300, 16, 90}, kHd, kHd, kHd, {528, 300, 160, 90}},
-        {{0, 300, 16, 90}, kHd, kHd, kHd, {0, 300, 160, 90}},  // and moved inside
+        {{0, 300, 16, 90}, kHd, kHd, kHd, {0, 300, 160, 90}},       // and moved inside
         {{1270, 710, 160, 90}, kHd, kHd, kHd, {1262, 704, 18, 16}},
         {{-50, -50, 210, 140}, kHd, kHd, kHd, {0, 0, 160, 90}},  // clipped
         {{1280, 0, 10, 10}, kHd, kHd, kHd, {0, 0, 1280, 720}},   // nothing left
         {{5, 5, 0, 10}, kHd, kHd, kHd, {0, 0, 1280, 720}},
-        {{5, 5, -3, 10}, kHd, kHd, kHd, {0, 0, 1280, 720}},
+        {{5, 5, 10, -3}, kHd, kHd, kHd, {0, 0, 1280, 720}},
         {{5, 5, 10, 10}, {0, 720}, kHd, kHd, {0, 0, 1280, 720}},
         {{0, 0, 1280, 400}, kHd, kHd, {100, 100}, {280, 0, 720, 720}},  // the other side is cut
         {{101, 51, 160, 90}, kHd, kHd, kHd, {100, 50, 162, 92}},        // outward to the chroma
         {{100, 100, 2, 2}, kHd, kHd, kHd, {98, 100, 16, 16}},           // the least
         {{0, 0, 9, 7}, {9, 7}, {9, 7}, {9, 7}, {0, 0, 9, 7}},           // a smaller picture
-        {{0, 0, 33, 21}, {33, 21}, {33, 21}, {33, 21}, {0, 0, 33, 21}},
         {{INT32_MIN, INT32_MIN, INT32_MAX, INT32_MAX}, kHd, kHd, kHd, {0, 0, 1280, 720}},
-        {{INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX}, kHd, kHd, kHd, {0, 0, 1280, 720}},
         {{0, 0, INT32_MAX, INT32_MAX}, {1, 1}, kHd, kHd, {0, 0, 1280, 720}},
     };
     for (const auto& c : cases)
@@ -110,6 +104,9 @@ TEST(ViewTest, IsInsideThePictureOnTheGridAndOfTheStreamsShape) {
                     const Rect view = camera::viewFor({from, from / 2, length, 90 - length},
                                                       {70, 70}, {width, height}, {160, 90});
                     const bool isLeast = view.width <= 17 || view.height <= 17;
+                    // An odd picture's last column or row is not alone.
+                    ASSERT_NE(width - view.x - view.width, 1);
+                    ASSERT_NE(height - view.y - view.height, 1);
                     ASSERT_TRUE(holds({0, 0, width, height}, view) &&
                                 view.x % 2 + view.y % 2 == 0 && view.width >= std::min(width, 16) &&
                                 view.height >= std::min(height, 16) &&
@@ -145,31 +142,6 @@ TEST(CameraFollowTest, KeepsAMovingFaceInTheView) {
     }
 }
 
-TEST(CameraFollowTest, KeepsAFaceThatWasRecordedInTheView) {
-    std::ifstream recorded(RECORDED_FACES);
-    Stream stream;
-    std::chrono::milliseconds before(0);
-    int seen = 0;
-    int kept = 0;
-    for (std::string line; std::getline(recorded, line);) {
-        std::istringstream numbers(line);
-        int64_t time = 0;
-        numbers >> time;
-        const std::chrono::milliseconds now(time);
-        std::vector<Rect> faces;
-        for (Rect face; numbers >> face.x >> face.y >> face.width >> face.height;)
-            faces.push_back(face);
-        const bool isIn = faces.empty() || holds(stream.view, faces[0]);  // as it was looked at
-        stream.step(faces, now - std::exchange(before, now));
-        if (faces.empty() || now < 1s) continue;
-        ++seen;
-        kept += isIn ? 1 : 0;
-        EXPECT_TRUE(now < 4s || now > 8s || stream.view.width < 600) << now.count();
-    }
-    EXPECT_GT(seen, 100);
-    EXPECT_GE(kept * 100, seen * 95) << kept << " of " << seen;
-}
-
 TEST(CameraFollowTest, RestsInTheDeadZoneAndLeavesItToCutNoFace) {
     Stream stream;
     const Rect face = {300, 200, 250, 250};
@@ -189,6 +161,8 @@ TEST(CameraFollowTest, KeepsAFaceThatIsMissedAndShowsAllWithoutOne) {
     Stream stream;
     const Rect here = {200, 300, 60, 60};
     const Rect there = {700, 300, 60, 60};
+    const Rect small = {0, 0, 640, 480};  // another picture
+    EXPECT_EQ(stream.controller.next({}, {640, 480}, small, stream.now), small);
     EXPECT_EQ(stream.controller.next({}, kPicture, stream.view, stream.now), stream.view);
     const Rect both = stream.run(4s, {here, there});
     EXPECT_EQ(stream.run(480ms, {there}), both);
@@ -198,6 +172,8 @@ TEST(CameraFollowTest, KeepsAFaceThatIsMissedAndShowsAllWithoutOne) {
     EXPECT_EQ(stream.run(1960ms, {}), rest);
     EXPECT_NE(stream.run(80ms, {}), rest);
     EXPECT_EQ(stream.run(4s, {}), (Rect{160, 0, 960, 720}));  // as the stream's shape shows it
+    stream.step({here}, 5s);  // after a gap no further than in half a second
+    EXPECT_GE(stream.view.x + stream.view.width, 1120 - 0.3 * 1280 / 2 - 1);
 }
 
 TEST(CameraFollowTest, MapsFacesByTheViewAndTheTurnAndBack) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -14,20 +13,15 @@
 #include <utility>
 
 #include "ZoruUtil.h"
-#include "client_watch.h"
 #include "frame.h"
 #include "host/channel.h"
 #include "support/run_shell.h"
 #include "support/session_fixture.h"
 #include "temporary_folder.h"
-#include "watched_session.h"
 
 namespace testing_support {
 
-/**
- * A client program, against a provider in this process that follows its clients as the provider
- * program does.
- */
+/** A client program, against a provider in this process. */
 class ClientToolFixture : public SessionFixture {
 protected:
     ClientToolFixture() {
@@ -45,20 +39,11 @@ protected:
         server.reset();
     }
 
-    /** What the watch over the clients says is in the file "said". */
     void listen() {
-        const auto watch = std::make_shared<tools::ClientWatch>([this](const std::string& line) {
-            std::ofstream(folder / "said", std::ios::app) << line << '\n';
-        });
         host::ConnectionEvents events;
-        events.came = [this, watch](pid_t process) {
-            tool = process;
-            watch->came(process);
-        };
-        events.went = [watch](pid_t process) { watch->went(process); };
+        events.came = [this](pid_t process) { tool = process; };
         std::string problem;
-        server = host::Server::listen(folder / "socket", new tools::WatchedSession(client, watch),
-                                      problem, events);
+        server = host::Server::listen(folder / "socket", client, problem, events);
         EXPECT_NE(server, nullptr) << problem;
     }
     /** From now on buffers are filled so, on the provider's thread, and come back with its status.

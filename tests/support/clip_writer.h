@@ -17,7 +17,7 @@ namespace testing_support {
 
 /** Or red, green and blue. */
 struct Colour {
-    int y, cb, cr;
+    int y, cb = 0, cr = 0;
 };
 
 inline camera::FramePtr frameOf(camera::FrameSize size, AVPixelFormat format, const Colour& colour,
