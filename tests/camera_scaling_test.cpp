@@ -111,13 +111,16 @@ TEST_P(CameraScalingTest, IsOfLimitedRangeWhateverThePictureIs) {
         Colour colour, shown;
     } pictures[] = {{AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}},
                     {AV_PIX_FMT_YUVJ420P, {200, 40, 220}, {188, 51, 209}},
+                    {AV_PIX_FMT_YUV420P, {200, 40, 220}, {200, 40, 220}},
                     {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}},   // cannot be cropped
                     {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}}};  // red, by BT.601
     camera::PictureScaler scaler;
-    for (const auto& [format, colour, shown] : pictures) {
-        for (const int width : {8, 32, 40}) {
+    for (const int width : {8, 32, 40}) {
+        for (const auto& [format, colour, shown] : pictures) {
+            const bool isLimited = format == AV_PIX_FMT_YUV420P;
+            const auto range = isLimited ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
             const Planes to = planes({width, 32});
-            ASSERT_TRUE(scale(scaler, *frameOf({40, 32}, format, colour, AVCOL_RANGE_JPEG), to));
+            ASSERT_TRUE(scale(scaler, *frameOf({40, 32}, format, colour, range), to));
             EXPECT_LE(farthest(to, shown), 1) << format << ' ' << width;
         }
     }

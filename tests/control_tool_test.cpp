@@ -36,21 +36,16 @@ protected:
     std::unique_ptr<control::ControlServer> controls;
 };
 
-std::string sceneOf(const std::string& crops, const std::string& frame, const std::string& rest) {
-    return R"({"crops":[)" + crops + R"(],"frame)" + frame + R"(,"scene)" + rest + "}\n";
-}
-
 }  // namespace
 
 TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
-    const std::string kCrop = R"({"x":-5,"y":2,"width":2147483647,"height":0})";
-    const auto sceneWith = [&](const std::string& people) {
-        return sceneOf(kCrop + R"(,{"x":1,"y":2,"width":3,"height":4})",
-                       R"(Width":7,"frameHeight":-8)",
-                       R"(Id":9,"sceneFlags":-10,"peopleCount":)" + people);
-    };
-    const std::string kMade =
-        sceneOf(kCrop, R"(Width":40,"frameHeight":30)", R"(Id":0,"sceneFlags":0,"peopleCount":0)");
+    const std::string kCrop = R"({"crops":[{"x":-5,"y":2,"width":2147483647,"height":0})";
+    const std::string kScene =
+        kCrop + R"(,{"x":1,"y":2,"width":3,"height":4}],"frameWidth":7,"frameHeight":-8,)"
+                R"("sceneId":9,"sceneFlags":-10,"peopleCount":)";
+    const std::string kMade = kCrop + R"(],"frameWidth":40,"frameHeight":30,"sceneId":0,)"
+                                      R"("sceneFlags":0,"peopleCount":0})"
+                                      "\n";
     const std::string kTrack =
         R"({"timestampNs":123456789012,"trackId":-3,"target":{"x":1,"y":2,"width":3,"height":4},)"
         R"("bounds":{"x":5,"y":6,"width":7,"height":8},"pan":-0.5,"tilt":1e-30,"zoom":3,"speed":4})"
@@ -61,7 +56,7 @@ TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
                {"scene", 0, sceneWith("11")},
                {"people -12", 0, "{\"peopleCount\":-12}\n"},
                {"people", 0, "{\"peopleCount\":-12}\n"},
-               {"scene", 0, sceneWith("-12")},
+               {"scene", 0, kScene + "-12}\n"},
                {"scene $(seq -f %.0f,1,1,1 1001) --of 1x1", 1, "more than 1000 crops is refused"},
                {"scene $(seq -f %.0f,1,1,1 5000) --of 1x1", 1, "over the limits"},
                {"status", 0, "{\"picture\":null,\"rate\":null,\"frames\":null,\"dropped\":null}\n"},
