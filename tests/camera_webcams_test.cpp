@@ -24,29 +24,6 @@ namespace {
 
 std::atomic<bool> areWebcams{false};
 
-struct Mode {
-    uint32_t format, width, height, rate;
-};
-/** What a camera lists, in its order. */
-constexpr Mode kModes[] = {{V4L2_PIX_FMT_YUYV, 640, 480, 30},
-                           {V4L2_PIX_FMT_YUYV, 1920, 1080, 5},
-                           {V4L2_PIX_FMT_MJPEG, 1280, 720, 30},
-                           {V4L2_PIX_FMT_MJPEG, 2560, 1440, 30},
-                           {V4L2_PIX_FMT_SRGGB8, 1920, 1080, 60}};
-constexpr uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_SRGGB8};
-
-/** The one at a place in the list of a format, and of a width unless that is 0; null at its end. */
-template <typename Entry>
-const Mode* modeAt(const Entry& entry, uint32_t width) {
-    uint32_t index = 0;
-    for (const Mode& mode : kModes) {
-        const bool isListed =
-            mode.format == entry.pixel_format && (width == 0 || mode.width == width);
-        if (isListed && index++ == entry.index) return &mode;
-    }
-    return nullptr;
-}
-
 /** By the first letter of the file: a webcam, one with ranges, or something else. */
 bool answer(char kind, unsigned long request, void* argument) {
     const bool hasRanges = kind == 'r';
@@ -58,31 +35,26 @@ bool answer(char kind, unsigned long request, void* argument) {
         return true;
     }
     if (request == VIDIOC_ENUM_FMT) {
-        auto& format = *static_cast<v4l2_fmtdesc*>(argument);
-        if (format.index >= (hasRanges ? 1 : 3)) return false;
-        format.pixelformat = kFormats[format.index];
-        return true;
+        auto& entry = *static_cast<v4l2_fmtdesc*>(argument);
+        entry.pixelformat = entry.index == 0 ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_SRGGB8;
+        return entry.index < (hasRanges ? 1 : 2);
     }
     if (request == VIDIOC_ENUM_FRAMESIZES) {
         auto& entry = *static_cast<v4l2_frmsizeenum*>(argument);
         entry.type = hasRanges ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_DISCRETE;
+        entry.discrete = {640U << entry.index, 480};
         if (hasRanges) entry.stepwise = {32, 4096, 2, 32, 4096, 2};
-        if (hasRanges) return entry.index == 0;
-        const Mode* const mode = modeAt(entry, 0);
-        if (mode != nullptr) entry.discrete = {mode->width, mode->height};
-        return mode != nullptr;
+        return entry.index < (hasRanges ? 1 : 2);
     }
-    if (request != VIDIOC_ENUM_FRAMEINTERVALS) return false;
     auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
-    const Mode* const mode = modeAt(entry, entry.width);
     entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-    if (mode != nullptr) entry.discrete = {1, mode->rate};
-    return mode != nullptr;
+    entry.discrete = {1, 30U >> entry.index};
+    return request == VIDIOC_ENUM_FRAMEINTERVALS && entry.index < 640 / entry.width + 1;
 }
 
 }  // namespace
 
-TEST(WebcamsTest, AreListedAndTheLargestFastModeIsChosen) {
+TEST(WebcamsTest, AreListedWithTheirModes) {
     const kit::TemporaryFolder folder;
     for (const std::string file : {"list video2", "range video10", "meta video3", "none vide1"})
         std::ofstream(folder / file.substr(file.find(' ') + 1)) << file;
@@ -92,21 +64,31 @@ TEST(WebcamsTest, AreListedAndTheLargestFastModeIsChosen) {
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(inWords(found[0]), folder / "video2" +
                                      ": Lists\n"
-                                     "  640x480 yuyv422 at 30 frames a second\n"
-                                     "  1920x1080 yuyv422 at 5 frames a second\n"
-                                     "  1280x720 mjpeg at 30 frames a second\n"
-                                     "  2560x1440 mjpeg at 30 frames a second\n"
-                                     "  1920x1080 RGGB at 60 frames a second\n");
+                                     "  640x480 yuyv422 at 30, 15 frames a second\n"
+                                     "  1280x480 yuyv422 at 30 frames a second\n"
+                                     "  640x480 RGGB at 30, 15 frames a second\n"
+                                     "  1280x480 RGGB at 30 frames a second\n");
     EXPECT_EQ(inWords(found[1]), folder / "video10" +
                                      ": Ranges\n"
-                                     "  1920x1080 yuyv422 at 5 frames a second\n"
-                                     "  4096x4096 yuyv422\n");
-    const camera::CameraMode mode = bestModeOf(found[0]);
-    EXPECT_EQ(mode.size->width, 1280);
-    EXPECT_EQ(mode.format, "mjpeg");
-    EXPECT_EQ(mode.rate, 30);
-    EXPECT_EQ(bestModeOf(found[1]).size->width, 1920);
-    EXPECT_FALSE(bestModeOf(camera::Webcam()).size);
+                                     "  1920x1080 yuyv422 at 30 frames a second\n"
+                                     "  4096x4096 yuyv422 at 30 frames a second\n");
+}
+
+TEST(WebcamsTest, HaveTheLargestFastModeChosen) {
+    std::vector<camera::WebcamMode> modes = {{"RGGB", {1920, 1080}, {60}, false},
+                                             {"mjpeg", {2560, 1440}, {30}, true},
+                                             {"yuyv422", {1920, 1080}, {5}, true},
+                                             {"yuyv422", {640, 480}, {30}, true},
+                                             {"mjpeg", {1280, 720}, {15, 30}, true}};
+    // One after the other is taken away.
+    for (const int width : {1280, 640, 1920, 2560}) {
+        const camera::CameraMode best = bestModeOf(camera::Webcam{"", "", modes});
+        EXPECT_EQ(best.size->width, width);
+        EXPECT_EQ(best.format, modes.back().format);
+        EXPECT_EQ(best.rate, modes.back().rates.back());
+        modes.pop_back();
+    }
+    EXPECT_FALSE(bestModeOf(camera::Webcam{"", "", modes}).size);
 }
 
 TEST(WebcamsTest, AreAskedForModesThatAreOnes) {

@@ -13,6 +13,8 @@
 #include <future>
 #include <regex>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "boxes.h"
 #include "faces_json.h"
@@ -146,11 +148,7 @@ TEST_F(ClientOutputsTest, AsksForNoMoreThanIsRead) {
 }
 
 TEST_F(ClientOutputsTest, WatchesWithinTheWindowAndInItsColours) {
-    struct {
-        const char* environment;
-        const char* colour;
-        size_t columns, lines;
-    } const terminals[] = {
+    const std::tuple<const char*, const char*, size_t, size_t> terminals[] = {
         {"TERM=xterm-256color", "8;5;", 100, 30},
         {"TERM=xterm COLORTERM=truecolor", "8;2;", 40, 6},
         {"TERM=xterm-256color COLORTERM=truecolor NO_COLOR=1", "none", 10, 2},
@@ -172,38 +170,32 @@ TEST_F(ClientOutputsTest, WatchesWithinTheWindowAndInItsColours) {
 }
 
 TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
-    const struct {
-        const char* size;
-        uint32_t frames;
-        double announced;  // frames a second; 0: nothing is
-        const char* header;
-        size_t luma, chroma;
-    } cases[] = {
-        {"", 12, 30000 / 1001.0, "W1280 H720 F30000:1001", 921600, 230400},
-        {"--size 35x23", 3, 24, "W35 H23 F24:1", 805, 216},  // ends before the tenth
-        {"--size 1x1", 12, 0, "W1 H1 F25:1", 1, 1},
-        {"--size 6x3 --fps 12.5", 4, 30, "W6 H3 F12500:1000", 18, 6},
-        {"--size 2x1", 12, 30, "W2 H1 F30:1", 2, 1},
-    };
-    for (const auto& c : cases) {
-        fillBy([this, announced = c.announced](const CaptureRequest& request) {
+    // The size, frames, what is announced a second or 0, the header, and the planes' bytes.
+    const std::vector<std::tuple<std::string, uint32_t, double, std::string, size_t, size_t>>
+        cases = {
+            {"", 12, 30000 / 1001.0, "W1280 H720 F30000:1001", 921600, 230400},
+            {"--size 35x23", 3, 24, "W35 H23 F24:1", 805, 216},  // ends before the tenth
+            {"--size 1x1", 12, 0, "W1 H1 F25:1", 1, 1},
+            {"--size 6x3 --fps 12.5", 4, 30, "W6 H3 F12500:1000", 18, 6},
+            {"--size 2x1", 12, 30, "W2 H1 F30:1", 2, 1},
+        };
+    for (const auto& [size, frames, perSecond, header, luma, chroma] : cases) {
+        fillBy([this, announced = perSecond](const CaptureRequest& request) {
             if (request.frameNumber == 1) return BufferStatus::ERROR;
             const double ns = 1e9 + 1e9 / announced * request.frameNumber;
             FDNotifyMsg shutter = camera::shutterOf(request.frameNumber, static_cast<uint64_t>(ns));
             if (announced > 0) session->sendNotify(shutter);
             return fillWithNumber(request);
         });
-        EXPECT_EQ(run("--frames " + std::to_string(c.frames) + " --buffers 2 --y4m y4m --raw raw " +
-                      c.size),
-                  1);
-        std::string expected =
-            "YUV4MPEG2 " + std::string(c.header) + " Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
-        for (uint32_t number = 0; number < c.frames; ++number)
-            expected += "FRAME\n" +
-                        std::string(c.luma, static_cast<char>(number == 1 ? 0 : number)) +
-                        std::string(c.chroma, kCb) + std::string(c.chroma, kCr);
-        EXPECT_TRUE(read("y4m") == expected) << c.header << ' ' << read("y4m").substr(0, 70);
-        EXPECT_EQ(read("raw").size(), (c.frames - 1) * (c.luma + 2 * c.chroma)) << c.header;
+        EXPECT_EQ(
+            run("--frames " + std::to_string(frames) + " --buffers 2 --y4m y4m --raw raw " + size),
+            1);
+        std::string expected = "YUV4MPEG2 " + header + " Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
+        for (uint32_t number = 0; number < frames; ++number)
+            expected += "FRAME\n" + std::string(luma, static_cast<char>(number == 1 ? 0 : number)) +
+                        std::string(chroma, kCb) + std::string(chroma, kCr);
+        EXPECT_TRUE(read("y4m") == expected) << header << ' ' << read("y4m").substr(0, 70);
+        EXPECT_EQ(read("raw").size(), (frames - 1) * (luma + 2 * chroma)) << header;
     }
 }
 

@@ -173,10 +173,10 @@ TEST_F(ControlTest, KeepsAThousandCallsForAWatcherAndCountsTheOthers) {
     session->setPTZControl(sceneOf(2));
     session->setTrackControl(track);
     session->setTrackingMode(TrackingMode::PRESENTER);
-    int64_t lastNs = 0;
+    int64_t lastNs = 1;
     const auto expectNext = [&](const std::string& name, const std::string& value) {
         const Event event = next(other);
-        EXPECT_TRUE(has(json(event), R"({"event":")" + name + "\"")) << json(event);
+        EXPECT_TRUE(matches(json(event), "^.\"event\":\"" + name + "\"")) << json(event);
         EXPECT_TRUE(has(json(event), "\"" + name + "\":" + value + "}")) << json(event);
         EXPECT_LE(std::exchange(lastNs, event.timeNs), event.timeNs);
     };

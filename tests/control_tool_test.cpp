@@ -52,8 +52,8 @@ TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
         "\n";
     expectRuns(
         tool, {{"scene -5,2,2147483647,0 1,2,3,4 --of 7x-8 --id 9 --flags -10 --people 11", 0,
-                sceneWith("11")},
-               {"scene", 0, sceneWith("11")},
+                kScene + "11}\n"},
+               {"scene", 0, kScene + "11}\n"},
                {"people -12", 0, "{\"peopleCount\":-12}\n"},
                {"people", 0, "{\"peopleCount\":-12}\n"},
                {"scene", 0, kScene + "-12}\n"},
