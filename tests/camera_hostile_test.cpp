@@ -1,16 +1,23 @@
-// Damaged files: a client is served by one camera after another, each with a file that was
-// corrupted in a way of its own. FDSTREAM_HOSTILE_FILES says how many of each kind.
+// What cannot be played, clients that die at any moment, and damaged files: a client is served by
+// one camera after another, each with a file that was corrupted in a way of its own.
+// FDSTREAM_HOSTILE_FILES says how many of each kind.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <future>
+#include <iterator>
 #include <random>
+#include <regex>
 #include <string>
 
+#include "host/channel.h"
 #include "support/camera_fixture.h"
 #include "support/clip_writer.h"
 
@@ -39,6 +46,7 @@ std::string corrupted(std::string bytes, unsigned seed) {
 }
 
 using CameraHostileTest = CameraFixture;
+using CameraToolTest = CameraFixture;
 
 }  // namespace
 
@@ -62,18 +70,79 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
             const std::clock_t end = std::clock() + CLOCKS_PER_SEC;  // of the processor's time
             // What breaks down gets errors at the frames' pace.
             for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
-                if (!askFor().isFilled) break;
+                if (askFor() == kError) break;
             source.reset();
             configureAnew();
         }
         // After all of them a whole file plays.
         ASSERT_EQ(play(sourceOf("whole")), "");
-        EXPECT_TRUE(askFor().isFilled);
+        EXPECT_NEAR(askFor(), 40, 20);
     }
     EXPECT_GT(played, 0);
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
+}
+
+TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
+    std::ofstream(folder / "text.mp4") << "no video\n";
+    std::ofstream(folder / "raw.yuv") << "no frame\n";
+    expectRuns(
+        "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
+        {{"--input nix.mp4", 2, "nix.mp4 cannot be played: No such file or directory"},
+         {"--input .", 2, ". cannot be played: Is a directory"},
+         {"--input text.mp4", 2, "text.mp4 cannot be played: it is no video that FFmpeg knows"},
+         {"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
+         {"--input text.mp4 --format nix", 2, "FFmpeg has no format \"nix\" here"},
+         {"--input sine --format lavfi", 2, "it has no pictures"},
+         {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
+         {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
+         {"--once", 2, "are for what is no raw clip"},
+         {"--input raw.yuv --format nv12", 2, "needs --size"},
+         {"--input text.mp4 --size 4x4", 2, "--size is for --format nv12"},
+         {"--input text.mp4 --camera 4x4", 2, "--camera is for a webcam"},
+         {"--input /dev/video0 --camera 4", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
+}
+
+TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
+    // Takes a few seconds: clients are processes, and are killed while frames are on their way.
+    const std::string socket = folder / "socket";
+    const auto provider =
+        startShell("exec " PROVIDER_TOOL
+                   " --flipped --format lavfi --input testsrc2=s=320x240:r=50 --socket " +
+                   socket);
+    EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
+    const std::string tool = "exec " CLIENT_TOOL " --size 160x120 --socket " + socket;
+    for (int i = 0; i < 4; ++i) {
+        const Output next = runShell(tool + " --frames 25");
+        EXPECT_EQ(next.exitCode, 0) << next.text;
+        const auto killed = startShell(tool + " --frames 0");
+        EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
+        killed->signal(SIGKILL);
+    }
+    // One that answers no notification does not keep it from ending.
+    std::atomic<bool> isTold{false};
+    std::promise<void> ended;
+    callback->during = [&isTold, end = ended.get_future().share()] {
+        isTold = true;
+        end.wait();
+    };
+    std::string problem;
+    const auto silent = host::connect<IFDSession>(socket, problem);
+    EXPECT_TRUE(silent->setCallback(callback).isOk());
+    EXPECT_TRUE(silent->configure(configurationOf(0, 160, 120)).isOk());
+    const host::Buffer frame = allocate(160, 120);
+    EXPECT_TRUE(silent->processCaptureRequest(requestFor(1, 1, frame.handle())).isOk());
+    EXPECT_TRUE(eventually([&] { return isTold.load(); }));
+    provider->signal(SIGTERM);
+    const std::string said = provider->rest(kPatience);
+    EXPECT_EQ(provider->exitCode(kPatience), 0);
+    ended.set_value();
+    EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
+    EXPECT_FALSE(matches(said, "notify[^\n]*no answer within")) << said;
+    const std::regex failed("notify");
+    // The announcements that were under way, and no more.
+    EXPECT_LE(std::distance(std::sregex_iterator(said.begin(), said.end(), failed), {}), 5 * 3);
 }
 
 }  // namespace testing_support

@@ -20,10 +20,7 @@ constexpr camera::FrameSize kSize = {64, 48};
 /** A camera on the fixture's session, whose client has a buffer of 64 x 48 for each request. */
 class CameraFixture : public SessionFixture {
 protected:
-    struct Answer {
-        bool isFilled;
-        int luma;  ///< of the first pixel
-    };
+    static constexpr int kError = -1;
 
     CameraFixture() {
         for (int i = 0; i < 64; ++i)
@@ -60,14 +57,15 @@ protected:
         EXPECT_TRUE(client->processCaptureRequest(requestFor(mAsked, id, mBuffers[id - 1].handle()))
                         .isOk());
     }
-    /** The n-th answer since the beginning, once it is there. */
-    Answer answer(size_t index) {
+    /** The first pixel's luma of the n-th answer since the beginning, once it is there. */
+    int answer(size_t index) {
         const auto result = deliveries.waitFor(index + 1)[index].result;
-        if (result.outputBuffers.size() == 0) return {};
+        if (result.outputBuffers.size() == 0) return kError;
         const auto& output = result.outputBuffers[0];
-        return {output.status == BufferStatus::OK, mBuffers[output.bufferId - 1].bytes()[0]};
+        return output.status == BufferStatus::OK ? mBuffers[output.bufferId - 1].bytes()[0]
+                                                 : kError;
     }
-    Answer askFor() {
+    int askFor() {
         ask();
         return answer(mAsked - 1);
     }
