@@ -228,6 +228,12 @@ TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound
     EXPECT_EQ(linesWith("a connection beyond the limit of 8 is refused"), 1);
 }
 
+TEST_F(ControlTest, EndsAChannelThatAsksForNoMethodAndNoOther) {
+    const RawClient raw(controlPath);
+    EXPECT_TRUE(raw.connect() && raw.send(rawMessage({kCall, 16, 1, 0})));
+    EXPECT_TRUE(raw.isClosed() && other->ping().isOk());
+}
+
 TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
     const std::string kCrop = R"({"crops":[{"x":-5,"y":2,"width":2147483647,"height":0})";
     const std::string kScene =
