@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "source/picture_scaler.h"
@@ -133,6 +134,7 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
         for (int x = 0; x < 64; ++x)
             frame->data[0][y * frame->linesize[0] + x] =
                 static_cast<uint8_t>(50 * (1 + x / 32 + 2 * (y / 16)));
+    frame->sample_aspect_ratio = {1, 2};
     // Display matrices, and what is upper left, upper right, lower left and lower right then.
     const struct {
         int32_t a, b, c, d;
@@ -143,7 +145,13 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
     for (const auto& c : cases) {
         const int32_t matrix[9] = {c.a * 65536, c.b * 65536, 0, c.c * 65536, c.d * 65536,
                                    0,           0,           0, 1 << 30};
-        const camera::Orientation orientation = camera::orientationOf(matrix);
+        av_frame_remove_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX);
+        memcpy(
+            av_frame_new_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX, sizeof(matrix))->data,
+            matrix, sizeof(matrix));
+        const PictureShape shape = camera::shapeOf(*frame, nullptr);
+        EXPECT_EQ(shape.squared.height, 64);
+        const camera::Orientation orientation = shape.orientation;
         camera::PictureScaler scaler;
         const FrameSize size = orientation.turned({64, 32});
         const Planes to = planes(size);
