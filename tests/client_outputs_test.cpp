@@ -182,7 +182,7 @@ TEST_F(ClientY4mTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
     for (const auto& [size, frames, perSecond, header, luma, chroma] : cases) {
         fillBy([this, announced = perSecond](const CaptureRequest& request) {
             if (request.frameNumber == 1) return BufferStatus::ERROR;
-            const double ns = 1e9 + 1e9 / announced * request.frameNumber;
+            const double ns = 1e9 + (announced > 0 ? 1e9 / announced * request.frameNumber : 0);
             FDNotifyMsg shutter = camera::shutterOf(request.frameNumber, static_cast<uint64_t>(ns));
             if (announced > 0) session->sendNotify(shutter);
             return fillWithNumber(request);

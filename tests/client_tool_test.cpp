@@ -44,7 +44,10 @@ TEST_F(ClientToolTest, LeavesNoErrorBehindAtACleanEnd) {
 }
 
 TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThere) {
-    after(3, [this] { server.reset(); });
+    after(3, [this] {
+        EXPECT_TRUE(eventually([this] { return !read("raw.part").empty(); }));
+        server.reset();
+    });
     EXPECT_EQ(run("--frames 100 --raw raw"), 3);
     EXPECT_TRUE(has(read("err"), "the provider is gone")) << read("err");
     EXPECT_TRUE(exists("raw.part") && !exists("raw"));

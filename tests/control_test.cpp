@@ -17,6 +17,7 @@
 #include "host/limits.h"
 #include "support/few_descriptors.h"
 #include "support/run_shell.h"
+#include "support/slow.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -127,14 +128,12 @@ TEST_F(ControlTest, LetsOneFollowUntilItStopsOrDies) {
     EXPECT_TRUE(hasDefaultView());
     EXPECT_EQ(one->follow(sceneOf(1), sceneOf(2)), Answer::OK);
     EXPECT_EQ(scene() + ptz(), json(sceneOf(1)) + json(sceneOf(2)));
-
     // Somebody else's mode 0 keeps it out, and another mode lets it in again.
     EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
     EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::MODE_IS_OFF);
     EXPECT_TRUE(scene() == json(sceneOf(1)) && hasDefaultView());
     EXPECT_EQ(other->setMode(TrackingMode::SPEAKER), Answer::OK);
     EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::OK);
-
     const auto expectNobody = [this] {
         EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
         EXPECT_TRUE(scene() == json(SceneControl()) && hasDefaultView());
@@ -150,18 +149,20 @@ TEST_F(ControlTest, LetsOneFollowUntilItStopsOrDies) {
 }
 
 TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
+    // A step of many crops takes its time. Takes about a second: not every round hits one.
+    const SceneControl many = sceneOf(3, 100);
     EXPECT_EQ(one->startFollowing(), Answer::OK);
     int moved = 0;
     std::atomic<bool> done{false};
     std::thread following([&] {
         while (!done)
-            EXPECT_TRUE(one->follow(sceneOf(3), sceneOf(4)).isOk());
+            EXPECT_TRUE(one->follow(many, sceneOf(4)).isOk());
     });
-    for (int round = 0; round < 100 && !HasFailure(); ++round) {
+    for (int round = 0; round < (isSlow() ? 500 : 15000) && !HasFailure(); ++round) {
         EXPECT_EQ(other->setMode(TrackingMode::GROUP), Answer::OK);
         EXPECT_TRUE(eventually([&] { return ptz() == json(sceneOf(4)); }));
         EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
-        for (int look = 0; look < 50; ++look)
+        for (int look = 0; look < 5; ++look)
             moved += hasDefaultView() ? 0 : 1;
     }
     done = true;
@@ -222,7 +223,6 @@ TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound
             EXPECT_TRUE(each.connect());
             EXPECT_EQ(each.isServed(), &each != &some->back());
         }
-        EXPECT_TRUE(some->back().isClosed());
     }
     EXPECT_TRUE(remote->ping().isOk() && other->ping().isOk() && one->ping().isOk());
     EXPECT_EQ(linesWith("a connection beyond the limit of 8 is refused"), 1);
