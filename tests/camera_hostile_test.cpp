@@ -123,7 +123,8 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     // One that answers no notification does not keep it from ending.
     std::atomic<bool> isTold{false};
     std::promise<void> ended;
-    callback->during = [&isTold, end = ended.get_future().share()] {
+    callback->during = [&, end = ended.get_future().share()] {
+        if (deliveries.notified().empty()) return;  // a result that another one has left
         isTold = true;
         end.wait();
     };
