@@ -1,142 +1,149 @@
-// Damaged files: a client over the socket is served by one camera after another, each with a file
-// that was corrupted in a way of its own. FDSTREAM_HOSTILE_FILES says how many of each kind.
+// What cannot be played, clients that die at any moment, and damaged files: a client is served by
+// one camera after another, each with a file that was corrupted in a way of its own.
+// FDSTREAM_HOSTILE_FILES says how many of each kind.
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <algorithm>
+#include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <random>
+#include <regex>
 #include <string>
 
 #include "host/channel.h"
 #include "support/camera_fixture.h"
 #include "support/clip_writer.h"
-#include "support/run_shell.h"
 
 namespace testing_support {
 
 namespace {
 
-int filesOfEachKind() {
-    const char* const count = getenv("FDSTREAM_HOSTILE_FILES");
-    return count == nullptr ? 20 : std::stoi(count);
-}
-
-double processorSeconds() {
-    timespec time = {};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
+constexpr std::pair<const char*, const char*> kKinds[] = {
+    {"mp4", "mpeg4"}, {"matroska", "mjpeg"}, {"avi", "mpeg4"}};
 
 /** Bytes changed, cut out, doubled or cut off: most of it near the beginning, where sizes are. */
 std::string corrupted(std::string bytes, unsigned seed) {
     std::minstd_rand random(seed * 2654435761U + 1);
     const auto below = [&](size_t limit) { return random() / 7 % limit; };
-    const auto place = [&] {
-        return below(below(3) == 0 ? std::min<size_t>(bytes.size(), 1024) : bytes.size());
-    };
     for (size_t left = 1 + below(12); left > 0 && bytes.size() > 64; --left) {
-        switch (below(8)) {
-            case 0:
-                bytes.erase(place(), 1 + below(200));
-                break;
-            case 1:
-                bytes.insert(place(), bytes.substr(place(), 1 + below(200)));
-                break;
-            case 2:
-                bytes.resize(bytes.size() / 2 + below(bytes.size() / 2));
-                break;
-            case 3:
-                bytes.replace(place(), 4, std::string(4, below(2) == 0 ? '\xFF' : '\x7F'));
-                break;
-            default:
-                bytes[place()] = static_cast<char>(random() >> 8);
-        }
+        const size_t most = below(3) == 0 ? std::min<size_t>(bytes.size(), 1024) : bytes.size();
+        const size_t place = below(most);
+        const size_t kind = below(8);
+        if (kind == 0) bytes.erase(place, 1 + below(200));
+        if (kind == 1) bytes.insert(place, bytes.substr(below(most), 1 + below(200)));
+        if (kind == 2) bytes.resize(bytes.size() / 2 + below(bytes.size() / 2));
+        if (kind == 3) bytes.replace(place, 4, std::string(4, below(2) == 0 ? '\xFF' : '\x7F'));
+        if (kind > 3) bytes[place] = static_cast<char>(random() >> 8);
     }
     return bytes;
 }
 
-/** Of a picture that changes, so that there is something to be coded. */
-std::vector<ClipFrame> changing() {
-    std::vector<ClipFrame> frames(12);
-    for (int i = 0; i < 12; ++i)
-        frames[static_cast<size_t>(i)] = {{96, 80}, 40 + 15 * i};
-    return frames;
-}
+using CameraHostileTest = CameraFixture;
+using CameraToolTest = CameraFixture;
 
 }  // namespace
 
-class CameraHostileTest : public CameraFixture {
-protected:
-    CameraHostileTest() {
-        for (const auto& [container, encoder] : kKinds)
-            writeClip(folder / container, container, encoder, changing());
-    }
-    std::string clip(const std::string& container) const {
-        std::ifstream file(folder / container, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    std::string corruptedAt(const std::string& container, unsigned seed) const {
-        std::string path = folder / "hostile";
-        std::ofstream(path, std::ios::binary) << corrupted(clip(container), seed);
-        return path;
-    }
-
-    static constexpr std::pair<const char*, const char*> kKinds[] = {
-        {"mp4", "mpeg4"}, {"matroska", "mjpeg"}, {"avi", "mpeg4"}};
-};
-
 TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
     // Takes a few seconds: each file is opened, and played for up to a second if it can be.
-    std::string problem;
-    const auto server = host::Server::listen(folder / "socket", client, problem);
-    ASSERT_NE(server, nullptr) << problem;
-    connect(folder / "socket");
+    const char* const files = getenv("FDSTREAM_HOSTILE_FILES");
+    const int filesOfEachKind = files == nullptr ? 20 : std::stoi(files);
     int played = 0;
     for (const auto& [container, encoder] : kKinds) {
-        for (int seed = 0; seed < filesOfEachKind(); ++seed) {
+        // Of a picture that changes, so that there is something to be coded.
+        writeClip(folder / "whole", container, encoder, {96, 80},
+                  {40, 55, 70, 85, 100, 115, 130, 145, 160, 175, 190, 205});
+        for (int seed = 0; seed < filesOfEachKind; ++seed) {
             SCOPED_TRACE(container + std::to_string(seed));
-            corruptedAt(container, static_cast<unsigned>(seed));
-            camera::SourceOptions options = sourceOf("hostile");
+            std::ofstream(folder / "hostile", std::ios::binary)
+                << corrupted(contentOf(folder / "whole"), static_cast<unsigned>(seed));
+            camera::SourceOptions options = sourceOf("hostile", 1000);
             options.decodingThreads = 1;
             if (!play(options).empty()) continue;
             ++played;
-            const double begin = processorSeconds();
+            const std::clock_t end = std::clock() + CLOCKS_PER_SEC;  // of the processor's time
             // What breaks down gets errors at the frames' pace.
-            for (int frame = 0; frame < 30 && processorSeconds() - begin < 1; ++frame)
-                if (!askFor().isFilled) break;
+            for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
+                if (askFor() == kError) break;
             source.reset();
             configureAnew();
         }
+        // After all of them a whole file plays.
+        ASSERT_EQ(play(sourceOf("whole")), "");
+        EXPECT_NEAR(askFor(), 40, 20);
     }
     EXPECT_GT(played, 0);
-    // After all of them a whole file plays.
-    ASSERT_EQ(play(sourceOf("mp4")), "");
-    EXPECT_TRUE(askFor().isFilled);
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
 }
 
-TEST_F(CameraHostileTest, LeavesTheProgramWithASentenceOrServing) {
-    // Takes a second or two: a process for each.
-    for (unsigned seed = 0; seed < 20; ++seed) {
-        const auto& [container, encoder] = kKinds[seed % 3];
-        const auto tool = startShell("exec " PROVIDER_TOOL " --fps 0 --socket " + folder / "tool" +
-                                     " --input " + corruptedAt(container, seed));
-        const std::string line = tool->nextLine(kPatience).value_or("");
-        const bool serves = line.rfind("listening on", 0) == 0;
-        if (serves) {
-            runShell("exec " CLIENT_TOOL " --frames 10 --size 64x48 --socket " + folder / "tool");
-            tool->signal(SIGTERM);
-        } else {
-            EXPECT_NE(line.find("cannot be played: "), std::string::npos) << line;
-        }
-        EXPECT_EQ(tool->exitCode(kPatience), serves ? 0 : 2) << container << seed;
+TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
+    std::ofstream(folder / "text.mp4") << "no video\n";
+    std::ofstream(folder / "raw.yuv") << "no frame\n";
+    expectRuns(
+        "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
+        {{"--input nix.mp4", 2, "nix.mp4 cannot be played: No such file or directory"},
+         {"--input .", 2, ". cannot be played: Is a directory"},
+         {"--input text.mp4", 2, "text.mp4 cannot be played: it is no video that FFmpeg knows"},
+         {"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
+         {"--input text.mp4 --format nix", 2, "FFmpeg has no format \"nix\" here"},
+         {"--input sine --format lavfi", 2, "it has no pictures"},
+         {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
+         {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
+         {"--once", 2, "are for what is no raw clip"},
+         {"--input raw.yuv --format nv12", 2, "needs --size"},
+         {"--input text.mp4 --size 4x4", 2, "--size is for --format nv12"},
+         {"--input text.mp4 --camera 4x4", 2, "--camera is for a webcam"},
+         {"--input /dev/video0 --camera 4", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
+}
+
+TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
+    // Takes a few seconds: clients are processes, and are killed while frames are on their way.
+    const std::string socket = folder / "socket";
+    const auto provider =
+        startShell("exec " PROVIDER_TOOL
+                   " --flipped --format lavfi --input testsrc2=s=320x240:r=50 --socket " +
+                   socket);
+    EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
+    const std::string tool = "exec " CLIENT_TOOL " --size 160x120 --socket " + socket;
+    for (int i = 0; i < 4; ++i) {
+        const Output next = runShell(tool + " --frames 25");
+        EXPECT_EQ(next.exitCode, 0) << next.text;
+        const auto killed = startShell(tool + " --frames 0");
+        EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
+        killed->signal(SIGKILL);
     }
+    // One that answers no notification does not keep it from ending.
+    std::atomic<bool> isTold{false};
+    std::promise<void> ended;
+    callback->during = [&, end = ended.get_future().share()] {
+        if (deliveries.notified().empty()) return;  // a result that another one has left
+        isTold = true;
+        end.wait();
+    };
+    std::string problem;
+    const auto silent = host::connect<IFDSession>(socket, problem);
+    EXPECT_TRUE(silent->setCallback(callback).isOk());
+    EXPECT_TRUE(silent->configure(configurationOf(0, 160, 120)).isOk());
+    const host::Buffer frame = allocate(160, 120);
+    EXPECT_TRUE(silent->processCaptureRequest(requestFor(1, 1, frame.handle())).isOk());
+    EXPECT_TRUE(eventually([&] { return isTold.load(); }));
+    provider->signal(SIGTERM);
+    const std::string said = provider->rest(kPatience);
+    EXPECT_EQ(provider->exitCode(kPatience), 0);
+    ended.set_value();
+    EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
+    EXPECT_FALSE(matches(said, "notify[^\n]*no answer within")) << said;
+    const std::regex failed("notify");
+    // The announcements that were under way, and no more.
+    EXPECT_LE(std::distance(std::sregex_iterator(said.begin(), said.end(), failed), {}), 5 * 3);
 }
 
 }  // namespace testing_support

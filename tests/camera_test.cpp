@@ -2,17 +2,17 @@
 // happens when there are none.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <sys/stat.h>
 
 #include <chrono>
+#include <fstream>
 #include <future>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "support/camera_fixture.h"
 #include "support/clip_writer.h"
 #include "support/interposed.h"
+#include "view/announcements.h"
 #include "view/pace.h"
 
 namespace testing_support {
@@ -20,192 +20,196 @@ namespace testing_support {
 namespace {
 
 using camera::FrameSize;
+using std::chrono::steady_clock;
 
-constexpr FrameSize kSize = {64, 48};
-constexpr double kUnpaced = 0;
-
-std::vector<ClipFrame> greys(const std::vector<int>& lumas) {
-    std::vector<ClipFrame> frames;
-    frames.reserve(lumas.size());
-    for (const int luma : lumas)
-        frames.push_back({kSize, luma});
-    return frames;
-}
-
+/** With a FIFO for raw pictures, each of one grey. */
 class CameraTest : public CameraFixture {
 protected:
-    /** Its first frame is there from the beginning. */
-    std::string playFifo(RawFifo& fifo) {
-        std::thread writer([&] {
-            fifo.open();
-            fifo.write(1);
-        });
-        const std::string problem = play(sourceOf("fifo", 1000));
-        writer.join();
-        return problem;
+    CameraTest() { EXPECT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0); }
+
+    camera::SourceOptions fifo() const {
+        camera::SourceOptions options = sourceOf("fifo", 1000);
+        options.format = "nv12";
+        options.size = kSize;
+        return options;
     }
+    /** For reading, too, so that it does not wait for the camera. */
+    void open() { mFifo.open(folder / "fifo", std::ios::in | std::ios::out); }
+    void close() { mFifo.close(); }
+    void write(int luma, size_t bytes = 64 * 48 * 3 / 2) {
+        mFifo << std::string(bytes, static_cast<char>(luma)) << std::flush;
+        EXPECT_TRUE(mFifo.good());
+    }
+    /** Its first picture is dropped. */
+    void playFifo() {
+        open();
+        write(1);
+        ASSERT_EQ(play(fifo()), "");
+        waitForDropped(1);
+    }
+    void waitForDropped(uint64_t frames) const {
+        EXPECT_TRUE(eventually([&] { return source->status().dropped == frames; }));
+    }
+    void waitUntilAllAreTaken() const {
+        EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
+    }
+
+private:
+    std::fstream mFifo;
 };
 
 }  // namespace
 
 TEST_F(CameraTest, PlaysEachFrameAndBeginsAgain) {
     for (const char* const container : {"mp4", "matroska", "avi"}) {
-        writeClip(folder / "clip", container, "mpeg4", greys({50, 100, 150, 200}));
+        writeClip(folder / "clip", container, "mpeg4", kSize, {50, 100, 150, 200});
         ASSERT_EQ(play(sourceOf("clip")), "") << container;
-        for (const int luma : {50, 100, 150, 200, 50, 100, 150, 200, 50}) {
-            const Answer got = askFor();
-            EXPECT_TRUE(got.isFilled);
-            EXPECT_NEAR(got.luma, luma, 3) << container << " answer " << got.number;
-        }
+        EXPECT_EQ(source->description(), "64x48 at 25 frames a second, mpeg4");
+        for (const int luma : {50, 100, 150, 200, 50, 100, 150, 200, 50})
+            EXPECT_NEAR(askFor(), luma, 3) << container;
         EXPECT_EQ(source->status().dropped, 0U);
     }
 }
 
-TEST_F(CameraTest, AnnouncesEachFrameWithItsView) {
-    writeClip(folder / "clip", "matroska", "ffv1", {{{128, 64}, 50}, {{128, 64}, 60}});
-    ASSERT_EQ(play(sourceOf("clip")), "");
+TEST_F(CameraTest, AnnouncesEachFrameWithItsViewBeforeItsResult) {
+    // Of another size midway.
+    for (const FrameSize size : {FrameSize{128, 64}, {128, 64}, {32, 80}}) {
+        writeClip(folder / "one", "mjpeg", "mjpeg", size, {100});
+        std::ofstream(folder / "clip.mjpeg", std::ios::app) << contentOf(folder / "one");
+    }
+    ASSERT_EQ(play(sourceOf("clip.mjpeg")), "");
     SceneControl ptz = {};
     ptz.crops.resize(1);
     ptz.crops[0] = {32, 16, 64, 16};
     ptz.frameWidth = 64;
     ptz.frameHeight = 32;
     askFor();
-    lookForAnswersWhenTold();
     session->setPTZControl(ptz);
-    const Answer got = askFor();
-    ASSERT_EQ(got.told.size(), 3U);
-    EXPECT_EQ(got.told[0].type, FDNotifyType::SHUTTER);
-    for (const FDNotifyMsg& msg : got.told)
-        EXPECT_EQ(msg.frameNumber, got.number);
-    const auto age = std::chrono::steady_clock::now().time_since_epoch() -
-                     std::chrono::nanoseconds(got.told[0].value);
+    atNextCall([this] { session->sendCaptureResult(resultFor(requestFor(77, 1))); });
+    ask();
+    EXPECT_EQ(deliveries.waitFor(3)[1].result.frameNumber, 77U) << "told after its result";
+    ask();
+    answer(3);
+    const std::vector<FDNotifyMsg> told = deliveries.notified();
+    ASSERT_EQ(told.size(), 9U);  // three for each frame
+    EXPECT_EQ(told[3].type, FDNotifyType::SHUTTER);
+    for (size_t i = 0; i < 9; ++i)
+        EXPECT_EQ(told[i].frameNumber, i / 3 + 1);
+    const auto age =
+        steady_clock::now().time_since_epoch() - std::chrono::nanoseconds(told[3].value);
     EXPECT_TRUE(age > age.zero() && age < std::chrono::seconds(20));
-    EXPECT_EQ(got.told[1].type, camera::kViewAnnounced);
+    EXPECT_EQ(told[4].type, camera::kViewAnnounced);
     // 64, 32, 64 x 32 in the picture, grown to 4:3 and moved inside.
-    EXPECT_EQ(camera::viewIn(got.told[1]), (camera::Rect{64, 16, 64, 48}));
-    EXPECT_EQ(camera::pictureIn(got.told[2]).size.width, 128);
-    EXPECT_FALSE(camera::pictureIn(got.told[2]).isTurned);
+    EXPECT_EQ(camera::viewIn(told[4]), (camera::Rect{64, 16, 64, 48}));
+    EXPECT_EQ(camera::pictureIn(told[5]).size.width, 128);
+    EXPECT_FALSE(camera::pictureIn(told[5]).isTurned);
+    EXPECT_EQ(camera::pictureIn(told[8]).size.height, 80);
 
     source->clientWent();
-    EXPECT_TRUE(askFor().told.empty());
-}
-
-TEST_F(CameraTest, TakesAnotherSizeMidway) {
-    writeClip(folder / "clip.mjpeg", "mjpeg", "mjpeg",
-              {{{64, 48}, 100}, {{32, 80}, 150}, {{200, 40}, 200}});
-    ASSERT_EQ(play(sourceOf("clip.mjpeg")), "");
-    for (const FrameSize size : {FrameSize{64, 48}, FrameSize{32, 80}, FrameSize{200, 40}}) {
-        const Answer got = askFor();
-        ASSERT_EQ(got.told.size(), 3U);
-        EXPECT_EQ(camera::pictureIn(got.told[2]).size.width, size.width);
-        EXPECT_EQ(camera::pictureIn(got.told[2]).size.height, size.height);
-    }
+    ask();
+    answer(4);
+    EXPECT_EQ(deliveries.notified().size(), 9U);
 }
 
 TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
-    RawFifo fifo(folder / "fifo");
-    ASSERT_EQ(playFifo(fifo), "");
-    EXPECT_TRUE(eventually([&] { return source->status().dropped == 1; }));
+    playFifo();
     WallClock clock;
     for (int i = 0; i < 3; ++i)
         ask();
-    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
+    waitUntilAllAreTaken();
     clock.stepBy(5000000);
     drivePass();
-    fifo.write(10);
-    EXPECT_EQ(answer(0).luma, 10);  // one for each frame, the oldest first
-    fifo.write(20);
-    EXPECT_EQ(answer(1).luma, 20);
+    write(10);
+    EXPECT_EQ(answer(0), 10);  // one for each frame, the oldest first
+    write(20);
+    EXPECT_EQ(answer(1), 20);
 
     configureAnew();  // the third has a buffer that is no more
     ask();
-    fifo.write(30);
-    EXPECT_FALSE(answer(2).isFilled);
-    EXPECT_TRUE(answer(3).isFilled);
-    EXPECT_EQ(answer(3).luma, 30);
+    write(30);
+    EXPECT_EQ(answer(2), kError);
+    EXPECT_EQ(answer(3), 30);
 
     ask();
-    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
+    waitUntilAllAreTaken();
     source->clientWent();
-    EXPECT_FALSE(answer(4).isFilled);
+    EXPECT_EQ(answer(4), kError);
     EXPECT_FALSE(source->status().isBroken);  // which would be another reason
-    fifo.write(40);
-    EXPECT_TRUE(eventually([&] { return source->status().dropped == 2; }));
+    write(40);
+    waitForDropped(2);
 
-    for (int i = 0; i < 32; ++i)
+    source->clientCame();
+    for (int i = 0; i < 33; ++i)
         ask();
-    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
-    ask();  // one more waits with the session, however often the camera looks
-    for (int i = 0; i < 20; ++i) {
-        usleep(2000);
-        EXPECT_TRUE(session->isCaptureRequestReady());
-    }
+    bool isOneLeft = false;  // with the session, when the camera has looked once more
+    atNextCall([&] { isOneLeft = session->isCaptureRequestReady(); });
+    write(50);
+    EXPECT_EQ(answer(5), 50);
+    EXPECT_TRUE(isOneLeft);
 }
 
 TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSource) {
     // Takes three seconds: two until a stalled pipe is taken for one, one until the next try.
-    RawFifo fifo(folder / "fifo");
-    ASSERT_EQ(playFifo(fifo), "");
-    EXPECT_TRUE(eventually([&] { return source->status().dropped == 1; }));
-    fifo.write(2, 1000);  // stalls midway
+    playFifo();
+    write(2, 1000);  // stalls midway
     ask();
-    const Answer first = answer(0);
-    EXPECT_FALSE(first.isFilled);
-    ASSERT_EQ(first.told.size(), 1U);
-    EXPECT_EQ(first.told[0].type, FDNotifyType::ERROR);
-    EXPECT_EQ(first.told[0].frameNumber, 0U);
-    EXPECT_TRUE(askFor().told.empty());
+    EXPECT_EQ(answer(0), kError);
+    EXPECT_EQ(askFor(), kError);
+    ASSERT_EQ(deliveries.notified().size(), 1U);
+    EXPECT_EQ(deliveries.notified()[0].type, FDNotifyType::ERROR);
+    EXPECT_EQ(deliveries.notified()[0].frameNumber, 0U);
     EXPECT_EQ(saidSoFar(), "nothing came for 2 s\n");
-    fifo.write(2, 64 * 48 * 3 / 2 - 1000);  // and goes on where it was
-    EXPECT_TRUE(eventually([&] { return source->status().dropped == 2; }));
+    write(2, 64 * 48 * 3 / 2 - 1000);  // and goes on where it was
+    waitForDropped(2);
 
-    fifo.close();
+    close();
     EXPECT_TRUE(eventually([&] { return source->status().isBroken; }));
-    EXPECT_FALSE(askFor().isFilled);
+    EXPECT_EQ(askFor(), kError);
     EXPECT_EQ(saidSoFar(), "nothing came for 2 s\nit is over\n");
-    fifo.open();
-    fifo.write(3);
+    open();
+    write(3);
     EXPECT_TRUE(eventually([&] { return !source->status().isBroken; }));
 }
 
 TEST_F(CameraTest, EndsTheStreamOnceOnly) {
     // Takes over a second, after which a source that was lost would be tried anew.
-    writeClip(folder / "clip", "mp4", "mpeg4", greys({50, 60}));
-    camera::SourceOptions options = sourceOf("clip", kUnpaced);
+    writeClip(folder / "clip", "mp4", "mpeg4", kSize, {50, 60});
+    camera::SourceOptions options = sourceOf("clip");
     options.once = true;
     ASSERT_EQ(play(options), "");
-    EXPECT_TRUE(askFor().isFilled);
-    EXPECT_TRUE(askFor().isFilled);
-    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_NEAR(askFor(), 50, 3);
+    EXPECT_NEAR(askFor(), 60, 3);
+    const auto begin = steady_clock::now();
     for (int i = 0; i < 30; ++i)
-        EXPECT_FALSE(askFor().isFilled);
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1100));
+        EXPECT_EQ(askFor(), kError);
+    EXPECT_GE(steady_clock::now() - begin, std::chrono::milliseconds(1100));
     EXPECT_EQ(saidSoFar(), "it is over\n");
 }
 
 TEST_F(CameraTest, PlaysOnWithoutAnybodyAndShowsAStillPicture) {
-    writeClip(folder / "still.jpg", "image2pipe", "mjpeg", greys({120}));
+    writeClip(folder / "still.jpg", "image2pipe", "mjpeg", kSize, {120});
     camera::SourceOptions options = sourceOf("still.jpg");
     options.fps.reset();
     ASSERT_EQ(play(options), "");
     EXPECT_TRUE(eventually([&] { return source->status().dropped >= 3; }));
-    EXPECT_NEAR(askFor().luma, 120, 2);
+    EXPECT_NEAR(askFor(), 120, 2);
     EXPECT_EQ(source->status().rate, 25);
 }
 
 TEST_F(CameraTest, GivesUpWhateverItWaitsFor) {
-    RawFifo silent(folder / "fifo");
-    make(sourceOf("fifo"));
-    auto opening = std::async(std::launch::async, [&] { return start(); });
-    source->giveUp();
-    EXPECT_EQ(opening.get(), "it was stopped");
+    camera::Camera silent(session, fifo(), [](const std::string&) {});  // nobody writes
+    std::string problem;
+    auto opening = std::async(std::launch::async, [&] { return silent.start(problem); });
+    silent.giveUp();
+    EXPECT_FALSE(opening.get());
+    EXPECT_EQ(problem, "it was stopped");
 
-    ASSERT_EQ(playFifo(silent), "");
+    playFifo();
     ask();
-    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
-    const auto begin = std::chrono::steady_clock::now();
+    waitUntilAllAreTaken();
+    const auto begin = steady_clock::now();
     source->end();  // in a read that waits for the pipe
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
     answer(0);
 }
 

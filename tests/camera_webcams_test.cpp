@@ -1,4 +1,4 @@
-// Webcams, made up: two files in whose place the kernel's answers are the test's.
+// Webcams, made up: files in whose place the kernel's answers are the test's.
 
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "source/source_options.h"
 #include "source/webcams.h"
@@ -23,100 +24,71 @@ namespace {
 
 std::atomic<bool> areWebcams{false};
 
-struct Mode {
-    uint32_t format, width, height, rate;
-};
-/** What a camera lists, in its order; the second one names ranges. */
-constexpr Mode kModes[] = {{V4L2_PIX_FMT_YUYV, 640, 480, 30},
-                           {V4L2_PIX_FMT_YUYV, 1920, 1080, 5},
-                           {V4L2_PIX_FMT_MJPEG, 1280, 720, 30},
-                           {V4L2_PIX_FMT_MJPEG, 2560, 1440, 30},
-                           {V4L2_PIX_FMT_SRGGB8, 1920, 1080, 60}};
-constexpr uint32_t kFormats[] = {V4L2_PIX_FMT_YUYV, V4L2_PIX_FMT_MJPEG, V4L2_PIX_FMT_SRGGB8};
-
-int refuse() {
-    errno = EINVAL;
-    return -1;
-}
-
-int listSize(v4l2_frmsizeenum& entry, bool hasRanges) {
-    if (hasRanges && entry.index == 0) {
-        entry.type = V4L2_FRMSIZE_TYPE_STEPWISE;
-        entry.stepwise = {32, 4096, 2, 32, 4096, 2};
-        return 0;
-    }
-    uint32_t index = 0;
-    for (const Mode& mode : kModes) {
-        if (hasRanges || mode.format != entry.pixel_format || index++ != entry.index) continue;
-        entry.type = V4L2_FRMSIZE_TYPE_DISCRETE;
-        entry.discrete = {mode.width, mode.height};
-        return 0;
-    }
-    return refuse();
-}
-
-int listRate(v4l2_frmivalenum& entry) {
-    for (const Mode& mode : kModes) {
-        if (entry.index > 0 || mode.format != entry.pixel_format || mode.width != entry.width)
-            continue;
-        entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-        entry.discrete = {1, mode.rate};
-        return 0;
-    }
-    return refuse();
-}
-
 /** By the first letter of the file: a webcam, one with ranges, or something else. */
-int answer(char kind, unsigned long request, void* argument) {
+bool answer(char kind, unsigned long request, void* argument) {
+    const bool hasRanges = kind == 'r';
     if (request == VIDIOC_QUERYCAP) {
         auto& capability = *static_cast<v4l2_capability*>(argument);
-        strcpy(reinterpret_cast<char*>(capability.card), kind == 'r' ? "Ranges" : "Lists");
+        strcpy(reinterpret_cast<char*>(capability.card), hasRanges ? "Ranges" : "Lists");
         capability.capabilities = V4L2_CAP_DEVICE_CAPS | V4L2_CAP_VIDEO_CAPTURE;
         capability.device_caps = kind == 'm' ? V4L2_CAP_META_CAPTURE : V4L2_CAP_VIDEO_CAPTURE;
-        return 0;
+        return true;
     }
     if (request == VIDIOC_ENUM_FMT) {
-        auto& format = *static_cast<v4l2_fmtdesc*>(argument);
-        if (format.index >= (kind == 'r' ? 1 : 3)) return refuse();
-        format.pixelformat = kFormats[format.index];
-        return 0;
+        auto& entry = *static_cast<v4l2_fmtdesc*>(argument);
+        entry.pixelformat = entry.index == 0 ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_SRGGB8;
+        return entry.index < (hasRanges ? 1 : 2);
     }
-    if (request == VIDIOC_ENUM_FRAMESIZES)
-        return listSize(*static_cast<v4l2_frmsizeenum*>(argument), kind == 'r');
-    return request == VIDIOC_ENUM_FRAMEINTERVALS
-               ? listRate(*static_cast<v4l2_frmivalenum*>(argument))
-               : refuse();
+    if (request == VIDIOC_ENUM_FRAMESIZES) {
+        auto& entry = *static_cast<v4l2_frmsizeenum*>(argument);
+        entry.type = hasRanges ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_DISCRETE;
+        entry.discrete = {640U << entry.index, 480};
+        if (hasRanges) entry.stepwise = {32, 4096, 2, 32, 4096, 2};
+        return entry.index < (hasRanges ? 1 : 2);
+    }
+    auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
+    entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+    entry.discrete = {1, 30U >> entry.index};
+    return request == VIDIOC_ENUM_FRAMEINTERVALS && entry.index < 640 / entry.width + 1;
 }
 
 }  // namespace
 
-TEST(WebcamsTest, AreListedAndTheLargestFastModeIsChosen) {
+TEST(WebcamsTest, AreListedWithTheirModes) {
     const kit::TemporaryFolder folder;
-    for (const char* const file : {"list video2", "range video10", "meta video3", "none vide1"}) {
-        const char* const name = strchr(file, ' ') + 1;
-        std::ofstream(folder / name) << file;
-    }
+    for (const std::string file : {"list video2", "range video10", "meta video3", "none vide1"})
+        std::ofstream(folder / file.substr(file.find(' ') + 1)) << file;
     areWebcams = true;
     const std::vector<camera::Webcam> found = camera::webcams(folder.path());
     areWebcams = false;
     ASSERT_EQ(found.size(), 2U);
     EXPECT_EQ(inWords(found[0]), folder / "video2" +
                                      ": Lists\n"
-                                     "  640x480 yuyv422 at 30 frames a second\n"
-                                     "  1920x1080 yuyv422 at 5 frames a second\n"
-                                     "  1280x720 mjpeg at 30 frames a second\n"
-                                     "  2560x1440 mjpeg at 30 frames a second\n"
-                                     "  1920x1080 RGGB at 60 frames a second\n");
+                                     "  640x480 yuyv422 at 30, 15 frames a second\n"
+                                     "  1280x480 yuyv422 at 30 frames a second\n"
+                                     "  640x480 RGGB at 30, 15 frames a second\n"
+                                     "  1280x480 RGGB at 30 frames a second\n");
     EXPECT_EQ(inWords(found[1]), folder / "video10" +
                                      ": Ranges\n"
-                                     "  1920x1080 yuyv422 at 5 frames a second\n"
-                                     "  4096x4096 yuyv422\n");
-    const camera::CameraMode mode = bestModeOf(found[0]);
-    EXPECT_EQ(mode.size->width, 1280);
-    EXPECT_EQ(mode.format, "mjpeg");
-    EXPECT_EQ(mode.rate, 30);
-    EXPECT_EQ(bestModeOf(found[1]).size->width, 1920);
-    EXPECT_FALSE(bestModeOf(camera::Webcam()).size);
+                                     "  1920x1080 yuyv422 at 30 frames a second\n"
+                                     "  4096x4096 yuyv422 at 30 frames a second\n");
+}
+
+TEST(WebcamsTest, HaveTheLargestFastModeChosen) {
+    std::vector<camera::WebcamMode> modes = {{"RGGB", {1920, 1080}, {60}, false},
+                                             {"mjpeg", {2560, 1440}, {30}, true},
+                                             {"yuyv422", {1920, 1080}, {5}, true},
+                                             {"yuyv422", {640, 480}, {30}, true},
+                                             {"mjpeg", {1280, 720}, {15, 30}, true}};
+    // One after the other is taken away.
+    for (const int width : {1280, 640, 1920, 2560}) {
+        const camera::CameraMode best = bestModeOf(camera::Webcam{"", "", modes});
+        EXPECT_EQ(best.size->width, width);
+        EXPECT_EQ(best.format, modes.back().format);
+        EXPECT_EQ(best.rate, modes.back().rates.back());
+        modes.pop_back();
+    }
+    EXPECT_FALSE(bestModeOf(camera::Webcam{"", "", modes}).size);
 }
 
 TEST(WebcamsTest, AreAskedForModesThatAreOnes) {
@@ -140,7 +112,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
     void* const argument = va_arg(rest, void*);
     va_end(rest);
     char kind = 0;
-    if (testing_support::areWebcams && pread(fd, &kind, 1, 0) == 1)
-        return testing_support::answer(kind, request, argument);
-    return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+    if (!testing_support::areWebcams || pread(fd, &kind, 1, 0) != 1)
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+    errno = EINVAL;
+    return testing_support::answer(kind, request, argument) ? 0 : -1;
 }

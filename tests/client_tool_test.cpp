@@ -1,15 +1,18 @@
-// The client program's way from its start to its end, whatever its provider and others do.
+// The client program's way from its start to its end, whatever its provider and others do, and what
+// a provider says of its clients.
 
 #include <android/log.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/types.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <future>
 #include <string>
 
+#include "client_watch.h"
 #include "host/channel.h"
 #include "support/client_tool_fixture.h"
 
@@ -41,7 +44,10 @@ TEST_F(ClientToolTest, LeavesNoErrorBehindAtACleanEnd) {
 }
 
 TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThere) {
-    after(3, [this] { server.reset(); });
+    after(3, [this] {
+        EXPECT_TRUE(eventually([this] { return !read("raw.part").empty(); }));
+        server.reset();
+    });
     EXPECT_EQ(run("--frames 100 --raw raw"), 3);
     EXPECT_TRUE(has(read("err"), "the provider is gone")) << read("err");
     EXPECT_TRUE(exists("raw.part") && !exists("raw"));
@@ -56,31 +62,27 @@ TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThere) {
 }
 
 TEST_F(ClientToolTest, EndsWhenAnotherClientTakesTheSession) {
-    sp<IFDSession> other;
-    std::string first;
-    after(9, [&] {
-        first = std::to_string(tool);
-        std::string problem;
-        other = host::connect<IFDSession>(folder / "socket", problem);
-        ASSERT_NE(other, nullptr) << problem;
-        EXPECT_TRUE(other->setCallback(callback).isOk());
-    });
-    EXPECT_EQ(run("--frames 0"), 4);
-    EXPECT_TRUE(has(read("err"), "another client has taken the session over")) << read("err");
-    ASSERT_NE(other, nullptr);
-
-    const std::string me = std::to_string(getpid());
-    // What was asked for in vain hangs on the moment, a request under way included.
-    const std::string lines = "^client " + first + " came\nclient " + me + " came\nclient " + me +
-                              " took the session over from client " + first +
-                              "\n(([1-4] requests?|a request) of client " + first +
-                              " waits? for nobody: (its callback was replaced|client " + me +
-                              " has the session)\n)?client " + first + " went\n$";
-    EXPECT_TRUE(eventually([&] { return has(saidSoFar(), "client " + first + " went"); }));
-    EXPECT_TRUE(matches(saidSoFar(), lines)) << saidSoFar();
+    const std::string socket = folder / "of-a-program";
+    const auto provider = startShell("exec " PROVIDER_TOOL " --socket " + socket);
+    EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
+    const auto first = startShell("exec " CLIENT_TOOL " --frames 0 --socket " + socket);
+    EXPECT_NE(first->nextLine(kPatience).value_or(""), "");  // some frames
+    std::string problem;
+    auto other = host::connect<IFDSession>(socket, problem);
+    EXPECT_TRUE(other->setCallback(callback).isOk());
+    EXPECT_TRUE(has(first->rest(kPatience), "another client has taken the session over"));
+    EXPECT_EQ(first->exitCode(kPatience), 4);
 
     EXPECT_TRUE(other->setCallback(nullptr).isOk());
-    EXPECT_TRUE(eventually([&] { return callback->getStrongCount() == 1; }));
+    provider->signal(SIGTERM);
+    const std::string it = "client " + std::to_string(first->id());
+    const std::string me = "client " + std::to_string(getpid());
+    const std::string said = provider->rest(kPatience);
+    // What is said between them hangs on the moment: the first may go before the other's call ends.
+    EXPECT_TRUE(matches(said, "^" + it + " came\n" + me + " came\n(" + me +
+                                  " took the session over from " + it + "\n)?(.* of " + it +
+                                  " waits? for nobody: .*\n)?" + it + " went\n"))
+        << said;
 }
 
 TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
@@ -112,6 +114,41 @@ TEST_F(ClientToolTest, SaysThatTooManyInFlightOutliveTheirSecond) {
     });
     EXPECT_EQ(run("--frames 13 --buffers 13"), 1);
     EXPECT_TRUE(matches(read("err"), "outlived the second.*--buffers [1-9]\n")) << read("err");
+}
+
+TEST(ClientWatchTest, SaysOnceForAClientThatItsRequestsWaitForNobody) {
+    std::string said;
+    tools::ClientWatch watch([&](const std::string& line) { said += line + "\n"; });
+    const auto ask = [&](pid_t client, uint64_t id, bool accepted) {
+        watch.asks(client, id);
+        watch.asked(client, id, accepted);
+    };
+    for (const pid_t client : {1, 2, 1})
+        watch.came(client);
+    watch.callbackSet(1, true);
+    ask(1, 7, true);
+    ask(1, 8, true);
+    ask(1, 9, false);
+    watch.answered(7);
+    watch.answered(9);
+    watch.callbackSet(2, true);
+    ask(1, 10, true);  // said already
+    watch.configured();
+    watch.callbackSet(1, true);
+    ask(2, 11, false);
+    ask(2, 11, true);
+    ask(2, 12, true);
+    watch.callbackSet(2, false);
+    for (const pid_t client : {1, 1, 2})
+        watch.went(client);
+    EXPECT_EQ(said,
+              "client 1 came\nclient 2 came\n"
+              "client 2 took the session over from client 1\n"
+              "1 request of client 1 waits for nobody: its callback was replaced\n"
+              "client 1 took the session over from client 2\n"
+              "a request of client 2 waits for nobody: client 1 has the session\n"
+              "client 2 took away the callback of client 1\n"
+              "client 1 went\nclient 2 went\n");
 }
 
 }  // namespace testing_support

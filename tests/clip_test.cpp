@@ -1,16 +1,14 @@
 // Raw clips: which files are taken for one, from where, and what a comparison with one says.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
-#include <thread>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "comparison.h"
@@ -22,53 +20,42 @@
 
 namespace testing_support {
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
 using kit::kFrameBytes;
 using kit::turnedBy180;
 using tools::Nv12File;
 
+namespace {
+
 class ClipTest : public testing::Test {
 protected:
+    ClipTest() {
+        write("clip.yuv", "", 2 * kFrameBytes);
+        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    }
+
     /** So many bytes, of which the first are given. */
-    std::string write(const std::string& name, const std::string& beginning, size_t size) const {
+    void write(const std::string& name, const std::string& beginning, size_t size) const {
         std::string content = beginning;
         for (size_t index = content.size(); index < size; ++index)
             content += static_cast<char>(index % 251);
-        std::string path = folder / name;
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-    std::string read(const fs::path& path) const {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
-    /** Who writes this content into a new pipe. */
-    std::thread makePipe(const std::string& content) const {
-        const std::string pipe = folder / "pipe";
-        EXPECT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-        return std::thread([=] { std::ofstream(pipe, std::ios::binary) << content; });
-    }
-    /** A provider that has printed that it listens. */
-    std::unique_ptr<kit::ChildProcess> startProvider(const std::string& arguments) const {
-        auto shell =
-            startShell("exec " PROVIDER_TOOL " --socket " + folder / "socket" + " " + arguments);
-        EXPECT_EQ(shell->nextLine(kPatience), "listening on " + folder / "socket");
-        return shell;
+        std::ofstream(folder / name, std::ios::binary) << content;
     }
 
     const kit::TemporaryFolder folder;
+    const std::string clip = folder / "clip.yuv";
+    const std::string pipe = folder / "pipe";
+    const std::string listening = "listening on " + folder / "socket";
+    const std::string provider = PROVIDER_TOOL " --socket " + folder / "socket" + " --input ";
+    std::string problem;
 };
 
+}  // namespace
+
 TEST_F(ClipTest, RefusesWhatIsNoWholeNumberOfRawFrames) {
-    const struct {
-        std::string beginning;
-        size_t size;
-        bool partial;
-        std::string problem;  // empty when it is taken
-    } clips[] = {
+    // How it begins, its bytes, whether a part may be left out, and the problem if there is one.
+    const std::vector<std::tuple<std::string, size_t, bool, std::string>> clips = {
         {"", kFrameBytes, false, ""},
-        {"", 2 * kFrameBytes, true, ""},
         {"", kFrameBytes - 1, true, "its 1382399 bytes are less than a frame"},
         {"", kFrameBytes + 1, false, "leaves out the 1 at its end"},
         {"", kFrameBytes + 1, true, ""},
@@ -80,55 +67,23 @@ TEST_F(ClipTest, RefusesWhatIsNoWholeNumberOfRawFrames) {
         {"\x89PNG\r\n\x1A\n"s, 100, false, "seems to be a PNG picture"},
         {"\xFF\xD8\xFF\xE0"s, 100, false, "seems to be a JPEG picture"},
     };
-    for (const auto& clip : clips) {
-        const std::string path = write("it's raw", clip.beginning, clip.size);
-        std::string problem;
-        const auto file = Nv12File::open(path, problem, clip.partial);
-        EXPECT_EQ(file.has_value(), clip.problem.empty()) << clip.problem << problem;
-        EXPECT_NE(problem.find(clip.problem), std::string::npos) << problem;
-        EXPECT_EQ(problem.empty(), clip.problem.empty()) << problem;
-        if (problem.find("seems") == std::string::npos) continue;
-        EXPECT_NE(problem.find("ffmpeg -i '" + folder.path().string() +
-                               "/it'\\''s raw' -f rawvideo -pix_fmt nv12 -s 1280x720 "),
-                  std::string::npos)
-            << problem;
-    }
-}
-
-TEST_F(ClipTest, IsReadFromAPipeToItsEnd) {
-    const std::string content = read(write("clip", "", 2 * kFrameBytes));
-    std::thread writer = makePipe(content);
-    std::string problem;
-    const auto clip = Nv12File::open(folder / "pipe", problem);
-    writer.join();
-    ASSERT_TRUE(clip) << problem;
-    EXPECT_EQ(clip->frameCount(), 2U);
-    EXPECT_EQ(clip->frame(3), kit::Frame(content.begin() + kFrameBytes, content.end()));
-    EXPECT_EQ(read(clip->path()), content);
-
-    for (const bool enough : {true, false}) {
-        int ends[2] = {};
-        ASSERT_EQ(::pipe(ends), 0);
-        ASSERT_EQ(::write(ends[1], content.data(), 1000), 1000);
-        close(ends[1]);
-        const bool kept = tools::spool(ends[0], enough ? 1000 : 999, problem).isValid();
-        EXPECT_EQ(kept, enough);
-        EXPECT_EQ(problem, enough ? "" : "it has more than 999 bytes");
-        close(ends[0]);
+    const std::string inShell = "ffmpeg -i '" + folder.path().string() +
+                                "/it'\\''s raw' -f rawvideo -pix_fmt nv12 -s 1280x720 ";
+    for (const auto& [beginning, size, partial, expected] : clips) {
+        write("it's raw", beginning, size);
+        problem.clear();
+        EXPECT_EQ(Nv12File::open(folder / "it's raw", problem, partial).has_value(),
+                  expected.empty());
+        EXPECT_TRUE(has(problem, expected) && problem.empty() == expected.empty()) << problem;
+        EXPECT_EQ(has(problem, inShell), has(problem, "seems")) << problem;
     }
 }
 
 TEST_F(ClipTest, TellsFramesThatAreOnlyTurned) {
-    const std::string path = write("clip", "", 2 * kFrameBytes);
-    std::string problem;
-    const kit::Frame first = Nv12File::open(path, problem)->frame(0);
+    const kit::Frame first = Nv12File::open(clip, problem)->frame(0);
     kit::Frame other = first;
     other[1] ^= 1;
-    const struct {
-        bool turned;
-        const kit::Frame frame;
-        std::string fault;
-    } cases[] = {
+    const std::vector<std::tuple<bool, kit::Frame, std::string>> cases = {
         {false, first, ""},
         {true, turnedBy180(first), ""},
         {false, turnedBy180(first),
@@ -136,45 +91,46 @@ TEST_F(ClipTest, TellsFramesThatAreOnlyTurned) {
         {true, first, "is none of the file's frames, turned; upright it would be right"},
         {false, other, "is none of the file's frames"},
     };
-    for (const auto& one : cases) {
-        tools::Comparison comparison(*Nv12File::open(path, problem), one.turned);
+    for (const auto& [turned, frame, fault] : cases) {
+        tools::Comparison comparison(*Nv12File::open(clip, problem), turned);
         tools::Answer answer = {};
-        answer.frame = one.frame;
-        EXPECT_EQ(comparison.faultOf(answer, {}), one.fault);
-        if (!one.fault.empty()) continue;
+        answer.frame = frame;
+        EXPECT_EQ(comparison.faultOf(answer, {}), fault);
+        if (!fault.empty()) continue;
         answer.frameNumber = 2;  // the file's first frame again
-        answer.frame = turnedBy180(one.frame);
-        const std::string fault = comparison.faultOf(answer, {});
-        EXPECT_NE(fault.find(one.turned ? "; upright it" : "; turned by 180 degrees it"),
-                  std::string::npos)
-            << fault;
+        answer.frame = turnedBy180(frame);
+        EXPECT_TRUE(has(comparison.faultOf(answer, {}),
+                        turned ? "; upright it" : "; turned by 180 degrees it"));
     }
 }
 
-TEST_F(ClipTest, IsPlayedFromAPipe) {
-    const std::string clip = write("clip", "", 2 * kFrameBytes);
-    std::thread writer = makePipe(read(clip));
-    const auto provider = startProvider("--partial --input - <" + folder / "pipe");
-    writer.join();
-    EXPECT_NE(provider->nextLine(kPatience)->find("standard input is played as NV12"),
-              std::string::npos);
-    const Output output = runShell("exec " CLIENT_TOOL " --frames 3 --socket " + folder / "socket" +
-                                   " --compare " + clip);
-    EXPECT_EQ(output.exitCode, 0) << output.text;
-    provider->signal(SIGTERM);
-    EXPECT_EQ(provider->exitCode(kPatience), 0);
+TEST_F(ClipTest, IsPlayedAndComparedWithFromAPipe) {
+    const std::string filling = "cat " + clip + " >" + pipe;
+    const auto first = startShell(filling);
+    const auto playing = startShell("exec " + provider + "- --partial <" + pipe);
+    EXPECT_EQ(playing->nextLine(kPatience), listening);
+    EXPECT_TRUE(has(*playing->nextLine(kPatience), "standard input is played as NV12"));
+    const auto second = startShell(filling);
+    expectRuns(CLIENT_TOOL " --frames 3 --socket " + folder / "socket",
+               {{"--compare " + pipe, 0, ""}});
+
+    for (const size_t most : {2 * kFrameBytes, 2 * kFrameBytes - 1}) {
+        const host::UniqueFd file(open(clip.c_str(), O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(tools::spool(file.get(), most, problem).isValid(), most == 2 * kFrameBytes);
+    }
+    EXPECT_EQ(problem, "it has more than 2764799 bytes");
 }
 
 TEST_F(ClipTest, EndsTheProviderWhenItIsCutShort) {
-    const std::string clip = write("clip.yuv", "", 2 * kFrameBytes);
-    const auto provider = startProvider("--input " + clip);
-    fs::resize_file(clip, kFrameBytes);
-    EXPECT_EQ(provider->rest(kPatience), clip +
-                                             " is played as NV12 of 1280x720, 2 frames,\n"
-                                             "which a file without a header cannot confirm\n"
-                                             "fdstream-provider: " +
-                                             clip + " has become shorter while it was played\n");
-    EXPECT_EQ(provider->exitCode(kPatience), 1);
+    const auto playing = startShell("exec " + provider + clip);
+    EXPECT_EQ(playing->nextLine(kPatience), listening);
+    std::filesystem::resize_file(clip, kFrameBytes);
+    EXPECT_EQ(playing->rest(kPatience), clip +
+                                            " is played as NV12 of 1280x720, 2 frames,\n"
+                                            "which a file without a header cannot confirm\n"
+                                            "fdstream-provider: " +
+                                            clip + " has become shorter while it was played\n");
+    EXPECT_EQ(playing->exitCode(kPatience), 1);
 }
 
 }  // namespace testing_support

@@ -10,47 +10,68 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include "ZoruUtil.h"
 #include "frame.h"
 #include "host/channel.h"
+#include "support/run_shell.h"
 #include "support/session_fixture.h"
 #include "temporary_folder.h"
 
 namespace testing_support {
 
-bool has(const std::string& text, const std::string& part);
-
-/** Whether an extended regular expression is found in the text. */
-bool matches(const std::string& text, const std::string& expression);
-
-std::string contentOf(const std::string& path);
-
-/**
- * A client program, against a provider in this process that follows its clients as the provider
- * program does.
- */
+/** A client program, against a provider in this process. */
 class ClientToolFixture : public SessionFixture {
 protected:
-    ClientToolFixture();
-    ~ClientToolFixture() override;
+    ClientToolFixture() {
+        listen();
+        mProvider = std::thread([this] {
+            while (!mEnd) {
+                if (!provideOne()) usleep(100);
+            }
+        });
+    }
+    /** Before what a test's filling uses goes. */
+    void TearDown() override {
+        mEnd = true;
+        mProvider.join();
+        server.reset();
+    }
 
-    /** The status with which a buffer comes out of this. */
-    using Filling = std::function<BufferStatus(const CaptureRequest&)>;
-
-    void listen();
-    /** From now on buffers are filled so, on the provider's thread; by the fixture without it. */
-    void fillBy(Filling filling);
+    void listen() {
+        host::ConnectionEvents events;
+        events.came = [this](pid_t process) { tool = process; };
+        std::string problem;
+        server = host::Server::listen(folder / "socket", client, problem, events);
+        EXPECT_NE(server, nullptr) << problem;
+    }
+    /** From now on buffers are filled so, on the provider's thread, and come back with its status.
+     */
+    void fillBy(std::function<BufferStatus(const CaptureRequest&)> filling) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mFill = std::move(filling);
+    }
     /** Runs this on the provider's thread when so many frames have been served, inside a run(). */
-    void after(int frames, std::function<void()> what);
+    void after(int frames, std::function<void()> what) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mEvent = std::move(what);
+        mEventAfter = served + frames;
+    }
     /** The exit code of the program with these arguments, after these words of the shell. */
-    int run(const std::string& arguments, const std::string& before = "") const;
+    int run(const std::string& arguments, const std::string& before = "") const {
+        const Output output =
+            runShell("cd " + folder.path().string() + "; exec >out 2>err; " + before +
+                     " timeout 60 " + program + " --socket socket " + arguments);
+        // What an event did is seen from here on.
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return output.exitCode;
+    }
     /** A file of the program's folder, where "out" and "err" are what it printed. */
     std::string read(const std::string& name) const { return contentOf(folder / name); }
     bool exists(const std::string& name) const {
         return access((folder / name).c_str(), F_OK) == 0;
     }
-    /** What the watch over the clients has said. */
-    std::string saidSoFar();
 
     const kit::TemporaryFolder folder;
     std::unique_ptr<host::Server> server;
@@ -61,17 +82,36 @@ protected:
 
 private:
     /** Sends what an earlier client had asked for, and then what this one did. */
-    bool provideOne();
-    BufferStatus fill(const CaptureRequest& request);
+    bool provideOne() {
+        CaptureRequest request = {};
+        if (session->getProcessCaptureRequest(request) != 0) return false;
+        CaptureResult result = resultFor(request);
+        result.outputBuffers[0].bufferId = 5;
+        session->sendCaptureResult(result);
+        result = resultFor(request);
+        {
+            const std::lock_guard<std::mutex> lock(mMutex);
+            result.outputBuffers[0].status = fill(request);
+            session->sendCaptureResult(result);
+            if (++served == mEventAfter) mEvent();
+        }
+        usleep(pauseUs);
+        return true;
+    }
+
+    BufferStatus fill(const CaptureRequest& request) {
+        if (mFill) return mFill(request);
+        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+        return BufferStatus::OK;
+    }
 
     kit::Frame mFrame = kit::Frame(kit::kFrameBytes, 7);
+    mutable std::mutex mMutex;
+    // Guarded by mMutex.
+    int mEventAfter = -1;
+    std::function<void()> mEvent;
+    std::function<BufferStatus(const CaptureRequest&)> mFill;
     std::atomic<bool> mEnd{false};
-    std::atomic<int> mEventAfter{-1};
-    mutable std::mutex mEventMutex;
-    std::function<void()> mEvent;  // guarded by mEventMutex
-    Filling mFilling;              // guarded by mEventMutex
-    std::mutex mMutex;
-    std::string mSaid;  // guarded by mMutex
     std::thread mProvider;
 };
 

@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <regex>
 #include <string>
+#include <vector>
 
 #include "child_process.h"
 
@@ -13,11 +17,23 @@ namespace testing_support {
 /** For whatever a program of a test takes, on a slow machine too. */
 constexpr std::chrono::seconds kPatience(50);
 
+inline bool has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+/** Whether an extended regular expression is found in the text. */
+inline bool matches(const std::string& text, const std::string& expression) {
+    return std::regex_search(text, std::regex(expression, std::regex::extended));
+}
+
+inline std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
 /** Both what it prints and its errors are read; a test that cannot start it fails. */
-inline std::unique_ptr<kit::ChildProcess> startShell(const std::string& line,
-                                                     bool takesInput = false) {
+inline std::unique_ptr<kit::ChildProcess> startShell(const std::string& line) {
     kit::ChildOptions options;
-    options.takesInput = takesInput;
     options.errorsToo = true;
     std::string problem;
     auto shell = kit::ChildProcess::startShell(line, problem, options);
@@ -33,11 +49,27 @@ struct Output {
 
 inline Output runShell(const std::string& line) {
     const auto shell = startShell(line);
-    Output output;
-    if (shell == nullptr) return output;
-    output.text = shell->rest(kPatience);
-    output.exitCode = shell->exitCode(kPatience);
-    return output;
+    if (shell == nullptr) return {};
+    const std::string text = shell->rest(kPatience);
+    return {shell->exitCode(kPatience), text};
+}
+
+/** What a program is told, how it ends then, and what it says: all, up to a new line, or a part. */
+struct Run {
+    std::string arguments;
+    int exitCode;
+    std::string said;
+};
+
+inline void expectRuns(const std::string& program, const std::vector<Run>& runs) {
+    for (const Run& run : runs) {
+        const Output output = runShell(program + " " + run.arguments);
+        EXPECT_EQ(output.exitCode, run.exitCode) << run.arguments;
+        const bool isWhole = !run.said.empty() && run.said.back() == '\n';
+        EXPECT_TRUE(isWhole ? output.text == run.said : has(output.text, run.said))
+            << run.arguments << '\n'
+            << output.text;
+    }
 }
 
 }  // namespace testing_support
