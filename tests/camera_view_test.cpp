@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -140,6 +142,31 @@ TEST(CameraFollowTest, KeepsAMovingFaceInTheView) {
             EXPECT_TRUE(second < 1 || holds(stream.view, face)) << size << ' ' << second;
         }
     }
+}
+
+TEST(CameraFollowTest, KeepsAFaceThatWasRecordedInTheView) {
+    std::ifstream recorded(RECORDED_FACES);
+    Stream stream;
+    std::chrono::milliseconds before(0);
+    int seen = 0;
+    int kept = 0;
+    for (std::string line; std::getline(recorded, line);) {
+        std::istringstream numbers(line);
+        int64_t time = 0;
+        numbers >> time;
+        const std::chrono::milliseconds now(time);
+        std::vector<Rect> faces;
+        for (Rect face; numbers >> face.x >> face.y >> face.width >> face.height;)
+            faces.push_back(face);
+        const bool isIn = faces.empty() || holds(stream.view, faces[0]);  // as it was looked at
+        stream.step(faces, now - std::exchange(before, now));
+        if (faces.empty() || now < 1s) continue;
+        ++seen;
+        kept += isIn ? 1 : 0;
+        EXPECT_TRUE(now < 4s || now > 8s || stream.view.width < 600) << now.count();
+    }
+    EXPECT_GT(seen, 100);
+    EXPECT_GE(kept * 100, seen * 95) << kept << " of " << seen;
 }
 
 TEST(CameraFollowTest, RestsInTheDeadZoneAndLeavesItToCutNoFace) {
