@@ -55,7 +55,11 @@ void expectInOrder(size_t slot, Operations... operations) {
 struct Place {
     size_t offset, size, alignment;
 };
-std::vector<Place> sMembers;
+/** Not a variable: it would be made after others have filled it. */
+std::vector<Place>& members() {
+    static std::vector<Place> all;
+    return all;
+}
 
 template <typename Class, typename Type>
 Place placeOf(Type Class::*member) {
@@ -68,9 +72,9 @@ Place placeOf(Type Class::*member) {
 /** An explicit instantiation may name private members. It says where these are. */
 template <typename... Types>
 struct Of {
-    template <Types FDSessionImpl::*... members>
+    template <Types FDSessionImpl::*... places>
     struct Members {
-        inline static const bool kKnown = (sMembers = {placeOf(members)...}, true);
+        inline static const bool kKnown = (members() = {placeOf(places)...}, true);
     };
 };
 template struct Of<std::map<int32_t, std::map<uint64_t, buffer_handle_t>>,
@@ -122,9 +126,9 @@ TEST(ContractTest, OperationsKeepTheirSlots) {
 }
 
 TEST(ContractTest, MembersOfTheSessionFollowOneAnother) {
-    ASSERT_EQ(sMembers.size(), 15U);
+    ASSERT_EQ(members().size(), 15U);
     size_t end = placeOf(&Bases::first).offset;
-    for (const auto& [offset, size, alignment] : sMembers) {
+    for (const auto& [offset, size, alignment] : members()) {
         EXPECT_EQ(offset, (end + alignment - 1) / alignment * alignment)
             << "something stands before the member of " << size << " bytes";
         end = offset + size;
