@@ -59,7 +59,7 @@ protected:
     }
     /** The first pixel's luma of the n-th answer since the beginning, once it is there. */
     int answer(size_t index) {
-        const auto result = deliveries.waitFor(index + 1)[index].result;
+        const auto result = deliveries.waitFor(index + 1, index)[0].result;
         if (result.outputBuffers.size() == 0) return kError;
         const auto& output = result.outputBuffers[0];
         return output.status == BufferStatus::OK ? mBuffers[output.bufferId - 1].bytes()[0]

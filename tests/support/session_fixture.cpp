@@ -57,13 +57,12 @@ void Deliveries::callbackDied() {
     mChanged.notify_all();
 }
 
-std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count) {
+std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count, size_t first) {
     std::unique_lock<std::mutex> lock(mMutex);
     EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return mDeliveries.size() >= count; }))
         << mDeliveries.size() << " of " << count << " results came";
-    std::vector<Delivery> result = mDeliveries;
-    result.resize(std::max(count, result.size()));
-    return result;
+    mDeliveries.resize(std::max(count, mDeliveries.size()));
+    return {mDeliveries.begin() + static_cast<ptrdiff_t>(first), mDeliveries.end()};
 }
 
 std::string Deliveries::waitForDeath() {

@@ -52,8 +52,9 @@ public:
     void add(const hidl_vec<CaptureResult>& results);
     void add(const hidl_vec<FDNotifyMsg>& msgs);
     void callbackDied();
-    /** Waits for the n-th delivery since the start and returns all; fails the test after 10 s. */
-    std::vector<Delivery> waitFor(size_t count);
+    /** Waits for so many since the start, or fails after 10 s; gives all from the first asked for.
+     */
+    std::vector<Delivery> waitFor(size_t count, size_t first = 0);
     size_t count() const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mDeliveries.size();
