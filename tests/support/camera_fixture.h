@@ -25,6 +25,9 @@ protected:
     CameraFixture() {
         for (int i = 0; i < 64; ++i)
             mBuffers.push_back(allocate(64, 48));
+        callback->during = [this] {
+            if (const auto once = std::atomic_exchange(&mNextCall, {})) (*once)();
+        };
         configureAnew();
     }
     ~CameraFixture() override {
@@ -69,11 +72,9 @@ protected:
         ask();
         return answer(mAsked - 1);
     }
-    /** Runs this inside the next call to the client; once in a test. */
-    void atNextCall(const std::function<void()>& what) {
-        callback->during = [this, what] {
-            if (!mIsCalled.exchange(true)) what();
-        };
+    /** Runs this inside the next call to the client. */
+    void atNextCall(std::function<void()> what) {
+        std::atomic_store(&mNextCall, std::make_shared<std::function<void()>>(std::move(what)));
     }
 
     const kit::TemporaryFolder folder;
@@ -82,7 +83,7 @@ protected:
 private:
     std::vector<host::Buffer> mBuffers;
     uint32_t mAsked = 0;
-    std::atomic<bool> mIsCalled{false};
+    std::shared_ptr<std::function<void()>> mNextCall;
 };
 
 }  // namespace testing_support
