@@ -14,6 +14,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <string>
 #include <utility>
 
@@ -149,8 +150,14 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
         thread->readiness = isReady ? android::NO_ERROR : android::UNKNOWN_ERROR;
         EXPECT_EQ(thread->run("anew"), android::NO_ERROR);
         if (isReady) {
-            EXPECT_EQ(thread->run("again"), android::INVALID_OPERATION);
-            EXPECT_TRUE(eventually([&] { return passes > 0; }));
+            std::atomic<pid_t> joining{0};
+            const auto joined = std::async(std::launch::async, [&] {
+                joining = gettid();
+                thread->join();
+            });
+            EXPECT_TRUE(
+                eventually([&] { return passes > 0 && joining != 0 && isAsleep(joining); }));
+            EXPECT_EQ(thread->run("again"), android::INVALID_OPERATION);  // and at once
             thread->requestExit();
         }
         EXPECT_EQ(thread->join(), android::NO_ERROR);
