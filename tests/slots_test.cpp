@@ -92,7 +92,8 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
         while (usedMs(CLOCK_THREAD_CPUTIME_ID) < ofThis + 100) {
         }
         EXPECT_LT(usedMs(CLOCK_PROCESS_CPUTIME_ID), ofAll + 160);
-        EXPECT_TRUE(remote->ping().isOk());
+        for (int i = 0; i < 3; ++i)
+            EXPECT_TRUE(remote->ping().isOk());  // each message is looked at first, and then taken
         EXPECT_TRUE(log.texts("transport").empty());  // not served yet
         taken.reset();
         EXPECT_TRUE(late.isClosed());
