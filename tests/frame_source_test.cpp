@@ -38,6 +38,8 @@ protected:
         EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
         EXPECT_TRUE(client->configure(configurationOf(0)).isOk());  // lets go of the buffers
         EXPECT_TRUE(client->setCallback(nullptr).isOk());
+        // The session's thread may have it still, and tells deliveries when it lets go of it.
+        EXPECT_TRUE(eventually([this] { return callback->getStrongCount() == 1; }));
         std::filesystem::current_path("/");
     }
 
