@@ -8,10 +8,11 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <initializer_list>
 #include <memory>
+#include <tuple>
 #include <vector>
 
+#include "buffer_mapper.h"
 #include "host/buffer.h"
 #include "host/mapper.h"
 #include "host/unique_fd.h"
@@ -20,11 +21,10 @@
 
 namespace {
 
-using android::sp;
-using android::hardware::graphics::mapper::V3_0::Error;
-using android::hardware::graphics::mapper::V3_0::IMapper;
-using android::hardware::graphics::mapper::V3_0::YCbCrLayout;
-using Mapping = std::shared_ptr<const int64_t>;  // its size
+using host::detail::MapperLayout;
+using host::detail::MapperRect;
+using Error = host::detail::MapperError;
+using Size = const int64_t;
 
 constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
@@ -42,39 +42,37 @@ struct Claim {
 };
 
 Claim claimOf(const native_handle_t* handle) {
-    if (handle == nullptr || handle->version != kVersion || handle->numFds != 1 ||
-        handle->numInts != kWords) {
+    if (handle == nullptr || std::tuple(handle->version, handle->numFds, handle->numInts) !=
+                                 std::tuple(kVersion, 1, kWords))
         return {};
-    }
     std::array<int64_t, kWords> words = {};
     std::copy_n(&handle->data[1], kWords, words.begin());
     const auto [magic, width, height, givenStride, givenChroma, order, step, low, high] = words;
     const int64_t pairs = (width + 1) / 2;
     const int64_t stride = givenStride != 0 ? givenStride : 2 * pairs;
     const int64_t row = givenChroma != 0 ? givenChroma : std::max(stride / 2, pairs) * step;
-    const bool isWithinLimits = magic == kMagic && isWithin(width, 1, 1 << 15) &&
-                                isWithin(height, 1, 1 << 15) && isWithin(step, 1, 8) &&
-                                isWithin(order, 0, 1) && isWithin(stride, width, 1 << 20) &&
-                                givenChroma <= 1 << 20 && row >= pairs * step;
-    if (!isWithinLimits) return {};
     const int64_t first = stride * height, plane = row * ((height + 1) / 2);
     const int64_t second = first + (step == 1 ? plane : 1);
     const int64_t total = first + (step == 1 ? 2 : 1) * plane;
-    if (total > kMost) return {};
+    const bool isBuffer = magic == kMagic && isWithin(width, 1, 1 << 15) &&
+                          isWithin(height, 1, 1 << 15) && isWithin(step, 1, 8) &&
+                          isWithin(order, 0, 1) && isWithin(stride, width, 1 << 20) &&
+                          givenChroma <= 1 << 20 && row >= pairs * step && total <= kMost;
     const int64_t cb = order == 0 ? first : second;
+    if (!isBuffer) return {};
     return {width, height, stride, row, step, cb, first + second - cb, total};
 }
 
-/** The client's memory, or a file that has no seals, and what the mapper is to know of it. */
+/** The client's memory, or a file that has no seals, and the newest mapping that is to be of it. */
 struct Memory {
     const host::UniqueFd fd;
-    std::weak_ptr<const int64_t> mapped;  ///< the newest mapping
+    std::weak_ptr<Size> mapped;
 };
 
 struct Import {
-    void* handle;
+    buffer_handle_t handle;
     std::shared_ptr<Memory> memory;
-    Mapping mapping;
+    std::shared_ptr<Size> mapping;
     Claim claim;
     int locks;
 };
@@ -85,40 +83,42 @@ public:
 
     void run() {
         for (int steps = 0; mData.remaining_bytes() > 0 && steps < 64; ++steps) {
+            const int kind = mData.ConsumeIntegralInRange(0, 6);
+            if (kind < 2 || mImports.empty())
+                mImports.size() < 8 ? import() : free();
+            else if (kind == 2)
+                change(pick(mImports).memory->fd.get());
+            else if (kind < 5)
+                lock(pick(mImports), kind == 3);
+            else
+                kind == 5 ? unlock(pick(mImports)) : free();
             expectCounts();
-            step();
         }
         while (!mImports.empty())
-            free(0);
+            free();
         expectCounts();
     }
 
 private:
-    void step() {
-        const int kind = mData.ConsumeIntegralInRange(0, 6);
-        if (kind == 1 || kind == 2 || mImports.empty()) return import();
-        if (kind == 0) change(pick(mImports).memory->fd.get());
-        if (kind == 3 || kind == 4) lock(pick(mImports), kind == 3);
-        if (kind == 5) unlock(pick(mImports));
-        if (kind == 6) free(mData.ConsumeIntegralInRange<size_t>(0, mImports.size() - 1));
-    }
     void expectCounts() {
         host::MapperCounters now = host::mapperCounters();
         if (!mImports.empty()) now.mappings = mCounts.mappings;  // in the end none is left
         fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or mapping");
     }
+    /** Also how it is counted. Whether it was granted. */
+    bool expectAnswer(Error answer, Error expected, int64_t& granted) {
+        fuzz::expect(answer == expected, "a wrong answer");
+        ++(expected == Error::NONE ? granted : mCounts.refusals);
+        return expected == Error::NONE;
+    }
     template <typename Container>
-    typename Container::value_type& pick(Container& from) {
+    auto pick(Container& from) -> decltype(from[0]) {
         return from[mData.ConsumeIntegralInRange<size_t>(0, from.size() - 1)];
     }
     /** Mostly what is usual, else one of the limits. */
-    int nearly(int64_t usual, std::initializer_list<int64_t> limits) {
+    int nearly(int64_t usual, const std::vector<int64_t>& limits) {
         const auto kind = mData.ConsumeIntegralInRange<size_t>(0, 8 * limits.size());
-        return static_cast<int>(kind < limits.size() ? limits.begin()[kind] : usual);
-    }
-    Error count(Error error, int64_t& granted) {
-        ++(error == Error::NONE ? granted : mCounts.refusals);
-        return error;
+        return static_cast<int>(kind < limits.size() ? limits[kind] : usual);
     }
 
     void change(int fd) {
@@ -133,46 +133,44 @@ private:
     std::shared_ptr<Memory> memoryFor(const Claim& claim) {
         std::shared_ptr<Memory>& memory = pick(mMemories);
         if (memory != nullptr && mData.ConsumeBool()) return memory;
-        constexpr int kFlags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
-        const int file = nearly(0, {1}) == 0 ? memfd_create("fdstream-buffer", kFlags)
-                                             : open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
+        const int file = nearly(0, {1}) == 0
+                             ? memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING)
+                             : open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
         memory.reset(new Memory{host::UniqueFd(file), {}});
-        constexpr int kSealed = F_SEAL_SHRINK;
         (void)!ftruncate(file, nearly(claim.total, {claim.total - 1, claim.total + 5000, kMost - 1,
                                                     kMost, kMost + 1}));
         fcntl(file, F_ADD_SEALS,
-              nearly(kSealed, {0, F_SEAL_GROW, kSealed | F_SEAL_WRITE, kSealed | F_SEAL_SEAL}));
+              nearly(F_SEAL_SHRINK,
+                     {0, F_SEAL_GROW, F_SEAL_SHRINK | F_SEAL_WRITE, F_SEAL_SHRINK | F_SEAL_SEAL}));
         return memory;
     }
+    /** Of a small buffer, often with a word or two at a limit. */
     host::UniqueHandle forge() {
         host::UniqueHandle handle(
             native_handle_create(nearly(1, {0, 2}), nearly(kWords, {kWords - 1, kWords + 1})));
         handle->version = nearly(kVersion, {kVersion - 1});
-        const auto extent = [this] {
-            return nearly(mData.ConsumeIntegralInRange(1, 128), {0, -1, 1, 1 << 15, (1 << 15) + 1});
-        };
-        const int width = extent(), height = extent();
-        const int step = nearly(2, {0, 1, 1, 3, 8, 9});
-        const int row = (width + 1) / 2 * step;
-        const int stride = nearly(mData.ConsumeBool() ? 0 : width + 5,
-                                  {-1, width, width - 1, 1 << 20, (1 << 20) + 1});
-        const int chromaStride = nearly(0, {-1, row, row - 1, row + 3, 1 << 20, (1 << 20) + 1});
+        const int width = mData.ConsumeIntegralInRange(1, 128), row = (width + 1) / 2 * 2;
+        const int height = mData.ConsumeIntegralInRange(1, 128), step = nearly(2, {1, 1, 3, 8});
         std::array<int, kWords> words = {
-            nearly(kMagic, {kMagic + 1}), width, height, stride, chromaStride,
-            nearly(0, {1, 1, 2, -1}),     step};
+            kMagic, width, height, mData.ConsumeBool() ? width + 5 : 0, 0, mData.ConsumeBool(),
+            step};
+        const std::vector<int> limits = {
+            -1,           0,   1,       2,          9,       width - 1,     width,
+            row - 1,      row, row + 3, kMagic + 1, 1 << 15, (1 << 15) + 1, 1 << 20,
+            (1 << 20) + 1};
+        for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others)
+            pick(words) = mData.ConsumeBool() ? pick(limits) : mData.ConsumeIntegral<int>();
         if (mData.ConsumeIntegral<uint8_t>() < 8)  // of just the most bytes, or more
             words = {kMagic, 2, 255, 1 << 20, 8192 + mData.ConsumeIntegralInRange(0, 1), 0, 2};
-        if (mData.ConsumeIntegral<uint8_t>() < 8) pick(words) = mData.ConsumeIntegral<int>();
         std::copy_n(words.begin(), std::min(handle->numInts, kWords),
                     &handle->data[handle->numFds]);
         return handle;
     }
 
     void import() {
-        if (mImports.size() == 8) return free(0);
         if (!mImports.empty() && mData.ConsumeBool()) {
             const Import& known = pick(mImports);
-            return import(static_cast<const native_handle_t*>(known.handle), known.memory);
+            return import(known.handle, known.memory);
         }
         if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, nullptr);
         const host::UniqueHandle forged = forge();
@@ -182,108 +180,88 @@ private:
         import(forged.get(), memory);
         forged->version = kVersion;  // else it would not be closed
     }
-    void import(const native_handle_t* raw, std::shared_ptr<Memory> memory) {
-        const Claim claim = claimOf(raw);
-        fuzz::expect(host::claimedBytes(raw) == static_cast<uint64_t>(claim.total),
-                     "another claim");
-        Mapping mapping;
-        const Error expected = count(map(claim, raw, memory.get(), mapping), mCounts.imports);
-        const auto take = [&](Error error, void* handle) {
-            fuzz::expect(error == expected, "a wrong answer to an import");
-            const bool isNew = handle != nullptr && handle != raw;
-            fuzz::expect(isNew == (error == Error::NONE), "no handle, or one of nothing");
-            if (isNew) mImports.push_back({handle, memory, mapping, claim, 0});
-        };
-        mMapper->importBuffer(raw, take);
+    void import(buffer_handle_t raw, std::shared_ptr<Memory> memory) {
+        Import made = {nullptr, std::move(memory), nullptr, claimOf(raw), 0};
+        const bool isSame = host::claimedBytes(raw) == static_cast<uint64_t>(made.claim.total);
+        fuzz::expect(isSame, "another claim");
+        const Error expected = map(made, raw);
+        if (expectAnswer(mMapper.import(raw, made.handle), expected, mCounts.imports)) {
+            fuzz::expect(made.handle != nullptr && made.handle != raw, "no handle, or the same");
+            mImports.push_back(made);
+        }
     }
     /** As the mapper is to: memory that is known is not mapped again. */
-    Error map(const Claim& claim, const native_handle_t* raw, Memory* memory, Mapping& mapping) {
-        if (claim.width == 0) return Error::BAD_BUFFER;
-        const int fd = raw->data[0];
-        const int seals = fcntl(fd, F_GET_SEALS);
-        const off_t size = lseek(fd, 0, SEEK_END);
-        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || !isWithin(size, claim.total, kMost))
+    Error map(Import& made, buffer_handle_t raw) {
+        if (made.claim.width == 0) return Error::BAD_BUFFER;
+        const int seals = fcntl(raw->data[0], F_GET_SEALS);
+        const off_t size = lseek(raw->data[0], 0, SEEK_END);
+        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || !isWithin(size, made.claim.total, kMost))
             return Error::BAD_BUFFER;
-        mapping = memory->mapped.lock();
-        if (mapping != nullptr && *mapping >= claim.total) return Error::NONE;
+        made.mapping = made.memory->mapped.lock();
+        if (made.mapping != nullptr && *made.mapping >= made.claim.total) return Error::NONE;
         if ((seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) != 0) return Error::BAD_BUFFER;
-        memory->mapped = mapping = std::make_shared<const int64_t>(size);
+        made.memory->mapped = made.mapping = std::make_shared<Size>(size);
         ++mCounts.maps;
         return Error::NONE;
     }
 
-    /** A few places of the claim: both ends, where the chroma begins, between. */
-    static void touch(const Import& import, void* memory) {
-        const int64_t last = import.claim.total - 1;
-        const int64_t chroma = std::min(import.claim.cb, import.claim.cr);
-        for (const int64_t at : {int64_t{0}, chroma - 1, chroma, last / 2, last & ~4095L, last}) {
-            const uint8_t byte = ++static_cast<uint8_t*>(memory)[at];
-            uint8_t inFile = 0;
-            const bool isRead = pread(import.memory->fd.get(), &inFile, 1, at) == 1;
-            fuzz::expect(isRead && inFile == byte, "locked memory is not the client's");
-        }
-    }
-
     void lock(Import& import, bool isPlain) {
         const Claim& claim = import.claim;
-        const int left = nearly(0, {1, -1}), top = nearly(0, {1, -1});
-        const int width = nearly(claim.width, {0, claim.width - 1, claim.width + 1, claim.total,
-                                               claim.total + 1, -1, INT32_MAX});
-        const int height = nearly(claim.height, {0, 1, 1, 2, claim.height + 1, -1, INT32_MAX});
-        const IMapper::Rect region = {left, top, width, height};
+        const MapperRect region = {
+            nearly(0, {1, -1}), nearly(0, {1, -1}),
+            nearly(claim.width, {0, claim.width - 1, claim.width + 1, claim.total, claim.total + 1,
+                                 -1, INT32_MAX}),
+            nearly(claim.height, {0, 1, 1, 2, claim.height + 1, -1, INT32_MAX})};
+        const auto [left, top, width, height] = region;
         const auto usage = static_cast<uint64_t>(nearly(0x33, {0, 0x3, 0x30, 0xF00}));
         const bool isInside = left >= 0 && top >= 0 && isWithin(width, 0, claim.width - left) &&
                               isWithin(height, 0, claim.height - top);
         const bool isRow =
             isPlain && left == 0 && top == 0 && height == 1 && isWithin(width, 0, claim.total);
         const bool mayLock = (isInside || isRow) && (usage & 0xff) != 0;
-        const Error expected = count(mayLock ? Error::NONE : Error::BAD_VALUE, mCounts.locks);
-        const auto locked = [&](Error error, void* memory, int32_t perPixel, int32_t perStride) {
-            fuzz::expect(error == expected, "a wrong answer to a lock");
-            fuzz::expect(perPixel == -1 && perStride == -1, "a stride of a planar buffer");
-            if (mayLock) touch(import, memory);
-        };
-        const auto lockedYCbCr = [&](Error error, const YCbCrLayout& at) {
-            locked(error, at.y, -1, -1);
-            if (!mayLock) return;
-            auto* const y = static_cast<uint8_t*>(at.y);
-            fuzz::expect(at.cb == y + claim.cb && at.cr == y + claim.cr, "the chroma is elsewhere");
-            const bool isSame = at.yStride == claim.stride && at.cStride == claim.chromaStride &&
-                                at.chromaStep == claim.step;
-            fuzz::expect(isSame, "another stride, or step");
-        };
-        if (mayLock) ++import.locks;
-        if (isPlain)
-            mMapper->lock(import.handle, usage, region, nullptr, locked);
-        else
-            mMapper->lockYCbCr(import.handle, usage, region, nullptr, lockedYCbCr);
+        void* data = nullptr;
+        MapperLayout at = {};
+        const Error answer = isPlain ? mMapper.lock(import.handle, usage, region, data)
+                                     : mMapper.lockYCbCr(import.handle, usage, region, at);
+        const Error expected = mayLock ? Error::NONE : Error::BAD_VALUE;
+        if (!expectAnswer(answer, expected, mCounts.locks)) return;
+        ++import.locks;
+        auto* const bytes = static_cast<uint8_t*>(isPlain ? data : at.y);
+        touch(import, bytes);
+        const std::tuple planes(bytes + claim.cb, bytes + claim.cr, claim.stride,
+                                claim.chromaStride, claim.step);
+        const std::tuple said(at.cb, at.cr, at.yStride, at.cStride, at.chromaStep);
+        fuzz::expect(isPlain || planes == said, "other planes");
     }
-
-    static auto expects(Error expected) {
-        return [expected](Error error, auto&&...) {
-            fuzz::expect(error == expected, "a wrong answer");
-        };
+    /** A few places of the claim: both ends, where the chroma begins, between. */
+    static void touch(const Import& import, uint8_t* bytes) {
+        const int64_t last = import.claim.total - 1;
+        const int64_t chroma = std::min(import.claim.cb, import.claim.cr);
+        for (const int64_t at : {int64_t{0}, chroma - 1, chroma, last / 2, last & ~4095L, last}) {
+            uint8_t inFile = 0;
+            ++bytes[at];
+            const bool isRead = pread(import.memory->fd.get(), &inFile, 1, at) == 1;
+            fuzz::expect(isRead && inFile == bytes[at], "locked memory is not the client's");
+        }
     }
     void unlock(Import& import) {
         const Error expected = import.locks > 0 ? Error::NONE : Error::BAD_BUFFER;
-        if (import.locks > 0) --import.locks;
-        mMapper->unlock(import.handle, expects(count(expected, mCounts.unlocks)));
+        if (expectAnswer(mMapper.unlock(import.handle), expected, mCounts.unlocks)) --import.locks;
     }
-    void free(size_t which) {
-        void* const handle = mImports[which].handle;
-        mImports.erase(mImports.begin() + static_cast<ptrdiff_t>(which));
-        expects(Error::NONE)(mMapper->freeBuffer(handle));
-        ++mCounts.frees;
+    void free() {
+        std::swap(pick(mImports), mImports.back());
+        const buffer_handle_t handle = mImports.back().handle;
+        mImports.pop_back();
+        expectAnswer(mMapper.free(handle), Error::NONE, mCounts.frees);
         // From now on nobody knows it.
-        const auto unknown = expects(Error::BAD_BUFFER);
-        unknown(mMapper->freeBuffer(handle));
-        mMapper->lock(handle, 3, {0, 0, 1, 1}, nullptr, unknown);
-        mMapper->unlock(handle, unknown);
-        mCounts.refusals += 3;
+        void* data = nullptr;
+        expectAnswer(mMapper.free(handle), Error::BAD_BUFFER, mCounts.frees);
+        expectAnswer(mMapper.lock(handle, 3, {0, 0, 1, 1}, data), Error::BAD_BUFFER, mCounts.locks);
+        expectAnswer(mMapper.unlock(handle), Error::BAD_BUFFER, mCounts.unlocks);
     }
 
     FuzzedDataProvider& mData;
-    const sp<IMapper> mMapper = host::realMapper3();
+    host::detail::BufferMapper& mMapper = host::detail::BufferMapper::get();
     host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
     std::array<std::shared_ptr<Memory>, 2> mMemories;
     std::vector<Import> mImports;
