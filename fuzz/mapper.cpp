@@ -22,7 +22,6 @@
 namespace {
 
 using host::detail::MapperLayout;
-using host::detail::MapperRect;
 using Error = host::detail::MapperError;
 using Size = const int64_t;
 
@@ -30,6 +29,7 @@ constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
 constexpr int kVersion = sizeof(native_handle_t);
 constexpr int kMost = host::kMaxBufferBytes;
+constexpr unsigned kMemory = MFD_CLOEXEC | MFD_ALLOW_SEALING;
 
 bool isWithin(int64_t value, int64_t least, int64_t most) {
     return value >= least && value <= most;
@@ -63,7 +63,7 @@ Claim claimOf(const native_handle_t* handle) {
     return {width, height, stride, row, step, cb, first + second - cb, total};
 }
 
-/** The client's memory, or a file that has no seals, and the newest mapping that is to be of it. */
+/** The client's memory, and the newest mapping that is to be of it. */
 struct Memory {
     const host::UniqueFd fd;
     std::weak_ptr<Size> mapped;
@@ -71,7 +71,7 @@ struct Memory {
 
 struct Import {
     buffer_handle_t handle;
-    std::shared_ptr<Memory> memory;
+    Memory* memory;
     std::shared_ptr<Size> mapping;
     Claim claim;
     int locks;
@@ -87,7 +87,7 @@ public:
             if (kind < 2 || mImports.empty())
                 mImports.size() < 8 ? import() : free();
             else if (kind == 2)
-                change(pick(mImports).memory->fd.get());
+                change(*pick(mImports).memory, mData.ConsumeIntegralInRange(0, kMost));
             else if (kind < 5)
                 lock(pick(mImports), kind == 3);
             else
@@ -113,7 +113,7 @@ private:
     }
     template <typename Container>
     auto pick(Container& from) -> decltype(from[0]) {
-        return from[mData.ConsumeIntegralInRange<size_t>(0, from.size() - 1)];
+        return from[mData.ConsumeIntegralInRange<size_t>(0, std::size(from) - 1)];
     }
     /** Mostly what is usual, else one of the limits. */
     int nearly(int64_t usual, const std::vector<int64_t>& limits) {
@@ -121,28 +121,13 @@ private:
         return static_cast<int>(kind < limits.size() ? limits[kind] : usual);
     }
 
-    void change(int fd) {
-        const auto size = mData.ConsumeIntegralInRange<off_t>(0, kMost + 4096);
-        const int kind = mData.ConsumeIntegralInRange(0, 3);
-        if (kind == 0)
+    /** Which a seal, or having none, may forbid. */
+    void change(Memory& memory, int64_t size) {
+        const int fd = memory.fd.get();
+        (void)!ftruncate(fd, nearly(size, {size - 1, size + 5000, kMost - 1, kMost, kMost + 1}));
+        fcntl(fd, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_GROW, F_SEAL_SEAL, 6, 10, 18}));
+        if (mData.ConsumeIntegral<uint8_t>() < 32)
             fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
-        if (kind == 1) fcntl(fd, F_ADD_SEALS, mData.ConsumeIntegral<uint8_t>() & 0x1f);
-        if (kind > 1) (void)!ftruncate(fd, size);  // which a seal may forbid
-    }
-
-    std::shared_ptr<Memory> memoryFor(const Claim& claim) {
-        std::shared_ptr<Memory>& memory = pick(mMemories);
-        if (memory != nullptr && mData.ConsumeBool()) return memory;
-        const int file = nearly(0, {1}) == 0
-                             ? memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING)
-                             : open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600);
-        memory.reset(new Memory{host::UniqueFd(file), {}});
-        (void)!ftruncate(file, nearly(claim.total, {claim.total - 1, claim.total + 5000, kMost - 1,
-                                                    kMost, kMost + 1}));
-        fcntl(file, F_ADD_SEALS,
-              nearly(F_SEAL_SHRINK,
-                     {0, F_SEAL_GROW, F_SEAL_SHRINK | F_SEAL_WRITE, F_SEAL_SHRINK | F_SEAL_SEAL}));
-        return memory;
     }
     /** Of a small buffer, often with a word or two at a limit. */
     host::UniqueHandle forge() {
@@ -151,13 +136,10 @@ private:
         handle->version = nearly(kVersion, {kVersion - 1});
         const int width = mData.ConsumeIntegralInRange(1, 128), row = (width + 1) / 2 * 2;
         const int height = mData.ConsumeIntegralInRange(1, 128), step = nearly(2, {1, 1, 3, 8});
-        std::array<int, kWords> words = {
-            kMagic, width, height, mData.ConsumeBool() ? width + 5 : 0, 0, mData.ConsumeBool(),
-            step};
-        const std::vector<int> limits = {
-            -1,           0,   1,       2,          9,       width - 1,     width,
-            row - 1,      row, row + 3, kMagic + 1, 1 << 15, (1 << 15) + 1, 1 << 20,
-            (1 << 20) + 1};
+        const int order = mData.ConsumeBool() ? 1 : 0, stride = nearly(0, {width, width + 5});
+        std::array<int, kWords> words = {kMagic, width, height, stride, 0, order, step};
+        const int limits[] = {-1,  0,       1,       2,       9,     width - 1, row - 1,
+                              row, row + 3, 1 << 15, 1 << 20, 32769, 1048577};
         for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others)
             pick(words) = mData.ConsumeBool() ? pick(limits) : mData.ConsumeIntegral<int>();
         if (mData.ConsumeIntegral<uint8_t>() < 8)  // of just the most bytes, or more
@@ -170,32 +152,33 @@ private:
     void import() {
         if (!mImports.empty() && mData.ConsumeBool()) {
             const Import& known = pick(mImports);
-            return import(known.handle, known.memory);
+            return import(known.handle, *known.memory);
         }
-        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, nullptr);
+        Memory& memory = pick(mMemories);
+        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, memory);
         const host::UniqueHandle forged = forge();
-        const std::shared_ptr<Memory> memory = memoryFor(claimOf(forged.get()));
+        if (mData.ConsumeBool()) change(memory, claimOf(forged.get()).total);
         std::generate_n(&forged->data[0], forged->numFds,
-                        [&memory] { return fcntl(memory->fd.get(), F_DUPFD_CLOEXEC, 0); });
+                        [&memory] { return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0); });
         import(forged.get(), memory);
         forged->version = kVersion;  // else it would not be closed
     }
-    void import(buffer_handle_t raw, std::shared_ptr<Memory> memory) {
-        Import made = {nullptr, std::move(memory), nullptr, claimOf(raw), 0};
+    void import(buffer_handle_t raw, Memory& memory) {
+        Import made = {nullptr, &memory, nullptr, claimOf(raw), 0};
         const bool isSame = host::claimedBytes(raw) == static_cast<uint64_t>(made.claim.total);
         fuzz::expect(isSame, "another claim");
-        const Error expected = map(made, raw);
+        const Error expected = map(made);
         if (expectAnswer(mMapper.import(raw, made.handle), expected, mCounts.imports)) {
             fuzz::expect(made.handle != nullptr && made.handle != raw, "no handle, or the same");
             mImports.push_back(made);
         }
     }
     /** As the mapper is to: memory that is known is not mapped again. */
-    Error map(Import& made, buffer_handle_t raw) {
-        if (made.claim.width == 0) return Error::BAD_BUFFER;
-        const int seals = fcntl(raw->data[0], F_GET_SEALS);
-        const off_t size = lseek(raw->data[0], 0, SEEK_END);
-        if (seals < 0 || (seals & F_SEAL_SHRINK) == 0 || !isWithin(size, made.claim.total, kMost))
+    Error map(Import& made) {
+        const int seals = fcntl(made.memory->fd.get(), F_GET_SEALS);
+        const off_t size = lseek(made.memory->fd.get(), 0, SEEK_END);
+        if (made.claim.width == 0 || seals < 0 || (seals & F_SEAL_SHRINK) == 0 ||
+            !isWithin(size, made.claim.total, kMost))
             return Error::BAD_BUFFER;
         made.mapping = made.memory->mapped.lock();
         if (made.mapping != nullptr && *made.mapping >= made.claim.total) return Error::NONE;
@@ -207,26 +190,24 @@ private:
 
     void lock(Import& import, bool isPlain) {
         const Claim& claim = import.claim;
-        const MapperRect region = {
-            nearly(0, {1, -1}), nearly(0, {1, -1}),
-            nearly(claim.width, {0, claim.width - 1, claim.width + 1, claim.total, claim.total + 1,
-                                 -1, INT32_MAX}),
-            nearly(claim.height, {0, 1, 1, 2, claim.height + 1, -1, INT32_MAX})};
-        const auto [left, top, width, height] = region;
+        const int left = nearly(0, {1, -1}), top = nearly(0, {1, -1});
+        const int width = nearly(claim.width, {0, claim.width - 1, claim.width + 1, claim.total,
+                                               claim.total + 1, -1, INT32_MAX});
+        const int height = nearly(claim.height, {0, 1, 1, 2, claim.height + 1, -1, INT32_MAX});
         const auto usage = static_cast<uint64_t>(nearly(0x33, {0, 0x3, 0x30, 0xF00}));
         const bool isInside = left >= 0 && top >= 0 && isWithin(width, 0, claim.width - left) &&
                               isWithin(height, 0, claim.height - top);
         const bool isRow =
             isPlain && left == 0 && top == 0 && height == 1 && isWithin(width, 0, claim.total);
         const bool mayLock = (isInside || isRow) && (usage & 0xff) != 0;
-        void* data = nullptr;
-        MapperLayout at = {};
-        const Error answer = isPlain ? mMapper.lock(import.handle, usage, region, data)
-                                     : mMapper.lockYCbCr(import.handle, usage, region, at);
         const Error expected = mayLock ? Error::NONE : Error::BAD_VALUE;
+        MapperLayout at = {};
+        const Error answer =
+            isPlain ? mMapper.lock(import.handle, usage, {left, top, width, height}, at.y)
+                    : mMapper.lockYCbCr(import.handle, usage, {left, top, width, height}, at);
         if (!expectAnswer(answer, expected, mCounts.locks)) return;
         ++import.locks;
-        auto* const bytes = static_cast<uint8_t*>(isPlain ? data : at.y);
+        auto* const bytes = static_cast<uint8_t*>(at.y);
         touch(import, bytes);
         const std::tuple planes(bytes + claim.cb, bytes + claim.cr, claim.stride,
                                 claim.chromaStride, claim.step);
@@ -263,7 +244,11 @@ private:
     FuzzedDataProvider& mData;
     host::detail::BufferMapper& mMapper = host::detail::BufferMapper::get();
     host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
-    std::array<std::shared_ptr<Memory>, 2> mMemories;
+    /** The last one is a file that has no seals. */
+    Memory mMemories[3] = {
+        {host::UniqueFd(memfd_create("one", kMemory)), {}},
+        {host::UniqueFd(memfd_create("other", kMemory)), {}},
+        {host::UniqueFd(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600)), {}}};
     std::vector<Import> mImports;
 };
 

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdint>
 #include <functional>
 #include <utility>
 
@@ -43,7 +42,7 @@ public:
 
     Return<void> importBuffer(const Handle& raw,
                               typename IMapper::importBuffer_cb answer) override {
-        const int told = pause();
+        const int told = ask();
         if (told != 0) {
             if (told != -2) answer(Error(std::max(told, 0)), this);
             return statusOf(told);
@@ -55,7 +54,7 @@ public:
     }
 
     Return<Error> freeBuffer(void* buffer) override {
-        const int told = pause();
+        const int told = ask();
         if (onFree) onFree(buffer);
         const Error answered = mReal->freeBuffer(buffer);
         if (told == -1) return statusOf(told);
@@ -64,43 +63,42 @@ public:
 
     Return<void> lock(void* buffer, uint64_t usage, const Rect& region, const Handle& fence,
                       typename IMapper::lock_cb answer) override {
-        const int told = pauseIn(usage, region, fence);
+        const int told = askIn(usage, region, fence);
         if (told < 0) return statusOf(told);
-        return mReal->lock(buffer, usage, region, fence, [&](Error answered, auto... rest) {
-            answer(told > 0 ? Error(told) : answered, rest...);
-        });
+        return mReal->lock(buffer, usage, region, fence, with(told, answer));
     }
 
     Return<void> lockYCbCr(void* buffer, uint64_t usage, const Rect& region, const Handle& fence,
                            typename IMapper::lockYCbCr_cb answer) override {
-        const int told = pauseIn(usage, region, fence);
+        const int told = askIn(usage, region, fence);
         if (told < 0) return statusOf(told);
-        return mReal->lockYCbCr(buffer, usage, region, fence,
-                                [&](Error answered, const YCbCrLayout& layout) {
-                                    answer(told > 0 ? Error(told) : answered, layout);
-                                });
+        return mReal->lockYCbCr(buffer, usage, region, fence, with(told, answer));
     }
 
     Return<void> unlock(void* buffer, typename IMapper::unlock_cb answer) override {
-        const int told = pause();
-        mReal->unlock(buffer, [&](Error answered, const Handle& fence) {
-            if (told >= 0)
-                answer(told > 0 ? Error(told) : answered,
-                       releaseFence.getNativeHandle() != nullptr ? releaseFence : fence);
+        const int told = ask();
+        mReal->unlock(buffer, [&](Error answered, const Handle& /*fence*/) {
+            if (told >= 0) with(told, answer)(answered, releaseFence);
         });
         return statusOf(told);
     }
 
 private:
-    int pause() {
+    int ask() {
         if (const auto once = std::exchange(during, nullptr)) once();
         return fault ? fault() : 0;
     }
-    int pauseIn(uint64_t usage, const Rect& region, const Handle& fence) {
-        locked = {
-            static_cast<int64_t>(usage),       region.left, region.top, region.width, region.height,
-            fence.getNativeHandle() != nullptr};
-        return pause();
+    int askIn(uint64_t usage, const Rect& region, const Handle& fence) {
+        const auto [left, top, width, height] = region;
+        locked = {static_cast<int64_t>(usage),       left, top, width, height,
+                  fence.getNativeHandle() != nullptr};
+        return ask();
+    }
+    template <typename Answer>
+    static auto with(int told, const Answer& answer) {
+        return [=](Error answered, const auto&... rest) {
+            answer(told > 0 ? Error(told) : answered, rest...);
+        };
     }
     static android::hardware::Status statusOf(int told) {
         using android::hardware::Status;
