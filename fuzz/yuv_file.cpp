@@ -24,13 +24,9 @@ using kit::FrameSize;
 using testing_support::Lines;
 
 constexpr const char* kNoFile = "E file  open failed, error - No such file or directory \n";
-constexpr const char* kNoHandle = "E  Invalid handle \n";
 
-FrameSize sizeFrom(FuzzedDataProvider& data) {
-    const FrameSize limits[] = {{65536, 65536}, {1, INT32_MAX / 3 + 1}, {-6, -6}};
-    const auto kind = data.ConsumeIntegral<uint8_t>();
-    if (kind < 3) return limits[kind];
-    return {data.ConsumeIntegralInRange(0, 40), data.ConsumeIntegralInRange(0, 40)};
+FrameSize sizeFrom(FuzzedDataProvider& data, int least) {
+    return {data.ConsumeIntegralInRange(least, 40), data.ConsumeIntegralInRange(least, 40)};
 }
 
 std::string textOf(FrameSize size) {
@@ -67,19 +63,30 @@ public:
                              : kNoFile});
     }
 
+    /** A buffer, itself or by its handle, or once more what the frame memory has. */
     void put() {
-        const host::Buffer buffer = newBuffer();
-        auto [status, lines, taken] = attempt(buffer);
-        if (lines.empty() && !mIsFrames) lines = {kNoFile};
-        if (lines.empty() && taken.bytes() > mMemory.size())
-            lines = {"E frame is too large: " + textOf(taken) + ", file " + textOf(mSize) + " \n"};
-        expectLog(lines);
-        const int expected = lines.empty() ? static_cast<int>(mMemory.size()) : -1;
-        fuzz::expect(status == expected, "another status than there has to be");
-        if (!lines.empty()) return;
-        pack(taken, buffer);
-        if (!std::exchange(mIsOpen, true)) mFile.clear();
-        mFile.insert(mFile.end(), mMemory.begin(), mMemory.end());
+        const bool isByHandle = mData.ConsumeBool(), isAgain = mData.ConsumeBool();
+        FrameSize size = mIsFrames && mData.ConsumeBool() ? mSize : sizeFrom(mData, 1);
+        if (isByHandle && mIsFrames)
+            size = {std::min(size.width, mSize.width), std::min(size.height, mSize.height)};
+        const auto padded = static_cast<uint32_t>(size.width + mData.ConsumeIntegralInRange(0, 9));
+        const auto order = static_cast<host::ChromaOrder>(mData.ConsumeBool());
+        const host::Buffer buffer = kit::allocate(size, {0, 0, padded, 0, order});
+        const kit::Frame frame = kit::patternOf(size, mData.ConsumeIntegral<uint8_t>());
+        kit::fill(buffer, frame);
+        auto* const handle = const_cast<native_handle_t*>(buffer.handle());
+        const sp<GraphicBuffer> wrapped =
+            new GraphicBuffer(handle, GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
+                              buffer.geometry().height, 35, 1, 0x33, 0);
+        Lines lines;
+        if (isByHandle && (!mIsFrames || size.width < mSize.width || size.height < mSize.height))
+            lines = {"E Failed to get Graphics buffer \n"};
+        else if (!isByHandle && !mIsFrames)
+            lines = {"E Invalid params: buffer((nil)) \n", "E Failed to from Graphics buffer \n"};
+        else if (frame.size() > mMemory.size())
+            lines = {"E frame is too large: " + textOf(size) + ", file " + textOf(mSize) + " \n"};
+        expectPut(isByHandle ? mYuv.putFrame(handle) : mYuv.putFrame(wrapped), lines, frame);
+        if (isAgain) expectPut(mYuv.putFrame(), mIsFrames ? Lines() : Lines{kNoFile}, {});
     }
 
     void end(bool isReading) {
@@ -91,92 +98,22 @@ public:
     }
 
 private:
-    /** One form of putFrame(): its answer, how it refuses what it is given, of which size it is. */
-    struct Attempt {
-        int status;
-        Lines refusal;
-        FrameSize taken;
-    };
-
     void expectLog(const Lines& lines) {
         fuzz::expect(mLog.take("zoruutil") == lines, "the log says something else");
     }
-
-    /** What this frame leaves in the frame memory, the rest of which stays. */
-    void pack(FrameSize size, const host::Buffer& buffer) {
-        auto to = mMemory.begin();
-        const auto height = static_cast<uint32_t>(size.height);
-        for (uint32_t y = 0; y < size.rows(); ++y)
-            to = std::copy_n(y < height ? buffer.lumaRow(y) : buffer.chromaRow(y - height),
-                             size.width, to);
-    }
-
-    /** Of this file's size, or of any. */
-    host::Buffer newBuffer() {
-        FrameSize size = {mData.ConsumeIntegralInRange(1, 40), mData.ConsumeIntegralInRange(1, 40)};
-        if (mIsFrames && mData.ConsumeBool()) size = mSize;
-        host::BufferGeometry geometry;
-        geometry.stride = static_cast<uint32_t>((size.width + 1) / 2 * 2) +
-                          2 * mData.ConsumeIntegralInRange(0U, 9U);
-        if (mData.ConsumeBool()) geometry.order = host::ChromaOrder::CrFirst;
-        host::Buffer buffer = kit::allocate(size, geometry);
-        const kit::Frame noise =
-            kit::patternOf({static_cast<int>(buffer.size()), 1}, mData.ConsumeIntegral<uint8_t>());
-        std::copy(noise.begin(), noise.end(), buffer.bytes());
-        return buffer;
-    }
-
-    Attempt attempt(const host::Buffer& buffer) {
-        const FrameSize size = kit::sizeOf(buffer);
-        const sp<GraphicBuffer> wrapped =
-            new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
-                              buffer.geometry().height, 35, 1, 0x33, 0);
-        auto* const handle = const_cast<native_handle_t*>(buffer.handle());
-        // A larger buffer is taken for one of the file's size.
-        const bool isLarge = mIsFrames && size.width >= mSize.width && size.height >= mSize.height;
-        Lines lines;
-        switch (mData.ConsumeIntegralInRange(0, 5)) {
-            case 0:
-                return {mYuv.putFrame(), {}, {}};
-            case 1:
-                return {mYuv.putFrame(sp<GraphicBuffer>()), {"E invalid Graphics buffer \n"}, {}};
-            case 2:
-                return {mYuv.putFrame(static_cast<native_handle*>(nullptr)), {kNoHandle}, {}};
-            case 3:
-                if (!isLarge) lines = {"E Failed to get Graphics buffer \n"};
-                return {mYuv.putFrame(handle), lines, mSize};
-            case 4:
-                if (!mIsFrames)
-                    lines = {"E Invalid params: buffer((nil)) \n",
-                             "E Failed to from Graphics buffer \n"};
-                return {mYuv.putFrame(wrapped), lines, size};
-            default:
-                return putRecord(buffer, size);
-        }
-    }
-    Attempt putRecord(const host::Buffer& buffer, FrameSize size) {
-        // None without an extent, or with a product of 0 in 32 bits.
-        const FrameSize claims[] = {size, size, size, {65536, 65536}, {-6, -6}, {0, 3}, {3, 0}};
-        const FrameSize claim = mData.PickValueInArray(claims);
-        zoru_ycbcr frame(buffer.bytes(), claim.width, claim.height);
-        frame.cb = buffer.chromaRow(0);
-        frame.cr = buffer.chromaRow(0) + 1;
-        if (buffer.geometry().order == host::ChromaOrder::CrFirst) std::swap(frame.cb, frame.cr);
-        frame.ystride = buffer.geometry().stride;
-        frame.cstride = buffer.geometry().chromaStride;
-        void** const planes[] = {&frame.y, &frame.cb, &frame.cr};
-        const auto lost = mData.ConsumeIntegralInRange<size_t>(0, 12);
-        if (lost < 3) *planes[lost] = nullptr;
-        const bool isTaken = mIsFrames && lost >= 3;
-        const bool hasRows = claim.width >= 1 && claim.height >= 1;
-        return {mYuv.putFrame(frame), isTaken ? Lines() : Lines{kNoHandle},
-                hasRows ? claim : FrameSize{}};
+    void expectPut(int status, const Lines& lines, const kit::Frame& frame) {
+        expectLog(lines);
+        const int expected = lines.empty() ? static_cast<int>(mMemory.size()) : -1;
+        fuzz::expect(status == expected, "another status than there has to be");
+        if (!lines.empty()) return;
+        std::copy(frame.begin(), frame.end(), mMemory.begin());  // the rest of it stays
+        if (!std::exchange(mIsOpen, true)) mFile.clear();
+        mFile.insert(mFile.end(), mMemory.begin(), mMemory.end());
     }
 
     FuzzedDataProvider& mData;
     const FrameSize mSize;
-    const bool mIsFrames =
-        std::min(mSize.width, mSize.height) >= 1 && std::max(mSize.width, mSize.height) <= 40;
+    const bool mIsFrames = std::min(mSize.width, mSize.height) > 0;
     const host::UniqueFd mFd{memfd_create("file", MFD_CLOEXEC)};
     testing_support::LogLines mLog;
     YUVFile mYuv{("/proc/self/fd/" + std::to_string(mFd.get())).c_str(), mSize.width, mSize.height};
@@ -194,7 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     const host::MapperCounters counted = host::mapperCounters();
     {
         const bool isReading = data.ConsumeBool();
-        Play play(data, sizeFrom(data));
+        Play play(data, sizeFrom(data, 0));
         for (int steps = 0; data.remaining_bytes() > 0 && steps < 32; ++steps) {
             isReading ? play.get() : play.put();
             if (isReading && data.ConsumeIntegral<uint8_t>() < 16) play.putInVain();

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "YUVFile.h"
 #include "support/session_fixture.h"
@@ -35,9 +37,8 @@ struct YuvFileTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(YuvFileTest, TellsWhyNothingIsReadOrWritten) {
+TEST_F(YuvFileTest, OpensAFileForReadingOnlyAndTriesAgain) {
     EXPECT_NE(YUVFile("/proc/self/exe", 2, 2).getFrame(), nullptr);  // nobody may write it
-    const YUVFile large(path.c_str(), 1, INT32_MAX / 3);             // the largest one there is
     // Of a path the first 255 characters count.
     const std::string kept =
         folder.path().string() + std::string(255 - path.size(), '/') + "/frames";
@@ -52,17 +53,53 @@ TEST_F(YuvFileTest, TellsWhyNothingIsReadOrWritten) {
     close(ends[1]);
     EXPECT_EQ(pipe.getFrame(), nullptr);
     close(ends[0]);
-    EXPECT_EQ(YUVFile(nullptr, 2, 3).putFrame(), -1);
+    EXPECT_EQ(said(),
+              (Lines{"E file " + kept + " open failed, error - No such file or directory \n",
+                     "E file reading failed, status - 0 error - Illegal seek \n"}));
+}
+
+TEST_F(YuvFileTest, TellsWhyNothingWasWritten) {
+    // With a product of 0, or over 31 bits.
+    for (const auto& [width, height] :
+         {std::pair(65536, 65536), {-6, -6}, {1, INT32_MAX / 3 + 1}, {1, INT32_MAX / 3}})
+        YUVFile(path.c_str(), width, height);
+    EXPECT_EQ(said().size(), 3U);
+    YUVFile none(nullptr, 2, 3);
+    EXPECT_EQ(none.putFrame(), -1);
+    EXPECT_EQ(none.putFrame(sp<GraphicBuffer>()), -1);
+    EXPECT_EQ(none.putFrame(static_cast<native_handle*>(nullptr)), -1);
     YUVFile full("/dev/full", 2, 2);
     EXPECT_EQ(full.putFrame(), -1);
     EXPECT_EQ(full.putFrame(wrap(allocate(2, 2), 0)), -1);
     EXPECT_EQ(said(),
-              (Lines{"E file " + kept + " open failed, error - No such file or directory \n",
-                     "E file reading failed, status - 0 error - Illegal seek \n",
-                     "E invalid args: inFile((nil)) width(2) height(3) \n",
+              (Lines{"E invalid args: inFile((nil)) width(2) height(3) \n",
                      "E file  open failed, error - No such file or directory \n",
+                     "E invalid Graphics buffer \n", "E  Invalid handle \n",
                      "E file writing failed, status - 6 error - No space left on device \n",
                      "E lockYCbCr failed, error (3) \n", "E Failed to from Graphics buffer \n"}));
+}
+
+TEST_F(YuvFileTest, TakesADescribedFrameThatFits) {
+    YUVFile none(nullptr, 4, 4), file(path.c_str(), 4, 4);
+    log.clear();
+    std::vector<uint8_t> memory(128 * 48);
+    zoru_ycbcr frame(memory.data(), 4, 4);
+    EXPECT_EQ(none.putFrame(frame), -1);
+    for (void** const plane : {&frame.y, &frame.cb, &frame.cr}) {
+        void* const kept = std::exchange(*plane, nullptr);
+        EXPECT_EQ(file.putFrame(frame), -1);
+        *plane = kept;
+    }
+    EXPECT_EQ(said(), Lines(4, "E  Invalid handle \n"));
+    // One without an extent has no rows.
+    const int rows[][3] = {{4, 4, 24},   {2, 9, -1}, {5, 4, -1}, {65536, 65536, -1},
+                           {-6, -6, 24}, {0, 3, 24}, {3, 0, 24}};
+    for (const auto& [width, height, status] : rows) {
+        frame.width = width;
+        frame.height = height;
+        EXPECT_EQ(file.putFrame(frame), status);
+        EXPECT_EQ(said().size(), status < 0 ? 1U : 0U);
+    }
 }
 
 TEST_F(YuvFileTest, PlaysOnWhenItsFileHasShrunkAndGrown) {
@@ -72,10 +109,10 @@ TEST_F(YuvFileTest, PlaysOnWhenItsFileHasShrunkAndGrown) {
         YUVFile file(path.c_str(), 64, 64);
         EXPECT_NE(file.getFrame(), nullptr);
         std::filesystem::resize_file(path, left);
+        // What the stream had read ahead may still make a frame, once.
         for (int i = 0; i < 3; ++i) {
             const uint8_t* const frame = file.getFrame();
             EXPECT_EQ(said().size(), frame == nullptr ? 1U : 0U) << left;
-            // What the stream had read ahead may still make a frame.
             EXPECT_TRUE(i == 0 || (frame != nullptr) == (left >= kBytes)) << left;
             EXPECT_TRUE(frame == nullptr || std::count(frame, frame + kBytes, *frame) == kBytes);
         }
