@@ -1,0 +1,225 @@
+// What the copies of frames and the raw YUV file refuse, and say. What they move is in the pixels'
+// test and the raw file's fuzzer.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "YUVFile.h"
+#include "ZoruUtil.h"
+#include "host/mapper.h"
+#include "support/session_fixture.h"
+#include "temporary_folder.h"
+
+namespace testing_support {
+
+namespace {
+
+constexpr int kBytes = 6144;  // of 64 x 64: more than a stream reads ahead
+
+void write(const std::string& path, const std::string& bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+struct UtilTest : public testing::Test {
+    Lines said() { return log.take("zoruutil"); }
+    void fails(int result, const std::string& line) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(said(), Lines{line});
+    }
+    static sp<GraphicBuffer> bufferOf(uint32_t width, uint32_t height, uint32_t chromaStep) {
+        return wrap(allocate(width, height, {0, 0, 0, 0, host::ChromaOrder::CbFirst, chromaStep}));
+    }
+
+    LogLines log;
+    const kit::TemporaryFolder folder;
+    const std::string path = folder / "frames";
+    const sp<GraphicBuffer> good = bufferOf(8, 4, 2);
+    const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);  // no processor usage
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(128 * 32 * 2);
+    uint8_t* const memory = bytes.data();
+    zoru_ycbcr frame{memory, 8, 4};
+};
+
+}  // namespace
+
+TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
+    const host::MapperCounters before = host::mapperCounters();
+    const sp<GraphicBuffer> planar = bufferOf(8, 4, 1);
+    const std::string unhandled = "E 420 planar format is not handled \n";
+    fails(ZoruUtil::copyTo(nullptr, good), "E Invalid params: buffer((nil)) \n");
+    fails(ZoruUtil::copyTo(memory, planar), unhandled);
+    fails(ZoruUtil::copy(good, planar), unhandled);
+    fails(ZoruUtil::copy(planar, good), unhandled);
+    fails(ZoruUtil::copy(planar, frame), unhandled);
+    frame.chroma_step = 1;
+    fails(ZoruUtil::copy(good, frame), unhandled);
+    fails(ZoruUtil::copy(good, bufferOf(4, 4, 2)),
+          "E source is smaller: width(4) height(4), not width(8) height(4) \n");
+    fails(ZoruUtil::copy(good, bufferOf(8, 2, 2)),
+          "E source is smaller: width(8) height(2), not width(8) height(4) \n");
+    // Where it begins is known to a page.
+    EXPECT_EQ(ZoruUtil::copyFrom(memory, bufferOf(8, 4, 4)), -1);
+    const std::regex line(
+        "E  unhanlded buffer format: y\\(0x\\w+000\\) cb\\(0x\\w+020\\) cr\\(0x\\w+021\\) ystride\\(8\\) cstride\\(16\\) chroma_step\\(4\\) \n");
+    EXPECT_TRUE(std::regex_match(said().at(0), line));
+    fails(ZoruUtil::copyFrom(memory, closed), "E lockYCbCr failed, error (3) \n");
+    fails(ZoruUtil::copyTo(memory, closed), "E lockYCbCr failed, error(3) \n");
+    fails(ZoruUtil::copy(good, closed), "E 325:lock failed, error (3) \n");
+    fails(ZoruUtil::copy(closed, good), "E 332:lock failed, error (3) \n");
+    fails(ZoruUtil::copy(closed, frame), "E copy:379: lockYCbCr failed, error (3) \n");
+    // A failed unlock alone: told by copyFrom and copyTo, ignored by both copies.
+    frame.chroma_step = 2;
+    host::failNextUnlock(-8);
+    fails(ZoruUtil::copyFrom(memory, good), "E unlock failed, error (-8) \n");
+    host::failNextUnlock(-8);
+    fails(ZoruUtil::copyTo(memory, good), "E unlock failed, error(-8) \n");
+    host::failNextUnlock(-8);
+    EXPECT_EQ(ZoruUtil::copy(good, good), 0);
+    host::failNextUnlock(-8);
+    EXPECT_EQ(ZoruUtil::copy(good, frame), 0);
+    // No buffer stays locked, and none is unlocked in vain.
+    const host::MapperCounters now = host::mapperCounters();
+    EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks);
+    EXPECT_EQ(now.refusals - before.refusals, 5);
+}
+
+TEST_F(UtilTest, TellsWhyNothingWasWritten) {
+    YUVFile none(nullptr, 2, 3), full("/dev/full", 2, 2);
+    EXPECT_EQ(said(), Lines{"E invalid args: inFile((nil)) width(2) height(3) \n"});
+    fails(none.putFrame(), "E file  open failed, error - No such file or directory \n");
+    fails(none.putFrame(sp<GraphicBuffer>()), "E invalid Graphics buffer \n");
+    fails(none.putFrame(static_cast<native_handle*>(nullptr)), "E  Invalid handle \n");
+    fails(none.putFrame(frame), "E  Invalid handle \n");
+    fails(full.putFrame(), "E file writing failed, status - 6 error - No space left on device \n");
+    EXPECT_EQ(YUVFile(path.c_str(), 8, 4).putFrame(closed), -1);
+    EXPECT_EQ(said(),
+              (Lines{"E lockYCbCr failed, error (3) \n", "E Failed to from Graphics buffer \n"}));
+    // With a product of 0, or over 31 bits, or just not.
+    for (const auto& [width, height] :
+         {std::pair(65536, 65536), {-6, -6}, {1, INT32_MAX / 3 + 1}, {1, INT32_MAX / 3}})
+        YUVFile(path.c_str(), width, height);
+    EXPECT_EQ(said().size(), 3U);
+}
+
+TEST_F(UtilTest, TakesADescribedFrameThatFitsAndHasAddresses) {
+    YUVFile file(path.c_str(), 4, 4);
+    const std::string invalid = "E copy:372: Invalid args \n";
+    fails(ZoruUtil::copy(nullptr, frame), invalid);
+    for (void** const plane : {&frame.y, &frame.cb, &frame.cr}) {
+        void* const kept = std::exchange(*plane, nullptr);
+        fails(ZoruUtil::copy(good, frame), invalid);
+        fails(file.putFrame(frame), "E  Invalid handle \n");
+        *plane = kept;
+    }
+    EXPECT_EQ(zoru_ycbcr(nullptr, 16, 16).cb, nullptr);
+    // Negative, or over 32 bits.
+    for (const auto& [width, height] :
+         {std::pair(200, -100), {-200, -100}, {65536, 65536}, {INT32_MAX, 1}}) {
+        const zoru_ycbcr impossible(memory, width, height);
+        EXPECT_TRUE(impossible.cb == nullptr && impossible.cr == nullptr);
+    }
+    // One without an extent has no rows.
+    const int rows[][3] = {{4, 4, 24},   {2, 9, -1}, {5, 4, -1}, {65536, 65536, -1},
+                           {-6, -6, 24}, {0, 3, 24}, {3, 0, 24}};
+    for (const auto& [width, height, status] : rows) {
+        frame.width = width;
+        frame.height = height;
+        EXPECT_EQ(file.putFrame(frame), status);
+        EXPECT_EQ(said().size(), status < 0 ? 1U : 0U);
+    }
+}
+
+TEST_F(UtilTest, OpensAFileForReadingOnlyAndTriesAgain) {
+    EXPECT_NE(YUVFile("/proc/self/exe", 2, 2).getFrame(), nullptr);  // nobody may write it
+    // Of a path the first 255 characters count.
+    const std::string kept =
+        folder.path().string() + std::string(255 - path.size(), '/') + "/frames";
+    YUVFile later((kept + std::string(45, 'x')).c_str(), 2, 2);
+    EXPECT_EQ(later.getFrame(), nullptr);
+    write(path, "123456");
+    EXPECT_NE(later.getFrame(), nullptr);
+    // A pipe has no beginning to play from again.
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    YUVFile pipe(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), 2, 2);
+    close(ends[1]);
+    EXPECT_EQ(pipe.getFrame(), nullptr);
+    close(ends[0]);
+    EXPECT_EQ(said(),
+              (Lines{"E file " + kept + " open failed, error - No such file or directory \n",
+                     "E file reading failed, status - 0 error - Illegal seek \n"}));
+}
+
+TEST_F(UtilTest, PlaysOnWhenItsFileHasShrunkAndGrown) {
+    const std::string frames = std::string(kBytes, 'a') + std::string(kBytes, 'b');
+    for (size_t left = 0; left <= frames.size(); left += 1024) {
+        write(path, frames);
+        YUVFile file(path.c_str(), 64, 64);
+        EXPECT_NE(file.getFrame(), nullptr);
+        std::filesystem::resize_file(path, left);
+        // What the stream had read ahead may still make a frame, once.
+        for (int i = 0; i < 3; ++i) {
+            const uint8_t* const played = file.getFrame();
+            EXPECT_EQ(said().size(), played == nullptr ? 1U : 0U) << left;
+            EXPECT_TRUE(i == 0 || (played != nullptr) == (left >= kBytes)) << left;
+            EXPECT_TRUE(played == nullptr ||
+                        std::count(played, played + kBytes, *played) == kBytes);
+        }
+        write(path, frames);
+        EXPECT_NE(file.getFrame(), nullptr) << left;
+    }
+}
+
+TEST_F(UtilTest, WritesOnWhenTheDiskWasFull) {
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit before = {};
+    getrlimit(RLIMIT_FSIZE, &before);
+    for (rlim_t room = 0; room <= 3 * kBytes; room += 512) {
+        YUVFile file(path.c_str(), 64, 64);
+        const rlimit little = {room, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &little);
+        for (rlim_t i = 1; i <= 4; ++i) {
+            const bool fits = i * kBytes <= room;
+            EXPECT_EQ(file.putFrame(), fits ? kBytes : -1) << room;
+            EXPECT_EQ(said().size(), fits ? 0U : 1U) << room;
+        }
+        setrlimit(RLIMIT_FSIZE, &before);
+        EXPECT_EQ(file.putFrame(), kBytes);
+    }
+    signal(SIGXFSZ, SIG_DFL);
+}
+
+TEST_F(UtilTest, DumpsRequestsAndConfigurations) {
+    CaptureRequest request = requestFor(7, UINT64_MAX, nullptr, -3);
+    request.outputBuffers.resize(2);
+    ZoruUtil::dumpCaptureRequest(request);
+    StreamConfiguration configuration = configurationOf(2, 1280, 720);
+    configuration.streams.resize(2);
+    ZoruUtil::dumpConfiguration(configuration);
+    EXPECT_EQ(
+        said(),
+        (Lines{
+            "I dumpCaptureRequest: dumping received capture reqest:  \n",
+            "I dumpCaptureRequest: frameNumber(7)  \n",
+            "I dumpCaptureRequest: outputBuffersCount(2)  \n",
+            "I dumpCaptureRequest: streamId(-3) bufferId(18446744073709551615) \n",
+            "I dumpCaptureRequest: streamId(0) bufferId(0) \n",
+            "I dumpConfiguration: dumping stream configuration:  \n",
+            "I dumpConfiguration: operationMode(32769)  \n",
+            "I dumpConfiguration: streamsCount(2)  \n",
+            "I dumpConfiguration: streamId(2) streamType(1) width(1280) height(720) format(0x23) usage(0x33) rotation(3)\n",
+            "I dumpConfiguration: streamId(0) streamType(0) width(0) height(0) format(0x0) usage(0x0) rotation(0)\n"}));
+}
+
+}  // namespace testing_support
