@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <memory>
 #include <tuple>
 #include <vector>
 
@@ -23,22 +22,20 @@ namespace {
 
 using host::detail::MapperLayout;
 using Error = host::detail::MapperError;
-using Size = const int64_t;
 
 constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
 constexpr int kVersion = sizeof(native_handle_t);
 constexpr int kMost = host::kMaxBufferBytes;
-constexpr unsigned kMemory = MFD_CLOEXEC | MFD_ALLOW_SEALING;
 
 bool isWithin(int64_t value, int64_t least, int64_t most) {
     return value >= least && value <= most;
 }
 
-/** What a handle claims, by the format's description; a width of 0 when it is no buffer's. */
+/** What a handle claims, by the format's description; a total of 0 when it is no buffer's. */
 struct Claim {
-    int64_t width = 0, height = 0, stride = 0, chromaStride = 0, step = 0;
-    int64_t cb = 0, cr = 0, total = 0;  ///< where they begin, and the end
+    int64_t width = 0, height = 0, stride = 0, chromaStride = 0, step = 0, cb = 0, cr = 0,
+            total = 0;
 };
 
 Claim claimOf(const native_handle_t* handle) {
@@ -63,16 +60,9 @@ Claim claimOf(const native_handle_t* handle) {
     return {width, height, stride, row, step, cb, first + second - cb, total};
 }
 
-/** The client's memory, and the newest mapping that is to be of it. */
-struct Memory {
-    const host::UniqueFd fd;
-    std::weak_ptr<Size> mapped;
-};
-
 struct Import {
     buffer_handle_t handle;
-    Memory* memory;
-    std::shared_ptr<Size> mapping;
+    int file;
     Claim claim;
     int locks;
 };
@@ -87,24 +77,20 @@ public:
             if (kind < 2 || mImports.empty())
                 mImports.size() < 8 ? import() : free();
             else if (kind == 2)
-                change(*pick(mImports).memory, mData.ConsumeIntegralInRange(0, kMost));
+                change(pick(mImports).file, mData.ConsumeIntegralInRange(0, kMost));
             else if (kind < 5)
                 lock(pick(mImports), kind == 3);
             else
                 kind == 5 ? unlock(pick(mImports)) : free();
-            expectCounts();
         }
         while (!mImports.empty())
             free();
-        expectCounts();
+        host::MapperCounters now = host::mapperCounters();
+        now.maps = mCounts.maps;
+        fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or a mapping left");
     }
 
 private:
-    void expectCounts() {
-        host::MapperCounters now = host::mapperCounters();
-        if (!mImports.empty()) now.mappings = mCounts.mappings;  // in the end none is left
-        fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or mapping");
-    }
     /** Also how it is counted. Whether it was granted. */
     bool expectAnswer(Error answer, Error expected, int64_t& granted) {
         fuzz::expect(answer == expected, "a wrong answer");
@@ -122,12 +108,11 @@ private:
     }
 
     /** Which a seal, or having none, may forbid. */
-    void change(Memory& memory, int64_t size) {
-        const int fd = memory.fd.get();
-        (void)!ftruncate(fd, nearly(size, {size - 1, size + 5000, kMost - 1, kMost, kMost + 1}));
-        fcntl(fd, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_GROW, F_SEAL_SEAL, 6, 10, 18}));
+    void change(int file, int64_t size) {
+        (void)!ftruncate(file, nearly(size, {size - 1, size + 5000, kMost - 1, kMost, kMost + 1}));
+        fcntl(file, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_GROW, F_SEAL_SEAL}));
         if (mData.ConsumeIntegral<uint8_t>() < 32)
-            fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
+            fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
     }
     /** Of a small buffer, often with a word or two at a limit. */
     host::UniqueHandle forge() {
@@ -142,8 +127,6 @@ private:
                               row, row + 3, 1 << 15, 1 << 20, 32769, 1048577};
         for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others)
             pick(words) = mData.ConsumeBool() ? pick(limits) : mData.ConsumeIntegral<int>();
-        if (mData.ConsumeIntegral<uint8_t>() < 8)  // of just the most bytes, or more
-            words = {kMagic, 2, 255, 1 << 20, 8192 + mData.ConsumeIntegralInRange(0, 1), 0, 2};
         std::copy_n(words.begin(), std::min(handle->numInts, kWords),
                     &handle->data[handle->numFds]);
         return handle;
@@ -151,41 +134,35 @@ private:
 
     void import() {
         if (!mImports.empty() && mData.ConsumeBool()) {
-            const Import& known = pick(mImports);
-            return import(known.handle, *known.memory);
+            const Import known = pick(mImports);
+            return import(known.handle, known.file);
         }
-        Memory& memory = pick(mMemories);
-        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, memory);
+        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, 0);
         const host::UniqueHandle forged = forge();
-        if (mData.ConsumeBool()) change(memory, claimOf(forged.get()).total);
+        const int file = pick(mFiles).get();
+        if (mData.ConsumeBool()) change(file, claimOf(forged.get()).total);
         std::generate_n(&forged->data[0], forged->numFds,
-                        [&memory] { return fcntl(memory.fd.get(), F_DUPFD_CLOEXEC, 0); });
-        import(forged.get(), memory);
+                        [file] { return fcntl(file, F_DUPFD_CLOEXEC, 0); });
+        import(forged.get(), file);
         forged->version = kVersion;  // else it would not be closed
     }
-    void import(buffer_handle_t raw, Memory& memory) {
-        Import made = {nullptr, &memory, nullptr, claimOf(raw), 0};
-        const bool isSame = host::claimedBytes(raw) == static_cast<uint64_t>(made.claim.total);
-        fuzz::expect(isSame, "another claim");
-        const Error expected = map(made);
-        if (expectAnswer(mMapper.import(raw, made.handle), expected, mCounts.imports)) {
-            fuzz::expect(made.handle != nullptr && made.handle != raw, "no handle, or the same");
-            mImports.push_back(made);
-        }
-    }
-    /** As the mapper is to: memory that is known is not mapped again. */
-    Error map(Import& made) {
-        const int seals = fcntl(made.memory->fd.get(), F_GET_SEALS);
-        const off_t size = lseek(made.memory->fd.get(), 0, SEEK_END);
-        if (made.claim.width == 0 || seals < 0 || (seals & F_SEAL_SHRINK) == 0 ||
-            !isWithin(size, made.claim.total, kMost))
-            return Error::BAD_BUFFER;
-        made.mapping = made.memory->mapped.lock();
-        if (made.mapping != nullptr && *made.mapping >= made.claim.total) return Error::NONE;
-        if ((seals & (F_SEAL_WRITE | F_SEAL_FUTURE_WRITE)) != 0) return Error::BAD_BUFFER;
-        made.memory->mapped = made.mapping = std::make_shared<Size>(size);
-        ++mCounts.maps;
-        return Error::NONE;
+    void import(buffer_handle_t raw, int file) {
+        Import made = {nullptr, file, claimOf(raw), 0};
+        const int64_t total = made.claim.total;
+        fuzz::expect(host::claimedBytes(raw) == static_cast<uint64_t>(total), "another claim");
+        const int seals = fcntl(file, F_GET_SEALS);
+        const bool isBuffer = total > 0 && seals >= 0 && (seals & F_SEAL_SHRINK) != 0 &&
+                              isWithin(lseek(file, 0, SEEK_END), total, kMost);
+        const Error expected = isBuffer ? Error::NONE : Error::BAD_BUFFER;
+        if (!expectAnswer(mMapper.import(raw, made.handle), expected, mCounts.imports)) return;
+        mImports.push_back(made);
+        // Memory that is known is not mapped again.
+        const int64_t maps = host::mapperCounters().maps;
+        buffer_handle_t again = nullptr;
+        expectAnswer(mMapper.import(made.handle, again), Error::NONE, mCounts.imports);
+        fuzz::expect(made.handle != raw && again != made.handle, "no handle of its own");
+        expectAnswer(mMapper.free(again), Error::NONE, mCounts.frees);
+        fuzz::expect(host::mapperCounters().maps == maps, "it is mapped once more");
     }
 
     void lock(Import& import, bool isPlain) {
@@ -221,7 +198,7 @@ private:
         for (const int64_t at : {int64_t{0}, chroma - 1, chroma, last / 2, last & ~4095L, last}) {
             uint8_t inFile = 0;
             ++bytes[at];
-            const bool isRead = pread(import.memory->fd.get(), &inFile, 1, at) == 1;
+            const bool isRead = pread(import.file, &inFile, 1, at) == 1;
             fuzz::expect(isRead && inFile == bytes[at], "locked memory is not the client's");
         }
     }
@@ -244,11 +221,11 @@ private:
     FuzzedDataProvider& mData;
     host::detail::BufferMapper& mMapper = host::detail::BufferMapper::get();
     host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
-    /** The last one is a file that has no seals. */
-    Memory mMemories[3] = {
-        {host::UniqueFd(memfd_create("one", kMemory)), {}},
-        {host::UniqueFd(memfd_create("other", kMemory)), {}},
-        {host::UniqueFd(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600)), {}}};
+    /** The last one has no seals. */
+    const host::UniqueFd mFiles[3] = {
+        host::UniqueFd(memfd_create("one", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
+        host::UniqueFd(memfd_create("other", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
+        host::UniqueFd(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600))};
     std::vector<Import> mImports;
 };
 

@@ -70,9 +70,55 @@ struct PixelsTest : public testing::TestWithParam<bool> {
         record.cstride = image.geometry().chromaStride;
         return record;
     }
+    /** Often to a file of larger frames, in which the rest stays 0. */
+    void appends(zoru_ycbcr record, FrameSize size, const Bytes& frame) const {
+        const FrameSize whole = {size.width + size.height % 2, size.height + size.width % 2};
+        const std::string path = "/proc/self/fd/" + std::to_string(file.get());
+        const int bytes = whole.width * whole.height * 3 / 2;
+        Bytes expected = frame;
+        expected.resize(static_cast<size_t>(bytes));
+        ASSERT_EQ(YUVFile(path.c_str(), whole.width, whole.height).putFrame(record), bytes);
+        Bytes written(kRoom);
+        ASSERT_EQ(pread(file.get(), written.data(), written.size(), 0), bytes);
+        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), written.begin()));
+    }
     void copiesAndTurns(const host::Buffer& target, const host::Buffer& image, FrameSize size,
-                        bool atEnd) const;
-    void appends(zoru_ycbcr record, FrameSize size, const Bytes& frame) const;
+                        bool atEnd) const {
+        const Bytes frame(frames.begin(),
+                          frames.begin() + static_cast<std::ptrdiff_t>(size.bytes()));
+        const sp<GraphicBuffer> wrapped = wrap(target);
+        wrapped->height = size.height;
+        cover(image);
+        put(image, frame, size);
+        const auto arrives = [&](int status) {
+            const bool isSame =
+                std::equal(image.bytes(), image.bytes() + wholePages(image), target.bytes());
+            cover(target);
+            return status == 0 && isSame;
+        };
+        uint8_t* const packed = guarded.place(frame.size(), atEnd);
+        std::copy(frame.begin(), frame.end(), packed);
+        ASSERT_TRUE(arrives(ZoruUtil::copyTo(packed, wrapped)));
+        put(source, frame, size);
+        ASSERT_TRUE(arrives(ZoruUtil::copy(wrapped, wrappedSource)));
+        ASSERT_EQ(ZoruUtil::copy(wrappedSource, wrapped), -1);  // it is smaller
+        zoru_ycbcr record = recordOf(image, size, atEnd);
+        appends(record, size, frame);
+        // The claim is larger in one direction and smaller in the other.
+        record.width = kMost + 1 - size.width;
+        record.height = size.width;
+        ASSERT_TRUE(arrives(ZoruUtil::copy(wrapped, record)));
+
+        put(target, frame, size);
+        Bytes memory = noise;
+        std::copy(noise.begin(), noise.end(), guarded.begin());
+        std::copy(frame.begin(), frame.end(), memory.begin() + (packed - guarded.begin()));
+        ASSERT_EQ(ZoruUtil::copyFrom(packed, wrapped), 0);
+        ASSERT_TRUE(std::equal(memory.begin(), memory.end(), guarded.begin()));
+        rotate180(wrapped);
+        put(image, kit::turnedBy180(frame, size), size);
+        ASSERT_TRUE(arrives(0));
+    }
 
     const bool isCrFirst = GetParam();
     const Bytes noise = kit::patternOf({2, kRoom / 3}, 3);
@@ -83,57 +129,6 @@ struct PixelsTest : public testing::TestWithParam<bool> {
     const host::Buffer source = bufferOf({kMost + 1, kMost + 2}, 7, 9, !isCrFirst);
     const sp<GraphicBuffer> wrappedSource = wrap(source);
 };
-
-void PixelsTest::copiesAndTurns(const host::Buffer& target, const host::Buffer& image,
-                                FrameSize size, bool atEnd) const {
-    const Bytes frame(frames.begin(), frames.begin() + static_cast<std::ptrdiff_t>(size.bytes()));
-    const sp<GraphicBuffer> wrapped = new GraphicBuffer(
-        target.handle(), GraphicBuffer::CLONE_HANDLE, static_cast<uint32_t>(size.width),
-        static_cast<uint32_t>(size.height), 35, 1, 0x33, 0);
-    cover(image);
-    put(image, frame, size);
-    const auto arrives = [&](int status) {
-        const bool isSame =
-            std::equal(image.bytes(), image.bytes() + wholePages(image), target.bytes());
-        cover(target);
-        return status == 0 && isSame;
-    };
-    uint8_t* const packed = guarded.place(frame.size(), atEnd);
-    std::copy(frame.begin(), frame.end(), packed);
-    ASSERT_TRUE(arrives(ZoruUtil::copyTo(packed, wrapped)));
-    put(source, frame, size);
-    ASSERT_TRUE(arrives(ZoruUtil::copy(wrapped, wrappedSource)));
-    ASSERT_EQ(ZoruUtil::copy(wrappedSource, wrapped), -1);  // it is smaller
-    zoru_ycbcr record = recordOf(image, size, atEnd);
-    appends(record, size, frame);
-    // The claim is larger in one direction and smaller in the other.
-    record.width = kMost + 1 - size.width;
-    record.height = size.width;
-    ASSERT_TRUE(arrives(ZoruUtil::copy(wrapped, record)));
-
-    put(target, frame, size);
-    Bytes memory = noise;
-    std::copy(noise.begin(), noise.end(), guarded.begin());
-    std::copy(frame.begin(), frame.end(), memory.begin() + (packed - guarded.begin()));
-    ASSERT_EQ(ZoruUtil::copyFrom(packed, wrapped), 0);
-    ASSERT_TRUE(std::equal(memory.begin(), memory.end(), guarded.begin()));
-    rotate180(wrapped);
-    put(image, kit::turnedBy180(frame, size), size);
-    ASSERT_TRUE(arrives(0));
-}
-
-/** Often to a file of larger frames, in which the rest stays 0. */
-void PixelsTest::appends(zoru_ycbcr record, FrameSize size, const Bytes& frame) const {
-    const FrameSize whole = {size.width + size.height % 2, size.height + size.width % 2};
-    const std::string path = "/proc/self/fd/" + std::to_string(file.get());
-    const int bytes = whole.width * whole.height * 3 / 2;
-    Bytes expected = frame;
-    expected.resize(static_cast<size_t>(bytes));
-    ASSERT_EQ(YUVFile(path.c_str(), whole.width, whole.height).putFrame(record), bytes);
-    Bytes written(kRoom);
-    ASSERT_EQ(pread(file.get(), written.data(), written.size(), 0), bytes);
-    ASSERT_TRUE(std::equal(expected.begin(), expected.end(), written.begin()));
-}
 
 }  // namespace
 

@@ -12,30 +12,19 @@
 #include "support/leak_check.h"
 #include "support/spy_mapper.h"
 
-namespace {
-
-/**
- * A sanitizer makes a thread of its own with the first one of the program: that has to be before
- * any count. A joined thread stays in the kernel's list for a moment, so wait until it has left
- * that.
- */
-void startFirstThread() {
-    pid_t id = 0;
-    std::thread([&id] { id = gettid(); }).join();
-    const std::string entry = "/proc/self/task/" + std::to_string(id);
-    while (std::filesystem::exists(entry))
-        std::this_thread::yield();
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
     testing_support::kernel();
-    startFirstThread();
+    // A sanitizer makes a thread of its own with the first one of the program: that has to be
+    // before any count. A joined thread stays in the kernel's list for a moment, so wait until it
+    // has left.
+    pid_t id = 0;
+    std::thread([&id] { id = gettid(); }).join();
+    while (std::filesystem::exists("/proc/self/task/" + std::to_string(id)))
+        std::this_thread::yield();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);
     return RUN_ALL_TESTS();
