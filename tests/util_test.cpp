@@ -149,16 +149,8 @@ TEST_F(UtilTest, OpensAFileForReadingOnlyAndTriesAgain) {
     EXPECT_EQ(later.getFrame(), nullptr);
     write(path, "123456");
     EXPECT_NE(later.getFrame(), nullptr);
-    // A pipe has no beginning to play from again.
-    int ends[2];
-    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    YUVFile pipe(("/proc/self/fd/" + std::to_string(ends[0])).c_str(), 2, 2);
-    close(ends[1]);
-    EXPECT_EQ(pipe.getFrame(), nullptr);
-    close(ends[0]);
     EXPECT_EQ(said(),
-              (Lines{"E file " + kept + " open failed, error - No such file or directory \n",
-                     "E file reading failed, status - 0 error - Illegal seek \n"}));
+              Lines{"E file " + kept + " open failed, error - No such file or directory \n"});
 }
 
 TEST_F(UtilTest, PlaysOnWhenItsFileHasShrunkAndGrown) {
