@@ -11,6 +11,7 @@
 #include <tuple>
 #include <vector>
 
+#include "buffer_format.h"
 #include "buffer_mapper.h"
 #include "host/buffer.h"
 #include "host/mapper.h"
@@ -25,7 +26,8 @@ using Error = host::detail::MapperError;
 
 constexpr int kWords = 9;  // the last two are the usage's
 constexpr int kMagic = 0x46444231;
-constexpr int kVersion = sizeof(native_handle_t);
+constexpr std::tuple<int, int, int> kUsual(sizeof(native_handle_t), 1, kWords);
+constexpr uint32_t kLimits[] = {0, 1, 2, 9, 1 << 15, 32769, 1 << 20, 1048577, UINT32_MAX};
 constexpr int kMost = host::kMaxBufferBytes;
 
 bool isWithin(int64_t value, int64_t least, int64_t most) {
@@ -39,8 +41,7 @@ struct Claim {
 };
 
 Claim claimOf(const native_handle_t* handle) {
-    if (handle == nullptr || std::tuple(handle->version, handle->numFds, handle->numInts) !=
-                                 std::tuple(kVersion, 1, kWords))
+    if (handle == nullptr || std::tie(handle->version, handle->numFds, handle->numInts) != kUsual)
         return {};
     std::array<int64_t, kWords> words = {};
     std::copy_n(&handle->data[1], kWords, words.begin());
@@ -48,15 +49,16 @@ Claim claimOf(const native_handle_t* handle) {
     const int64_t pairs = (width + 1) / 2;
     const int64_t stride = givenStride != 0 ? givenStride : 2 * pairs;
     const int64_t row = givenChroma != 0 ? givenChroma : std::max(stride / 2, pairs) * step;
+    const bool isWithinLimits = magic == kMagic && isWithin(width, 1, 1 << 15) &&
+                                isWithin(height, 1, 1 << 15) && isWithin(step, 1, 8) &&
+                                isWithin(order, 0, 1) && isWithin(stride, width, 1 << 20) &&
+                                givenChroma <= 1 << 20 && row >= pairs * step;
+    if (!isWithinLimits) return {};
     const int64_t first = stride * height, plane = row * ((height + 1) / 2);
     const int64_t second = first + (step == 1 ? plane : 1);
     const int64_t total = first + (step == 1 ? 2 : 1) * plane;
-    const bool isBuffer = magic == kMagic && isWithin(width, 1, 1 << 15) &&
-                          isWithin(height, 1, 1 << 15) && isWithin(step, 1, 8) &&
-                          isWithin(order, 0, 1) && isWithin(stride, width, 1 << 20) &&
-                          givenChroma <= 1 << 20 && row >= pairs * step && total <= kMost;
+    if (total > kMost) return {};
     const int64_t cb = order == 0 ? first : second;
-    if (!isBuffer) return {};
     return {width, height, stride, row, step, cb, first + second - cb, total};
 }
 
@@ -114,37 +116,28 @@ private:
         if (mData.ConsumeIntegral<uint8_t>() < 32)
             fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
     }
-    /** Of a small buffer, often with a word or two at a limit. */
-    host::UniqueHandle forge() {
-        host::UniqueHandle handle(
-            native_handle_create(nearly(1, {0, 2}), nearly(kWords, {kWords - 1, kWords + 1})));
-        handle->version = nearly(kVersion, {kVersion - 1});
-        const int width = mData.ConsumeIntegralInRange(1, 128), row = (width + 1) / 2 * 2;
-        const int height = mData.ConsumeIntegralInRange(1, 128), step = nearly(2, {1, 1, 3, 8});
-        const int order = mData.ConsumeBool() ? 1 : 0, stride = nearly(0, {width, width + 5});
-        std::array<int, kWords> words = {kMagic, width, height, stride, 0, order, step};
-        const int limits[] = {-1,  0,       1,       2,       9,     width - 1, row - 1,
-                              row, row + 3, 1 << 15, 1 << 20, 32769, 1048577};
-        for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others)
-            pick(words) = mData.ConsumeBool() ? pick(limits) : mData.ConsumeIntegral<int>();
-        std::copy_n(words.begin(), std::min(handle->numInts, kWords),
-                    &handle->data[handle->numFds]);
-        return handle;
-    }
-
+    /** Of a small buffer, often with another word, or two, or not the usual counts. */
     void import() {
-        if (!mImports.empty() && mData.ConsumeBool()) {
-            const Import known = pick(mImports);
-            return import(known.handle, known.file);
-        }
         if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, 0);
-        const host::UniqueHandle forged = forge();
+        const auto width = mData.ConsumeIntegralInRange(1U, 128U);
+        const auto height = mData.ConsumeIntegralInRange(1U, 128U);
+        const auto order = static_cast<host::ChromaOrder>(mData.ConsumeBool());
+        const auto step = static_cast<uint32_t>(nearly(2, {1, 1, 3, 8}));
         const int file = pick(mFiles).get();
+        const host::UniqueHandle forged = host::detail::encode(
+            host::UniqueFd(fcntl(file, F_DUPFD_CLOEXEC, 0)), {width, height, 0, 0, order, step});
+        for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others) {
+            const uint32_t words[] = {pick(kLimits),
+                                      width + mData.ConsumeIntegralInRange(0U, 8U) - 2,
+                                      mData.ConsumeIntegral<uint32_t>()};
+            forged->data[mData.ConsumeIntegralInRange(1, kWords)] = static_cast<int>(pick(words));
+        }
+        int* const counts[] = {&forged->version, &forged->numFds, &forged->numInts};
+        if (mData.ConsumeIntegral<uint8_t>() < 32) *pick(counts) += mData.ConsumeBool() ? 1 : -1;
         if (mData.ConsumeBool()) change(file, claimOf(forged.get()).total);
-        std::generate_n(&forged->data[0], forged->numFds,
-                        [file] { return fcntl(file, F_DUPFD_CLOEXEC, 0); });
         import(forged.get(), file);
-        forged->version = kVersion;  // else it would not be closed
+        std::tie(forged->version, forged->numFds, forged->numInts) =
+            kUsual;  // else it would not be closed
     }
     void import(buffer_handle_t raw, int file) {
         Import made = {nullptr, file, claimOf(raw), 0};
@@ -185,22 +178,16 @@ private:
         if (!expectAnswer(answer, expected, mCounts.locks)) return;
         ++import.locks;
         auto* const bytes = static_cast<uint8_t*>(at.y);
-        touch(import, bytes);
+        for (const int64_t place : {int64_t{0}, claim.total / 2, claim.total - 1}) {
+            uint8_t inFile = 0;
+            ++bytes[place];
+            const bool isRead = pread(import.file, &inFile, 1, place) == 1;
+            fuzz::expect(isRead && inFile == bytes[place], "locked memory is not the client's");
+        }
         const std::tuple planes(bytes + claim.cb, bytes + claim.cr, claim.stride,
                                 claim.chromaStride, claim.step);
         const std::tuple said(at.cb, at.cr, at.yStride, at.cStride, at.chromaStep);
         fuzz::expect(isPlain || planes == said, "other planes");
-    }
-    /** A few places of the claim: both ends, where the chroma begins, between. */
-    static void touch(const Import& import, uint8_t* bytes) {
-        const int64_t last = import.claim.total - 1;
-        const int64_t chroma = std::min(import.claim.cb, import.claim.cr);
-        for (const int64_t at : {int64_t{0}, chroma - 1, chroma, last / 2, last & ~4095L, last}) {
-            uint8_t inFile = 0;
-            ++bytes[at];
-            const bool isRead = pread(import.file, &inFile, 1, at) == 1;
-            fuzz::expect(isRead && inFile == bytes[at], "locked memory is not the client's");
-        }
     }
     void unlock(Import& import) {
         const Error expected = import.locks > 0 ? Error::NONE : Error::BAD_BUFFER;

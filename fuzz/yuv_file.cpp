@@ -55,30 +55,23 @@ public:
         fuzz::expect(std::equal(frame, frame + bytes, &mFile[mAt]), "another frame than the next");
         mAt += bytes;
     }
-    /** A buffer, itself or by its handle, or once more what the frame memory has. */
+    /** A buffer's frame, or once more what the frame memory has. */
     void put() {
-        const bool isByHandle = mData.ConsumeBool(), isAgain = mData.ConsumeBool();
-        FrameSize size = mIsFrames && mData.ConsumeBool() ? mSize : sizeFrom(mData, 1);
-        if (isByHandle && mIsFrames)
-            size = {std::min(size.width, mSize.width), std::min(size.height, mSize.height)};
-        const auto padded = static_cast<uint32_t>(size.width + mData.ConsumeIntegralInRange(0, 9));
-        const auto order = static_cast<host::ChromaOrder>(mData.ConsumeBool());
-        const host::Buffer buffer = kit::allocate(size, {0, 0, padded, 0, order});
+        if (mData.ConsumeBool())
+            return expectPut(mYuv.putFrame(), mIsFrames ? Lines() : Lines{kNoFile}, {});
+        const FrameSize size = mIsFrames && mData.ConsumeBool() ? mSize : sizeFrom(mData, 1);
         const kit::Frame frame = kit::patternOf(size, mData.ConsumeIntegral<uint8_t>());
+        const host::Buffer buffer = kit::allocate(size);
         kit::fill(buffer, frame);
-        auto* const handle = const_cast<native_handle_t*>(buffer.handle());
         const sp<GraphicBuffer> wrapped =
-            new GraphicBuffer(handle, GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
+            new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, buffer.geometry().width,
                               buffer.geometry().height, 35, 1, 0x33, 0);
         Lines lines;
-        if (isByHandle && (!mIsFrames || size.width < mSize.width || size.height < mSize.height))
-            lines = {"E Failed to get Graphics buffer \n"};
-        else if (!isByHandle && !mIsFrames)
+        if (!mIsFrames)
             lines = {"E Invalid params: buffer((nil)) \n", "E Failed to from Graphics buffer \n"};
         else if (frame.size() > mMemory.size())
             lines = {"E frame is too large: " + textOf(size) + ", file " + textOf(mSize) + " \n"};
-        expectPut(isByHandle ? mYuv.putFrame(handle) : mYuv.putFrame(wrapped), lines, frame);
-        if (isAgain) expectPut(mYuv.putFrame(), mIsFrames ? Lines() : Lines{kNoFile}, {});
+        expectPut(mYuv.putFrame(wrapped), lines, frame);
     }
 
     void end(bool isReading) {

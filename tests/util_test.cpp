@@ -105,6 +105,9 @@ TEST_F(UtilTest, TellsWhyNothingWasWritten) {
     EXPECT_EQ(YUVFile(path.c_str(), 8, 4).putFrame(closed), -1);
     EXPECT_EQ(said(),
               (Lines{"E lockYCbCr failed, error (3) \n", "E Failed to from Graphics buffer \n"}));
+    auto* const handle = const_cast<native_handle_t*>(good->handle);
+    EXPECT_EQ(YUVFile(path.c_str(), 8, 4).putFrame(handle), 48);
+    fails(YUVFile(path.c_str(), 9, 4).putFrame(handle), "E Failed to get Graphics buffer \n");
     // With a product of 0, or over 31 bits, or just not.
     for (const auto& [width, height] :
          {std::pair(65536, 65536), {-6, -6}, {1, INT32_MAX / 3 + 1}, {1, INT32_MAX / 3}})

@@ -26,10 +26,8 @@ struct Spied {
     std::array<int64_t, 6> locked = {};
 };
 
-/**
- * A mapper, 3.0 or 2.0, that passes calls on to the real one. What lets go of something does so
- * whatever it is told. For one thread at a time.
- */
+/** A mapper that passes calls on to the real one. What lets go of something does so whatever it is
+ * told. For one thread at a time. */
 template <typename IMapper, typename Error, typename YCbCrLayout>
 class SpyMapper : public IMapper, public Spied {
 public:
