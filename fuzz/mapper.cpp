@@ -69,43 +69,49 @@ struct Import {
     int locks;
 };
 
-class Life {
-public:
-    explicit Life(FuzzedDataProvider& data) : mData(data) {}
+struct Life {
+    FuzzedDataProvider& data;
+    host::detail::BufferMapper& mapper = host::detail::BufferMapper::get();
+    host::MapperCounters counts = host::mapperCounters();  ///< as they have to be
+    /** The last one has no seals. */
+    const host::UniqueFd files[3] = {
+        host::UniqueFd(memfd_create("one", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
+        host::UniqueFd(memfd_create("other", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
+        host::UniqueFd(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600))};
+    std::vector<Import> imports = {};
 
     void run() {
-        for (int steps = 0; mData.remaining_bytes() > 0 && steps < 64; ++steps) {
-            const int kind = mData.ConsumeIntegralInRange(0, 6);
-            if (kind < 2 || mImports.empty())
-                mImports.size() < 8 ? import() : free();
+        for (int steps = 0; data.remaining_bytes() > 0 && steps < 64; ++steps) {
+            const int kind = data.ConsumeIntegralInRange(0, 6);
+            if (kind < 2 || imports.empty())
+                imports.size() < 8 ? import() : free();
             else if (kind == 2)
-                change(pick(mImports).file, mData.ConsumeIntegralInRange(0, kMost));
+                change(pick(imports).file, data.ConsumeIntegralInRange(0, kMost));
             else if (kind < 5)
-                lock(pick(mImports), kind == 3);
+                lock(pick(imports), kind == 3);
             else
-                kind == 5 ? unlock(pick(mImports)) : free();
+                kind == 5 ? unlock(pick(imports)) : free();
         }
-        while (!mImports.empty())
+        while (!imports.empty())
             free();
         host::MapperCounters now = host::mapperCounters();
-        now.maps = mCounts.maps;
-        fuzz::expect(memcmp(&now, &mCounts, sizeof(now)) == 0, "another count, or a mapping left");
+        now.maps = counts.maps;
+        fuzz::expect(memcmp(&now, &counts, sizeof(now)) == 0, "another count, or a mapping left");
     }
 
-private:
     /** Also how it is counted. Whether it was granted. */
     bool expectAnswer(Error answer, Error expected, int64_t& granted) {
         fuzz::expect(answer == expected, "a wrong answer");
-        ++(expected == Error::NONE ? granted : mCounts.refusals);
+        ++(expected == Error::NONE ? granted : counts.refusals);
         return expected == Error::NONE;
     }
     template <typename Container>
     auto pick(Container& from) -> decltype(from[0]) {
-        return from[mData.ConsumeIntegralInRange<size_t>(0, std::size(from) - 1)];
+        return from[data.ConsumeIntegralInRange<size_t>(0, std::size(from) - 1)];
     }
     /** Mostly what is usual, else one of the limits. */
     int nearly(int64_t usual, const std::vector<int64_t>& limits) {
-        const auto kind = mData.ConsumeIntegralInRange<size_t>(0, 8 * limits.size());
+        const auto kind = data.ConsumeIntegralInRange<size_t>(0, 8 * limits.size());
         return static_cast<int>(kind < limits.size() ? limits[kind] : usual);
     }
 
@@ -113,28 +119,28 @@ private:
     void change(int file, int64_t size) {
         (void)!ftruncate(file, nearly(size, {size - 1, size + 5000, kMost - 1, kMost, kMost + 1}));
         fcntl(file, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_GROW, F_SEAL_SEAL}));
-        if (mData.ConsumeIntegral<uint8_t>() < 32)
+        if (data.ConsumeIntegral<uint8_t>() < 32)
             fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
     }
     /** Of a small buffer, often with another word, or two, or not the usual counts. */
     void import() {
-        if (mData.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, 0);
-        const auto width = mData.ConsumeIntegralInRange(1U, 128U);
-        const auto height = mData.ConsumeIntegralInRange(1U, 128U);
-        const auto order = static_cast<host::ChromaOrder>(mData.ConsumeBool());
+        if (data.ConsumeIntegral<uint8_t>() == 0) return import(nullptr, 0);
+        const auto width = data.ConsumeIntegralInRange(1U, 128U);
+        const auto height = data.ConsumeIntegralInRange(1U, 128U);
+        const auto order = static_cast<host::ChromaOrder>(data.ConsumeBool());
         const auto step = static_cast<uint32_t>(nearly(2, {1, 1, 3, 8}));
-        const int file = pick(mFiles).get();
+        const int file = pick(files).get();
         const host::UniqueHandle forged = host::detail::encode(
             host::UniqueFd(fcntl(file, F_DUPFD_CLOEXEC, 0)), {width, height, 0, 0, order, step});
-        for (int others = mData.ConsumeIntegralInRange(-2, 2); others > 0; --others) {
+        for (int others = data.ConsumeIntegralInRange(-2, 2); others > 0; --others) {
             const uint32_t words[] = {pick(kLimits),
-                                      width + mData.ConsumeIntegralInRange(0U, 8U) - 2,
-                                      mData.ConsumeIntegral<uint32_t>()};
-            forged->data[mData.ConsumeIntegralInRange(1, kWords)] = static_cast<int>(pick(words));
+                                      width + data.ConsumeIntegralInRange(0U, 8U) - 2,
+                                      data.ConsumeIntegral<uint32_t>()};
+            forged->data[data.ConsumeIntegralInRange(1, kWords)] = static_cast<int>(pick(words));
         }
-        int* const counts[] = {&forged->version, &forged->numFds, &forged->numInts};
-        if (mData.ConsumeIntegral<uint8_t>() < 32) *pick(counts) += mData.ConsumeBool() ? 1 : -1;
-        if (mData.ConsumeBool()) change(file, claimOf(forged.get()).total);
+        int* const header[] = {&forged->version, &forged->numFds, &forged->numInts};
+        if (data.ConsumeIntegral<uint8_t>() < 32) *pick(header) += data.ConsumeBool() ? 1 : -1;
+        if (data.ConsumeBool()) change(file, claimOf(forged.get()).total);
         import(forged.get(), file);
         std::tie(forged->version, forged->numFds, forged->numInts) =
             kUsual;  // else it would not be closed
@@ -147,14 +153,14 @@ private:
         const bool isBuffer = total > 0 && seals >= 0 && (seals & F_SEAL_SHRINK) != 0 &&
                               isWithin(lseek(file, 0, SEEK_END), total, kMost);
         const Error expected = isBuffer ? Error::NONE : Error::BAD_BUFFER;
-        if (!expectAnswer(mMapper.import(raw, made.handle), expected, mCounts.imports)) return;
-        mImports.push_back(made);
+        if (!expectAnswer(mapper.import(raw, made.handle), expected, counts.imports)) return;
+        imports.push_back(made);
         // Memory that is known is not mapped again.
         const int64_t maps = host::mapperCounters().maps;
         buffer_handle_t again = nullptr;
-        expectAnswer(mMapper.import(made.handle, again), Error::NONE, mCounts.imports);
+        expectAnswer(mapper.import(made.handle, again), Error::NONE, counts.imports);
         fuzz::expect(made.handle != raw && again != made.handle, "no handle of its own");
-        expectAnswer(mMapper.free(again), Error::NONE, mCounts.frees);
+        expectAnswer(mapper.free(again), Error::NONE, counts.frees);
         fuzz::expect(host::mapperCounters().maps == maps, "it is mapped once more");
     }
 
@@ -173,9 +179,9 @@ private:
         const Error expected = mayLock ? Error::NONE : Error::BAD_VALUE;
         MapperLayout at = {};
         const Error answer =
-            isPlain ? mMapper.lock(import.handle, usage, {left, top, width, height}, at.y)
-                    : mMapper.lockYCbCr(import.handle, usage, {left, top, width, height}, at);
-        if (!expectAnswer(answer, expected, mCounts.locks)) return;
+            isPlain ? mapper.lock(import.handle, usage, {left, top, width, height}, at.y)
+                    : mapper.lockYCbCr(import.handle, usage, {left, top, width, height}, at);
+        if (!expectAnswer(answer, expected, counts.locks)) return;
         ++import.locks;
         auto* const bytes = static_cast<uint8_t*>(at.y);
         for (const int64_t place : {int64_t{0}, claim.total / 2, claim.total - 1}) {
@@ -191,29 +197,19 @@ private:
     }
     void unlock(Import& import) {
         const Error expected = import.locks > 0 ? Error::NONE : Error::BAD_BUFFER;
-        if (expectAnswer(mMapper.unlock(import.handle), expected, mCounts.unlocks)) --import.locks;
+        if (expectAnswer(mapper.unlock(import.handle), expected, counts.unlocks)) --import.locks;
     }
     void free() {
-        std::swap(pick(mImports), mImports.back());
-        const buffer_handle_t handle = mImports.back().handle;
-        mImports.pop_back();
-        expectAnswer(mMapper.free(handle), Error::NONE, mCounts.frees);
+        std::swap(pick(imports), imports.back());
+        const buffer_handle_t handle = imports.back().handle;
+        imports.pop_back();
+        expectAnswer(mapper.free(handle), Error::NONE, counts.frees);
         // From now on nobody knows it.
-        void* data = nullptr;
-        expectAnswer(mMapper.free(handle), Error::BAD_BUFFER, mCounts.frees);
-        expectAnswer(mMapper.lock(handle, 3, {0, 0, 1, 1}, data), Error::BAD_BUFFER, mCounts.locks);
-        expectAnswer(mMapper.unlock(handle), Error::BAD_BUFFER, mCounts.unlocks);
+        void* memory = nullptr;
+        expectAnswer(mapper.free(handle), Error::BAD_BUFFER, counts.frees);
+        expectAnswer(mapper.lock(handle, 3, {0, 0, 1, 1}, memory), Error::BAD_BUFFER, counts.locks);
+        expectAnswer(mapper.unlock(handle), Error::BAD_BUFFER, counts.unlocks);
     }
-
-    FuzzedDataProvider& mData;
-    host::detail::BufferMapper& mMapper = host::detail::BufferMapper::get();
-    host::MapperCounters mCounts = host::mapperCounters();  ///< as they have to be
-    /** The last one has no seals. */
-    const host::UniqueFd mFiles[3] = {
-        host::UniqueFd(memfd_create("one", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
-        host::UniqueFd(memfd_create("other", MFD_CLOEXEC | MFD_ALLOW_SEALING)),
-        host::UniqueFd(open("/tmp", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600))};
-    std::vector<Import> mImports;
 };
 
 }  // namespace
@@ -221,7 +217,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
     const fuzz::Descriptors before = fuzz::openDescriptors();
-    Life(data).run();
+    Life{data}.run();
     fuzz::expectOpen(before);
     return 0;
 }

@@ -107,7 +107,7 @@ struct ImporterTest : public testing::TestWithParam<bool> {
     const android::sp<SpyMapper3> spy3 = new SpyMapper3(host::realMapper3());
     const android::sp<SpyMapper2> spy2 = new SpyMapper2(host::realMapper2());
     Spied& spy = GetParam() ? static_cast<Spied&>(*spy3) : *spy2;
-    const host::ScopedMapper scope{GetParam() ? spy3 : android::sp<SpyMapper3>(), spy2};
+    const host::ScopedMapper scope{GetParam() ? spy3 : nullptr, spy2};
     LogLines log;
     native_handle_t* const fence = native_handle_create(2, 1);
     const host::Buffer buffer = allocate(64, 32, {0, 0, 0, 70});
@@ -150,26 +150,22 @@ TEST_P(ImporterTest, ImportsLocksAndFreesAndTurnsFencesIntoDescriptors) {
         {1, 0, STDERR_FILENO, {}},
         {1, 1, STDERR_FILENO, {bad + "numInts 1 numFds 1"}},
         {1, 0, -7, {"E failed to dup fence fd -7", bad + "FD -1"}},
-        {2,
-         0,
-         STDERR_FILENO,
-         {"E invalid fence handle with 2 file descriptors", bad + "numInts 0 numFds 2"}}};
+        {2, 0, 2, {"E invalid fence handle with 2 file descriptors", bad + "numInts 0 numFds 2"}}};
     spy.releaseFence.setTo(fence);
-    int fd = 99;
-    EXPECT_TRUE(importer.importFence(nullptr, fd));
     for (const auto& [descriptors, integers, descriptor, lines] : rows) {
-        EXPECT_EQ(fd, -1);
         std::tie(fence->numFds, fence->numInts) = std::tuple(descriptors, integers);
         fence->data[0] = descriptor;
+        int fd = 99;
+        EXPECT_TRUE(importer.importFence(nullptr, fd));
+        EXPECT_EQ(fd, -1);
         EXPECT_EQ(importer.importFence(fence, fd), lines.size() < 2);
         const int released = importer.unlock(handle);
         EXPECT_EQ(said(), lines);
         EXPECT_EQ(fd > STDERR_FILENO, lines.size() < 2);
         EXPECT_EQ(released > STDERR_FILENO, lines.empty());
-        for (const int each : {std::exchange(fd, -1), released}) {
-            importer.closeFence(each);
-            EXPECT_EQ(fcntl(each, F_GETFD), -1);
-        }
+        importer.closeFence(fd);
+        importer.closeFence(released);
+        EXPECT_EQ(fcntl(fd, F_GETFD) + fcntl(released, F_GETFD), -2);
         importer.lock(handle, 3, 64);
     }
     importer.freeBuffer(handle);
