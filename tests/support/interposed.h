@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -19,17 +18,9 @@
  */
 namespace testing_support {
 
-struct Scoped {
-    Scoped() = default;
-    Scoped(const Scoped&) = delete;
-    Scoped& operator=(const Scoped&) = delete;
-};
-
-enum class At { WAITING, WAKING, LISTENING, LOOKING, CALLING_ON_A_FILE, PAUSING };
-
 /** Runs something inside each of this thread's calls of one kind. */
-template <At call, typename... Arguments>
-class OnThisThread : Scoped {
+template <typename Call, typename... Arguments>
+class OnThisThread {
 public:
     explicit OnThisThread(std::function<void(Arguments...)> what) { sWhat = std::move(what); }
     ~OnThisThread() { sWhat = nullptr; }
@@ -43,14 +34,14 @@ private:
 };
 
 /** In each wait until a time of the wall clock, which it may change. The mutex is held. */
-using BeforeWaiting = OnThisThread<At::WAITING, timespec&>;
+using BeforeWaiting = OnThisThread<struct Waits, timespec&>;
 /** In eventfd_write(). */
-using DuringWakeUp = OnThisThread<At::WAKING>;
+using DuringWakeUp = OnThisThread<struct WakesUp>;
 /** In listen(), before it has an effect. */
-using DuringListen = OnThisThread<At::LISTENING>;
+using DuringListen = OnThisThread<struct Listens>;
 
 /** Gives all files that this thread looks at one inode number, and each a birth of its own. */
-struct OneInodeNumber : OnThisThread<At::LOOKING, struct statx&> {
+struct OneInodeNumber : OnThisThread<struct Looks, struct statx&> {
     OneInodeNumber()
         : OnThisThread([](struct statx& status) {
               status.stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status.stx_ino, 1));
@@ -58,76 +49,63 @@ struct OneInodeNumber : OnThisThread<At::LOOKING, struct statx&> {
 };
 
 /** Runs something inside each call of one kind, of any thread; goes when none is inside. */
-template <At call, typename... Arguments>
-class OnAnyThread : Scoped {
+template <typename Call, typename... Arguments>
+class OnAnyThread {
 public:
-    using What = std::function<void(Arguments...)>;
-
-    explicit OnAnyThread(What what) {
-        std::atomic_store(&sWhat, std::make_shared<const What>(std::move(what)));
+    explicit OnAnyThread(std::function<void(Arguments...)> what) {
+        sWhat = std::move(what);
         sIsSet = true;
     }
     ~OnAnyThread() {
         sIsSet = false;
-        const auto last = std::atomic_exchange(&sWhat, std::shared_ptr<const What>());
-        while (last.use_count() > 1)
+        while (sInside > 0)
             std::this_thread::yield();
     }
 
     /** Whether there was something to run. */
     static bool run(Arguments... arguments) {
-        const auto what = sIsSet ? std::atomic_load(&sWhat) : nullptr;
-        if (what != nullptr) (*what)(arguments...);
-        return what != nullptr;
+        if (!sIsSet) return false;
+        ++sInside;
+        const bool isStillSet = sIsSet;
+        if (isStillSet) sWhat(arguments...);
+        --sInside;
+        return isStillSet;
     }
 
 private:
-    inline static std::atomic<bool> sIsSet{false};  // a lock would be lost to a child by fork()
-    inline static std::shared_ptr<const What> sWhat;
+    // No lock, which would be lost to a child by fork().
+    inline static std::atomic<bool> sIsSet{false};
+    inline static std::atomic<int> sInside{0};
+    inline static std::function<void(Arguments...)> sWhat;
 };
 
 /** Which calls on a file are watched: also fstat, fstatfs, statx, fcntl, and mmap but for TSan. */
 enum class Watching { CLOSES, ALL };
-using DuringFileCall = OnAnyThread<At::CALLING_ON_A_FILE, Watching, int>;
+using DuringFileCall = OnAnyThread<struct CallsOnAFile, Watching, int>;
 /** Instead of the frame source's pause of 50 ms. */
-using InsteadOfPause = OnAnyThread<At::PAUSING>;
+using InsteadOfPause = OnAnyThread<struct Pauses>;
 
 /** Runs `during` inside each call on one file, before it does anything; of one file at a time. */
-class FileWatch : DuringFileCall {
-public:
+struct FileWatch : DuringFileCall {
     FileWatch(int fd, Watching calls, std::function<void()> during);
 };
 
 /** Holds threads up. */
-class Gate : Scoped {
+class Gate {
 public:
+    void hold();
     /** Waits until so many have come, all since the beginning; false after 10 s. */
     bool waitUntilHeld(int count);
     void letGo(int count);
     void open() { letGo(INT_MAX); }
 
 protected:
-    void hold();
     int mLetGo = 0;  // guarded by mMutex
 
 private:
     std::mutex mMutex;
     std::condition_variable mChanged;
     int mHeld = 0;  // guarded by mMutex
-};
-
-/** Holds up every call on one file, but of the thread that made it: as a file that never answers.
- */
-class FileGate : public Gate {
-public:
-    explicit FileGate(int fd)
-        : mWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
-              if (std::this_thread::get_id() != maker) hold();
-          }) {}
-    ~FileGate() { open(); }
-
-private:
-    const FileWatch mWatch;
 };
 
 /** Holds the frame source in its pause. For one thread at a time. */
@@ -144,7 +122,7 @@ private:
 };
 
 /** Steps the wall clock, or stops it. */
-struct WallClock : Scoped {
+struct WallClock {
     ~WallClock() { sStepUs = sStoppedAtUs = 0; }
 
     void stepBy(int64_t us) { sStepUs += us; }
@@ -156,7 +134,7 @@ struct WallClock : Scoped {
 };
 
 /** Lets duplicating a descriptor fail, once told to. */
-struct FewDuplicates : Scoped {
+struct FewDuplicates {
     ~FewDuplicates() { lift(); }
 
     /** So many duplicates can be made from now on; then there are no descriptors left. */
