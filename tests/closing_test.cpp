@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,9 +10,6 @@
 
 #include <chrono>
 #include <ctime>
-#include <future>
-#include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,21 +21,21 @@
 #include "support/few_descriptors.h"
 #include "support/interposed.h"
 #include "support/run_shell.h"
+#include "support/stress.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
 
 using host::UniqueFd;
 
+/** A test that holds somebody up opens the gate before the watch on its file goes. */
 class ClosingTest : public TransportFixture {
 protected:
     ClosingTest() { setUpStream(); }
-    ~ClosingTest() override { gate.open(); }
 
-    /** From now on no other thread's call on this file comes back. */
-    void silence(int fd) {
-        const auto maker = std::this_thread::get_id();
-        watch = std::make_shared<FileWatch>(fd, Watching::ALL, [this, maker] {
+    /** No other thread's call on this file comes back. */
+    FileWatch silenced(int fd) {
+        return FileWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
             if (std::this_thread::get_id() != maker) gate.hold();
         });
     }
@@ -59,26 +55,18 @@ protected:
         notify();
         EXPECT_EQ(deliveries.notified().size(), before + 1);
     }
-    /** On another thread, because a silent file does not hold this one up. */
-    void expectAnEndInTime() {
-        const auto end = std::async(std::launch::async, [this] { server.reset(); });
-        EXPECT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-        gate.open();
-    }
-
     /** No kind that may cross. */
     const UniqueFd slow{open("/dev/zero", O_RDONLY | O_CLOEXEC)};
     Gate gate;
-    std::shared_ptr<void> watch;
 };
 
 TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
-    silence(slow.get());
+    const FileWatch watch = silenced(slow.get());
     bring(1);
     EXPECT_EQ(linesWith("handleCaptureRequest"), 0);  // the session has not seen it
     expectNobodyIsHeldUp(1);
     // More than a message may have, of which none is left for the kernel to close.
-    RawClient faulty = connectRaw();
+    const RawClient faulty = connectRaw();
     std::vector<int> many(host::kMaxMessageFds, STDERR_FILENO);
     many.push_back(slow.get());
     faulty.send(rawMessage({kCall, kConfigure, 1, 65, 0, 0}), many);
@@ -86,10 +74,9 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     expectNobodyIsHeldUp(2);
     // An answer that brings it ends its channel, and the monitor goes on.
     auto [mine, theirs] = kit::socketPair();
-    RawClient raw = connectRaw();
-    ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
-    RawClient peer(std::move(mine));
-    peer.send(rawMessage({kAnswer, 1, 1, 1}), {slow.get()});
+    const RawClient raw = connectRaw();
+    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    kit::sendRaw(mine.get(), rawMessage({kAnswer, 1, 1, 1}).data(), 16, {slow.get()});
     const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
     session->sendCaptureResult(result);
     EXPECT_TRUE(
@@ -99,21 +86,24 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     expectNobodyIsHeldUp(3);
     session->sendCaptureResult(result);
     deliveries.waitFor(1);
-    expectAnEndInTime();
+    // On another thread, because a silent file does not hold this one up.
+    const Meanwhile end([this] { server.reset(); }, Other::GOES_ON);
+    gate.open();
 }
 
 TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
     // What waits unread in a socket's queue goes with the socket.
     const auto [mine, theirs] = kit::socketPair();
-    RawClient raw = connectRaw();
-    silence(theirs.get());
-    ASSERT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    const RawClient raw = connectRaw();
+    const FileWatch watch = silenced(theirs.get());
+    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
     expectStatus(connect()->setCallback(callback), Status::OK);  // which replaces it
     expectNobodyIsHeldUp(1);
+    gate.open();
 }
 
 TEST_F(ClosingTest, HoldsNobodyUpWithTheSocketsOfAServer) {
-    watch = std::make_shared<DuringFileCall>([this](Watching call, int fd) {
+    const DuringFileCall watch([this](Watching call, int fd) {
         sockaddr_un name = {};
         socklen_t size = sizeof(name) - 1;
         getsockname(fd, reinterpret_cast<sockaddr*>(&name), &size);
@@ -123,19 +113,20 @@ TEST_F(ClosingTest, HoldsNobodyUpWithTheSocketsOfAServer) {
     expectNobodyIsHeldUp(1);
     remote = connect();
     EXPECT_TRUE(remote->ping().isOk());
-    expectAnEndInTime();
+    const Meanwhile end([this] { server.reset(); }, Other::GOES_ON);
+    gate.open();
     // Of two clients that left, of one that is there, and the one in whose queue others may wait.
     EXPECT_TRUE(gate.waitUntilHeld(4));
 }
 
 TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     const auto [mine, theirs] = kit::socketPair();
-    RawClient early = connectRaw();
-    std::optional<RawClient> another(connectRaw());
-    RawClient late(path);
-    EXPECT_TRUE(early.isServed() && another->isServed());
+    const RawClient early = connectRaw();
+    RawClient another = connectRaw();
+    const RawClient late(path);
+    EXPECT_TRUE(early.isServed() && another.isServed());
     const int threads = kit::Holdings::of().threads + static_cast<int>(host::kClosingThreads);
-    silence(slow.get());
+    const FileWatch watch = silenced(slow.get());
     bring(host::kClosingThreads);
     EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
     bring(host::kMaxWaitingToClose - 3);
@@ -145,15 +136,12 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     EXPECT_TRUE(remote->ping().isOk());
     bring(1);
     EXPECT_FALSE(remote->ping().isOk());
-    EXPECT_EQ(linesWith("E a channel ends: it brings what has to be closed, and too much waits "
-                        "for that already"),
-              1);
-    ASSERT_TRUE(late.connect());
-    late.send(rawMessage({kCall, 0, 1, 0}));
+    EXPECT_EQ(linesWith("E a channel ends: it brings what has to be closed, and too much"), 1);
+    EXPECT_TRUE(late.connect() && late.send(rawMessage({kCall, 0, 1, 0})));
     EXPECT_TRUE(early.isServed());  // calls of the others go on
     EXPECT_EQ(early.setCallback(theirs.get()), kRefused);
     EXPECT_TRUE(early.isClosed());
-    another.reset();
+    another = RawClient(path);
     // The server looks for connections whenever one has ended, and each has a thread.
     EXPECT_TRUE(eventually([&] { return kit::Holdings::of().threads == threads - 3; }));
     EXPECT_FALSE(late.hasAnswer());
@@ -187,14 +175,11 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
     const RawClient early(path);
     const RawClient late(path);
-    {
-        const FewDescriptors none(0);
-        EXPECT_TRUE(early.connect() && early.isServed());  // by one of those in reserve
-    }
-    std::optional<TakenUpTo> taken(200);
-    const FewDescriptors none(-static_cast<int>(host::kConnectionFds));
-    EXPECT_TRUE(late.connect());
-    late.send(rawMessage({kCall, 99, 1, 0}));
+    TakenUpTo taken(200);
+    const FewDescriptors none(0);
+    EXPECT_TRUE(early.connect() && early.isServed());  // by one of those in reserve
+    limitSlotsTo(none.limit() - host::kConnectionFds);
+    EXPECT_TRUE(late.connect() && late.send(rawMessage({kCall, 99, 1, 0})));
     const std::clock_t used = std::clock();
     pollfd answer = {late.fd(), POLLIN, 0};
     EXPECT_EQ(poll(&answer, 1, 100), 0);                  // it is not served yet ...
@@ -202,7 +187,7 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(has(refusalOf(requestFor(1, 1, buffer.handle())), "no slot was free for them"));
     EXPECT_FALSE(remote->ping().isOk());  // that channel is at its end
     EXPECT_TRUE(early.isServed());
-    taken.reset();
+    taken = TakenUpTo(0);
     EXPECT_TRUE(late.isClosed());
 }
 
@@ -230,7 +215,8 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     {
         // As far as a client gets.
         const TakenUpTo taken(kSlots - host::kConnectionFds - host::kReservedFds);
-        EXPECT_EQ(handleOf({STDERR_FILENO}).getNativeHandle(), nullptr);
+        const auto isHandle = [] { return handleOf({STDERR_FILENO}).getNativeHandle() != nullptr; };
+        EXPECT_FALSE(isHandle());
         std::vector<int> most(host::kMaxMessageFds - 1, STDERR_FILENO);
         most.push_back(weapon.sending.get());
         raw.send(rawMessage({kCall, kConfigure, 1, 64, 0, 0}), most);
@@ -241,8 +227,7 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
         EXPECT_EQ(slotLimits().rlim_cur, kSlots);
         // There is no bound any more, once those that came are closed.
-        const std::vector<int> some(30, STDERR_FILENO);
-        EXPECT_TRUE(eventually([&] { return handleOf(some).getNativeHandle() != nullptr; }));
+        EXPECT_TRUE(eventually(isHandle));
     }
     serve();
     limitSlotsTo(kSlots - 1);  // by somebody else, so it stays

@@ -38,7 +38,7 @@ auto watched(Watching call, const char* name, int fd, Arguments... arguments) {
 }  // namespace
 
 FileWatch::FileWatch(int fd, Watching calls, std::function<void()> during)
-    : OnAnyThread([calls, file = fileOf(fd), during = std::move(during)](Watching call, int on) {
+    : During([calls, file = fileOf(fd), during = std::move(during)](Watching call, int on) {
           if ((call == Watching::CLOSES || calls == Watching::ALL) && fileOf(on) == file) during();
       }) {}
 

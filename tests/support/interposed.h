@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -18,72 +19,64 @@
  */
 namespace testing_support {
 
-/** Runs something inside each of this thread's calls of one kind. */
-template <typename Call, typename... Arguments>
-class OnThisThread {
+enum class Of { THIS_THREAD, ANY_THREAD };
+
+/** Runs something inside each call of one kind; goes when no thread is inside. One at a time. */
+template <typename Call, Of threads, typename... Arguments>
+class During {
 public:
-    explicit OnThisThread(std::function<void(Arguments...)> what) { sWhat = std::move(what); }
-    ~OnThisThread() { sWhat = nullptr; }
-
-    static void run(Arguments... arguments) {
-        if (sWhat) sWhat(arguments...);
-    }
-
-private:
-    inline static thread_local std::function<void(Arguments...)> sWhat;
-};
-
-/** In each wait until a time of the wall clock, which it may change. The mutex is held. */
-using BeforeWaiting = OnThisThread<struct Waits, timespec&>;
-/** In eventfd_write(). */
-using DuringWakeUp = OnThisThread<struct WakesUp>;
-/** In listen(), before it has an effect. */
-using DuringListen = OnThisThread<struct Listens>;
-
-/** Gives all files that this thread looks at one inode number, and each a birth of its own. */
-struct OneInodeNumber : OnThisThread<struct Looks, struct statx&> {
-    OneInodeNumber()
-        : OnThisThread([](struct statx& status) {
-              status.stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status.stx_ino, 1));
-          }) {}
-};
-
-/** Runs something inside each call of one kind, of any thread; goes when none is inside. */
-template <typename Call, typename... Arguments>
-class OnAnyThread {
-public:
-    explicit OnAnyThread(std::function<void(Arguments...)> what) {
+    explicit During(std::function<void(Arguments...)> what) {
         sWhat = std::move(what);
-        sIsSet = true;
+        sThread = threads == Of::ANY_THREAD ? -1 : gettid();
     }
-    ~OnAnyThread() {
-        sIsSet = false;
+    ~During() {
+        sThread = 0;
         while (sInside > 0)
             std::this_thread::yield();
     }
 
     /** Whether there was something to run. */
     static bool run(Arguments... arguments) {
-        if (!sIsSet) return false;
+        if (!isMeant()) return false;
         ++sInside;
-        const bool isStillSet = sIsSet;
-        if (isStillSet) sWhat(arguments...);
+        const bool isStillMeant = isMeant();
+        if (isStillMeant) sWhat(arguments...);
         --sInside;
-        return isStillSet;
+        return isStillMeant;
     }
 
 private:
+    static bool isMeant() {
+        const pid_t thread = sThread;
+        return thread != 0 && (thread == -1 || thread == gettid());
+    }
+
     // No lock, which would be lost to a child by fork().
-    inline static std::atomic<bool> sIsSet{false};
+    inline static std::atomic<pid_t> sThread{0};  // 0: none, -1: any
     inline static std::atomic<int> sInside{0};
     inline static std::function<void(Arguments...)> sWhat;
 };
 
+/** In each wait until a time of the wall clock, which it may change. The mutex is held. */
+using BeforeWaiting = During<struct Waits, Of::THIS_THREAD, timespec&>;
+/** In eventfd_write(). */
+using DuringWakeUp = During<struct WakesUp, Of::THIS_THREAD>;
+/** In listen(), before it has an effect. */
+using DuringListen = During<struct Listens, Of::THIS_THREAD>;
+
+/** Gives all files that this thread looks at one inode number, and each a birth of its own. */
+struct OneInodeNumber : During<struct Looks, Of::THIS_THREAD, struct statx&> {
+    OneInodeNumber()
+        : During([](struct statx& status) {
+              status.stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status.stx_ino, 1));
+          }) {}
+};
+
 /** Which calls on a file are watched: also fstat, fstatfs, statx, fcntl, and mmap but for TSan. */
 enum class Watching { CLOSES, ALL };
-using DuringFileCall = OnAnyThread<struct CallsOnAFile, Watching, int>;
+using DuringFileCall = During<struct CallsOnAFile, Of::ANY_THREAD, Watching, int>;
 /** Instead of the frame source's pause of 50 ms. */
-using InsteadOfPause = OnAnyThread<struct Pauses>;
+using InsteadOfPause = During<struct Pauses, Of::ANY_THREAD>;
 
 /** Runs `during` inside each call on one file, before it does anything; of one file at a time. */
 struct FileWatch : DuringFileCall {
@@ -100,24 +93,20 @@ public:
     void open() { letGo(INT_MAX); }
 
 protected:
-    int mLetGo = 0;  // guarded by mMutex
-
-private:
     std::mutex mMutex;
     std::condition_variable mChanged;
-    int mHeld = 0;  // guarded by mMutex
+    int mHeld = 0;   // guarded by mMutex
+    int mLetGo = 0;  // guarded by mMutex
 };
 
 /** Holds the frame source in its pause. For one thread at a time. */
-class PauseGate : public Gate {
-public:
+struct PauseGate : Gate {
     ~PauseGate() { open(); }
 
     bool waitUntilPausing() { return waitUntilHeld(mLetGo + 1); }
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
 
-private:
     const InsteadOfPause mPause{[this] { hold(); }};
 };
 
