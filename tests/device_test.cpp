@@ -126,7 +126,6 @@ TEST(ContractTest, RecordsKeepTheirSizeAndAlignment) {
 
 TEST_F(DeviceTest, StoresControlsAndPutsTheViewBack) {
     const sp<FDSession> session = FDSession::getInstance();
-    ASSERT_EQ(session, FDSession::getInstance());
     SceneControl scene = {};
     scene.crops = {Crop{1, 2, 3, 4}};
     scene.peopleCount = 3;

@@ -21,7 +21,6 @@
 
 #include "holdings.h"
 #include "host/limits.h"
-#include "host/mapper.h"
 #include "host/properties.h"
 #include "host/unique_handle.h"
 #include "memory_map.h"

@@ -11,6 +11,7 @@
 
 namespace testing_support {
 
+/** Soft and hard, of the process's descriptor slots. */
 inline rlimit slotLimits() {
     rlimit now = {};
     getrlimit(RLIMIT_NOFILE, &now);
@@ -22,10 +23,7 @@ inline void limitSlotsTo(rlim_t slots) {
     setrlimit(RLIMIT_NOFILE, &few);
 }
 
-/**
- * Leaves the process so many slots above the lowest that is free, for the scope of this object.
- * With fewer than none its limit is below that, and the slots between stay taken.
- */
+/** Leaves the process so many slots, from the lowest that is free, for the scope of this object. */
 class FewDescriptors {
 public:
     explicit FewDescriptors(int spare)

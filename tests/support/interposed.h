@@ -29,6 +29,7 @@ public:
         sWhat = std::move(what);
         sThread = threads == Of::ANY_THREAD ? -1 : gettid();
     }
+    During(const During&) = delete;
     ~During() {
         sThread = 0;
         while (sInside > 0)
