@@ -11,33 +11,33 @@
 
 namespace testing_support {
 
-/**
- * Leaves the process `spare` descriptor slots, for the scope of this object. With `beyond` its
- * limit is so much lower, and the slots between stay taken.
- */
+/** Soft and hard, of the process's descriptor slots. */
+inline rlimit slotLimits() {
+    rlimit now = {};
+    getrlimit(RLIMIT_NOFILE, &now);
+    return now;
+}
+
+inline void limitSlotsTo(rlim_t slots) {
+    const rlimit few = {slots, slotLimits().rlim_max};
+    setrlimit(RLIMIT_NOFILE, &few);
+}
+
+/** Leaves the process so many slots, from the lowest that is free, for the scope of this object. */
 class FewDescriptors {
 public:
-    explicit FewDescriptors(rlim_t spare, rlim_t beyond = 0) {
-        getrlimit(RLIMIT_NOFILE, &mBefore);
-        for (; spare > 0 || !isFree(mLimit); ++mLimit) {
-            if (isFree(mLimit)) --spare;
-        }
-        mLimit -= beyond;
-        const rlimit few = {mLimit, mBefore.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
+    explicit FewDescriptors(int spare)
+        : mLimit(static_cast<rlim_t>(host::UniqueFd(dup(STDERR_FILENO)).get() + spare)) {
+        limitSlotsTo(mLimit);
     }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &mBefore); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
+    ~FewDescriptors() { limitSlotsTo(mBefore); }
 
     /** The process's limit meanwhile. */
     rlim_t limit() const { return mLimit; }
 
 private:
-    static bool isFree(rlim_t fd) { return fcntl(static_cast<int>(fd), F_GETFD) < 0; }
-
-    rlimit mBefore = {};
-    rlim_t mLimit = 0;
+    const rlim_t mBefore = slotLimits().rlim_cur;
+    const rlim_t mLimit;
 };
 
 /** Takes every number below this one, for the scope of this object. */

@@ -25,18 +25,29 @@ std::pair<dev_t, ino_t> fileOf(int fd) {
     return {file.st_dev, file.st_ino};
 }
 
-void tellOf(Watching call, int fd) {
+/** Tells of a call on a file, and makes it by the next of its name, which may be a sanitizer's. */
+template <auto& function, typename... Arguments>
+auto watched(Watching call, const char* name, int fd, Arguments... arguments) {
+    static const auto next = reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, name));
     const int saved = errno;
     DuringFileCall::run(call, fd);
     errno = saved;
+    return next(arguments...);
 }
 
 }  // namespace
 
 FileWatch::FileWatch(int fd, Watching calls, std::function<void()> during)
-    : OnAnyThread([calls, file = fileOf(fd), during = std::move(during)](Watching call, int on) {
+    : During([calls, file = fileOf(fd), during = std::move(during)](Watching call, int on) {
           if ((call == Watching::CLOSES || calls == Watching::ALL) && fileOf(on) == file) during();
       }) {}
+
+void Gate::hold() {
+    std::unique_lock<std::mutex> lock(mMutex);
+    const int mine = ++mHeld;
+    mChanged.notify_all();
+    mChanged.wait(lock, [&] { return mLetGo >= mine; });
+}
 
 bool Gate::waitUntilHeld(int count) {
     std::unique_lock<std::mutex> lock(mMutex);
@@ -49,13 +60,6 @@ void Gate::letGo(int count) {
     mChanged.notify_all();
 }
 
-void Gate::hold() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const int mine = ++mHeld;
-    mChanged.notify_all();
-    mChanged.wait(lock, [&] { return mLetGo >= mine; });
-}
-
 bool PauseGate::passOnce() {
     if (!waitUntilPausing()) return false;
     letGo(mLetGo + 1);
@@ -64,89 +68,69 @@ bool PauseGate::passOnce() {
 
 }  // namespace testing_support
 
-using testing_support::tellOf;
-using testing_support::Watching;
-
-// The next one may be a sanitizer's.
-#define NEXT(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
+using namespace testing_support;  // NOLINT: what the functions below do
 
 extern "C" int close(int fd) {
-    static auto* const next = NEXT(close);
-    tellOf(Watching::CLOSES, fd);
-    return next(fd);
+    return watched<close>(Watching::CLOSES, "close", fd, fd);
 }
 
 // Whatever comes third is passed on as the widest of what it may be.
 extern "C" int fcntl(int fd, int command, ...) {
-    static auto* const next = NEXT(fcntl);
     va_list list;
     va_start(list, command);
     void* const argument = va_arg(list, void*);
     va_end(list);
-    tellOf(Watching::ALL, fd);
-    std::atomic<int64_t>& left = testing_support::FewDuplicates::sLeft;
-    if (command == F_DUPFD_CLOEXEC && left == 0) {
+    if (command == F_DUPFD_CLOEXEC && FewDuplicates::sLeft-- <= 0) {
         errno = EMFILE;
         return -1;
     }
-    const int result = next(fd, command, argument);
-    if (command == F_DUPFD_CLOEXEC && result >= 0) --left;
-    return result;
+    return watched<fcntl>(Watching::ALL, "fcntl", fd, fd, command, argument);
 }
 
 extern "C" int fstat(int fd, struct stat* status) noexcept {
-    static auto* const next = NEXT(fstat);
-    tellOf(Watching::ALL, fd);
-    return next(fd, status);
+    return watched<fstat>(Watching::ALL, "fstat", fd, fd, status);
 }
 
 extern "C" int fstatfs(int fd, struct statfs* status) noexcept {
-    static auto* const next = NEXT(fstatfs);
-    tellOf(Watching::ALL, fd);
-    return next(fd, status);
+    return watched<fstatfs>(Watching::ALL, "fstatfs", fd, fd, status);
 }
 
 #ifndef __SANITIZE_THREAD__  // which cannot do without its own
 extern "C" void* mmap(void* at, size_t size, int access, int flags, int fd, off_t from) noexcept {
-    static auto* const next = NEXT(mmap);
-    if (fd >= 0) tellOf(Watching::ALL, fd);
-    return next(at, size, access, flags, fd, from);
+    return watched<mmap>(Watching::ALL, "mmap", fd, at, size, access, flags, fd, from);
 }
 #endif
 
 extern "C" int statx(int folder, const char* __restrict path, int flags, unsigned mask,
                      struct statx* __restrict status) noexcept {
-    tellOf(Watching::ALL, folder);
-    const long result = syscall(SYS_statx, folder, path, flags, mask, status);
-    if (result == 0) testing_support::OneInodeNumber::run(*status);
-    return static_cast<int>(result);
+    const int result =
+        watched<statx>(Watching::ALL, "statx", folder, folder, path, flags, mask, status);
+    if (result == 0) OneInodeNumber::run(*status);
+    return result;
 }
 
 // NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
-    using testing_support::WallClock;
-    timespec now = {};
-    clock_gettime(CLOCK_REALTIME, &now);
-    const int64_t nowUs = now.tv_sec * 1000000 + now.tv_nsec / 1000 + WallClock::sStepUs;
-    const int64_t stoppedAtUs = WallClock::sStoppedAtUs;
-    const int64_t us = stoppedAtUs != 0 ? stoppedAtUs : nowUs;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    int64_t us = WallClock::sStoppedAtUs;
+    if (us == 0) us = now / std::chrono::microseconds(1) + WallClock::sStepUs;
     *time = {us / 1000000, us % 1000000};
     return 0;
 }
 
 extern "C" int usleep(useconds_t us) {
-    if (us == 50000 && testing_support::InsteadOfPause::run()) return 0;
+    if (us == 50000 && InsteadOfPause::run()) return 0;
     const timespec pause = {us / 1000000, static_cast<long>(us % 1000000) * 1000};
     return nanosleep(&pause, nullptr);
 }
 
 extern "C" int listen(int socket, int backlog) {
-    testing_support::DuringListen::run();
+    DuringListen::run();
     return static_cast<int>(syscall(SYS_listen, socket, backlog));
 }
 
 extern "C" int eventfd_write(int fd, eventfd_t value) {
-    testing_support::DuringWakeUp::run();
+    DuringWakeUp::run();
     return write(fd, &value, sizeof(value)) == sizeof(value) ? 0 : -1;
 }
 
@@ -154,6 +138,6 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
                                       pthread_mutex_t* __restrict mutex,
                                       const timespec* __restrict time) {
     timespec deadline = *time;
-    testing_support::BeforeWaiting::run(deadline);
+    BeforeWaiting::run(deadline);
     return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <climits>
@@ -8,7 +9,6 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -19,132 +19,100 @@
  */
 namespace testing_support {
 
-struct Scoped {
-    Scoped() = default;
-    Scoped(const Scoped&) = delete;
-    Scoped& operator=(const Scoped&) = delete;
-};
+enum class Of { THIS_THREAD, ANY_THREAD };
 
-enum class At { WAITING, WAKING, LISTENING, LOOKING, CALLING_ON_A_FILE, PAUSING };
-
-/** Runs something inside each of this thread's calls of one kind. */
-template <At call, typename... Arguments>
-class OnThisThread : Scoped {
+/** Runs something inside each call of one kind; goes when no thread is inside. One at a time. */
+template <typename Call, Of threads, typename... Arguments>
+class During {
 public:
-    explicit OnThisThread(std::function<void(Arguments...)> what) { sWhat = std::move(what); }
-    ~OnThisThread() { sWhat = nullptr; }
-
-    static void run(Arguments... arguments) {
-        if (sWhat) sWhat(arguments...);
+    explicit During(std::function<void(Arguments...)> what) {
+        sWhat = std::move(what);
+        sThread = threads == Of::ANY_THREAD ? -1 : gettid();
     }
-
-private:
-    inline static thread_local std::function<void(Arguments...)> sWhat;
-};
-
-/** In each wait until a time of the wall clock, which it may change. The mutex is held. */
-using BeforeWaiting = OnThisThread<At::WAITING, timespec&>;
-/** In eventfd_write(). */
-using DuringWakeUp = OnThisThread<At::WAKING>;
-/** In listen(), before it has an effect. */
-using DuringListen = OnThisThread<At::LISTENING>;
-
-/** Gives all files that this thread looks at one inode number, and each a birth of its own. */
-struct OneInodeNumber : OnThisThread<At::LOOKING, struct statx&> {
-    OneInodeNumber()
-        : OnThisThread([](struct statx& status) {
-              status.stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status.stx_ino, 1));
-          }) {}
-};
-
-/** Runs something inside each call of one kind, of any thread; goes when none is inside. */
-template <At call, typename... Arguments>
-class OnAnyThread : Scoped {
-public:
-    using What = std::function<void(Arguments...)>;
-
-    explicit OnAnyThread(What what) {
-        std::atomic_store(&sWhat, std::make_shared<const What>(std::move(what)));
-        sIsSet = true;
-    }
-    ~OnAnyThread() {
-        sIsSet = false;
-        const auto last = std::atomic_exchange(&sWhat, std::shared_ptr<const What>());
-        while (last.use_count() > 1)
+    During(const During&) = delete;
+    ~During() {
+        sThread = 0;
+        while (sInside > 0)
             std::this_thread::yield();
     }
 
     /** Whether there was something to run. */
     static bool run(Arguments... arguments) {
-        const auto what = sIsSet ? std::atomic_load(&sWhat) : nullptr;
-        if (what != nullptr) (*what)(arguments...);
-        return what != nullptr;
+        if (!isMeant()) return false;
+        ++sInside;
+        const bool isStillMeant = isMeant();
+        if (isStillMeant) sWhat(arguments...);
+        --sInside;
+        return isStillMeant;
     }
 
 private:
-    inline static std::atomic<bool> sIsSet{false};  // a lock would be lost to a child by fork()
-    inline static std::shared_ptr<const What> sWhat;
+    static bool isMeant() {
+        const pid_t thread = sThread;
+        return thread != 0 && (thread == -1 || thread == gettid());
+    }
+
+    // No lock, which would be lost to a child by fork().
+    inline static std::atomic<pid_t> sThread{0};  // 0: none, -1: any
+    inline static std::atomic<int> sInside{0};
+    inline static std::function<void(Arguments...)> sWhat;
+};
+
+/** In each wait until a time of the wall clock, which it may change. The mutex is held. */
+using BeforeWaiting = During<struct Waits, Of::THIS_THREAD, timespec&>;
+/** In eventfd_write(). */
+using DuringWakeUp = During<struct WakesUp, Of::THIS_THREAD>;
+/** In listen(), before it has an effect. */
+using DuringListen = During<struct Listens, Of::THIS_THREAD>;
+
+/** Gives all files that this thread looks at one inode number, and each a birth of its own. */
+struct OneInodeNumber : During<struct Looks, Of::THIS_THREAD, struct statx&> {
+    OneInodeNumber()
+        : During([](struct statx& status) {
+              status.stx_btime.tv_sec = static_cast<int64_t>(std::exchange(status.stx_ino, 1));
+          }) {}
 };
 
 /** Which calls on a file are watched: also fstat, fstatfs, statx, fcntl, and mmap but for TSan. */
 enum class Watching { CLOSES, ALL };
-using DuringFileCall = OnAnyThread<At::CALLING_ON_A_FILE, Watching, int>;
+using DuringFileCall = During<struct CallsOnAFile, Of::ANY_THREAD, Watching, int>;
 /** Instead of the frame source's pause of 50 ms. */
-using InsteadOfPause = OnAnyThread<At::PAUSING>;
+using InsteadOfPause = During<struct Pauses, Of::ANY_THREAD>;
 
 /** Runs `during` inside each call on one file, before it does anything; of one file at a time. */
-class FileWatch : DuringFileCall {
-public:
+struct FileWatch : DuringFileCall {
     FileWatch(int fd, Watching calls, std::function<void()> during);
 };
 
 /** Holds threads up. */
-class Gate : Scoped {
+class Gate {
 public:
+    void hold();
     /** Waits until so many have come, all since the beginning; false after 10 s. */
     bool waitUntilHeld(int count);
     void letGo(int count);
     void open() { letGo(INT_MAX); }
 
 protected:
-    void hold();
-    int mLetGo = 0;  // guarded by mMutex
-
-private:
     std::mutex mMutex;
     std::condition_variable mChanged;
-    int mHeld = 0;  // guarded by mMutex
-};
-
-/** Holds up every call on one file, but of the thread that made it: as a file that never answers.
- */
-class FileGate : public Gate {
-public:
-    explicit FileGate(int fd)
-        : mWatch(fd, Watching::ALL, [this, maker = std::this_thread::get_id()] {
-              if (std::this_thread::get_id() != maker) hold();
-          }) {}
-    ~FileGate() { open(); }
-
-private:
-    const FileWatch mWatch;
+    int mHeld = 0;   // guarded by mMutex
+    int mLetGo = 0;  // guarded by mMutex
 };
 
 /** Holds the frame source in its pause. For one thread at a time. */
-class PauseGate : public Gate {
-public:
+struct PauseGate : Gate {
     ~PauseGate() { open(); }
 
     bool waitUntilPausing() { return waitUntilHeld(mLetGo + 1); }
     /** Lets one pause go by and waits until the next; false after 10 s. */
     bool passOnce();
 
-private:
     const InsteadOfPause mPause{[this] { hold(); }};
 };
 
 /** Steps the wall clock, or stops it. */
-struct WallClock : Scoped {
+struct WallClock {
     ~WallClock() { sStepUs = sStoppedAtUs = 0; }
 
     void stepBy(int64_t us) { sStepUs += us; }
@@ -156,7 +124,7 @@ struct WallClock : Scoped {
 };
 
 /** Lets duplicating a descriptor fail, once told to. */
-struct FewDuplicates : Scoped {
+struct FewDuplicates {
     ~FewDuplicates() { lift(); }
 
     /** So many duplicates can be made from now on; then there are no descriptors left. */
