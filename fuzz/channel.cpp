@@ -1,12 +1,9 @@
 // Served channels over real sockets, and a peer that sends what it likes: packets that are nearly
 // calls, descriptors of any kind, halves of closes, and answers to callbacks before they are asked.
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
 
-#include <iterator>
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -58,13 +55,8 @@ struct House {
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
+    const int memory = buffer.handle()->data[0];
     const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
-    const UniqueFd kinds[6] = {UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0)),
-                               UniqueFd(memfd_create("any", MFD_CLOEXEC)),
-                               UniqueFd(eventfd(0, EFD_CLOEXEC)),
-                               UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)),
-                               UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-                               kit::socketPair(SOCK_STREAM).first};
     std::string problem;
     const std::unique_ptr<host::Server> server = host::Server::listen(path, new Served, problem);
 };
@@ -95,26 +87,23 @@ private:
     bool mayNot() { return mData.ConsumeIntegral<uint8_t>() > 243; }
 
     Packet call(uint32_t method) {
-        const auto header = [&, serial = ++mSerial](uint32_t fds) {
-            return Header{Header::CALL, method, serial, fds};
-        };
-        if (method == 1) return {messageOf(header(1), true), {newCallback()}};
-        if (method == 2) return {messageOf(header(0), kit::configurationOf({16, 8})), {}};
-        if (method == 3) return {messageOf(header(1), mHouse.request), {mHouse.kinds[0].get()}};
-        return {messageOf(header(0)), {}};
+        const Header header = {Header::CALL, method, ++mSerial, method % 2};
+        if (method == 1) return {messageOf(header, true), {newCallback()}};
+        if (method == 2) return {messageOf(header, kit::configurationOf({16, 8})), {}};
+        if (method == 3) return {messageOf(header, mHouse.request), {mHouse.memory}};
+        return {messageOf(header), {}};
     }
     /** The end that is handed over. From the other one two answers come in advance, and no more, so
      * that nobody waits. */
     int newCallback() {
         auto [mine, theirs] = kit::socketPair();
-        kit::RawClient client(std::move(mine));
+        mCallback.emplace(std::move(mine));
         for (uint32_t serial = 1; serial <= 2; ++serial) {
             Packet answer = {messageOf(Header{Header::ANSWER, 1, serial, 0}), {}};
             spoil(answer);
-            client.send(answer.bytes, answer.fds);
+            mCallback->send(answer.bytes, answer.fds);
         }
-        shutdown(client.fd(), SHUT_WR);
-        mCallback = std::move(client);
+        shutdown(mCallback->fd(), SHUT_WR);
         mHandedOver.push_back(std::move(theirs));
         return mHandedOver.back().get();
     }
@@ -130,8 +119,8 @@ private:
         if (!mayNot()) return;
         packet.fds.resize(mData.ConsumeIntegralInRange<size_t>(0, 70));
         for (int& fd : packet.fds) {
-            const auto kind = mData.ConsumeIntegralInRange<size_t>(0, std::size(mHouse.kinds));
-            fd = kind < std::size(mHouse.kinds) ? mHouse.kinds[kind].get() : newCallback();
+            const int kind = mData.ConsumeIntegralInRange(0, fuzz::kKinds);
+            fd = kind < fuzz::kKinds ? fuzz::kKind[kind].get() : newCallback();
         }
         if (mData.ConsumeBool() && bytes.size() >= sizeof(Header))
             bytes[offsetof(Header, fds)] = static_cast<uint8_t>(packet.fds.size());
@@ -157,13 +146,19 @@ private:
         const ssize_t size = recv(mSocket->fd(), &answer, sizeof(answer), MSG_DONTWAIT);
         if (size <= 0) return mSocket.reset();
         Header call = {};
-        fuzz::expect(packet.bytes.size() >= sizeof(call), "an answer to no message");
-        memcpy(&call, packet.bytes.data(), sizeof(call));
+        memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
+        fuzz::expect(size == sizeof(answer) && call.kind == Header::CALL &&
+                         call.fds == packet.fds.size() && answer.method == call.method &&
+                         answer.serial == call.serial && answer.fds == 0,
+                     "an answer to another call");
         fuzz::expect(
-            size == sizeof(answer) && call.kind == Header::CALL && call.fds == packet.fds.size() &&
-                (answer.kind == Header::ANSWER || answer.kind == Header::REFUSED) &&
-                answer.method == call.method && answer.serial == call.serial && answer.fds == 0,
-            "an answer to another call");
+            answer.kind == Header::REFUSED || (answer.kind == Header::ANSWER && isWhole(packet)),
+            "an answer to what is no call");
+    }
+    static bool isWhole(const Packet& packet) {
+        std::vector<int> fds(packet.fds.size());
+        std::transform(packet.fds.begin(), packet.fds.end(), fds.begin(), dup);
+        return fuzz::readMessage(fuzz::SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
     }
 
     FuzzedDataProvider& mData;

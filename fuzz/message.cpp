@@ -2,19 +2,15 @@
 // descriptors, of whose kinds a client's are looked at, are real.
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
 
 #include <vector>
 
 #include "host/log.h"
 #include "message_oracle.h"
-#include "raw_socket.h"
 #include "support.h"
 
 namespace {
 
-using host::UniqueFd;
 using host::detail::Header;
 
 /** Its header is usually as a well-behaved peer's, so that the records are reached. */
@@ -37,13 +33,6 @@ std::vector<uint8_t> messageFrom(FuzzedDataProvider& data, fuzz::Served served, 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    constexpr int kMayCross = 3;  // of these the first ones
-    static const UniqueFd kinds[] = {UniqueFd(memfd_create("any", MFD_CLOEXEC)),
-                                     UniqueFd(eventfd(0, EFD_CLOEXEC)),
-                                     kit::rawSocket(),
-                                     UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)),
-                                     UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-                                     kit::socketPair(SOCK_STREAM).first};
     const host::LogCapture quiet;
     FuzzedDataProvider data(bytes, size);
     const fuzz::Served served =
@@ -53,8 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     bool mayCross = true;
     for (int& fd : fds) {
         const int kind = isFromClient ? data.ConsumeIntegralInRange<int>(0, 5) : 0;
-        mayCross = mayCross && kind < kMayCross;
-        fd = fcntl(kinds[kind].get(), F_DUPFD_CLOEXEC, 3);
+        mayCross = mayCross && kind < fuzz::kMayCross;
+        fd = fcntl(fuzz::kKind[kind].get(), F_DUPFD_CLOEXEC, 3);
     }
     const fuzz::Reading reading =
         fuzz::readMessage(served, isFromClient ? host::Peer::CLIENT : host::Peer::PROVIDER,

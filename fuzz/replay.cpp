@@ -14,18 +14,16 @@
 
 int main(int argc, char** argv) {
     if (argc != 3) return 2;  // the arguments are a corpus and a number of random inputs
-    const auto tryInput = [](const std::vector<char>& input) {
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());
-    };
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
-        tryInput({std::istreambuf_iterator<char>(file), {}});
+        const std::vector<uint8_t> input(std::istreambuf_iterator<char>(file), {});
+        LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same each time
     for (long left = strtol(argv[2], nullptr, 10); left > 0; --left) {
-        std::vector<char> input(random() % 512);
+        std::vector<uint8_t> input(random() % 512);
         std::generate(input.begin(), input.end(), std::ref(random));
-        tryInput(input);
+        LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     return 0;
 }
