@@ -36,21 +36,14 @@ struct Served : public IFDSession {
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
         return Status::OK;
     }
-    Return<Status> configure(const kit::StreamConfiguration& /*configuration*/) override {
-        return Status::OK;
-    }
-    Return<Status> processCaptureRequest(const kit::CaptureRequest& /*request*/) override {
+    Return<Status> configure(const kit::StreamConfiguration& /*one*/) override { return {}; }
+    Return<Status> processCaptureRequest(const kit::CaptureRequest& /*one*/) override {
         return Status::ILLEGAL_ARGUMENT;
     }
 };
 
 /** What every input meets. */
 struct House {
-    bool isServing() {
-        const sp<IFDSession> client = host::connect<IFDSession>(path, problem);
-        return client != nullptr && client->ping().isOk();
-    }
-
     host::LogCapture quiet;
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
@@ -71,15 +64,10 @@ public:
     Peer(FuzzedDataProvider& data, const House& house) : mData(data), mHouse(house) {}
 
     void step() {
-        switch (mData.ConsumeIntegralInRange(0, 9)) {
-            case 0:
-                if (mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
-                return;
-            case 1:
-                return mCallback.reset();
-            default:
-                return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
-        }
+        const int what = mData.ConsumeIntegralInRange(0, 9);
+        if (what > 1) return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
+        if (what == 1) mCallback.reset();
+        if (what == 0 && mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
     }
 
 private:
@@ -130,11 +118,7 @@ private:
         Packet packet = call(method);
         spoil(packet);
         if (!mSocket) fuzz::expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
-        if (mSocket->send(packet.bytes, packet.fds)) {
-            receive(packet);
-        } else {
-            mSocket.reset();
-        }
+        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
         mHandedOver.clear();
     }
     /** A call is answered, and everything else is the end. */
@@ -147,13 +131,12 @@ private:
         if (size <= 0) return mSocket.reset();
         Header call = {};
         memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
-        fuzz::expect(size == sizeof(answer) && call.kind == Header::CALL &&
-                         call.fds == packet.fds.size() && answer.method == call.method &&
-                         answer.serial == call.serial && answer.fds == 0,
-                     "an answer to another call");
-        fuzz::expect(
-            answer.kind == Header::REFUSED || (answer.kind == Header::ANSWER && isWhole(packet)),
-            "an answer to what is no call");
+        const bool isSame = size == sizeof(answer) && answer.method == call.method &&
+                            answer.serial == call.serial && answer.fds == 0;
+        fuzz::expect(isSame && call.kind == Header::CALL && call.fds == packet.fds.size() &&
+                         (answer.kind == Header::REFUSED ||
+                          (answer.kind == Header::ANSWER && isWhole(packet))),
+                     "an answer to another call, or to what is none");
     }
     static bool isWhole(const Packet& packet) {
         std::vector<int> fds(packet.fds.size());
@@ -182,7 +165,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
             peer.step();
     }
     // Again, because the bounded wait for an answer may end where the machine has too much to do.
-    fuzz::expectSoon([] { return house.isServing(); }, "others are not served");
+    const auto isServing = [] {
+        const kit::RawClient other(house.path);
+        return other.connect() && other.isServed();
+    };
+    fuzz::expectSoon(isServing, "others are not served");
     fuzz::expectOpen(before);
     house.quiet.clear();
     return 0;

@@ -71,7 +71,7 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     // Takes as long as the bounded wait, which is what it is about: what comes between comes late
     // in it, so that a wait that began anew would end long after it.
     struct sigaction onSignal = {};
@@ -84,69 +84,54 @@ TEST(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
     const auto start = Clock::now();
-    const auto first = std::async(std::launch::async, [&] { EXPECT_EQ(channel.call(), ""); });
-    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
-    std::deque<std::thread> unanswered;
-    for (HeldChannel* const called : {&channel, &handedOver, &interrupted}) {
-        unanswered.emplace_back([called, start] {
-            EXPECT_EQ(called->call(2),
-                      "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
-            EXPECT_GE(Clock::now() - start, host::kCallPatience);
+    std::deque<std::thread> calls;
+    const auto begin = [&](HeldChannel& called, uint32_t method, const std::string& failure) {
+        std::atomic<pid_t> caller{0};
+        calls.emplace_back([&, method, failure] {
+            caller = gettid();
+            EXPECT_EQ(called.call(method), failure);
+            EXPECT_GE(Clock::now() - start, host::kCallPatience * (failure.empty() ? 8 : 10) / 10);
             EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
         });
-    }
+        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
+    };
+    const std::string late = "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'";
+    for (const uint32_t method : {1U, 2U, 3U})
+        begin(channel, method, method < 3 ? "" : late);
+    begin(handedOver, 1, late);
+    begin(interrupted, 1, late);
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
-    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
-    pthread_kill(unanswered.back().native_handle(), SIGUSR1);
-    for (std::thread& thread : unanswered)
-        thread.join();
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        EXPECT_EQ(channel.peer.receivedMethod(), method);
+        if (method < 3) channel.peer.send(rawMessage({kAnswer, method, method, 0}));
+    }
+    pthread_kill(calls.back().native_handle(), SIGUSR1);
+    for (std::thread& call : calls)
+        call.join();
 }
 
-TEST(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
-    HeldChannel channel;
+TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {
     std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
     refusal.insert(refusal.end(), text.begin(), text.end());
-    channel.peer.send(refusal);
-    EXPECT_EQ(channel.call(),
-              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
-                  std::string(99, 'x') + "'");
-    channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
-    EXPECT_EQ(channel.call(), "");
-}
-
-TEST(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
-    HeldChannel channel;
-    std::vector<std::future<std::string>> calls;
-    for (const uint32_t method : {1U, 2U, 3U}) {
-        std::atomic<pid_t> caller{0};
-        calls.push_back(std::async(std::launch::async, [&, method] {
-            caller = gettid();
-            return channel.call(method);
-        }));
-        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
-    }
-    for (const uint32_t method : {1U, 2U, 3U}) {
-        EXPECT_EQ(channel.peer.receivedMethod(), method);
-        channel.peer.send(rawMessage({kAnswer, method, method, 0}));
-        EXPECT_EQ(calls[method - 1].get(), "");
-    }
-}
-
-TEST(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
-    const std::tuple<kit::RawMessage, std::vector<int>, std::string> bad[] = {
+    const std::string refused = "no?11-24 forged ?[31m" + std::string(99, 'x');
+    const std::tuple<kit::RawMessage, std::vector<int>, std::string> answers[] = {
+        {refusal, {}, refused},
         {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
         {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
         {{}, {}, "bytes that are no message"},
         {rawMessage({kAnswer, 1, 1, 0, 7}), {}, "the answer does not add up"},
         {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
-    for (const auto& [bytes, fds, said] : bad) {
+    for (const auto& [bytes, fds, said] : answers) {
         HeldChannel channel;
         channel.peer.send(bytes, fds);
-        for (const std::string status : {"FAILED_TRANSACTION: ", "DEAD_OBJECT: "})
-            EXPECT_EQ(channel.call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
-        EXPECT_FALSE(channel.peer.isClosed());  // the first call
-        EXPECT_TRUE(channel.peer.isClosed());   // and then the end
+        channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
+        const std::string failed = "Status(EX_TRANSACTION_FAILED): '";
+        EXPECT_EQ(channel.call(), failed + "FAILED_TRANSACTION: " + said + "'");
+        const bool goesOn = said == refused;
+        EXPECT_EQ(channel.call(), goesOn ? "" : failed + "DEAD_OBJECT: " + said + "'");
+        EXPECT_EQ(channel.peer.receivedMethod(), 1U);
+        EXPECT_NE(channel.peer.isClosed(), goesOn);
     }
 }
 
