@@ -14,23 +14,19 @@
 #include "raw_client.h"
 #include "raw_socket.h"
 #include "records.h"
-#include "src/record_fields.h"
 #include "support.h"
 #include "temporary_folder.h"
 #include "vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h"
 
 namespace {
 
-using namespace vendor::zoru::zoruprovider::fdstream::V1_0;  // NOLINT: the interfaces' own
+using namespace fuzz;  // NOLINT: the oracle's
 using android::sp;
 using android::hardware::Return;
-using android::hardware::camera::common::V1_0::Status;
-using fuzz::messageOf;
 using host::UniqueFd;
-using host::detail::Header;
 
 /** Calls a callback back at once, and keeps nothing. */
-struct Served : public IFDSession {
+struct CallingBack : public IFDSession {
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
         for (int i = 0; callback != nullptr && i < 3; ++i)
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
@@ -51,7 +47,7 @@ struct House {
     const int memory = buffer.handle()->data[0];
     const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
     std::string problem;
-    const std::unique_ptr<host::Server> server = host::Server::listen(path, new Served, problem);
+    const std::unique_ptr<host::Server> server = host::Server::listen(path, new CallingBack, problem);
 };
 
 struct Packet {
@@ -107,8 +103,8 @@ private:
         if (!mayNot()) return;
         packet.fds.resize(mData.ConsumeIntegralInRange<size_t>(0, 70));
         for (int& fd : packet.fds) {
-            const int kind = mData.ConsumeIntegralInRange(0, fuzz::kKinds);
-            fd = kind < fuzz::kKinds ? fuzz::kKind[kind].get() : newCallback();
+            const int kind = mData.ConsumeIntegralInRange(0, kKinds);
+            fd = kind < kKinds ? kKind[kind].get() : newCallback();
         }
         if (mData.ConsumeBool() && bytes.size() >= sizeof(Header))
             bytes[offsetof(Header, fds)] = static_cast<uint8_t>(packet.fds.size());
@@ -117,7 +113,7 @@ private:
     void send(uint32_t method) {
         Packet packet = call(method);
         spoil(packet);
-        if (!mSocket) fuzz::expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
+        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
         mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
         mHandedOver.clear();
     }
@@ -125,7 +121,7 @@ private:
     void receive(const Packet& packet) {
         pollfd entry = {mSocket->fd(), POLLIN, 0};
         // The fuzzer's own alarm may interrupt it.
-        fuzz::expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
+        expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
         Header answer = {};
         const ssize_t size = recv(mSocket->fd(), &answer, sizeof(answer), MSG_DONTWAIT);
         if (size <= 0) return mSocket.reset();
@@ -133,15 +129,15 @@ private:
         memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
         const bool isSame = size == sizeof(answer) && answer.method == call.method &&
                             answer.serial == call.serial && answer.fds == 0;
-        fuzz::expect(isSame && call.kind == Header::CALL && call.fds == packet.fds.size() &&
-                         (answer.kind == Header::REFUSED ||
-                          (answer.kind == Header::ANSWER && isWhole(packet))),
-                     "an answer to another call, or to what is none");
+        expect(isSame && call.kind == Header::CALL && call.fds == packet.fds.size() &&
+                   (answer.kind == Header::REFUSED ||
+                    (answer.kind == Header::ANSWER && isWhole(packet))),
+               "an answer to another call, or to what is none");
     }
     static bool isWhole(const Packet& packet) {
         std::vector<int> fds(packet.fds.size());
         std::transform(packet.fds.begin(), packet.fds.end(), fds.begin(), dup);
-        return fuzz::readMessage(fuzz::SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
+        return readMessage(SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
     }
 
     FuzzedDataProvider& mData;
@@ -157,7 +153,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     static House& house = *new House;
     // Now, because the fuzzer opens descriptors of its own between two inputs.
-    const fuzz::Descriptors before = fuzz::openDescriptors();
+    const Descriptors before = openDescriptors();
     FuzzedDataProvider data(bytes, size);
     {
         Peer peer(data, house);
@@ -169,8 +165,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         const kit::RawClient other(house.path);
         return other.connect() && other.isServed();
     };
-    fuzz::expectSoon(isServing, "others are not served");
-    fuzz::expectOpen(before);
+    expectSoon(isServing, "others are not served");
+    expectOpen(before);
     house.quiet.clear();
     return 0;
 }

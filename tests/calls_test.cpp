@@ -1,15 +1,18 @@
-// Calls between processes. Client and provider share this one here, so that a test sees both ends,
-// or answers the caller's end by hand.
+// Calls between processes, and their messages. Client and provider share this one here, so that a
+// test sees both ends, or answers the caller's end by hand. One message of each kind is tried with
+// every one or two bits of it flipped, cut off at every byte, and with every number of descriptors.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <deque>
-#include <future>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -18,9 +21,11 @@
 
 #include "host/limits.h"
 #include "host/remote.h"
+#include "message_oracle.h"
 #include "model/files.h"
 #include "model/operands.h"
 #include "raw_socket.h"
+#include "support/slow.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -29,6 +34,55 @@ namespace {
 
 using CallsTest = TransportFixture;
 using Clock = std::chrono::steady_clock;
+using fuzz::messageOf;
+using host::detail::Header;
+
+const host::UniqueFd memory(memfd_create("any", MFD_CLOEXEC));
+
+struct Message {
+    const char* name;
+    fuzz::Served served;
+    uint32_t fds;  ///< how many come with it
+    std::vector<uint8_t> bytes;
+};
+
+/** One of each kind; what has buffers has one, one fence, and 8 bytes of settings. */
+std::vector<Message> messages() {
+    const host::Buffer buffer = kit::allocate({16, 8});
+    CaptureRequest request = requestFor(3, 5, buffer.handle());
+    request.settings.resize(8);
+    request.outputBuffers[0].acquireFence = handleOf({memory.get()});
+    CaptureResult result = resultFor(request);
+    result.result.resize(8);
+    control::Followed followed = {};
+    followed.scene.crops.resize(1);
+    const auto call = [](uint32_t method, uint32_t fds = 0) {
+        return Header{Header::CALL, method, 7, fds};
+    };
+    using namespace fuzz;  // NOLINT: who is served
+    return {
+        {"a follower's step", CONTROL, 0, messageOf(call(14), followed)},
+        {"a tracking control", CONTROL, 0, messageOf(call(5), control::TrackControl())},
+        {"a ping", SESSION, 0, messageOf(call(0))},
+        {"a callback", SESSION, 1, messageOf(call(1, 1), true)},
+        {"a configuration", SESSION, 0, messageOf(call(2), configurationOf(0))},
+        {"a request", SESSION, 2, messageOf(call(3, 2), request)},
+        {"a result", CALLBACK, 2, messageOf(call(1, 2), hidl_vec<CaptureResult>{result})},
+        {"a notification", CALLBACK, 0, messageOf(call(2), hidl_vec<FDNotifyMsg>{FDNotifyMsg()})},
+        {"an answer", SESSION, 0, messageOf(Header{Header::ANSWER, 1, 7, 0}, uint32_t{0})}};
+}
+
+/** Whether a message is taken; nothing else may happen to it, or to what comes with it. */
+bool isTaken(const Message& message, size_t sent) {
+    std::vector<int> fds(sent);
+    std::generate(fds.begin(), fds.end(), [] { return dup(memory.get()); });
+    const fuzz::Reading reading =
+        fuzz::readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
+    EXPECT_EQ(reading.fault, nullptr) << reading.fault;
+    for (const int fd : fds)
+        EXPECT_TRUE(eventually([fd] { return fcntl(fd, F_GETFD) < 0; })) << "one is left open";
+    return reading.isTaken;
+}
 
 /** A channel whose calls a test answers by hand. */
 struct HeldChannel {
@@ -74,11 +128,7 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
 TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     // Takes as long as the bounded wait, which is what it is about: what comes between comes late
     // in it, so that a wait that began anew would end long after it.
-    struct sigaction onSignal = {};
-    onSignal.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &onSignal, nullptr);
     HeldChannel channel;
-    HeldChannel interrupted;
     HeldChannel handedOver(host::Peer::CLIENT);
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
@@ -99,13 +149,11 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     for (const uint32_t method : {1U, 2U, 3U})
         begin(channel, method, method < 3 ? "" : late);
     begin(handedOver, 1, late);
-    begin(interrupted, 1, late);
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
     for (const uint32_t method : {1U, 2U, 3U}) {
         EXPECT_EQ(channel.peer.receivedMethod(), method);
         if (method < 3) channel.peer.send(rawMessage({kAnswer, method, method, 0}));
     }
-    pthread_kill(calls.back().native_handle(), SIGUSR1);
     for (std::thread& call : calls)
         call.join();
 }
@@ -132,6 +180,47 @@ TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {
         EXPECT_EQ(channel.call(), goesOn ? "" : failed + "DEAD_OBJECT: " + said + "'");
         EXPECT_EQ(channel.peer.receivedMethod(), 1U);
         EXPECT_NE(channel.peer.isClosed(), goesOn);
+    }
+}
+
+TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
+    // More than a million reads, which take some seconds. Where all is slow every
+    // 23rd second bit has to do.
+    const size_t step = isSlow() ? 23 : 1;
+    for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
+        const auto flip = [&](size_t bit) {
+            message.bytes[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8);
+        };
+        ASSERT_TRUE(isTaken(message, message.fds));
+        for (size_t one = 0; one < message.bytes.size() * 8; ++one) {
+            flip(one);
+            isTaken(message, message.fds);
+            for (size_t other = one + 1; other < message.bytes.size() * 8; other += step) {
+                flip(other);
+                isTaken(message, message.fds);
+                flip(other);
+                ASSERT_FALSE(HasFailure()) << "bits " << one << " and " << other;
+            }
+            flip(one);
+        }
+    }
+}
+
+TEST(MessageTest, IsNotTakenWhenItIsCutOffOrLongerOrWithOtherDescriptorsThanItAnnounces) {
+    for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
+        for (size_t size = 0; size < message.bytes.size() + 9; ++size) {
+            Message cut = message;
+            cut.bytes.resize(size);
+            EXPECT_EQ(isTaken(cut, cut.fds), size == message.bytes.size()) << size << " bytes";
+        }
+        for (uint32_t announced = 0; announced <= 17; ++announced) {
+            memcpy(&message.bytes[offsetof(Header, fds)], &announced, sizeof(announced));
+            for (size_t sent = 0; sent <= 17; ++sent)
+                EXPECT_EQ(isTaken(message, sent), announced == sent && sent == message.fds)
+                    << announced << " announced, " << sent << " sent";
+        }
     }
 }
 

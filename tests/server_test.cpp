@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,7 +20,6 @@
 #include <utility>
 #include <vector>
 
-#include "control_server.h"
 #include "host/limits.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
@@ -88,12 +88,6 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
     EXPECT_EQ(connectRaw().setCallback(STDERR_FILENO), kRefused);
     notify();
     EXPECT_EQ(deliveries.notified().size(), 1U);
-    // The controls' own methods.
-    const auto controls = control::ControlServer::listen(folder / "c", session, {}, reason);
-    const RawClient another(folder / "c");
-    EXPECT_TRUE(another.connect() && another.isServed());
-    another.send(rawMessage({kCall, 2, 1, 0, 5}));  // one without arguments
-    EXPECT_TRUE(another.isClosed());
 }
 
 TEST_F(ServerTest, GivesUpAPeerThatReadsNoAnswer) {
@@ -185,33 +179,27 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
               std::future_status::timeout);
 }
 
-TEST_F(ServerTest, TellsOfConnections) {
-    std::promise<pid_t> came;
-    std::promise<pid_t> went[3];
-    std::promise<void> isGivenUp;
-    int ended = 0;
-    const auto second = host::Server::listen(folder / "second", client, reason,
-                                             {[&](pid_t who) {
-                                                  if (ended == 1) came.set_value(who);
-                                                  if (ended == 2) isGivenUp.get_future().wait();
-                                              },
-                                              [&](pid_t who) { went[ended++].set_value(who); }});
-    // One that gets no thread has gone.
+TEST_F(ServerTest, TellsOfEachConnectionThatComesAndGoes) {
+    enum Connection { WITHOUT_THREAD, GIVEN_UP, SERVED };
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
-    host::failNextThreadStart();
-    const RawClient refused(folder / "second");
-    EXPECT_TRUE(refused.connect() && refused.isClosed());
-    EXPECT_EQ(went[0].get_future().get(), getpid());
+    for (const Connection kind : {WITHOUT_THREAD, GIVEN_UP, SERVED}) {
+        std::optional<RawClient> raw(folder / "second");
+        std::promise<pid_t> came;
+        std::promise<pid_t> went;
+        const auto come = [&](pid_t who) {
+            if (kind == GIVEN_UP) shutdown(raw->fd(), SHUT_RDWR);
+            came.set_value(who);
+        };
+        const auto second = host::Server::listen(folder / "second", client, reason,
+                                                 {come, [&](pid_t who) { went.set_value(who); }});
+        if (kind == WITHOUT_THREAD) host::failNextThreadStart();
+        EXPECT_TRUE(raw->connect());
+        EXPECT_EQ(raw->isServed(), kind == SERVED);
+        EXPECT_EQ(came.get_future().get(), getpid());
+        raw.reset();
+        EXPECT_EQ(went.get_future().get(), getpid());
+    }
     EXPECT_TRUE(log.waitUntilSaid("E a connection is refused: no thread can be made for it"));
-
-    EXPECT_TRUE(host::connect<IFDSession>(folder / "second", reason)->ping().isOk());
-    EXPECT_EQ(came.get_future().get(), getpid());
-    EXPECT_EQ(went[1].get_future().get(), getpid());
-
-    // So has one that was given up before its turn.
-    EXPECT_TRUE(RawClient(folder / "second").connect());
-    isGivenUp.set_value();
-    EXPECT_EQ(went[2].get_future().get(), getpid());
 }
 
 TEST_F(ServerTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
