@@ -2,6 +2,7 @@
 // calls, descriptors of any kind, halves of closes, and answers to callbacks before they are asked.
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <optional>
@@ -28,6 +29,7 @@ using host::UniqueFd;
 /** Calls a callback back at once, and keeps nothing. */
 struct CallingBack : public IFDSession {
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
+        expect(host::callingProcess() == getpid(), "nobody knows who calls");
         for (int i = 0; callback != nullptr && i < 3; ++i)
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
         return Status::OK;
@@ -44,10 +46,10 @@ struct House {
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
-    const int memory = buffer.handle()->data[0];
     const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
     std::string problem;
-    const std::unique_ptr<host::Server> server = host::Server::listen(path, new CallingBack, problem);
+    const std::unique_ptr<host::Server> server =
+        host::Server::listen(path, new CallingBack, problem);
 };
 
 struct Packet {
@@ -74,7 +76,8 @@ private:
         const Header header = {Header::CALL, method, ++mSerial, method % 2};
         if (method == 1) return {messageOf(header, true), {newCallback()}};
         if (method == 2) return {messageOf(header, kit::configurationOf({16, 8})), {}};
-        if (method == 3) return {messageOf(header, mHouse.request), {mHouse.memory}};
+        if (method == 3)
+            return {messageOf(header, mHouse.request), {mHouse.buffer.handle()->data[0]}};
         return {messageOf(header), {}};
     }
     /** The end that is handed over. From the other one two answers come in advance, and no more, so
@@ -127,17 +130,14 @@ private:
         if (size <= 0) return mSocket.reset();
         Header call = {};
         memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
-        const bool isSame = size == sizeof(answer) && answer.method == call.method &&
-                            answer.serial == call.serial && answer.fds == 0;
-        expect(isSame && call.kind == Header::CALL && call.fds == packet.fds.size() &&
-                   (answer.kind == Header::REFUSED ||
-                    (answer.kind == Header::ANSWER && isWhole(packet))),
-               "an answer to another call, or to what is none");
-    }
-    static bool isWhole(const Packet& packet) {
         std::vector<int> fds(packet.fds.size());
         std::transform(packet.fds.begin(), packet.fds.end(), fds.begin(), dup);
-        return readMessage(SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
+        const bool isWhole = readMessage(SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
+        const bool isSame = size == sizeof(answer) && answer.method == call.method &&
+                            answer.serial == call.serial && answer.fds == 0;
+        expect(isSame && call.kind == Header::CALL && call.fds == fds.size() &&
+                   (answer.kind == Header::REFUSED || (answer.kind == Header::ANSWER && isWhole)),
+               "an answer to another call, or to what is none");
     }
 
     FuzzedDataProvider& mData;
