@@ -5,12 +5,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
 #include "host/log.h"
+#include "host/threads.h"
 #include "message_oracle.h"
 #include "raw_client.h"
 #include "raw_socket.h"
@@ -48,8 +50,10 @@ struct House {
     const host::Buffer buffer = kit::allocate({16, 8});
     const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
     std::string problem;
+    std::atomic<int> present{0};  ///< of connections
     const std::unique_ptr<host::Server> server =
-        host::Server::listen(path, new CallingBack, problem);
+        host::Server::listen(path, new CallingBack, problem,
+                             {[this](pid_t) { ++present; }, [this](pid_t) { --present; }});
 };
 
 struct Packet {
@@ -160,12 +164,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
         for (int steps = 0; data.remaining_bytes() > 0 && steps < 16; ++steps)
             peer.step();
     }
+    // One that has gone before its turn and one that gets no thread have gone like all others.
+    kit::RawClient(house.path).connect();
+    host::failNextThreadStart();
     // Again, because the bounded wait for an answer may end where the machine has too much to do.
     const auto isServing = [] {
         const kit::RawClient other(house.path);
         return other.connect() && other.isServed();
     };
     expectSoon(isServing, "others are not served");
+    expectSoon([] { return house.present == 0; }, "a connection is thought to be there");
     expectOpen(before);
     house.quiet.clear();
     return 0;

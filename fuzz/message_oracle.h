@@ -52,27 +52,21 @@ inline bool rewriteCallback(host::Reader& reader, host::Outgoing& out) {
     return isOne && reader.complete() && reader.refusal().empty();
 }
 
-inline bool rewriteAny(Served served, const Header& header, host::Reader& reader,
-                       host::Outgoing& out) {
-    constexpr uint32_t kAnswer = 50;
-    static const std::map<uint32_t, bool (*)(host::Reader&, host::Outgoing&)> readers = {
-        {SESSION + 1, rewriteCallback},
-        {SESSION + 2, rewrite<StreamConfiguration>},
-        {SESSION + 3, rewrite<CaptureRequest>},
-        {SESSION + kAnswer + 1, rewrite<Status>},
-        {CALLBACK + 1, rewrite<hidl_vec<CaptureResult>>},
-        {CALLBACK + 2, rewrite<hidl_vec<FDNotifyMsg>>},
-        {CONTROL + 1, rewrite<control::SceneControl>},
-        {CONTROL + 5, rewrite<control::TrackControl>},
-        {CONTROL + 7, rewrite<control::TrackingMode>},
-        {CONTROL + 14, rewrite<control::Followed>},
-        {CONTROL + kAnswer, rewrite<control::Answer, control::Event>},
-        {CONTROL + kAnswer + 1, rewrite<control::Answer, control::CameraStatus>}};
-    const bool isCall = header.kind == Header::CALL;
-    const uint32_t which = isCall ? header.method : kAnswer + header.method % 2;
-    const auto found = readers.find(served + which);
-    return (found == readers.end() ? rewrite<> : found->second)(reader, out);
-}
+constexpr uint32_t kAnswer = 50;
+/** By who is served and a method's number. */
+inline const std::map<uint32_t, bool (*)(host::Reader&, host::Outgoing&)> kReaders = {
+    {SESSION + 1, rewriteCallback},
+    {SESSION + 2, rewrite<StreamConfiguration>},
+    {SESSION + 3, rewrite<CaptureRequest>},
+    {SESSION + kAnswer + 1, rewrite<Status>},
+    {CALLBACK + 1, rewrite<hidl_vec<CaptureResult>>},
+    {CALLBACK + 2, rewrite<hidl_vec<FDNotifyMsg>>},
+    {CONTROL + 1, rewrite<control::SceneControl>},
+    {CONTROL + 5, rewrite<control::TrackControl>},
+    {CONTROL + 7, rewrite<control::TrackingMode>},
+    {CONTROL + 14, rewrite<control::Followed>},
+    {CONTROL + kAnswer, rewrite<control::Answer, control::Event>},
+    {CONTROL + kAnswer + 1, rewrite<control::Answer, control::CameraStatus>}};
 
 /**
  * Reads a message as an end of a channel does, and looks whether it was right to take it: then what
@@ -95,7 +89,10 @@ inline Reading readMessage(Served served, host::Peer from, const std::vector<uin
     if (!failure.isOk()) return {false, failure.text.empty() ? "nothing says why" : nullptr};
     host::Reader reader(in, from);
     host::Outgoing out;
-    const bool isTaken = rewriteAny(served, header, reader, out);
+    const bool isCall = header.kind == Header::CALL;
+    const auto found =
+        kReaders.find(served + (isCall ? header.method : kAnswer + header.method % 2));
+    const bool isTaken = (found == kReaders.end() ? rewrite<> : found->second)(reader, out);
     const bool isSame = std::equal(in.data, in.data + in.size, out.bytes.data(),
                                    out.bytes.data() + out.bytes.size()) &&
                         (out.fds == fds || (served == SESSION && header.method == 1));

@@ -11,7 +11,6 @@
 #include <fstream>
 #include <future>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "IFDControl.h"
@@ -26,8 +25,6 @@
 namespace testing_support {
 
 using host::UniqueFd;
-
-namespace {
 
 using BoundsTest = TransportFixture;
 using Place = host::RequestBounds::Place;
@@ -75,8 +72,6 @@ protected:
     host::RequestBounds bounds;
     host::RequestBounds::Clock::time_point now{std::chrono::hours(1)};
 };
-
-}  // namespace
 
 TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
     server.reset();
@@ -132,11 +127,10 @@ TEST(LimitsTest, AreWhatTheReadmeSays) {
 TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     WallClock clock;
     clock.stopAt(1);  // no request grows stale, however slow the machine is
-    const sp<IFDSession> other = connect();
     const CaptureRequest request = requestFor(1, 1, buffer.handle());
     std::promise<void> hasAsked;
     callback->during = [&] {
-        expectStatus(other->processCaptureRequest(request), Status::OK);
+        expectStatus(remote->processCaptureRequest(request), Status::OK);
         hasAsked.set_value();
     };
     setUpStream();
@@ -183,14 +177,14 @@ TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
 }
 
 TEST_F(RequestBoundsTest, NeverRefusesWhoConfiguresAnewAllTheTime) {
-    // One of eight requests is answered, the others are dropped. So much a configuration adds to
-    // the frame numbers and to the ids, and so many may be answered.
-    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{0, 0, 1}, {8, 0, 8}, {0, 8, 8}};
-    for (const auto& [frames, ids, others] : cases) {
+    // One of eight requests is answered, the others are dropped. Each configuration begins its
+    // frame numbers again, or its ids.
+    for (const uint32_t frames : {0U, 8U}) {
+        const uint32_t ids = 8 - frames;
         for (uint32_t i = 0; i < 1000; ++i) {
             for (uint32_t j = 0; j < 8; ++j)
-                EXPECT_EQ(take(requestFor(i * frames + j, i * ids + j)), "") << frames << ids;
-            handOver(requestFor(i * frames + i % others, i * ids + i % others));
+                EXPECT_EQ(take(requestFor(i * frames + j, i * ids + j)), "") << frames;
+            handOver(requestFor(i * frames + i % 8, i * ids + i % 8));
             bounds.restart(now);
         }
     }

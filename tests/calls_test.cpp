@@ -114,11 +114,10 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     const Files files;
     const CaptureRequest request = requestOf({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files.sessions);
     expectStatus(remote->processCaptureRequest(request), Status::OK);
-    EXPECT_EQ(inWords(files, take()), inWords(files, CaptureRequest(request)));
+    EXPECT_EQ(inWords(files, take()), inWords(files, request));
     const CaptureResult result = resultOf({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files.sessions);
     session->sendCaptureResult(result);
-    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
-              inWords(files, CaptureResult(result)));
+    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result), inWords(files, result));
     const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     notify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);
