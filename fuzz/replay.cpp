@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <random>
 #include <vector>
@@ -22,7 +21,7 @@ int main(int /*count*/, char** argv) {
     std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same each time
     for (long left = strtol(argv[2], nullptr, 10); left > 0; --left) {
         std::vector<uint8_t> input(random() % 512);
-        std::generate(input.begin(), input.end(), std::ref(random));
+        std::generate(input.begin(), input.end(), [&] { return static_cast<uint8_t>(random()); });
         LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     return 0;

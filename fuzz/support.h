@@ -3,7 +3,6 @@
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <iterator>
@@ -22,7 +21,7 @@ namespace fuzz {
 void expect(bool holds, const char* what);
 
 /** How many descriptors are open. */
-using Descriptors = std::ptrdiff_t;
+using Descriptors = int64_t;
 inline Descriptors openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }

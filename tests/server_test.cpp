@@ -19,6 +19,7 @@
 
 #include "host/limits.h"
 #include "host/remote.h"
+#include "host/served_watch.h"
 #include "host/threads.h"
 #include "support/interposed.h"
 #include "support/transport_fixture.h"
@@ -42,6 +43,9 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
         {rawMessage({kCall, 99, 1, 0}), 0, "no such method, or arguments that do not add up"},
         {rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65, "too many descriptors"},
         {rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"}};
+    std::promise<host::ServedEnd> end;
+    host::ServedWatch watch(callback, [&](host::ServedEnd how) { end.set_value(how); });
+    callback->during = [&] { EXPECT_FALSE(watch.waitUntilAnswered({})); };
     setUpStream();
     for (const auto& [bytes, fds, said] : faults) {
         log.clear();
@@ -55,6 +59,9 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
     EXPECT_EQ(connectRaw().setCallback(STDERR_FILENO), kRefused);
     notify();
     EXPECT_EQ(deliveries.notified().size(), 1U);
+    EXPECT_TRUE(watch.waitUntilAnswered(std::chrono::seconds(10)));
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+    EXPECT_EQ(end.get_future().get(), host::ServedEnd::LET_GO);
 }
 
 TEST_F(ServerTest, GivesUpAPeerThatReadsNoAnswer) {
@@ -67,9 +74,8 @@ TEST_F(ServerTest, SaysWhyItCannotServe) {
     EXPECT_EQ(problemAt(path), path + " is in use by another provider");
     std::ofstream(folder / "file") << "text";
     EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
-    const std::string sentence = "a socket's path has 1 to 107 characters: ";
     for (const std::string& bad : {std::string(), std::string(108, 'x')})
-        EXPECT_EQ(problemAt(bad), sentence + bad);
+        EXPECT_EQ(problemAt(bad), "a socket's path has 1 to 107 characters: " + bad);
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
     host::failNextThreadStart();
     EXPECT_EQ(problemAt(folder / "other"), folder / "other: no thread can be made to serve it");
@@ -107,11 +113,9 @@ TEST_F(ServerTest, RefusesAnotherUser) {
     const RawClient other(path);
     const RawClient foreign(folder / "foreign");
     const pid_t child = fork();
-    if (child == 0) {
-        const bool isRefused =
-            setresuid(65534, 65534, 65534) == 0 && other.connect() && other.isClosed();
-        _exit(isRefused && foreign.listen() ? pause() : 1);
-    }
+    if (child == 0)
+        _exit(setresuid(65534, 65534, 65534) == 0 && other.connect() && other.isClosed() &&
+              foreign.listen() && pause() == 0);
     EXPECT_TRUE(log.waitUntilSaid("E another user's connection is refused"));
     // Nor is another user's server taken for the provider.
     EXPECT_TRUE(eventually([&] {
@@ -133,14 +137,13 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
     EXPECT_TRUE(bool(remote->linkToDeath(told, 41)));
     EXPECT_TRUE(bool(remote->unlinkToDeath(told)));
     EXPECT_FALSE(bool(remote->unlinkToDeath(told)));
-    EXPECT_FALSE(bool(remote->linkToDeath(nullptr, 1)));
-    EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
-    host::failNextThreadStart();
-    EXPECT_FALSE(bool(remote->linkToDeath(told, 41)));
     EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));  // and told twice, its promise would break
     server.reset();
     EXPECT_EQ(told->died.get_future().get(), (std::pair<uint64_t, bool>{42, true}));
+    host::failNextThreadStart();
+    EXPECT_FALSE(bool(remote->linkToDeath(told, 43)));
     const Return<Status> answer = remote->configure(configurationOf(0));
+    EXPECT_FALSE(answer.isOk());
     EXPECT_EQ(answer.description(),
               "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the connection'");
 }
