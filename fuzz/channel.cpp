@@ -1,72 +1,59 @@
 // Served channels over real sockets, and a peer that sends what it likes: packets that are nearly
 // calls, descriptors of any kind, halves of closes, and answers to callbacks before they are asked.
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
+#include <unistd.h>
 
-#include <iterator>
+#include <algorithm>
+#include <atomic>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "host/channel.h"
 #include "host/log.h"
+#include "host/threads.h"
 #include "message_oracle.h"
 #include "raw_client.h"
 #include "raw_socket.h"
 #include "records.h"
-#include "src/record_fields.h"
 #include "support.h"
 #include "temporary_folder.h"
 #include "vendor/zoru/zoruprovider/fdstream/1.0/IFDSession.h"
 
 namespace {
 
-using namespace vendor::zoru::zoruprovider::fdstream::V1_0;  // NOLINT: the interfaces' own
+using namespace fuzz;  // NOLINT: the oracle's
 using android::sp;
 using android::hardware::Return;
-using android::hardware::camera::common::V1_0::Status;
-using fuzz::messageOf;
 using host::UniqueFd;
-using host::detail::Header;
 
 /** Calls a callback back at once, and keeps nothing. */
-struct Served : public IFDSession {
+struct CallingBack : public IFDSession {
     Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
+        expect(host::callingProcess() == getpid(), "nobody knows who calls");
         for (int i = 0; callback != nullptr && i < 3; ++i)
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
         return Status::OK;
     }
-    Return<Status> configure(const kit::StreamConfiguration& /*configuration*/) override {
-        return Status::OK;
-    }
-    Return<Status> processCaptureRequest(const kit::CaptureRequest& /*request*/) override {
+    Return<Status> configure(const kit::StreamConfiguration& /*one*/) override { return {}; }
+    Return<Status> processCaptureRequest(const kit::CaptureRequest& /*one*/) override {
         return Status::ILLEGAL_ARGUMENT;
     }
 };
 
 /** What every input meets. */
 struct House {
-    bool isServing() {
-        const sp<IFDSession> client = host::connect<IFDSession>(path, problem);
-        return client != nullptr && client->ping().isOk();
-    }
-
     host::LogCapture quiet;
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
     const host::Buffer buffer = kit::allocate({16, 8});
     const kit::CaptureRequest request = kit::requestFor(1, 1, buffer.handle());
-    const UniqueFd kinds[6] = {UniqueFd(fcntl(buffer.handle()->data[0], F_DUPFD_CLOEXEC, 0)),
-                               UniqueFd(memfd_create("any", MFD_CLOEXEC)),
-                               UniqueFd(eventfd(0, EFD_CLOEXEC)),
-                               UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)),
-                               UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-                               kit::socketPair(SOCK_STREAM).first};
     std::string problem;
-    const std::unique_ptr<host::Server> server = host::Server::listen(path, new Served, problem);
+    std::atomic<int> present{0};  ///< of connections
+    const std::unique_ptr<host::Server> server =
+        host::Server::listen(path, new CallingBack, problem,
+                             {[this](pid_t) { ++present; }, [this](pid_t) { --present; }});
 };
 
 struct Packet {
@@ -79,15 +66,10 @@ public:
     Peer(FuzzedDataProvider& data, const House& house) : mData(data), mHouse(house) {}
 
     void step() {
-        switch (mData.ConsumeIntegralInRange(0, 9)) {
-            case 0:
-                if (mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
-                return;
-            case 1:
-                return mCallback.reset();
-            default:
-                return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
-        }
+        const int what = mData.ConsumeIntegralInRange(0, 9);
+        if (what > 1) return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
+        if (what == 1) mCallback.reset();
+        if (what == 0 && mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
     }
 
 private:
@@ -95,26 +77,24 @@ private:
     bool mayNot() { return mData.ConsumeIntegral<uint8_t>() > 243; }
 
     Packet call(uint32_t method) {
-        const auto header = [&, serial = ++mSerial](uint32_t fds) {
-            return Header{Header::CALL, method, serial, fds};
-        };
-        if (method == 1) return {messageOf(header(1), true), {newCallback()}};
-        if (method == 2) return {messageOf(header(0), kit::configurationOf({16, 8})), {}};
-        if (method == 3) return {messageOf(header(1), mHouse.request), {mHouse.kinds[0].get()}};
-        return {messageOf(header(0)), {}};
+        const Header header = {Header::CALL, method, ++mSerial, method % 2};
+        if (method == 1) return {messageOf(header, true), {newCallback()}};
+        if (method == 2) return {messageOf(header, kit::configurationOf({16, 8})), {}};
+        if (method == 3)
+            return {messageOf(header, mHouse.request), {mHouse.buffer.handle()->data[0]}};
+        return {messageOf(header), {}};
     }
     /** The end that is handed over. From the other one two answers come in advance, and no more, so
      * that nobody waits. */
     int newCallback() {
         auto [mine, theirs] = kit::socketPair();
-        kit::RawClient client(std::move(mine));
+        mCallback.emplace(std::move(mine));
         for (uint32_t serial = 1; serial <= 2; ++serial) {
             Packet answer = {messageOf(Header{Header::ANSWER, 1, serial, 0}), {}};
             spoil(answer);
-            client.send(answer.bytes, answer.fds);
+            mCallback->send(answer.bytes, answer.fds);
         }
-        shutdown(client.fd(), SHUT_WR);
-        mCallback = std::move(client);
+        shutdown(mCallback->fd(), SHUT_WR);
         mHandedOver.push_back(std::move(theirs));
         return mHandedOver.back().get();
     }
@@ -130,8 +110,8 @@ private:
         if (!mayNot()) return;
         packet.fds.resize(mData.ConsumeIntegralInRange<size_t>(0, 70));
         for (int& fd : packet.fds) {
-            const auto kind = mData.ConsumeIntegralInRange<size_t>(0, std::size(mHouse.kinds));
-            fd = kind < std::size(mHouse.kinds) ? mHouse.kinds[kind].get() : newCallback();
+            const int kind = mData.ConsumeIntegralInRange(0, kKinds);
+            fd = kind < kKinds ? kKind[kind].get() : newCallback();
         }
         if (mData.ConsumeBool() && bytes.size() >= sizeof(Header))
             bytes[offsetof(Header, fds)] = static_cast<uint8_t>(packet.fds.size());
@@ -140,30 +120,28 @@ private:
     void send(uint32_t method) {
         Packet packet = call(method);
         spoil(packet);
-        if (!mSocket) fuzz::expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
-        if (mSocket->send(packet.bytes, packet.fds)) {
-            receive(packet);
-        } else {
-            mSocket.reset();
-        }
+        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
+        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
         mHandedOver.clear();
     }
     /** A call is answered, and everything else is the end. */
     void receive(const Packet& packet) {
         pollfd entry = {mSocket->fd(), POLLIN, 0};
         // The fuzzer's own alarm may interrupt it.
-        fuzz::expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
+        expectSoon([&] { return poll(&entry, 1, 1000) > 0; }, "neither an answer nor an end");
         Header answer = {};
         const ssize_t size = recv(mSocket->fd(), &answer, sizeof(answer), MSG_DONTWAIT);
         if (size <= 0) return mSocket.reset();
         Header call = {};
-        fuzz::expect(packet.bytes.size() >= sizeof(call), "an answer to no message");
-        memcpy(&call, packet.bytes.data(), sizeof(call));
-        fuzz::expect(
-            size == sizeof(answer) && call.kind == Header::CALL && call.fds == packet.fds.size() &&
-                (answer.kind == Header::ANSWER || answer.kind == Header::REFUSED) &&
-                answer.method == call.method && answer.serial == call.serial && answer.fds == 0,
-            "an answer to another call");
+        memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
+        std::vector<int> fds(packet.fds.size());
+        std::transform(packet.fds.begin(), packet.fds.end(), fds.begin(), dup);
+        const bool isWhole = readMessage(SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
+        const bool isSame = size == sizeof(answer) && answer.method == call.method &&
+                            answer.serial == call.serial && answer.fds == 0;
+        expect(isSame && call.kind == Header::CALL && call.fds == fds.size() &&
+                   (answer.kind == Header::REFUSED || (answer.kind == Header::ANSWER && isWhole)),
+               "an answer to another call, or to what is none");
     }
 
     FuzzedDataProvider& mData;
@@ -179,16 +157,24 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     static House& house = *new House;
     // Now, because the fuzzer opens descriptors of its own between two inputs.
-    const fuzz::Descriptors before = fuzz::openDescriptors();
+    const Descriptors before = openDescriptors();
     FuzzedDataProvider data(bytes, size);
     {
         Peer peer(data, house);
         for (int steps = 0; data.remaining_bytes() > 0 && steps < 16; ++steps)
             peer.step();
     }
+    // One that has gone before its turn and one that gets no thread have gone like all others.
+    kit::RawClient(house.path).connect();
+    host::failNextThreadStart();
     // Again, because the bounded wait for an answer may end where the machine has too much to do.
-    fuzz::expectSoon([] { return house.isServing(); }, "others are not served");
-    fuzz::expectOpen(before);
+    const auto isServing = [] {
+        const kit::RawClient other(house.path);
+        return other.connect() && other.isServed();
+    };
+    expectSoon(isServing, "others are not served");
+    expectSoon([] { return house.present == 0; }, "a connection is thought to be there");
+    expectOpen(before);
     house.quiet.clear();
     return 0;
 }

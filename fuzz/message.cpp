@@ -2,66 +2,43 @@
 // descriptors, of whose kinds a client's are looked at, are real.
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
 
 #include <vector>
 
 #include "host/log.h"
 #include "message_oracle.h"
-#include "raw_socket.h"
 #include "support.h"
 
-namespace {
-
-using host::UniqueFd;
-using host::detail::Header;
-
-/** Its header is usually as a well-behaved peer's, so that the records are reached. */
-std::vector<uint8_t> messageFrom(FuzzedDataProvider& data, fuzz::Served served, size_t fds) {
-    std::vector<uint8_t> message;
-    if (data.ConsumeIntegral<uint8_t>() != 0) {
-        const uint32_t kind = data.PickValueInArray(
-            {Header::CALL, Header::CALL, Header::CALL, Header::ANSWER, Header::REFUSED});
-        const uint32_t methods = served == fuzz::CONTROL ? 16 : 4;  // and one that is none
-        Header header = {kind, data.ConsumeIntegralInRange<uint32_t>(0, methods), 1,
-                         static_cast<uint32_t>(fds)};
-        if (data.ConsumeProbability<float>() < 0.05F) header.fds = data.ConsumeIntegral<uint32_t>();
-        message = fuzz::messageOf(header);
-    }
-    const auto body = data.ConsumeRemainingBytes<uint8_t>();
-    message.insert(message.end(), body.begin(), body.end());
-    return message;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
-    constexpr int kMayCross = 3;  // of these the first ones
-    static const UniqueFd kinds[] = {UniqueFd(memfd_create("any", MFD_CLOEXEC)),
-                                     UniqueFd(eventfd(0, EFD_CLOEXEC)),
-                                     kit::rawSocket(),
-                                     UniqueFd(open("/dev/null", O_RDWR | O_CLOEXEC)),
-                                     UniqueFd(open("/tmp", O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
-                                     kit::socketPair(SOCK_STREAM).first};
+    using namespace fuzz;  // NOLINT: the oracle's
     const host::LogCapture quiet;
     FuzzedDataProvider data(bytes, size);
-    const fuzz::Served served =
-        data.PickValueInArray({fuzz::CALLBACK, fuzz::SESSION, fuzz::CONTROL, fuzz::SESSION});
+    const Served served = data.PickValueInArray({CALLBACK, SESSION, CONTROL, SESSION});
     const bool isFromClient = data.ConsumeBool();
     std::vector<int> fds(data.ConsumeIntegralInRange<size_t>(0, isFromClient ? 4 : 65));
     bool mayCross = true;
     for (int& fd : fds) {
-        const int kind = isFromClient ? data.ConsumeIntegralInRange<int>(0, 5) : 0;
+        const int kind = isFromClient ? data.ConsumeIntegralInRange(0, kKinds - 1) : 0;
         mayCross = mayCross && kind < kMayCross;
-        fd = fcntl(kinds[kind].get(), F_DUPFD_CLOEXEC, 3);
+        fd = fcntl(kKind[kind].get(), F_DUPFD_CLOEXEC, 3);
     }
-    const fuzz::Reading reading =
-        fuzz::readMessage(served, isFromClient ? host::Peer::CLIENT : host::Peer::PROVIDER,
-                          messageFrom(data, served, fds.size()), fds);
-    fuzz::expect(reading.fault == nullptr, reading.fault);
-    fuzz::expect(mayCross || !reading.isTaken, "a descriptor crosses that may not");
+    // Its header is usually as a well-behaved peer's, so that the records are reached.
+    std::vector<uint8_t> message;
+    if (data.ConsumeIntegral<uint8_t>() != 0) {
+        Header header = {data.PickValueInArray({Header::CALL, Header::CALL, Header::CALL,
+                                                Header::ANSWER, Header::REFUSED}),
+                         data.ConsumeIntegralInRange<uint32_t>(0, served == CONTROL ? 16 : 4), 1,
+                         static_cast<uint32_t>(fds.size())};
+        if (data.ConsumeProbability<float>() < 0.05F) header.fds = data.ConsumeIntegral<uint32_t>();
+        message = messageOf(header);
+    }
+    const auto body = data.ConsumeRemainingBytes<uint8_t>();
+    message.insert(message.end(), body.begin(), body.end());
+    const Reading reading =
+        readMessage(served, isFromClient ? host::Peer::CLIENT : host::Peer::PROVIDER, message, fds);
+    expect(reading.fault == nullptr, reading.fault);
+    expect(mayCross || !reading.isTaken, "a descriptor crosses that may not");
     for (const int fd : fds)
-        fuzz::expectSoon([fd] { return fcntl(fd, F_GETFD) < 0; }, "a descriptor is left open");
+        expectSoon([fd] { return fcntl(fd, F_GETFD) < 0; }, "a descriptor is left open");
     return 0;
 }

@@ -5,27 +5,24 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <random>
 #include <vector>
 
 #include "support.h"
 
-int main(int argc, char** argv) {
-    if (argc != 3) return 2;  // the arguments are a corpus and a number of random inputs
-    const auto tryInput = [](const std::vector<char>& input) {
-        LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());
-    };
+/** The arguments are a corpus and a number of random inputs. */
+int main(int /*count*/, char** argv) {
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
-        tryInput({std::istreambuf_iterator<char>(file), {}});
+        const std::vector<uint8_t> input(std::istreambuf_iterator<char>(file), {});
+        LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     std::mt19937 random;  // NOLINT(cert-msc51-cpp): the same each time
     for (long left = strtol(argv[2], nullptr, 10); left > 0; --left) {
-        std::vector<char> input(random() % 512);
-        std::generate(input.begin(), input.end(), std::ref(random));
-        tryInput(input);
+        std::vector<uint8_t> input(random() % 512);
+        std::generate(input.begin(), input.end(), [&] { return static_cast<uint8_t>(random()); });
+        LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     return 0;
 }

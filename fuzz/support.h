@@ -2,11 +2,13 @@
 
 #include <fuzzer/FuzzedDataProvider.h>
 
-#include <bitset>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <iterator>
 #include <thread>
+
+#include "host/unique_fd.h"
 
 /** A target: tries one input, and returns 0. */
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size);
@@ -18,9 +20,11 @@ namespace fuzz {
 /** Says what does not hold and aborts, by which the fuzzer has found something. */
 void expect(bool holds, const char* what);
 
-/** The numbers below 512 of the open descriptors, by one system call. */
-using Descriptors = std::bitset<512>;
-Descriptors openDescriptors();
+/** How many descriptors are open. */
+using Descriptors = int64_t;
+inline Descriptors openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 /** Waits for what other threads still do; a finding after a minute. */
 template <typename Condition>
 void expectSoon(Condition condition, const char* what) {
@@ -30,8 +34,13 @@ void expectSoon(Condition condition, const char* what) {
         std::this_thread::yield();
     }
 }
-inline void expectOpen(const Descriptors& before) {
+inline void expectOpen(Descriptors before) {
     expectSoon([&] { return openDescriptors() == before; }, "descriptors are left or lost");
 }
+
+/** A descriptor of each kind, of which the first ones may cross where they belong. */
+constexpr int kMayCross = 3;
+constexpr int kKinds = 6;
+extern const host::UniqueFd kKind[kKinds];
 
 }  // namespace fuzz

@@ -6,16 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
+#include <future>
 #include <string>
-#include <tuple>
-#include <utility>
 #include <vector>
 
+#include "IFDControl.h"
 #include "host/buffer.h"
 #include "host/limits.h"
 #include "host/unique_handle.h"
@@ -28,8 +26,6 @@ namespace testing_support {
 
 using host::UniqueFd;
 
-namespace {
-
 using BoundsTest = TransportFixture;
 using Place = host::RequestBounds::Place;
 
@@ -39,9 +35,8 @@ protected:
     /** Why a request is not taken; empty when it is, and has a place from now on. */
     std::string take(const CaptureRequest& request) {
         Place place(bounds, request, now);
-        if (place.problem() != nullptr) return place.problem();
         place.keep();
-        return "";
+        return place.problem() == nullptr ? "" : place.problem();
     }
     /** As above, with a new buffer of so many bytes. */
     std::string bring(uint64_t id, uint64_t bytes) {
@@ -63,7 +58,8 @@ protected:
     /** As many as may be left over, and no more. */
     void leaveOver() {
         for (int i = 0; i < 4; ++i) {
-            EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay);
+            const size_t reusing = i < 2 && take(reused).empty() ? 1 : 0;
+            EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - reusing);
             bounds.restart(now);
         }
         EXPECT_EQ(take(same), tooManyLeft);
@@ -71,11 +67,10 @@ protected:
 
     const std::string tooManyLeft = "too many requests of earlier configurations are on their way";
     const CaptureRequest same = requestFor(1, 1);
+    const CaptureRequest reused = requestFor(1, 9);
     host::RequestBounds bounds;
     host::RequestBounds::Clock::time_point now{std::chrono::hours(1)};
 };
-
-}  // namespace
 
 TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
     server.reset();
@@ -85,12 +80,10 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
     const UniqueFd event(eventfd(0, EFD_CLOEXEC));
     const std::string overLimits = " the message is over the limits'";
     for (const size_t more : {0U, 1U, 2U}) {  // than one below a limit
-        SCOPED_TRACE(more);
         const bool fits = more < 2;
         // Bytes of a message: all that a request takes without settings, and settings.
         CaptureRequest request = requestFor(1, 1, nullptr);
-        constexpr size_t kWithoutSettings = 16 + 16 + 19 + 4 + 19;
-        request.settings.resize(host::kMaxMessageBytes - kWithoutSettings - 1 + more);
+        request.settings.resize(host::kMaxMessageBytes - (16 + 16 + 19 + 4 + 19) - 1 + more);
         EXPECT_EQ(refusalOf(request), fits ? "" : overLimits);
         // Descriptors of a message.
         request.settings.resize(0);
@@ -107,95 +100,64 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
             EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass
         }
     }
-    // Connections: this test's own is one of them.
-    std::vector<sp<IFDSession>> connections(host::kMaxConnections);
-    for (sp<IFDSession>& connection : connections)
-        connection = connect();
-    EXPECT_TRUE(connections[host::kMaxConnections - 2]->ping().isOk());
-    EXPECT_FALSE(connections.back()->ping().isOk());
-    EXPECT_EQ(linesWith("E a connection beyond the limit of 64 is refused"), 1);
-    connections.clear();
-    EXPECT_TRUE(eventually([this] { return connect()->ping().isOk(); }));
 }
 
 TEST(LimitsTest, AreWhatTheReadmeSays) {
     using namespace host;  // NOLINT: the limits
-    std::ifstream file(README);
-    const std::string readme((std::istreambuf_iterator<char>(file)), {});
-    const std::pair<std::string, size_t> limits[] = {
-        {"bytes of a message", kMaxMessageBytes},
-        {"descriptors of a message", kMaxMessageFds},
-        {"memory of a buffer", kMaxBufferBytes >> 20},
-        {"connections of a server", kMaxConnections},
-        {"descriptor slots in reserve for connections", kConnectionFds},
-        {"descriptor slots in reserve for calls", kReservedFds},
-        {"descriptor slots for what arrives", kArrivalFds},
-        {"requests on their way, of all clients together", kMaxRequestsOnTheWay},
-        {"buffer ids that came with a handle since the last accepted `configure`", kMaxBufferIds},
-        {"requests left over of earlier configurations", kMaxLeftOver},
-        {"memory that came with those ids", kMaxBroughtBytes >> 20},
-        {"threads that close what may wait for a client", kClosingThreads},
-        {"descriptors that wait for those threads", kMaxWaitingToClose},
-        {"wait for an answer", static_cast<size_t>(kCallPatience.count())}};
-    for (const auto& [name, limit] : limits) {
-        const size_t row = readme.find("| " + name + " | ");
-        ASSERT_NE(row, std::string::npos) << name;
-        std::string value = readme.substr(row + name.size() + 5, 12);
-        value.erase(std::remove(value.begin(), value.end(), ','), value.end());
-        EXPECT_EQ(std::stoul(value), limit) << name;
+    std::ifstream readme(README);
+    std::string line;
+    while (std::getline(readme, line) && line.rfind("| bytes of a message |", 0) != 0) {
     }
+    std::vector<size_t> said;
+    for (; !line.empty(); std::getline(readme, line)) {
+        line.erase(std::remove(line.begin(), line.end(), ','), line.end());
+        said.push_back(std::stoul(line.substr(line.find(" | ") + 3)));
+    }
+    EXPECT_EQ(said, (std::vector<size_t>{
+                        kMaxMessageBytes, kMaxMessageFds, kMaxBufferBytes >> 20, kMaxConnections,
+                        kMaxControlConnections, kConnectionFds, kReservedFds, kArrivalFds,
+                        kMaxRequestsOnTheWay, kMaxLeftOver, kMaxBufferIds, kMaxBroughtBytes >> 20,
+                        kClosingThreads, kMaxWaitingToClose, control::kMaxCrops,
+                        control::kMaxWaitingEvents, static_cast<size_t>(kCallPatience.count())}));
 }
 
 TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     WallClock clock;
     clock.stopAt(1);  // no request grows stale, however slow the machine is
-    std::atomic<bool> asksInside{false};
-    const sp<IFDSession> other = connect();
-    const CaptureRequest known = requestFor(1, 1);
+    const CaptureRequest request = requestFor(1, 1, buffer.handle());
+    std::promise<void> hasAsked;
     callback->during = [&] {
-        if (asksInside.exchange(false))
-            expectStatus(other->processCaptureRequest(known), Status::OK);
+        expectStatus(remote->processCaptureRequest(request), Status::OK);
+        hasAsked.set_value();
     };
     setUpStream();
-    session->sendCaptureResult(resultFor(known));  // to no request of anybody
-    deliveries.waitFor(1);
-    const CaptureRequest first = requestFor(1, 1, buffer.handle());
-    expectStatus(remote->processCaptureRequest(first), Status::OK);
-    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i) {
-        // What the session refuses takes no place.
-        expectStatus(remote->processCaptureRequest(requestFor(1, 1, nullptr, 5)),
-                     Status::ILLEGAL_ARGUMENT);
-        expectStatus((i % 2 == 0 ? remote : other)->processCaptureRequest(known), Status::OK);
+    for (size_t i = 0; i < host::kMaxRequestsOnTheWay; ++i) {
+        EXPECT_EQ(refusalOf(requestFor(1, 1, nullptr, 5)), "");  // by the session, takes no place
+        EXPECT_EQ(refusalOf(request), "");
     }
     const std::string tooMany = " too many requests are on their way'";
-    EXPECT_EQ(refusalOf(known), tooMany);
-    // A result makes a place, whether the client takes it or not; one that goes nowhere does not.
-    asksInside = true;  // from inside already
-    serveOne();
-    deliveries.waitFor(2);
-    notify();  // when it comes back, that result was answered
-    EXPECT_EQ(refusalOf(known), tooMany);
+    EXPECT_EQ(refusalOf(request), tooMany);
+    // A result makes a place, from inside already, and whether the client takes it or not.
     callback->failing = true;
     serveOne();
-    deliveries.waitFor(3);
-    expectStatus(other->processCaptureRequest(known), Status::OK);
-    expectStatus(remote->setCallback(nullptr), Status::OK);
-    serveOne();
-    drivePass();
-    drivePass();
-    EXPECT_EQ(refusalOf(known), tooMany);
-    // A configuration that is refused makes none, either.
+    hasAsked.get_future().wait();
+    EXPECT_EQ(refusalOf(request), tooMany);
+    // A configuration that is refused makes none.
     expectStatus(remote->configure(StreamConfiguration()), Status::ILLEGAL_ARGUMENT);
-    EXPECT_EQ(refusalOf(known), tooMany);
+    EXPECT_EQ(refusalOf(request), tooMany);
     expectStatus(remote->configure(configurationOf(0)), Status::OK);
-    expectStatus(remote->processCaptureRequest(first), Status::OK);
+    EXPECT_EQ(refusalOf(request), "");
 }
 
 TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
+    handOver(same);  // to no request of anybody
     leaveOver();
+    // The session gives one of the second configuration up, before the first one's turn.
+    handOver(reused, BufferStatus::ERROR);
+    handOver(reused);
     // 4,096 may wait to be handed over. The results of a slow callback make the only places, and
     // neither one more configuration nor what the session gives up of the newest shows more gone.
-    for (size_t i = 1; i < host::kMaxRequestsOnTheWay; ++i) {
+    for (size_t i = 3; i < host::kMaxRequestsOnTheWay; ++i) {
         now += host::kCallPatience;
         handOver(same, i % 2 == 0 ? BufferStatus::OK : BufferStatus::ERROR);
         bounds.restart(now);
@@ -212,89 +174,64 @@ TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
 }
 
 TEST_F(RequestBoundsTest, NeverRefusesWhoConfiguresAnewAllTheTime) {
-    // One of eight requests is answered, the others are dropped. So much a configuration adds to
-    // the frame numbers and to the ids, and so many may be answered.
-    const std::tuple<uint32_t, uint32_t, uint32_t> cases[] = {{0, 0, 1}, {8, 0, 8}, {0, 8, 8}};
-    for (const auto& [frames, ids, others] : cases) {
+    // One of eight requests is answered, the others are dropped. Each configuration begins its
+    // frame numbers again, or its ids.
+    for (const uint32_t frames : {0U, 8U}) {
+        const uint32_t ids = 8 - frames;
         for (uint32_t i = 0; i < 1000; ++i) {
             for (uint32_t j = 0; j < 8; ++j)
-                EXPECT_EQ(take(requestFor(i * frames + j, i * ids + j)), "") << frames << ids;
-            handOver(requestFor(i * frames + i % others, i * ids + i % others));
+                EXPECT_EQ(take(requestFor(i * frames + j, i * ids + j)), "") << frames;
+            handOver(requestFor(i * frames + i % 8, i * ids + i % 8));
             bounds.restart(now);
         }
     }
 }
 
-TEST_F(RequestBoundsTest, TakesNoReusedNumberForASignThatOlderOnesAreGone) {
-    const CaptureRequest reused = requestFor(1, 9);
-    for (int i = 0; i < 4; ++i) {
-        if (i < 2) static_cast<void>(take(reused));
-        flood();
-        bounds.restart(now);
-    }
-    // The session gives one of the second configuration up, before the first one's turn.
-    handOver(reused, BufferStatus::ERROR);
-    handOver(reused);
-    EXPECT_EQ(take(same), tooManyLeft);
-}
-
-TEST_F(RequestBoundsTest, CountsARequestThatAConfigurationOvertakes) {
-    {
-        Place accepted(bounds, same, now);
-        const Place refused(bounds, same, now);
-        bounds.restart(now);
-        accepted.keep();
-    }
-    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - 1);
-}
-
 TEST_F(RequestBoundsTest, CountsIdsAndBytesOfWhatTheSessionKeeps) {
-    // 64 of the largest common size, and then up to the limit to the byte.
-    constexpr uint64_t kFrame = uint64_t{4096} * 2304 * 3 / 2;
-    for (uint64_t id = 1; id <= 64; ++id)
-        EXPECT_EQ(bring(id, kFrame), "");
-    EXPECT_EQ(bring(64, host::kMaxBroughtBytes), "");  // the session keeps the first one
-    const uint64_t left = host::kMaxBroughtBytes - 64 * kFrame;
+    const host::Buffer memory = kit::allocate({4096, 2304});
+    const uint64_t left = host::kMaxBroughtBytes - memory.size();
     const std::string tooMuch = "too much memory came with buffers since the stream was configured";
-    EXPECT_EQ(bring(65, left + 1), tooMuch);
-    EXPECT_EQ(bring(65, INT64_MAX), tooMuch);
     {
-        const host::Buffer memory = kit::allocate({4096, 2304});
-        const Place refused(bounds, requestFor(1, 66, memory.handle()), now);
-        EXPECT_EQ(refused.problem(), nullptr);
-        const Place first(bounds, requestFor(1, 65, memory.handle()), now);
-        Place second(bounds, requestFor(1, 65, memory.handle()), now);
+        const Place refused(bounds, requestFor(1, 2, memory.handle()), now);
+        const Place first(bounds, requestFor(1, 1, memory.handle()), now);
+        Place second(bounds, requestFor(1, 1, memory.handle()), now);
         second.keep();  // so that it stays when the first one is refused
     }
-    EXPECT_EQ(bring(66, left - kFrame), "");
-    EXPECT_EQ(bring(67, 1), tooMuch);
+    EXPECT_EQ(bring(1, host::kMaxBroughtBytes), "");  // the session keeps the first one
+    for (const uint64_t more : {left + 1, uint64_t{INT64_MAX}})
+        EXPECT_EQ(bring(2, more), tooMuch);
+    EXPECT_EQ(bring(2, left), "");
     // What is claimed counts, for memory may grow to it.
-    const host::UniqueHandle claim(native_handle_clone(kit::allocate({64, 64}).handle()));
+    const host::UniqueHandle claim(native_handle_clone(memory.handle()));
     dup2(UniqueFd(memfd_create("fdstream-buffer", MFD_CLOEXEC)).get(), claim->data[0]);
-    EXPECT_EQ(take(requestFor(1, 67, claim.get())), tooMuch);
+    EXPECT_EQ(take(requestFor(1, 3, claim.get())), tooMuch);
     bounds.restart(now);
     EXPECT_EQ(bring(100, host::kMaxBroughtBytes), "");
+
+    constexpr uint64_t kFirst = 1000;  // of ids that have not come yet
+    constexpr uint64_t kLast = kFirst + host::kMaxBufferIds - 1;
     const hidl_handle empty = handleOf({});
     const auto empties = [&](uint64_t id) { return requestFor(1, id, empty.getNativeHandle()); };
     {
-        Place overtaken(bounds, empties(0), now);
+        Place overtaken(bounds, empties(kFirst), now);
+        const Place refused(bounds, same, now);
         bounds.restart(now);
         overtaken.keep();
     }
-    for (uint64_t id = 1; id < host::kMaxBufferIds - 1; ++id) {
+    for (uint64_t id = kFirst + 1; id < kLast; ++id) {
         EXPECT_EQ(take(empties(id)), "");
-        handOver(same);
+        handOver(empties(id));
     }
-    constexpr uint64_t kLast = host::kMaxBufferIds;
-    static_cast<void>(Place(bounds, empties(kLast + 7), now));
     EXPECT_EQ(take(empties(kLast)), "");
-    EXPECT_EQ(take(empties(1)), "");
+    EXPECT_EQ(take(empties(kFirst)), "");
     EXPECT_EQ(take(empties(kLast + 1)), "too many buffer ids came since the stream was configured");
     EXPECT_EQ(take(requestFor(1, kLast + 1)), "");
     // The session keeps nothing of a request without exactly one buffer, and says why.
     CaptureRequest two = empties(kLast + 1);
     two.outputBuffers = {two.outputBuffers[0], two.outputBuffers[0]};
     EXPECT_EQ(take(two), "");
+    // On their way are these four, and the one that a configuration overtook.
+    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - 5);
 }
 
 }  // namespace testing_support

@@ -1,13 +1,17 @@
-// Calls between processes. Client and provider share this one here, so that a test sees both ends,
-// or answers the caller's end by hand.
+// Calls between processes, and their messages. Client and provider share this one here, so that a
+// test sees both ends, or answers the caller's end by hand. One message of each kind is tried with
+// every one or two bits of it flipped, cut off at every byte, and with every number of descriptors.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <future>
 #include <string>
 #include <thread>
@@ -17,10 +21,11 @@
 
 #include "host/limits.h"
 #include "host/remote.h"
+#include "message_oracle.h"
 #include "model/files.h"
 #include "model/operands.h"
 #include "raw_socket.h"
-#include "src/served_channel.h"
+#include "support/slow.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -29,15 +34,65 @@ namespace {
 
 using CallsTest = TransportFixture;
 using Clock = std::chrono::steady_clock;
+using fuzz::messageOf;
+using host::detail::Header;
+
+const host::UniqueFd memory(memfd_create("any", MFD_CLOEXEC));
+
+struct Message {
+    const char* name;
+    fuzz::Served served;
+    uint32_t fds;  ///< how many come with it
+    std::vector<uint8_t> bytes;
+};
+
+/** One of each kind; what has buffers has one, one fence, and 8 bytes of settings. */
+std::vector<Message> messages() {
+    const host::Buffer buffer = kit::allocate({16, 8});
+    CaptureRequest request = requestFor(3, 5, buffer.handle());
+    request.settings.resize(8);
+    request.outputBuffers[0].acquireFence = handleOf({memory.get()});
+    CaptureResult result = resultFor(request);
+    result.result.resize(8);
+    control::Followed followed = {};
+    followed.scene.crops.resize(1);
+    const auto call = [](uint32_t method, uint32_t fds = 0) {
+        return Header{Header::CALL, method, 7, fds};
+    };
+    using namespace fuzz;  // NOLINT: who is served
+    return {
+        {"a follower's step", CONTROL, 0, messageOf(call(14), followed)},
+        {"a tracking control", CONTROL, 0, messageOf(call(5), control::TrackControl())},
+        {"a ping", SESSION, 0, messageOf(call(0))},
+        {"a callback", SESSION, 1, messageOf(call(1, 1), true)},
+        {"a configuration", SESSION, 0, messageOf(call(2), configurationOf(0))},
+        {"a request", SESSION, 2, messageOf(call(3, 2), request)},
+        {"a result", CALLBACK, 2, messageOf(call(1, 2), hidl_vec<CaptureResult>{result})},
+        {"a notification", CALLBACK, 0, messageOf(call(2), hidl_vec<FDNotifyMsg>{FDNotifyMsg()})},
+        {"an answer", SESSION, 0, messageOf(Header{Header::ANSWER, 1, 7, 0}, uint32_t{0})}};
+}
+
+/** Whether a message is taken; nothing else may happen to it, or to what comes with it. */
+bool isTaken(const Message& message, size_t sent) {
+    std::vector<int> fds(sent);
+    std::generate(fds.begin(), fds.end(), [] { return dup(memory.get()); });
+    const fuzz::Reading reading =
+        fuzz::readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
+    EXPECT_EQ(reading.fault, nullptr) << reading.fault;
+    for (const int fd : fds)
+        EXPECT_TRUE(eventually([fd] { return fcntl(fd, F_GETFD) < 0; })) << "one is left open";
+    return reading.isTaken;
+}
 
 /** A channel whose calls a test answers by hand. */
 struct HeldChannel {
     explicit HeldChannel(host::Peer served = host::Peer::PROVIDER)
         : caller(std::move(ends.first), served) {}
-    /** Why the call fails; empty when it does not. */
+    /** Why the call fails, of a status of the transport; empty when it does not. */
     std::string call(uint32_t method = 1) {
         const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
-        return status.isOk() ? "" : status.description();
+        const std::string failed = "Status(EX_TRANSACTION_FAILED): ";
+        return status.isOk() ? "" : status.description().substr(failed.size());
     }
 
     std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
@@ -49,8 +104,7 @@ struct HeldChannel {
 }  // namespace
 
 TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
-    EXPECT_TRUE(remote->isRemote());
-    EXPECT_TRUE(remote->ping().isOk());
+    EXPECT_TRUE(remote->isRemote() && remote->ping().isOk());
     setUpStream();
     const StreamConfiguration stream = configurationOf(Args{0, 0, 0, 1, 1, 3, 66, 77, 88});
     expectStatus(remote->configure(stream), Status::OK);
@@ -72,97 +126,104 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
 }
 
-TEST(CallChannelTest, GivesUpInTimeWhateverComesBetween) {
+TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     // Takes as long as the bounded wait, which is what it is about: what comes between comes late
     // in it, so that a wait that began anew would end long after it.
-    struct sigaction onSignal = {};
-    onSignal.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &onSignal, nullptr);
     HeldChannel channel;
-    HeldChannel interrupted;
+    HeldChannel dying;
     HeldChannel handedOver(host::Peer::CLIENT);
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
     const auto start = Clock::now();
-    const auto expectNoAnswer = [start](HeldChannel& called) {
-        EXPECT_EQ(called.call(2),
-                  "Status(EX_TRANSACTION_FAILED): 'TIMED_OUT: no answer within 1000 ms'");
-        EXPECT_GE(Clock::now() - start, host::kCallPatience);
-        EXPECT_LT(Clock::now() - start, host::kCallPatience * 3 / 2);
+    std::vector<std::future<void>> calls;
+    const auto begin = [&](HeldChannel& called, uint32_t method, int tenths,
+                           const std::string& failure) {
+        std::atomic<pid_t> caller{0};
+        calls.push_back(std::async(std::launch::async, [&, method, tenths, failure] {
+            caller = gettid();
+            EXPECT_EQ(called.call(method), failure);
+            EXPECT_GE(Clock::now() - start, host::kCallPatience * tenths / 10);
+            EXPECT_LT(Clock::now() - start, host::kCallPatience * (tenths + 8) / 10);
+        }));
+        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
     };
-    const auto first = std::async(std::launch::async, [&] { EXPECT_EQ(channel.call(), ""); });
-    EXPECT_EQ(channel.peer.receivedMethod(), 1U);
-    const auto second = std::async(std::launch::async, [&] { expectNoAnswer(channel); });
-    const auto unlucky = std::async(std::launch::async, [&] { expectNoAnswer(handedOver); });
-    std::thread signalled([&] { expectNoAnswer(interrupted); });
+    const std::string late = "'TIMED_OUT: no answer within 1000 ms'";
+    const std::string none = "bytes that are no message'";
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        begin(channel, method, method < 3 ? 8 : 10, method < 3 ? "" : late);
+        begin(dying, method, 0, (method == 1 ? "'FAILED_TRANSACTION: " : "'DEAD_OBJECT: ") + none);
+    }
+    begin(handedOver, 1, 10, late);
+    dying.peer.send({});  // which all that wait hear of at once
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
-    channel.peer.send(rawMessage({kAnswer, 1, 1, 0}));  // now it is the second one's turn
-    pthread_kill(signalled.native_handle(), SIGUSR1);
-    signalled.join();
+    for (const uint32_t method : {1U, 2U, 3U}) {
+        EXPECT_EQ(channel.peer.receivedMethod(), method);
+        if (method < 3) channel.peer.send(rawMessage({kAnswer, method, method, 0}));
+    }
 }
 
-TEST(ServedChannelTest, GivesUpAPeerThatReadsNoAnswer) {
-    // Takes as long as the bounded wait, which is what it is about.
-    const LogLines log;
-    auto [socket, other] = kit::socketPair();
-    const RawClient deaf(std::move(other));
-    const auto flood = std::async(std::launch::async, [&] {
-        deaf.sendUnread(rawMessage({kCall, 0, 1, 0}));
-    });
-    const auto stub = host::detail::findInterface(IFDSessionCallback::descriptor)->stub(nullptr);
-    EXPECT_EQ(host::detail::serveChannel(socket.get(), *stub, host::Peer::CLIENT),
-              host::ServedEnd::GIVEN_UP);
-    EXPECT_EQ(log.said(), Lines{"E a channel ends: the peer does not read its answers"});
-}
-
-TEST(CallChannelTest, SaysWhatTheRefusalSaysAndGoesOn) {
-    HeldChannel channel;
+TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {
     std::vector<uint8_t> refusal = rawMessage({kRefused, 1, 1, 0});
     const std::string text = "no\n11-24 forged \x1b[31m" + std::string(5000, 'x');
     refusal.insert(refusal.end(), text.begin(), text.end());
-    channel.peer.send(refusal);
-    EXPECT_EQ(channel.call(),
-              "Status(EX_TRANSACTION_FAILED): 'FAILED_TRANSACTION: no?11-24 forged ?[31m" +
-                  std::string(99, 'x') + "'");
-    channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
-    EXPECT_EQ(channel.call(), "");
-}
-
-TEST(CallChannelTest, TakesTurnsInTheOrderOfTheCalls) {
-    HeldChannel channel;
-    std::vector<std::future<std::string>> calls;
-    for (const uint32_t method : {1U, 2U, 3U}) {
-        std::atomic<pid_t> caller{0};
-        calls.push_back(std::async(std::launch::async, [&, method] {
-            caller = gettid();
-            return channel.call(method);
-        }));
-        EXPECT_TRUE(eventually([&] { return caller != 0 && isAsleep(caller); }));
-    }
-    for (const uint32_t method : {1U, 2U, 3U}) {
-        EXPECT_EQ(channel.peer.receivedMethod(), method);
-        channel.peer.send(rawMessage({kAnswer, method, method, 0}));
-        EXPECT_EQ(calls[method - 1].get(), "");
-    }
-}
-
-TEST(CallChannelTest, EndsForGoodWithAnAnswerThatIsNone) {
-    const std::tuple<kit::RawMessage, std::vector<int>, std::string> bad[] = {
+    const std::string refused = "no?11-24 forged ?[31m" + std::string(99, 'x');
+    const std::tuple<kit::RawMessage, std::vector<int>, std::string> answers[] = {
+        {refusal, {}, refused},
         {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
         {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
-        {rawMessage({kAnswer, 1}), {}, "bytes that are no message"},
         {{}, {}, "bytes that are no message"},
         {rawMessage({kAnswer, 1, 1, 0, 7}), {}, "the answer does not add up"},
-        {rawMessage({kAnswer, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"},
         {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
-    for (const auto& [bytes, fds, said] : bad) {
+    for (const auto& [bytes, fds, said] : answers) {
         HeldChannel channel;
         channel.peer.send(bytes, fds);
-        for (const std::string status : {"FAILED_TRANSACTION: ", "DEAD_OBJECT: "})
-            EXPECT_EQ(channel.call(), "Status(EX_TRANSACTION_FAILED): '" + status + said + "'");
-        EXPECT_FALSE(channel.peer.isClosed());  // the first call
-        EXPECT_TRUE(channel.peer.isClosed());   // and then the end
+        channel.peer.send(rawMessage({kAnswer, 1, 2, 0}));
+        EXPECT_EQ(channel.call(), "'FAILED_TRANSACTION: " + said + "'");
+        const bool goesOn = said == refused;
+        EXPECT_EQ(channel.call(), goesOn ? "" : "'DEAD_OBJECT: " + said + "'");
+        EXPECT_EQ(channel.peer.receivedMethod(), 1U);
+        EXPECT_NE(channel.peer.isClosed(), goesOn);
+    }
+}
+
+TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
+    // More than a million reads, which take some seconds. Where all is slow every
+    // 23rd second bit has to do.
+    for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
+        const auto flip = [&](size_t bit) {
+            message.bytes[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8);
+        };
+        ASSERT_TRUE(isTaken(message, message.fds));
+        for (size_t one = 0, bits = message.bytes.size() * 8; one < bits; ++one) {
+            flip(one);
+            isTaken(message, message.fds);
+            for (size_t other = one + 1; other < bits; other += isSlow() ? 23U : 1U) {
+                flip(other);
+                isTaken(message, message.fds);
+                flip(other);
+                ASSERT_FALSE(HasFailure()) << "bits " << one << " and " << other;
+            }
+            flip(one);
+        }
+    }
+}
+
+TEST(MessageTest, IsNotTakenWhenItIsCutOffOrLongerOrWithOtherDescriptorsThanItAnnounces) {
+    for (Message message : messages()) {
+        SCOPED_TRACE(message.name);
+        for (size_t size = 0; size < message.bytes.size() + 9; ++size) {
+            Message cut = message;
+            cut.bytes.resize(size);
+            EXPECT_EQ(isTaken(cut, cut.fds), size == message.bytes.size()) << size << " bytes";
+        }
+        for (uint32_t announced = 0; announced <= 17; ++announced) {
+            memcpy(&message.bytes[offsetof(Header, fds)], &announced, sizeof(announced));
+            for (size_t sent = 0; sent <= 17; ++sent)
+                EXPECT_EQ(isTaken(message, sent), announced == sent && sent == message.fds)
+                    << announced << " announced, " << sent << " sent";
+        }
     }
 }
 

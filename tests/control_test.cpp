@@ -229,9 +229,11 @@ TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound
 }
 
 TEST_F(ControlTest, EndsAChannelThatAsksForNoMethodAndNoOther) {
-    const RawClient raw(controlPath);
-    EXPECT_TRUE(raw.connect() && raw.send(rawMessage({kCall, 16, 1, 0})));
-    EXPECT_TRUE(raw.isClosed() && other->ping().isOk());
+    // Nor one that brings arguments to a method without any.
+    for (const auto& call : {rawMessage({kCall, 16, 1, 0}), rawMessage({kCall, 2, 1, 0, 5})}) {
+        const RawClient raw(controlPath);
+        EXPECT_TRUE(raw.connect() && raw.send(call) && raw.isClosed() && other->ping().isOk());
+    }
 }
 
 TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {

@@ -8,19 +8,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <tuple>
 #include <utility>
 #include <vector>
 
-#include "control_server.h"
 #include "host/limits.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
@@ -30,21 +26,6 @@
 
 namespace testing_support {
 
-using host::ServedEnd;
-using host::UniqueFd;
-
-namespace {
-
-using android::hardware::hidl_death_recipient;
-using android::hidl::base::V1_0::IBase;
-
-struct Recipient : public hidl_death_recipient {
-    void serviceDied(uint64_t cookie, const wp<IBase>& who) override {
-        died.set_value({cookie, who.promote() != nullptr});
-    }
-    std::promise<std::pair<uint64_t, bool>> died;
-};
-
 class ServerTest : public TransportFixture {
 protected:
     /** Why nobody can listen there. */
@@ -52,36 +33,21 @@ protected:
         EXPECT_EQ(host::Server::listen(where, client, reason), nullptr);
         return reason;
     }
-    /** Hands the callback over to a provider without manners. */
-    RawClient handOver() {
-        host::Outgoing out;
-        host::Writer writer(out);
-        EXPECT_TRUE(host::writeInterface(writer, IFDSessionCallback::descriptor, callback));
-        return RawClient(std::move(out.handedOver.at(0)));
-    }
     std::filesystem::perms mode() const { return std::filesystem::status(path).permissions(); }
 };
 
-}  // namespace
-
 TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
-    const char* const noMessage = "bytes that are no message";
-    const char* const noSum = "no such method, or arguments that do not add up";
     const std::tuple<kit::RawMessage, size_t, std::string> faults[] = {
-        {{}, 0, noMessage},
-        {{}, 2, noMessage},
+        {{}, 0, "bytes that are no message"},
         {rawMessage({kAnswer, 1, 1, 0}), 0, "bytes that are no call"},
-        {rawMessage({kCall, 99, 1, 0}), 0, noSum},
-        {rawMessage({kCall, 0, 1, 0, 5}), 0, noSum},  // a ping
-        {rawMessage({kCall, kRequest, 1, 0, 5}), 0, noSum},
-        {rawMessage({kCall, kSetCallback, 1, 0}, 2), 0, noSum},
-        {rawMessage({kCall, kConfigure, 1, 2, 0, 0}), 1,
-         "other descriptors than the message announces"},
+        {rawMessage({kCall, 99, 1, 0}), 0, "no such method, or arguments that do not add up"},
         {rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65, "too many descriptors"},
         {rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"}};
+    std::promise<host::ServedEnd> end;
+    host::ServedWatch watch(callback, [&](host::ServedEnd how) { end.set_value(how); });
+    callback->during = [&] { EXPECT_FALSE(watch.waitUntilAnswered({})); };
     setUpStream();
     for (const auto& [bytes, fds, said] : faults) {
-        SCOPED_TRACE(said);
         log.clear();
         RawClient hostile = connectRaw();
         hostile.send(bytes, std::vector<int>(fds, STDERR_FILENO));
@@ -89,45 +55,33 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultAndNoOther) {
         EXPECT_EQ(log.said("transport"), Lines{"E a channel ends: " + said});
         EXPECT_TRUE(remote->ping().isOk());
     }
-    // One that is cut off in the middle is no fault, and a callback that is none changes nothing.
-    log.clear();
+    // A callback that is none changes nothing.
     EXPECT_EQ(connectRaw().setCallback(STDERR_FILENO), kRefused);
     notify();
     EXPECT_EQ(deliveries.notified().size(), 1U);
-    EXPECT_EQ(log.said("transport"), Lines());
-    // The controls' own methods.
-    const auto controls = control::ControlServer::listen(folder / "c", session, {}, reason);
-    const RawClient another(folder / "c");
-    EXPECT_TRUE(another.connect() && another.isServed());
-    another.send(rawMessage({kCall, 2, 1, 0, 5}));  // one without arguments
-    EXPECT_TRUE(another.isClosed());
+    EXPECT_TRUE(watch.waitUntilAnswered(std::chrono::seconds(10)));
+    expectStatus(remote->setCallback(nullptr), Status::OK);
+    EXPECT_EQ(end.get_future().get(), host::ServedEnd::LET_GO);
 }
 
-TEST_F(ServerTest, GoesOnWhenNoThreadCanBeMade) {
+TEST_F(ServerTest, GivesUpAPeerThatReadsNoAnswer) {
+    // Takes as long as the bounded wait, which is what it is about.
+    connectRaw().sendUnread(rawMessage({kCall, 0, 1, 0}));
+    EXPECT_EQ(log.said("transport"), Lines{"E a channel ends: the peer does not read its answers"});
+}
+
+TEST_F(ServerTest, SaysWhyItCannotServe) {
+    EXPECT_EQ(problemAt(path), path + " is in use by another provider");
+    std::ofstream(folder / "file") << "text";
+    EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
+    for (const std::string& bad : {std::string(), std::string(108, 'x')})
+        EXPECT_EQ(problemAt(bad), "a socket's path has 1 to 107 characters: " + bad);
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
     host::failNextThreadStart();
     EXPECT_EQ(problemAt(folder / "other"), folder / "other: no thread can be made to serve it");
     host::failNextThreadStart();
-    EXPECT_FALSE(remote->setCallback(callback).isOk());
-    host::failNextThreadStart();
-    EXPECT_FALSE(bool(remote->linkToDeath(new Recipient, 1)));
-    host::failNextThreadStart();
     EXPECT_TRUE(connectRaw().isClosed());
     EXPECT_TRUE(log.waitUntilSaid("E a connection is refused: no thread can be made for it"));
-    expectStatus(remote->setCallback(callback), Status::OK);
-    EXPECT_TRUE(connectRaw().isServed());
-}
-
-TEST_F(ServerTest, SaysWhyItCannotListen) {
-    EXPECT_EQ(problemAt(path), path + " is in use by another provider");
-    std::ofstream(folder / "file") << "text";
-    EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
-    EXPECT_EQ(problemAt(folder / "no/socket"), folder / "no/socket: No such file or directory");
-    const std::string sentence = "a socket's path has 1 to 107 characters: ";
-    for (const std::string& bad : {std::string(), std::string(108, 'x')})
-        EXPECT_EQ(problemAt(bad), sentence + bad);
-    EXPECT_EQ(host::connect<IFDSession>(folder / "nobody", reason), nullptr);
-    EXPECT_EQ(reason, folder / "nobody: No such file or directory");
 
     // What a killed provider left behind is taken over.
     remote.clear();
@@ -137,11 +91,10 @@ TEST_F(ServerTest, SaysWhyItCannotListen) {
     EXPECT_TRUE(std::filesystem::exists(path));
     std::filesystem::rename(folder / "left", path);
     serve();
-    EXPECT_EQ(mode(), std::filesystem::perms(0600));
 }
 
 TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItListens) {
-    const UniqueFd own(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const host::UniqueFd own(open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ASSERT_EQ(flock(own.get(), LOCK_EX), 0);
     const auto start = std::chrono::steady_clock::now();
     server.reset();  // for a second it tries to get the lock, and then goes on without it
@@ -154,23 +107,17 @@ TEST_F(ServerTest, ChangesItsPathUnderTheFoldersLockAndIsNobodyElsesBeforeItList
 
 TEST_F(ServerTest, RefusesAnotherUser) {
     if (geteuid() != 0) GTEST_SKIP() << "only root can become another user";
-    const auto asNobody = [](const auto& does) {
-        const pid_t child = fork();
-        if (child == 0) _exit(setresuid(65534, 65534, 65534) == 0 && does() ? 0 : 1);
-        return child;
-    };
     // Even when the file's mode and folder would let it.
     std::filesystem::permissions(folder.path(), std::filesystem::perms::all);
     std::filesystem::permissions(path, std::filesystem::perms::all);
     const RawClient other(path);
-    int status = -1;
-    waitpid(asNobody([&] { return other.connect() && other.isClosed(); }), &status, 0);
-    EXPECT_EQ(status, 0);
-    EXPECT_TRUE(log.waitUntilSaid("E another user's connection is refused"));
-
-    // Nor is another user's server taken for the provider.
     const RawClient foreign(folder / "foreign");
-    const pid_t child = asNobody([&] { return foreign.listen() && pause() == 0; });
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(setresuid(65534, 65534, 65534) == 0 && other.connect() && other.isClosed() &&
+              foreign.listen() && pause() == 0);
+    EXPECT_TRUE(log.waitUntilSaid("E another user's connection is refused"));
+    // Nor is another user's server taken for the provider.
     EXPECT_TRUE(eventually([&] {
         EXPECT_EQ(host::connect<IFDSession>(folder / "foreign", reason), nullptr);
         return reason == folder / "foreign is another user's";
@@ -180,94 +127,25 @@ TEST_F(ServerTest, RefusesAnotherUser) {
 }
 
 TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
+    struct Recipient : public android::hardware::hidl_death_recipient {
+        void serviceDied(uint64_t cookie, const wp<host::IBase>& who) override {
+            died.set_value({cookie, who.promote() != nullptr});
+        }
+        std::promise<std::pair<uint64_t, bool>> died;
+    };
     const sp<Recipient> told = new Recipient;
-    const sp<Recipient> unlinked = new Recipient;
-    EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));
-    EXPECT_TRUE(bool(remote->linkToDeath(unlinked, 43)));
-    EXPECT_TRUE(bool(remote->unlinkToDeath(unlinked)));
-    EXPECT_FALSE(bool(remote->unlinkToDeath(unlinked)));
-    EXPECT_FALSE(bool(remote->linkToDeath(nullptr, 1)));
+    EXPECT_TRUE(bool(remote->linkToDeath(told, 41)));
+    EXPECT_TRUE(bool(remote->unlinkToDeath(told)));
+    EXPECT_FALSE(bool(remote->unlinkToDeath(told)));
+    EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));  // and told twice, its promise would break
     server.reset();
-    EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_EQ(told->died.get_future().get(), (std::pair<uint64_t, bool>{42, true}));
+    host::failNextThreadStart();
+    EXPECT_FALSE(bool(remote->linkToDeath(told, 43)));
     const Return<Status> answer = remote->configure(configurationOf(0));
     EXPECT_FALSE(answer.isOk());
     EXPECT_EQ(answer.description(),
               "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the connection'");
-    remote.clear();
-    EXPECT_EQ(unlinked->died.get_future().wait_for(std::chrono::seconds(0)),
-              std::future_status::timeout);
-}
-
-TEST_F(ServerTest, TellsOfConnectionsAndOfWhoCalls) {
-    std::atomic<pid_t> came{0};
-    std::promise<pid_t> went[3];
-    std::promise<void> isGivenUp;
-    int ended = 0;
-    const auto takeNote = [&](pid_t who) {
-        came = who;
-        if (ended == 2) isGivenUp.get_future().wait();
-    };
-    const auto second =
-        host::Server::listen(folder / "second", client, reason,
-                             {takeNote, [&](pid_t who) { went[ended++].set_value(who); }});
-    // One that gets no thread has gone.
-    EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
-    host::failNextThreadStart();
-    const RawClient refused(folder / "second");
-    EXPECT_TRUE(refused.connect());
-    EXPECT_EQ(went[0].get_future().get(), getpid());
-
-    auto connected = host::connect<IFDSession>(folder / "second", reason);
-    ASSERT_NE(connected, nullptr) << reason;
-    std::atomic<pid_t> caller{0};
-    {
-        // What a request brings is looked at by whoever serves it.
-        const FileWatch look(buffer.handle()->data[0], Watching::ALL, [&] {
-            if (host::callingProcess() != 0) caller = host::callingProcess();
-        });
-        EXPECT_TRUE(connected->processCaptureRequest(requestFor(1, 1, buffer.handle())).isOk());
-    }
-    EXPECT_EQ(caller, getpid());
-    EXPECT_EQ(came, getpid());
-    EXPECT_EQ(host::callingProcess(), 0);
-    connected.clear();
-    EXPECT_EQ(went[1].get_future().get(), getpid());
-
-    // So has one that was given up before its turn.
-    EXPECT_TRUE(RawClient(folder / "second").connect());
-    isGivenUp.set_value();
-    EXPECT_EQ(went[2].get_future().get(), getpid());
-}
-
-TEST_F(ServerTest, WaitsUntilWhatCameIsAnsweredAndTellsHowAChannelEnds) {
-    std::promise<ServedEnd> ends[2];
-    size_t ended = 0;
-    std::optional<host::ServedWatch> watch;
-    watch.emplace(callback, [&](ServedEnd how) { ends[ended++].set_value(how); });
-    EXPECT_TRUE(watch->waitUntilAnswered(std::chrono::seconds(0)));
-    const auto notifyOver = rawMessage({kCall, 2, 1, 0, 1, 0, 0, 0, 0});
-    for (const ServedEnd end : {ServedEnd::LET_GO, ServedEnd::GIVEN_UP}) {
-        std::optional<RawClient> provider(handOver());
-        std::unique_lock<std::mutex> held = holdClient();
-        const size_t before = ended;
-        provider->send(notifyOver);
-        EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == before + 1; }));
-        EXPECT_FALSE(watch->waitUntilAnswered(std::chrono::seconds(0)));
-        if (end == ServedEnd::GIVEN_UP) provider.reset();
-        held.unlock();
-        EXPECT_TRUE(watch->waitUntilAnswered(std::chrono::seconds(10)));
-        if (provider) {
-            EXPECT_TRUE(provider->hasAnswer());
-            EXPECT_EQ(provider->receivedKind(), kAnswer);
-        }
-        provider.reset();
-        EXPECT_EQ(ends[before].get_future().get(), end);
-    }
-    std::optional<RawClient> provider(handOver());
-    watch.reset();  // from now on nobody is told, which a third promise would not survive
-    provider.reset();
-    endCallback();
 }
 
 }  // namespace testing_support
