@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "model/files.h"
 #include "model/sequence.h"
 
 namespace testing_support {

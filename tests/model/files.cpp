@@ -16,71 +16,50 @@ uint64_t inodeOf(const native_handle_t* handle) {
     return handle->numFds > 0 && fstat(handle->data[0], &file) == 0 ? file.st_ino : 0;
 }
 
-host::UniqueHandle handleWith(int descriptors, int integers) {
-    host::UniqueHandle handle(native_handle_create(descriptors, integers));
-    for (int i = 0; i < descriptors; ++i) {
-        int pipe[2] = {-1, -1};
-        pipe2(pipe, O_CLOEXEC);
-        handle->data[i] = pipe[0];
-        close(pipe[1]);
-    }
+/** A pipe's ends may cross to another process. */
+host::UniqueHandle handleOfPipes(int count) {
+    host::UniqueHandle handle(native_handle_create(2 * count, 0));
+    for (int i = 0; i < count; ++i)
+        pipe2(&handle->data[2 * i], O_CLOEXEC);
     return handle;
 }
 
 }  // namespace
 
-Files::Files() {
+FileSet::FileSet() {
     using host::ChromaOrder;
-    addMemory({8, 6}, 9, ChromaOrder::CbFirst, 2);
-    addMemory({8, 6}, 0, ChromaOrder::CrFirst, 2);
-    addMemory({6, 4}, 8, ChromaOrder::CbFirst, 2);
-    addMemory({8, 6}, 0, ChromaOrder::CbFirst, 1);
-    // A fence is of a kind that may cross to another process.
-    addOther('f', handleWith(1, 0));
-    addOther('g', handleWith(1, 0));
-    addOther(kEmpty, handleWith(0, 0));
-    addOther(kFour, handleWith(4, 2));
-    host::UniqueHandle broken(native_handle_clone(sessions.memories[0].handle()));
-    close(std::exchange(broken->data[0], -1));
-    addOther(kBroken, std::move(broken));
-}
-
-void Files::addMemory(kit::FrameSize size, uint32_t stride, host::ChromaOrder order,
-                      uint32_t step) {
-    host::BufferGeometry geometry;
-    geometry.stride = stride;
-    geometry.order = order;
-    geometry.chromaStep = step;
-    for (FileSet* const set : {&sessions, &models}) {
-        set->memories.push_back(kit::allocate(size, geometry));
-        const auto name = static_cast<File>('A' + set->memories.size() - 1);
-        add(*set, name, set->memories.back().handle());
+    const host::BufferGeometry geometries[] = {{8, 6, 9},
+                                               {8, 6, 0, 0, ChromaOrder::CrFirst},
+                                               {6, 4, 8},
+                                               {8, 6, 0, 0, ChromaOrder::CbFirst, 1}};
+    for (const host::BufferGeometry& geometry : geometries) {
+        const auto name = static_cast<File>('A' + memories.size());
+        memories.push_back(host::Buffer::allocate(geometry).value());
+        handles[name].reset(native_handle_clone(memories.back().handle()));
     }
+    handles['f'] = handleOfPipes(1);
+    handles['g'] = handleOfPipes(1);
+    handles[kEmpty] = handleOfPipes(0);
+    handles[kFour] = handleOfPipes(2);
+    for (const auto& [name, handle] : handles)
+        mNames[inodeOf(handle.get())] = name;
+    handles[kNoHandle] = nullptr;
+    handles[kBroken].reset(native_handle_clone(memories[0].handle()));
+    close(std::exchange(handles[kBroken]->data[0], -1));
 }
 
-void Files::addOther(File name, host::UniqueHandle handle) {
-    add(sessions, name, handle.get());
-    add(models, name, handle.get());
-    mOthers.push_back(std::move(handle));
-}
-
-void Files::add(FileSet& set, File name, const native_handle_t* handle) {
-    set.handles[name] = handle;
-    if (name != kBroken) mEntries[inodeOf(handle)] = {name, handle};
-}
-
-File Files::nameOf(const native_handle_t* handle) const {
+File FileSet::nameOf(const native_handle_t* handle) const {
     if (handle == nullptr) return kNoHandle;
-    const auto found = mEntries.find(inodeOf(handle));
-    if (found == mEntries.end()) return '?';
-    const native_handle_t* const original = found->second.handle;
+    const auto found = mNames.find(inodeOf(handle));
+    if (found == mNames.end()) return '?';
+    const native_handle_t* const original = handles.at(found->second).get();
     const int* const integers = &original->data[original->numFds];
     const bool isDuplicate =
         handle != original && handle->numFds == original->numFds &&
         handle->numInts == original->numInts &&
         std::equal(integers, integers + original->numInts, &handle->data[handle->numFds]) &&
         (handle->numFds == 0 || handle->data[0] != original->data[0]);
-    return isDuplicate ? found->second.name : '?';
+    return isDuplicate ? found->second : '?';
 }
 
 }  // namespace testing_support

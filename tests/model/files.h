@@ -2,12 +2,10 @@
 
 #include <cutils/native_handle.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <vector>
 
-#include "frame.h"
 #include "host/buffer.h"
 #include "host/unique_handle.h"
 
@@ -21,32 +19,18 @@ constexpr File kFour = 'q';    // four descriptors, so no buffer's
 constexpr File kBroken = 'x';  // a buffer's, whose descriptor cannot be duplicated
 
 /** Handles of each kind that records speak of, and the buffers' memories. */
-struct FileSet {
-    std::map<File, const native_handle_t*> handles = {{kNoHandle, nullptr}};
-    std::vector<host::Buffer> memories;
-};
-
-/** One set for the session, and one for its model. */
-class Files {
+class FileSet {
 public:
-    Files();
+    FileSet();
 
-    FileSet sessions;
-    FileSet models;
     /** '?' for a handle of something else, or one that is no duplicate. */
     File nameOf(const native_handle_t* handle) const;
 
-private:
-    void addMemory(kit::FrameSize size, uint32_t stride, host::ChromaOrder order, uint32_t step);
-    void addOther(File name, host::UniqueHandle handle);
-    void add(FileSet& set, File name, const native_handle_t* handle);
+    std::vector<host::Buffer> memories;
+    std::map<File, host::UniqueHandle> handles;
 
-    struct Entry {
-        File name;
-        const native_handle_t* handle;
-    };
-    std::map<uint64_t, Entry> mEntries;  // by the inode, or 0
-    std::vector<host::UniqueHandle> mOthers;
+private:
+    std::map<uint64_t, File> mNames;  // by the inode, or 0
 };
 
 }  // namespace testing_support

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 #include "FDSession.h"
 #include "model/files.h"
 
-/** The records that operations carry, from their arguments, and in words to be compared. */
+/** The records that operations carry, from their arguments. */
 namespace testing_support {
 
 namespace fdstream = vendor::zoru::zoruprovider::fdstream::V1_0;
@@ -29,13 +30,5 @@ product::TrackControl trackOf(const Args& args);
 fdstream::FDNotifyMsg messageOf(const Args& args);
 /** A buffer by its two ids. */
 product::StreamBuffer nameOf(const Args& args);
-
-std::string inWords(const Files& files, const product::CaptureRequest& request);
-std::string inWords(const Files& files, const product::CaptureResult& result);
-std::string inWords(const Files& files, const android::GraphicBuffer& buffer);
-std::string inWords(const product::StreamConfiguration& configuration);
-std::string inWords(const product::SceneControl& control);
-std::string inWords(const product::TrackControl& control);
-std::string inWords(const fdstream::FDNotifyMsg& message);
 
 }  // namespace testing_support

@@ -1,8 +1,7 @@
 #include "model/sequence.h"
 
 #include <algorithm>
-#include <cstring>
-#include <numeric>
+#include <random>
 
 #include "model/subject.h"
 #include "model/words.h"
@@ -12,32 +11,6 @@ namespace testing_support {
 namespace {
 
 constexpr size_t kMostOperations = 60;
-
-uint64_t next(uint64_t& state) {
-    uint64_t z = state += 0x9e3779b97f4a7c15;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return z ^ (z >> 31);
-}
-
-uint8_t kindAt(uint64_t number) {
-    unsigned sum = 0;
-    for (const Subject::Kind& kind : Subject::kKinds)
-        sum += kind.weight;
-    auto left = static_cast<unsigned>(number % sum);
-    uint8_t kind = 0;
-    while (left >= Subject::kKinds[kind].weight)
-        left -= Subject::kKinds[kind++].weight;
-    return kind;
-}
-
-Operation randomOperation(uint64_t& state) {
-    Operation operation = {kindAt(next(state)), {}};
-    const uint64_t bits[] = {next(state), next(state)};
-    memcpy(operation.args.data(), bits, operation.args.size());
-    if (operation.kind == kindOf("Nest")) operation.args[0] = kindAt(bits[1]);
-    return operation;
-}
 
 std::string difference(const Events& got, const Events& expected, const std::string& where) {
     if (got == expected) return {};
@@ -52,6 +25,14 @@ std::string difference(const Events& got, const Events& expected, const std::str
 
 }  // namespace
 
+uint8_t kindAt(uint8_t byte) {
+    int left = byte;
+    for (size_t kind = 0;; kind = (kind + 1) % Subject::kKinds.size()) {
+        left -= Subject::kKinds[kind].weight;
+        if (left < 0) return static_cast<uint8_t>(kind);
+    }
+}
+
 uint8_t kindOf(std::string_view name) {
     uint8_t kind = 0;
     while (name != Subject::kKinds.at(kind).name)
@@ -60,17 +41,15 @@ uint8_t kindOf(std::string_view name) {
 }
 
 Sequence sequenceOf(uint64_t seed) {
-    uint64_t state = seed;
-    Sequence sequence(20 + next(state) % 41);
-    for (Operation& operation : sequence)
-        operation = randomOperation(state);
+    std::mt19937_64 random(seed);
+    std::vector<uint8_t> bytes((20 + random() % 41) * sizeof(Operation));
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    Sequence sequence = sequenceFrom(bytes.data(), bytes.size());
     // Most sequences get somewhere.
     if (seed % 8 != 0) {
-        sequence[0].kind = kindOf("SetCallback");
-        sequence[0].args[0] = 1;
+        sequence[0] = {kindOf("SetCallback"), {1}};
         sequence[1].kind = kindOf("Configure");
-        sequence[1].args[0] = 0;
-        sequence[1].args[2] = 0;
+        sequence[1].args[0] = sequence[1].args[2] = 0;
     }
     return sequence;
 }
@@ -78,16 +57,16 @@ Sequence sequenceOf(uint64_t seed) {
 Sequence sequenceFrom(const uint8_t* data, size_t size) {
     Sequence sequence(std::min(size / sizeof(Operation), kMostOperations));
     for (Operation& operation : sequence) {
-        operation.kind = static_cast<uint8_t>(data[0] % Subject::kKinds.size());
-        memcpy(operation.args.data(), data + 1, operation.args.size());
+        operation.kind = kindAt(data[0]);
+        std::copy_n(data + 1, operation.args.size(), operation.args.begin());
         data += sizeof(Operation);
     }
     return sequence;
 }
 
 std::string disagreement(const Files& files, const Sequence& sequence) {
-    const std::unique_ptr<Subject> model = makeModel(files);
-    const std::unique_ptr<Subject> session = makeSession(files);
+    const std::unique_ptr<Subject> model = makeModel(files.models);
+    const std::unique_ptr<Subject> session = makeSession(files.sessions);
     std::string found = difference(session->begin(), model->begin(), "at the beginning");
     for (size_t i = 0; i < sequence.size() && found.empty(); ++i) {
         const Events got = session->step(sequence[i]);

@@ -7,7 +7,6 @@
 #include <string_view>
 #include <vector>
 
-#include "model/files.h"
 #include "model/operands.h"
 
 namespace testing_support {
@@ -19,6 +18,14 @@ struct Operation {
 };
 using Sequence = std::vector<Operation>;
 
+/** Of the session, and of its model: each has memories of its own. */
+struct Files {
+    FileSet sessions;
+    FileSet models;
+};
+
+/** The number of the kind that this byte stands for: of the frequent ones by many. */
+uint8_t kindAt(uint8_t byte);
 /** The number of the kind with this name. */
 uint8_t kindOf(std::string_view name);
 /** 20 to 60 operations, always the same ones for a seed. */

@@ -11,7 +11,7 @@ namespace {
 
 class SessionDriver : public Subject {
 public:
-    explicit SessionDriver(const Files& files) : Subject(files, files.sessions) {}
+    explicit SessionDriver(const FileSet& files) : Subject(files) {}
 
 private:
     product::FDSession& session() override { return *mSession; }
@@ -37,7 +37,7 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Subject> makeSession(const Files& files) {
+std::unique_ptr<Subject> makeSession(const FileSet& files) {
     return std::make_unique<SessionDriver>(files);
 }
 

@@ -26,16 +26,6 @@ bool hasFences(const StreamBuffer& copy, const StreamBuffer& original) {
            isSet(copy.releaseFence) == isSet(original.releaseFence);
 }
 
-StreamBuffer withoutHandle(const StreamBuffer& original) {
-    StreamBuffer copy = {};
-    copy.streamId = original.streamId;
-    copy.bufferId = original.bufferId;
-    copy.status = original.status;
-    copy.acquireFence = original.acquireFence;
-    copy.releaseFence = original.releaseFence;
-    return copy;
-}
-
 void turn(const android_ycbcr& planes, kit::FrameSize size) {
     const auto rowAt = [&](size_t row) {
         const auto luma = static_cast<size_t>(size.height);
@@ -53,7 +43,7 @@ void turn(const android_ycbcr& planes, kit::FrameSize size) {
 
 class SessionModel : public SceneModel {
 public:
-    explicit SessionModel(const Files& files) : SceneModel(files, files.models) {}
+    explicit SessionModel(const FileSet& files) : SceneModel(files) {}
 
 private:
     struct Waiting {
@@ -127,13 +117,14 @@ private:
     }
     /** What the platform promises, which the session has from it as well. */
     bool isPossible(const GraphicBuffer& wrapper) const {
-        const int sizes = wrapper.width | wrapper.height | wrapper.stride | wrapper.format;
-        const bool isEmpty = sizes == 0 && wrapper.getUsage() == 0 && wrapper.handle == nullptr;
-        if (isEmpty || wrapper.initCheck() != 0) return isEmpty && wrapper.initCheck() != 0;
+        const auto [width, height] = std::pair(wrapper.width, wrapper.height);
+        if (wrapper.initCheck() != 0) {
+            const int sizes = width | height | wrapper.stride | wrapper.format;
+            return sizes == 0 && wrapper.getUsage() == 0 && wrapper.handle == nullptr;
+        }
         const auto number = static_cast<size_t>(mFiles.nameOf(wrapper.handle) - 'A');
-        const kit::FrameSize most = kit::sizeOf(mFiles.models.memories.at(number));
-        return wrapper.width > 0 && wrapper.width <= most.width && wrapper.height > 0 &&
-               wrapper.height <= most.height;
+        const kit::FrameSize most = kit::sizeOf(mFiles.memories.at(number));
+        return width > 0 && width <= most.width && height > 0 && height <= most.height;
     }
     std::optional<buffer_handle_t> import(const hidl_handle& raw) {
         if (raw->numFds + raw->numInts == 0) return nullptr;
@@ -180,14 +171,17 @@ private:
         return enqueue(request) ? Status::OK : Status::ILLEGAL_ARGUMENT;
     }
     bool enqueue(const CaptureRequest& request) {
-        CaptureRequest copy = {};
-        copy.frameNumber = request.frameNumber;
-        copy.fmqSettingsSize = request.fmqSettingsSize;
-        copy.settings = request.settings;
-        copy.inputBuffer = request.inputBuffer;
+        CaptureRequest copy = {request.frameNumber,
+                               request.fmqSettingsSize,
+                               request.settings,
+                               request.inputBuffer,
+                               {}};
         copy.outputBuffers.resize(request.outputBuffers.size());
-        for (size_t i = 0; i < request.outputBuffers.size(); ++i)
-            copy.outputBuffers[i] = withoutHandle(request.outputBuffers[i]);
+        for (size_t i = 0; i < request.outputBuffers.size(); ++i) {
+            const StreamBuffer& from = request.outputBuffers[i];
+            copy.outputBuffers[i] = {from.streamId, from.bufferId,     {},
+                                     from.status,   from.acquireFence, from.releaseFence};
+        }
         if (!fits(request)) return false;
 
         const StreamBuffer& buffer = request.outputBuffers[0];
@@ -294,7 +288,7 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Subject> makeModel(const Files& files) {
+std::unique_ptr<Subject> makeModel(const FileSet& files) {
     return std::make_unique<SessionModel>(files);
 }
 

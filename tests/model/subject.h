@@ -35,7 +35,7 @@ public:
         uint8_t weight;  ///< how often it comes up
         void (*carryOut)(Subject& subject, const Args& args);
     };
-    static const std::array<Kind, 33> kKinds;
+    static const std::array<Kind, 24> kKinds;
 
     ~Subject() override = default;
     Subject(const Subject&) = delete;
@@ -47,7 +47,7 @@ public:
     Events end();
 
 protected:
-    Subject(const Files& files, const FileSet& own);
+    explicit Subject(const FileSet& files);
 
     void say(std::string event) { mEvents.push_back(std::move(event)); }
 
@@ -60,7 +60,7 @@ protected:
     virtual void freeBuffer(const product::StreamBuffer& buffer) = 0;
     virtual void resetPTZScene() = 0;
 
-    const Files& mFiles;
+    const FileSet& mFiles;
     int64_t mNow = 1700000000000000;
     std::optional<bool> mIsFlipped;  // none while nobody has said
     bool mIsOver = false;
@@ -68,6 +68,7 @@ protected:
 private:
     class Client;
     class Observer;
+    enum Failing { CALLS, MAPPER, LOCK, UNLOCK };  // the first lock and unlock in each step
 
     void write(const host::LogLine& line) override;
     /** What an operation does, and what else can be seen of that. */
@@ -75,45 +76,23 @@ private:
     /** What all of this process share, as it is for this subject. */
     void enterWorld();
     void leaveWorld();
-    void carryOut(const Operation& operation) {
-        kKinds[operation.kind].carryOut(*this, operation.args);
-    }
     void carryOutNested();
-    template <typename Value>
-    void sayAnswer(const char* operation, const Value& value) {
-        say(operation + (" answers " + std::to_string(static_cast<int>(value))));
-    }
-    template <typename Record>
-    Record read(void (product::FDSession::*get)(Record&)) {
-        Record record = {};
-        (session().*get)(record);
-        return record;
-    }
+    void sayAnswer(const char* operation, product::Status status);
+    /** Says all that can be read of the session. */
+    void read();
     void setCallback(int choice);
     void submit(const product::CaptureRequest& request);
-    void take();
-    void getConfiguration();
-    void getBuffer(uint64_t bufferId);
     void send(const product::CaptureResult& result);
-    void answerTaken(product::BufferStatus status);
-    void letGoOfHeld();
-    void paint(const Args& args);
-    void pass();
-    void nest(const Args& args);
 
-    const FileSet& mOwn;
     Events mEvents;
     std::optional<Operation> mNested;
 
     // The world.
     WallClock mClock;
     FewDuplicates mFewDuplicates;
-    bool mCallsFail = false;
-    int mMapperFault = 0;       // below 0 the mapper is gone
-    int mLockError = 0;         // of the first lock in a step
-    int mUnlockError = 0;       // and of the first unlock
-    int mDuplicates = INT_MAX;  // that can be made in the next step
-    std::string mMapped;        // what the importer asked the mapper for, in order
+    std::array<int, 4> mFailures = {};  // the error of each that fails; a mapper below 0 is gone
+    int mDuplicates = INT_MAX;          // that can be made in the next step
+    std::string mMapped;                // what the importer asked the mapper for, in order
 
     // The users.
     int mCallbacksMade = 0;
@@ -124,7 +103,7 @@ private:
     std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };
 
-std::unique_ptr<Subject> makeSession(const Files& files);
-std::unique_ptr<Subject> makeModel(const Files& files);
+std::unique_ptr<Subject> makeSession(const FileSet& files);
+std::unique_ptr<Subject> makeModel(const FileSet& files);
 
 }  // namespace testing_support
