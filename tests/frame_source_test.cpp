@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
+#include <set>
 
 #include "FDSessionTest.h"
 #include "host/threads.h"
@@ -21,13 +21,13 @@ constexpr const char* kInput = "fd_stream_subst_nv12.yuv";
 }  // namespace
 
 /** In a folder of its own, with the process's one session, which lives on from test to test. */
-class FrameSourceTest : public testing::Test {
+class FrameSourceTest : public SessionFixture {
 protected:
     static void SetUpTestSuite() { FDSession::getInstance(); }
 
-    FrameSourceTest() {
+    FrameSourceTest()
+        : SessionFixture(static_cast<FDSessionImpl*>(FDSession::getInstance().get())) {
         std::filesystem::current_path(folder.path());
-        EXPECT_TRUE(client->setCallback(callback).isOk());
         clock.stopAt(1);  // no request grows old
     }
     ~FrameSourceTest() override {
@@ -36,8 +36,9 @@ protected:
         source->join();
         source.clear();
         EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
-        EXPECT_TRUE(client->configure(configurationOf(0)).isOk());  // lets go of the buffers
-        EXPECT_TRUE(client->setCallback(nullptr).isOk());
+        SessionFixture::configure();  // lets go of the buffers
+        session->handleSetCallback(nullptr);
+        session.clear();
         // The session's thread may have it still, and tells deliveries when it lets go of it.
         EXPECT_TRUE(eventually([this] { return callback->getStrongCount() == 1; }));
         std::filesystem::current_path("/");
@@ -54,12 +55,12 @@ protected:
     }
     void configure(int32_t id, uint32_t width = 1280, uint32_t height = 720) {
         streamId = id;
-        EXPECT_TRUE(client->configure(configurationOf(id, width, height)).isOk());
+        ASSERT_EQ(session->handleConfigure(configurationOf(id, width, height)), 0);
     }
     void submit(uint32_t frame, const native_handle_t* handle) {
         CaptureRequest request = requestFor(frame, frame, handle, streamId);
         request.outputBuffers[0].status = BufferStatus::ERROR;  // the source says otherwise
-        EXPECT_TRUE(client->processCaptureRequest(request).isOk());
+        EXPECT_EQ(session->handleCaptureRequest(request), 0);
     }
     /** Lets the source go through one pass and returns what it said meanwhile. */
     Lines pass() {
@@ -72,9 +73,6 @@ protected:
         Lines said = pass();
         const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
         EXPECT_EQ(result.frameNumber, frame);
-        EXPECT_EQ(result.fmqResultSize + result.result.size() + result.partialResult, 0U);
-        EXPECT_EQ(result.inputBuffer.streamId, -1);
-        EXPECT_EQ(result.outputBuffers[0].streamId, streamId);
         EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
         EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
         return said;
@@ -82,12 +80,7 @@ protected:
 
     const kit::TemporaryFolder folder;
     WallClock clock;
-    LogLines log;
-    Deliveries deliveries;
-    const sp<FDSession> session = FDSession::getInstance();
-    const sp<IFDSession> client = session->getInterface();
-    const sp<Callback> callback = new Callback(deliveries);
-    const host::Buffer buffer = allocate(1280, 720);
+    const host::Buffer target = allocate(1280, 720);
     std::unique_ptr<PauseGate> gate = std::make_unique<PauseGate>();
     sp<FDSessionTest> source;
     int32_t streamId = 0;
@@ -120,8 +113,8 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen
     ASSERT_EQ(mkfifo(kInput, 0600), 0);
     start();
     configure(4);
-    submit(1, buffer.handle());
-    const FileWatch watch(buffer.handle()->data[0], Watching::CLOSES, [this] {
+    submit(1, target.handle());
+    const FileWatch watch(target.handle()->data[0], Watching::CLOSES, [this] {
         EXPECT_TRUE(eventually([this] { return deliveries.count() > 1; }));
     });
     const Meanwhile pass([this] { gate->passOnce(); }, Other::WAITS);
@@ -132,7 +125,7 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen
         pipe << std::string(kit::kFrameBytes, 'a');
     }
     EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 1U);
-    EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], 'a');
+    EXPECT_EQ(target.bytes()[kit::kFrameBytes - 1], 'a');
 }
 
 TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
@@ -146,23 +139,23 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     EXPECT_EQ(pass(), Lines{"I threadLoop: stream configuration change  \n"});
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
 
-    std::fill_n(buffer.bytes(), buffer.size(), uint8_t{7});
-    submit(1, buffer.handle());
+    std::fill_n(target.bytes(), target.size(), uint8_t{7});
+    submit(1, target.handle());
     passWithAnswer(1);
     EXPECT_EQ(log.timesSaid(std::string("E file ") + kInput +
                             " open failed, error - No such file or directory \n"),
               1);
     EXPECT_EQ(log.timesSaid("E Invalid params: buffer((nil)) \n"), 0);
-    EXPECT_EQ(buffer.bytes()[0], 7);
+    EXPECT_EQ(target.bytes()[0], 7);
 
     writeFrames("ab");
     for (uint32_t frame = 2; frame <= 4; ++frame)
-        submit(frame, buffer.handle());
+        submit(frame, target.handle());
     for (uint32_t frame = 2; frame <= 4; ++frame) {
         EXPECT_TRUE(passWithAnswer(frame).empty());
         EXPECT_EQ(log.said("zoruutil").size(), 4U);  // the request's dump
-        EXPECT_EQ(buffer.bytes()[0], frame == 3 ? 'b' : 'a');
-        EXPECT_EQ(buffer.bytes()[kit::kFrameBytes - 1], frame == 3 ? 'b' : 'a');
+        EXPECT_EQ(target.bytes()[0], frame == 3 ? 'b' : 'a');
+        EXPECT_EQ(target.bytes()[kit::kFrameBytes - 1], frame == 3 ? 'b' : 'a');
     }
 
     // A stream that needs more than a frame of the file: nothing is read past the frame memory.
@@ -173,12 +166,12 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
                                        "width(1280) height(722) \n"});
     EXPECT_EQ(large.bytes()[0], 0);
     // That took a frame, and what cannot be wrapped takes none.
-    submit(6, buffer.handle());
+    submit(6, target.handle());
     EXPECT_EQ(passWithAnswer(6), Lines{"E threadLoop: GraphicBuffer failed \n"});
     configure(4);
-    submit(7, buffer.handle());
+    submit(7, target.handle());
     EXPECT_TRUE(passWithAnswer(7).empty());
-    EXPECT_EQ(buffer.bytes()[0], 'a');
+    EXPECT_EQ(target.bytes()[0], 'a');
     EXPECT_EQ(deliveries.count(), 7U);
 }
 
@@ -200,13 +193,11 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
           {"another provider", provide},
           {"another pass of the source", [&](size_t) { source->threadLoop(); }}},
          kRequests);
-    std::vector<uint32_t> answered;
+    std::set<uint32_t> answered;
     for (const auto& delivery : deliveries.waitFor(kRequests))
-        answered.push_back(delivery.result.frameNumber);
-    std::sort(answered.begin(), answered.end());
-    std::vector<uint32_t> submitted(kRequests);
-    std::iota(submitted.begin(), submitted.end(), 0);
-    EXPECT_EQ(answered, submitted);  // each one once
+        answered.insert(delivery.result.frameNumber);
+    EXPECT_EQ(answered.size(), kRequests);
+    EXPECT_EQ(deliveries.count(), kRequests);  // each one once
 }
 
 }  // namespace testing_support

@@ -1,23 +1,28 @@
-// The session's life and its callback's, and what its thread does.
+// The session's life and its callback's, what its thread does, and letting go of what it was sent.
 
-#include <atomic>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "Rotate180.h"
 #include "host/threads.h"
+#include "host/unique_fd.h"
 #include "host/unique_handle.h"
-#include "support/interposed.h"
-#include "support/session_fixture.h"
-#include "support/stress.h"
+#include "support/driven_session.h"
 
 namespace testing_support {
 
 namespace {
 
 using SessionTest = SessionFixture;
+using LettingGoTest = DrivenSession;
 using android::hardware::camera::common::V1_0::Status;
 
 /** A callback whose end does something. */
@@ -33,9 +38,7 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     const int threads = host::threadCount();
     const sp<FDSessionImpl> other = new FDSessionImpl;
     EXPECT_EQ(host::threadCount(), threads + 1);
-    EXPECT_NE(other->getInterface(), client);
     EXPECT_EQ(session->getInterface(), client);
-    EXPECT_TRUE(session->isRunning());
     EXPECT_FALSE(client->isRemote());
     EXPECT_FALSE(bool(client->linkToDeath(nullptr, 1)));
 
@@ -61,12 +64,10 @@ TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
     Deliveries told;
     host::failNextThreadStart();
     sp<FDSessionImpl> last = new FDSessionImpl;
-    EXPECT_FALSE(last->isRunning());
     const sp<IFDSession> called = last->getInterface();
     last->handleSetCallback(new Ending(deliveries, [&last] { last.clear(); }));
     EXPECT_EQ(Status(called->setCallback(new Callback(told))), Status::OK);
     EXPECT_EQ(told.waitForDeath(), threadName());
-    EXPECT_EQ(called->getStrongCount(), 1);
 }
 
 TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
@@ -85,9 +86,7 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
               {"graphics buffer", [&](size_t) { wrapped.clear(); }},
               {"provider",
                [&](size_t) {
-                   CaptureRequest taken = {};
-                   provided->getProcessCaptureRequest(taken);
-                   provided->sendCaptureResult(resultFor(taken));
+                   provided->sendCaptureResult(resultFor(request));
                    provided.clear();
                }},
               {"client",
@@ -100,7 +99,24 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
     }
 }
 
-TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
+TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
+    // In a process of its own, which has no session yet.
+    const auto getFromFourThreads = [] {
+        const LogLines log;
+        const Side get = {"getInstance", [](size_t) { FDSession::getInstance(); }};
+        race({get, get, get, get}, 1);
+        exit(log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
+}
+
+TEST(RotationTest, SaysThatThereIsNoBuffer) {
+    const LogLines log;
+    rotate180(nullptr);
+    EXPECT_EQ(log.said(kSessionTag), Lines{"E rotate180: Invalid graphics buffer \n"});
+}
+
+TEST_F(LettingGoTest, LetsGoOfACallbackWithoutTheLock) {
     // The callback's end is the client's code: here it waits for a thread that needs the session.
     std::optional<Meanwhile> other;
     session->handleSetCallback(new Ending(deliveries, [&] {
@@ -110,29 +126,61 @@ TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
     EXPECT_EQ(deliveries.waitForDeath(), threadName());
 }
 
-TEST(RotationTest, SaysThatThereIsNoBuffer) {
-    const LogLines log;
-    rotate180(nullptr);
-    EXPECT_EQ(log.said(kSessionTag), Lines{"E rotate180: Invalid graphics buffer \n"});
-}
-
-TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
-    // In a process of its own, which has no session yet.
-    const auto getFromFourThreads = [] {
-        LogLines log;
-        std::atomic<FDSession*> first{nullptr};
-        std::atomic<bool> isOne{true};
-        const Side get = {"getInstance", [&](size_t) {
-                              FDSession* const mine = FDSession::getInstance().get();
-                              FDSession* other = nullptr;
-                              if (!first.compare_exchange_strong(other, mine) && other != mine)
-                                  isOne = false;
-                          }};
-        race({get, get, get, get}, 1);
-        const bool once = log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1;
-        exit(isOne && once ? 0 : 1);
+TEST_F(LettingGoTest, ClosesWhatItWasSentWithoutALock) {
+    // Which may take as long as a client likes. The second handle cannot be duplicated as a whole.
+    const host::UniqueFd file(memfd_create("fence", MFD_CLOEXEC));
+    const host::UniqueHandle fence(native_handle_create(1, 0));
+    const host::UniqueHandle half(native_handle_create(2, 0));
+    fence->data[0] = dup(file.get());
+    half->data[0] = dup(file.get());
+    half->data[1] = -1;
+    const auto submitted = [&](uint64_t bufferId, const native_handle_t* handle,
+                               const native_handle_t* released = nullptr) {
+        CaptureRequest request = requestFor(1, bufferId, handle);
+        request.inputBuffer.acquireFence = fence.get();
+        request.outputBuffers[0].acquireFence = fence.get();
+        request.outputBuffers[0].releaseFence = released;
+        return session->handleCaptureRequest(request) == 0;
     };
-    EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
+    const std::tuple<const char*, size_t, std::function<void()>> cases[] = {
+        {"a result, in a pass that answers a stale request, too", 3,
+         [&] {
+             CaptureResult result = resultOf(1);
+             result.inputBuffer.releaseFence = fence.get();
+             session->sendCaptureResult(result);
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             pass();
+         }},
+        {"a refused request", 2, [&] { EXPECT_FALSE(submitted(9, nullptr)); }},
+        {"one whose handles cannot all be duplicated", 3,
+         [&] { EXPECT_FALSE(submitted(9, buffer.handle(), half.get())); }},
+        {"a reconfiguration", 2,
+         [&] {
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             configure();
+         }},
+        {"what the provider's record held", 2, [&] {
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             ASSERT_EQ(submit(2, 1), 0);
+             CaptureRequest request = take();
+             EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
+             EXPECT_EQ(request.frameNumber, 2U);
+         }}};
+    session->handleSetCallback(nullptr);  // what is to be delivered ends here
+    configure();
+    for (const auto& [what, times, act] : cases) {
+        SCOPED_TRACE(where = what);
+        std::vector<std::unique_ptr<Meanwhile>> others;
+        const FileWatch watch(file.get(), Watching::CLOSES, [&, others = &others] {
+            const auto goOn = [this] {
+                session->getTrackingMode();
+                session->sendCaptureResult({});
+            };
+            others->push_back(std::make_unique<Meanwhile>(goOn, Other::GOES_ON));
+        });
+        act();
+        EXPECT_EQ(others.size(), times);
+    }
 }
 
 }  // namespace testing_support

@@ -65,7 +65,8 @@ const std::array<Subject::Kind, 24> Subject::kKinds = {{
     {"FreeBuffer", 1, [](Subject& s, const Args& args) { s.freeBuffer(nameOf(args)); }},
     {"Notify", 4,
      [](Subject& s, const Args& args) {
-         fdstream::FDNotifyMsg message = messageOf(args);
+         fdstream::FDNotifyMsg message = {};
+         fill(message, args[0]);
          s.session().sendNotify(message);
      }},
     {"Paint", 4,
@@ -96,7 +97,11 @@ const std::array<Subject::Kind, 24> Subject::kKinds = {{
          s.session().setTrackingMode(product::TrackingMode(oneOf({0, 0, 1, 2, -1}, args[0])));
      }},
     {"SetTrack", 2,
-     [](Subject& s, const Args& args) { s.session().setTrackControl(trackOf(args)); }},
+     [](Subject& s, const Args& args) {
+         product::TrackControl control = {};
+         fill(control, args[0] % 3U);
+         s.session().setTrackControl(control);
+     }},
     {"Read", 8, [](Subject& s, const Args&) { s.read(); }},
     // The world's.
     {"StepClock", 8,

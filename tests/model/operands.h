@@ -26,8 +26,6 @@ product::CaptureRequest requestOf(const Args& args, const FileSet& files);
 product::CaptureResult resultOf(const Args& args, const FileSet& files);
 product::StreamConfiguration configurationOf(const Args& args);
 product::SceneControl sceneOf(const Args& args);
-product::TrackControl trackOf(const Args& args);
-fdstream::FDNotifyMsg messageOf(const Args& args);
 /** A buffer by its two ids. */
 product::StreamBuffer nameOf(const Args& args);
 

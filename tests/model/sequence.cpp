@@ -78,22 +78,14 @@ std::string disagreement(const Files& files, const Sequence& sequence) {
 }
 
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {
-    for (size_t length = sequence.size() / 2; length > 0; length /= 2) {
-        for (size_t first = 0; first + length <= sequence.size();) {
-            Sequence shorter = sequence;
-            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(first);
-            shorter.erase(from, from + static_cast<std::ptrdiff_t>(length));
-            if (holds(shorter)) {
-                sequence = std::move(shorter);
-            } else {
-                ++first;
-            }
-        }
+    for (size_t i = sequence.size(); i-- > 0;) {
+        Sequence shorter = sequence;
+        shorter.erase(shorter.begin() + static_cast<std::ptrdiff_t>(i));
+        if (holds(shorter)) sequence = std::move(shorter);
     }
     for (Operation& operation : sequence) {
         for (uint8_t& arg : operation.args) {
-            const uint8_t before = arg;
-            arg = 0;
+            const uint8_t before = std::exchange(arg, uint8_t{0});
             if (!holds(sequence)) arg = before;
         }
     }

@@ -34,7 +34,7 @@ Sequence sequenceOf(uint64_t seed);
 Sequence sequenceFrom(const uint8_t* data, size_t size);
 /** What the session and its model do not agree on first; empty when they agree on all of it. */
 std::string disagreement(const Files& files, const Sequence& sequence);
-/** The fewest operations, and the fewest of their bytes, for which this still holds. */
+/** Without operations, and bytes of them, that this does not need to hold. */
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds);
 /** As code that can be put into a test. */
 std::string asCode(const Sequence& sequence);

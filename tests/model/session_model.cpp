@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "frame.h"
 #include "model/scene_model.h"
@@ -16,14 +17,11 @@ using android::hardware::hidl_handle;
 constexpr int64_t kStaleUs = 1000000;
 constexpr const char* kGone = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
 
-bool isSet(const hidl_handle& handle) {
-    return handle.getNativeHandle() != nullptr;
-}
-
-/** Whether the copy got all that the original has. */
-bool hasFences(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isSet(copy.acquireFence) == isSet(original.acquireFence) &&
-           isSet(copy.releaseFence) == isSet(original.releaseFence);
+/** Which handles there are: a copy has fewer when they could not be duplicated. */
+std::array<bool, 3> handlesOf(const StreamBuffer& buffer) {
+    return {buffer.buffer.getNativeHandle() != nullptr,
+            buffer.acquireFence.getNativeHandle() != nullptr,
+            buffer.releaseFence.getNativeHandle() != nullptr};
 }
 
 void turn(const android_ycbcr& planes, kit::FrameSize size) {
@@ -46,6 +44,7 @@ public:
     explicit SessionModel(const FileSet& files) : SceneModel(files) {}
 
 private:
+    using Name = std::pair<int32_t, uint64_t>;  // the stream's id, and the buffer's
     struct Waiting {
         CaptureRequest request;
         int64_t since;
@@ -72,11 +71,10 @@ private:
             return Status::ILLEGAL_ARGUMENT;
         }
         mRequests.clear();
-        for (const auto& [stream, buffers] : mRegistry) {
-            for (const auto& [id, handle] : buffers)
-                release(handle);
-        }
+        for (const auto& [name, handle] : mRegistry)
+            release(handle);
         mRegistry.clear();
+        mStreams.clear();
         mGraphicBuffers.clear();
         mConfiguration = configuration;
         return Status::OK;
@@ -89,14 +87,11 @@ private:
 
     // ---- The buffers ----
 
-    bool knows(const StreamBuffer& buffer) const {
-        const auto stream = mRegistry.find(buffer.streamId);
-        return stream != mRegistry.end() && stream->second.count(buffer.bufferId) != 0;
-    }
     std::optional<buffer_handle_t> lookUpOrImport(const StreamBuffer& buffer) {
-        std::map<uint64_t, buffer_handle_t>& buffers = mRegistry[buffer.streamId];
-        if (knows(buffer)) return buffers[buffer.bufferId];
-        if (!isSet(buffer.buffer)) {
+        const Name name = {buffer.streamId, buffer.bufferId};
+        mStreams.insert(buffer.streamId);
+        if (mRegistry.count(name) != 0) return mRegistry[name];
+        if (buffer.buffer.getNativeHandle() == nullptr) {
             logBuffer('E', "handleCaptureRequest: buffer", buffer);
             return std::nullopt;
         }
@@ -105,7 +100,7 @@ private:
             logBuffer('E', "handleCaptureRequest: import buffer failed,", buffer);
             return std::nullopt;
         }
-        buffers[buffer.bufferId] = *imported;
+        mRegistry[name] = *imported;
         const auto& stream = mConfiguration->streams[0];
         const sp<GraphicBuffer> wrapper =
             new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
@@ -147,17 +142,16 @@ private:
         }
     }
     void freeBuffer(const StreamBuffer& buffer) override {
-        const std::string start = "freeBuffer: CirculatingBuffers does not have ";
-        const auto stream = mRegistry.find(buffer.streamId);
-        if (stream == mRegistry.end()) {
-            return log('E', cat(start, "streamId(", buffer.streamId, ") entry \n"));
-        }
-        const auto found = stream->second.find(buffer.bufferId);
-        if (found == stream->second.end()) {
-            return log('E', cat(start, "bufferId(", buffer.bufferId, ") entry \n"));
+        const auto found = mRegistry.find({buffer.streamId, buffer.bufferId});
+        if (found == mRegistry.end()) {
+            const std::string what = mStreams.count(buffer.streamId) == 0
+                                         ? cat("streamId(", buffer.streamId)
+                                         : cat("bufferId(", buffer.bufferId);
+            return log('E',
+                       cat("freeBuffer: CirculatingBuffers does not have ", what, ") entry \n"));
         }
         release(found->second);
-        stream->second.erase(found);
+        mRegistry.erase(found);
     }
     sp<GraphicBuffer> getBufferForId(uint64_t bufferId) override {
         const auto found = mGraphicBuffers.find(bufferId);
@@ -168,9 +162,6 @@ private:
 
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
         if (isGone("processCaptureRequest")) return Status::INTERNAL_ERROR;
-        return enqueue(request) ? Status::OK : Status::ILLEGAL_ARGUMENT;
-    }
-    bool enqueue(const CaptureRequest& request) {
         CaptureRequest copy = {request.frameNumber,
                                request.fmqSettingsSize,
                                request.settings,
@@ -182,29 +173,27 @@ private:
             copy.outputBuffers[i] = {from.streamId, from.bufferId,     {},
                                      from.status,   from.acquireFence, from.releaseFence};
         }
-        if (!fits(request)) return false;
+        if (!fits(request)) return Status::ILLEGAL_ARGUMENT;
 
         const StreamBuffer& buffer = request.outputBuffers[0];
-        const bool isNew = !knows(buffer);
+        const bool isNew = mRegistry.count({buffer.streamId, buffer.bufferId}) == 0;
         const std::optional<buffer_handle_t> imported = lookUpOrImport(buffer);
-        if (!imported) return false;
+        if (!imported) return Status::ILLEGAL_ARGUMENT;
         const hidl_handle registered(*imported);
-        StreamBuffer& output = copy.outputBuffers[0];
-        output.buffer = registered;
-        const bool isWhole = isSet(output.buffer) == isSet(registered) &&
-                             hasFences(output, buffer) &&
-                             isSet(copy.inputBuffer.buffer) == isSet(request.inputBuffer.buffer) &&
-                             hasFences(copy.inputBuffer, request.inputBuffer);
-        if (!isWhole) {
+        copy.outputBuffers[0].buffer = registered;
+        std::array<bool, 3> whole = handlesOf(buffer);
+        whole[0] = *imported != nullptr;
+        if (handlesOf(copy.outputBuffers[0]) != whole ||
+            handlesOf(copy.inputBuffer) != handlesOf(request.inputBuffer)) {
             logBuffer('E', "handleCaptureRequest: duplicating handles failed,", buffer);
             if (isNew) {
                 freeBuffer(buffer);
                 mGraphicBuffers.erase(buffer.bufferId);
             }
-            return false;
+            return Status::ILLEGAL_ARGUMENT;
         }
         mRequests.push_back({std::move(copy), mNow});
-        return true;
+        return Status::OK;
     }
     bool fits(const CaptureRequest& request) {
         std::string reason;
@@ -232,8 +221,7 @@ private:
     void sendCaptureResult(const CaptureResult& result) override {
         CaptureResult copy = result;
         const auto check = [this](StreamBuffer& buffer, const StreamBuffer& original) {
-            if (isSet(buffer.buffer) == isSet(original.buffer) && hasFences(buffer, original))
-                return;
+            if (handlesOf(buffer) == handlesOf(original)) return;
             logBuffer('E', "sendCaptureResult: duplicating handles failed,", buffer);
             buffer.status = BufferStatus::ERROR;
         };
@@ -280,7 +268,8 @@ private:
             cat(event, " streamId(", buffer.streamId, "), bufferId(", buffer.bufferId, ") \n"));
     }
     std::optional<StreamConfiguration> mConfiguration;
-    std::map<int32_t, std::map<uint64_t, buffer_handle_t>> mRegistry;
+    std::map<Name, buffer_handle_t> mRegistry;
+    std::set<int32_t> mStreams;  // of which there was a buffer, taken or not
     std::map<uint64_t, sp<GraphicBuffer>> mGraphicBuffers;
     std::deque<Waiting> mRequests;
     std::deque<CaptureResult> mResults;

@@ -68,6 +68,27 @@ auto fieldsOf(R& r) {
 }
 
 template <typename Element>
+uint64_t fill(android::hardware::hidl_vec<Element>& elements, uint64_t next);
+
+/** Gives each number in a record another value with many bytes; returns the one that is next. */
+template <typename Record>
+uint64_t fill(Record& record, uint64_t next) {
+    if constexpr (std::is_arithmetic_v<Record> || std::is_enum_v<Record>) {
+        record = static_cast<Record>(next++ * 0x9e3779b97f4a7c15);
+    } else if constexpr (!std::is_same_v<Record, android::hardware::hidl_handle>) {
+        std::apply([&](auto&... fields) { ((next = fill(fields, next)), ...); }, fieldsOf(record));
+    }
+    return next;
+}
+
+template <typename Element>
+uint64_t fill(android::hardware::hidl_vec<Element>& elements, uint64_t next) {
+    for (Element& element : elements)
+        next = fill(element, next);
+    return next;
+}
+
+template <typename Element>
 std::string inWords(const FileSet& files, const android::hardware::hidl_vec<Element>& elements) {
     std::string text = "( ";
     for (const Element& element : elements)

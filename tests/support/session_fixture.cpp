@@ -6,6 +6,7 @@
 #include <chrono>
 #include <fstream>
 #include <thread>
+#include <utility>
 
 namespace testing_support {
 
@@ -77,7 +78,6 @@ sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {
 }
 
 StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
-    using android::hardware::camera::device::V3_2::StreamConfigurationMode;
     StreamConfiguration configuration =
         kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
     Stream& stream = configuration.streams[0];
@@ -85,13 +85,13 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height)
     stream.usage = 0x100000033;
     stream.dataSpace = 77;
     stream.rotation = decltype(stream.rotation)::ROTATION_270;
-    configuration.operationMode = StreamConfigurationMode::VENDOR_MODE_1;
+    configuration.operationMode = decltype(configuration.operationMode)::VENDOR_MODE_1;
     return configuration;
 }
 
-SessionFixture::SessionFixture()
+SessionFixture::SessionFixture(sp<FDSessionImpl> tested)
     : buffer(allocate(16, 8)),
-      session(new FDSessionImpl),
+      session(std::move(tested)),
       client(session->getInterface()),
       callback(new Callback(deliveries)) {
     session->handleSetCallback(callback);
