@@ -17,7 +17,6 @@
 
 #include "host/limits.h"
 #include "host/remote.h"
-#include "model/files.h"
 #include "model/operands.h"
 #include "model/words.h"
 #include "raw_socket.h"

@@ -16,9 +16,7 @@
 
 namespace testing_support {
 
-namespace {
 constexpr const char* kInput = "fd_stream_subst_nv12.yuv";
-}  // namespace
 
 /** In a folder of its own, with the process's one session, which lives on from test to test. */
 class FrameSourceTest : public SessionFixture {
@@ -31,9 +29,6 @@ protected:
         clock.stopAt(1);  // no request grows old
     }
     ~FrameSourceTest() override {
-        source->requestExit();
-        gate.reset();
-        source->join();
         source.clear();
         EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
         SessionFixture::configure();  // lets go of the buffers
@@ -44,9 +39,11 @@ protected:
         std::filesystem::current_path("/");
     }
 
+    /** Without a thread: the passes are the test's. */
     void start() {
+        host::failNextThreadStart();
         source = new FDSessionTest;
-        EXPECT_TRUE(gate->waitUntilPausing());
+        source->decStrong(this);  // what the maker's reference cannot know of
     }
     static void writeFrames(const std::string& values) {
         std::ofstream file(kInput, std::ios::binary);
@@ -62,10 +59,13 @@ protected:
         request.outputBuffers[0].status = BufferStatus::ERROR;  // the source says otherwise
         EXPECT_EQ(session->handleCaptureRequest(request), 0);
     }
-    /** Lets the source go through one pass and returns what it said meanwhile. */
+    /** Goes through one pass and returns what it said meanwhile. */
     Lines pass() {
         log.clear();
-        EXPECT_TRUE(gate->passOnce());
+        int pauses = 0;
+        const InsteadOfPause instead([&pauses] { ++pauses; });
+        EXPECT_TRUE(source->threadLoop());
+        EXPECT_EQ(pauses, 1);
         return log.said(kSessionTag);
     }
     /** The same for a pass that answers this request. */
@@ -81,32 +81,29 @@ protected:
     const kit::TemporaryFolder folder;
     WallClock clock;
     const host::Buffer target = allocate(1280, 720);
-    std::unique_ptr<PauseGate> gate = std::make_unique<PauseGate>();
     sp<FDSessionTest> source;
     int32_t streamId = 0;
 };
 
 TEST_F(FrameSourceTest, LivesFromItsFirstPassToItsLastWhoeverHoldsIt) {
+    PauseGate gate;
     auto* const made = new FDSessionTest;
-    EXPECT_TRUE(gate->waitUntilPausing());
+    EXPECT_TRUE(gate.waitUntilPausing());
     EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
     source = made;
     EXPECT_EQ(made->getStrongCount(), 2);
-    ASSERT_TRUE(gate->passOnce());
+    ASSERT_TRUE(gate.passOnce());
     source->requestExit();
     source.clear();  // the thread drops the last reference, and the object dies on it
-    gate.reset();
+    gate.open();
     EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
     EXPECT_EQ(log.lines().back().thread, "FDSessionTest");
     EXPECT_TRUE(log.said("Thread").empty());
-
-    host::failNextThreadStart();
-    auto* const other = new FDSessionTest;
-    EXPECT_EQ(other->getStrongCount(), 1);
-    EXPECT_EQ(log.timesSaid("E FDSessionTest: no thread could be made, and the object stays \n"),
-              1);
-    source = other;
-    other->decStrong(this);  // what the maker's reference cannot know of
+    log.clear();
+    start();
+    EXPECT_EQ(log.take(kSessionTag),
+              Lines{"E FDSessionTest: no thread could be made, and the object stays \n"});
+    EXPECT_EQ(source->getStrongCount(), 1);
 }
 
 TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen) {
@@ -117,7 +114,7 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen
     const FileWatch watch(target.handle()->data[0], Watching::CLOSES, [this] {
         EXPECT_TRUE(eventually([this] { return deliveries.count() > 1; }));
     });
-    const Meanwhile pass([this] { gate->passOnce(); }, Other::WAITS);
+    const Meanwhile passing([this] { pass(); }, Other::WAITS);
     {
         std::ofstream pipe(kInput, std::ios::binary);  // is open when the source waits for bytes
         session->sendCaptureResult(resultFor(requestFor(9, 9)));
@@ -132,7 +129,7 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     // It speaks of a stream only when the stream's id changes.
     configure(0, 64, 64);
     start();
-    EXPECT_EQ(log.timesSaid("I threadLoop: received first configration \n"), 1);
+    EXPECT_EQ(pass(), Lines{"I threadLoop: received first configration \n"});
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
     EXPECT_TRUE(pass().empty());
     configure(4);
@@ -180,7 +177,7 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
     writeFrames("a");
     configure(4, 64, 64);
     start();
-    gate->open();
+    const InsteadOfPause nothing([] {});
     const host::Buffer small = allocate(64, 64);
     const auto provide = [&](size_t) {
         CaptureRequest request = {};
@@ -191,6 +188,7 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
           {"clock", [&](size_t i) { clock.stopAt(1 + static_cast<int64_t>(i) * 500000); }},
           {"provider", provide},
           {"another provider", provide},
+          {"source", [&](size_t) { source->threadLoop(); }},
           {"another pass of the source", [&](size_t) { source->threadLoop(); }}},
          kRequests);
     std::set<uint32_t> answered;

@@ -11,24 +11,19 @@ namespace testing_support {
 
 namespace {
 
+using product::FDSession;
+
 constexpr size_t kMostTaken = 3;
 constexpr size_t kMostHeld = 2;
 
-/** Puts it behind the others, of which the oldest has to go for it. */
-template <typename Element>
-void keep(std::deque<Element>& kept, Element&& one, size_t most) {
-    kept.push_back(std::move(one));
-    if (kept.size() > most) kept.pop_front();
-}
-
 }  // namespace
 
-const std::array<Subject::Kind, 24> Subject::kKinds = {{
+const std::array<Subject::Kind, 23> Subject::kKinds = {{
     // The client's. Callback 0 is none, 3 is the last one once more.
     {"SetCallback", 4, [](Subject& s, const Args& args) { s.setCallback(args[0] % 4); }},
     {"Configure", 6,
      [](Subject& s, const Args& args) {
-         s.sayAnswer("configure", s.client().configure(configurationOf(args)));
+         s.say(words("configure", product::Status(s.client().configure(configurationOf(args)))));
      }},
     {"Submit", 30, [](Subject& s, const Args& args) { s.submit(requestOf(args, s.mFiles)); }},
     // The provider's, who keeps what it takes, kMostTaken requests, and kMostHeld buffers.
@@ -38,7 +33,8 @@ const std::array<Subject::Kind, 24> Subject::kKinds = {{
          request.frameNumber = 77;  // which a refusal leaves as it is
          const int32_t answer = s.session().getProcessCaptureRequest(request);
          s.say(words("take", answer, inWords(s.mFiles, request)));
-         if (answer == 0) keep(s.mTaken, std::move(request), kMostTaken);
+         if (answer == 0) s.mTaken.push_back(std::move(request));
+         if (s.mTaken.size() > kMostTaken) s.mTaken.pop_front();
      }},
     {"GetBuffer", 5,
      [](Subject& s, const Args& args) {
@@ -46,7 +42,8 @@ const std::array<Subject::Kind, 24> Subject::kKinds = {{
          if (found == nullptr) return s.say("no buffer");
          s.say(words(s.mFiles.nameOf(found->handle), found->width, found->height, found->stride,
                      found->format, found->getUsage(), found->initCheck()));
-         keep(s.mHeld, std::move(found), kMostHeld);
+         s.mHeld.push_back(std::move(found));
+         if (s.mHeld.size() > kMostHeld) s.mHeld.pop_front();
      }},
     {"SendResult", 6, [](Subject& s, const Args& args) { s.send(resultOf(args, s.mFiles)); }},
     {"AnswerTaken", 10,
@@ -56,11 +53,6 @@ const std::array<Subject::Kind, 24> Subject::kKinds = {{
          s.mTaken.pop_front();
          result.outputBuffers[0].status = product::BufferStatus(args[0] % 2);
          s.send(result);
-     }},
-    {"LetGoOfHeld", 2,
-     [](Subject& s, const Args&) {
-         s.mTaken.clear();
-         s.mHeld.clear();
      }},
     {"FreeBuffer", 1, [](Subject& s, const Args& args) { s.freeBuffer(nameOf(args)); }},
     {"Notify", 4,
@@ -132,19 +124,20 @@ void Subject::read() {
     product::StreamConfiguration configuration = {};
     configuration.streams.resize(2);
     const int32_t answer = session().getConfiguration(configuration);
-    product::SceneControl scene = {};
-    session().getSceneControl(scene);
-    product::SceneControl ptz = {};
-    session().getPTZControl(ptz);
-    product::TrackControl track = {};
-    session().getTrackControl(track);
-    say(words("reads", answer, inWords(mFiles, configuration), inWords(mFiles, scene),
-              inWords(mFiles, ptz), inWords(mFiles, track), session().getTrackingMode(),
-              session().getPeopleCount(), session().isCaptureRequestReady()));
+    const auto got = [this](auto record, auto operation) {
+        (session().*operation)(record);
+        return inWords(mFiles, record);
+    };
+    say(words("reads", answer, inWords(mFiles, configuration),
+              got(product::SceneControl(), &FDSession::getSceneControl),
+              got(product::SceneControl(), &FDSession::getPTZControl),
+              got(product::TrackControl(), &FDSession::getTrackControl),
+              session().getTrackingMode(), session().getPeopleCount(),
+              session().isCaptureRequestReady()));
 }
 
 void Subject::submit(const product::CaptureRequest& request) {
-    sayAnswer("processCaptureRequest", client().processCaptureRequest(request));
+    say(words("processCaptureRequest", product::Status(client().processCaptureRequest(request))));
 }
 
 void Subject::send(const product::CaptureResult& result) {

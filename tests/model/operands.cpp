@@ -1,6 +1,12 @@
 #include "model/operands.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "model/words.h"
 
@@ -15,6 +21,19 @@ constexpr uint64_t kIds[] = {1, 7, 0xfffffffffffffffe};
 constexpr int32_t kStreams[] = {0, 0, 0, -3};
 constexpr std::string_view kHandles = "-ABCDA-BCDeqxABC-D";
 constexpr std::string_view kFences = "---fg--f-ge-x---";
+
+uint64_t inodeOf(const native_handle_t* handle) {
+    struct stat file = {};
+    return handle->numFds > 0 && fstat(handle->data[0], &file) == 0 ? file.st_ino : 0;
+}
+
+/** A pipe's ends may cross to another process. */
+host::UniqueHandle handleOfPipes(int count) {
+    host::UniqueHandle handle(native_handle_create(2 * count, 0));
+    for (int i = 0; i < count; ++i)
+        pipe2(&handle->data[2 * i], O_CLOEXEC);
+    return handle;
+}
 
 /** A buffer from six arguments from this one on. */
 StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first) {
@@ -41,6 +60,42 @@ Record recordOf(const Args& args, const FileSet& files, hidl_vec<uint8_t> Record
 }
 
 }  // namespace
+
+FileSet::FileSet() {
+    using host::ChromaOrder;
+    const host::BufferGeometry geometries[] = {{8, 6, 9},
+                                               {8, 6, 0, 0, ChromaOrder::CrFirst},
+                                               {6, 4, 8},
+                                               {8, 6, 0, 0, ChromaOrder::CbFirst, 1}};
+    for (const host::BufferGeometry& geometry : geometries) {
+        const auto name = static_cast<File>('A' + memories.size());
+        memories.push_back(host::Buffer::allocate(geometry).value());
+        handles[name].reset(native_handle_clone(memories.back().handle()));
+    }
+    handles['f'] = handleOfPipes(1);
+    handles['g'] = handleOfPipes(1);
+    handles[kEmpty] = handleOfPipes(0);
+    handles[kFour] = handleOfPipes(2);
+    for (const auto& [name, handle] : handles)
+        mNames[inodeOf(handle.get())] = name;
+    handles[kNoHandle] = nullptr;
+    handles[kBroken].reset(native_handle_clone(memories[0].handle()));
+    close(std::exchange(handles[kBroken]->data[0], -1));
+}
+
+File FileSet::nameOf(const native_handle_t* handle) const {
+    if (handle == nullptr) return kNoHandle;
+    const auto found = mNames.find(inodeOf(handle));
+    if (found == mNames.end()) return '?';
+    const native_handle_t* const original = handles.at(found->second).get();
+    const int* const integers = &original->data[original->numFds];
+    const bool isDuplicate =
+        handle != original && handle->numFds == original->numFds &&
+        handle->numInts == original->numInts &&
+        std::equal(integers, integers + original->numInts, &handle->data[handle->numFds]) &&
+        (handle->numFds == 0 || handle->data[0] != original->data[0]);
+    return isDuplicate ? found->second : '?';
+}
 
 product::CaptureRequest requestOf(const Args& args, const FileSet& files) {
     return recordOf(args, files, &product::CaptureRequest::settings);

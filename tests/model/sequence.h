@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "model/operands.h"
@@ -26,8 +25,6 @@ struct Files {
 
 /** The number of the kind that this byte stands for: of the frequent ones by many. */
 uint8_t kindAt(uint8_t byte);
-/** The number of the kind with this name. */
-uint8_t kindOf(std::string_view name);
 /** 20 to 60 operations, always the same ones for a seed. */
 Sequence sequenceOf(uint64_t seed);
 /** Operations from arbitrary bytes, 60 at most. */

@@ -102,24 +102,11 @@ private:
         }
         mRegistry[name] = *imported;
         const auto& stream = mConfiguration->streams[0];
-        const sp<GraphicBuffer> wrapper =
+        mGraphicBuffers[buffer.bufferId] =
             new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                               35, 1, stream.usage, stream.width);
-        if (!isPossible(*wrapper)) say("a wrapper that cannot be");
-        mGraphicBuffers[buffer.bufferId] = wrapper;
         logBuffer('I', "handleCaptureRequest: import buffer success,", buffer);
         return imported;
-    }
-    /** What the platform promises, which the session has from it as well. */
-    bool isPossible(const GraphicBuffer& wrapper) const {
-        const auto [width, height] = std::pair(wrapper.width, wrapper.height);
-        if (wrapper.initCheck() != 0) {
-            const int sizes = width | height | wrapper.stride | wrapper.format;
-            return sizes == 0 && wrapper.getUsage() == 0 && wrapper.handle == nullptr;
-        }
-        const auto number = static_cast<size_t>(mFiles.nameOf(wrapper.handle) - 'A');
-        const kit::FrameSize most = kit::sizeOf(mFiles.memories.at(number));
-        return width > 0 && width <= most.width && height > 0 && height <= most.height;
     }
     std::optional<buffer_handle_t> import(const hidl_handle& raw) {
         if (raw->numFds + raw->numInts == 0) return nullptr;

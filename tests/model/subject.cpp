@@ -24,10 +24,7 @@ int openDescriptors() {
     std::array<pollfd, 512> entries = {};
     for (size_t i = 0; i < entries.size(); ++i)
         entries[i].fd = static_cast<int>(i);
-    poll(entries.data(), entries.size(), 0);
-    return static_cast<int>(std::count_if(entries.begin(), entries.end(), [](const pollfd& entry) {
-        return (entry.revents & POLLNVAL) == 0;
-    }));
+    return 512 - poll(entries.data(), entries.size(), 0);
 }
 
 }  // namespace
@@ -103,11 +100,12 @@ Events Subject::end() {
         mTaken.clear();
         mHeld.clear();
         read();
-        sayAnswer("configure", client().configure(configurationOf({})));  // frees the buffers
+        say(words("configure",
+                  product::Status(client().configure(configurationOf({})))));  // frees the buffers
         mIsOver = true;
         drop();
         setCallback(0);
-        sayAnswer("configure", client().configure({}));
+        say(words("configure", product::Status(client().configure({}))));
         submit({});
     });
 }
@@ -115,7 +113,7 @@ Events Subject::end() {
 Events Subject::seen(const std::function<void()>& operation) {
     const host::ScopedLogSink scope(*this);
     enterWorld();
-    mFewDuplicates.limitTo(std::exchange(mDuplicates, INT_MAX));
+    mFewDuplicates.limitTo(std::exchange(mDuplicates, kNoLimit));
     const int descriptors = openDescriptors();
     const host::MapperCounters before = host::mapperCounters();
     operation();
@@ -169,16 +167,12 @@ void Subject::carryOutNested() {
     if (nested) kKinds[nested->kind].carryOut(*this, nested->args);
 }
 
-void Subject::sayAnswer(const char* operation, product::Status status) {
-    say(words(operation, "answers", status));
-}
-
 void Subject::setCallback(int choice) {
     android::sp<Client> callback;
     if (choice == 3) callback = mClient.promote();
     if (callback == nullptr && choice != 0) callback = new Client(*this, ++mCallbacksMade);
     mClient = callback;
-    sayAnswer("setCallback", client().setCallback(callback));
+    say(words("setCallback", product::Status(client().setCallback(callback))));
 }
 
 }  // namespace testing_support

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <climits>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -13,7 +12,6 @@
 
 #include "FDSession.h"
 #include "host/log.h"
-#include "model/files.h"
 #include "model/operands.h"
 #include "model/sequence.h"
 #include "support/interposed.h"
@@ -35,11 +33,7 @@ public:
         uint8_t weight;  ///< how often it comes up
         void (*carryOut)(Subject& subject, const Args& args);
     };
-    static const std::array<Kind, 24> kKinds;
-
-    ~Subject() override = default;
-    Subject(const Subject&) = delete;
-    Subject& operator=(const Subject&) = delete;
+    static const std::array<Kind, 23> kKinds;
 
     Events begin();
     Events step(const Operation& operation);
@@ -68,6 +62,7 @@ protected:
 private:
     class Client;
     class Observer;
+    static constexpr int kNoLimit = -1;
     enum Failing { CALLS, MAPPER, LOCK, UNLOCK };  // the first lock and unlock in each step
 
     void write(const host::LogLine& line) override;
@@ -77,7 +72,6 @@ private:
     void enterWorld();
     void leaveWorld();
     void carryOutNested();
-    void sayAnswer(const char* operation, product::Status status);
     /** Says all that can be read of the session. */
     void read();
     void setCallback(int choice);
@@ -91,7 +85,7 @@ private:
     WallClock mClock;
     FewDuplicates mFewDuplicates;
     std::array<int, 4> mFailures = {};  // the error of each that fails; a mapper below 0 is gone
-    int mDuplicates = INT_MAX;          // that can be made in the next step
+    int mDuplicates = kNoLimit;         // that can be made in the next step
     std::string mMapped;                // what the importer asked the mapper for, in order
 
     // The users.
@@ -103,7 +97,6 @@ private:
     std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };
 
-std::unique_ptr<Subject> makeSession(const FileSet& files);
 std::unique_ptr<Subject> makeModel(const FileSet& files);
 
 }  // namespace testing_support

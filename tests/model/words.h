@@ -1,11 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <tuple>
 #include <type_traits>
 
-#include "FDSession.h"
-#include "model/files.h"
+#include "model/operands.h"
 
 /** Numbers, texts and records in words, to be compared. */
 namespace testing_support {
@@ -38,8 +38,6 @@ std::string words(const Parts&... parts) {
 /** Each field of a record once. */
 template <typename R>
 auto fieldsOf(R& r) {
-    namespace fdstream = vendor::zoru::zoruprovider::fdstream::V1_0;
-    namespace product = fdstream::implementation;
     using Record = std::remove_const_t<R>;
     if constexpr (std::is_same_v<Record, product::StreamBuffer>) {
         return std::tie(r.streamId, r.bufferId, r.buffer, r.status, r.acquireFence, r.releaseFence);

@@ -26,14 +26,12 @@ struct Observer : public ISceneCallback {
     std::function<void()> inside;
 };
 
-/** So that the fixture's session has no thread. */
-struct WithoutMonitor {
-    WithoutMonitor() { host::failNextThreadStart(); }
-};
-
-/** A session whose passes the test drives, and an observer that a test can hold up. */
-class DrivenSession : private WithoutMonitor, public SessionFixture {
+/** A session without a thread, whose passes the test drives, and an observer that it can hold up.
+ */
+class DrivenSession : public SessionFixture {
 protected:
+    DrivenSession() : SessionFixture((host::failNextThreadStart(), new FDSessionImpl)) {}
+
     static CaptureResult resultOf(uint64_t bufferId) { return resultFor(requestFor(1, bufferId)); }
     /** In which every request is too old, and nothing is waited for. */
     void pass() {

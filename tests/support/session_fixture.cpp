@@ -10,18 +10,13 @@
 
 namespace testing_support {
 
-namespace {
-
-auto deadline() {
-    return std::chrono::system_clock::now() + std::chrono::seconds(10);
-}
-
-}  // namespace
+using Clock = std::chrono::system_clock;
+constexpr std::chrono::seconds kPatience(10);
 
 bool eventually(const std::function<bool()>& condition) {
-    const auto limit = deadline();
+    const auto limit = Clock::now() + kPatience;
     while (!condition()) {
-        if (std::chrono::system_clock::now() > limit) return false;
+        if (Clock::now() > limit) return false;
         std::this_thread::yield();
     }
     return true;
@@ -42,7 +37,7 @@ std::string threadName() {
 
 void Deliveries::add(const hidl_vec<CaptureResult>& results) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mDeliveries.push_back({results[0], threadName()});
+    mDeliveries.push_back({results[0]});
     mChanged.notify_all();
 }
 
@@ -60,7 +55,8 @@ void Deliveries::callbackDied() {
 
 std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count, size_t first) {
     std::unique_lock<std::mutex> lock(mMutex);
-    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return mDeliveries.size() >= count; }))
+    EXPECT_TRUE(mChanged.wait_until(lock, Clock::now() + kPatience,
+                                    [&] { return mDeliveries.size() >= count; }))
         << mDeliveries.size() << " of " << count << " results came";
     mDeliveries.resize(std::max(count, mDeliveries.size()));
     return {mDeliveries.begin() + static_cast<ptrdiff_t>(first), mDeliveries.end()};
@@ -68,7 +64,8 @@ std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count, size_t first
 
 std::string Deliveries::waitForDeath() {
     std::unique_lock<std::mutex> lock(mMutex);
-    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return !mDeathThread.empty(); }));
+    EXPECT_TRUE(
+        mChanged.wait_until(lock, Clock::now() + kPatience, [&] { return !mDeathThread.empty(); }));
     return mDeathThread;
 }
 

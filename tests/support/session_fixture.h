@@ -46,7 +46,6 @@ class Deliveries {
 public:
     struct Delivery {
         CaptureResult result;
-        std::string thread;  ///< name of the calling thread
     };
 
     void add(const hidl_vec<CaptureResult>& results);
