@@ -1,15 +1,18 @@
-// The session's life and its callback's, what its thread does, and letting go of what it was sent.
+// The session's life and its callback's, what its thread does, letting go of what it was sent, and
+// waiting for an observer's calls.
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <functional>
+#include <future>
 #include <memory>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "ObserverCalls.h"
 #include "Rotate180.h"
 #include "host/threads.h"
 #include "host/unique_fd.h"
@@ -22,6 +25,7 @@ namespace {
 
 using SessionTest = SessionFixture;
 using LettingGoTest = DrivenSession;
+using SessionLock = ObserverCalls::SessionLock;
 using android::hardware::camera::common::V1_0::Status;
 
 /** A callback whose end does something. */
@@ -55,16 +59,6 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     closed.unlock();
     EXPECT_EQ(deliveries.waitForDeath(), "CaptureRequestM");
     EXPECT_EQ(Status(client->configure(configurationOf(0))), Status::INTERNAL_ERROR);
-}
-
-TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
-    Deliveries told;
-    host::failNextThreadStart();
-    sp<FDSessionImpl> last = new FDSessionImpl;
-    const sp<IFDSession> called = last->getInterface();
-    last->handleSetCallback(new Ending(deliveries, [&last] { last.clear(); }));
-    EXPECT_EQ(Status(called->setCallback(new Callback(told))), Status::OK);
-    EXPECT_EQ(told.waitForDeath(), threadName());
 }
 
 TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
@@ -169,6 +163,52 @@ TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {
         act();
         EXPECT_EQ(others.size(), times);
     }
+}
+
+TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
+    const Watchdog watchdog([] { return "a wait for calls of observers"; },
+                            std::chrono::seconds(20));
+    // Told apart by their addresses alone.
+    const int places[2] = {};
+    const auto* const one = reinterpret_cast<const ISceneCallback*>(&places[0]);
+    const auto* const other = reinterpret_cast<const ISceneCallback*>(&places[1]);
+    ObserverCalls calls;
+    const auto underWay = [&calls](const ISceneCallback* observer, std::promise<void>& end) {
+        return [&calls, observer, &end] {
+            const ObserverCalls::Scope scope(calls, observer, SessionLock::FREE);
+            end.get_future().wait();
+        };
+    };
+    const auto waitFor = [&calls](const ISceneCallback* current) {
+        return [&calls, current] { calls.waitForOthersThan(current); };
+    };
+    std::promise<void> ends[3];
+    const Meanwhile early(underWay(one, ends[0]), Other::WAITS);
+    const Meanwhile late(underWay(other, ends[1]), Other::WAITS);
+    const Meanwhile first(waitFor(nullptr), Other::WAITS);
+    const Meanwhile second(waitFor(nullptr), Other::WAITS);
+    const Meanwhile satisfied(waitFor(other), Other::WAITS);
+    const Meanwhile later(underWay(one, ends[2]), Other::WAITS);  // which nobody waits for
+    {
+        // Their own records end here, the latest first, while those of others stay.
+        const ObserverCalls::Scope outer(calls, one, SessionLock::HELD);
+        {
+            const ObserverCalls::Scope inner(calls, other, SessionLock::FREE);
+            calls.waitForOthersThan(nullptr);  // not from inside
+        }
+        EXPECT_TRUE(calls.isInsideLocked());
+        Meanwhile([&] { EXPECT_FALSE(calls.isInsideLocked()); }, Other::GOES_ON);
+    }
+    EXPECT_FALSE(calls.isInsideLocked());
+    first.expect(Other::WAITS);
+    ends[0].set_value();
+    satisfied.expect(Other::GOES_ON);
+    first.expect(Other::WAITS);
+    ends[1].set_value();
+    first.expect(Other::GOES_ON);
+    second.expect(Other::GOES_ON);
+    calls.waitForOthersThan(one);
+    ends[2].set_value();
 }
 
 }  // namespace testing_support

@@ -18,7 +18,7 @@ constexpr size_t kMostHeld = 2;
 
 }  // namespace
 
-const std::array<Subject::Kind, 23> Subject::kKinds = {{
+const std::array<Subject::Kind, 21> Subject::kKinds = {{
     // The client's. Callback 0 is none, 3 is the last one once more.
     {"SetCallback", 4, [](Subject& s, const Args& args) { s.setCallback(args[0] % 4); }},
     {"Configure", 6,
@@ -83,7 +83,6 @@ const std::array<Subject::Kind, 23> Subject::kKinds = {{
     {"SetScene", 3,
      [](Subject& s, const Args& args) { s.session().setSceneControl(sceneOf(args)); }},
     {"SetPTZ", 3, [](Subject& s, const Args& args) { s.session().setPTZControl(sceneOf(args)); }},
-    {"ResetPTZ", 1, [](Subject& s, const Args&) { s.resetPTZScene(); }},
     {"SetMode", 4,
      [](Subject& s, const Args& args) {
          s.session().setTrackingMode(product::TrackingMode(oneOf({0, 0, 1, 2, -1}, args[0])));
@@ -102,14 +101,11 @@ const std::array<Subject::Kind, 23> Subject::kKinds = {{
              {1, 999999, 1000000, 1000001, 400000, 2500000, -1, -600000, -3600000000}, args[0]);
          s.enterWorld();
      }},
-    {"Flip", 3,
+    {"TurnLuck", 11,
      [](Subject& s, const Args& args) {
-         s.mIsFlipped = args[0] % 3 != 0;
+         s.mLuck[oneOf({CALLS, MAPPER, LOCK, UNLOCK, FLIP, FLIP, FLIP}, args[0])] =
+             oneOf({0, 0, 0, 5, 7, -1}, args[1]);
          s.enterWorld();
-     }},
-    {"Fail", 8,
-     [](Subject& s, const Args& args) {
-         s.mFailures[args[0] % s.mFailures.size()] = oneOf({0, 0, 0, 5, 7, -1}, args[1]);
      }},
     {"LimitDuplicates", 5, [](Subject& s, const Args& args) { s.mDuplicates = args[0] % 8; }},
     // The next call of the client or the observer carries an operation out.

@@ -74,17 +74,17 @@ FileSet::FileSet() {
     }
     handles['f'] = handleOfPipes(1);
     handles['g'] = handleOfPipes(1);
-    handles[kEmpty] = handleOfPipes(0);
-    handles[kFour] = handleOfPipes(2);
+    handles['e'] = handleOfPipes(0);
+    handles['q'] = handleOfPipes(2);
     for (const auto& [name, handle] : handles)
         mNames[inodeOf(handle.get())] = name;
-    handles[kNoHandle] = nullptr;
-    handles[kBroken].reset(native_handle_clone(memories[0].handle()));
-    close(std::exchange(handles[kBroken]->data[0], -1));
+    handles['-'] = nullptr;
+    handles['x'].reset(native_handle_clone(memories[0].handle()));
+    close(std::exchange(handles['x']->data[0], -1));
 }
 
 File FileSet::nameOf(const native_handle_t* handle) const {
-    if (handle == nullptr) return kNoHandle;
+    if (handle == nullptr) return '-';
     const auto found = mNames.find(inodeOf(handle));
     if (found == mNames.end()) return '?';
     const native_handle_t* const original = handles.at(found->second).get();

@@ -18,12 +18,11 @@ namespace testing_support {
 namespace fdstream = vendor::zoru::zoruprovider::fdstream::V1_0;
 namespace product = vendor::zoru::zoruprovider::fdstream::V1_0::implementation;
 
-/** What a handle is of: '-' none; A to D buffers, f and g fences; e, q and x below. */
+/**
+ * What a handle is of: - none, A to D buffers, f and g fences, e neither descriptors nor integers,
+ * q four descriptors, so no buffer's, x a buffer's, whose descriptor cannot be duplicated.
+ */
 using File = char;
-constexpr File kNoHandle = '-';
-constexpr File kEmpty = 'e';   // neither descriptors nor integers
-constexpr File kFour = 'q';    // four descriptors, so no buffer's
-constexpr File kBroken = 'x';  // a buffer's, whose descriptor cannot be duplicated
 
 /** Handles of each kind that records speak of, and the buffers' memories. */
 class FileSet {

@@ -36,7 +36,6 @@ private:
     void freeBuffer(const product::StreamBuffer& buffer) override NO_THREAD_SAFETY_ANALYSIS {
         mSession->freeBuffer(buffer);
     }
-    void resetPTZScene() override { mSession->resetPTZScene(); }
 
     android::sp<product::FDSessionImpl> mSession;
     android::sp<fdstream::IFDSession> mInterface;
@@ -44,13 +43,12 @@ private:
 
 std::string difference(const Events& got, const Events& expected, const std::string& where) {
     if (got == expected) return {};
-    std::string text = where + "\n  the session:\n";
+    std::string text = where;
     for (const std::string& event : got)
-        text += "    " + event + "\n";
-    text += "  the model:\n";
+        text += "\n  session: " + event;
     for (const std::string& event : expected)
-        text += "    " + event + "\n";
-    return text;
+        text += "\n  model:   " + event;
+    return text + "\n";
 }
 
 }  // namespace

@@ -222,7 +222,7 @@ private:
         mResults.pop_front();
         if (result.outputBuffers.size() > 0) {
             const auto found = mGraphicBuffers.find(result.outputBuffers[0].bufferId);
-            if (mIsFlipped == true && found != mGraphicBuffers.end()) rotate(*found->second);
+            if (mLuck[FLIP] > 0 && found != mGraphicBuffers.end()) rotate(*found->second);
             deliver(std::move(result));
         }
         if (mRequests.empty() || mNow <= mRequests.front().since + kStaleUs) return;

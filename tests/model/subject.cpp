@@ -46,7 +46,7 @@ private:
     Return<void> answer(const char* what, const std::string& records) {
         mSubject.say(words("callback", mNumber, what, records));
         mSubject.carryOutNested();
-        if (mSubject.mFailures[CALLS] == 0) return {};
+        if (mSubject.mLuck[CALLS] == 0) return {};
         return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
                                                       "the peer has closed the connection");
     }
@@ -80,6 +80,12 @@ private:
 Subject::Subject(const FileSet& files) : mFiles(files) {
     for (size_t i = 0; i < mObservers.size(); ++i)
         mObservers[i] = std::make_unique<Observer>(*this, static_cast<int>(i) + 1);
+}
+
+Subject::~Subject() {
+    mLuck = {};
+    enterWorld();
+    static_cast<Spied&>(sessionMapper()) = {};
 }
 
 Events Subject::begin() {
@@ -129,32 +135,22 @@ Events Subject::seen(const std::function<void()>& operation) {
               now.unlocks - before.unlocks, "refusals", now.refusals - before.refusals, "maps",
               now.maps - before.maps, "mappings", now.mappings - before.mappings, "mapper",
               std::exchange(mMapped, {}), "bytes", bytes));
-    leaveWorld();
     return std::exchange(mEvents, {});
 }
 
 void Subject::enterWorld() {
     mClock.stopAt(mNow);
-    if (mIsFlipped) host::setProperty(kFlipped, *mIsFlipped ? "true" : "false");
-    host::failLock(mFailures[LOCK]);
-    host::failNextUnlock(mFailures[UNLOCK]);
+    if (mLuck[FLIP] != 0) host::setProperty(kFlipped, mLuck[FLIP] > 0 ? "true" : "false");
+    if (mLuck[FLIP] == 0) host::clearProperty(kFlipped);
+    host::failLock(mLuck[LOCK]);
+    host::failNextUnlock(mLuck[UNLOCK]);
     SpyMapper3& mapper = sessionMapper();
-    mapper.fault = [this] { return mFailures[MAPPER]; };
-    const auto record = [this](char what) {
-        return [this, what](void* handle) {
-            mMapped += cat(what, mFiles.nameOf(static_cast<const native_handle_t*>(handle)));
-        };
+    mapper.fault = [this] { return mLuck[MAPPER]; };
+    const auto nameOf = [this](void* handle) {
+        return mFiles.nameOf(static_cast<const native_handle_t*>(handle));
     };
-    mapper.onImport = record('+');
-    mapper.onFree = record('-');
-}
-
-void Subject::leaveWorld() {
-    mFewDuplicates.lift();
-    host::clearProperty(kFlipped);
-    host::failLock(0);
-    host::failNextUnlock(0);
-    static_cast<Spied&>(sessionMapper()) = {};
+    mapper.onImport = [this, nameOf](void* handle) { mMapped += cat('+', nameOf(handle)); };
+    mapper.onFree = [this, nameOf](void* handle) { mMapped += cat('-', nameOf(handle)); };
 }
 
 void Subject::write(const host::LogLine& line) {

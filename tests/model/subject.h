@@ -33,15 +33,21 @@ public:
         uint8_t weight;  ///< how often it comes up
         void (*carryOut)(Subject& subject, const Args& args);
     };
-    static const std::array<Kind, 23> kKinds;
+    static const std::array<Kind, 21> kKinds;
 
     Events begin();
     Events step(const Operation& operation);
     /** The session's end, and what a client hears that calls it after that. */
     Events end();
 
+    ~Subject() override;
+
 protected:
     explicit Subject(const FileSet& files);
+
+    /** The client's calls; the mapper, below 0 gone; the first lock and unlock of a step; the flip,
+     * 0 while nobody has said, below 0 "false". */
+    enum Luck { CALLS, MAPPER, LOCK, UNLOCK, FLIP };
 
     void say(std::string event) { mEvents.push_back(std::move(event)); }
 
@@ -52,25 +58,22 @@ protected:
     // What only the session's own threads and code do.
     virtual void threadLoop() = 0;
     virtual void freeBuffer(const product::StreamBuffer& buffer) = 0;
-    virtual void resetPTZScene() = 0;
 
     const FileSet& mFiles;
     int64_t mNow = 1700000000000000;
-    std::optional<bool> mIsFlipped;  // none while nobody has said
+    std::array<int, 5> mLuck = {};  // of each below, 0 or an error
     bool mIsOver = false;
 
 private:
     class Client;
     class Observer;
     static constexpr int kNoLimit = -1;
-    enum Failing { CALLS, MAPPER, LOCK, UNLOCK };  // the first lock and unlock in each step
 
     void write(const host::LogLine& line) override;
     /** What an operation does, and what else can be seen of that. */
     Events seen(const std::function<void()>& operation);
     /** What all of this process share, as it is for this subject. */
     void enterWorld();
-    void leaveWorld();
     void carryOutNested();
     /** Says all that can be read of the session. */
     void read();
@@ -84,9 +87,8 @@ private:
     // The world.
     WallClock mClock;
     FewDuplicates mFewDuplicates;
-    std::array<int, 4> mFailures = {};  // the error of each that fails; a mapper below 0 is gone
-    int mDuplicates = kNoLimit;         // that can be made in the next step
-    std::string mMapped;                // what the importer asked the mapper for, in order
+    int mDuplicates = kNoLimit;  // that can be made in the next step
+    std::string mMapped;         // what the importer asked the mapper for, in order
 
     // The users.
     int mCallbacksMade = 0;
