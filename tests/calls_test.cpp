@@ -59,10 +59,12 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     const FileSet files;
     EXPECT_EQ(inWords(files, kept), inWords(files, stream));
 
-    const CaptureRequest request = requestOf({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files);
+    const CaptureRequest request =
+        recordOf<CaptureRequest>({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files);
     expectStatus(remote->processCaptureRequest(request), Status::OK);
     EXPECT_EQ(inWords(files, take()), inWords(files, CaptureRequest(request)));
-    const CaptureResult result = resultOf({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files);
+    const CaptureResult result =
+        recordOf<CaptureResult>({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files);
     session->sendCaptureResult(result);
     EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
               inWords(files, CaptureResult(result)));

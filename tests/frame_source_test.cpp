@@ -56,10 +56,8 @@ protected:
     /** Goes through one pass and returns what it said meanwhile. */
     Lines pass() {
         log.clear();
-        int pauses = 0;
-        const InsteadOfPause instead([&pauses] { ++pauses; });
+        const InsteadOfPause nothing([] {});
         EXPECT_TRUE(source->threadLoop());
-        EXPECT_EQ(pauses, 1);
         return log.said(kSessionTag);
     }
     /** The same for a pass that answers this request. */
@@ -67,7 +65,6 @@ protected:
         Lines said = pass();
         const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
         EXPECT_EQ(result.frameNumber, frame);
-        EXPECT_EQ(result.outputBuffers[0].bufferId, frame);
         EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
         return said;
     }

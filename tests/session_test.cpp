@@ -166,12 +166,9 @@ TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {
 }
 
 TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
-    const Watchdog watchdog([] { return "a wait for calls of observers"; },
-                            std::chrono::seconds(20));
-    // Told apart by their addresses alone.
-    const int places[2] = {};
-    const auto* const one = reinterpret_cast<const ISceneCallback*>(&places[0]);
-    const auto* const other = reinterpret_cast<const ISceneCallback*>(&places[1]);
+    const Watchdog watchdog([] { return "a wait for calls of observers"; });
+    const Observer one;
+    const Observer other;
     ObserverCalls calls;
     const auto underWay = [&calls](const ISceneCallback* observer, std::promise<void>& end) {
         return [&calls, observer, &end] {
@@ -183,17 +180,17 @@ TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
         return [&calls, current] { calls.waitForOthersThan(current); };
     };
     std::promise<void> ends[3];
-    const Meanwhile early(underWay(one, ends[0]), Other::WAITS);
-    const Meanwhile late(underWay(other, ends[1]), Other::WAITS);
+    const Meanwhile early(underWay(&one, ends[0]), Other::WAITS);
+    const Meanwhile late(underWay(&other, ends[1]), Other::WAITS);
     const Meanwhile first(waitFor(nullptr), Other::WAITS);
     const Meanwhile second(waitFor(nullptr), Other::WAITS);
-    const Meanwhile satisfied(waitFor(other), Other::WAITS);
-    const Meanwhile later(underWay(one, ends[2]), Other::WAITS);  // which nobody waits for
+    const Meanwhile satisfied(waitFor(&other), Other::WAITS);
+    const Meanwhile later(underWay(&one, ends[2]), Other::WAITS);  // which nobody waits for
     {
         // Their own records end here, the latest first, while those of others stay.
-        const ObserverCalls::Scope outer(calls, one, SessionLock::HELD);
+        const ObserverCalls::Scope outer(calls, &one, SessionLock::HELD);
         {
-            const ObserverCalls::Scope inner(calls, other, SessionLock::FREE);
+            const ObserverCalls::Scope inner(calls, &other, SessionLock::FREE);
             calls.waitForOthersThan(nullptr);  // not from inside
         }
         EXPECT_TRUE(calls.isInsideLocked());
@@ -207,7 +204,7 @@ TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
     ends[1].set_value();
     first.expect(Other::GOES_ON);
     second.expect(Other::GOES_ON);
-    calls.waitForOthersThan(one);
+    calls.waitForOthersThan(&one);
     ends[2].set_value();
 }
 

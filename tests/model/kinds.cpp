@@ -9,14 +9,7 @@
 
 namespace testing_support {
 
-namespace {
-
 using product::FDSession;
-
-constexpr size_t kMostTaken = 3;
-constexpr size_t kMostHeld = 2;
-
-}  // namespace
 
 const std::array<Subject::Kind, 21> Subject::kKinds = {{
     // The client's. Callback 0 is none, 3 is the last one once more.
@@ -25,8 +18,8 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
      [](Subject& s, const Args& args) {
          s.say(words("configure", product::Status(s.client().configure(configurationOf(args)))));
      }},
-    {"Submit", 30, [](Subject& s, const Args& args) { s.submit(requestOf(args, s.mFiles)); }},
-    // The provider's, who keeps what it takes, kMostTaken requests, and kMostHeld buffers.
+    {"Submit", 30, [](Subject& s, const Args& args) { s.submit(recordOf<product::CaptureRequest>(args, s.mFiles)); }},
+    // The provider's, who keeps what it takes, three requests, and two buffers.
     {"Take", 10,
      [](Subject& s, const Args&) {
          product::CaptureRequest request = {};
@@ -34,18 +27,18 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
          const int32_t answer = s.session().getProcessCaptureRequest(request);
          s.say(words("take", answer, inWords(s.mFiles, request)));
          if (answer == 0) s.mTaken.push_back(std::move(request));
-         if (s.mTaken.size() > kMostTaken) s.mTaken.pop_front();
+         if (s.mTaken.size() > 3) s.mTaken.pop_front();
      }},
     {"GetBuffer", 5,
      [](Subject& s, const Args& args) {
-         auto found = s.session().getBufferForId(nameOf(args).bufferId);
+         auto found = s.session().getBufferForId(bufferOf(args, s.mFiles).bufferId);
          if (found == nullptr) return s.say("no buffer");
          s.say(words(s.mFiles.nameOf(found->handle), found->width, found->height, found->stride,
                      found->format, found->getUsage(), found->initCheck()));
          s.mHeld.push_back(std::move(found));
-         if (s.mHeld.size() > kMostHeld) s.mHeld.pop_front();
+         if (s.mHeld.size() > 2) s.mHeld.pop_front();
      }},
-    {"SendResult", 6, [](Subject& s, const Args& args) { s.send(resultOf(args, s.mFiles)); }},
+    {"SendResult", 6, [](Subject& s, const Args& args) { s.send(recordOf<product::CaptureResult>(args, s.mFiles)); }},
     {"AnswerTaken", 10,
      [](Subject& s, const Args& args) {
          if (s.mTaken.empty()) return;
@@ -54,7 +47,7 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
          result.outputBuffers[0].status = product::BufferStatus(args[0] % 2);
          s.send(result);
      }},
-    {"FreeBuffer", 1, [](Subject& s, const Args& args) { s.freeBuffer(nameOf(args)); }},
+    {"FreeBuffer", 1, [](Subject& s, const Args& args) { s.freeBuffer(bufferOf(args, s.mFiles)); }},
     {"Notify", 4,
      [](Subject& s, const Args& args) {
          fdstream::FDNotifyMsg message = {};
@@ -77,8 +70,7 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
     // Of the scene. Observer 0 is none.
     {"SetObserver", 4,
      [](Subject& s, const Args& args) {
-         const size_t number = args[0] % 3;
-         s.session().setSceneCallback(number > 0 ? s.mObservers[number - 1].get() : nullptr);
+         s.session().setSceneCallback(s.mObservers[args[0] % s.mObservers.size()].get());
      }},
     {"SetScene", 3,
      [](Subject& s, const Args& args) { s.session().setSceneControl(sceneOf(args)); }},

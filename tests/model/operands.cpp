@@ -14,7 +14,6 @@ namespace testing_support {
 
 namespace {
 
-using android::hardware::hidl_vec;
 using product::StreamBuffer;
 
 constexpr uint64_t kIds[] = {1, 7, 0xfffffffffffffffe};
@@ -35,30 +34,6 @@ host::UniqueHandle handleOfPipes(int count) {
     return handle;
 }
 
-/** A buffer from six arguments from this one on. */
-StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first) {
-    const auto arg = [&](size_t i) { return args[(first + i) % args.size()]; };
-    const auto handle = [&](std::string_view names, size_t i) {
-        return files.handles.at(names[arg(i) % names.size()]).get();
-    };
-    return {oneOf(kStreams, arg(0)),           oneOf(kIds, arg(1)), handle(kHandles, 2),
-            product::BufferStatus(arg(3) % 3), handle(kFences, 4),  handle(kFences, 5)};
-}
-
-/** What requests and results have alike: one output mostly, and not always an input buffer. */
-template <typename Record>
-Record recordOf(const Args& args, const FileSet& files, hidl_vec<uint8_t> Record::*data) {
-    Record record = {};
-    (record.*data).resize(args[7] % 4);
-    fill(record, args[0]);
-    record.outputBuffers.resize(oneOf({1U, 1U, 1U, 1U, 1U, 1U, 0U, 2U}, args[9]));
-    for (size_t i = 0; i < record.outputBuffers.size(); ++i)
-        record.outputBuffers[i] = bufferOf(args, files, 1 + 5 * i);
-    record.inputBuffer = {-1, 0, {}, {}, {}, {}};
-    if (args[10] % 4 == 0) record.inputBuffer = bufferOf(args, files, 8);
-    return record;
-}
-
 }  // namespace
 
 FileSet::FileSet() {
@@ -72,10 +47,8 @@ FileSet::FileSet() {
         memories.push_back(host::Buffer::allocate(geometry).value());
         handles[name].reset(native_handle_clone(memories.back().handle()));
     }
-    handles['f'] = handleOfPipes(1);
-    handles['g'] = handleOfPipes(1);
-    handles['e'] = handleOfPipes(0);
-    handles['q'] = handleOfPipes(2);
+    for (const auto& [name, pipes] : {std::pair('f', 1), {'g', 1}, {'e', 0}, {'q', 2}})
+        handles[name] = handleOfPipes(pipes);
     for (const auto& [name, handle] : handles)
         mNames[inodeOf(handle.get())] = name;
     handles['-'] = nullptr;
@@ -97,13 +70,31 @@ File FileSet::nameOf(const native_handle_t* handle) const {
     return isDuplicate ? found->second : '?';
 }
 
-product::CaptureRequest requestOf(const Args& args, const FileSet& files) {
-    return recordOf(args, files, &product::CaptureRequest::settings);
+StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first) {
+    const auto arg = [&](size_t i) { return args[(first + i) % args.size()]; };
+    const auto handle = [&](std::string_view names, size_t i) {
+        return files.handles.at(names[arg(i) % names.size()]).get();
+    };
+    return {oneOf(kStreams, arg(0)),           oneOf(kIds, arg(1)), handle(kHandles, 2),
+            product::BufferStatus(arg(3) % 3), handle(kFences, 4),  handle(kFences, 5)};
 }
 
-product::CaptureResult resultOf(const Args& args, const FileSet& files) {
-    return recordOf(args, files, &product::CaptureResult::result);
+template <typename Record>
+Record recordOf(const Args& args, const FileSet& files) {
+    Record record = {};
+    std::get<2>(fieldsOf(record)).resize(args[7] % 4);
+    fill(record, args[0]);
+    // One output mostly, and not always an input buffer.
+    record.outputBuffers.resize(oneOf({1U, 1U, 1U, 1U, 1U, 1U, 0U, 2U}, args[9]));
+    for (size_t i = 0; i < record.outputBuffers.size(); ++i)
+        record.outputBuffers[i] = bufferOf(args, files, 1 + 5 * i);
+    record.inputBuffer = {-1, 0, {}, {}, {}, {}};
+    if (args[10] % 4 == 0) record.inputBuffer = bufferOf(args, files, 8);
+    return record;
 }
+
+template product::CaptureRequest recordOf(const Args& args, const FileSet& files);
+template product::CaptureResult recordOf(const Args& args, const FileSet& files);
 
 product::StreamConfiguration configurationOf(const Args& args) {
     product::StreamConfiguration configuration = {};
@@ -125,10 +116,6 @@ product::SceneControl sceneOf(const Args& args) {
     control.crops.resize(args[0] % 4);
     fill(control, args[1] % 3U);  // few different ones, so that some are stored again
     return control;
-}
-
-StreamBuffer nameOf(const Args& args) {
-    return {oneOf(kStreams, args[1]), oneOf(kIds, args[0]), {}, {}, {}, {}};
 }
 
 }  // namespace testing_support

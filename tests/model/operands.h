@@ -47,11 +47,12 @@ T oneOf(const T (&choices)[N], uint8_t arg) {
     return choices[arg % N];
 }
 
-product::CaptureRequest requestOf(const Args& args, const FileSet& files);
-product::CaptureResult resultOf(const Args& args, const FileSet& files);
+/** A request or a result. */
+template <typename Record>
+Record recordOf(const Args& args, const FileSet& files);
 product::StreamConfiguration configurationOf(const Args& args);
 product::SceneControl sceneOf(const Args& args);
-/** A buffer by its two ids. */
-product::StreamBuffer nameOf(const Args& args);
+/** A buffer, from six arguments from this one on. */
+product::StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first = 0);
 
 }  // namespace testing_support

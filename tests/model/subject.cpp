@@ -58,7 +58,7 @@ private:
 /** An observer, which says what it is told, and what is stored by then. */
 class Subject::Observer : public product::ISceneCallback {
 public:
-    Observer(Subject& subject, int number) : mSubject(subject), mNumber(number) {}
+    Observer(Subject& subject, size_t number) : mSubject(subject), mNumber(number) {}
 
     void onSceneControl(product::SceneControl control) override { hear("scene", control); }
     void onPTZControl(product::SceneControl control) override { hear("PTZ", control); }
@@ -74,30 +74,20 @@ private:
     }
 
     Subject& mSubject;
-    const int mNumber;
+    const size_t mNumber;
 };
 
 Subject::Subject(const FileSet& files) : mFiles(files) {
-    for (size_t i = 0; i < mObservers.size(); ++i)
-        mObservers[i] = std::make_unique<Observer>(*this, static_cast<int>(i) + 1);
+    for (const host::Buffer& memory : mFiles.memories)
+        std::fill_n(memory.bytes(), memory.size(), uint8_t{0});
+    for (const size_t i : {1U, 2U})
+        mObservers[i] = std::make_unique<Observer>(*this, i);
 }
 
 Subject::~Subject() {
     mLuck = {};
     enterWorld();
     static_cast<Spied&>(sessionMapper()) = {};
-}
-
-Events Subject::begin() {
-    return seen([this] {
-        for (const host::Buffer& memory : mFiles.memories)
-            std::fill_n(memory.bytes(), memory.size(), uint8_t{0});
-        make();
-    });
-}
-
-Events Subject::step(const Operation& operation) {
-    return seen([&] { kKinds[operation.kind].carryOut(*this, operation.args); });
 }
 
 Events Subject::end() {

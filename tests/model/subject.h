@@ -35,8 +35,12 @@ public:
     };
     static const std::array<Kind, 21> kKinds;
 
-    Events begin();
-    Events step(const Operation& operation);
+    Events begin() {
+        return seen([this] { make(); });
+    }
+    Events step(const Operation& operation) {
+        return seen([&] { kKinds[operation.kind].carryOut(*this, operation.args); });
+    }
     /** The session's end, and what a client hears that calls it after that. */
     Events end();
 
@@ -94,7 +98,7 @@ private:
     int mCallbacksMade = 0;
     size_t mUndelivered = 0;
     android::wp<Client> mClient;
-    std::array<std::unique_ptr<product::ISceneCallback>, 2> mObservers;
+    std::array<std::unique_ptr<product::ISceneCallback>, 3> mObservers;  // the first is none
     std::deque<product::CaptureRequest> mTaken;
     std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };

@@ -45,7 +45,7 @@ auto fieldsOf(R& r) {
         return std::tie(r.frameNumber, r.fmqSettingsSize, r.settings, r.inputBuffer,
                         r.outputBuffers);
     } else if constexpr (std::is_same_v<Record, product::CaptureResult>) {
-        return std::tie(r.frameNumber, r.fmqResultSize, r.partialResult, r.result, r.inputBuffer,
+        return std::tie(r.frameNumber, r.fmqResultSize, r.result, r.partialResult, r.inputBuffer,
                         r.outputBuffers);
     } else if constexpr (std::is_same_v<Record, product::StreamConfiguration>) {
         return std::tie(r.streams, r.operationMode);
