@@ -6,7 +6,6 @@
 #include <chrono>
 #include <fstream>
 #include <thread>
-#include <utility>
 
 namespace testing_support {
 
@@ -86,9 +85,9 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height)
     return configuration;
 }
 
-SessionFixture::SessionFixture(sp<FDSessionImpl> tested)
+SessionFixture::SessionFixture(const sp<FDSessionImpl>& tested)
     : buffer(allocate(16, 8)),
-      session(std::move(tested)),
+      session(tested),
       client(session->getInterface()),
       callback(new Callback(deliveries)) {
     session->handleSetCallback(callback);

@@ -114,7 +114,7 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t he
 
 class SessionFixture : public testing::Test {
 protected:
-    explicit SessionFixture(sp<FDSessionImpl> tested = new FDSessionImpl);
+    explicit SessionFixture(const sp<FDSessionImpl>& tested = new FDSessionImpl);
     ~SessionFixture() override;
 
     /** Configures stream 0 and submits one request with a buffer of its size. */
