@@ -4,7 +4,6 @@
 #include <cstdlib>
 
 #include "host/mapper.h"
-#include "model/files.h"
 #include "model/sequence.h"
 #include "support.h"
 #include "support/spy_mapper.h"

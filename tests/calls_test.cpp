@@ -22,8 +22,8 @@
 #include "host/limits.h"
 #include "host/remote.h"
 #include "message_oracle.h"
-#include "model/files.h"
 #include "model/operands.h"
+#include "model/words.h"
 #include "raw_socket.h"
 #include "support/slow.h"
 #include "support/transport_fixture.h"
@@ -110,20 +110,22 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     expectStatus(remote->configure(stream), Status::OK);
     StreamConfiguration kept = {};
     ASSERT_EQ(session->getConfiguration(kept), 0);
-    EXPECT_EQ(inWords(kept), inWords(stream));
+    const FileSet files;
+    EXPECT_EQ(inWords(files, kept), inWords(files, stream));
 
-    const Files files;
-    const CaptureRequest request = requestOf({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files.sessions);
+    const CaptureRequest request =
+        recordOf<CaptureRequest>({10, 4, 23, 1, 1, 4, 3, 7, 3, 1, 8}, files);
     expectStatus(remote->processCaptureRequest(request), Status::OK);
     EXPECT_EQ(inWords(files, take()), inWords(files, CaptureRequest(request)));
-    const CaptureResult result = resultOf({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files.sessions);
+    const CaptureResult result =
+        recordOf<CaptureResult>({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files);
     session->sendCaptureResult(result);
     EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
               inWords(files, CaptureResult(result)));
     const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     notify(msg);
     ASSERT_EQ(deliveries.notified().size(), 1U);
-    EXPECT_EQ(inWords(deliveries.notified()[0]), inWords(msg));
+    EXPECT_EQ(inWords(files, deliveries.notified()[0]), inWords(files, msg));
 }
 
 TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {

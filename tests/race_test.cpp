@@ -78,7 +78,7 @@ protected:
     }
     void replaceObserver() {
         // Whoever has replaced an observer may destroy it at once.
-        auto next = std::make_unique<Observer>(*session);
+        auto next = std::make_unique<Observer>();
         session->setSceneCallback(next.get());
         replaced = std::move(next);
     }
@@ -175,7 +175,7 @@ TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowher
         {"setCallback", "l."},
         {"setPTZControl", "O."},
         {"setSceneControl", "O."},
-        {"setTrackControl", "..o"},  // the observer looks, too
+        {"setTrackControl", ".o"},
         {"setTrackingMode", "LO."}};
     host::setProperty("vendor.zoru.flipped", "true");
     for (const auto& [name, operation] : operations) {

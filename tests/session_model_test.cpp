@@ -5,19 +5,14 @@
 #include <cstdlib>
 #include <string>
 
-#include "model/files.h"
 #include "model/sequence.h"
 
 namespace testing_support {
 
-namespace {
-
-uint64_t numberFrom(const char* variable, uint64_t otherwise) {
+static uint64_t numberFrom(const char* variable, uint64_t otherwise) {
     const char* const text = getenv(variable);
     return text != nullptr ? std::stoull(text) : otherwise;
 }
-
-}  // namespace
 
 // FDSTREAM_MODEL_SEQUENCES and FDSTREAM_MODEL_SEED choose how many, and which is the first.
 TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {

@@ -1,23 +1,31 @@
-// The session's life and its callback's, and what its thread does.
+// The session's life and its callback's, what its thread does, letting go of what it was sent, and
+// waiting for an observer's calls.
 
-#include <atomic>
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <functional>
-#include <optional>
+#include <future>
+#include <memory>
+#include <tuple>
 #include <utility>
+#include <vector>
 
+#include "ObserverCalls.h"
 #include "Rotate180.h"
 #include "host/threads.h"
+#include "host/unique_fd.h"
 #include "host/unique_handle.h"
-#include "support/interposed.h"
-#include "support/session_fixture.h"
-#include "support/stress.h"
+#include "support/driven_session.h"
 
 namespace testing_support {
 
 namespace {
 
 using SessionTest = SessionFixture;
+using LettingGoTest = DrivenSession;
+using SessionLock = ObserverCalls::SessionLock;
 using android::hardware::camera::common::V1_0::Status;
 
 /** A callback whose end does something. */
@@ -33,9 +41,7 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     const int threads = host::threadCount();
     const sp<FDSessionImpl> other = new FDSessionImpl;
     EXPECT_EQ(host::threadCount(), threads + 1);
-    EXPECT_NE(other->getInterface(), client);
     EXPECT_EQ(session->getInterface(), client);
-    EXPECT_TRUE(session->isRunning());
     EXPECT_FALSE(client->isRemote());
     EXPECT_FALSE(bool(client->linkToDeath(nullptr, 1)));
 
@@ -46,27 +52,13 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     configure();
     ASSERT_EQ(submit(1, 4), 0);
     clock.stopAt(1700000001000001);  // seen at the end of an idle wait
-    const auto came = deliveries.waitFor(1);
-    EXPECT_EQ(came[0].thread, "CaptureRequestM");
-    EXPECT_EQ(came[0].result.frameNumber, 1U);
+    EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 1U);
     configure();
     callback.clear();
     session.clear();
     closed.unlock();
     EXPECT_EQ(deliveries.waitForDeath(), "CaptureRequestM");
     EXPECT_EQ(Status(client->configure(configurationOf(0))), Status::INTERNAL_ERROR);
-}
-
-TEST_F(SessionTest, DiesInsideTheClientsCallThatHoldsItLast) {
-    Deliveries told;
-    host::failNextThreadStart();
-    sp<FDSessionImpl> last = new FDSessionImpl;
-    EXPECT_FALSE(last->isRunning());
-    const sp<IFDSession> called = last->getInterface();
-    last->handleSetCallback(new Ending(deliveries, [&last] { last.clear(); }));
-    EXPECT_EQ(Status(called->setCallback(new Callback(told))), Status::OK);
-    EXPECT_EQ(told.waitForDeath(), threadName());
-    EXPECT_EQ(called->getStrongCount(), 1);
 }
 
 TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
@@ -85,9 +77,7 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
               {"graphics buffer", [&](size_t) { wrapped.clear(); }},
               {"provider",
                [&](size_t) {
-                   CaptureRequest taken = {};
-                   provided->getProcessCaptureRequest(taken);
-                   provided->sendCaptureResult(resultFor(taken));
+                   provided->sendCaptureResult(resultFor(request));
                    provided.clear();
                }},
               {"client",
@@ -100,14 +90,15 @@ TEST_F(SessionTest, DiesOnceWhereverItsLastReferencesAreDropped) {
     }
 }
 
-TEST_F(SessionTest, LetsGoOfACallbackWithoutTheLock) {
-    // The callback's end is the client's code: here it waits for a thread that needs the session.
-    std::optional<Meanwhile> other;
-    session->handleSetCallback(new Ending(deliveries, [&] {
-        other.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
-    }));
-    session->handleSetCallback(nullptr);
-    EXPECT_EQ(deliveries.waitForDeath(), threadName());
+TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
+    // In a process of its own, which has no session yet.
+    const auto getFromFourThreads = [] {
+        const LogLines log;
+        const Side get = {"getInstance", [](size_t) { FDSession::getInstance(); }};
+        race({get, get, get, get}, 1);
+        exit(log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
 }
 
 TEST(RotationTest, SaysThatThereIsNoBuffer) {
@@ -116,23 +107,105 @@ TEST(RotationTest, SaysThatThereIsNoBuffer) {
     EXPECT_EQ(log.said(kSessionTag), Lines{"E rotate180: Invalid graphics buffer \n"});
 }
 
-TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
-    // In a process of its own, which has no session yet.
-    const auto getFromFourThreads = [] {
-        LogLines log;
-        std::atomic<FDSession*> first{nullptr};
-        std::atomic<bool> isOne{true};
-        const Side get = {"getInstance", [&](size_t) {
-                              FDSession* const mine = FDSession::getInstance().get();
-                              FDSession* other = nullptr;
-                              if (!first.compare_exchange_strong(other, mine) && other != mine)
-                                  isOne = false;
-                          }};
-        race({get, get, get, get}, 1);
-        const bool once = log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1;
-        exit(isOne && once ? 0 : 1);
+TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {
+    // Which may take as long as a client likes, and may run its code.
+    const host::UniqueFd file(memfd_create("fence", MFD_CLOEXEC));
+    const host::UniqueHandle fence(native_handle_create(1, 0));
+    fence->data[0] = dup(file.get());
+    const auto submitted = [&](uint64_t bufferId, const native_handle_t* handle) {
+        CaptureRequest request = requestFor(1, bufferId, handle);
+        request.inputBuffer.acquireFence = fence.get();
+        request.outputBuffers[0].acquireFence = fence.get();
+        return session->handleCaptureRequest(request) == 0;
     };
-    EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
+    std::vector<std::unique_ptr<Meanwhile>> others;
+    const auto goOn = [&] {
+        others.push_back(std::make_unique<Meanwhile>(
+            [this] {
+                session->getTrackingMode();
+                session->sendCaptureResult({});
+            },
+            Other::GOES_ON));
+    };
+    const std::tuple<const char*, size_t, std::function<void()>> cases[] = {
+        {"a result, in a pass that answers a stale request, too", 3,
+         [&] {
+             CaptureResult result = resultOf(1);
+             result.inputBuffer.releaseFence = fence.get();
+             session->sendCaptureResult(result);
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             pass();
+         }},
+        {"a refused request", 2, [&] { EXPECT_FALSE(submitted(9, nullptr)); }},
+        {"a reconfiguration", 2,
+         [&] {
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             configure();
+         }},
+        {"what the provider's record held", 2,
+         [&] {
+             EXPECT_TRUE(submitted(1, buffer.handle()));
+             ASSERT_EQ(submit(2, 1), 0);
+             CaptureRequest request = take();
+             EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
+             EXPECT_EQ(request.frameNumber, 2U);
+         }},
+        {"a callback", 1, [&] {
+             session->handleSetCallback(new Ending(deliveries, goOn));
+             session->handleSetCallback(nullptr);
+         }}};
+    session->handleSetCallback(nullptr);  // what is to be delivered ends here
+    configure();
+    const FileWatch watch(file.get(), Watching::CLOSES, goOn);
+    for (const auto& [what, times, act] : cases) {
+        SCOPED_TRACE(where = what);
+        others.clear();
+        act();
+        EXPECT_EQ(others.size(), times);
+    }
+}
+
+TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
+    const Watchdog watchdog([] { return "a wait for calls of observers"; });
+    const Observer one;
+    const Observer other;
+    ObserverCalls calls;
+    const auto underWay = [&calls](const ISceneCallback* observer, std::promise<void>& end) {
+        return [&calls, observer, &end] {
+            const ObserverCalls::Scope scope(calls, observer, SessionLock::FREE);
+            end.get_future().wait();
+        };
+    };
+    const auto waitFor = [&calls](const ISceneCallback* current) {
+        return [&calls, current] { calls.waitForOthersThan(current); };
+    };
+    std::promise<void> ends[3];
+    const Meanwhile early(underWay(&one, ends[0]), Other::WAITS);
+    const Meanwhile late(underWay(&other, ends[1]), Other::WAITS);
+    const Meanwhile first(waitFor(nullptr), Other::WAITS);
+    const Meanwhile second(waitFor(nullptr), Other::WAITS);
+    const Meanwhile satisfied(waitFor(&other), Other::WAITS);
+    const Meanwhile later(underWay(&one, ends[2]), Other::WAITS);  // which nobody waits for
+    {
+        // Their own records end here, the latest first, while those of others stay.
+        const ObserverCalls::Scope outer(calls, &one, SessionLock::HELD);
+        {
+            const ObserverCalls::Scope inner(calls, &other, SessionLock::FREE);
+            calls.waitForOthersThan(nullptr);  // not from inside
+        }
+        EXPECT_TRUE(calls.isInsideLocked());
+        Meanwhile([&] { EXPECT_FALSE(calls.isInsideLocked()); }, Other::GOES_ON);
+    }
+    EXPECT_FALSE(calls.isInsideLocked());
+    first.expect(Other::WAITS);
+    ends[0].set_value();
+    satisfied.expect(Other::GOES_ON);
+    first.expect(Other::WAITS);
+    ends[1].set_value();
+    first.expect(Other::GOES_ON);
+    second.expect(Other::GOES_ON);
+    calls.waitForOthersThan(&one);
+    ends[2].set_value();
 }
 
 }  // namespace testing_support

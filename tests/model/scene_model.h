@@ -57,7 +57,7 @@ protected:
         tell(&ISceneCallback::onPTZControl, control);
     }
     void getPTZControl(SceneControl& control) override { control = mPTZ; }
-    void resetPTZScene() override {
+    void resetPTZScene() {
         mPTZ.frameWidth = 1280;
         mPTZ.frameHeight = 720;
         mPTZ.crops = {Crop{0, 0, 1280, 720}};

@@ -1,9 +1,11 @@
 #include "model/sequence.h"
 
-#include <algorithm>
-#include <cstring>
-#include <numeric>
+#include <android-base/thread_annotations.h>
 
+#include <algorithm>
+#include <random>
+
+#include "host/threads.h"
 #include "model/subject.h"
 #include "model/words.h"
 
@@ -13,64 +15,62 @@ namespace {
 
 constexpr size_t kMostOperations = 60;
 
-uint64_t next(uint64_t& state) {
-    uint64_t z = state += 0x9e3779b97f4a7c15;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111eb;
-    return z ^ (z >> 31);
-}
+/** The session itself, whose thread's start is refused: the passes are made here, on one thread. */
+class SessionDriver : public Subject {
+public:
+    explicit SessionDriver(const FileSet& files) : Subject(files) {}
 
-uint8_t kindAt(uint64_t number) {
-    unsigned sum = 0;
-    for (const Subject::Kind& kind : Subject::kKinds)
-        sum += kind.weight;
-    auto left = static_cast<unsigned>(number % sum);
-    uint8_t kind = 0;
-    while (left >= Subject::kKinds[kind].weight)
-        left -= Subject::kKinds[kind++].weight;
-    return kind;
-}
+private:
+    product::FDSession& session() override { return *mSession; }
+    fdstream::IFDSession& client() override { return *mInterface; }
+    void make() override {
+        host::failNextThreadStart();
+        mSession = new product::FDSessionImpl;
+        mInterface = mSession->getInterface();
+    }
+    void drop() override { mSession.clear(); }
+    void threadLoop() override {
+        if (!mSession->threadLoop()) say("the monitor ends");
+    }
+    /** Without the session's lock: no other thread knows the session. */
+    void freeBuffer(const product::StreamBuffer& buffer) override NO_THREAD_SAFETY_ANALYSIS {
+        mSession->freeBuffer(buffer);
+    }
 
-Operation randomOperation(uint64_t& state) {
-    Operation operation = {kindAt(next(state)), {}};
-    const uint64_t bits[] = {next(state), next(state)};
-    memcpy(operation.args.data(), bits, operation.args.size());
-    if (operation.kind == kindOf("Nest")) operation.args[0] = kindAt(bits[1]);
-    return operation;
-}
+    android::sp<product::FDSessionImpl> mSession;
+    android::sp<fdstream::IFDSession> mInterface;
+};
 
 std::string difference(const Events& got, const Events& expected, const std::string& where) {
     if (got == expected) return {};
-    std::string text = where + "\n  the session:\n";
+    std::string text = where;
     for (const std::string& event : got)
-        text += "    " + event + "\n";
-    text += "  the model:\n";
+        text += "\n  session: " + event;
     for (const std::string& event : expected)
-        text += "    " + event + "\n";
-    return text;
+        text += "\n  model:   " + event;
+    return text + "\n";
 }
 
 }  // namespace
 
-uint8_t kindOf(std::string_view name) {
-    uint8_t kind = 0;
-    while (name != Subject::kKinds.at(kind).name)
-        ++kind;
-    return kind;
+uint8_t kindAt(uint8_t byte) {
+    int left = byte;
+    for (size_t kind = 0;; kind = (kind + 1) % Subject::kKinds.size()) {
+        left -= Subject::kKinds[kind].weight;
+        if (left < 0) return static_cast<uint8_t>(kind);
+    }
 }
 
 Sequence sequenceOf(uint64_t seed) {
-    uint64_t state = seed;
-    Sequence sequence(20 + next(state) % 41);
-    for (Operation& operation : sequence)
-        operation = randomOperation(state);
-    // Most sequences get somewhere.
+    std::mt19937_64 random(seed);
+    std::vector<uint8_t> bytes((20 + random() % 41) * sizeof(Operation));
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
+    Sequence sequence = sequenceFrom(bytes.data(), bytes.size());
+    // Most sequences get somewhere: with a callback, and one stream of the usual id.
     if (seed % 8 != 0) {
-        sequence[0].kind = kindOf("SetCallback");
-        sequence[0].args[0] = 1;
-        sequence[1].kind = kindOf("Configure");
-        sequence[1].args[0] = 0;
-        sequence[1].args[2] = 0;
+        sequence[0] = {0, {1}};
+        sequence[1].kind = 1;
+        sequence[1].args[0] = sequence[1].args[2] = 0;
     }
     return sequence;
 }
@@ -78,16 +78,16 @@ Sequence sequenceOf(uint64_t seed) {
 Sequence sequenceFrom(const uint8_t* data, size_t size) {
     Sequence sequence(std::min(size / sizeof(Operation), kMostOperations));
     for (Operation& operation : sequence) {
-        operation.kind = static_cast<uint8_t>(data[0] % Subject::kKinds.size());
-        memcpy(operation.args.data(), data + 1, operation.args.size());
+        operation.kind = kindAt(data[0]);
+        std::copy_n(data + 1, operation.args.size(), operation.args.begin());
         data += sizeof(Operation);
     }
     return sequence;
 }
 
 std::string disagreement(const Files& files, const Sequence& sequence) {
-    const std::unique_ptr<Subject> model = makeModel(files);
-    const std::unique_ptr<Subject> session = makeSession(files);
+    const std::unique_ptr<Subject> model = makeModel(files.models);
+    const std::unique_ptr<Subject> session = std::make_unique<SessionDriver>(files.sessions);
     std::string found = difference(session->begin(), model->begin(), "at the beginning");
     for (size_t i = 0; i < sequence.size() && found.empty(); ++i) {
         const Events got = session->step(sequence[i]);
@@ -99,22 +99,14 @@ std::string disagreement(const Files& files, const Sequence& sequence) {
 }
 
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {
-    for (size_t length = sequence.size() / 2; length > 0; length /= 2) {
-        for (size_t first = 0; first + length <= sequence.size();) {
-            Sequence shorter = sequence;
-            const auto from = shorter.begin() + static_cast<std::ptrdiff_t>(first);
-            shorter.erase(from, from + static_cast<std::ptrdiff_t>(length));
-            if (holds(shorter)) {
-                sequence = std::move(shorter);
-            } else {
-                ++first;
-            }
-        }
+    for (size_t i = sequence.size(); i-- > 0;) {
+        Sequence shorter = sequence;
+        shorter.erase(shorter.begin() + static_cast<std::ptrdiff_t>(i));
+        if (holds(shorter)) sequence = std::move(shorter);
     }
     for (Operation& operation : sequence) {
         for (uint8_t& arg : operation.args) {
-            const uint8_t before = arg;
-            arg = 0;
+            const uint8_t before = std::exchange(arg, uint8_t{0});
             if (!holds(sequence)) arg = before;
         }
     }
@@ -124,10 +116,10 @@ Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& h
 std::string asCode(const Sequence& sequence) {
     std::string code = "const Sequence sequence = {\n";
     for (const auto& [kind, args] : sequence) {
-        code += cat("    {kindOf(\"", Subject::kKinds[kind].name, "\"), {");
+        code += cat("    {", kind, ", {");
         for (const uint8_t arg : args)
             code += cat(arg, ", ");
-        code += "}},\n";
+        code += cat("}},  // ", Subject::kKinds[kind].name, "\n");
     }
     return code + "};\nEXPECT_EQ(disagreement(Files(), sequence), \"\");\n";
 }

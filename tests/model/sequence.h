@@ -4,10 +4,8 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "model/files.h"
 #include "model/operands.h"
 
 namespace testing_support {
@@ -19,15 +17,21 @@ struct Operation {
 };
 using Sequence = std::vector<Operation>;
 
-/** The number of the kind with this name. */
-uint8_t kindOf(std::string_view name);
+/** Of the session, and of its model: each has memories of its own. */
+struct Files {
+    FileSet sessions;
+    FileSet models;
+};
+
+/** The number of the kind that this byte stands for: of the frequent ones by many. */
+uint8_t kindAt(uint8_t byte);
 /** 20 to 60 operations, always the same ones for a seed. */
 Sequence sequenceOf(uint64_t seed);
 /** Operations from arbitrary bytes, 60 at most. */
 Sequence sequenceFrom(const uint8_t* data, size_t size);
 /** What the session and its model do not agree on first; empty when they agree on all of it. */
 std::string disagreement(const Files& files, const Sequence& sequence);
-/** The fewest operations, and the fewest of their bytes, for which this still holds. */
+/** Without operations, and bytes of them, that this does not need to hold. */
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds);
 /** As code that can be put into a test. */
 std::string asCode(const Sequence& sequence);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "frame.h"
 #include "model/scene_model.h"
@@ -16,24 +17,11 @@ using android::hardware::hidl_handle;
 constexpr int64_t kStaleUs = 1000000;
 constexpr const char* kGone = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
 
-bool isSet(const hidl_handle& handle) {
-    return handle.getNativeHandle() != nullptr;
-}
-
-/** Whether the copy got all that the original has. */
-bool hasFences(const StreamBuffer& copy, const StreamBuffer& original) {
-    return isSet(copy.acquireFence) == isSet(original.acquireFence) &&
-           isSet(copy.releaseFence) == isSet(original.releaseFence);
-}
-
-StreamBuffer withoutHandle(const StreamBuffer& original) {
-    StreamBuffer copy = {};
-    copy.streamId = original.streamId;
-    copy.bufferId = original.bufferId;
-    copy.status = original.status;
-    copy.acquireFence = original.acquireFence;
-    copy.releaseFence = original.releaseFence;
-    return copy;
+/** Which handles there are: a copy has fewer when they could not be duplicated. */
+std::array<bool, 3> handlesOf(const StreamBuffer& buffer) {
+    return {buffer.buffer.getNativeHandle() != nullptr,
+            buffer.acquireFence.getNativeHandle() != nullptr,
+            buffer.releaseFence.getNativeHandle() != nullptr};
 }
 
 void turn(const android_ycbcr& planes, kit::FrameSize size) {
@@ -53,9 +41,10 @@ void turn(const android_ycbcr& planes, kit::FrameSize size) {
 
 class SessionModel : public SceneModel {
 public:
-    explicit SessionModel(const Files& files) : SceneModel(files, files.models) {}
+    explicit SessionModel(const FileSet& files) : SceneModel(files) {}
 
 private:
+    using Name = std::pair<int32_t, uint64_t>;  // the stream's id, and the buffer's
     struct Waiting {
         CaptureRequest request;
         int64_t since;
@@ -82,11 +71,10 @@ private:
             return Status::ILLEGAL_ARGUMENT;
         }
         mRequests.clear();
-        for (const auto& [stream, buffers] : mRegistry) {
-            for (const auto& [id, handle] : buffers)
-                release(handle);
-        }
+        for (const auto& [name, handle] : mRegistry)
+            release(handle);
         mRegistry.clear();
+        mStreams.clear();
         mGraphicBuffers.clear();
         mConfiguration = configuration;
         return Status::OK;
@@ -99,14 +87,11 @@ private:
 
     // ---- The buffers ----
 
-    bool knows(const StreamBuffer& buffer) const {
-        const auto stream = mRegistry.find(buffer.streamId);
-        return stream != mRegistry.end() && stream->second.count(buffer.bufferId) != 0;
-    }
     std::optional<buffer_handle_t> lookUpOrImport(const StreamBuffer& buffer) {
-        std::map<uint64_t, buffer_handle_t>& buffers = mRegistry[buffer.streamId];
-        if (knows(buffer)) return buffers[buffer.bufferId];
-        if (!isSet(buffer.buffer)) {
+        const Name name = {buffer.streamId, buffer.bufferId};
+        mStreams.insert(buffer.streamId);
+        if (mRegistry.count(name) != 0) return mRegistry[name];
+        if (buffer.buffer.getNativeHandle() == nullptr) {
             logBuffer('E', "handleCaptureRequest: buffer", buffer);
             return std::nullopt;
         }
@@ -115,25 +100,13 @@ private:
             logBuffer('E', "handleCaptureRequest: import buffer failed,", buffer);
             return std::nullopt;
         }
-        buffers[buffer.bufferId] = *imported;
+        mRegistry[name] = *imported;
         const auto& stream = mConfiguration->streams[0];
-        const sp<GraphicBuffer> wrapper =
+        mGraphicBuffers[buffer.bufferId] =
             new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                               35, 1, stream.usage, stream.width);
-        if (!isPossible(*wrapper)) say("a wrapper that cannot be");
-        mGraphicBuffers[buffer.bufferId] = wrapper;
         logBuffer('I', "handleCaptureRequest: import buffer success,", buffer);
         return imported;
-    }
-    /** What the platform promises, which the session has from it as well. */
-    bool isPossible(const GraphicBuffer& wrapper) const {
-        const int sizes = wrapper.width | wrapper.height | wrapper.stride | wrapper.format;
-        const bool isEmpty = sizes == 0 && wrapper.getUsage() == 0 && wrapper.handle == nullptr;
-        if (isEmpty || wrapper.initCheck() != 0) return isEmpty && wrapper.initCheck() != 0;
-        const auto number = static_cast<size_t>(mFiles.nameOf(wrapper.handle) - 'A');
-        const kit::FrameSize most = kit::sizeOf(mFiles.models.memories.at(number));
-        return wrapper.width > 0 && wrapper.width <= most.width && wrapper.height > 0 &&
-               wrapper.height <= most.height;
     }
     std::optional<buffer_handle_t> import(const hidl_handle& raw) {
         if (raw->numFds + raw->numInts == 0) return nullptr;
@@ -156,17 +129,16 @@ private:
         }
     }
     void freeBuffer(const StreamBuffer& buffer) override {
-        const std::string start = "freeBuffer: CirculatingBuffers does not have ";
-        const auto stream = mRegistry.find(buffer.streamId);
-        if (stream == mRegistry.end()) {
-            return log('E', cat(start, "streamId(", buffer.streamId, ") entry \n"));
-        }
-        const auto found = stream->second.find(buffer.bufferId);
-        if (found == stream->second.end()) {
-            return log('E', cat(start, "bufferId(", buffer.bufferId, ") entry \n"));
+        const auto found = mRegistry.find({buffer.streamId, buffer.bufferId});
+        if (found == mRegistry.end()) {
+            const std::string what = mStreams.count(buffer.streamId) == 0
+                                         ? cat("streamId(", buffer.streamId)
+                                         : cat("bufferId(", buffer.bufferId);
+            return log('E',
+                       cat("freeBuffer: CirculatingBuffers does not have ", what, ") entry \n"));
         }
         release(found->second);
-        stream->second.erase(found);
+        mRegistry.erase(found);
     }
     sp<GraphicBuffer> getBufferForId(uint64_t bufferId) override {
         const auto found = mGraphicBuffers.find(bufferId);
@@ -177,40 +149,38 @@ private:
 
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
         if (isGone("processCaptureRequest")) return Status::INTERNAL_ERROR;
-        return enqueue(request) ? Status::OK : Status::ILLEGAL_ARGUMENT;
-    }
-    bool enqueue(const CaptureRequest& request) {
-        CaptureRequest copy = {};
-        copy.frameNumber = request.frameNumber;
-        copy.fmqSettingsSize = request.fmqSettingsSize;
-        copy.settings = request.settings;
-        copy.inputBuffer = request.inputBuffer;
+        CaptureRequest copy = {request.frameNumber,
+                               request.fmqSettingsSize,
+                               request.settings,
+                               request.inputBuffer,
+                               {}};
         copy.outputBuffers.resize(request.outputBuffers.size());
-        for (size_t i = 0; i < request.outputBuffers.size(); ++i)
-            copy.outputBuffers[i] = withoutHandle(request.outputBuffers[i]);
-        if (!fits(request)) return false;
+        for (size_t i = 0; i < request.outputBuffers.size(); ++i) {
+            const StreamBuffer& from = request.outputBuffers[i];
+            copy.outputBuffers[i] = {from.streamId, from.bufferId,     {},
+                                     from.status,   from.acquireFence, from.releaseFence};
+        }
+        if (!fits(request)) return Status::ILLEGAL_ARGUMENT;
 
         const StreamBuffer& buffer = request.outputBuffers[0];
-        const bool isNew = !knows(buffer);
+        const bool isNew = mRegistry.count({buffer.streamId, buffer.bufferId}) == 0;
         const std::optional<buffer_handle_t> imported = lookUpOrImport(buffer);
-        if (!imported) return false;
+        if (!imported) return Status::ILLEGAL_ARGUMENT;
         const hidl_handle registered(*imported);
-        StreamBuffer& output = copy.outputBuffers[0];
-        output.buffer = registered;
-        const bool isWhole = isSet(output.buffer) == isSet(registered) &&
-                             hasFences(output, buffer) &&
-                             isSet(copy.inputBuffer.buffer) == isSet(request.inputBuffer.buffer) &&
-                             hasFences(copy.inputBuffer, request.inputBuffer);
-        if (!isWhole) {
+        copy.outputBuffers[0].buffer = registered;
+        std::array<bool, 3> whole = handlesOf(buffer);
+        whole[0] = *imported != nullptr;
+        if (handlesOf(copy.outputBuffers[0]) != whole ||
+            handlesOf(copy.inputBuffer) != handlesOf(request.inputBuffer)) {
             logBuffer('E', "handleCaptureRequest: duplicating handles failed,", buffer);
             if (isNew) {
                 freeBuffer(buffer);
                 mGraphicBuffers.erase(buffer.bufferId);
             }
-            return false;
+            return Status::ILLEGAL_ARGUMENT;
         }
         mRequests.push_back({std::move(copy), mNow});
-        return true;
+        return Status::OK;
     }
     bool fits(const CaptureRequest& request) {
         std::string reason;
@@ -238,8 +208,7 @@ private:
     void sendCaptureResult(const CaptureResult& result) override {
         CaptureResult copy = result;
         const auto check = [this](StreamBuffer& buffer, const StreamBuffer& original) {
-            if (isSet(buffer.buffer) == isSet(original.buffer) && hasFences(buffer, original))
-                return;
+            if (handlesOf(buffer) == handlesOf(original)) return;
             logBuffer('E', "sendCaptureResult: duplicating handles failed,", buffer);
             buffer.status = BufferStatus::ERROR;
         };
@@ -253,7 +222,7 @@ private:
         mResults.pop_front();
         if (result.outputBuffers.size() > 0) {
             const auto found = mGraphicBuffers.find(result.outputBuffers[0].bufferId);
-            if (mIsFlipped == true && found != mGraphicBuffers.end()) rotate(*found->second);
+            if (mLuck[FLIP] > 0 && found != mGraphicBuffers.end()) rotate(*found->second);
             deliver(std::move(result));
         }
         if (mRequests.empty() || mNow <= mRequests.front().since + kStaleUs) return;
@@ -286,7 +255,8 @@ private:
             cat(event, " streamId(", buffer.streamId, "), bufferId(", buffer.bufferId, ") \n"));
     }
     std::optional<StreamConfiguration> mConfiguration;
-    std::map<int32_t, std::map<uint64_t, buffer_handle_t>> mRegistry;
+    std::map<Name, buffer_handle_t> mRegistry;
+    std::set<int32_t> mStreams;  // of which there was a buffer, taken or not
     std::map<uint64_t, sp<GraphicBuffer>> mGraphicBuffers;
     std::deque<Waiting> mRequests;
     std::deque<CaptureResult> mResults;
@@ -294,7 +264,7 @@ private:
 
 }  // namespace
 
-std::unique_ptr<Subject> makeModel(const Files& files) {
+std::unique_ptr<Subject> makeModel(const FileSet& files) {
     return std::make_unique<SessionModel>(files);
 }
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <array>
-#include <climits>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -13,7 +12,6 @@
 
 #include "FDSession.h"
 #include "host/log.h"
-#include "model/files.h"
 #include "model/operands.h"
 #include "model/sequence.h"
 #include "support/interposed.h"
@@ -35,19 +33,25 @@ public:
         uint8_t weight;  ///< how often it comes up
         void (*carryOut)(Subject& subject, const Args& args);
     };
-    static const std::array<Kind, 33> kKinds;
+    static const std::array<Kind, 21> kKinds;
 
-    ~Subject() override = default;
-    Subject(const Subject&) = delete;
-    Subject& operator=(const Subject&) = delete;
-
-    Events begin();
-    Events step(const Operation& operation);
+    Events begin() {
+        return seen([this] { make(); });
+    }
+    Events step(const Operation& operation) {
+        return seen([&] { kKinds[operation.kind].carryOut(*this, operation.args); });
+    }
     /** The session's end, and what a client hears that calls it after that. */
     Events end();
 
+    ~Subject() override;
+
 protected:
-    Subject(const Files& files, const FileSet& own);
+    explicit Subject(const FileSet& files);
+
+    /** The client's calls; the mapper, below 0 gone; the first lock and unlock of a step; the flip,
+     * 0 while nobody has said, below 0 "false". */
+    enum Luck { CALLS, MAPPER, LOCK, UNLOCK, FLIP };
 
     void say(std::string event) { mEvents.push_back(std::move(event)); }
 
@@ -58,73 +62,47 @@ protected:
     // What only the session's own threads and code do.
     virtual void threadLoop() = 0;
     virtual void freeBuffer(const product::StreamBuffer& buffer) = 0;
-    virtual void resetPTZScene() = 0;
 
-    const Files& mFiles;
+    const FileSet& mFiles;
     int64_t mNow = 1700000000000000;
-    std::optional<bool> mIsFlipped;  // none while nobody has said
+    std::array<int, 5> mLuck = {};  // of each below, 0 or an error
     bool mIsOver = false;
 
 private:
     class Client;
     class Observer;
+    static constexpr int kNoLimit = -1;
 
     void write(const host::LogLine& line) override;
     /** What an operation does, and what else can be seen of that. */
     Events seen(const std::function<void()>& operation);
     /** What all of this process share, as it is for this subject. */
     void enterWorld();
-    void leaveWorld();
-    void carryOut(const Operation& operation) {
-        kKinds[operation.kind].carryOut(*this, operation.args);
-    }
     void carryOutNested();
-    template <typename Value>
-    void sayAnswer(const char* operation, const Value& value) {
-        say(operation + (" answers " + std::to_string(static_cast<int>(value))));
-    }
-    template <typename Record>
-    Record read(void (product::FDSession::*get)(Record&)) {
-        Record record = {};
-        (session().*get)(record);
-        return record;
-    }
+    /** Says all that can be read of the session. */
+    void read();
     void setCallback(int choice);
     void submit(const product::CaptureRequest& request);
-    void take();
-    void getConfiguration();
-    void getBuffer(uint64_t bufferId);
     void send(const product::CaptureResult& result);
-    void answerTaken(product::BufferStatus status);
-    void letGoOfHeld();
-    void paint(const Args& args);
-    void pass();
-    void nest(const Args& args);
 
-    const FileSet& mOwn;
     Events mEvents;
     std::optional<Operation> mNested;
 
     // The world.
     WallClock mClock;
     FewDuplicates mFewDuplicates;
-    bool mCallsFail = false;
-    int mMapperFault = 0;       // below 0 the mapper is gone
-    int mLockError = 0;         // of the first lock in a step
-    int mUnlockError = 0;       // and of the first unlock
-    int mDuplicates = INT_MAX;  // that can be made in the next step
-    std::string mMapped;        // what the importer asked the mapper for, in order
+    int mDuplicates = kNoLimit;  // that can be made in the next step
+    std::string mMapped;         // what the importer asked the mapper for, in order
 
     // The users.
     int mCallbacksMade = 0;
     size_t mUndelivered = 0;
     android::wp<Client> mClient;
-    std::array<std::unique_ptr<product::ISceneCallback>, 2> mObservers;
+    std::array<std::unique_ptr<product::ISceneCallback>, 3> mObservers;  // the first is none
     std::deque<product::CaptureRequest> mTaken;
     std::deque<android::sp<android::GraphicBuffer>> mHeld;
 };
 
-std::unique_ptr<Subject> makeSession(const Files& files);
-std::unique_ptr<Subject> makeModel(const Files& files);
+std::unique_ptr<Subject> makeModel(const FileSet& files);
 
 }  // namespace testing_support

@@ -9,18 +9,13 @@
 
 namespace testing_support {
 
-namespace {
-
-auto deadline() {
-    return std::chrono::system_clock::now() + std::chrono::seconds(10);
-}
-
-}  // namespace
+using Clock = std::chrono::system_clock;
+constexpr std::chrono::seconds kPatience(10);
 
 bool eventually(const std::function<bool()>& condition) {
-    const auto limit = deadline();
+    const auto limit = Clock::now() + kPatience;
     while (!condition()) {
-        if (std::chrono::system_clock::now() > limit) return false;
+        if (Clock::now() > limit) return false;
         std::this_thread::yield();
     }
     return true;
@@ -41,7 +36,7 @@ std::string threadName() {
 
 void Deliveries::add(const hidl_vec<CaptureResult>& results) {
     const std::lock_guard<std::mutex> lock(mMutex);
-    mDeliveries.push_back({results[0], threadName()});
+    mDeliveries.push_back({results[0]});
     mChanged.notify_all();
 }
 
@@ -59,7 +54,8 @@ void Deliveries::callbackDied() {
 
 std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count, size_t first) {
     std::unique_lock<std::mutex> lock(mMutex);
-    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return mDeliveries.size() >= count; }))
+    EXPECT_TRUE(mChanged.wait_until(lock, Clock::now() + kPatience,
+                                    [&] { return mDeliveries.size() >= count; }))
         << mDeliveries.size() << " of " << count << " results came";
     mDeliveries.resize(std::max(count, mDeliveries.size()));
     return {mDeliveries.begin() + static_cast<ptrdiff_t>(first), mDeliveries.end()};
@@ -67,7 +63,8 @@ std::vector<Deliveries::Delivery> Deliveries::waitFor(size_t count, size_t first
 
 std::string Deliveries::waitForDeath() {
     std::unique_lock<std::mutex> lock(mMutex);
-    EXPECT_TRUE(mChanged.wait_until(lock, deadline(), [&] { return !mDeathThread.empty(); }));
+    EXPECT_TRUE(
+        mChanged.wait_until(lock, Clock::now() + kPatience, [&] { return !mDeathThread.empty(); }));
     return mDeathThread;
 }
 
@@ -77,7 +74,6 @@ sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage) {
 }
 
 StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height) {
-    using android::hardware::camera::device::V3_2::StreamConfigurationMode;
     StreamConfiguration configuration =
         kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
     Stream& stream = configuration.streams[0];
@@ -85,13 +81,13 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width, uint32_t height)
     stream.usage = 0x100000033;
     stream.dataSpace = 77;
     stream.rotation = decltype(stream.rotation)::ROTATION_270;
-    configuration.operationMode = StreamConfigurationMode::VENDOR_MODE_1;
+    configuration.operationMode = decltype(configuration.operationMode)::VENDOR_MODE_1;
     return configuration;
 }
 
-SessionFixture::SessionFixture()
+SessionFixture::SessionFixture(const sp<FDSessionImpl>& tested)
     : buffer(allocate(16, 8)),
-      session(new FDSessionImpl),
+      session(tested),
       client(session->getInterface()),
       callback(new Callback(deliveries)) {
     session->handleSetCallback(callback);

@@ -46,7 +46,6 @@ class Deliveries {
 public:
     struct Delivery {
         CaptureResult result;
-        std::string thread;  ///< name of the calling thread
     };
 
     void add(const hidl_vec<CaptureResult>& results);
@@ -115,7 +114,7 @@ StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t he
 
 class SessionFixture : public testing::Test {
 protected:
-    SessionFixture();
+    explicit SessionFixture(const sp<FDSessionImpl>& tested = new FDSessionImpl);
     ~SessionFixture() override;
 
     /** Configures stream 0 and submits one request with a buffer of its size. */
@@ -130,11 +129,6 @@ protected:
     }
     /** Takes the oldest request and hands its buffer back. */
     void serveOne() { session->sendCaptureResult(resultFor(take())); }
-    /** Submits a request and serves it. */
-    void roundTrip(uint32_t frameNumber) {
-        ASSERT_EQ(submit(frameNumber, 1), 0);
-        serveOne();
-    }
     /** Ends the monitor, so that what a callback's `during` refers to may go. */
     void stop();
     /** From now on the client is inside each call until the lock is let go of. */
