@@ -17,7 +17,7 @@
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
-#include "fault_scenarios.h"
+#include "YUVFile.h"
 #include "frame.h"
 #include "holdings.h"
 #include "host/accepted.h"
@@ -27,6 +27,7 @@
 #include "host/properties.h"
 #include "host/threads.h"
 #include "records.h"
+#include "support/faults.h"
 #include "support/log_lines.h"
 #include "support/spy_mapper.h"
 #include "temporary_folder.h"
@@ -89,7 +90,7 @@ bool waitUntil(Condition holds) {
 
 class Run {
 public:
-    Run(Road road, Effect effect) : mRoad(road), mEffect(effect) {
+    Run(bool isServed, Effect effect) : mIsServed(isServed), mEffect(effect) {
         host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
         std::filesystem::current_path(mFolder.path());
@@ -100,10 +101,10 @@ public:
 
     void go() {
         const kit::Holdings before = kit::Holdings::of();
-        arm();
+        isArmed = true;
         serve();
         live(mEffect == Effect::NONE);
-        heal();
+        isArmed = false;
         if (mClient != nullptr && mEffect <= Effect::REFUSAL && !mClient->ping().isOk())
             fail("the channel was given up");
         serve();
@@ -120,45 +121,34 @@ private:
     /** Begins to serve, where it does not yet. */
     void serve() {
         std::string problem;
-        if (mRoad == Road::SOCKET && mServer == nullptr) {
+        if (mIsServed && mServer == nullptr) {
             asProvider([&]() noexcept {
                 mServer = host::Server::listen(mSocket, mSession->getInterface(), problem);
             });
             if (mServer == nullptr && problem.empty()) fail("it says not why it does not serve");
         }
-        if (mProvider.joinable() && errors("pBuffer") == 0) return;
-        endProviding();
+        if (mSource != nullptr && errors("pBuffer") == 0) return;
+        if (mSource != nullptr) mSource->decStrong(this);  // without a thread it keeps itself
         mLog.clear();
         // Its passes are made here. Its own memory is asked for here, too, and not by the library.
         host::failNextThreadStart();
         // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
         asProvider([this]() noexcept { mSource = new FDSessionTest; });
-        mProvider = std::thread([this] { asProvider([this] { provide(); }); });
-    }
-
-    void endProviding() {
-        if (!mProvider.joinable()) return;
-        mEnd = true;
-        mProvider.join();
-        mEnd = false;
-        mSource->decStrong(this);  // without a thread it keeps itself
     }
 
     void end() {
         mClient.clear();
         mAnswers.clear();
         mServer.reset();
-        endProviding();
+        mSource->decStrong(this);
         mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
     }
 
     /** Fills what the client asks for. */
     void provide() {
-        while (!mEnd) {
-            FDNotifyMsg msg = {};
-            if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
-            mSource->threadLoop();
-        }
+        FDNotifyMsg msg = {};
+        if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
+        mSource->threadLoop();
     }
 
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
@@ -166,8 +156,8 @@ private:
         mWantsAll = wantsAll;
         std::string problem;
         if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
-            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mSocket, problem)
-                                            : mSession->getInterface();
+            mClient =
+                mIsServed ? host::connect<IFDSession>(mSocket, problem) : mSession->getInterface();
         }
         if (mClient == nullptr && wantsAll) fail(problem);
         if (mClient == nullptr) return;
@@ -184,6 +174,7 @@ private:
                     fail("a buffer stays known of a request that was refused");
             }
         }
+        keep(kit::allocate(kSize));
         call([&] { return mClient->setCallback(nullptr); });
     } catch (const Lost&) {
     }
@@ -200,8 +191,11 @@ private:
         const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
-        if (!waitUntil([&] { return mAnswers->came > before || errors(kNotDelivered) > lost; }))
-            fail("neither a frame nor a word of it");
+        const auto isAnswered = [&] {
+            asProvider([this] { provide(); });
+            return mAnswers->came > before || errors(kNotDelivered) > lost;
+        };
+        if (!waitUntil(isAnswered)) fail("neither a frame nor a word of it");
         const bool hasCome = mAnswers->came > before;
         if (hasCome && mAnswers->wasFilled && kit::packed(buffer) == mTurned) return true;
         if (mWantsAll) fail("the frame is not right");
@@ -211,13 +205,27 @@ private:
         return true;
     }
 
+    /** Writes a frame into a file, as a provider may, or is told why not. */
+    void keep(const host::Buffer& buffer) {
+        const auto said = errors();
+        bool isKept = false;
+        asProvider([&] {
+            auto* const handle = const_cast<native_handle_t*>(buffer.handle());  // NOLINT
+            YUVFile file("kept", kSize.width, kSize.height);
+            isKept = file.putFrame(handle) == static_cast<int>(kSize.bytes());
+        });
+        if (isKept) return;
+        if (mWantsAll) fail("a frame is not written");
+        if (errors() == said) fail("nobody was told why a frame is not written");
+    }
+
     /** Whether a call is accepted; what refuses it says why. */
     bool call(const std::function<Return<Status>()>& operation) {
         const auto start = std::chrono::steady_clock::now();
         const auto said = errors();
         Return<Status> answer;
         const auto make = [&] { answer = operation(); };
-        mRoad == Road::SOCKET ? make() : asProvider(make);
+        mIsServed ? make() : asProvider(make);
         if (std::chrono::steady_clock::now() - start > host::kCallPatience + kPatience / 2)
             fail("a call took too long");
         if (host::isAccepted(answer)) return true;
@@ -247,7 +255,7 @@ private:
         return owned;
     }
 
-    const Road mRoad;
+    const bool mIsServed;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
     const std::string mSocket = mFolder / "socket";
@@ -260,8 +268,6 @@ private:
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
     FDSessionTest* mSource = nullptr;
-    std::atomic<bool> mEnd{false};
-    std::thread mProvider;
     sp<IFDSession> mClient;
     sp<Answers> mAnswers;
 };
@@ -275,11 +281,10 @@ sp<Spy> faulty(const sp<Mapper>& real) {
 
 }  // namespace
 
-void runSession(Road road, Effect effect) {
-    const auto mapper3 = faulty<SpyMapper3>(host::realMapper3());
-    const auto mapper2 = faulty<SpyMapper2>(host::realMapper2());
-    const host::ScopedMapper mappers(road == Road::OLD_MAPPER ? nullptr : mapper3, mapper2);
-    Run(road, effect).go();
+void runSession(bool isServed, Effect effect) {
+    const host::ScopedMapper mappers(isServed ? faulty<SpyMapper3>(host::realMapper3()) : nullptr,
+                                     faulty<SpyMapper2>(host::realMapper2()));
+    Run(isServed, effect).go();
 }
 
 }  // namespace faults

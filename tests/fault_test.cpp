@@ -15,7 +15,7 @@ namespace testing_support {
 
 class FaultTest : public testing::TestWithParam<std::string> {};
 
-INSTANTIATE_TEST_SUITE_P(, FaultTest, testing::Values("socket", "direct", "mapper2", "file"),
+INSTANTIATE_TEST_SUITE_P(, FaultTest, testing::Values("socket", "direct"),
                          [](const auto& scenario) { return scenario.param; });
 
 TEST_P(FaultTest, LosesNothingWhateverFails) {
