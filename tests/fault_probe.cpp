@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,59 +26,49 @@ namespace {
 
 using faults::Effect;
 
-/** Errors of a call, each of them by itself. */
+/** Errors of a call, each of them by itself, once or from then on. */
 struct Row {
     const char* call;
-    std::vector<int> errors;
-    bool stays;
     Effect effect;
+    std::vector<int> once;
+    std::vector<int> stays;
 };
 
-constexpr bool kOnce = false;
-constexpr bool kStays = true;
-
 const Row kRows[] = {
-    {"accept4", {EMFILE, ECONNABORTED, EINTR, ENOMEM}, kOnce, Effect::NONE},
-    {"accept4",
-     {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO, ENETDOWN},
-     kStays,
-     Effect::SILENCE},
-    {"bind", {EADDRINUSE}, kOnce, Effect::LOSS},
-    {"chmod", {EPERM}, kOnce, Effect::LOSS},
-    {"eventfd", {EMFILE}, kOnce, Effect::LOSS},
-    {"fcntl", {EMFILE}, kOnce, Effect::REFUSAL},
-    {"fcntl", {EMFILE}, kStays, Effect::REFUSAL},
-    {"fflush", {ENOSPC}, kOnce, Effect::REFUSAL},
-    {"flock", {EWOULDBLOCK, EINTR}, kOnce, Effect::NONE},
-    {"fopen", {EMFILE}, kOnce, Effect::REFUSAL},
-    {"fread", {EIO}, kStays, Effect::REFUSAL},
-    {"fseek", {ESPIPE}, kOnce, Effect::REFUSAL},
-    {"fwrite", {ENOSPC}, kOnce, Effect::REFUSAL},
-    {"getsockopt", {ENOBUFS}, kOnce, Effect::LOSS},
-    {"gettimeofday", {3600}, kStays, Effect::REFUSAL},
-    {"gettimeofday", {-3600}, kStays, Effect::NONE},
-    {"listen", {EADDRINUSE}, kOnce, Effect::LOSS},
+    {"accept4", Effect::NONE, {EMFILE, ECONNABORTED, EINTR, ENOMEM}, {}},
+    {"accept4", Effect::SILENCE, {}, {EMFILE, ENFILE, ENOBUFS, ENOMEM, EPERM, EPROTO, ENETDOWN}},
+    {"bind", Effect::LOSS, {EADDRINUSE}, {}},
 #ifdef FAULTS_OF_MEMORY
-    {"malloc", {ENOMEM}, kOnce, Effect::END},
-    {"malloc", {ENOMEM}, kStays, Effect::END},
-    {"mmap", {ENOMEM}, kStays, Effect::REFUSAL},
+    {"calloc", Effect::LOSS, {ENOMEM}, {ENOMEM}},  // of a file's frame, and for a thread
+    {"malloc", Effect::END, {ENOMEM}, {ENOMEM}},
+    {"mmap", Effect::REFUSAL, {}, {ENOMEM}},
 #endif
-    {"mapper", {2, 5, -1}, kOnce, Effect::REFUSAL},
-    {"mapper", {5, -1}, kStays, Effect::REFUSAL},
-    {"poll", {EINTR}, kOnce, Effect::NONE},
-    {"poll", {ENOMEM}, kOnce, Effect::LOSS},
-    {"pthread_cond_timedwait", {EINTR, ETIMEDOUT, 3600}, kOnce, Effect::NONE},
-    {"pthread_create", {EAGAIN}, kOnce, Effect::LOSS},
-    {"pthread_create", {EAGAIN}, kStays, Effect::LOSS},
-    {"readlink", {EACCES}, kOnce, Effect::REFUSAL},
-    {"recvmsg", {EINTR, EAGAIN}, kOnce, Effect::NONE},
-    {"recvmsg", {ENOMEM, ECONNRESET}, kOnce, Effect::LOSS},
-    {"sendmsg", {EINTR, EAGAIN}, kOnce, Effect::NONE},
-    {"sendmsg", {ENOBUFS, EPIPE}, kOnce, Effect::LOSS},
-    {"sendmsg", {ETOOMANYREFS}, kStays, Effect::LOSS},
-    {"setsockopt", {ENOBUFS}, kOnce, Effect::NONE},
-    {"socket", {EMFILE}, kOnce, Effect::LOSS},
-    {"statx", {ENOMEM}, kOnce, Effect::REFUSAL},
+    {"chmod", Effect::LOSS, {EPERM}, {}},
+    {"eventfd", Effect::LOSS, {EMFILE}, {}},
+    {"fcntl", Effect::REFUSAL, {EMFILE}, {EMFILE}},
+    {"fflush", Effect::REFUSAL, {ENOSPC}, {}},
+    {"flock", Effect::NONE, {EWOULDBLOCK, EINTR}, {}},
+    {"fopen", Effect::REFUSAL, {EMFILE}, {}},
+    {"fread", Effect::REFUSAL, {}, {EIO}},
+    {"fseek", Effect::REFUSAL, {ESPIPE}, {}},
+    {"fwrite", Effect::REFUSAL, {ENOSPC}, {}},
+    {"getsockopt", Effect::LOSS, {ENOBUFS}, {}},
+    {"gettimeofday", Effect::REFUSAL, {}, {3600}},
+    {"gettimeofday", Effect::NONE, {}, {-3600}},
+    {"listen", Effect::LOSS, {EADDRINUSE}, {}},
+    {"mapper", Effect::REFUSAL, {2, 5, -1}, {5, -1}},
+    {"poll", Effect::NONE, {EINTR}, {}},
+    {"poll", Effect::LOSS, {ENOMEM}, {}},
+    {"pthread_cond_timedwait", Effect::NONE, {EINTR, ETIMEDOUT, 3600}, {}},
+    {"pthread_create", Effect::LOSS, {EAGAIN}, {EAGAIN}},
+    {"readlink", Effect::REFUSAL, {EACCES}, {}},
+    {"recvmsg", Effect::NONE, {EINTR, EAGAIN}, {}},
+    {"recvmsg", Effect::LOSS, {ENOMEM, ECONNRESET}, {}},
+    {"sendmsg", Effect::NONE, {EINTR, EAGAIN}, {}},
+    {"sendmsg", Effect::LOSS, {ENOBUFS, EPIPE}, {ETOOMANYREFS}},
+    {"setsockopt", Effect::NONE, {ENOBUFS}, {}},
+    {"socket", Effect::LOSS, {EMFILE}, {}},
+    {"statx", Effect::REFUSAL, {ENOMEM}, {}},
 };
 
 constexpr int kUnreached = 10;
@@ -94,33 +85,29 @@ pid_t start(bool isServed, Effect effect, const faults::Fault& fault) {
     exit(faults::calls >= fault.n ? 0 : kUnreached);
 }
 
-int endOf(pid_t child, Effect effect) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    if (WIFEXITED(status)) return WEXITSTATUS(status);
-    return effect == Effect::END && WTERMSIG(status) == SIGABRT ? 0 : -WTERMSIG(status);
-}
-
 /** How many calls were made to fail. Ends the program when something does not hold. */
-int runAll(bool isServed, const Row& row, int error, int step) {
+int runAll(bool isServed, const Row& row, bool stays, int error, int step) {
     constexpr int kAtOnce = 4;  // they wait more than they work
     int reached = 0;
     for (int tried = 0; reached == tried; tried += kAtOnce) {
-        const auto callOf = [&](int i) { return 1 + (tried + i) * step; };
-        pid_t children[kAtOnce];
-        for (int i = 0; i < kAtOnce; ++i)
-            children[i] = start(isServed, row.effect, {row.call, error, row.stays, callOf(i)});
-        bool hasHeld = true;
+        std::map<pid_t, int> children;
         for (int i = 0; i < kAtOnce; ++i) {
-            const int end = endOf(children[i], row.effect);
-            if (end != kUnreached) ++reached;
-            if (end == kUnreached || end == 0) continue;
-            printf("call %d of %s, with %d%s: ended with %d\n", callOf(i), row.call, error,
-                   row.stays ? " from then on" : "", end);
-            hasHeld = false;
+            const int call = 1 + (tried + i) * step;
+            children[start(isServed, row.effect, {row.call, error, stays, call})] = call;
         }
-        if (!hasHeld) exit(1);
+        for (const auto& [child, call] : children) {
+            int status = -1;
+            waitpid(child, &status, 0);
+            if (status == W_EXITCODE(kUnreached, 0)) continue;
+            ++reached;
+            if (status == 0 || (row.effect == Effect::END && WTERMSIG(status) == SIGABRT)) continue;
+            printf("call %d of %s, with %d%s: ended with %#x\n", call, row.call, error,
+                   stays ? " from then on" : "", static_cast<unsigned>(status));
+            exit(1);
+        }
     }
+    if (reached > 0) printf("%s %d: %d\n", row.call, error, reached);
+    if (reached == 0 && isServed) faults::fail(row.call + std::string(" is not called any more"));
     return reached;
 }
 
@@ -140,12 +127,9 @@ int main(int argc, char** argv) {
     int tried = 0;
     for (const Row& row : kRows) {
         if (argc == 4 && strcmp(argv[3], row.call) != 0) continue;
-        for (const int error : row.errors) {
-            const int calls = runAll(isServed, row, error, step);
-            if (calls > 0) printf("%s %d: %d\n", row.call, error, calls);
-            if (calls == 0 && isServed)
-                faults::fail(row.call + std::string(" is not called any more"));
-            tried += calls;
+        for (const bool stays : {false, true}) {
+            for (const int error : stays ? row.stays : row.once)
+                tried += runAll(isServed, row, stays, error, step);
         }
     }
     printf("%d faults, one at a time\n", tried);

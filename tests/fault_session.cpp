@@ -2,7 +2,6 @@
 // client again, unless its channel was given up, and another one.
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,10 +12,10 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
+#include "TestInput.h"
 #include "YUVFile.h"
 #include "frame.h"
 #include "holdings.h"
@@ -38,54 +37,43 @@ namespace {
 
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
-using android::hardware::hidl_handle;
 using android::hardware::hidl_vec;
 using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
-using testing_support::LogLines;
-using testing_support::SpyMapper2;
-using testing_support::SpyMapper3;
 
 /** The client's channel is gone. */
 struct Lost {};
 
 constexpr kit::FrameSize kSize = {64, 32};
 constexpr std::chrono::seconds kPatience(10);
-constexpr const char* kClip = "fd_stream_subst_nv12.yuv";
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
 
-/** Remembers what a client is told, and looks for what is missing. Allocates nothing, because the
- * session calls it on its own thread in one process. */
+/** Remembers what a client is told. Allocates nothing, because the session calls it on its own
+ * thread in one process. */
 struct Answers : public IFDSessionCallback {
-    explicit Answers(uint64_t id) : mFirstId(id) {}
-
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         const auto& output = results[0].outputBuffers[0];
         // One that was asked for earlier may still come: it is not ours.
-        if (output.bufferId < mFirstId) return {};
+        if (output.bufferId < id) return {};
+        const bool isWhole = output.buffer != nullptr && output.acquireFence != nullptr;
+        if (output.status == BufferStatus::OK && !isWhole) fail("a filled frame lacks a handle");
         wasFilled = output.status == BufferStatus::OK;
-        if (wasFilled && (output.buffer == nullptr || output.acquireFence == nullptr))
-            fail("a filled frame lacks a handle");
         ++came;
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
 
+    std::atomic<uint64_t> id{0};
     std::atomic<bool> wasFilled{false};
     std::atomic<int> came{0};
-
-private:
-    const uint64_t mFirstId;
 };
 
 template <typename Condition>
 bool waitUntil(Condition holds) {
     const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
+    while (!holds() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
+    return holds();
 }
 
 class Run {
@@ -94,9 +82,10 @@ public:
         host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
         std::filesystem::current_path(mFolder.path());
-        std::ofstream(kClip).write(reinterpret_cast<const char*>(mFrame.data()),
-                                   static_cast<std::streamsize>(mFrame.size()));
-        std::filesystem::resize_file(kClip, kit::kFrameBytes);
+        std::ofstream(kTestInput)
+            .write(reinterpret_cast<const char*>(mFrame.data()),
+                   static_cast<std::streamsize>(mFrame.size()));
+        std::filesystem::resize_file(kTestInput, kit::kFrameBytes);
     }
 
     void go() {
@@ -111,14 +100,17 @@ public:
         live(true);
         mClient.clear();
         live(true);
-        end();
-        kit::Holdings after;
-        if (!waitUntil([&] { return (after = kit::Holdings::of()) == before; }))
-            fail(after.differenceFrom(before));
+        mClient.clear();
+        mAnswers.clear();
+        mServer.reset();
+        mSource->decStrong(this);
+        mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
+        if (!waitUntil([&] { return kit::Holdings::of() == before; }))
+            fail(kit::Holdings::of().differenceFrom(before));
     }
 
 private:
-    /** Begins to serve, where it does not yet. */
+    /** Begins to serve and to fill, where it does not yet, or cannot. */
     void serve() {
         std::string problem;
         if (mIsServed && mServer == nullptr) {
@@ -136,41 +128,25 @@ private:
         asProvider([this]() noexcept { mSource = new FDSessionTest; });
     }
 
-    void end() {
-        mClient.clear();
-        mAnswers.clear();
-        mServer.reset();
-        mSource->decStrong(this);
-        mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
-    }
-
-    /** Fills what the client asks for. */
-    void provide() {
-        FDNotifyMsg msg = {};
-        if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
-        mSource->threadLoop();
-    }
-
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
     void live(bool wantsAll) try {
         mWantsAll = wantsAll;
         std::string problem;
-        if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
+        if (mClient == nullptr || (wantsAll && !mClient->ping().isOk()))
             mClient =
                 mIsServed ? host::connect<IFDSession>(mSocket, problem) : mSession->getInterface();
-        }
         if (mClient == nullptr && wantsAll) fail(problem);
         if (mClient == nullptr) return;
-        mAnswers = new Answers(mNextId);
+        mAnswers = new Answers;
         if (!call([&] { return mClient->setCallback(mAnswers); })) return;
+        const auto streams = kit::configurationOf(kSize);
         for (int configuration = 0; configuration < 2; ++configuration) {
-            const auto streams = kit::configurationOf(kSize);
             if (!call([&] { return mClient->configure(streams); })) return;
             for (int i = 0; i < 2; ++i) {
-                const uint64_t id = mNextId++;
                 const host::Buffer buffer = kit::allocate(kSize);
-                const bool isKnown = ask(id, buffer, buffer.handle());
-                if (ask(id, buffer, nullptr) && !isKnown)
+                ++mId;
+                const bool isKnown = ask(buffer, buffer.handle());
+                if (ask(buffer, nullptr) && !isKnown)
                     fail("a buffer stays known of a request that was refused");
             }
         }
@@ -180,43 +156,56 @@ private:
     }
 
     /** Whether a request is accepted; it then has a frame, or a word of it. */
-    bool ask(uint64_t id, const host::Buffer& buffer, const native_handle_t* handle) {
+    bool ask(const host::Buffer& buffer, const native_handle_t* handle) {
         std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0});
-        CaptureRequest request = kit::requestFor(1, id, handle);
-        request.outputBuffers[0].acquireFence = mFence;
-        request.outputBuffers[0].releaseFence = mFence;
+        CaptureRequest request = kit::requestFor(1, mAnswers->id = mId, handle);
         request.inputBuffer.streamId = 7;
-        request.inputBuffer.acquireFence = mFence;
+        for (auto* const fence :
+             {&request.outputBuffers[0].acquireFence, &request.outputBuffers[0].releaseFence,
+              &request.inputBuffer.acquireFence}) {
+            native_handle_t* const two = native_handle_create(2, 0);
+            std::generate_n(two->data, 2, [] { return eventfd(0, EFD_CLOEXEC); });
+            fence->setTo(two, true);
+        }
         const int before = mAnswers->came;
         const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
         const auto isAnswered = [&] {
-            asProvider([this] { provide(); });
             return mAnswers->came > before || errors(kNotDelivered) > lost;
         };
-        if (!waitUntil(isAnswered)) fail("neither a frame nor a word of it");
-        const bool hasCome = mAnswers->came > before;
-        if (hasCome && mAnswers->wasFilled && kit::packed(buffer) == mTurned) return true;
+        if (!waitUntil([&] { return provide(), isAnswered(); }))
+            fail("neither a frame nor a word of it");
+        const bool wasFilled = mAnswers->came > before && mAnswers->wasFilled;
+        if (wasFilled && kit::packed(buffer) == mTurned) return true;
         if (mWantsAll) fail("the frame is not right");
-        if (errors() == said && !(hasCome && !mAnswers->wasFilled))
+        if (errors() == said && (wasFilled || mAnswers->came == before))
             fail("the frame is wrong, and nobody was told");
         if (mEffect == Effect::LOSS) throw Lost{};
         return true;
     }
 
+    /** Fills what the client asks for. */
+    void provide() {
+        asProvider([this] {
+            if (mSession->isCaptureRequestReady()) {
+                FDNotifyMsg msg = {};
+                mSession->sendNotify(msg);
+            }
+            mSource->threadLoop();
+        });
+    }
+
     /** Writes a frame into a file, as a provider may, or is told why not. */
     void keep(const host::Buffer& buffer) {
         const auto said = errors();
-        bool isKept = false;
+        int written = 0;
         asProvider([&] {
             auto* const handle = const_cast<native_handle_t*>(buffer.handle());  // NOLINT
-            YUVFile file("kept", kSize.width, kSize.height);
-            isKept = file.putFrame(handle) == static_cast<int>(kSize.bytes());
+            written = YUVFile("kept", kSize.width, kSize.height).putFrame(handle);
         });
-        if (isKept) return;
-        if (mWantsAll) fail("a frame is not written");
-        if (errors() == said) fail("nobody was told why a frame is not written");
+        if (written == static_cast<int>(kSize.bytes())) return;
+        if (mWantsAll || errors() == said) fail("a frame is not written, or nobody is told why");
     }
 
     /** Whether a call is accepted; what refuses it says why. */
@@ -246,25 +235,15 @@ private:
         });
     }
 
-    static hidl_handle fence() {
-        native_handle_t* const handle = native_handle_create(2, 0);
-        for (int i = 0; i < 2; ++i)
-            handle->data[i] = eventfd(0, EFD_CLOEXEC);
-        hidl_handle owned;
-        owned.setTo(handle, true);
-        return owned;
-    }
-
     const bool mIsServed;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
     const std::string mSocket = mFolder / "socket";
     const kit::Frame mFrame = kit::patternOf(kSize);
     const kit::Frame mTurned = kit::turnedBy180(mFrame, kSize);
-    uint64_t mNextId = 1;
+    uint64_t mId = 0;
     bool mWantsAll = false;
-    const hidl_handle mFence = fence();
-    LogLines mLog;
+    testing_support::LogLines mLog;
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
     FDSessionTest* mSource = nullptr;
@@ -272,18 +251,14 @@ private:
     sp<Answers> mAnswers;
 };
 
-template <typename Spy, typename Mapper>
-sp<Spy> faulty(const sp<Mapper>& real) {
-    sp<Spy> spy = new Spy(real);
-    spy->fault = [] { return errorOf("mapper"); };
-    return spy;
-}
-
 }  // namespace
 
 void runSession(bool isServed, Effect effect) {
-    const host::ScopedMapper mappers(isServed ? faulty<SpyMapper3>(host::realMapper3()) : nullptr,
-                                     faulty<SpyMapper2>(host::realMapper2()));
+    using namespace testing_support;  // NOLINT
+    const sp<SpyMapper3> mapper3 = new SpyMapper3(host::realMapper3());
+    const sp<SpyMapper2> mapper2 = new SpyMapper2(host::realMapper2());
+    mapper3->fault = mapper2->fault = [] { return errorOf("mapper"); };
+    const host::ScopedMapper mappers(isServed ? mapper3 : nullptr, mapper2);
     Run(isServed, effect).go();
 }
 

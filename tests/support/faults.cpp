@@ -87,15 +87,8 @@ FAILING(int, statx, (int a, const char* b, int c, unsigned d, struct statx* e), 
 #ifdef FAULTS_OF_MEMORY  // a sanitizer has its own mmap, and its own memory
 FAILING(void*, mmap, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
         MAP_FAILED)
-
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void* malloc(size_t size) {
-    return faults::errorOf("malloc") != 0 ? nullptr : __libc_malloc(size);
-}
-extern "C" void* __libc_calloc(size_t count, size_t size);
-extern "C" void* calloc(size_t count, size_t size) {
-    return faults::errorOf("malloc") != 0 ? nullptr : __libc_calloc(count, size);
-}
+FAILING(void*, malloc, (size_t a), (a), nullptr)
+FAILING(void*, calloc, (size_t a, size_t b), (a, b), nullptr)
 #endif
 
 extern "C" int fcntl(int fd, int command, ...) {
