@@ -1,27 +1,83 @@
-// Unloading and exiting, each batch in a process of its own.
+// Unloading the library, and exiting with a live session, wherever its threads are.
 
-#include <gtest/gtest.h>
+#include <android/log.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <functional>
+#include <optional>
 #include <string>
+#include <thread>
 
+#include "host/log.h"
+#include "host/threads.h"
+#include "support/driven_session.h"
 #include "support/run_shell.h"
 
 namespace testing_support {
 
 namespace {
 
-/** What the probe prints; it must hold. */
-std::string probe(const std::string& mode, const std::string& rounds = "") {
-    SCOPED_TRACE(mode);
-    // A leak checker cannot stop the parent's threads from a forked child, and then sees false
-    // leaks.
-    const std::string options = mode == "fork" ? "ASAN_OPTIONS=detect_leaks=0 " : "";
-    const Output output = runShell(options + "exec " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " +
-                                   mode + " " + rounds);
-    EXPECT_EQ(output.exitCode, 0) << output.text;
-    return output.text;
+using Leave = std::function<void(FDSession&)>;
+
+bool isLeaving = false;
+std::atomic<bool> isWaiting{false};
+
+/** Goes after all that is the library's own, and tells how many of its threads have not ended. */
+[[gnu::init_priority(101)]] const struct AfterTheLibrary {
+    ~AfterTheLibrary() {
+        if (isLeaving) _exit(host::threadCount());
+    }
+} afterTheLibrary;
+
+/** With a request waiting, a buffer known, and a monitor whose next wait begins late, and is ended
+ * by nothing but a wake-up. `inside` runs in the client's callback. */
+void exitAfter(const Leave& leave, const std::function<void()>& inside) {
+    host::setStderrLogPriority(ANDROID_LOG_WARN);
+    isLeaving = true;
+    Deliveries deliveries;
+    std::optional<BeforeWaiting> beforeWaiting;
+    const host::Buffer buffer = allocate(16, 8);
+    auto* const callback = new Callback(deliveries);
+    callback->during = [&] {
+        beforeWaiting.emplace([](timespec& deadline) {
+            isWaiting = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            deadline.tv_sec += 3600;
+        });
+        inside();
+    };
+    FDSession* const session = FDSession::getInstance().get();
+    session->getInterface()->setCallback(callback).isOk();
+    session->getInterface()->configure(configurationOf(0)).isOk();
+    session->getInterface()->processCaptureRequest(requestFor(1, 1, buffer.handle())).isOk();
+    session->sendCaptureResult(resultFor(requestFor(1, 1)));
+    deliveries.waitFor(1);
+    leave(*session);
+    exit(0);
+}
+
+void expectExit(
+    const char* where, int threadsLeft, const std::string& reason, const Leave& leave,
+    const std::function<void()>& inside = [] {}) {
+    SCOPED_TRACE(where);
+    const std::string line =
+        "[^\n]* E " + std::string(kSessionTag) + ": the library goes while " + reason + " \n";
+    EXPECT_EXIT(exitAfter(leave, inside), testing::ExitedWithCode(threadsLeft),
+                "^" + (reason.empty() ? "" : line) + "$");
+}
+
+void exitInside(FDSession& session, void (*operation)(FDSession&)) {
+    Observer observer(session);
+    observer.inside = [] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants the lock
+        exit(0);
+    };
+    session.setSceneCallback(&observer);
+    operation(session);
 }
 
 }  // namespace
@@ -29,27 +85,42 @@ std::string probe(const std::string& mode, const std::string& rounds = "") {
 TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
     // More when the environment asks for it, as the nightly checks do.
     const char* const rounds = getenv("FDSTREAM_UNLOAD_ROUNDS");
-    EXPECT_EQ(probe("unload", rounds != nullptr ? rounds : "450"), "");
+    const Output output = runShell("exec " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " +
+                                   std::string(rounds != nullptr ? rounds : "450"));
+    EXPECT_EQ(output.exitCode, 0);
+    EXPECT_EQ(output.text, "");
 }
 
-TEST(UnloadTest, ExitsInOrderWithALiveSession) {
-    for (const char* mode : {"exit", "exit", "exit", "fork", "inside", "observer", "track", "lost"})
-        EXPECT_EQ(probe(mode), "") << mode;
+TEST(UnloadDeathTest, ExitsInOrderWithALiveSession) {
+    expectExit("at once", 0, "", [](FDSession&) {});
+    expectExit("about to wait", 0, "", [](FDSession&) {
+        while (!isWaiting)
+            std::this_thread::yield();
+    });
+    expectExit("a child that has no monitor", 0, "", [](FDSession&) {
+        int status = W_EXITCODE(1, 0);
+        if (const pid_t child = fork()) waitpid(child, &status, 0);
+        if (status != W_EXITCODE(1, 0)) _exit(2);
+    });
+    expectExit(
+        "on the monitor", 1, "", [](FDSession&) { pause(); }, [] { exit(0); });
+    expectExit("in an operation with the lock", 1, "", [](FDSession& session) {
+        exitInside(session, [](FDSession& own) { own.setSceneControl({}); });
+    });
+    expectExit("in one without", 0, "", [](FDSession& session) {
+        exitInside(session, [](FDSession& own) { own.setTrackControl({}); });
+    });
 }
 
-TEST(UnloadTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
-    // It waits both times: for a callback that never returns, and for a reference that is kept.
-    const char* const reasons[][2] = {{"stuck", "the session's thread is still inside a pass"},
-                                      {"keep", "1 references to the session are held"}};
-    for (const auto& [mode, reason] : reasons) {
-        const std::string text = probe(mode);
-        EXPECT_NE(
-            text.find(" E vendor.zoru.zoruprovider.fdstream@1.0-impl: the library goes while " +
-                      std::string(reason)),
-            std::string::npos)
-            << text;
-        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
-    }
+TEST(UnloadDeathTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
+    expectExit(
+        "stuck", 1, "the session's thread is still inside a pass", [](FDSession&) {},
+        [] {
+            while (true)
+                pause();
+        });
+    expectExit("kept", 0, "1 references to the session are held",
+               [](FDSession& session) { session.incStrong(nullptr); });
 }
 
 }  // namespace testing_support
