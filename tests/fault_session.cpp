@@ -22,13 +22,11 @@
 #include "host/accepted.h"
 #include "host/channel.h"
 #include "host/limits.h"
-#include "host/mapper.h"
 #include "host/properties.h"
 #include "host/threads.h"
 #include "records.h"
 #include "support/faults.h"
 #include "support/log_lines.h"
-#include "support/spy_mapper.h"
 #include "temporary_folder.h"
 
 namespace faults {
@@ -48,8 +46,7 @@ constexpr kit::FrameSize kSize = {64, 32};
 constexpr std::chrono::seconds kPatience(10);
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
 
-/** Remembers what a client is told. Allocates nothing, because the session calls it on its own
- * thread in one process. */
+/** Remembers what a client is told. */
 struct Answers : public IFDSessionCallback {
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         const auto& output = results[0].outputBuffers[0];
@@ -78,7 +75,7 @@ bool waitUntil(Condition holds) {
 
 class Run {
 public:
-    Run(bool isServed, Effect effect) : mIsServed(isServed), mEffect(effect) {
+    explicit Run(Effect effect) : mEffect(effect) {
         host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
         std::filesystem::current_path(mFolder.path());
@@ -113,7 +110,7 @@ private:
     /** Begins to serve and to fill, where it does not yet, or cannot. */
     void serve() {
         std::string problem;
-        if (mIsServed && mServer == nullptr) {
+        if (mServer == nullptr) {
             asProvider([&]() noexcept {
                 mServer = host::Server::listen(mSocket, mSession->getInterface(), problem);
             });
@@ -133,8 +130,7 @@ private:
         mWantsAll = wantsAll;
         std::string problem;
         if (mClient == nullptr || (wantsAll && !mClient->ping().isOk()))
-            mClient =
-                mIsServed ? host::connect<IFDSession>(mSocket, problem) : mSession->getInterface();
+            mClient = host::connect<IFDSession>(mSocket, problem);
         if (mClient == nullptr && wantsAll) fail(problem);
         if (mClient == nullptr) return;
         mAnswers = new Answers;
@@ -160,13 +156,10 @@ private:
         std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0});
         CaptureRequest request = kit::requestFor(1, mAnswers->id = mId, handle);
         request.inputBuffer.streamId = 7;
-        for (auto* const fence :
-             {&request.outputBuffers[0].acquireFence, &request.outputBuffers[0].releaseFence,
-              &request.inputBuffer.acquireFence}) {
-            native_handle_t* const two = native_handle_create(2, 0);
-            std::generate_n(two->data, 2, [] { return eventfd(0, EFD_CLOEXEC); });
-            fence->setTo(two, true);
-        }
+        native_handle_t* const fence = native_handle_create(2, 0);
+        std::generate_n(fence->data, 2, [] { return eventfd(0, EFD_CLOEXEC); });
+        request.outputBuffers[0].acquireFence.setTo(fence, true);
+        request.inputBuffer.releaseFence = request.outputBuffers[0].acquireFence;
         const int before = mAnswers->came;
         const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
@@ -212,9 +205,7 @@ private:
     bool call(const std::function<Return<Status>()>& operation) {
         const auto start = std::chrono::steady_clock::now();
         const auto said = errors();
-        Return<Status> answer;
-        const auto make = [&] { answer = operation(); };
-        mIsServed ? make() : asProvider(make);
+        const Return<Status> answer = operation();
         if (std::chrono::steady_clock::now() - start > host::kCallPatience + kPatience / 2)
             fail("a call took too long");
         if (host::isAccepted(answer)) return true;
@@ -235,7 +226,6 @@ private:
         });
     }
 
-    const bool mIsServed;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
     const std::string mSocket = mFolder / "socket";
@@ -253,13 +243,8 @@ private:
 
 }  // namespace
 
-void runSession(bool isServed, Effect effect) {
-    using namespace testing_support;  // NOLINT
-    const sp<SpyMapper3> mapper3 = new SpyMapper3(host::realMapper3());
-    const sp<SpyMapper2> mapper2 = new SpyMapper2(host::realMapper2());
-    mapper3->fault = mapper2->fault = [] { return errorOf("mapper"); };
-    const host::ScopedMapper mappers(isServed ? mapper3 : nullptr, mapper2);
-    Run(isServed, effect).go();
+void runSession(Effect effect) {
+    Run(effect).go();
 }
 
 }  // namespace faults

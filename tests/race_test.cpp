@@ -22,7 +22,6 @@
 
 #include "host/log.h"
 #include "host/properties.h"
-#include "session_control.h"
 #include "support/driven_session.h"
 #include "support/spy_mapper.h"
 
@@ -129,17 +128,11 @@ TEST_F(RaceTest, RunsEachOperationAgainstEachOtherAndAllAtOnce) {
     race({operations.begin(), operations.end()}, 300);
 }
 
-TEST_F(RaceTest, StampsARequestWhenItHasTheLock) {
+TEST_F(RaceTest, StampsARequestAtItsEnd) {
     configure();
-    session->setSceneCallback(&observer);
     clock.stopAt(1000000);
-    std::optional<Meanwhile> submitting;
-    observer.inside = [&] {
-        submitting.emplace([this] { submit(1, 1); }, Other::WAITS);
-        clock.stopAt(3000000);
-    };
-    session->setSceneControl({});
-    submitting.reset();
+    sessionMapper().during = [this] { clock.stopAt(3000000); };
+    submit(1, 1);
     for (const size_t expected : {0U, 1U}) {
         pass();
         EXPECT_EQ(deliveries.count(), expected);
@@ -250,20 +243,6 @@ TEST_F(RaceTest, LetsGoOfAnObserverOnlyWhenNoCallIsInsideOrAboutToBe) {
     }
 }
 
-TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
-    const sp<control::SessionControl> controls = new control::SessionControl(session, {});
-    EXPECT_EQ(controls->startFollowing(), control::Answer::OK);
-    std::optional<Meanwhile> off;
-    afterUnlock = [&] {  // when the step has looked at the mode
-        off.emplace([&] { static_cast<void>(controls->setMode(TrackingMode::OFF).isOk()); },
-                    Other::WAITS);
-    };
-    EXPECT_EQ(controls->follow(sceneOf(1), sceneOf(2)), control::Answer::OK);
-    off.reset();
-    SceneControl view = {};
-    session->getPTZControl(view);
-    EXPECT_EQ(view.crops.size(), 1U);
-}
 #endif
 
 }  // namespace testing_support

@@ -12,7 +12,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -32,9 +31,6 @@ namespace {
 
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
-using android::hardware::hidl_vec;
-
-std::atomic<pid_t> diedOn{0};
 
 void require(bool held, const char* what) {
     if (held) return;
@@ -42,20 +38,12 @@ void require(bool held, const char* what) {
     _exit(1);
 }
 
-/** Its end shows on which thread the session went. */
-struct Callback : public IFDSessionCallback {
-    ~Callback() override { diedOn = gettid(); }
-    Return<void> processCaptureResult(const hidl_vec<CaptureResult>&) override { return {}; }
-    Return<void> notify(const hidl_vec<FDNotifyMsg>&) override { return {}; }
-};
-
 /** From several threads, each with references of its own, until a moment before the end; leaves
  * requests waiting and buffers known. */
 void use(const sp<FDSession>& session) {
     constexpr kit::FrameSize kSize = {16, 8};
     const host::Buffer buffer = kit::allocate(kSize);
     const sp<IFDSession> client = session->getInterface();
-    require(client->setCallback(new Callback).isOk(), "setCallback failed");
     require(host::isAccepted(client->configure(kit::configurationOf(kSize))), "configure failed");
     std::vector<std::thread> threads(3);
     for (std::thread& thread : threads) {
@@ -89,16 +77,17 @@ void loadUseAndUnload(const char* library) {
                               "_ZN6vendor4zoru12zoruprovider8fdstream4V1_014implementation"
                               "9FDSession11getInstanceEv");
     require(entry != nullptr, "getInstance is not exported");
-    use(reinterpret_cast<sp<FDSession> (*)()>(entry)());
+    sp<FDSession> session = reinterpret_cast<sp<FDSession> (*)()>(entry)();
+    const android::wp<FDSession> weak(session);
+    use(session);
+    session.clear();
     waitAMoment();
     Dl_info where = {};
     require(dladdr(entry, &where) != 0, "the library is not mapped");
-    require(diedOn == 0, "the session went before the library");
+    require(weak.promote() != nullptr, "the session went before the library");
     require(dlclose(handle) == 0, "dlclose failed");
-    require(dlopen(library, RTLD_NOW | RTLD_NOLOAD) == nullptr,
-            "the library is still in the loader's list");
     require(host::threadCount() == 0, "a thread is left");
-    require(diedOn.exchange(0) == gettid(), "the session did not die on the unloading thread");
+    require(weak.promote() == nullptr, "the session outlived the library");
     // A library that is loaded again at the same address would hide a late call.
     const void* const reserved = mmap(where.dli_fbase, 1, PROT_NONE,
                                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);

@@ -44,10 +44,7 @@ int errorOf(const char* call);
 /** Ends the process with 1 and a line. */
 [[noreturn]] void fail(const std::string& what);
 
-/**
- * A client's life, first with the fault and then without, over a socket with mapper 3.0, or in one
- * process with 2.0. Fails when something does not hold.
- */
-void runSession(bool isServed, Effect effect);
+/** A client's life, first with the fault and then without. Fails when something does not hold. */
+void runSession(Effect effect);
 
 }  // namespace faults

@@ -1,4 +1,5 @@
-// Unloading the library, and exiting with a live session, wherever its threads are.
+// What takes a process of its own: unloading the library, exiting with a live session wherever its
+// threads are, and calls that fail, each of them in one.
 
 #include <android/log.h>
 #include <sys/wait.h>
@@ -6,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <optional>
@@ -16,6 +18,7 @@
 #include "host/threads.h"
 #include "support/driven_session.h"
 #include "support/run_shell.h"
+#include "support/slow.h"
 
 namespace testing_support {
 
@@ -70,16 +73,6 @@ void expectExit(
                 "^" + (reason.empty() ? "" : line) + "$");
 }
 
-void exitInside(FDSession& session, void (*operation)(FDSession&)) {
-    Observer observer(session);
-    observer.inside = [] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants the lock
-        exit(0);
-    };
-    session.setSceneCallback(&observer);
-    operation(session);
-}
-
 }  // namespace
 
 TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
@@ -105,10 +98,13 @@ TEST(UnloadDeathTest, ExitsInOrderWithALiveSession) {
     expectExit(
         "on the monitor", 1, "", [](FDSession&) { pause(); }, [] { exit(0); });
     expectExit("in an operation with the lock", 1, "", [](FDSession& session) {
-        exitInside(session, [](FDSession& own) { own.setSceneControl({}); });
-    });
-    expectExit("in one without", 0, "", [](FDSession& session) {
-        exitInside(session, [](FDSession& own) { own.setTrackControl({}); });
+        Observer observer(session);
+        observer.inside = [] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants it
+            exit(0);
+        };
+        session.setSceneCallback(&observer);
+        session.setSceneControl({});
     });
 }
 
@@ -121,6 +117,15 @@ TEST(UnloadDeathTest, WaitsTwoSecondsAtMostAndSaysForWhat) {
         });
     expectExit("kept", 0, "1 references to the session are held",
                [](FDSession& session) { session.incStrong(nullptr); });
+}
+
+// Takes its time, because those are many hundreds; in a sanitizer's build, where a process takes
+// longer, it is every fifth call.
+TEST(FaultTest, LosesNothingWhateverFails) {
+    const auto probe = startShell("exec " FAULT_PROBE + std::string(isSlow() ? " 5" : ""));
+    const std::string text = probe->rest(std::chrono::seconds(isSlow() ? 290 : 110));
+    EXPECT_EQ(probe->exitCode(kPatience), 0) << text;
+    printf("%s", text.substr(text.rfind('\n', text.size() - 2) + 1).c_str());
 }
 
 }  // namespace testing_support
