@@ -79,9 +79,7 @@ public:
         host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
         std::filesystem::current_path(mFolder.path());
-        std::ofstream(kTestInput)
-            .write(reinterpret_cast<const char*>(mFrame.data()),
-                   static_cast<std::streamsize>(mFrame.size()));
+        std::ofstream(kTestInput) << std::string(mFrame.begin(), mFrame.end());
         std::filesystem::resize_file(kTestInput, kit::kFrameBytes);
     }
 

@@ -4,7 +4,6 @@
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <utils/Thread.h>
 
 #include <atomic>
 #include <chrono>
@@ -36,11 +35,6 @@ namespace testing_support {
 namespace {
 
 constexpr size_t kRounds = 300;
-
-struct Ending : public android::Thread {
-    using Thread::run;
-    bool threadLoop() override { return false; }
-};
 
 /** Says that it was told without giving the other threads an order. */
 struct Recipient : public android::hardware::hidl_death_recipient {
@@ -104,18 +98,6 @@ TEST(LockTest, IsKeptByTheMappers) {
     mapper.free(known);
 }
 
-TEST(LockTest, IsKeptByAThread) {
-    const sp<Ending> thread = new Ending;
-    const auto run = [&](size_t) {
-        while (thread->run("ending") != android::NO_ERROR)
-            std::this_thread::yield();
-    };
-    const auto join = [&](size_t) { thread->join(); };
-    race({{"run", run}, {"another run", run}, {"join", join}, {"another join", join}},
-         kRounds / 10);
-    thread->join();
-}
-
 TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
     const auto close = [](size_t) { host::detail::closeLater(host::UniqueFd(dup(STDERR_FILENO))); };
     const sp<host::IBase> object = new host::IBase;
@@ -161,39 +143,30 @@ TEST(LockTest, IsKeptByTheSlotsForConnections) {
     other.emplace([&] { serve(0); }, Other::WAITS);
 }
 
-TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
-    struct Link {
-        std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
-        host::CallChannel channel{std::move(ends.first)};
-        // Handed over as it is: a copy's count would order the threads.
-        Recipient* told = new Recipient;
-        const sp<android::hardware::hidl_death_recipient> recipient = told;
-    };
-    std::vector<Link> links(20);
-    for (Link& each : links)
-        each.channel.linkToDeath(each.recipient, 0, nullptr);
-    Link first;
-    const auto link = [&](size_t) { first.channel.linkToDeath(first.recipient, 0, nullptr); };
-    const auto unlink = [&](size_t) {
-        while (!first.channel.unlinkToDeath(first.recipient))
+TEST(LockTest, IsKeptByAChannelWhosePeerHasDied) {
+    auto [one, other] = kit::socketPair();
+    host::CallChannel channel(std::move(one));
+    // Made before, and not copied: their counts would order the threads.
+    std::vector<Recipient*> told(40);
+    std::vector<sp<android::hardware::hidl_death_recipient>> recipients(told.size());
+    for (size_t i = 0; i < told.size(); ++i)
+        recipients[i] = told[i] = new Recipient;
+    const auto link = [&](size_t i) { channel.linkToDeath(recipients[i], 0, nullptr); };
+    const auto unlink = [&](size_t i) {
+        while (!channel.unlinkToDeath(recipients[i]) &&
+               !told[i]->isTold.load(std::memory_order_relaxed))
             std::this_thread::yield();
     };
-    const auto unlinkWhenTold = [&](size_t i) {
-        while (!links[i].told->isTold.load(std::memory_order_relaxed))
-            std::this_thread::yield();
-        EXPECT_FALSE(links[i].channel.unlinkToDeath(links[i].recipient));
-    };
-    const auto call = [&](size_t i) {
-        static_cast<void>(links[i].channel.call(1, {}, [](host::Reader& /*reader*/) {}));
+    const auto call = [&](size_t) {
+        static_cast<void>(channel.call(1, {}, [](host::Reader& /*reader*/) {}));
     };
     race({{"link", link},
-          {"another link", link},
+          {"another link", [&](size_t i) { link(20 + i); }},
           {"unlink", unlink},
-          {"die", [&](size_t i) { links[i].ends.second.reset(); }},
-          {"unlink when told", unlinkWhenTold},
+          {"die", [&, &other = other](size_t) { other.reset(); }},
           {"call", call},
           {"another call", call}},
-         links.size());
+         20);
 }
 
 TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {

@@ -30,18 +30,14 @@ using android::wp;
 namespace {
 
 /** Runs `body` in each pass. */
-class LoopThread : public android::Thread {
-public:
-    explicit LoopThread(std::function<bool(LoopThread&)> body) : mBody(std::move(body)) {}
+struct LoopThread : public android::Thread {
+    explicit LoopThread(std::function<bool(LoopThread&)> inEach) : body(std::move(inEach)) {}
     using Thread::exitPending;
     android::status_t readyToRun() override { return readiness; }
+    bool threadLoop() override { return body(*this); }
 
+    const std::function<bool(LoopThread&)> body;
     android::status_t readiness = android::NO_ERROR;
-
-private:
-    bool threadLoop() override { return mBody(*this); }
-
-    const std::function<bool(LoopThread&)> mBody;
 };
 
 void print(int priority, const char* text) {
@@ -51,11 +47,10 @@ void print(int priority, const char* text) {
 /** Whether lines to a pipe that is full are dropped, and counted before the next. */
 bool dropsLinesOfAFullPipe() {
     int ends[2];
-    if (pipe2(ends, O_NONBLOCK) != 0) return false;
-    dup2(ends[1], STDERR_FILENO);
     std::array<char, 1 << 16> bytes = {};
-    while (write(STDERR_FILENO, bytes.data(), bytes.size()) > 0) {
-    }
+    if (pipe2(ends, O_NONBLOCK) != 0 || write(ends[1], bytes.data(), bytes.size()) < 0)
+        return false;
+    dup2(ends[1], STDERR_FILENO);
     host::setStderrLogPriority(ANDROID_LOG_INFO);
     print(ANDROID_LOG_INFO, "lost");
     print(ANDROID_LOG_INFO, "lost");
@@ -70,15 +65,13 @@ bool dropsLinesOfAFullPipe() {
 int alive = 0;
 
 struct Counted : public android::RefBase {
-    explicit Counted(int32_t mode = OBJECT_LIFETIME_STRONG) {
-        ++alive;
-        extendObjectLifetime(mode);
-    }
+    Counted() { ++alive; }
     ~Counted() override {
         --alive;
         EXPECT_TRUE(holder == nullptr || holder->get() == this);
     }
     void onFirstRef() override { countAtFirstRef = getStrongCount(); }
+    void liveWithWeak() { extendObjectLifetime(OBJECT_LIFETIME_WEAK); }
 
     int32_t countAtFirstRef = 0;
     sp<Counted>* holder = nullptr;  ///< shows it until it is gone
@@ -122,7 +115,7 @@ TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
     };
     EXPECT_DEATH(
         race({{"stuck", stop}, {"quick", [](size_t) {}}}, 5, std::chrono::milliseconds(500)),
-        "watchdog ends .*: stuck in round 3; quick ended; ");
+        "watchdog ends .*: stuck after 3; quick after 5; ");
 }
 
 TEST(LeakCheckTest, CatchesADescriptorAThreadAndAMapping) {
@@ -164,6 +157,17 @@ TEST(ThreadTest, RunsStopsAndRunsAgain) {
     EXPECT_FALSE(thread->exitPending());
 }
 
+TEST(ThreadTest, MayBeRunAndJoinedByAllThreadsAtOnce) {
+    const sp<LoopThread> thread = new LoopThread([](LoopThread&) { return false; });
+    const auto run = [&](size_t) {
+        while (thread->run("ending") != android::NO_ERROR)
+            std::this_thread::yield();
+    };
+    const auto join = [&](size_t) { thread->join(); };
+    race({{"run", run}, {"another run", run}, {"join", join}, {"another join", join}}, 30);
+    thread->join();
+}
+
 TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
     const LogLines log;
     const sp<LoopThread> thread = new LoopThread([](LoopThread& own) {
@@ -196,23 +200,22 @@ TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
     EXPECT_EQ(strong->getStrongCount(), 1);
 
     // Each way of replacing an object lets go of it before it shows the other one.
-    using Held = sp<Counted>;
-    const std::function<void(Held&)> ways[] = {
-        [](Held& own) { own = new Counted; },
-        [](Held& own) { own = static_cast<const Held&>(Held(new Counted)); },
-        [](Held& own) { own = Held(new Counted); }, [](Held& own) { own.clear(); }};
-    for (const auto& replace : ways) {
+    for (const int way : {0, 1, 2, 3}) {
         strong->holder = &strong;
-        replace(strong);
-        EXPECT_EQ(alive, strong == nullptr ? 0 : 1);
+        other = new Counted;
+        if (way == 0) strong = other;
+        if (way == 1) strong = other.get();
+        if (way == 2) strong = std::move(other);
+        if (way == 3) strong.clear();
+        other.clear();
+        EXPECT_EQ(alive, way == 3 ? 0 : 1);
     }
     strong = new Counted;
+    strong->liveWithWeak();
     sp<Counted>& same = strong;
     strong = same;
     strong = std::move(same);
     EXPECT_EQ(strong->getStrongCount(), 1);
-
-    strong = new Counted(1);
     weak = strong;
     strong.clear();
     EXPECT_EQ(alive, 1);  // lives with its weak references

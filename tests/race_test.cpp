@@ -11,7 +11,6 @@
 #include <ctime>
 #include <functional>
 #include <initializer_list>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -52,67 +51,61 @@ namespace testing_support {
 
 namespace {
 
-SceneControl sceneOf(int i) {
+SceneControl sceneOf(size_t i) {
     SceneControl scene = {};
-    scene.crops.resize(static_cast<size_t>(i % 3));
-    scene.peopleCount = i;
+    scene.crops.resize(i % 3);
+    scene.peopleCount = static_cast<int32_t>(i);
     return scene;
-}
-
-uint64_t idOf(int i) {
-    return static_cast<uint64_t>(i % 5);
 }
 
 }  // namespace
 
 class RaceTest : public DrivenSession {
 protected:
-    using Operation = std::function<void(int)>;
-
     static void SetUpTestSuite() { FDSession::getInstance(); }
     ~RaceTest() override { host::clearProperty("vendor.zoru.flipped"); }
 
     template <typename Record, typename Result>
-    Operation get(Result (FDSession::*operation)(Record&)) {
-        return [this, operation](int) {
+    Side::second_type get(Result (FDSession::*operation)(Record&)) {
+        return [this, operation](size_t) {
             Record record = {};
             (session.get()->*operation)(record);
         };
     }
+    /** Whoever has replaced an observer may destroy it at once. */
     void replaceObserver() {
-        // Whoever has replaced an observer may destroy it at once.
         auto next = std::make_unique<Observer>(*session);
         session->setSceneCallback(next.get());
         replaced = std::move(next);
     }
     std::unique_ptr<Observer> replaced;
-    const std::map<std::string, Operation> operations = {
-        {"getInstance", [](int) { FDSession::getInstance(); }},
-        {"getInterface", [this](int) { session->getInterface(); }},
+    const std::vector<Side> operations = {
+        {"getInstance", [](size_t) { FDSession::getInstance(); }},
+        {"getInterface", [this](size_t) { session->getInterface(); }},
         {"setCallback",
-         [this](int i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
-        {"configure", [this](int) { session->handleConfigure(configurationOf(0)); }},
-        {"processCaptureRequest", [this](int i) { submit(1, idOf(i)); }},
-        {"getBufferForId", [this](int i) { session->getBufferForId(idOf(i)); }},
+         [this](size_t i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
+        {"configure", [this](size_t) { session->handleConfigure(configurationOf(0)); }},
+        {"processCaptureRequest", [this](size_t i) { submit(1, i % 5); }},
+        {"getBufferForId", [this](size_t i) { session->getBufferForId(i % 5); }},
         {"getConfiguration", get(&FDSession::getConfiguration)},
         {"getProcessCaptureRequest", get(&FDSession::getProcessCaptureRequest)},
-        {"isCaptureRequestReady", [this](int) { session->isCaptureRequestReady(); }},
+        {"isCaptureRequestReady", [this](size_t) { session->isCaptureRequestReady(); }},
         {"sendNotify", get(&FDSession::sendNotify)},
-        {"sendCaptureResult", [this](int i) { session->sendCaptureResult(resultOf(idOf(i))); }},
-        {"setSceneControl", [this](int i) { session->setSceneControl(sceneOf(i)); }},
+        {"sendCaptureResult", [this](size_t i) { session->sendCaptureResult(resultOf(i % 5)); }},
+        {"setSceneControl", [this](size_t i) { session->setSceneControl(sceneOf(i)); }},
         {"getSceneControl", get(&FDSession::getSceneControl)},
-        {"getPeopleCount", [this](int) { session->getPeopleCount(); }},
+        {"getPeopleCount", [this](size_t) { session->getPeopleCount(); }},
         {"setTrackingMode",
-         [this](int i) { session->setTrackingMode(static_cast<TrackingMode>((i + 1) % 2)); }},
-        {"getTrackingMode", [this](int) { session->getTrackingMode(); }},
-        {"setPTZControl", [this](int i) { session->setPTZControl(sceneOf(i)); }},
+         [this](size_t i) { session->setTrackingMode(static_cast<TrackingMode>((i + 1) % 2)); }},
+        {"getTrackingMode", [this](size_t) { session->getTrackingMode(); }},
+        {"setPTZControl", [this](size_t i) { session->setPTZControl(sceneOf(i)); }},
         {"getPTZControl", get(&FDSession::getPTZControl)},
-        {"resetPTZScene", [this](int) { session->resetPTZScene(); }},
-        {"setTrackControl", [this](int) { session->setTrackControl({}); }},
+        {"resetPTZScene", [this](size_t) { session->resetPTZScene(); }},
+        {"setTrackControl", [this](size_t) { session->setTrackControl({}); }},
         {"getTrackControl", get(&FDSession::getTrackControl)},
-        {"setSceneCallback", [this](int) { replaceObserver(); }},
-        {"pass", [this](int i) {
-             session->sendCaptureResult(resultOf(idOf(i)));
+        {"setSceneCallback", [this](size_t) { replaceObserver(); }},
+        {"pass", [this](size_t i) {
+             session->sendCaptureResult(resultOf(i % 5));
              pass();
          }}};
 };
@@ -121,11 +114,11 @@ TEST_F(RaceTest, RunsEachOperationAgainstEachOtherAndAllAtOnce) {
     configure();
     host::setProperty("vendor.zoru.flipped", "true");
     callback->during = [] { std::this_thread::yield(); };  // on a busy processor, too
-    for (auto one = operations.begin(); one != operations.end(); ++one) {
-        for (auto other = std::next(one); other != operations.end(); ++other)
-            race({*one, *other}, 30);
+    for (size_t i = 0; i < operations.size(); ++i) {
+        for (size_t j = 0; j < i; ++j)
+            race({operations[i], operations[j]}, 30);
     }
-    race({operations.begin(), operations.end()}, 300);
+    race(operations, 300);
 }
 
 TEST_F(RaceTest, StampsARequestAtItsEnd) {
@@ -145,19 +138,16 @@ TEST_F(RaceTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueueOnly
     std::optional<Meanwhile> sender;
     using Clock = std::chrono::system_clock;
     const auto earliest = Clock::now() + std::chrono::milliseconds(50);
-    {
-        const BeforeWaiting look([&](timespec& deadline) {
-            const auto end =
-                Clock::from_time_t(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
-            EXPECT_GE(end, earliest);
-            EXPECT_LE(end, Clock::now() + std::chrono::milliseconds(50));
-            deadline.tv_sec += 3600;  // until it is woken
-            reader.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
-            sender.emplace([this] { session->sendCaptureResult(resultOf(1)); }, Other::WAITS);
-        });
-        where = "the idle wait";
-        session->threadLoop();
-    }
+    const BeforeWaiting look([&](timespec& deadline) {
+        const auto end =
+            Clock::from_time_t(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+        EXPECT_GE(end, earliest);
+        EXPECT_LE(end, Clock::now() + std::chrono::milliseconds(50));
+        deadline.tv_sec += 3600;  // until it is woken
+        reader.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
+        sender.emplace([this] { session->sendCaptureResult(resultOf(1)); }, Other::WAITS);
+    });
+    session->threadLoop();
     EXPECT_EQ(deliveries.count(), 1U);
 }
 

