@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <string>
 #include <vector>
@@ -70,14 +69,13 @@ const Row kRows[] = {
 };
 
 constexpr int kUnreached = 10;
-constexpr unsigned kPatienceSeconds = 30;
 
 /** In a process of its own, without threads of the one that it comes from. */
 pid_t start(Effect effect, const faults::Fault& fault) {
     fflush(stdout);
     const pid_t child = fork();
     if (child != 0) return child;
-    alarm(kPatienceSeconds);
+    alarm(30);
     faults::chosen = fault;
     faults::runSession(effect);
     exit(faults::calls >= fault.n ? 0 : kUnreached);
@@ -122,7 +120,7 @@ int main(int argc, char** argv) {
     const int step = argc > 1 ? atoi(argv[1]) : 1;  // NOLINT(cert-err34-c)
     int tried = 0;
     for (const Row& row : kRows) {
-        if (argc > 2 && strcmp(argv[2], row.call) != 0) continue;
+        if (argc > 2 && argv[2] != std::string(row.call)) continue;
         for (const bool stays : {false, true}) {
             for (const int error : stays ? row.stays : row.once)
                 tried += runAll(row, stays, error, step);

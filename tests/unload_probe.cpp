@@ -8,15 +8,13 @@
 
 #include <android/log.h>
 #include <dlfcn.h>
-#include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-#include <random>
 #include <vector>
 
 #include "FDSession.h"
@@ -59,27 +57,19 @@ void use(const sp<FDSession>& session) {
     }
 }
 
-/** Somewhere in the monitor's pass; now and then long enough for it to lie in its wait. */
-void waitAMoment() {
-    static std::minstd_rand random(static_cast<unsigned>(getpid()));
-    const std::chrono::microseconds moment(random() % (random() % 8 == 0 ? 3000 : 30));
-    const auto end = std::chrono::steady_clock::now() + moment;
-    while (std::chrono::steady_clock::now() < end) {
-    }
-}
-
 void loadUseAndUnload(const char* library) {
     void* const handle = dlopen(library, RTLD_NOW);
-    require(handle != nullptr, "the library cannot be loaded");
     void* const entry = dlsym(handle,
                               "_ZN6vendor4zoru12zoruprovider8fdstream4V1_014implementation"
                               "9FDSession11getInstanceEv");
-    require(entry != nullptr, "getInstance is not exported");
+    require(entry != nullptr, "the library cannot be loaded, or getInstance is not exported");
     sp<FDSession> session = reinterpret_cast<sp<FDSession> (*)()>(entry)();
     const android::wp<FDSession> weak(session);
     use(session);
     session.clear();
-    waitAMoment();
+    // Somewhere in the monitor's pass; now and then long enough for it to lie in its wait.
+    for (auto turns = random() % (random() % 8 == 0 ? 3000 : 30); turns > 0; --turns)
+        sched_yield();
     Dl_info where = {};
     dladdr(entry, &where);
     require(weak.promote() != nullptr, "the session went before the library");
@@ -94,18 +84,9 @@ void loadUseAndUnload(const char* library) {
 
 }  // namespace
 
-/** The wait of the session's thread, as if the clock had been set back: only a wake-up ends it. */
-extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
-                                      pthread_mutex_t* __restrict mutex,
-                                      const timespec* __restrict time) {
-    const timespec deadline = {time->tv_sec + 3600, time->tv_nsec};
-    return pthread_cond_clockwait(condition, mutex, CLOCK_REALTIME, &deadline);
-}
-
 int main(int argc, char** argv) {
-    if (argc != 3) return 2;
     host::setStderrLogPriority(ANDROID_LOG_WARN);
-    for (int round = atoi(argv[2]); round > 0; --round)  // NOLINT(cert-err34-c)
+    for (int round = argc == 3 ? atoi(argv[2]) : 0; round > 0; --round)  // NOLINT(cert-err34-c)
         loadUseAndUnload(argv[1]);
     return 0;
 }

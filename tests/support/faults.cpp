@@ -19,6 +19,7 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <tuple>
 
 namespace faults {
 
@@ -26,12 +27,8 @@ namespace {
 
 thread_local bool tIsProvider = false;
 
-/** A thread is on the side of the one that makes it. */
-struct Start {
-    void* (*body)(void*);
-    void* argument;
-    bool isProvider;
-};
+/** A thread's body and argument, and whether it is on the provider's side, as who makes it is. */
+using Start = std::tuple<void* (*)(void*), void*, bool>;
 
 }  // namespace
 
@@ -108,8 +105,8 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
     std::unique_ptr<faults::Start> start(new faults::Start{body, argument, faults::tIsProvider});
     void* (*const begin)(void*) = [](void* given) {
         const std::unique_ptr<faults::Start> own(static_cast<faults::Start*>(given));
-        faults::tIsProvider = own->isProvider;
-        return own->body(own->argument);
+        faults::tIsProvider = std::get<bool>(*own);
+        return std::get<0>(*own)(std::get<void*>(*own));
     };
     const int result = next(thread, attributes, begin, start.get());
     if (result == 0) start.release();  // NOLINT(bugprone-unused-return-value): the thread owns it
