@@ -73,7 +73,6 @@ protected:
     }
     std::unique_ptr<Observer> replaced;
     const std::vector<Side> operations = {
-        {"getInterface", [this](size_t) { session->getInterface(); }},
         {"setCallback",
          [this](size_t i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
         {"configure", [this](size_t) { session->handleConfigure(configurationOf(0)); }},

@@ -84,9 +84,9 @@ void loadUseAndUnload(const char* library) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int /*argc*/, char** argv) {
     host::setStderrLogPriority(ANDROID_LOG_WARN);
-    for (int round = argc == 3 ? atoi(argv[2]) : 0; round > 0; --round)  // NOLINT(cert-err34-c)
+    for (int round = atoi(argv[2]); round > 0; --round)  // NOLINT(cert-err34-c)
         loadUseAndUnload(argv[1]);
     return 0;
 }
