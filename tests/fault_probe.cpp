@@ -55,6 +55,7 @@ const Row kRows[] = {
     {"gettimeofday", Effect::REFUSAL, {}, {3600}},
     {"gettimeofday", Effect::NONE, {}, {-3600}},
     {"listen", Effect::LOSS, {EADDRINUSE}, {}},
+    {"mapper", Effect::REFUSAL, {2, 5, -1}, {5, -1}},
     {"poll", Effect::NONE, {EINTR}, {}},
     {"poll", Effect::LOSS, {ENOMEM}, {}},
     {"pthread_create", Effect::LOSS, {EAGAIN}, {EAGAIN}},

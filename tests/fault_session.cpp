@@ -26,6 +26,7 @@
 #include "records.h"
 #include "support/faults.h"
 #include "support/log_lines.h"
+#include "support/spy_mapper.h"
 #include "temporary_folder.h"
 
 namespace faults {
@@ -42,7 +43,6 @@ using android::hardware::camera::device::V3_2::BufferStatus;
 struct Lost {};
 
 constexpr kit::FrameSize kSize = {64, 32};
-constexpr std::chrono::seconds kPatience(10);
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
 
 /** Remembers what a client is told. */
@@ -66,7 +66,7 @@ struct Answers : public IFDSessionCallback {
 
 template <typename Condition>
 bool waitUntil(Condition holds) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (!holds() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     return holds();
@@ -234,6 +234,10 @@ private:
 }  // namespace
 
 void runSession(Effect effect) {
+    using testing_support::SpyMapper3;
+    const sp<SpyMapper3> mapper = new SpyMapper3(host::realMapper3());
+    mapper->fault = [] { return errorOf("mapper"); };
+    const host::ScopedMapper scope(mapper, host::realMapper2());
     Run(effect).go();
 }
 

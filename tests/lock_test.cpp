@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
@@ -46,7 +45,6 @@ struct Recipient : public android::hardware::hidl_death_recipient {
 
 TEST(LockTest, IsKeptByPropertiesAndLog) {
     host::LogCapture log;
-    constexpr std::chrono::milliseconds kAtOnce(0);
     race({{"set", [](size_t) { host::setProperty("lock", "1"); }},
           {"clear", [](size_t) { host::clearProperty("lock"); }},
           {"get", [](size_t) { property_get_bool("lock", 0); }},
@@ -54,7 +52,7 @@ TEST(LockTest, IsKeptByPropertiesAndLog) {
           {"capture", [](size_t) { const LogLines inner; }},
           {"lines", [&](size_t) { log.lines(); }},
           {"clear the log", [&](size_t) { log.clear(); }},
-          {"waitFor", [&](size_t) { static_cast<void>(log.waitFor("none", 1, kAtOnce)); }}},
+          {"waitFor", [&](size_t) { static_cast<void>(log.waitFor("none", 1, {})); }}},
          kRounds);
 }
 
@@ -99,7 +97,6 @@ TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
     const CaptureRequest request = requestFor(1, 1, nullptr);
     const hidl_vec<CaptureResult> results = {resultFor(request)};
     const auto place = [&](size_t) { const host::RequestBounds::Place own(bounds, request); };
-    const auto enter = [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); };
     const auto find = [](size_t i) {
         static_cast<void>(host::detail::findInterface(std::to_string(i).c_str()));
     };
@@ -118,7 +115,7 @@ TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
           {"another place", place},
           {"handedOver", [&](size_t) { bounds.handedOver(results); }},
           {"restart", [&](size_t) { bounds.restart(); }},
-          {"register", enter},
+          {"register", [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); }},
           {"find", find}},
          kRounds / 3);
 }

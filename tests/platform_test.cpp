@@ -54,7 +54,6 @@ bool dropsLinesOfAFullPipe() {
     print(ANDROID_LOG_INFO, "lost");
     print(ANDROID_LOG_INFO, "lost");
     if (read(ends[0], bytes.data(), bytes.size()) < 0) return false;
-    print(ANDROID_LOG_DEBUG, "too low");
     print(ANDROID_LOG_INFO, "seen");
     bytes = {};
     if (read(ends[0], bytes.data(), bytes.size() - 1) < 0) return false;
