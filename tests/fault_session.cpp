@@ -2,7 +2,6 @@
 // client again, unless its channel was given up, and another one.
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -13,20 +12,19 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 
 #include "FDSession.h"
 #include "FDSessionTest.h"
-#include "fault_scenarios.h"
+#include "TestInput.h"
+#include "YUVFile.h"
 #include "frame.h"
 #include "holdings.h"
 #include "host/accepted.h"
 #include "host/channel.h"
-#include "host/limits.h"
-#include "host/mapper.h"
 #include "host/properties.h"
 #include "host/threads.h"
 #include "records.h"
+#include "support/faults.h"
 #include "support/log_lines.h"
 #include "support/spy_mapper.h"
 #include "temporary_folder.h"
@@ -37,189 +35,169 @@ namespace {
 
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
-using android::hardware::hidl_handle;
 using android::hardware::hidl_vec;
 using android::hardware::camera::common::V1_0::Status;
 using android::hardware::camera::device::V3_2::BufferStatus;
-using testing_support::LogLines;
-using testing_support::SpyMapper2;
-using testing_support::SpyMapper3;
 
 /** The client's channel is gone. */
 struct Lost {};
 
 constexpr kit::FrameSize kSize = {64, 32};
-constexpr std::chrono::seconds kPatience(10);
-constexpr const char* kClip = "fd_stream_subst_nv12.yuv";
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
 
-/** Remembers what a client is told, and looks for what is missing. Allocates nothing, because the
- * session calls it on its own thread in one process. */
+/** Remembers what a client is told. */
 struct Answers : public IFDSessionCallback {
-    explicit Answers(uint64_t id) : mFirstId(id) {}
-
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         const auto& output = results[0].outputBuffers[0];
         // One that was asked for earlier may still come: it is not ours.
-        if (output.bufferId < mFirstId) return {};
+        if (output.bufferId < id) return {};
+        const bool isWhole = output.buffer != nullptr && output.acquireFence != nullptr;
+        if (output.status == BufferStatus::OK && !isWhole) fail("a filled frame lacks a handle");
         wasFilled = output.status == BufferStatus::OK;
-        if (wasFilled && (output.buffer == nullptr || output.acquireFence == nullptr))
-            fail("a filled frame lacks a handle");
         ++came;
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
 
+    std::atomic<uint64_t> id{0};
     std::atomic<bool> wasFilled{false};
     std::atomic<int> came{0};
-
-private:
-    const uint64_t mFirstId;
 };
 
 template <typename Condition>
 bool waitUntil(Condition holds) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!holds() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::microseconds(200));
-    }
-    return true;
+    return holds();
 }
 
 class Run {
 public:
-    Run(Road road, Effect effect) : mRoad(road), mEffect(effect) {
+    explicit Run(Effect effect) : mEffect(effect) {
         host::setProperty("vendor.zoru.flipped", "true");
         asProvider([this] { mSession = FDSession::getInstance(); });
         std::filesystem::current_path(mFolder.path());
-        std::ofstream(kClip).write(reinterpret_cast<const char*>(mFrame.data()),
-                                   static_cast<std::streamsize>(mFrame.size()));
-        std::filesystem::resize_file(kClip, kit::kFrameBytes);
+        std::ofstream(kTestInput) << std::string(mFrame.begin(), mFrame.end());
+        std::filesystem::resize_file(kTestInput, kit::kFrameBytes);
     }
 
     void go() {
         const kit::Holdings before = kit::Holdings::of();
-        arm();
+        isArmed = true;
         serve();
         live(mEffect == Effect::NONE);
-        heal();
+        isArmed = false;
         if (mClient != nullptr && mEffect <= Effect::REFUSAL && !mClient->ping().isOk())
             fail("the channel was given up");
         serve();
         live(true);
         mClient.clear();
         live(true);
-        end();
-        kit::Holdings after;
-        if (!waitUntil([&] { return (after = kit::Holdings::of()) == before; }))
-            fail(after.differenceFrom(before));
+        mClient.clear();
+        mAnswers.clear();
+        mServer.reset();
+        mSource->decStrong(this);
+        mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
+        if (!waitUntil([&] { return kit::Holdings::of() == before; }))
+            fail(kit::Holdings::of().differenceFrom(before));
     }
 
 private:
-    /** Begins to serve, where it does not yet. */
+    /** Begins to serve and to fill, where it does not yet, or cannot. */
     void serve() {
         std::string problem;
-        if (mRoad == Road::SOCKET && mServer == nullptr) {
+        if (mServer == nullptr) {
             asProvider([&]() noexcept {
                 mServer = host::Server::listen(mSocket, mSession->getInterface(), problem);
             });
             if (mServer == nullptr && problem.empty()) fail("it says not why it does not serve");
         }
-        if (mProvider.joinable() && errors("pBuffer") == 0) return;
-        endProviding();
+        if (mSource != nullptr && errors("pBuffer") == 0) return;
+        if (mSource != nullptr) mSource->decStrong(this);  // without a thread it keeps itself
         mLog.clear();
         // Its passes are made here. Its own memory is asked for here, too, and not by the library.
         host::failNextThreadStart();
         // NOLINTNEXTLINE(bugprone-unhandled-exception-at-new)
         asProvider([this]() noexcept { mSource = new FDSessionTest; });
-        mProvider = std::thread([this] { asProvider([this] { provide(); }); });
-    }
-
-    void endProviding() {
-        if (!mProvider.joinable()) return;
-        mEnd = true;
-        mProvider.join();
-        mEnd = false;
-        mSource->decStrong(this);  // without a thread it keeps itself
-    }
-
-    void end() {
-        mClient.clear();
-        mAnswers.clear();
-        mServer.reset();
-        endProviding();
-        mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
-    }
-
-    /** Fills what the client asks for. */
-    void provide() {
-        while (!mEnd) {
-            FDNotifyMsg msg = {};
-            if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
-            mSource->threadLoop();
-        }
     }
 
     /** Connects if need be, sets up, gets frames, reconfigures, and goes. */
     void live(bool wantsAll) try {
         mWantsAll = wantsAll;
         std::string problem;
-        if (mClient == nullptr || (wantsAll && !mClient->ping().isOk())) {
-            mClient = mRoad == Road::SOCKET ? host::connect<IFDSession>(mSocket, problem)
-                                            : mSession->getInterface();
-        }
+        if (mClient == nullptr || (wantsAll && !mClient->ping().isOk()))
+            mClient = host::connect<IFDSession>(mSocket, problem);
         if (mClient == nullptr && wantsAll) fail(problem);
         if (mClient == nullptr) return;
-        mAnswers = new Answers(mNextId);
+        mAnswers = new Answers;
         if (!call([&] { return mClient->setCallback(mAnswers); })) return;
+        const auto streams = kit::configurationOf(kSize);
         for (int configuration = 0; configuration < 2; ++configuration) {
-            const auto streams = kit::configurationOf(kSize);
             if (!call([&] { return mClient->configure(streams); })) return;
             for (int i = 0; i < 2; ++i) {
-                const uint64_t id = mNextId++;
                 const host::Buffer buffer = kit::allocate(kSize);
-                const bool isKnown = ask(id, buffer, buffer.handle());
-                if (ask(id, buffer, nullptr) && !isKnown)
+                ++mId;
+                const bool isKnown = ask(buffer, buffer.handle());
+                if (ask(buffer, nullptr) && !isKnown)
                     fail("a buffer stays known of a request that was refused");
             }
         }
+        keep(kit::allocate(kSize));
         call([&] { return mClient->setCallback(nullptr); });
     } catch (const Lost&) {
     }
 
     /** Whether a request is accepted; it then has a frame, or a word of it. */
-    bool ask(uint64_t id, const host::Buffer& buffer, const native_handle_t* handle) {
+    bool ask(const host::Buffer& buffer, const native_handle_t* handle) {
         std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0});
-        CaptureRequest request = kit::requestFor(1, id, handle);
-        request.outputBuffers[0].acquireFence = mFence;
-        request.outputBuffers[0].releaseFence = mFence;
+        CaptureRequest request = kit::requestFor(1, mAnswers->id = mId, handle);
         request.inputBuffer.streamId = 7;
-        request.inputBuffer.acquireFence = mFence;
+        native_handle_t* const fence = native_handle_create(2, 0);
+        std::generate_n(fence->data, 2, [] { return eventfd(0, EFD_CLOEXEC); });
+        request.outputBuffers[0].acquireFence.setTo(fence, true);
+        request.inputBuffer.releaseFence = request.outputBuffers[0].acquireFence;
         const int before = mAnswers->came;
         const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
-        if (!waitUntil([&] { return mAnswers->came > before || errors(kNotDelivered) > lost; }))
-            fail("neither a frame nor a word of it");
-        const bool hasCome = mAnswers->came > before;
-        if (hasCome && mAnswers->wasFilled && kit::packed(buffer) == mTurned) return true;
+        const auto isAnswered = [&] {
+            asProvider([this] { provide(); });
+            return mAnswers->came > before || errors(kNotDelivered) > lost;
+        };
+        if (!waitUntil(isAnswered)) fail("neither a frame nor a word of it");
+        const bool wasFilled = mAnswers->came > before && mAnswers->wasFilled;
+        if (wasFilled && kit::packed(buffer) == mTurned) return true;
         if (mWantsAll) fail("the frame is not right");
-        if (errors() == said && !(hasCome && !mAnswers->wasFilled))
+        if (errors() == said && (wasFilled || mAnswers->came == before))
             fail("the frame is wrong, and nobody was told");
         if (mEffect == Effect::LOSS) throw Lost{};
         return true;
     }
 
+    /** Fills what the client asks for. */
+    void provide() {
+        FDNotifyMsg msg = {};
+        if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
+        mSource->threadLoop();
+    }
+
+    /** Writes a frame into a file, as a provider may, or is told why not. */
+    void keep(const host::Buffer& buffer) {
+        const auto said = errors();
+        int written = 0;
+        asProvider([&] {
+            auto* const handle = const_cast<native_handle_t*>(buffer.handle());  // NOLINT
+            written = YUVFile("kept", kSize.width, kSize.height).putFrame(handle);
+        });
+        if (written == static_cast<int>(kSize.bytes())) return;
+        if (mWantsAll || errors() == said) fail("a frame is not written, or nobody is told why");
+    }
+
     /** Whether a call is accepted; what refuses it says why. */
     bool call(const std::function<Return<Status>()>& operation) {
-        const auto start = std::chrono::steady_clock::now();
         const auto said = errors();
-        Return<Status> answer;
-        const auto make = [&] { answer = operation(); };
-        mRoad == Road::SOCKET ? make() : asProvider(make);
-        if (std::chrono::steady_clock::now() - start > host::kCallPatience + kPatience / 2)
-            fail("a call took too long");
+        const Return<Status> answer = operation();
         if (host::isAccepted(answer)) return true;
         const std::string why = answer.description();
         if (mWantsAll) fail("not accepted: " + why);
@@ -238,48 +216,29 @@ private:
         });
     }
 
-    static hidl_handle fence() {
-        native_handle_t* const handle = native_handle_create(2, 0);
-        for (int i = 0; i < 2; ++i)
-            handle->data[i] = eventfd(0, EFD_CLOEXEC);
-        hidl_handle owned;
-        owned.setTo(handle, true);
-        return owned;
-    }
-
-    const Road mRoad;
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;
     const std::string mSocket = mFolder / "socket";
     const kit::Frame mFrame = kit::patternOf(kSize);
     const kit::Frame mTurned = kit::turnedBy180(mFrame, kSize);
-    uint64_t mNextId = 1;
+    uint64_t mId = 0;
     bool mWantsAll = false;
-    const hidl_handle mFence = fence();
-    LogLines mLog;
+    testing_support::LogLines mLog;
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
     FDSessionTest* mSource = nullptr;
-    std::atomic<bool> mEnd{false};
-    std::thread mProvider;
     sp<IFDSession> mClient;
     sp<Answers> mAnswers;
 };
 
-template <typename Spy, typename Mapper>
-sp<Spy> faulty(const sp<Mapper>& real) {
-    sp<Spy> spy = new Spy(real);
-    spy->fault = [] { return errorOf("mapper"); };
-    return spy;
-}
-
 }  // namespace
 
-void runSession(Road road, Effect effect) {
-    const auto mapper3 = faulty<SpyMapper3>(host::realMapper3());
-    const auto mapper2 = faulty<SpyMapper2>(host::realMapper2());
-    const host::ScopedMapper mappers(road == Road::OLD_MAPPER ? nullptr : mapper3, mapper2);
-    Run(road, effect).go();
+void runSession(Effect effect) {
+    using testing_support::SpyMapper3;
+    const sp<SpyMapper3> mapper = new SpyMapper3(host::realMapper3());
+    mapper->fault = [] { return errorOf("mapper"); };
+    const host::ScopedMapper scope(mapper, host::realMapper2());
+    Run(effect).go();
 }
 
 }  // namespace faults

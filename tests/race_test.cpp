@@ -1,5 +1,5 @@
-// Each operation of the session against those that touch the same, over and over, for the thread
-// sanitizer; and where each one lets go of the lock.
+// Each operation of the session against each other one, over and over, for the thread sanitizer;
+// where each one lets go of the lock, and what waits for it, or for an observer's call.
 
 #include <dlfcn.h>
 #include <pthread.h>
@@ -7,7 +7,10 @@
 
 #include <atomic>
 #include <cctype>
+#include <chrono>
+#include <ctime>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,7 +21,6 @@
 
 #include "host/log.h"
 #include "host/properties.h"
-#include "session_control.h"
 #include "support/driven_session.h"
 #include "support/spy_mapper.h"
 
@@ -49,93 +51,100 @@ namespace testing_support {
 
 namespace {
 
-SceneControl sceneOf(int i) {
+SceneControl sceneOf(size_t i) {
     SceneControl scene = {};
-    scene.crops.resize(static_cast<size_t>(i % 3));
-    scene.peopleCount = i;
+    scene.crops.resize(i % 3);
+    scene.peopleCount = static_cast<int32_t>(i);
     return scene;
-}
-
-uint64_t idOf(int i) {
-    return static_cast<uint64_t>(i % 5);
 }
 
 }  // namespace
 
 class RaceTest : public DrivenSession {
 protected:
-    using Operation = std::function<void(int)>;
-
-    static void SetUpTestSuite() { FDSession::getInstance(); }
     ~RaceTest() override { host::clearProperty("vendor.zoru.flipped"); }
 
     template <typename Record, typename Result>
-    Operation get(Result (FDSession::*operation)(Record&)) {
-        return [this, operation](int) {
+    Side::second_type get(Result (FDSession::*operation)(Record&)) {
+        return [this, operation](size_t) {
             Record record = {};
             (session.get()->*operation)(record);
         };
     }
-    void replaceObserver() {
-        // Whoever has replaced an observer may destroy it at once.
-        auto next = std::make_unique<Observer>();
-        session->setSceneCallback(next.get());
-        replaced = std::move(next);
-    }
     std::unique_ptr<Observer> replaced;
-    const std::map<std::string, Operation> operations = {
-        {"getInstance", [](int) { FDSession::getInstance(); }},
-        {"getInterface", [this](int) { session->getInterface(); }},
+    const std::vector<Side> operations = {
         {"setCallback",
-         [this](int i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
-        {"configure", [this](int) { session->handleConfigure(configurationOf(0)); }},
-        {"processCaptureRequest", [this](int i) { submit(1, idOf(i)); }},
-        {"getBufferForId", [this](int i) { session->getBufferForId(idOf(i)); }},
+         [this](size_t i) { session->handleSetCallback(i % 50 == 0 ? nullptr : callback); }},
+        {"configure", [this](size_t) { session->handleConfigure(configurationOf(0)); }},
+        {"processCaptureRequest", [this](size_t i) { submit(1, i % 5); }},
+        {"getBufferForId", [this](size_t i) { session->getBufferForId(i % 5); }},
         {"getConfiguration", get(&FDSession::getConfiguration)},
         {"getProcessCaptureRequest", get(&FDSession::getProcessCaptureRequest)},
-        {"isCaptureRequestReady", [this](int) { session->isCaptureRequestReady(); }},
+        {"isCaptureRequestReady", [this](size_t) { session->isCaptureRequestReady(); }},
         {"sendNotify", get(&FDSession::sendNotify)},
-        {"sendCaptureResult", [this](int i) { session->sendCaptureResult(resultOf(idOf(i))); }},
-        {"setSceneControl", [this](int i) { session->setSceneControl(sceneOf(i)); }},
+        {"sendCaptureResult", [this](size_t i) { session->sendCaptureResult(resultOf(i % 5)); }},
+        {"setSceneControl", [this](size_t i) { session->setSceneControl(sceneOf(i)); }},
         {"getSceneControl", get(&FDSession::getSceneControl)},
-        {"getPeopleCount", [this](int) { session->getPeopleCount(); }},
+        {"getPeopleCount", [this](size_t) { session->getPeopleCount(); }},
         {"setTrackingMode",
-         [this](int i) { session->setTrackingMode(static_cast<TrackingMode>((i + 1) % 2)); }},
-        {"getTrackingMode", [this](int) { session->getTrackingMode(); }},
-        {"setPTZControl", [this](int i) { session->setPTZControl(sceneOf(i)); }},
+         [this](size_t i) { session->setTrackingMode(TrackingMode(i % 2 == 0)); }},
+        {"getTrackingMode", [this](size_t) { session->getTrackingMode(); }},
+        {"setPTZControl", [this](size_t i) { session->setPTZControl(sceneOf(i)); }},
         {"getPTZControl", get(&FDSession::getPTZControl)},
-        {"resetPTZScene", [this](int) { session->resetPTZScene(); }},
-        {"setTrackControl", [this](int) { session->setTrackControl({}); }},
+        {"resetPTZScene", [this](size_t) { session->resetPTZScene(); }},
+        {"setTrackControl", [this](size_t) { session->setTrackControl({}); }},
         {"getTrackControl", get(&FDSession::getTrackControl)},
-        {"setSceneCallback", [this](int) { replaceObserver(); }},
-        {"pass", [this](int) { pass(); }}};
+        {"setSceneCallback",
+         [this](size_t) {  // who has replaced one may destroy it at once
+             auto next = std::make_unique<Observer>();
+             session->setSceneCallback(next.get());
+             replaced = std::move(next);
+         }},
+        {"pass", [this](size_t i) {
+             session->sendCaptureResult(resultOf(i % 5));
+             pass();
+         }}};
 };
 
-TEST_F(RaceTest, RunsEachOperationAgainstThoseThatTouchTheSame) {
-    const std::vector<std::vector<std::string>> races = {
-        {"setCallback", "sendNotify"},
-        {"setCallback", "sendCaptureResult", "pass"},
-        {"configure", "getBufferForId", "processCaptureRequest"},
-        {"configure", "processCaptureRequest", "sendCaptureResult", "pass"},
-        {"configure", "getConfiguration"},
-        {"processCaptureRequest", "isCaptureRequestReady", "getProcessCaptureRequest"},
-        {"setSceneCallback", "setSceneControl", "setPTZControl", "setTrackingMode",
-         "setTrackControl", "sendNotify"},
-        {"setSceneControl", "getSceneControl"},
-        {"setSceneControl", "getPeopleCount"},
-        {"setTrackingMode", "getTrackingMode"},
-        {"setPTZControl", "getPTZControl", "resetPTZScene"},
-        {"setTrackControl", "getTrackControl"}};
+TEST_F(RaceTest, RunsEachOperationAgainstEachOtherAndAllAtOnce) {
     configure();
     host::setProperty("vendor.zoru.flipped", "true");
     callback->during = [] { std::this_thread::yield(); };  // on a busy processor, too
-    for (const auto& names : races) {
-        std::vector<Side> sides;
-        for (const std::string& name : names)
-            sides.push_back({name, operations.at(name)});
-        race(sides, 300);
+    for (size_t i = 0; i < operations.size(); ++i) {
+        for (size_t j = 0; j < i; ++j)
+            race({operations[i], operations[j]}, 30);
     }
-    race({operations.begin(), operations.end()}, 100);
+    race(operations, 300);
+}
+
+TEST_F(RaceTest, StampsARequestAtItsEnd) {
+    configure();
+    clock.stopAt(1000000);
+    sessionMapper().during = [this] { clock.stopAt(3000000); };
+    submit(1, 1);
+    for (const size_t expected : {0U, 1U}) {
+        pass();
+        EXPECT_EQ(deliveries.count(), expected);
+        clock.stopAt(4000001);
+    }
+}
+
+TEST_F(RaceTest, WaitsFiftyMillisecondsForAResultThatWakesItAndLocksTheQueueOnly) {
+    std::optional<Meanwhile> reader;
+    std::optional<Meanwhile> sender;
+    using Clock = std::chrono::system_clock;
+    const auto earliest = Clock::now() + std::chrono::milliseconds(50);
+    const BeforeWaiting look([&](timespec& deadline) {
+        const auto end =
+            Clock::from_time_t(deadline.tv_sec) + std::chrono::nanoseconds(deadline.tv_nsec);
+        EXPECT_GE(end, earliest);
+        EXPECT_LE(end, Clock::now() + std::chrono::milliseconds(50));
+        deadline.tv_sec += 3600;  // until it is woken
+        reader.emplace([this] { session->getTrackingMode(); }, Other::GOES_ON);
+        sender.emplace([this] { session->sendCaptureResult(resultOf(1)); }, Other::WAITS);
+    });
+    session->threadLoop();
+    EXPECT_EQ(deliveries.count(), 1U);
 }
 
 #ifndef __SANITIZE_THREAD__
@@ -163,9 +172,10 @@ struct Trace : public host::LogSink {
 };
 
 TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowhereElse) {
-    // l: a line of the log, o: the observer, m: the mapper, c: the client, .: lets go of the lock.
+    // l: a line of the log, o: the observer, m: the mapper, w: frees a buffer whose wrapper is
+    // still there, c: the client, .: lets go of the lock.
     const std::map<std::string, std::string> places = {
-        {"configure", "lLM."},
+        {"configure", "lLMW."},
         {"isCaptureRequestReady", ""},
         {"pass", ".l.c..c"},  // a result, turned, and a stale request
         {"processCaptureRequest", "ML."},
@@ -192,54 +202,33 @@ TEST_F(RaceTest, HasTheSessionLockedWhereItCallsTheObserverAndTheMapperAndNowher
             trace.noteAt(observer.inside, 'o');
             trace.noteAt(sessionMapper().during, 'm');
             trace.noteAt(afterUnlock, '.');
+            sessionMapper().onFree = [&](void*) {
+                if (session->getBufferForId(1) != nullptr) trace.note('w');
+            };
             operation(3);
         }
         observer.inside = callback->during = sessionMapper().during = afterUnlock = nullptr;
+        sessionMapper().onFree = nullptr;
         const auto other = places.find(name);
         EXPECT_EQ(trace.places, other != places.end() ? other->second : ".") << name;
     }
 }
 
-TEST_F(RaceTest, DeliversToTheCallbackThatIsSetBeforeTheFrameIsTurned) {
-    Deliveries later;
-    configure();
-    submit(1, 1);
-    session->sendCaptureResult(resultOf(1));
-    host::setProperty("vendor.zoru.flipped", "true");
-    // What the turning needs first is the lock, for the wrapper.
-    afterUnlock = [&] { session->handleSetCallback(new Callback(later)); };
-    pass();
-    EXPECT_EQ(deliveries.count(), 0U);
-    EXPECT_EQ(later.count(), 2U);  // the frame, and the request that has grown old
-    session->handleSetCallback(nullptr);
+TEST_F(RaceTest, LetsGoOfAnObserverOnlyWhenNoCallIsInsideOrAboutToBe) {
+    for (ISceneCallback* const next : std::initializer_list<ISceneCallback*>{nullptr, &observer}) {
+        for (std::function<void()>* const hook : {&observer.inside, &afterUnlock}) {
+            session->setSceneCallback(&observer);
+            std::optional<Meanwhile> other;
+            *hook = [&] {
+                other.emplace([&] { session->setSceneCallback(next); },
+                              next == nullptr ? Other::WAITS : Other::GOES_ON);
+            };
+            session->setTrackControl({});
+            EXPECT_TRUE(other.has_value());
+        }
+    }
 }
 
-TEST_F(RaceTest, LetsGoOfNoObserverThatIsAboutToBeCalled) {
-    session->setSceneCallback(&observer);
-    std::optional<Meanwhile> letGo;
-    afterUnlock = [&] {
-        letGo.emplace([this] { session->setSceneCallback(nullptr); }, Other::WAITS);
-    };
-    session->setTrackControl({});
-    EXPECT_TRUE(letGo.has_value());
-}
-
-TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
-    const sp<control::SessionControl> controls = new control::SessionControl(session, {});
-    SceneControl before = {};
-    session->getPTZControl(before);
-    EXPECT_EQ(controls->startFollowing(), control::Answer::OK);
-    std::optional<Meanwhile> off;
-    afterUnlock = [&] {  // when the step has looked at the mode
-        off.emplace([&] { static_cast<void>(controls->setMode(TrackingMode::OFF).isOk()); },
-                    Other::WAITS);
-    };
-    EXPECT_EQ(controls->follow(sceneOf(1), sceneOf(2)), control::Answer::OK);
-    off.reset();
-    SceneControl view = {};
-    session->getPTZControl(view);
-    EXPECT_EQ(view.crops.size(), before.crops.size());
-}
 #endif
 
 }  // namespace testing_support

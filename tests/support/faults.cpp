@@ -12,7 +12,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,6 +19,7 @@
 #include <ctime>
 #include <memory>
 #include <new>
+#include <tuple>
 
 namespace faults {
 
@@ -27,111 +27,65 @@ namespace {
 
 thread_local bool tIsProvider = false;
 
-Fault sFault = {};
-std::atomic<bool> sIsArmed{false};
-std::atomic<int> sCalls{0};
-
-bool fails(const char* call) {
-    const int error = errorOf(call);
-    if (error != 0) errno = error;
-    return error != 0;
-}
-
-/** A thread is on the side of the one that makes it. */
-struct Start {
-    void* (*body)(void*);
-    void* argument;
-    bool isProvider;
-};
-
-void* begin(void* argument) {
-    const std::unique_ptr<Start> start(static_cast<Start*>(argument));
-    tIsProvider = start->isProvider;
-    return start->body(start->argument);
-}
+/** A thread's body and argument, and whether it is on the provider's side, as who makes it is. */
+using Start = std::tuple<void* (*)(void*), void*, bool>;
 
 }  // namespace
-
-void choose(const Fault& fault) {
-    sFault = fault;
-}
-
-void arm() {
-    sIsArmed = true;
-}
-
-void heal() {
-    sIsArmed = false;
-}
-
-bool wasReached() {
-    return sCalls >= sFault.n;
-}
 
 void asProvider(const std::function<void()>& what) {
     tIsProvider = true;
     try {
         what();
     } catch (const std::bad_alloc&) {
-        fputs("an exception came out of the library, which has left its locks held\n", stderr);
-        _exit(1);
+        tIsProvider = false;
+        fail("an exception came out of the library, which has left its locks held");
     }
     tIsProvider = false;
 }
 
 int errorOf(const char* call) {
-    if (!tIsProvider || !sIsArmed || strcmp(call, sFault.call) != 0) return 0;
-    const int n = ++sCalls;
-    return n == sFault.n || (sFault.stays && n > sFault.n) ? sFault.error : 0;
+    if (!tIsProvider || !isArmed || strcmp(call, chosen.call) != 0) return 0;
+    const int n = ++calls;
+    if (n != chosen.n && !(chosen.stays && n > chosen.n)) return 0;
+    return errno = chosen.error;
 }
 
 }  // namespace faults
 
 #define NEXT(name) reinterpret_cast<decltype(&(name))>(dlsym(RTLD_NEXT, #name))
 
-// What is asked for, what comes back when it fails, and what the declaration says of exceptions.
-#define FAILING(result, name, parameters, arguments, failure, exceptions) \
-    extern "C" result name parameters exceptions {                        \
-        static auto* const next = NEXT(name);                             \
-        if (faults::fails(#name)) return failure;                         \
-        return next arguments;                                            \
+// What is asked for, and what comes back when it fails.
+#define FAILING(result, name, parameters, arguments, failure)          \
+    extern "C" result name parameters {                                \
+        static auto* const next = NEXT(name);                          \
+        return faults::errorOf(#name) != 0 ? failure : next arguments; \
     }
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
-FAILING(int, accept4, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d), -1, )
-FAILING(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), -1, noexcept)
-FAILING(int, chmod, (const char* a, mode_t b), (a, b), -1, noexcept)
-FAILING(int, eventfd, (unsigned a, int b), (a, b), -1, noexcept)
-FAILING(int, fflush, (FILE * a), (a), EOF, )
-FAILING(int, flock, (int a, int b), (a, b), -1, noexcept)
-FAILING(FILE*, fopen, (const char* a, const char* b), (a, b), nullptr, )
-FAILING(size_t, fread, (void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0, )
-FAILING(int, fseek, (FILE * a, long b, int c), (a, b, c), -1, )
-FAILING(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0, )
-FAILING(int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), (a, b, c, d, e), -1,
-        noexcept)
-FAILING(int, listen, (int a, int b), (a, b), -1, noexcept)
-FAILING(int, poll, (pollfd * a, nfds_t b, int c), (a, b, c), -1, )
-FAILING(ssize_t, readlink, (const char* a, char* b, size_t c), (a, b, c), -1, noexcept)
-FAILING(ssize_t, recvmsg, (int a, msghdr* b, int c), (a, b, c), -1, )
-FAILING(ssize_t, sendmsg, (int a, const msghdr* b, int c), (a, b, c), -1, )
-FAILING(int, setsockopt, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e), -1,
-        noexcept)
-FAILING(int, socket, (int a, int b, int c), (a, b, c), -1, noexcept)
-FAILING(int, statx, (int a, const char* b, int c, unsigned d, struct statx* e), (a, b, c, d, e), -1,
-        noexcept)
+FAILING(int, accept4, (int a, sockaddr* b, socklen_t* c, int d), (a, b, c, d), -1)
+FAILING(int, bind, (int a, const sockaddr* b, socklen_t c), (a, b, c), -1)
+FAILING(int, chmod, (const char* a, mode_t b), (a, b), -1)
+FAILING(int, eventfd, (unsigned a, int b), (a, b), -1)
+FAILING(int, fflush, (FILE * a), (a), EOF)
+FAILING(int, flock, (int a, int b), (a, b), -1)
+FAILING(FILE*, fopen, (const char* a, const char* b), (a, b), nullptr)
+FAILING(size_t, fread, (void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0)
+FAILING(int, fseek, (FILE * a, long b, int c), (a, b, c), -1)
+FAILING(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, d), 0)
+FAILING(int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), (a, b, c, d, e), -1)
+FAILING(int, listen, (int a, int b), (a, b), -1)
+FAILING(int, poll, (pollfd * a, nfds_t b, int c), (a, b, c), -1)
+FAILING(ssize_t, readlink, (const char* a, char* b, size_t c), (a, b, c), -1)
+FAILING(ssize_t, recvmsg, (int a, msghdr* b, int c), (a, b, c), -1)
+FAILING(ssize_t, sendmsg, (int a, const msghdr* b, int c), (a, b, c), -1)
+FAILING(int, setsockopt, (int a, int b, int c, const void* d, socklen_t e), (a, b, c, d, e), -1)
+FAILING(int, socket, (int a, int b, int c), (a, b, c), -1)
+FAILING(int, statx, (int a, const char* b, int c, unsigned d, struct statx* e), (a, b, c, d, e), -1)
 #ifdef FAULTS_OF_MEMORY  // a sanitizer has its own mmap, and its own memory
 FAILING(void*, mmap, (void* a, size_t b, int c, int d, int e, off_t f), (a, b, c, d, e, f),
-        MAP_FAILED, noexcept)
-
-extern "C" void* __libc_malloc(size_t size);
-extern "C" void* __libc_calloc(size_t count, size_t size);
-extern "C" void* malloc(size_t size) {
-    return faults::fails("malloc") ? nullptr : __libc_malloc(size);
-}
-extern "C" void* calloc(size_t count, size_t size) {
-    return faults::fails("malloc") ? nullptr : __libc_calloc(count, size);
-}
+        MAP_FAILED)
+FAILING(void*, malloc, (size_t a), (a), nullptr)
+FAILING(void*, calloc, (size_t a, size_t b), (a, b), nullptr)
 #endif
 
 extern "C" int fcntl(int fd, int command, ...) {
@@ -140,41 +94,31 @@ extern "C" int fcntl(int fd, int command, ...) {
     va_start(list, command);
     void* const argument = va_arg(list, void*);
     va_end(list);
-    if (command == F_DUPFD_CLOEXEC && faults::fails("fcntl")) return -1;
+    if (command == F_DUPFD_CLOEXEC && faults::errorOf("fcntl") != 0) return -1;
     return next(fd, command, argument);
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) noexcept {
+                              void* (*body)(void*), void* argument) {
     static auto* const next = NEXT(pthread_create);
-    const int error = faults::errorOf("pthread_create");
-    if (error != 0) return error;
-    auto* const start = new (std::nothrow) faults::Start{body, argument, faults::tIsProvider};
-    if (start == nullptr) return EAGAIN;
-    const int result = next(thread, attributes, faults::begin, start);
-    if (result != 0) delete start;
+    if (const int error = faults::errorOf("pthread_create")) return error;
+    std::unique_ptr<faults::Start> start(new faults::Start{body, argument, faults::tIsProvider});
+    void* (*const begin)(void*) = [](void* given) {
+        const std::unique_ptr<faults::Start> own(static_cast<faults::Start*>(given));
+        faults::tIsProvider = std::get<bool>(*own);
+        return std::get<0>(*own)(std::get<void*>(*own));
+    };
+    const int result = next(thread, attributes, begin, start.get());
+    if (result == 0) start.release();  // NOLINT(bugprone-unused-return-value): the thread owns it
     return result;
 }
 
 /** Stands still, so that no request grows stale on a slow machine; the "error" is a step of it. */
-extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
+extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) {
     constexpr time_t kNow = 1700000000;
     time->tv_sec = kNow + faults::errorOf("gettimeofday");
     time->tv_usec = 0;
     return 0;
-}
-
-/** Ends at once, as after a step forward or for no reason, or an hour late, as after one back. */
-extern "C" int pthread_cond_timedwait(pthread_cond_t* __restrict condition,
-                                      pthread_mutex_t* __restrict mutex,
-                                      const timespec* __restrict time) {
-    static auto* const next = NEXT(pthread_cond_timedwait);
-    timespec deadline = *time;
-    const int error = faults::errorOf("pthread_cond_timedwait");
-    if (error == EINTR) return 0;
-    if (error == ETIMEDOUT) return error;
-    deadline.tv_sec += error;
-    return next(condition, mutex, &deadline);
 }
 
 /** All pauses are short. */

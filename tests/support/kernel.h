@@ -1,5 +1,11 @@
 #pragma once
 
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "holdings.h"
+#include "raw_socket.h"
+
 namespace testing_support {
 
 /** What tests lean on, and what an old kernel, or an emulator in its place, does not do. */
@@ -10,7 +16,28 @@ struct Kernel {
     bool closesWhatHasNoRoom;
 };
 
+/** Where it does not, what it leaves open stays so. */
+inline bool closesWhatHasNoRoom() {
+    const auto [mine, theirs] = kit::socketPair();
+    const int before = kit::Holdings::of().descriptors;
+    kit::sendRaw(mine.get(), "x", 1, {STDERR_FILENO, STDERR_FILENO});
+    char byte = 0;
+    iovec part = {&byte, 1};
+    alignas(cmsghdr) char room[CMSG_LEN(sizeof(int))] = {};
+    msghdr message = {nullptr, 0, &part, 1, room, sizeof(room), 0};
+    if (recvmsg(theirs.get(), &message, MSG_CMSG_CLOEXEC) != 1) return false;
+    close(*reinterpret_cast<const int*>(CMSG_DATA(reinterpret_cast<const cmsghdr*>(room))));
+    return (message.msg_flags & MSG_CTRUNC) != 0 && kit::Holdings::of().descriptors == before;
+}
+
 /** Tried out by the first call, while there is one thread. */
-const Kernel& kernel();
+inline const Kernel& kernel() {
+    constexpr int kPassPidfd = 76;
+    const int on = 1;
+    static const Kernel tried = {
+        setsockopt(kit::rawSocket().get(), SOL_SOCKET, kPassPidfd, &on, sizeof(on)) == 0,
+        closesWhatHasNoRoom()};
+    return tried;
+}
 
 }  // namespace testing_support

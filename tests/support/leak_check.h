@@ -11,11 +11,11 @@ namespace testing_support {
 class LeakCheck : public testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo& /*info*/) override { mBefore = kit::Holdings::of(); }
     void OnTestEnd(const testing::TestInfo& /*info*/) override {
-        const auto isAsBefore = [this] { return kit::Holdings::of() == mBefore; };
         // A thread that dropped the last reference to its own object still has a few steps to its
         // end. Looked at twice, because the list of threads can miss one while another ends.
-        EXPECT_TRUE(eventually([&] { return isAsBefore() && isAsBefore(); }))
-            << kit::Holdings::of().differenceFrom(mBefore);
+        EXPECT_TRUE(eventually([this] {
+            return kit::Holdings::of() == mBefore && kit::Holdings::of() == mBefore;
+        })) << kit::Holdings::of().differenceFrom(mBefore);
     }
 
     kit::Holdings mBefore;

@@ -1,10 +1,13 @@
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <future>
 #include <string>
@@ -12,22 +15,25 @@
 #include <utility>
 #include <vector>
 
+#include "support/session_fixture.h"
+
 /** Threads that race each other, and what one of them does while another one holds something. */
 namespace testing_support {
-
-constexpr std::chrono::seconds kStressPatience(60);
 
 /** Aborts the process, with a line that says where it is, unless this object goes in time. */
 class Watchdog {
 public:
     explicit Watchdog(std::function<std::string()> where,
-                      std::chrono::milliseconds patience = kStressPatience);
+                      std::chrono::milliseconds patience = std::chrono::seconds(60))
+        : mThread([this, where = std::move(where), patience] {
+              if (mIsOver.get_future().wait_for(patience) == std::future_status::ready) return;
+              fprintf(stderr, "The watchdog ends what takes too long: %s\n", where().c_str());
+              abort();
+          }) {}
     ~Watchdog() {
         mIsOver.set_value();
         mThread.join();
     }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
 
 private:
     std::promise<void> mIsOver;
@@ -42,10 +48,36 @@ using Side = std::pair<std::string, std::function<void(size_t)>>;
 
 /**
  * Runs each side so often, on a thread of its own. They begin when all are there. Aborts when they
- * have not ended in time, and says in which operation and round each one is.
+ * have not ended in time, and says in which operation and after how many rounds each one is.
  */
-void race(const std::vector<Side>& sides, size_t rounds,
-          std::chrono::milliseconds patience = kStressPatience);
+inline void race(const std::vector<Side>& sides, size_t rounds,
+                 std::chrono::milliseconds patience = std::chrono::seconds(60)) {
+    // Counted without an order, which would order what the sides do, too.
+    constexpr auto kNoOrder = std::memory_order_relaxed;
+    std::vector<std::atomic<size_t>> reached(sides.size());
+    const auto where = [&] {
+        std::string text;
+        for (size_t i = 0; i < sides.size(); ++i)
+            text += sides[i].first + " after " + std::to_string(reached[i].load(kNoOrder)) + "; ";
+        return text;
+    };
+    const Watchdog watchdog(where, patience);
+    std::atomic<size_t> missing{sides.size()};
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < sides.size(); ++i) {
+        threads.emplace_back([&, i] {
+            --missing;
+            while (missing != 0)
+                std::this_thread::yield();
+            for (size_t round = 0; round < rounds; reached[i].store(++round, kNoOrder)) {
+                sides[i].second(round);
+                std::this_thread::yield();  // so that a short one has not ended at once
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+}
 
 enum class Other { WAITS, GOES_ON };
 
@@ -53,13 +85,22 @@ enum class Other { WAITS, GOES_ON };
 class Meanwhile {
 public:
     /** Returns when the operation has ended, or when it waits as expected; else the test fails. */
-    Meanwhile(const std::function<void()>& operation, Other expected);
+    Meanwhile(const std::function<void()>& operation, Other expected)
+        : mThread([this, operation] {
+              mId = gettid();
+              operation();
+              mHasEnded = true;
+          }) {
+        expect(expected);
+    }
     ~Meanwhile() { mThread.join(); }
-    Meanwhile(const Meanwhile&) = delete;
-    Meanwhile& operator=(const Meanwhile&) = delete;
 
     /** Looks again. */
-    void expect(Other expected) const;
+    void expect(Other expected) const {
+        EXPECT_TRUE(eventually(
+            [&] { return mHasEnded || (expected == Other::WAITS && mId != 0 && isAsleep(mId)); }));
+        EXPECT_EQ(mHasEnded, expected == Other::GOES_ON);
+    }
 
 private:
     std::atomic<pid_t> mId{0};
