@@ -19,14 +19,10 @@
 
 #include "host/channel.h"
 #include "support/camera_fixture.h"
-#include "support/clip_writer.h"
 
 namespace testing_support {
 
 namespace {
-
-constexpr std::pair<const char*, const char*> kKinds[] = {
-    {"mp4", "mpeg4"}, {"matroska", "mjpeg"}, {"avi", "mpeg4"}};
 
 /** Bytes changed, cut out, doubled or cut off: most of it near the beginning, where sizes are. */
 std::string corrupted(std::string bytes, unsigned seed) {
@@ -55,12 +51,11 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
     const char* const files = getenv("FDSTREAM_HOSTILE_FILES");
     const int filesOfEachKind = files == nullptr ? 20 : std::stoi(files);
     int played = 0;
-    for (const auto& [container, encoder] : kKinds) {
+    for (const std::string encoder : {"mpeg4 -f mp4", "mjpeg -f matroska", "mpeg4 -f avi"}) {
         // Of a picture that changes, so that there is something to be coded.
-        writeClip(folder / "whole", container, encoder, {96, 80},
-                  {40, 55, 70, 85, 100, 115, 130, 145, 160, 175, 190, 205});
+        writeClip("whole", "40+15*N", 12, encoder, "96x80");
         for (int seed = 0; seed < filesOfEachKind; ++seed) {
-            SCOPED_TRACE(container + std::to_string(seed));
+            SCOPED_TRACE(encoder + " " + std::to_string(seed));
             std::ofstream(folder / "hostile", std::ios::binary)
                 << corrupted(contentOf(folder / "whole"), static_cast<unsigned>(seed));
             camera::SourceOptions options = sourceOf("hostile", 1000);
@@ -90,17 +85,11 @@ TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
     expectRuns(
         "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
         {{"--input nix.mp4", 2, "nix.mp4 cannot be played: No such file or directory"},
-         {"--input .", 2, ". cannot be played: Is a directory"},
-         {"--input text.mp4", 2, "text.mp4 cannot be played: it is no video that FFmpeg knows"},
          {"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
          {"--input text.mp4 --format nix", 2, "FFmpeg has no format \"nix\" here"},
          {"--input sine --format lavfi", 2, "it has no pictures"},
          {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
          {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
-         {"--once", 2, "are for what is no raw clip"},
-         {"--input raw.yuv --format nv12", 2, "needs --size"},
-         {"--input text.mp4 --size 4x4", 2, "--size is for --format nv12"},
-         {"--input text.mp4 --camera 4x4", 2, "--camera is for a webcam"},
          {"--input /dev/video0 --camera 4", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
 }
 

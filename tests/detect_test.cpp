@@ -35,26 +35,12 @@ constexpr FrameSize kPicture = {1280, 720};
 constexpr FrameSize kStream = {640, 360};
 constexpr Rect kAll = {0, 0, 1280, 720};
 
-/** For this a face is a light block above a dark one, so that tests need no photograph. */
-constexpr const char* kCascade = R"(<?xml version="1.0"?>
-<opencv_storage><cascade type_id="opencv-cascade-classifier">
-<stageType>BOOST</stageType><featureType>HAAR</featureType><height>24</height><width>24</width>
-<stageParams><maxWeakCount>1</maxWeakCount></stageParams>
-<featureParams><maxCatCount>0</maxCatCount></featureParams><stageNum>1</stageNum>
-<stages><_><maxWeakCount>1</maxWeakCount><stageThreshold>0.5</stageThreshold>
-<weakClassifiers><_><internalNodes>0 -1 0 1.05</internalNodes><leafValues>0. 1.</leafValues></_>
-</weakClassifiers></_></stages>
-<features><_><rects><_>0 0 24 24 -1.</_><_>0 0 24 12 2.</_></rects><tilted>0</tilted></_></features>
-</cascade></opencv_storage>
-)";
-
 /** A camera with a face in its picture, whose view is what the session has. */
 class DetectTest : public ClientToolFixture {
 protected:
     DetectTest() {
         program = DETECT_TOOL;
         pauseUs = 10000;
-        std::ofstream(folder / "cascade") << kCascade;
         std::string problem;
         controls = control::ControlServer::listen(folder / "socket.control", session, {}, problem);
         EXPECT_NE(controls, nullptr) << problem;
@@ -62,7 +48,8 @@ protected:
     }
 
     int detect(const std::string& arguments, const std::string& before = "") {
-        return run("--cascade cascade --size 640x360 " + arguments, before);
+        return run("--cascade " TEST_DATA "/bright_over_dark.xml --size 640x360 " + arguments,
+                   before);
     }
     Rect wanted() const {
         SceneControl ptz = {};
@@ -108,8 +95,6 @@ protected:
     std::atomic<bool> isMoving{false};
     std::atomic<bool> tells{true};
     std::atomic<bool> isTurned{false};
-    int framesOff = 0;
-    bool hasFollowedAgain = false;
 };
 
 /** The first face in a line's field; none when it is unknown or empty. */
@@ -123,7 +108,6 @@ Rect faceIn(const std::string& line, const std::string& field) {
 }  // namespace
 
 TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
-    const Rect half = {320, 180, 640, 360};
     SceneControl ptz = {};
     ptz.crops = std::vector<Crop>{{320, 180, 640, 360}};
     session->setPTZControl(ptz);
@@ -134,15 +118,15 @@ TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
         const std::vector<std::string> seen = lines("detected");
         ASSERT_GE(seen.size(), 2U) << read("json");
         EXPECT_EQ(faceIn(seen[0], "faces").width, 0) << seen[0];  // from the second time on
-        const Rect found = faceIn(seen.back(), "faces");
-        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << seen.back();
-        const Rect place = camera::inPicture(found, kStream, half, turned);
-        EXPECT_EQ(faceIn(seen.back(), "faces_in_picture"), told ? place : Rect()) << seen.back();
-        EXPECT_EQ(has(seen.back(), "\"view\": [320, 180, 640, 360]"), told) << seen.back();
-        EXPECT_EQ(has(seen.back(), "\"camera_to_faces_ms\": null"), !told) << seen.back();
+        const std::string& last = seen.back();
+        const Rect found = faceIn(last, "faces");
+        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << last;
+        const Rect place = camera::inPicture(found, kStream, view, turned);
+        EXPECT_EQ(faceIn(last, "faces_in_picture"), told ? place : Rect()) << last;
+        EXPECT_EQ(has(last, "\"view\": [320, 180, 640, 360]"), told) << last;
+        EXPECT_EQ(has(last, "\"camera_to_faces_ms\": null"), !told) << last;
         EXPECT_EQ(lines("").size(), 40U);
-        const std::string number = seen.back().substr(10, seen.back().find(',') - 10);
-        EXPECT_TRUE(exists("png/frame-" + number + ".png")) << number;
+        EXPECT_TRUE(exists("png/frame-" + last.substr(10, last.find(',') - 10) + ".png")) << last;
         EXPECT_FALSE(has(read("json"), "{\"frame\": 0,"));
     }
 }
@@ -173,16 +157,13 @@ TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
 }
 
 TEST_F(DetectTest, EndsAsItsDocumentsSay) {
-    EXPECT_EQ(run("--cascade nowhere"), 2);
-    EXPECT_TRUE(has(read("err"), "nowhere: No such file")) << read("err");
-    for (const char* wrong : {"--cascade socket", "--json - --y4m -", "--buffers 2"})
+    for (const char* wrong : {"--cascade nowhere", "--cascade socket", "--json - --y4m -"})
         EXPECT_EQ(run(wrong), 2) << wrong;
     EXPECT_EQ(run("--help"), 0);
     EXPECT_FALSE(matches(read("out"), "[^\n]{81}")) << read("out");
-    tells = false;
-    detect("--y4m -; echo $? >code; } | head -c 3000000 >y4m", "{");
+    detect("--y4m -; echo $? >code; } | head -c 300 >y4m", "{");
     EXPECT_EQ(read("code"), "0\n");
-    EXPECT_EQ(read("y4m").rfind("YUV4MPEG2 W640 H360 F25:1 ", 0), 0U);
+    EXPECT_EQ(read("y4m").rfind("YUV4MPEG2 W640 H360 F", 0), 0U);
     after(5, [this] { EXPECT_TRUE(client->setCallback(callback).isOk()); });
     EXPECT_EQ(detect(""), 4);
     after(5, [this] { server.reset(); });
@@ -192,13 +173,9 @@ TEST_F(DetectTest, EndsAsItsDocumentsSay) {
 TEST_F(DetectTest, OutlinesFacesInATerminal) {
     detect("--watch --frames 30' /dev/null </dev/null",
            "script -qec 'stty rows 24 cols 40; TERM=xterm COLORTERM=truecolor");
-    std::istringstream shown(read("out"));
-    int boxed = 0;
-    for (std::string text; std::getline(shown, text, 'H');) {  // the cursor goes back by it
-        if (has(text, "faces     1")) ++boxed;
-        EXPECT_EQ(has(text, "8;2;90;220;90m"), has(text, "faces     1"));
-    }
-    EXPECT_GT(boxed, 0);
+    const std::string shown = read("out");  // in which the cursor goes back by an H
+    EXPECT_TRUE(matches(shown, "8;2;90;220;90m[^H]*faces     1")) << shown;
+    EXPECT_FALSE(matches(shown, "8;2;90;220;90m[^H]*faces     0")) << shown;
 }
 
 TEST_F(DetectTest, FollowsAFaceAndEndsWithModeOff) {
@@ -231,9 +208,10 @@ TEST_F(DetectTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyFollower) {
                    {{"--follow", 1, "the view cannot follow: "}});
         session->setTrackingMode(TrackingMode::OFF);
     });
-    fillBy([this](const CaptureRequest& request) {
-        const bool isOff = session->getTrackingMode() == TrackingMode::OFF;
-        if (isOff && framesOff++ == 30) {
+    int framesOff = 0;
+    bool hasFollowedAgain = false;
+    fillBy([&](const CaptureRequest& request) {
+        if (session->getTrackingMode() == TrackingMode::OFF && framesOff++ == 30) {
             EXPECT_EQ(wanted(), kAll);
             session->setTrackingMode(TrackingMode::SPEAKER);
         }
