@@ -36,13 +36,11 @@ struct Colour {
 };
 
 /** Of one colour. */
-camera::FramePtr frameOf(FrameSize size, AVPixelFormat format, const Colour& colour,
-                         AVColorRange range = AVCOL_RANGE_MPEG) {
+camera::FramePtr frameOf(FrameSize size, AVPixelFormat format, const Colour& colour) {
     camera::FramePtr frame(av_frame_alloc());
     frame->width = size.width;
     frame->height = size.height;
     frame->format = format;
-    frame->color_range = range;
     EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
     const AVPixFmtDescriptor& layout = *av_pix_fmt_desc_get(format);
     const int values[] = {colour.y, colour.cb, colour.cr, 0};
@@ -107,42 +105,35 @@ private:
 }  // namespace
 
 TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
-    constexpr AVPixelFormat kFormats[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_NV21};
-    const Colour colour = {200, 40, 220};
-    // Full range: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
-    const Colour limited = {188, 51, 209};
-    camera::PictureScaler scalers[3];
+    constexpr Colour kColour = {200, 40, 220};
+    // Limited: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
+    constexpr Colour kShown = {188, 51, 209};
+    // A format, a colour in it, and what is shown of it when it is of full range, and when not.
+    const std::tuple<AVPixelFormat, Colour, Colour, Colour> pictures[] = {
+        {AV_PIX_FMT_YUV420P, kColour, kShown, kColour},
+        {AV_PIX_FMT_NV12, kColour, kShown, kColour},
+        {AV_PIX_FMT_NV21, kColour, kShown, kColour},
+        {AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}, {188, 128, 128}},
+        {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}, {235, 128, 128}},  // cannot be cropped
+        {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}, {81, 90, 240}}};   // red, by BT.601
+    camera::PictureScaler scaler;
     for (int width = 1; width <= kMost; width += isSlow() ? 7 : 1) {
-        const bool isFull = width % 2 == 0;
-        const auto range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
-        const auto other = frameOf({50, 38}, kFormats[width % 3], colour, range);
+        const auto& [format, colour, full, limited] = pictures[width % 6];
+        const auto other = frameOf({50, 38}, format, colour);
         for (int height = 1; height <= kMost; height += isSlow() ? 13 : 1) {
             // Of another size, turned, and as it is, in a format that it shares with the planes.
-            const auto same = frameOf({width, height}, kFormats[height % 3], colour, range);
-            const AVFrame* const frames[] = {other.get(), other.get(), same.get()};
-            for (int way = 0; way < 3; ++way) {
+            const auto same = frameOf({width, height}, std::get<0>(pictures[height % 3]), kColour);
+            for (int way = 0; way < 4; ++way) {
+                AVFrame& frame = way < 3 ? *other : *same;
+                const bool isFull = way < 3 ? way != 1 : width % 2 == 0;
+                frame.color_range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
                 const Planes to = planes({width, height});
-                const camera::Orientation turn = {way == 1, way == 1 ? 1 + height % 3 : 0};
-                ASSERT_TRUE(scale(scalers[way], *frames[way], to, turn));
-                ASSERT_LE(farthest(to, isFull ? limited : colour), 1)
-                    << width << 'x' << height << " way " << way;
+                const camera::Orientation turn = {way == 2, way == 2 ? 1 + height % 3 : 0};
+                ASSERT_TRUE(scale(scaler, frame, to, turn));
+                const Colour& shown =
+                    way < 3 ? (isFull ? full : limited) : (isFull ? kShown : kColour);
+                ASSERT_LE(farthest(to, shown), 1) << width << 'x' << height << " way " << way;
             }
-        }
-    }
-}
-
-TEST_P(CameraScalingTest, IsOfLimitedRangeWhateverThePictureIs) {
-    const std::tuple<AVPixelFormat, Colour, Colour> pictures[] = {
-        {AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}},
-        {AV_PIX_FMT_YUV420P, {200, 40, 220}, {188, 51, 209}},
-        {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}},   // cannot be cropped
-        {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}}};  // red, by BT.601
-    camera::PictureScaler scaler;
-    for (const int width : {8, 32, 40}) {
-        for (const auto& [format, colour, shown] : pictures) {
-            const Planes to = planes({width, 32});
-            ASSERT_TRUE(scale(scaler, *frameOf({40, 32}, format, colour, AVCOL_RANGE_JPEG), to));
-            EXPECT_LE(farthest(to, shown), 1) << format << ' ' << width;
         }
     }
 }

@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "view/announcements.h"
 #include "view/controller.h"
 #include "view/crop_rule.h"
 #include "view/faces.h"
@@ -102,27 +101,6 @@ TEST(ViewTest, IsInsideThePictureOnTheGridAndOfTheStreamsShape) {
                             (isLeast || std::abs(view.width * 9 - view.height * 16) <= 100))
                     << width << 'x' << height << ' ' << from << ' ' << length;
             }
-        }
-    }
-}
-
-TEST(ViewTest, IsAnnouncedWithItsPicture) {
-    const auto view = camera::viewOf(7, {65535, 1, 640, 480});
-    EXPECT_EQ(view.value, 480ULL << 48 | 640ULL << 32 | 1ULL << 16 | 65535);
-    EXPECT_EQ(camera::viewIn(view), (Rect{65535, 1, 640, 480}));
-    const auto picture = camera::pictureOf(8, {{16384, 9}, true});
-    EXPECT_EQ(picture.value, 1ULL << 32 | 9ULL << 16 | 16384);
-    EXPECT_TRUE(camera::pictureIn(picture).isTurned);
-}
-
-TEST(CameraFollowTest, KeepsAMovingFaceInTheView) {
-    for (const int size : {54, 120, 200}) {
-        Stream stream;
-        for (double second = 0; second < 20; second += 0.04) {
-            const double x = 400 + 300 * std::sin(second * 0.15 * 1280 / 300);  // 15 % at most
-            const Rect face = {static_cast<int>(x), 200, size, size};
-            stream.step({face});
-            EXPECT_TRUE(second < 1 || holds(stream.view, face)) << size << ' ' << second;
         }
     }
 }

@@ -1,54 +1,57 @@
 // The client program: its way from its start to its end, whatever its provider and others do, and
-// what it writes, and where to.
+// what it writes, and where to; and the raw clips that are played and compared with.
 
 #include <android/log.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <future>
-#include <regex>
+#include <memory>
 #include <string>
 #include <tuple>
 
-#include "boxes.h"
 #include "host/channel.h"
-#include "host/unique_fd.h"
+#include "nv12_file.h"
 #include "support/client_tool_fixture.h"
-#include "ui/GraphicBuffer.h"
 #include "view/announcements.h"
-#include "whole_frame.h"
 
 namespace testing_support {
 
 namespace {
 
+using namespace std::string_literals;
+using kit::kFrameBytes;
+using tools::Nv12File;
 using ClientToolTest = ClientToolFixture;
 using ClientOutputsTest = ClientToolFixture;
 
-constexpr char kCb = 90;
-constexpr char kCr = 100;
+/** Of programs only, with a raw clip of two frames. */
+struct ToolsTest : SessionFixture {
+    ToolsTest() { write(2 * kFrameBytes); }
 
-/** Luma is the frame's number; Cb and Cr have values of their own. */
-BufferStatus fillWithNumber(const sp<GraphicBuffer>& memory, uint32_t number) {
-    android_ycbcr planes = {};
-    EXPECT_EQ(memory->lockYCbCr(0x33, &planes), 0);
-    for (size_t y = 0; y < memory->getHeight(); ++y) {
-        for (size_t x = 0; x < memory->getWidth(); ++x) {
-            const size_t at = y / 2 * planes.cstride + x / 2 * planes.chroma_step;
-            static_cast<char*>(planes.y)[y * planes.ystride + x] = static_cast<char>(number);
-            static_cast<char*>(planes.cb)[at] = kCb;
-            static_cast<char*>(planes.cr)[at] = kCr;
-        }
+    /** So many bytes, of which the first are given. */
+    void write(size_t size, std::string content = "") const {
+        for (size_t index = content.size(); index < size; ++index)
+            content += static_cast<char>(index % 251);
+        std::ofstream(clip, std::ios::binary) << content;
     }
-    memory->unlock();
-    return BufferStatus::OK;
-}
+    std::unique_ptr<kit::ChildProcess> provide(const std::string& arguments = "") const {
+        auto program = startShell("exec " PROVIDER_TOOL " --socket " + socket + " " + arguments);
+        EXPECT_EQ(program->nextLine(kPatience), "listening on " + socket);
+        return program;
+    }
+
+    const kit::TemporaryFolder folder;
+    const std::string clip = folder / "it's.yuv";
+    const std::string quoted = "\"" + clip + "\"";
+    const std::string socket = folder / "socket";
+    const std::string tool = CLIENT_TOOL " --socket " + socket;
+    std::string problem;
+};
 
 }  // namespace
 
@@ -58,7 +61,7 @@ TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
         EXPECT_EQ(run("--frames 0 --json json --raw raw"), 0) << number << read("err");
         EXPECT_TRUE(has(read("json"), "\"interrupted\"")) << read("json");
         EXPECT_TRUE(exists("raw") && !exists("raw.part") && !exists("json.part"));
-        EXPECT_EQ(std::filesystem::file_size(folder / "raw") % kit::kFrameBytes, 0U);
+        EXPECT_EQ(std::filesystem::file_size(folder / "raw") % kFrameBytes, 0U);
         std::filesystem::remove(folder / "json");
     }
 }
@@ -90,13 +93,10 @@ TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThere) {
     EXPECT_EQ(waiting.get(), 0) << read("err");
 }
 
-TEST_F(ClientToolTest, EndsWhenAnotherClientTakesTheSession) {
-    const std::string socket = folder / "of-a-program";
-    const auto provider = startShell("exec " PROVIDER_TOOL " --socket " + socket);
-    EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
-    const auto first = startShell("exec " CLIENT_TOOL " --frames 0 --socket " + socket);
+TEST_F(ToolsTest, EndWhenAnotherClientTakesTheSession) {
+    const auto provider = provide();
+    const auto first = startShell("exec " + tool + " --frames 0");
     EXPECT_NE(first->nextLine(kPatience).value_or(""), "");  // some frames
-    std::string problem;
     auto other = host::connect<IFDSession>(socket, problem);
     EXPECT_TRUE(other->setCallback(callback).isOk());
     EXPECT_TRUE(has(first->rest(kPatience), "another client has taken the session over"));
@@ -104,11 +104,10 @@ TEST_F(ClientToolTest, EndsWhenAnotherClientTakesTheSession) {
 
     EXPECT_TRUE(other->setCallback(nullptr).isOk());
     provider->signal(SIGTERM);
-    const std::string it = "client " + std::to_string(first->id());
-    const std::string me = "client " + std::to_string(getpid());
     const std::string said = provider->rest(kPatience);
-    // Between them it hangs on the moment: the first may go before the other's call ends.
-    EXPECT_EQ(said.rfind(it + " came\n" + me + " came\n", 0), 0U) << said;
+    const std::string it = "client " + std::to_string(first->id());
+    EXPECT_EQ(said.rfind(it + " came\nclient " + std::to_string(getpid()) + " came\n", 0), 0U)
+        << said;
     EXPECT_TRUE(has(said, it + " went\n")) << said;
 }
 
@@ -142,6 +141,7 @@ TEST_F(ClientOutputsTest, SaysInOneSentenceWhatIsWrong) {
          {"$C --watch", 2, "fdstream-client: --watch needs a terminal to show the stream in\n"},
          {"$C --help | grep '.\\{81\\}' >&2", 1, ""},
          {"$C --frames 2 --json /dev/full", 1, "fdstream-client: /dev/full" + full},
+         {"($C --frames 0 --size 64x64 --y4m -; echo $? >&2) | head -c 100000", 0, "0\n"},
          {"$C --version >/dev/full", 2, "fdstream-client: standard output" + full},
          {"$C --frames 0 --raw - | head -c 1000", 0,
           "standard output cannot be written: Broken pipe"},
@@ -154,34 +154,13 @@ TEST_F(ClientOutputsTest, SaysInOneSentenceWhatIsWrong) {
 
 TEST_F(ClientOutputsTest, KeepsTheStandardOutputForWhatIsToGoThere) {
     EXPECT_EQ(run("--frames 3 --raw -"), 0) << read("err");
-    EXPECT_EQ(read("out").size(), 3 * kit::kFrameBytes);
+    EXPECT_EQ(read("out").size(), 3 * kFrameBytes);
     EXPECT_TRUE(has(read("err"), "delivered"));
 
     EXPECT_EQ(run("--frames 3 --buffers 2 --json -"), 0) << read("err");
     const std::string json = read("out");
     EXPECT_EQ(json.front(), '{');
     EXPECT_TRUE(has(json, "{\"frame\": 2, \"outcome\": \"delivered\"")) << json;
-    EXPECT_FALSE(has(json, "\"foreign\": 0")) << json;  // an earlier client's came, too
-    const std::string guide = contentOf(JSON_GUIDE);
-    const std::regex field("\"([^\"]+)\":");
-    for (std::sregex_iterator one(json.begin(), json.end(), field), end; one != end; ++one)
-        EXPECT_TRUE(has(guide, "`" + one->str(1) + "`")) << one->str(1);
-}
-
-TEST_F(ClientOutputsTest, AsksForNoMoreThanIsRead) {
-    ASSERT_EQ(mkfifo((folder / "pipe").c_str(), 0600), 0);
-    const host::UniqueFd reader(open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK));
-    auto running = std::async(std::launch::async, [this] { return run("--frames 0 --raw pipe"); });
-    EXPECT_TRUE(eventually([&] {
-        const int before = served;
-        usleep(100000);  // as long as it takes for some frames more
-        pollfd entry = {reader.get(), POLLIN, 0};
-        return poll(&entry, 1, 0) == 1 && served == before;
-    }));
-    EXPECT_LT(served, 50);
-    kill(tool, SIGINT);
-    EXPECT_EQ(running.get(), 1);
-    EXPECT_TRUE(has(read("err"), "pipe cannot be written: Interrupted")) << read("err");
 }
 
 TEST_F(ClientOutputsTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
@@ -194,42 +173,59 @@ TEST_F(ClientOutputsTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing)
     for (const auto& [size, frames, perSecond, header, luma, chroma] : cases) {
         fillBy([this, announced = perSecond](const CaptureRequest& request) {
             const uint32_t number = request.frameNumber;
-            if (number == 1) return BufferStatus::ERROR;
             FDNotifyMsg shutter =
                 camera::shutterOf(number, static_cast<uint64_t>(1e9 * (1 + number / announced)));
-            session->sendNotify(shutter);
-            return fillWithNumber(session->getBufferForId(request.outputBuffers[0].bufferId),
-                                  number);
+            if (number != 1) session->sendNotify(shutter);
+            return number == 1 ? BufferStatus::ERROR : fill(request);
         });
         EXPECT_EQ(run("--frames " + std::to_string(frames) +
                       " --buffers 2 --y4m y4m --raw raw --size " + size),
                   1);
+        const std::string raw = read("raw");
+        EXPECT_EQ(raw.size(), (frames - 1) * (luma + 2 * chroma)) << header;
         std::string expected = "YUV4MPEG2 " + header + " Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
-        for (uint32_t number = 0; number < frames; ++number)
-            expected += "FRAME\n" + std::string(luma, static_cast<char>(number == 1 ? 0 : number)) +
-                        std::string(chroma, kCb) + std::string(chroma, kCr);
+        for (size_t frame = 0; frame < frames; ++frame) {
+            const std::string packed =
+                raw.substr((frame < 1 ? 0 : frame - 1) * (luma + 2 * chroma));
+            expected += "FRAME\n" + packed.substr(0, luma);
+            for (size_t i = 0; i < 2 * chroma; ++i)
+                expected += packed[luma + (i < chroma ? 2 * i : 2 * (i - chroma) + 1)];
+        }
         EXPECT_TRUE(read("y4m") == expected) << header << ' ' << read("y4m").substr(0, 70);
-        EXPECT_EQ(read("raw").size(), (frames - 1) * (luma + 2 * chroma)) << header;
     }
 }
 
-TEST_F(ClientOutputsTest, EndsInSilenceWithItsReader) {
-    run("--frames 0 --size 64x64 --y4m -; echo $? >code; } | head -c 100000 >read", "{");
-    EXPECT_EQ(read("code"), "0\n");
-    EXPECT_EQ(read("read").size(), 100000U);
-    EXPECT_TRUE(matches(read("err"), "^(client: [0-9]+ frames\n)*$")) << read("err");
+TEST_F(ToolsTest, RefuseWhatIsNoWholeNumberOfRawFrames) {
+    // Its bytes, how it begins, whether a part may be left out, and the problem if there is one.
+    const std::tuple<size_t, std::string, bool, std::string> clips[] = {
+        {kFrameBytes, "", false, ""},
+        {kFrameBytes - 1, "", true, "its 1382399 bytes are less than a frame"},
+        {kFrameBytes + 1, "", false, "leaves out the 1 at its end"},
+        {kFrameBytes + 1, "", true, ""},
+        {kFrameBytes, "\x1A\x45\xDF\xA3", true, "seems to be a Matroska file"},
+        {kFrameBytes, "\0\0\0\x20"s + "ftypisom", true, "/it'\\''s.yuv' -f rawvideo"},
+    };
+    for (const auto& [size, beginning, partial, expected] : clips) {
+        write(size, beginning);
+        problem.clear();
+        EXPECT_EQ(Nv12File::open(clip, problem, partial).has_value(), expected.empty());
+        EXPECT_TRUE(has(problem, expected) && problem.empty() == expected.empty()) << problem;
+    }
 }
 
-TEST(DetectPartsTest, DrawsOfABoxWhatIsInsideAFrameOfAnySize) {
-    const kit::FrameSize size = {15, 9};
-    kit::Frame frame(tools::wholeBytes(size), 1);
-    tools::drawBoxes(frame, size, {{-5, 2, 12, 40}, {8, -100, 100, 300}, {50, 50, 5, 5}}, 1);
-    std::string drawn;
-    for (size_t at = 0; at < size.lumaBytes(); ++at)
-        drawn += frame[at] == 1 ? '.' : '#';
-    const std::string row = "......#.#......";
-    EXPECT_EQ(drawn,
-              "........#..............#......#######.#......" + row + row + row + row + row + row);
+TEST_F(ToolsTest, PlayAndCompareFromAPipe) {
+    const auto playing = provide("--input - --partial <" + quoted);
+    EXPECT_TRUE(has(*playing->nextLine(kPatience), "standard input is played as NV12"));
+    const std::string compare = " | " + tool + " --frames 3 --compare -";
+    expectRuns("cat " + quoted,
+               {{compare, 0, ""}, {"| tr a b" + compare, 1, "is none of the file's frames"}});
+}
+
+TEST_F(ToolsTest, EndWhenTheClipIsCutShort) {
+    const auto playing = provide("--input " + quoted);
+    std::filesystem::resize_file(clip, kFrameBytes);
+    EXPECT_TRUE(has(playing->rest(kPatience), " has become shorter while it was played\n"));
+    EXPECT_EQ(playing->exitCode(kPatience), 1);
 }
 
 }  // namespace testing_support

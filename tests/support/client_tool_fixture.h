@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -44,7 +45,6 @@ protected:
         events.came = [this](pid_t process) { tool = process; };
         std::string problem;
         server = host::Server::listen(folder / "socket", client, problem, events);
-        EXPECT_NE(server, nullptr) << problem;
     }
     /** From now on buffers are filled so, on the provider's thread, and come back with its status.
      */
@@ -69,8 +69,12 @@ protected:
     }
     /** A file of the program's folder, where "out" and "err" are what it printed. */
     std::string read(const std::string& name) const { return contentOf(folder / name); }
-    bool exists(const std::string& name) const {
-        return access((folder / name).c_str(), F_OK) == 0;
+    bool exists(const std::string& name) const { return std::filesystem::exists(folder / name); }
+    /** With bytes of which the first is the frame's number. */
+    BufferStatus fill(const CaptureRequest& request) {
+        mFrame[0] = static_cast<uint8_t>(request.frameNumber);
+        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+        return BufferStatus::OK;
     }
 
     const kit::TemporaryFolder folder;
@@ -81,17 +85,13 @@ protected:
     std::string program = CLIENT_TOOL;
 
 private:
-    /** Sends what an earlier client had asked for, and then what this one did. */
     bool provideOne() {
         CaptureRequest request = {};
         if (session->getProcessCaptureRequest(request) != 0) return false;
-        CaptureResult result = resultFor(request);
-        result.outputBuffers[0].bufferId = 5;
-        session->sendCaptureResult(result);
-        result = resultFor(request);
         {
             const std::lock_guard<std::mutex> lock(mMutex);
-            result.outputBuffers[0].status = fill(request);
+            CaptureResult result = resultFor(request);
+            result.outputBuffers[0].status = mFill(request);
             session->sendCaptureResult(result);
             if (++served == mEventAfter) mEvent();
         }
@@ -99,18 +99,13 @@ private:
         return true;
     }
 
-    BufferStatus fill(const CaptureRequest& request) {
-        if (mFill) return mFill(request);
-        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-        return BufferStatus::OK;
-    }
-
-    kit::Frame mFrame = kit::Frame(kit::kFrameBytes, 7);
+    kit::Frame mFrame = kit::patternOf(kit::kClipSize);
     mutable std::mutex mMutex;
     // Guarded by mMutex.
     int mEventAfter = -1;
     std::function<void()> mEvent;
-    std::function<BufferStatus(const CaptureRequest&)> mFill;
+    std::function<BufferStatus(const CaptureRequest&)> mFill =
+        [this](const CaptureRequest& request) { return fill(request); };
     std::atomic<bool> mEnd{false};
     std::thread mProvider;
 };
