@@ -126,7 +126,7 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     EXPECT_EQ(provider->exitCode(kPatience), 0);
     inside.unlock();
     EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
-    EXPECT_FALSE(matches(said, "notify[^\n]*no answer within")) << said;
+    EXPECT_FALSE(has(said, "no answer within")) << said;
     const std::regex failed("notify");
     // The announcements that were under way, and no more.
     EXPECT_LE(std::distance(std::sregex_iterator(said.begin(), said.end(), failed), {}), 5 * 3);

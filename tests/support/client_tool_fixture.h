@@ -7,10 +7,10 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "ZoruUtil.h"
@@ -25,18 +25,11 @@ namespace testing_support {
 /** A client program, against a provider in this process. */
 class ClientToolFixture : public SessionFixture {
 protected:
-    ClientToolFixture() {
-        listen();
-        mProvider = std::thread([this] {
-            while (!mEnd) {
-                if (!provideOne()) usleep(100);
-            }
-        });
-    }
+    ClientToolFixture() { listen(); }
     /** Before what a test's filling uses goes. */
     void TearDown() override {
         mEnd = true;
-        mProvider.join();
+        mProvider.get();
         server.reset();
     }
 
@@ -52,11 +45,13 @@ protected:
         const std::lock_guard<std::mutex> lock(mMutex);
         mFill = std::move(filling);
     }
-    /** Runs this on the provider's thread when so many frames have been served, inside a run(). */
-    void after(int frames, std::function<void()> what) {
+    /** Runs this on the provider's thread when so many frames have been filled, inside a run(). */
+    void after(int frames, const std::function<void()>& what) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mEvent = std::move(what);
-        mEventAfter = served + frames;
+        mFill = [filling = mFill, left = frames, what](const CaptureRequest& request) mutable {
+            if (left-- == 0) what();
+            return filling(request);
+        };
     }
     /** The exit code of the program with these arguments, after these words of the shell. */
     int run(const std::string& arguments, const std::string& before = "") const {
@@ -80,7 +75,6 @@ protected:
     const kit::TemporaryFolder folder;
     std::unique_ptr<host::Server> server;
     std::atomic<pid_t> tool{0};
-    std::atomic<int> served{0};
     std::atomic<useconds_t> pauseUs{0};
     std::string program = CLIENT_TOOL;
 
@@ -93,7 +87,6 @@ private:
             CaptureResult result = resultFor(request);
             result.outputBuffers[0].status = mFill(request);
             session->sendCaptureResult(result);
-            if (++served == mEventAfter) mEvent();
         }
         usleep(pauseUs);
         return true;
@@ -102,12 +95,13 @@ private:
     kit::Frame mFrame = kit::patternOf(kit::kClipSize);
     mutable std::mutex mMutex;
     // Guarded by mMutex.
-    int mEventAfter = -1;
-    std::function<void()> mEvent;
     std::function<BufferStatus(const CaptureRequest&)> mFill =
         [this](const CaptureRequest& request) { return fill(request); };
     std::atomic<bool> mEnd{false};
-    std::thread mProvider;
+    std::future<void> mProvider = std::async(std::launch::async, [this] {
+        while (!mEnd)
+            if (!provideOne()) usleep(100);
+    });
 };
 
 }  // namespace testing_support

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,11 +18,6 @@ constexpr std::chrono::seconds kPatience(50);
 
 inline bool has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
-}
-
-/** Whether an extended regular expression is found in the text. */
-inline bool matches(const std::string& text, const std::string& expression) {
-    return std::regex_search(text, std::regex(expression, std::regex::extended));
 }
 
 inline std::string contentOf(const std::string& path) {
