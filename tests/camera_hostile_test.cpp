@@ -10,10 +10,8 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <random>
-#include <regex>
 #include <string>
 
 #include "host/channel.h"
@@ -49,7 +47,6 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
     // Takes a few seconds: each file is opened, and played for up to a second if it can be.
     const char* const files = getenv("FDSTREAM_HOSTILE_FILES");
     const int filesOfEachKind = files == nullptr ? 20 : std::stoi(files);
-    int played = 0;
     for (const std::string encoder : {"mpeg4 -f mp4", "mjpeg -f matroska", "mpeg4 -f avi"}) {
         // Of a picture that changes, so that there is something to be coded.
         writeClip("whole", "40+15*N", 12, encoder, "96x80");
@@ -60,7 +57,6 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
             camera::SourceOptions options = sourceOf("hostile", 1000);
             options.decodingThreads = 1;
             if (!play(options).empty()) continue;
-            ++played;
             const std::clock_t end = std::clock() + CLOCKS_PER_SEC;  // of the processor's time
             // What breaks down gets errors at the frames' pace.
             for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
@@ -72,7 +68,6 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
         ASSERT_EQ(play(sourceOf("whole")), "");
         EXPECT_NEAR(askFor(), 40, 20);
     }
-    EXPECT_GT(played, 0);
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
@@ -89,7 +84,6 @@ TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
          {"--input sine --format lavfi", 2, "it has no pictures"},
          {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
          {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
-         {"--input /dev/video0 --camera 1x0", 2, "--camera takes WxH[@RATE][:FORMAT]"},
          {"--input /dev/video0 --camera 4x4@nan", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
 }
 
@@ -127,9 +121,8 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     inside.unlock();
     EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
     EXPECT_FALSE(has(said, "no answer within")) << said;
-    const std::regex failed("notify");
-    // The announcements that were under way, and no more.
-    EXPECT_LE(std::distance(std::sregex_iterator(said.begin(), said.end(), failed), {}), 5 * 3);
+    const std::string me = "client " + std::to_string(getpid());
+    EXPECT_TRUE(has(said, me + " came\n") && has(said, " went\n")) << said;
 }
 
 }  // namespace testing_support

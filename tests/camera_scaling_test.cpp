@@ -142,10 +142,9 @@ TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
 TEST_P(CameraScalingTest, TurnsAsItIsTold) {
     // Four quarters, each of a luma of its own: 0 1 / 2 3.
     const auto frame = frameOf({64, 32}, AV_PIX_FMT_YUV420P, {0, 128, 128});
-    for (int y = 0; y < 32; ++y)
-        for (int x = 0; x < 64; ++x)
-            frame->data[0][y * frame->linesize[0] + x] =
-                static_cast<uint8_t>(50 * (1 + x / 32 + 2 * (y / 16)));
+    for (int i = 0; i < 64 * 32; ++i)
+        frame->data[0][i / 64 * frame->linesize[0] + i % 64] =
+            static_cast<uint8_t>(50 * (1 + i % 64 / 32 + i / 1024 * 2));
     frame->sample_aspect_ratio = {1, 2};
     auto* const matrix = reinterpret_cast<int32_t*>(
         av_frame_new_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t))
@@ -157,8 +156,7 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
         av_display_matrix_flip(matrix, turn / 4, 0);
         const PictureShape shape = camera::shapeOf(*frame, nullptr);
         EXPECT_EQ(shape.squared.height, 64);
-        const PictureShape unsquared = {{64, 32}, {64, 32}, shape.orientation};
-        const FrameSize size = unsquared.picture();
+        const FrameSize size = shape.orientation.turned({64, 32});
         camera::PictureScaler scaler;
         const Planes to = planes(size);
         const auto quarter = [&](int x, int y) {
@@ -170,7 +168,8 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
             seen += static_cast<char>('0' + quarter(x, y));
         EXPECT_EQ(seen, expected[turn]) << turn;
         // The upper left quarter of what is seen.
-        ASSERT_TRUE(scaler.scale(*frame, unsquared, {0, 0, size.width / 2, size.height / 2}, to));
+        const FrameSize whole = shape.picture();
+        ASSERT_TRUE(scaler.scale(*frame, shape, {0, 0, whole.width / 2, whole.height / 2}, to));
         EXPECT_EQ(quarter(2, 2), expected[turn][0] - '0');
     }
 }

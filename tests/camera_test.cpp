@@ -115,9 +115,8 @@ TEST_F(CameraTest, AnnouncesEachFrameWithItsViewBeforeItsResult) {
     const std::vector<FDNotifyMsg> told = deliveries.notified();
     ASSERT_EQ(told.size(), 9U);  // three for each frame
     EXPECT_TRUE(told[3].type == FDNotifyType::SHUTTER && told[3].frameNumber == 2);
-    const auto age =
-        steady_clock::now().time_since_epoch().count() - static_cast<int64_t>(told[3].value);
-    EXPECT_TRUE(age > 0 && age < 20'000'000'000) << age;
+    const auto now = steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+    EXPECT_LT(static_cast<uint64_t>(now) - told[3].value, 20'000'000'000);
     EXPECT_EQ(told[4].type, camera::kViewAnnounced);
     // 64, 32, 64 x 32 in the picture, grown to 4:3 and moved inside.
     EXPECT_EQ(told[4].value, 48ULL << 48 | 64ULL << 32 | 16 << 16 | 64);
@@ -154,9 +153,6 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     source->clientWent();
     EXPECT_EQ(answer(4), kError);
     EXPECT_FALSE(source->status().isBroken);  // which would be another reason
-    write(40);
-    waitForDropped(2);
-
     source->clientCame();
     for (int i = 0; i < 33; ++i)
         ask();

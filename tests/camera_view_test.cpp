@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -28,7 +27,6 @@ namespace {
 
 constexpr FrameSize kPicture = {1280, 720};
 constexpr Rect kAll = {0, 0, 1280, 720};
-constexpr std::chrono::milliseconds kStep(40);
 
 bool holds(const Rect& outer, const Rect& inner, double margin = 0) {
     const double x = margin * inner.width;
@@ -39,16 +37,15 @@ bool holds(const Rect& outer, const Rect& inner, double margin = 0) {
 
 /** A stream whose frames show what was asked for; each view is held against what every one is. */
 struct Stream {
-    FrameSize size = {640, 480};
-    camera::Controller controller{size};
+    camera::Controller controller{{640, 480}};
     std::chrono::milliseconds now{7000};
     Rect view = {160, 0, 960, 720};
 
-    Rect step(const std::vector<Rect>& faces, std::chrono::milliseconds step = kStep) {
+    Rect step(const std::vector<Rect>& faces, std::chrono::milliseconds step = 40ms) {
         now += step;
         const Rect before = std::exchange(view, controller.next(faces, kPicture, view, now));
         EXPECT_TRUE(holds(kAll, view) && view.width >= 1280 / 3);
-        EXPECT_LE(std::abs(view.width * size.height - view.height * size.width), 2 * size.width);
+        EXPECT_LE(std::abs(view.width * 3 - view.height * 4), 8);
         const double most = 0.3 * 1280 * std::chrono::duration<double>(step).count() + 1;
         for (const int way : {view.x - before.x, view.x + view.width - before.x - before.width,
                               view.y - before.y, view.y + view.height - before.y - before.height})
@@ -72,16 +69,13 @@ TEST(ViewTest, ShowsWhatIsAskedForAndNeverStretchesIt) {
     EXPECT_EQ(shown(kAll, kPicture, {640, 480}), (Rect{160, 0, 960, 720}));  // its middle
     EXPECT_EQ(shown({0, 0, 50, 50}, {100, 200}), (Rect{0, 0, 640, 360}));    // two scales
     EXPECT_EQ(shown({600, 300, 160, 10}), (Rect{600, 260, 160, 90}));  // grown about its middle
-    EXPECT_EQ(shown({0, 300, 16, 90}), (Rect{0, 300, 160, 90}));       // and moved inside
     EXPECT_EQ(shown({-50, -50, 210, 140}), (Rect{0, 0, 160, 90}));     // clipped
     EXPECT_EQ(shown({101, 51, 160, 90}), (Rect{100, 50, 162, 92}));    // outward to the chroma
-    EXPECT_EQ(shown({100, 100, 2, 2}), (Rect{98, 100, 16, 16}));       // the least
     // The other side is cut.
     EXPECT_EQ(shown({0, 0, 1280, 400}, kPicture, {100, 100}), (Rect{280, 0, 720, 720}));
     // Nothing left, or of no size.
     EXPECT_EQ(shown({5, 5, 10, -3}), kAll);
-    EXPECT_EQ(shown({5, 5, 10, 10}, {0, 720}), kAll);
-    EXPECT_EQ(shown({0, 0, INT32_MAX, INT32_MAX}, {1, 1}), kAll);
+    EXPECT_EQ(shown({5, 5, INT32_MAX, INT32_MAX}, {0, 720}), kAll);
 }
 
 TEST(ViewTest, IsInsideThePictureOnTheGridAndOfTheStreamsShape) {
@@ -92,13 +86,13 @@ TEST(ViewTest, IsInsideThePictureOnTheGridAndOfTheStreamsShape) {
                 const int length = 1 + i % 9 * 11;
                 const Rect view = camera::viewFor({from, from / 2, length, 90 - length}, {70, 70},
                                                   {width, height}, {160, 90});
-                const bool isLeast = view.width <= 17 || view.height <= 17;
                 // An odd picture's last column or row is not alone.
                 ASSERT_TRUE(width - view.x - view.width != 1 && height - view.y - view.height != 1);
                 ASSERT_TRUE(holds({0, 0, width, height}, view) && view.x % 2 + view.y % 2 == 0 &&
                             view.width >= std::min(width, 16) &&
                             view.height >= std::min(height, 16) &&
-                            (isLeast || std::abs(view.width * 9 - view.height * 16) <= 100))
+                            (std::min(view.width, view.height) <= 17 ||
+                             std::abs(view.width * 9 - view.height * 16) <= 100))
                     << width << 'x' << height << ' ' << from << ' ' << length;
             }
         }
@@ -164,15 +158,14 @@ TEST(CameraFollowTest, KeepsAFaceThatIsMissedAndShowsAllWithoutOne) {
 TEST(CameraFollowTest, MapsFacesByTheViewAndTheTurnAndBack) {
     const FrameSize frame = {640, 480};
     const Rect view = {100, 50, 320, 240};
-    EXPECT_EQ(camera::inPicture({64, 48, 64, 48}, frame, view, false), (Rect{132, 74, 32, 24}));
-    EXPECT_EQ(camera::inPicture({64, 48, 64, 48}, frame, view, true), (Rect{356, 242, 32, 24}));
-    for (const bool isTurned : {false, true}) {
-        for (const Rect& face : {Rect{64, 48, 64, 48}, {1, 1, 1, 1}, {0, 0, 640, 480}}) {
-            const Rect place = camera::inPicture(face, frame, view, isTurned);
-            const Rect back = camera::inFrame(place, frame, view, isTurned);
-            EXPECT_TRUE(holds(back, face) && back.width <= face.width + 2) << back.x;
-        }
-    }
+    const Rect face = {64, 48, 64, 48};
+    const Rect upright = {132, 74, 32, 24};
+    const Rect turned = {356, 242, 32, 24};
+    EXPECT_EQ(camera::inPicture(face, frame, view, false), upright);
+    EXPECT_EQ(camera::inPicture(face, frame, view, true), turned);
+    EXPECT_EQ(camera::inFrame(upright, frame, view, false), face);
+    EXPECT_EQ(camera::inFrame(turned, frame, view, true), face);
+    EXPECT_EQ(camera::inPicture({1, 1, 1, 1}, frame, view, false), (Rect{100, 50, 1, 1}));
 }
 
 TEST(CameraFollowTest, CountsAFaceFromItsSecondDetectionInARow) {

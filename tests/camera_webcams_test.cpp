@@ -12,7 +12,6 @@
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <vector>
 
 #include "source/webcams.h"
 #include "temporary_folder.h"
@@ -47,46 +46,31 @@ bool answer(char kind, unsigned long request, void* argument) {
     }
     auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
     entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-    entry.discrete = {1, 30U >> entry.index};
+    entry.discrete = {1, (entry.width == 640 ? 30U : 10U) >> entry.index};
     return request == VIDIOC_ENUM_FRAMEINTERVALS && entry.index < 640 / entry.width + 1;
 }
 
 }  // namespace
 
-TEST(WebcamsTest, AreListedWithTheirModes) {
+TEST(WebcamsTest, AreListedWithTheirModesAndTheLargestFastOneIsChosen) {
     const kit::TemporaryFolder folder;
     for (const std::string file : {"list video2", "range video10", "meta video3", "none vide1"})
         std::ofstream(folder / file.substr(file.find(' ') + 1)) << file;
     std::string listed;
     areWebcams = true;
     for (const camera::Webcam& webcam : camera::webcams(folder.path()))
-        listed += inWords(webcam);
+        listed += inWords(webcam) + std::to_string(bestModeOf(webcam).size->width) + " is chosen\n";
     areWebcams = false;
     EXPECT_EQ(listed, folder / "video2" +
                           ": Lists\n"
                           "  640x480 yuyv422 at 30, 15 frames a second\n"
-                          "  1280x480 yuyv422 at 30 frames a second\n"
+                          "  1280x480 yuyv422 at 10 frames a second\n"
                           "  640x480 RGGB at 30, 15 frames a second\n"
-                          "  1280x480 RGGB at 30 frames a second\n" +
+                          "  1280x480 RGGB at 10 frames a second\n640 is chosen\n" +
                           folder / "video10" +
                           ": Ranges\n"
-                          "  1920x1080 yuyv422 at 30 frames a second\n"
-                          "  4096x4096 yuyv422 at 30 frames a second\n");
-}
-
-TEST(WebcamsTest, HaveTheLargestFastModeChosen) {
-    std::vector<camera::WebcamMode> modes = {{"RGGB", {1920, 1080}, {60}, false},
-                                             {"mjpeg", {2560, 1440}, {30}, true},
-                                             {"yuyv422", {1920, 1080}, {5}, true},
-                                             {"yuyv422", {640, 480}, {30}, true},
-                                             {"mjpeg", {1280, 720}, {15, 30}, true}};
-    // One after the other is taken away.
-    for (; modes.size() > 1; modes.pop_back()) {
-        const camera::CameraMode best = bestModeOf(camera::Webcam{"", "", modes});
-        EXPECT_EQ(best.size->width, modes.back().size.width);
-        EXPECT_EQ(best.rate, modes.back().rates.back());
-    }
-    EXPECT_FALSE(bestModeOf(camera::Webcam{"", "", modes}).size);
+                          "  1920x1080 yuyv422 at 10 frames a second\n"
+                          "  4096x4096 yuyv422 at 10 frames a second\n1920 is chosen\n");
 }
 
 }  // namespace testing_support

@@ -110,7 +110,8 @@ TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
     session->setPTZControl(ptz);
     for (const auto& [told, turned] : {std::pair(true, false), {true, true}, {false, false}}) {
         tells = told;
-        isTurned = turned;
+        isTurned = false;
+        after(10, [this, turned = turned] { isTurned = turned; });
         EXPECT_EQ(detect("--frames 40 --json json --png png"), 0) << read("err");
         const std::vector<std::string> seen = lines("detected");
         ASSERT_GE(seen.size(), 2U) << read("json");
@@ -123,21 +124,17 @@ TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
         EXPECT_EQ(has(last, "\"view\": [320, 180, 640, 360]"), told) << last;
         EXPECT_EQ(has(last, "\"camera_to_faces_ms\": null"), !told) << last;
         EXPECT_EQ(lines("").size(), 40U);
+        int framesTurned = 0;
+        for (const std::string& line : lines("")) {
+            framesTurned += has(line, "\"turned\": true") ? 1 : 0;
+            // The first five after a turn may have been turned or not.
+            EXPECT_FALSE(framesTurned > 0 && framesTurned <= 5 &&
+                         has(line, "faces_in_picture\": ["))
+                << line;
+        }
         EXPECT_TRUE(exists("png/frame-" + last.substr(10, last.find(',') - 10) + ".png")) << last;
         EXPECT_FALSE(has(read("json"), "{\"frame\": 0,"));
     }
-}
-
-TEST_F(DetectTest, LeavesOutThePlacesOfTheFirstFramesAfterATurn) {
-    after(10, [this] { isTurned = true; });
-    EXPECT_EQ(detect("--frames 30 --json json"), 0);
-    int turned = 0;
-    for (const std::string& line : lines("")) {
-        turned += has(line, "\"turned\": true") ? 1 : 0;
-        if (turned == 0 || !has(line, "\"detected")) continue;
-        EXPECT_EQ(has(line, "faces_in_picture\": null"), turned <= 5) << line;
-    }
-    EXPECT_GE(turned, 7);
 }
 
 TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
@@ -197,16 +194,8 @@ TEST_F(DetectTest, FollowsAFaceWhileTheModeIsNotOffAndIsTheOnlyOne) {
     });
     EXPECT_EQ(detect("--follow --frames 0"), 0) << read("err");
     session->getSceneControl(scene);
-    EXPECT_TRUE(scene.crops.size() == 0 && wanted() == kAll);
+    EXPECT_TRUE(scene.crops.size() == 0 && scene.peopleCount == 0 && wanted() == kAll);
     EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
-    EXPECT_EQ(session->getPeopleCount(), 0);
-}
-
-TEST_F(DetectTest, SaysOnceThatItIsNotToldWhatItNeedsToFollow) {
-    after(10, [this] { tells = false; });
-    EXPECT_EQ(detect("--follow --frames 100"), 0) << read("err");
-    const std::string said = read("err");
-    EXPECT_TRUE(has(said, "does not tell") && said.find('\n') + 1 == said.size()) << said;
 }
 
 }  // namespace testing_support
