@@ -6,27 +6,20 @@
 #include <sys/resource.h>
 
 #include <algorithm>
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <future>
-#include <iterator>
+#include <mutex>
 #include <random>
-#include <regex>
 #include <string>
 
 #include "host/channel.h"
 #include "support/camera_fixture.h"
-#include "support/clip_writer.h"
 
 namespace testing_support {
 
 namespace {
-
-constexpr std::pair<const char*, const char*> kKinds[] = {
-    {"mp4", "mpeg4"}, {"matroska", "mjpeg"}, {"avi", "mpeg4"}};
 
 /** Bytes changed, cut out, doubled or cut off: most of it near the beginning, where sizes are. */
 std::string corrupted(std::string bytes, unsigned seed) {
@@ -54,19 +47,16 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
     // Takes a few seconds: each file is opened, and played for up to a second if it can be.
     const char* const files = getenv("FDSTREAM_HOSTILE_FILES");
     const int filesOfEachKind = files == nullptr ? 20 : std::stoi(files);
-    int played = 0;
-    for (const auto& [container, encoder] : kKinds) {
+    for (const std::string encoder : {"mpeg4 -f mp4", "mjpeg -f matroska", "mpeg4 -f avi"}) {
         // Of a picture that changes, so that there is something to be coded.
-        writeClip(folder / "whole", container, encoder, {96, 80},
-                  {40, 55, 70, 85, 100, 115, 130, 145, 160, 175, 190, 205});
+        writeClip("whole", "40+15*N", 12, encoder, "96x80");
         for (int seed = 0; seed < filesOfEachKind; ++seed) {
-            SCOPED_TRACE(container + std::to_string(seed));
+            SCOPED_TRACE(encoder + " " + std::to_string(seed));
             std::ofstream(folder / "hostile", std::ios::binary)
                 << corrupted(contentOf(folder / "whole"), static_cast<unsigned>(seed));
             camera::SourceOptions options = sourceOf("hostile", 1000);
             options.decodingThreads = 1;
             if (!play(options).empty()) continue;
-            ++played;
             const std::clock_t end = std::clock() + CLOCKS_PER_SEC;  // of the processor's time
             // What breaks down gets errors at the frames' pace.
             for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
@@ -78,7 +68,6 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
         ASSERT_EQ(play(sourceOf("whole")), "");
         EXPECT_NEAR(askFor(), 40, 20);
     }
-    EXPECT_GT(played, 0);
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
@@ -90,18 +79,12 @@ TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
     expectRuns(
         "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
         {{"--input nix.mp4", 2, "nix.mp4 cannot be played: No such file or directory"},
-         {"--input .", 2, ". cannot be played: Is a directory"},
-         {"--input text.mp4", 2, "text.mp4 cannot be played: it is no video that FFmpeg knows"},
          {"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
          {"--input text.mp4 --format nix", 2, "FFmpeg has no format \"nix\" here"},
          {"--input sine --format lavfi", 2, "it has no pictures"},
          {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
          {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
-         {"--once", 2, "are for what is no raw clip"},
-         {"--input raw.yuv --format nv12", 2, "needs --size"},
-         {"--input text.mp4 --size 4x4", 2, "--size is for --format nv12"},
-         {"--input text.mp4 --camera 4x4", 2, "--camera is for a webcam"},
-         {"--input /dev/video0 --camera 4", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
+         {"--input /dev/video0 --camera 4x4@nan", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
 }
 
 TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
@@ -114,19 +97,16 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
     const std::string tool = "exec " CLIENT_TOOL " --size 160x120 --socket " + socket;
     for (int i = 0; i < 4; ++i) {
-        const Output next = runShell(tool + " --frames 25");
-        EXPECT_EQ(next.exitCode, 0) << next.text;
+        expectRuns(tool, {{"--frames 25", 0, ""}});
         const auto killed = startShell(tool + " --frames 0");
         EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
         killed->signal(SIGKILL);
     }
     // One that answers no notification does not keep it from ending.
-    std::atomic<bool> isTold{false};
-    std::promise<void> ended;
-    callback->during = [&, end = ended.get_future().share()] {
+    std::unique_lock<std::mutex> inside(clientGate);
+    callback->during = [this] {
         if (deliveries.notified().empty()) return;  // a result that another one has left
-        isTold = true;
-        end.wait();
+        const std::lock_guard<std::mutex> pass(clientGate);
     };
     std::string problem;
     const auto silent = host::connect<IFDSession>(socket, problem);
@@ -134,16 +114,14 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     EXPECT_TRUE(silent->configure(configurationOf(0, 160, 120)).isOk());
     const host::Buffer frame = allocate(160, 120);
     EXPECT_TRUE(silent->processCaptureRequest(requestFor(1, 1, frame.handle())).isOk());
-    EXPECT_TRUE(eventually([&] { return isTold.load(); }));
+    EXPECT_TRUE(eventually([&] { return !deliveries.notified().empty(); }));
     provider->signal(SIGTERM);
     const std::string said = provider->rest(kPatience);
     EXPECT_EQ(provider->exitCode(kPatience), 0);
-    ended.set_value();
+    inside.unlock();
     EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
-    EXPECT_FALSE(matches(said, "notify[^\n]*no answer within")) << said;
-    const std::regex failed("notify");
-    // The announcements that were under way, and no more.
-    EXPECT_LE(std::distance(std::sregex_iterator(said.begin(), said.end(), failed), {}), 5 * 3);
+    EXPECT_FALSE(has(said, "no answer within")) << said;
+    EXPECT_TRUE(has(said, " came\n") && has(said, " went\n")) << said;
 }
 
 }  // namespace testing_support

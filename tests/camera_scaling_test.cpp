@@ -5,13 +5,18 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <tuple>
+#include <utility>
 
+#include "source/ffmpeg.h"
 #include "source/picture_scaler.h"
-#include "support/clip_writer.h"
 #include "support/guarded.h"
 #include "support/slow.h"
+extern "C" {
+#include <libavutil/display.h>
+#include <libavutil/pixdesc.h>
+}
 
 namespace testing_support {
 
@@ -25,10 +30,27 @@ constexpr int kMost = 130;
 
 enum Order { CB_FIRST, CR_FIRST, PLANAR };
 
-Colour at(const Planes& planes, int x, int y) {
-    const ptrdiff_t chroma =
-        ptrdiff_t{y / 2} * planes.chromaStride + x / 2 * static_cast<ptrdiff_t>(planes.chromaStep);
-    return {planes.luma[y * planes.lumaStride + x], planes.cb[chroma], planes.cr[chroma]};
+/** Or red, green and blue. */
+struct Colour {
+    int y, cb = 0, cr = 0;
+};
+
+/** Of one colour. */
+camera::FramePtr frameOf(FrameSize size, AVPixelFormat format, const Colour& colour) {
+    camera::FramePtr frame(av_frame_alloc());
+    frame->width = size.width;
+    frame->height = size.height;
+    frame->format = format;
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    const AVPixFmtDescriptor& layout = *av_pix_fmt_desc_get(format);
+    const int values[] = {colour.y, colour.cb, colour.cr, 0};
+    for (int i = 0; i < layout.nb_components; ++i) {
+        const AVComponentDescriptor& part = layout.comp[i];
+        const int rows = i == 0 ? size.height : AV_CEIL_RSHIFT(size.height, layout.log2_chroma_h);
+        for (int at = part.offset; at < frame->linesize[part.plane] * rows; at += part.step)
+            frame->data[part.plane][at] = static_cast<uint8_t>(values[i]);
+    }
+    return frame;
 }
 
 /** How far the sample is off that is farthest from this colour. */
@@ -36,9 +58,11 @@ int farthest(const Planes& planes, const Colour& colour) {
     int most = 0;
     for (int y = 0; y < planes.size.height; ++y) {
         for (int x = 0; x < planes.size.width; ++x) {
-            const Colour there = at(planes, x, y);
-            most = std::max({most, std::abs(there.y - colour.y), std::abs(there.cb - colour.cb),
-                             std::abs(there.cr - colour.cr)});
+            const ptrdiff_t at =
+                ptrdiff_t{y / 2} * planes.chromaStride + x / 2 * int(planes.chromaStep);
+            most = std::max({most, std::abs(planes.luma[y * planes.lumaStride + x] - colour.y),
+                             std::abs(planes.cb[at] - colour.cb),
+                             std::abs(planes.cr[at] - colour.cr)});
         }
     }
     return most;
@@ -64,9 +88,8 @@ protected:
         if (GetParam() == PLANAR)
             return {size, luma, size.width, last(mChroma, bytes), last(mOther, bytes), pairs, 1};
         uint8_t* const first = last(mChroma, 2 * bytes);
-        return GetParam() == CB_FIRST
-                   ? Planes{size, luma, size.width, first, first + 1, 2 * pairs, 2}
-                   : Planes{size, luma, size.width, first + 1, first, 2 * pairs, 2};
+        const int cr = GetParam() == CB_FIRST ? 1 : 0;
+        return {size, luma, size.width, first + 1 - cr, first + cr, 2 * pairs, 2};
     }
 
 private:
@@ -82,47 +105,36 @@ private:
 }  // namespace
 
 TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
-    constexpr AVPixelFormat kFormats[] = {AV_PIX_FMT_YUV420P, AV_PIX_FMT_NV12, AV_PIX_FMT_NV21};
-    const Colour colour = {200, 40, 220};
-    // Full range: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
-    const Colour limited = {188, 51, 209};
-    camera::PictureScaler scalers[3];
+    constexpr Colour kColour = {200, 40, 220};
+    // Limited: 16 + y * 219 / 255, and the chroma by 224 / 255 about 128.
+    constexpr Colour kShown = {188, 51, 209};
+    // A format, a colour in it, and what is shown of it when it is of full range, and when not.
+    const std::tuple<AVPixelFormat, Colour, Colour, Colour> pictures[] = {
+        {AV_PIX_FMT_YUV420P, kColour, kShown, kColour},
+        {AV_PIX_FMT_NV12, kColour, kShown, kColour},
+        {AV_PIX_FMT_NV21, kColour, kShown, kColour},
+        {AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}, {188, 128, 128}},
+        {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}, {235, 128, 128}},  // cannot be cropped
+        {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}, {81, 90, 240}}};   // red, by BT.601
+    camera::PictureScaler scaler;
     for (int width = 1; width <= kMost; width += isSlow() ? 7 : 1) {
-        const bool isFull = width % 2 == 0;
-        const auto range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
-        const auto other = frameOf({50, 38}, kFormats[width % 3], colour, range);
+        const auto& [format, colour, full, limited] = pictures[width % 6];
+        const auto other = frameOf({50, 38}, format, colour);
         for (int height = 1; height <= kMost; height += isSlow() ? 13 : 1) {
             // Of another size, turned, and as it is, in a format that it shares with the planes.
-            const auto same = frameOf({width, height}, kFormats[height % 3], colour, range);
-            const AVFrame* const frames[] = {other.get(), other.get(), same.get()};
-            for (int way = 0; way < 3; ++way) {
+            const auto same = frameOf({width, height}, std::get<0>(pictures[height % 3]), kColour);
+            for (int way = 0; way < 4; ++way) {
+                if (way == 1 + height % 2) continue;  // it takes seconds
+                AVFrame& frame = way < 3 ? *other : *same;
+                const bool isFull = way < 3 ? way != 1 : width % 2 == 0;
+                frame.color_range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
                 const Planes to = planes({width, height});
-                const camera::Orientation turn = {way == 1, way == 1 ? 1 + height % 3 : 0};
-                ASSERT_TRUE(scale(scalers[way], *frames[way], to, turn));
-                ASSERT_LE(farthest(to, isFull ? limited : colour), 1)
-                    << width << 'x' << height << " way " << way;
+                const camera::Orientation turn = {way == 2, way == 2 ? 1 + height % 3 : 0};
+                ASSERT_TRUE(scale(scaler, frame, to, turn));
+                const Colour& shown =
+                    way < 3 ? (isFull ? full : limited) : (isFull ? kShown : kColour);
+                ASSERT_LE(farthest(to, shown), 1) << width << 'x' << height << " way " << way;
             }
-        }
-    }
-}
-
-TEST_P(CameraScalingTest, IsOfLimitedRangeWhateverThePictureIs) {
-    const struct {
-        AVPixelFormat format;
-        Colour colour, shown;
-    } pictures[] = {{AV_PIX_FMT_GRAY8, {200}, {188, 128, 128}},
-                    {AV_PIX_FMT_YUVJ420P, {200, 40, 220}, {188, 51, 209}},
-                    {AV_PIX_FMT_YUV420P, {200, 40, 220}, {200, 40, 220}},
-                    {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}},   // cannot be cropped
-                    {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}}};  // red, by BT.601
-    camera::PictureScaler scaler;
-    for (const int width : {8, 32, 40}) {
-        for (const auto& [format, colour, shown] : pictures) {
-            const bool isLimited = format == AV_PIX_FMT_YUV420P;
-            const auto range = isLimited ? AVCOL_RANGE_MPEG : AVCOL_RANGE_JPEG;
-            const Planes to = planes({width, 32});
-            ASSERT_TRUE(scale(scaler, *frameOf({40, 32}, format, colour, range), to));
-            EXPECT_LE(farthest(to, shown), 1) << format << ' ' << width;
         }
     }
 }
@@ -130,41 +142,35 @@ TEST_P(CameraScalingTest, IsOfLimitedRangeWhateverThePictureIs) {
 TEST_P(CameraScalingTest, TurnsAsItIsTold) {
     // Four quarters, each of a luma of its own: 0 1 / 2 3.
     const auto frame = frameOf({64, 32}, AV_PIX_FMT_YUV420P, {0, 128, 128});
-    for (int y = 0; y < 32; ++y)
-        for (int x = 0; x < 64; ++x)
-            frame->data[0][y * frame->linesize[0] + x] =
-                static_cast<uint8_t>(50 * (1 + x / 32 + 2 * (y / 16)));
+    for (int i = 0; i < 64 * 32; ++i)
+        frame->data[0][i / 64 * frame->linesize[0] + i % 64] =
+            static_cast<uint8_t>(50 * (1 + i % 64 / 32 + i / 1024 * 2));
     frame->sample_aspect_ratio = {1, 2};
-    // Display matrices, and what is upper left, upper right, lower left and lower right then.
-    const struct {
-        int32_t a, b, c, d;
-        const char* seen;
-    } cases[] = {{1, 0, 0, 1, "0123"},  {0, 1, -1, 0, "2031"}, {-1, 0, 0, -1, "3210"},
-                 {0, -1, 1, 0, "1302"}, {-1, 0, 0, 1, "1032"}, {1, 0, 0, -1, "2301"},
-                 {0, 1, 1, 0, "0213"},  {0, -1, -1, 0, "3120"}};
-    for (const auto& c : cases) {
-        const int32_t matrix[9] = {c.a * 65536, c.b * 65536, 0, c.c * 65536, c.d * 65536,
-                                   0,           0,           0, 1 << 30};
-        av_frame_remove_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX);
-        memcpy(
-            av_frame_new_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX, sizeof(matrix))->data,
-            matrix, sizeof(matrix));
+    auto* const matrix = reinterpret_cast<int32_t*>(
+        av_frame_new_side_data(frame.get(), AV_FRAME_DATA_DISPLAYMATRIX, 9 * sizeof(int32_t))
+            ->data);
+    // What is upper left, upper right, lower left and lower right then.
+    const std::string expected[] = {"0123", "2031", "3210", "1302", "1032", "0213", "2301", "3120"};
+    for (int turn = 0; turn < 8; ++turn) {
+        av_display_rotation_set(matrix, turn % 4 * 90);
+        av_display_matrix_flip(matrix, turn / 4, 0);
         const PictureShape shape = camera::shapeOf(*frame, nullptr);
         EXPECT_EQ(shape.squared.height, 64);
-        const camera::Orientation orientation = shape.orientation;
+        const FrameSize size = shape.orientation.turned({64, 32});
         camera::PictureScaler scaler;
-        const FrameSize size = orientation.turned({64, 32});
         const Planes to = planes(size);
-        ASSERT_TRUE(scale(scaler, *frame, to, orientation));
+        const auto quarter = [&](int x, int y) {
+            return to.luma[size.height * y / 4 * to.lumaStride + size.width * x / 4] / 50 - 1;
+        };
+        ASSERT_TRUE(scale(scaler, *frame, to, shape.orientation));
         std::string seen;
-        for (const int y : {size.height / 4, size.height * 3 / 4})
-            for (const int x : {size.width / 4, size.width * 3 / 4})
-                seen += static_cast<char>('0' + at(to, x, y).y / 50 - 1);
-        EXPECT_EQ(seen, c.seen);
+        for (const auto& [x, y] : {std::pair(1, 1), {3, 1}, {1, 3}, {3, 3}})
+            seen += static_cast<char>('0' + quarter(x, y));
+        EXPECT_EQ(seen, expected[turn]) << turn;
         // The upper left quarter of what is seen.
-        ASSERT_TRUE(scaler.scale(*frame, {{64, 32}, {64, 32}, orientation},
-                                 {0, 0, size.width / 2, size.height / 2}, to));
-        EXPECT_NEAR(at(to, size.width / 2, size.height / 2).y, 50 * (c.seen[0] - '0' + 1), 1);
+        const FrameSize whole = shape.picture();
+        ASSERT_TRUE(scaler.scale(*frame, shape, {0, 0, whole.width / 2, whole.height / 2}, to));
+        EXPECT_EQ(quarter(2, 2), expected[turn][0] - '0');
     }
 }
 

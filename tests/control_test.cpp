@@ -6,10 +6,10 @@
 #include <atomic>
 #include <deque>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "IFDControl.h"
 #include "control_json.h"
@@ -24,45 +24,25 @@ namespace testing_support {
 
 namespace {
 
+using namespace std::string_literals;
 using control::Answer;
 using control::Event;
 using control::IFDControl;
 using tools::json;
+using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
 
 /** All of whose numbers differ, in each byte. */
 SceneControl sceneOf(uint32_t first, size_t crops = 2) {
     const auto next = [&first] { return static_cast<int32_t>(0x01010101 * first++); };
-    SceneControl scene = {};
-    scene.crops.resize(crops);
-    for (auto& crop : scene.crops)
-        crop = {next(), next(), next(), next()};
-    scene.frameWidth = next();
-    scene.frameHeight = next();
-    scene.sceneId = next();
-    scene.sceneFlags = next();
-    scene.peopleCount = next();
+    SceneControl scene = {std::vector<Crop>(crops), next(), next(), next(), next(), next()};
+    for (size_t i = 0; i < crops; ++i)
+        scene.crops[i] = {next(), next(), next(), next()};
     return scene;
 }
 
 class ControlTest : public TransportFixture {
 protected:
-    ControlTest() {
-        std::string problem;
-        const auto status = [this] {
-            const control::CameraStatus picture = {40, 30, 29.97, 5, 6};
-            return hasPicture ? std::optional(picture) : std::nullopt;
-        };
-        controls = control::ControlServer::listen(controlPath, session, status, problem);
-        EXPECT_NE(controls, nullptr) << problem;
-        one = connectControl();
-        other = connectControl();
-    }
-    sp<IFDControl> connectControl() const {
-        std::string problem;
-        sp<IFDControl> control = host::connect<IFDControl>(controlPath, problem);
-        EXPECT_NE(control, nullptr) << problem;
-        return control;
-    }
+    sp<IFDControl> connectControl() { return host::connect<IFDControl>(controlPath, reason); }
     std::string scene() const {
         SceneControl scene = {};
         session->getSceneControl(scene);
@@ -73,10 +53,8 @@ protected:
         session->getPTZControl(ptz);
         return json(ptz);
     }
-    /** Whether the session's own view is there; it says nothing of the scene's numbers. */
     bool hasDefaultView() const {
-        return ptz().substr(0, ptz().find("sceneId")) ==
-               defaultPtz.substr(0, defaultPtz.find("sceneId"));
+        return has(ptz(), R"([{"x":0,"y":0,"width":1280,"height":720}])");
     }
     /** What a watcher is told next. */
     static Event next(const sp<IFDControl>& watcher) {
@@ -87,11 +65,11 @@ protected:
 
     const std::string controlPath = path + ".control";
     const std::string tool = CONTROL_TOOL " --socket " + path;
-    std::atomic<bool> hasPicture{false};
-    const std::string defaultPtz = ptz();
-    std::unique_ptr<control::ControlServer> controls;
-    sp<IFDControl> one;
-    sp<IFDControl> other;
+    const control::CameraStatus status = {40, 30, 29.97, 5, 6};
+    std::unique_ptr<control::ControlServer> controls = control::ControlServer::listen(
+        controlPath, session, [this] { return status; }, reason);
+    sp<IFDControl> one = connectControl();
+    sp<IFDControl> other = connectControl();
 };
 
 using ControlToolTest = ControlTest;
@@ -105,7 +83,6 @@ TEST_F(ControlTest, TakesAThousandCropsAndNotOneMore) {
     EXPECT_EQ(one->follow(most, most), Answer::OK);
     SceneControl got = {};
     EXPECT_EQ(one->getScene(got), Answer::OK);
-    EXPECT_EQ(json(got), json(most));
     EXPECT_EQ(one->setScene(more), Answer::TOO_MANY_CROPS);
     EXPECT_EQ(one->setPtz(more), Answer::TOO_MANY_CROPS);
     EXPECT_EQ(one->follow(more, most), Answer::TOO_MANY_CROPS);
@@ -119,33 +96,30 @@ TEST_F(ControlTest, TakesAThousandCropsAndNotOneMore) {
 }
 
 TEST_F(ControlTest, LetsOneFollowUntilItStopsOrDies) {
-    EXPECT_EQ(one->follow(sceneOf(1), sceneOf(2)), Answer::NOT_FOLLOWING);
     EXPECT_EQ(one->startFollowing(), Answer::OK);
     EXPECT_EQ(session->getTrackingMode(), TrackingMode::GROUP);
     EXPECT_EQ(other->startFollowing(), Answer::ANOTHER_FOLLOWS);
     EXPECT_EQ(other->stopFollowing(), Answer::NOT_FOLLOWING);
     EXPECT_EQ(other->follow(sceneOf(1), sceneOf(2)), Answer::NOT_FOLLOWING);
     EXPECT_TRUE(hasDefaultView());
-    EXPECT_EQ(one->follow(sceneOf(1), sceneOf(2)), Answer::OK);
-    EXPECT_EQ(scene() + ptz(), json(sceneOf(1)) + json(sceneOf(2)));
     // Somebody else's mode 0 keeps it out, and another mode lets it in again.
     EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
     EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::MODE_IS_OFF);
-    EXPECT_TRUE(scene() == json(sceneOf(1)) && hasDefaultView());
+    EXPECT_TRUE(scene() == json(SceneControl()) && hasDefaultView());
     EXPECT_EQ(other->setMode(TrackingMode::SPEAKER), Answer::OK);
-    EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::OK);
-    const auto expectNobody = [this] {
+    for (const bool dies : {false, true}) {
+        EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::OK);
+        EXPECT_EQ(scene() + ptz(), json(sceneOf(3)) + json(sceneOf(4)));
+        if (dies) {
+            one.clear();
+        } else {
+            EXPECT_EQ(one->stopFollowing(), Answer::OK);
+        }
+        EXPECT_TRUE(eventually([&] { return scene() == json(SceneControl()); }));
         EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
-        EXPECT_TRUE(scene() == json(SceneControl()) && hasDefaultView());
-    };
-    EXPECT_EQ(one->stopFollowing(), Answer::OK);
-    expectNobody();
-    EXPECT_EQ(one->startFollowing(), Answer::OK);
-    EXPECT_EQ(one->follow(sceneOf(3), sceneOf(4)), Answer::OK);
-    one.clear();
-    EXPECT_TRUE(eventually([&] { return scene() == json(SceneControl()); }));
-    expectNobody();
-    EXPECT_EQ(other->startFollowing(), Answer::OK);
+        EXPECT_TRUE(hasDefaultView());
+        EXPECT_EQ((dies ? other : one)->startFollowing(), Answer::OK);
+    }
 }
 
 TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
@@ -175,37 +149,30 @@ TEST_F(ControlTest, KeepsAThousandCallsForAWatcherAndCountsTheOthers) {
     EXPECT_EQ(next(stopped).kind, Event::Kind::NONE);
     EXPECT_EQ(next(other).kind, Event::Kind::NONE);
 
-    const auto crops = sceneOf(20).crops;
-    const TrackControl track = {
-        0x0102030405060708, 0x090A0B0C, crops[0], crops[1], 1.5, 2.5, 3.5, 4.5};
+    const TrackControl track = {1, 2, {3, 4, 5, 6}, {7, 8, 9, 10}, 1.5, 2.5, 3.5, 4.5};
     session->setSceneControl(sceneOf(1));
     session->setPTZControl(sceneOf(2));
     session->setTrackControl(track);
     session->setTrackingMode(TrackingMode::PRESENTER);
     int64_t lastNs = 1;
-    const auto expectNext = [&](const std::string& name, const std::string& value) {
+    for (const std::string& value : {"scene\":" + json(sceneOf(1)), "ptz\":" + json(sceneOf(2)),
+                                     "track\":" + json(track), "mode\":3"s}) {
         const Event event = next(other);
-        EXPECT_TRUE(matches(json(event), "^.\"event\":\"" + name + "\"")) << json(event);
-        EXPECT_TRUE(has(json(event), "\"" + name + "\":" + value + "}")) << json(event);
+        EXPECT_TRUE(has(json(event), ",\"" + value + "}")) << json(event);
         EXPECT_LE(std::exchange(lastNs, event.timeNs), event.timeNs);
-    };
-    expectNext("scene", json(sceneOf(1)));
-    expectNext("ptz", json(sceneOf(2)));
-    expectNext("track", json(track));
-    expectNext("mode", "3");
+    }
 
     constexpr int32_t kMost = control::kMaxWaitingEvents;
     for (int32_t people = 4; people < kMost + 7; ++people)
         EXPECT_EQ(one->setPeople(people), Answer::OK);
     for (int32_t i = 0; i < kMost; ++i) {
         const Event event = next(stopped);
-        EXPECT_EQ(event.missed, 0U);
-        EXPECT_EQ(event.kind == Event::Kind::SCENE && i > 0 ? event.scene.peopleCount : i, i);
+        EXPECT_TRUE(event.missed == 0 && (i < 4 || event.scene.peopleCount == i)) << i;
     }
-    EXPECT_EQ(one->setPeople(1), Answer::OK);
-    EXPECT_EQ(next(stopped).missed, 7U);
-    EXPECT_EQ(one->setPeople(2), Answer::OK);
-    EXPECT_EQ(next(stopped).missed, 0U);
+    for (const uint64_t missed : {7U, 0U}) {
+        EXPECT_EQ(one->setPeople(1), Answer::OK);
+        EXPECT_EQ(next(stopped).missed, missed);
+    }
 }
 
 TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound) {
@@ -237,63 +204,35 @@ TEST_F(ControlTest, EndsAChannelThatAsksForNoMethodAndNoOther) {
 }
 
 TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {
-    const std::string kCrop = R"({"crops":[{"x":-5,"y":2,"width":2147483647,"height":0})";
-    const std::string kScene =
-        kCrop + R"(,{"x":1,"y":2,"width":3,"height":4}],"frameWidth":7,"frameHeight":-8,)"
-                R"("sceneId":9,"sceneFlags":-10,"peopleCount":)";
-    const std::string kMade = kCrop + R"(],"frameWidth":40,"frameHeight":30,"sceneId":0,)"
-                                      R"("sceneFlags":0,"peopleCount":0})"
-                                      "\n";
-    const std::string kTrack =
-        R"({"timestampNs":123456789012,"trackId":-3,"target":{"x":1,"y":2,"width":3,"height":4},)"
-        R"("bounds":{"x":5,"y":6,"width":7,"height":8},"pan":-0.5,"tilt":1e-30,"zoom":3,"speed":4})"
-        "\n";
+    const std::string kScene = R"({"crops":[{"x":-5,"y":2,"width":2147483647,"height":0}],)"
+                               R"("frameWidth":7,"frameHeight":-8,"sceneId":9,"sceneFlags":-10,)"
+                               R"("peopleCount":)";
     expectRuns(
-        tool, {{"scene -5,2,2147483647,0 1,2,3,4 --of 7x-8 --id 9 --flags -10 --people 11", 0,
-                kScene + "11}\n"},
-               {"scene", 0, kScene + "11}\n"},
-               {"people -12", 0, "{\"peopleCount\":-12}\n"},
-               {"people", 0, "{\"peopleCount\":-12}\n"},
-               {"scene", 0, kScene + "-12}\n"},
-               {"scene $(seq -f %.0f,1,1,1 1001) --of 1x1", 1, "more than 1000 crops is refused"},
-               {"scene $(seq -f %.0f,1,1,1 5000) --of 1x1", 1, "over the limits"},
-               {"status", 0, "{\"picture\":null,\"rate\":null,\"frames\":null,\"dropped\":null}\n"},
-               {"ptz 1,2,3,4", 1, "say with --of WxH"},
-               {"mode 3", 0, "{\"mode\":3}\n"},
-               {"mode", 0, "{\"mode\":3}\n"},
-               {"track --time 123456789012 --id -3 --target 1,2,3,4 --bounds 5,6,7,8 --pan -0.5 "
-                "--tilt 1e-30 --zoom 3 --speed 4",
-                0, kTrack},
-               {"track", 0, kTrack},
-               {"mode x", 2, "x is no number that fits"},
-               {"mode 2147483648", 2, "no number that fits"},
-               {"track --pan nan", 2, "no number that fits"},
-               {"track --pan 0x1", 2, "no number that fits"},
-               {"track --pan 1e39", 2, "no number that fits"},
-               {"ptz 1,2,3 --of 1x1", 2, "1,2,3 is no crop"},
-               {"ptz 1,2,3,4 --of 1x", 2, "1x is no size"},
-               {"", 2, "subcommand"},
-               {"--control /nowhere mode", 3, "there is no provider"}});
-    hasPicture = true;
-    expectRuns(tool, {{"ptz -5,2,2147483647,0", 0, kMade},
-                      {"ptz", 0, kMade},
-                      {"status", 0,
-                       R"({"picture":{"width":40,"height":30},"rate":29.97,"frames":5,"dropped":6})"
-                       "\n"}});
+        tool,
+        {{"scene -5,2,2147483647,0 --of 7x-8 --id 9 --flags -10 --people 11", 0, kScene + "11}\n"},
+         {"people -12", 0, "{\"peopleCount\":-12}\n"},
+         {"scene", 0, kScene + "-12}\n"},
+         {"scene $(seq -f %.0f,1,1,1 5000) --of 1x1", 1, "over the limits"},
+         {"ptz -5,2,2147483647,0", 0, R"("height":0}],"frameWidth":40,"frameHeight":30,)"},
+         {"status", 0,
+          R"({"picture":{"width":40,"height":30},"rate":29.97,"frames":5,"dropped":6})"},
+         {"mode 3", 0, "{\"mode\":3}\n"},
+         {"track --time 123456789012 --id -3 --target 1,2,3,4 --bounds 5,6,7,8 --pan -0.5 "
+          "--tilt 1e-30 --zoom 3 --speed 4; " +
+              tool + " track",
+          0, R"("pan":-0.5,"tilt":1e-30,"zoom":3,"speed":4})"},
+         {"mode 2147483648", 2, "no number that fits"},
+         {"track --pan nan", 2, "no number that fits"},
+         {"ptz 1,2,3 --of 1x1", 2, "1,2,3 is no crop"},
+         {"--control /nowhere mode", 3, "there is no provider"}});
 }
 
 TEST_F(ControlToolTest, ObservesUntilNobodyReadsOrTheProviderGoes) {
     const auto watching = startShell("exec " + tool + " observe");
-    const auto counting = startShell(tool + " observe --count 1");
-    for (const auto& each : {watching.get(), counting.get()})
-        EXPECT_EQ(each->nextLine(kPatience), "{\"event\":\"observing\"}");
+    EXPECT_EQ(watching->nextLine(kPatience), "{\"event\":\"observing\"}");
     session->setTrackingMode(TrackingMode::GROUP);
-    for (const auto& each : {watching.get(), counting.get()}) {
-        EXPECT_TRUE(matches(each->nextLine(kPatience).value_or(""),
-                            R"(^[{]"event":"mode","timeNs":[0-9]+,"mode":1.$)"));
-    }
-    EXPECT_EQ(counting->exitCode(kPatience), 0);
-    expectRuns(tool, {{"observe | head -n 1", 0, "{\"event\":\"observing\"}\n"}});
+    EXPECT_TRUE(has(watching->nextLine(kPatience).value_or(""), R"(,"mode":1})"));
+    expectRuns(tool, {{"observe | head -n 1", 0, "observing"}});
     controls.reset();
     EXPECT_EQ(watching->exitCode(kPatience), 3);
 }

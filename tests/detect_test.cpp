@@ -28,25 +28,10 @@ namespace {
 using camera::FrameSize;
 using camera::Rect;
 using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
-using vendor::zoru::zoruprovider::zoruprovider::V2_4::SceneControl;
-using vendor::zoru::zoruprovider::zoruprovider::V2_4::TrackingMode;
 
 constexpr FrameSize kPicture = {1280, 720};
 constexpr FrameSize kStream = {640, 360};
 constexpr Rect kAll = {0, 0, 1280, 720};
-
-/** For this a face is a light block above a dark one, so that tests need no photograph. */
-constexpr const char* kCascade = R"(<?xml version="1.0"?>
-<opencv_storage><cascade type_id="opencv-cascade-classifier">
-<stageType>BOOST</stageType><featureType>HAAR</featureType><height>24</height><width>24</width>
-<stageParams><maxWeakCount>1</maxWeakCount></stageParams>
-<featureParams><maxCatCount>0</maxCatCount></featureParams><stageNum>1</stageNum>
-<stages><_><maxWeakCount>1</maxWeakCount><stageThreshold>0.5</stageThreshold>
-<weakClassifiers><_><internalNodes>0 -1 0 1.05</internalNodes><leafValues>0. 1.</leafValues></_>
-</weakClassifiers></_></stages>
-<features><_><rects><_>0 0 24 24 -1.</_><_>0 0 24 12 2.</_></rects><tilted>0</tilted></_></features>
-</cascade></opencv_storage>
-)";
 
 /** A camera with a face in its picture, whose view is what the session has. */
 class DetectTest : public ClientToolFixture {
@@ -54,15 +39,12 @@ protected:
     DetectTest() {
         program = DETECT_TOOL;
         pauseUs = 10000;
-        std::ofstream(folder / "cascade") << kCascade;
-        std::string problem;
-        controls = control::ControlServer::listen(folder / "socket.control", session, {}, problem);
-        EXPECT_NE(controls, nullptr) << problem;
         fillBy([this](const CaptureRequest& request) { return shoot(request); });
     }
 
     int detect(const std::string& arguments, const std::string& before = "") {
-        return run("--cascade cascade --size 640x360 " + arguments, before);
+        return run("--cascade " TEST_DATA "/bright_over_dark.xml --size 640x360 " + arguments,
+                   before);
     }
     Rect wanted() const {
         SceneControl ptz = {};
@@ -101,15 +83,15 @@ protected:
         return lines;
     }
 
-    std::unique_ptr<control::ControlServer> controls;
+    std::string problem;
+    const std::unique_ptr<control::ControlServer> controls =
+        control::ControlServer::listen(folder / "socket.control", session, {}, problem);
     const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     Rect view;
     Rect face = {520, 280, 96, 96};
     std::atomic<bool> isMoving{false};
     std::atomic<bool> tells{true};
     std::atomic<bool> isTurned{false};
-    int framesOff = 0;
-    bool hasFollowedAgain = false;
 };
 
 /** The first face in a line's field; none when it is unknown or empty. */
@@ -123,42 +105,35 @@ Rect faceIn(const std::string& line, const std::string& field) {
 }  // namespace
 
 TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
-    const Rect half = {320, 180, 640, 360};
     SceneControl ptz = {};
     ptz.crops = std::vector<Crop>{{320, 180, 640, 360}};
     session->setPTZControl(ptz);
     for (const auto& [told, turned] : {std::pair(true, false), {true, true}, {false, false}}) {
         tells = told;
-        isTurned = turned;
+        isTurned = false;
+        after(10, [this, turned = turned] { isTurned = turned; });
         EXPECT_EQ(detect("--frames 40 --json json --png png"), 0) << read("err");
         const std::vector<std::string> seen = lines("detected");
         ASSERT_GE(seen.size(), 2U) << read("json");
         EXPECT_EQ(faceIn(seen[0], "faces").width, 0) << seen[0];  // from the second time on
-        const Rect found = faceIn(seen.back(), "faces");
-        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << seen.back();
-        const Rect place = camera::inPicture(found, kStream, half, turned);
-        EXPECT_EQ(faceIn(seen.back(), "faces_in_picture"), told ? place : Rect()) << seen.back();
-        EXPECT_EQ(has(seen.back(), "\"view\": [320, 180, 640, 360]"), told) << seen.back();
-        EXPECT_EQ(has(seen.back(), "\"camera_to_faces_ms\": null"), !told) << seen.back();
+        const std::string& last = seen.back();
+        const Rect found = faceIn(last, "faces");
+        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << last;
+        const Rect place = camera::inPicture(found, kStream, view, turned);
+        EXPECT_EQ(faceIn(last, "faces_in_picture"), told ? place : Rect()) << last;
+        EXPECT_EQ(has(last, "\"view\": [320, 180, 640, 360]"), told) << last;
+        EXPECT_EQ(has(last, "\"camera_to_faces_ms\": null"), !told) << last;
         EXPECT_EQ(lines("").size(), 40U);
-        const std::string number = seen.back().substr(10, seen.back().find(',') - 10);
-        EXPECT_TRUE(exists("png/frame-" + number + ".png")) << number;
+        int framesTurned = 0;
+        for (const std::string& line : lines("")) {
+            framesTurned += has(line, "\"turned\": true") ? 1 : 0;
+            // The first five after a turn may have been turned or not.
+            EXPECT_FALSE(framesTurned > 0 && framesTurned <= 5 &&
+                         has(line, "faces_in_picture\": ["))
+                << line;
+        }
+        EXPECT_TRUE(exists("png/frame-" + last.substr(10, last.find(',') - 10) + ".png")) << last;
         EXPECT_FALSE(has(read("json"), "{\"frame\": 0,"));
-    }
-}
-
-TEST_F(DetectTest, LeavesOutThePlacesOfTheFirstFramesAfterATurn) {
-    after(10, [this] { isTurned = true; });
-    EXPECT_EQ(detect("--frames 30 --json json"), 0);
-    const std::vector<std::string> all = lines("");
-    const auto turn = std::find_if(all.begin(), all.end(), [](const std::string& line) {
-        return has(line, "\"turned\": true");
-    });
-    ASSERT_GE(all.end() - turn, 7);
-    for (auto line = turn; line != turn + 7; ++line) {
-        EXPECT_TRUE(!has(*line, "detected") ||
-                    has(*line, "faces_in_picture\": null") == (line - turn < 5))
-            << *line;
     }
 }
 
@@ -169,20 +144,14 @@ TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
     const size_t skipped = lines("skipped").size();
     EXPECT_EQ(looked + skipped, 200U);
     EXPECT_GT(skipped, 2 * looked);  // the provider did not wait for the detector
-    EXPECT_TRUE(matches(read("out"), " 200 +" + std::to_string(skipped) + " +")) << read("out");
 }
 
 TEST_F(DetectTest, EndsAsItsDocumentsSay) {
-    EXPECT_EQ(run("--cascade nowhere"), 2);
-    EXPECT_TRUE(has(read("err"), "nowhere: No such file")) << read("err");
-    for (const char* wrong : {"--cascade socket", "--json - --y4m -", "--buffers 2"})
+    for (const char* wrong : {"--cascade nowhere", "--cascade socket", "--json - --y4m -"})
         EXPECT_EQ(run(wrong), 2) << wrong;
-    EXPECT_EQ(run("--help"), 0);
-    EXPECT_FALSE(matches(read("out"), "[^\n]{81}")) << read("out");
-    tells = false;
-    detect("--y4m -; echo $? >code; } | head -c 3000000 >y4m", "{");
+    detect("--y4m -; echo $? >code; } | head -c 300 >y4m", "{");
     EXPECT_EQ(read("code"), "0\n");
-    EXPECT_EQ(read("y4m").rfind("YUV4MPEG2 W640 H360 F25:1 ", 0), 0U);
+    EXPECT_EQ(read("y4m").rfind("YUV4MPEG2 W640 H360 F", 0), 0U);
     after(5, [this] { EXPECT_TRUE(client->setCallback(callback).isOk()); });
     EXPECT_EQ(detect(""), 4);
     after(5, [this] { server.reset(); });
@@ -192,63 +161,41 @@ TEST_F(DetectTest, EndsAsItsDocumentsSay) {
 TEST_F(DetectTest, OutlinesFacesInATerminal) {
     detect("--watch --frames 30' /dev/null </dev/null",
            "script -qec 'stty rows 24 cols 40; TERM=xterm COLORTERM=truecolor");
-    std::istringstream shown(read("out"));
-    int boxed = 0;
-    for (std::string text; std::getline(shown, text, 'H');) {  // the cursor goes back by it
-        if (has(text, "faces     1")) ++boxed;
-        EXPECT_EQ(has(text, "8;2;90;220;90m"), has(text, "faces     1"));
-    }
-    EXPECT_GT(boxed, 0);
+    EXPECT_TRUE(has(read("out"), "faces     1") && has(read("out"), "8;2;90;220;90m"));
 }
 
-TEST_F(DetectTest, FollowsAFaceAndEndsWithModeOff) {
-    // Takes three seconds: the view takes its time, and the face goes on.
+TEST_F(DetectTest, FollowsAFaceWhileTheModeIsNotOffAndIsTheOnlyOne) {
+    // Takes four seconds: the view takes its time, and the face goes on.
     isMoving = true;
     SceneControl scene = {};
-    after(300, [&] {
-        EXPECT_TRUE(view.x <= face.x && view.x + view.width >= face.x + face.width) << view.x;
-        EXPECT_LT(view.width, 600);
-        EXPECT_EQ(session->getTrackingMode(), TrackingMode::GROUP);
-        session->getSceneControl(scene);
-        EXPECT_EQ(scene.crops.size(), 1U);
-        for (const Crop& crop : scene.crops)
-            EXPECT_GT(camera::overlap(placeOf(crop), face), 0.1);
-        EXPECT_EQ(session->getPeopleCount(), 1);
-        kill(tool, SIGTERM);
-    });
-    EXPECT_EQ(detect("--follow"), 0) << read("err");
-    session->getSceneControl(scene);
-    EXPECT_TRUE(scene.crops.size() == 0 && wanted() == kAll);
-    EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
-    EXPECT_EQ(session->getPeopleCount(), 0);
-}
-
-TEST_F(DetectTest, SendsNothingWhileTheModeIsOffAndIsTheOnlyFollower) {
-    // Takes over a second: the view moves as slowly as it may.
-    after(60, [this] {
-        EXPECT_NE(wanted(), kAll);
-        expectRuns(DETECT_TOOL " --socket " + folder / "socket",
-                   {{"--follow", 1, "the view cannot follow: "}});
-        session->setTrackingMode(TrackingMode::OFF);
-    });
-    fillBy([this](const CaptureRequest& request) {
-        const bool isOff = session->getTrackingMode() == TrackingMode::OFF;
-        if (isOff && framesOff++ == 30) {
+    pid_t first = 0;
+    int frame = 0;
+    fillBy([&](const CaptureRequest& request) {
+        if (++frame == 1) first = tool;
+        if (frame == 60) {
+            EXPECT_NE(wanted(), kAll);
+            expectRuns(DETECT_TOOL " --socket " + folder / "socket",
+                       {{"--follow", 1, "the view cannot follow: "}});
+            session->setTrackingMode(TrackingMode::OFF);
+        }
+        if (frame == 90) {
             EXPECT_EQ(wanted(), kAll);
             session->setTrackingMode(TrackingMode::SPEAKER);
         }
-        hasFollowedAgain = hasFollowedAgain || (framesOff > 30 && wanted() != kAll);
+        if (frame == 390) {
+            EXPECT_TRUE(view.x <= face.x && view.x + view.width >= face.x + face.width) << view.x;
+            EXPECT_LT(view.width, 600);
+            session->getSceneControl(scene);
+            EXPECT_TRUE(scene.crops.size() == 1 && scene.peopleCount == 1);
+            EXPECT_GT(camera::overlap(placeOf(scene.crops[0]), face), 0.1);
+            kill(first, SIGTERM);
+        }
         return shoot(request);
     });
-    EXPECT_EQ(detect("--follow --frames 180"), 0) << read("err");
-    EXPECT_EQ(framesOff, 31);
-    EXPECT_TRUE(hasFollowedAgain);
-}
-
-TEST_F(DetectTest, SaysOnceThatItIsNotToldWhatItNeedsToFollow) {
-    after(10, [this] { tells = false; });
-    EXPECT_EQ(detect("--follow --frames 100"), 0) << read("err");
-    EXPECT_TRUE(matches(read("err"), "^[^\n]*does not tell[^\n]*\n$")) << read("err");
+    EXPECT_EQ(detect("--follow --frames 0"), 0) << read("err");
+    session->getSceneControl(scene);
+    EXPECT_TRUE(scene.crops.size() == 0 && scene.peopleCount == 0 && wanted() == kAll);
+    EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
 }
 
 }  // namespace testing_support

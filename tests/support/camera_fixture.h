@@ -1,11 +1,8 @@
 #pragma once
 
-#include <atomic>
 #include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "source/camera.h"
@@ -25,9 +22,6 @@ protected:
     CameraFixture() {
         for (int i = 0; i < 64; ++i)
             mBuffers.push_back(allocate(64, 48));
-        callback->during = [this] {
-            if (const auto once = std::atomic_exchange(&mNextCall, {})) (*once)();
-        };
         configureAnew();
     }
     ~CameraFixture() override {
@@ -37,6 +31,16 @@ protected:
 
     void configureAnew() const {
         EXPECT_EQ(session->handleConfigure(configurationOf(0, 64, 48)), 0);
+    }
+    /** So many greys, by an expression with their number N, 25 a second, made by FFmpeg's program.
+     */
+    void writeClip(const std::string& file, const std::string& luma, int frames,
+                   const std::string& encoder, const std::string& size = "64x48") const {
+        const Output made =
+            runShell("ffmpeg -v error -y -f lavfi -i 'nullsrc=s=" + size + ":r=25,geq=" + luma +
+                     ":128:128' -frames:v " + std::to_string(frames) + " -q:v 2 -c:v " + encoder +
+                     " " + folder / file);
+        ASSERT_EQ(made.exitCode, 0) << made.text;
     }
     /** A file in the fixture's folder, unless told otherwise without a pace. */
     camera::SourceOptions sourceOf(const std::string& name, double fps = 0) const {
@@ -72,10 +76,6 @@ protected:
         ask();
         return answer(mAsked - 1);
     }
-    /** Runs this inside the next call to the client. */
-    void atNextCall(std::function<void()> what) {
-        std::atomic_store(&mNextCall, std::make_shared<std::function<void()>>(std::move(what)));
-    }
 
     const kit::TemporaryFolder folder;
     std::unique_ptr<camera::Camera> source;
@@ -83,7 +83,6 @@ protected:
 private:
     std::vector<host::Buffer> mBuffers;
     uint32_t mAsked = 0;
-    std::shared_ptr<std::function<void()>> mNextCall;
 };
 
 }  // namespace testing_support

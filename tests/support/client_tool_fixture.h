@@ -5,11 +5,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "ZoruUtil.h"
@@ -24,18 +25,11 @@ namespace testing_support {
 /** A client program, against a provider in this process. */
 class ClientToolFixture : public SessionFixture {
 protected:
-    ClientToolFixture() {
-        listen();
-        mProvider = std::thread([this] {
-            while (!mEnd) {
-                if (!provideOne()) usleep(100);
-            }
-        });
-    }
+    ClientToolFixture() { listen(); }
     /** Before what a test's filling uses goes. */
     void TearDown() override {
         mEnd = true;
-        mProvider.join();
+        mProvider.get();
         server.reset();
     }
 
@@ -44,7 +38,6 @@ protected:
         events.came = [this](pid_t process) { tool = process; };
         std::string problem;
         server = host::Server::listen(folder / "socket", client, problem, events);
-        EXPECT_NE(server, nullptr) << problem;
     }
     /** From now on buffers are filled so, on the provider's thread, and come back with its status.
      */
@@ -52,11 +45,13 @@ protected:
         const std::lock_guard<std::mutex> lock(mMutex);
         mFill = std::move(filling);
     }
-    /** Runs this on the provider's thread when so many frames have been served, inside a run(). */
-    void after(int frames, std::function<void()> what) {
+    /** Runs this on the provider's thread when so many frames have been filled, inside a run(). */
+    void after(int frames, const std::function<void()>& what) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mEvent = std::move(what);
-        mEventAfter = served + frames;
+        mFill = [filling = mFill, left = frames, what](const CaptureRequest& request) mutable {
+            if (left-- == 0) what();
+            return filling(request);
+        };
     }
     /** The exit code of the program with these arguments, after these words of the shell. */
     int run(const std::string& arguments, const std::string& before = "") const {
@@ -69,50 +64,44 @@ protected:
     }
     /** A file of the program's folder, where "out" and "err" are what it printed. */
     std::string read(const std::string& name) const { return contentOf(folder / name); }
-    bool exists(const std::string& name) const {
-        return access((folder / name).c_str(), F_OK) == 0;
+    bool exists(const std::string& name) const { return std::filesystem::exists(folder / name); }
+    /** With bytes of which the first is the frame's number. */
+    BufferStatus fill(const CaptureRequest& request) {
+        mFrame[0] = static_cast<uint8_t>(request.frameNumber);
+        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
+        return BufferStatus::OK;
     }
 
     const kit::TemporaryFolder folder;
     std::unique_ptr<host::Server> server;
     std::atomic<pid_t> tool{0};
-    std::atomic<int> served{0};
     std::atomic<useconds_t> pauseUs{0};
     std::string program = CLIENT_TOOL;
 
 private:
-    /** Sends what an earlier client had asked for, and then what this one did. */
     bool provideOne() {
         CaptureRequest request = {};
         if (session->getProcessCaptureRequest(request) != 0) return false;
-        CaptureResult result = resultFor(request);
-        result.outputBuffers[0].bufferId = 5;
-        session->sendCaptureResult(result);
-        result = resultFor(request);
         {
             const std::lock_guard<std::mutex> lock(mMutex);
-            result.outputBuffers[0].status = fill(request);
+            CaptureResult result = resultFor(request);
+            result.outputBuffers[0].status = mFill(request);
             session->sendCaptureResult(result);
-            if (++served == mEventAfter) mEvent();
         }
         usleep(pauseUs);
         return true;
     }
 
-    BufferStatus fill(const CaptureRequest& request) {
-        if (mFill) return mFill(request);
-        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-        return BufferStatus::OK;
-    }
-
-    kit::Frame mFrame = kit::Frame(kit::kFrameBytes, 7);
+    kit::Frame mFrame = kit::patternOf(kit::kClipSize);
     mutable std::mutex mMutex;
     // Guarded by mMutex.
-    int mEventAfter = -1;
-    std::function<void()> mEvent;
-    std::function<BufferStatus(const CaptureRequest&)> mFill;
+    std::function<BufferStatus(const CaptureRequest&)> mFill =
+        [this](const CaptureRequest& request) { return fill(request); };
     std::atomic<bool> mEnd{false};
-    std::thread mProvider;
+    std::future<void> mProvider = std::async(std::launch::async, [this] {
+        while (!mEnd)
+            if (!provideOne()) usleep(100);
+    });
 };
 
 }  // namespace testing_support
