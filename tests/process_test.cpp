@@ -92,7 +92,7 @@ TEST(UnloadDeathTest, ExitsWithALiveSessionInOrderOrSaysWhyNot) {
     expectExit(
         "on the monitor", 1, "", [](FDSession&) { pause(); }, [] { exit(0); });
     expectExit("in an operation with the lock", 1, "", [](FDSession& session) {
-        Observer observer(session);
+        Observer observer;
         observer.inside = [] {
             std::this_thread::sleep_for(std::chrono::milliseconds(60));  // the monitor wants it
             exit(0);
