@@ -12,7 +12,8 @@ namespace testing_support {
 using product::FDSession;
 
 const std::array<Subject::Kind, 21> Subject::kKinds = {{
-    // The client's. Callback 0 is none, 3 is the last one once more.
+    // The client's. Callback 0 is none, 3 is the last one once more. With these two, in this order,
+    // most sequences begin.
     {"SetCallback", 4, [](Subject& s, const Args& args) { s.setCallback(args[0] % 4); }},
     {"Configure", 6,
      [](Subject& s, const Args& args) {
