@@ -78,7 +78,7 @@ protected:
 TEST_F(FrameSourceTest, LivesFromItsFirstPassToItsLastWhoeverHoldsIt) {
     PauseGate gate;
     auto* const made = new FDSessionTest;
-    EXPECT_TRUE(gate.waitUntilPausing());
+    ASSERT_TRUE(gate.waitUntilPausing());
     EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
     source = made;
     ASSERT_TRUE(gate.passOnce());

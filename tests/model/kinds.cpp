@@ -9,16 +9,15 @@
 
 namespace testing_support {
 
-using product::FDSession;
-
 const std::array<Subject::Kind, 21> Subject::kKinds = {{
-    // The client's. Callback 0 is none, 3 is the last one once more.
+    // The client's. Callback 0 is none, 3 is the last one once more. With these two, in this order,
+    // most sequences begin.
     {"SetCallback", 4, [](Subject& s, const Args& args) { s.setCallback(args[0] % 4); }},
     {"Configure", 6,
      [](Subject& s, const Args& args) {
          s.say(words("configure", product::Status(s.client().configure(configurationOf(args)))));
      }},
-    {"Submit", 30, [](Subject& s, const Args& args) { s.submit(recordOf<product::CaptureRequest>(args, s.mFiles)); }},
+    {"Submit", 30, [](Subject& s, const Args& args) { s.submit(args); }},
     // The provider's, who keeps what it takes, three requests, and two buffers.
     {"Take", 10,
      [](Subject& s, const Args&) {
@@ -38,7 +37,10 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
          s.mHeld.push_back(std::move(found));
          if (s.mHeld.size() > 2) s.mHeld.pop_front();
      }},
-    {"SendResult", 6, [](Subject& s, const Args& args) { s.send(recordOf<product::CaptureResult>(args, s.mFiles)); }},
+    {"SendResult", 6,
+     [](Subject& s, const Args& args) {
+         s.send(recordOf<product::CaptureResult>(args, s.mFiles));
+     }},
     {"AnswerTaken", 10,
      [](Subject& s, const Args& args) {
          if (s.mTaken.empty()) return;
@@ -117,14 +119,15 @@ void Subject::read() {
         return inWords(mFiles, record);
     };
     say(words("reads", answer, inWords(mFiles, configuration),
-              got(product::SceneControl(), &FDSession::getSceneControl),
-              got(product::SceneControl(), &FDSession::getPTZControl),
-              got(product::TrackControl(), &FDSession::getTrackControl),
+              got(product::SceneControl(), &product::FDSession::getSceneControl),
+              got(product::SceneControl(), &product::FDSession::getPTZControl),
+              got(product::TrackControl(), &product::FDSession::getTrackControl),
               session().getTrackingMode(), session().getPeopleCount(),
               session().isCaptureRequestReady()));
 }
 
-void Subject::submit(const product::CaptureRequest& request) {
+void Subject::submit(const Args& args) {
+    const auto request = recordOf<product::CaptureRequest>(args, mFiles);
     say(words("processCaptureRequest", product::Status(client().processCaptureRequest(request))));
 }
 

@@ -13,8 +13,6 @@ namespace testing_support {
 
 namespace {
 
-constexpr size_t kMostOperations = 60;
-
 /** The session itself, whose thread's start is refused: the passes are made here, on one thread. */
 class SessionDriver : public Subject {
 public:
@@ -76,7 +74,7 @@ Sequence sequenceOf(uint64_t seed) {
 }
 
 Sequence sequenceFrom(const uint8_t* data, size_t size) {
-    Sequence sequence(std::min(size / sizeof(Operation), kMostOperations));
+    Sequence sequence(std::min(size / sizeof(Operation), size_t{60}));
     for (Operation& operation : sequence) {
         operation.kind = kindAt(data[0]);
         std::copy_n(data + 1, operation.args.size(), operation.args.begin());

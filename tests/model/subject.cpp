@@ -109,7 +109,7 @@ Events Subject::end() {
 Events Subject::seen(const std::function<void()>& operation) {
     const host::ScopedLogSink scope(*this);
     enterWorld();
-    mFewDuplicates.limitTo(std::exchange(mDuplicates, kNoLimit));
+    mFewDuplicates.limitTo(std::exchange(mDuplicates, -1));
     const int descriptors = openDescriptors();
     const host::MapperCounters before = host::mapperCounters();
     operation();

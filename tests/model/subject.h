@@ -71,7 +71,6 @@ protected:
 private:
     class Client;
     class Observer;
-    static constexpr int kNoLimit = -1;
 
     void write(const host::LogLine& line) override;
     /** What an operation does, and what else can be seen of that. */
@@ -82,7 +81,7 @@ private:
     /** Says all that can be read of the session. */
     void read();
     void setCallback(int choice);
-    void submit(const product::CaptureRequest& request);
+    void submit(const Args& args);
     void send(const product::CaptureResult& result);
 
     Events mEvents;
@@ -91,8 +90,8 @@ private:
     // The world.
     WallClock mClock;
     FewDuplicates mFewDuplicates;
-    int mDuplicates = kNoLimit;  // that can be made in the next step
-    std::string mMapped;         // what the importer asked the mapper for, in order
+    int mDuplicates = -1;  // that can be made in the next step; below 0 without a limit
+    std::string mMapped;   // what the importer asked the mapper for, in order
 
     // The users.
     int mCallbacksMade = 0;
