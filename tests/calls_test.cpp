@@ -133,6 +133,7 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     // in it, so that a wait that began anew would end long after it.
     HeldChannel channel;
     HeldChannel dying;
+    HeldChannel unanswered;
     HeldChannel handedOver(host::Peer::CLIENT);
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
@@ -156,6 +157,7 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
         begin(channel, method, method < 3 ? 8 : 10, method < 3 ? "" : late);
         begin(dying, method, 0, (method == 1 ? "'FAILED_TRANSACTION: " : "'DEAD_OBJECT: ") + none);
     }
+    begin(unanswered, 1, 10, late);
     begin(handedOver, 1, 10, late);
     dying.peer.send({});  // which all that wait hear of at once
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);

@@ -142,9 +142,7 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
     EXPECT_EQ(told->died.get_future().get(), (std::pair<uint64_t, bool>{42, true}));
     host::failNextThreadStart();
     EXPECT_FALSE(bool(remote->linkToDeath(told, 43)));
-    const Return<Status> answer = remote->configure(configurationOf(0));
-    EXPECT_FALSE(answer.isOk());
-    EXPECT_EQ(answer.description(),
+    EXPECT_EQ(refusalOf(requestFor(1, 1)),
               "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the peer has closed the connection'");
 }
 
