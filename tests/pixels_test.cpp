@@ -26,7 +26,6 @@ using Bytes = kit::Frame;
 using kit::FrameSize;
 
 constexpr int kMost = 130;
-constexpr int kPaddings[] = {0, 1, 65};
 const int kHeightStep = isSlow() ? 13 : 1;
 
 /** Writes a frame into the first rows of a buffer. */
@@ -134,7 +133,7 @@ struct PixelsTest : public testing::TestWithParam<bool> {
 
 TEST_P(PixelsTest, AreCopiedAndTurnedAndAppendedWithinTheirBounds) {
     for (int width = 1; width <= kMost; ++width) {
-        for (const int padding : kPaddings) {
+        for (const int padding : {0, 1, 65}) {
             const host::Buffer target = bufferOf({width, kMost}, padding, 66 - padding, isCrFirst);
             const host::Buffer image = bufferOf({width, kMost}, padding, 66 - padding, isCrFirst);
             for (int height = 1; height <= kMost; height += kHeightStep) {

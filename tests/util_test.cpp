@@ -26,10 +26,6 @@ namespace {
 
 constexpr int kBytes = 6144;  // of 64 x 64: more than a stream reads ahead
 
-void write(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
-
 struct UtilTest : public testing::Test {
     Lines said() { return log.take("zoruutil"); }
     void fails(int result, const std::string& line) {
@@ -149,14 +145,14 @@ TEST_F(UtilTest, PlaysOnWhenItsFileWasNotThereOrHasShrunk) {
         folder.path().string() + std::string(255 - path.size(), '/') + "/frames";
     YUVFile later((kept + std::string(45, 'x')).c_str(), 2, 2);
     EXPECT_EQ(later.getFrame(), nullptr);
-    write(path, "123456");
+    std::ofstream(path) << "123456";
     EXPECT_NE(later.getFrame(), nullptr);
     EXPECT_EQ(said(),
               Lines{"E file " + kept + " open failed, error - No such file or directory \n"});
 
     const std::string frames = std::string(kBytes, 'a') + std::string(kBytes, 'b');
     for (size_t left = 0; left <= frames.size(); left += 1024) {
-        write(path, frames);
+        std::ofstream(path) << frames;
         YUVFile file(path.c_str(), 64, 64);
         EXPECT_NE(file.getFrame(), nullptr);
         std::filesystem::resize_file(path, left);
@@ -166,7 +162,7 @@ TEST_F(UtilTest, PlaysOnWhenItsFileWasNotThereOrHasShrunk) {
         EXPECT_EQ(said().size(), left < kBytes ? 1U : 0U) << left;
         EXPECT_EQ(played != nullptr, left >= kBytes) << left;
         EXPECT_TRUE(played == nullptr || std::count(played, played + kBytes, *played) == kBytes);
-        write(path, frames);
+        std::ofstream(path) << frames;
         EXPECT_NE(file.getFrame(), nullptr) << left;
     }
 }
