@@ -63,7 +63,10 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
           "E source is smaller: width(8) height(2), not width(8) height(4) \n");
     const sp<GraphicBuffer> wide = bufferOf(8, 4, 4);
     android_ycbcr at = {};
-    EXPECT_EQ(wide->lockYCbCr(0x33, &at) + wide->unlock(), 0);
+    EXPECT_EQ(wide->lockYCbCr(0x33, &at), 0);
+    EXPECT_EQ(closed->lockYCbCr(0, &at), 3);  // leaves the record alone
+    EXPECT_EQ(wide->unlock(), 0);
+    EXPECT_EQ(wide->unlock(), 0);  // the mapper refuses, and nobody is told
     std::ostringstream line;
     line << "E  unhanlded buffer format: y(" << at.y << ") cb(" << at.cb << ") cr(" << at.cr
          << ") ystride(8) cstride(16) chroma_step(4) \n";
@@ -83,10 +86,10 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     EXPECT_EQ(ZoruUtil::copy(good, good), 0);
     host::failNextUnlock(-8);
     EXPECT_EQ(ZoruUtil::copy(good, frame), 0);
-    // No buffer stays locked, and none is unlocked in vain.
+    // No buffer stays locked, and none but the one above is unlocked in vain.
     const host::MapperCounters now = host::mapperCounters();
     EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks);
-    EXPECT_EQ(now.refusals - before.refusals, 5);
+    EXPECT_EQ(now.refusals - before.refusals, 5 + 2);
 }
 
 TEST_F(UtilTest, TellsWhyNothingWasWritten) {
