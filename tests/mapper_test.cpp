@@ -135,11 +135,13 @@ TEST_P(ImporterTest, ImportsLocksAndFreesAndTurnsFencesIntoDescriptors) {
     EXPECT_EQ(std::pair(scope.asked3(), scope.asked2()), std::pair(1, GetParam() ? 0 : 1));
 
     const std::string bad = "E operator(): bad release fence ";
+    const std::string many = "E invalid fence handle with ";
     const std::tuple<int, int, int, Lines> rows[] = {
         {1, 0, STDERR_FILENO, {}},
         {1, 1, STDERR_FILENO, {bad + "numInts 1 numFds 1"}},
         {1, 0, -7, {"E failed to dup fence fd -7", bad + "FD -1"}},
-        {2, 0, 2, {"E invalid fence handle with 2 file descriptors", bad + "numInts 0 numFds 2"}}};
+        {-1, 0, 2, {many + "-1 file descriptors", bad + "numInts 0 numFds -1"}},
+        {2, 0, 2, {many + "2 file descriptors", bad + "numInts 0 numFds 2"}}};
     spy.releaseFence.setTo(fence);
     for (const auto& [descriptors, integers, descriptor, lines] : rows) {
         std::tie(fence->numFds, fence->numInts) = std::tuple(descriptors, integers);
@@ -158,6 +160,10 @@ TEST_P(ImporterTest, ImportsLocksAndFreesAndTurnsFencesIntoDescriptors) {
         importer.lock(handle, 3, 64);
     }
     importer.freeBuffer(handle);
+    const int input = dup(STDIN_FILENO);
+    importer.closeFence(STDIN_FILENO);
+    EXPECT_EQ(dup(input), STDIN_FILENO);  // the lowest one that is free
+    close(input);
 }
 
 TEST_P(ImporterTest, TellsHowACallOfTheMapperFailedInsideWhichItIsLocked) {
