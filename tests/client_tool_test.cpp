@@ -127,7 +127,7 @@ TEST_F(ClientToolTest, KeepsTheStandardOutputForWhatIsToGoThere) {
     EXPECT_TRUE(has(read("err"), "delivered"));
 }
 
-TEST_F(ClientToolTest, HasThePlanesTheRateAndTheLastFrameForOneThatIsMissing) {
+TEST_F(ClientToolTest, WritesY4mWithTheRateAndTheLastFrameForOneThatIsMissing) {
     constexpr size_t kLuma = 35 * 23;
     constexpr size_t kChroma = 18 * 12;
     fillBy([this](const CaptureRequest& request) {
