@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <random>
@@ -80,11 +81,23 @@ TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
         "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
         {{"--input nix.mp4", 2, "nix.mp4 cannot be played: No such file or directory"},
          {"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
-         {"--input text.mp4 --format nix", 2, "FFmpeg has no format \"nix\" here"},
-         {"--input sine --format lavfi", 2, "it has no pictures"},
          {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
-         {"--input raw.yuv --fps 3", 2, "are for what is no raw clip"},
          {"--input /dev/video0 --camera 4x4@nan", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
+}
+
+TEST_F(CameraToolTest, EndsWhenARawClipIsCutShortAndComparesWithIt) {
+    const std::string clip = folder / "it's.yuv";
+    const std::string socket = folder / "socket";
+    std::ofstream(clip) << std::string(2 * kit::kFrameBytes, 'a');
+    const auto playing =
+        startShell("exec " PROVIDER_TOOL " --socket " + socket + " --input \"" + clip + "\"");
+    EXPECT_EQ(playing->nextLine(kPatience), "listening on " + socket);
+    expectRuns(
+        "tr a b <\"" + clip + "\" | " CLIENT_TOOL " --frames 3 --compare - --socket " + socket,
+        {{"", 1, "is none of the file's frames"}});
+    std::filesystem::resize_file(clip, kit::kFrameBytes);
+    EXPECT_TRUE(has(playing->rest(kPatience), " has become shorter while it was played\n"));
+    EXPECT_EQ(playing->exitCode(kPatience), 1);
 }
 
 TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {

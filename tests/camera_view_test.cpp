@@ -166,14 +166,4 @@ TEST(CameraFollowTest, MapsFacesByTheViewAndTheTurnAndBack) {
     EXPECT_EQ(camera::inPicture({1, 1, 1, 1}, frame, view, false), (Rect{100, 50, 1, 1}));
 }
 
-TEST(CameraFollowTest, CountsAFaceFromItsSecondDetectionInARow) {
-    camera::SteadyFaces steady;
-    const Rect face = {0, 0, 100, 100};
-    EXPECT_EQ(steady.counting({face}), std::vector<bool>{false});
-    const std::vector<Rect> next = {{0, 53, 100, 100}, {0, 54, 100, 100}, {200, 0, 10, 10}};
-    EXPECT_EQ(steady.counting(next), (std::vector<bool>{true, false, false}));
-    EXPECT_EQ(steady.counting({}), std::vector<bool>{});
-    EXPECT_EQ(steady.counting({face}), std::vector<bool>{false});  // not in a row
-}
-
 }  // namespace testing_support

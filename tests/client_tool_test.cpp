@@ -1,5 +1,5 @@
 // The client program: its way from its start to its end, whatever its provider and others do, and
-// what it writes, and where to; and the raw clips that are played and compared with.
+// what it writes, and where to.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,13 +7,10 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <memory>
 #include <string>
 
 #include "host/channel.h"
-#include "nv12_file.h"
 #include "support/client_tool_fixture.h"
 #include "view/announcements.h"
 
@@ -21,34 +18,8 @@ namespace testing_support {
 
 namespace {
 
-using namespace std::string_literals;
 using kit::kFrameBytes;
-using tools::Nv12File;
 using ClientToolTest = ClientToolFixture;
-
-/** Of programs only, with a raw clip of two frames. */
-struct ToolsTest : SessionFixture {
-    ToolsTest() { write(2 * kFrameBytes); }
-
-    /** So many bytes, of which the first are given. */
-    void write(size_t size, std::string content = "") const {
-        for (size_t index = content.size(); index < size; ++index)
-            content += static_cast<char>(index % 251);
-        std::ofstream(clip, std::ios::binary) << content;
-    }
-    std::unique_ptr<kit::ChildProcess> provide(const std::string& arguments = "") const {
-        auto program = startShell("exec " PROVIDER_TOOL " --socket " + socket + " " + arguments);
-        EXPECT_EQ(program->nextLine(kPatience), "listening on " + socket);
-        return program;
-    }
-
-    const kit::TemporaryFolder folder;
-    const std::string clip = folder / "it's.yuv";
-    const std::string quoted = "\"" + clip + "\"";
-    const std::string socket = folder / "socket";
-    const std::string tool = CLIENT_TOOL " --socket " + socket;
-    std::string problem;
-};
 
 }  // namespace
 
@@ -121,12 +92,6 @@ TEST_F(ClientToolTest, SaysInOneSentenceWhatIsWrong) {
     EXPECT_TRUE(exists("raw.part") && !exists("raw"));
 }
 
-TEST_F(ClientToolTest, KeepsTheStandardOutputForWhatIsToGoThere) {
-    EXPECT_EQ(run("--frames 3 --raw -"), 0) << read("err");
-    EXPECT_EQ(read("out").size(), 3 * kFrameBytes);
-    EXPECT_TRUE(has(read("err"), "delivered"));
-}
-
 TEST_F(ClientToolTest, WritesY4mWithTheRateAndTheLastFrameForOneThatIsMissing) {
     constexpr size_t kLuma = 35 * 23;
     constexpr size_t kChroma = 18 * 12;
@@ -146,33 +111,6 @@ TEST_F(ClientToolTest, WritesY4mWithTheRateAndTheLastFrameForOneThatIsMissing) {
             expected += packed[kLuma + (i < kChroma ? 2 * i : 2 * (i - kChroma) + 1)];
     }
     EXPECT_TRUE(read("y4m") == expected) << read("y4m").substr(0, 70);
-}
-
-TEST_F(ToolsTest, RefuseWhatIsNoWholeNumberOfRawFrames) {
-    write(kFrameBytes + 1);
-    EXPECT_TRUE(Nv12File::open(clip, problem, true));
-    EXPECT_FALSE(Nv12File::open(clip, problem));
-    EXPECT_TRUE(has(problem, "leaves out the 1 at its end")) << problem;
-    write(kFrameBytes - 1);
-    EXPECT_FALSE(Nv12File::open(clip, problem, true));
-    write(kFrameBytes, "\0\0\0\x20"s + "ftypisom");
-    EXPECT_FALSE(Nv12File::open(clip, problem));
-    EXPECT_TRUE(has(problem, "/it'\\''s.yuv' -f rawvideo")) << problem;
-}
-
-TEST_F(ToolsTest, PlayAndCompareFromAPipe) {
-    const auto playing = provide("--input - --partial <" + quoted);
-    EXPECT_TRUE(has(*playing->nextLine(kPatience), "standard input is played as NV12"));
-    const std::string compare = " | " + tool + " --frames 3 --compare -";
-    expectRuns("cat " + quoted,
-               {{compare, 0, ""}, {"| tr a b" + compare, 1, "is none of the file's frames"}});
-}
-
-TEST_F(ToolsTest, EndWhenTheClipIsCutShort) {
-    const auto playing = provide("--input " + quoted);
-    std::filesystem::resize_file(clip, kFrameBytes);
-    EXPECT_TRUE(has(playing->rest(kPatience), " has become shorter while it was played\n"));
-    EXPECT_EQ(playing->exitCode(kPatience), 1);
 }
 
 }  // namespace testing_support

@@ -1,5 +1,4 @@
-// What everything leans on: the platform's log, properties, threads and reference counts, and what
-// the tests find hangs with.
+// What everything leans on: the platform's log, properties, threads and reference counts.
 
 #include <android/log.h>
 #include <cutils/properties.h>
@@ -11,7 +10,6 @@
 
 #include <array>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
@@ -106,15 +104,6 @@ TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {
         }
     }
     host::clearProperty(kKey);
-}
-
-TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
-    const auto stop = [](size_t round) {
-        if (round == 3) pause();
-    };
-    EXPECT_DEATH(
-        race({{"stuck", stop}, {"quick", [](size_t) {}}}, 5, std::chrono::milliseconds(500)),
-        "watchdog ends .*: stuck after 3; quick after 5; ");
 }
 
 TEST(ThreadTest, RunsStopsAndRunsAgain) {
