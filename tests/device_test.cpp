@@ -131,11 +131,6 @@ TEST_F(DeviceTest, StoresControlsAndPutsTheViewBack) {
     scene.peopleCount = 3;
     session->setSceneControl(scene);
     EXPECT_EQ(session->getPeopleCount(), 3);
-    TrackControl track = {};
-    track.zoom = 1.5F;
-    session->setTrackControl(track);
-    session->getTrackControl(track = {});
-    EXPECT_EQ(track.zoom, 1.5F);
     session->setTrackingMode(TrackingMode::GROUP);
     session->setPTZControl(scene);
     session->setTrackingMode(TrackingMode::OFF);
