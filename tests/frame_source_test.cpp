@@ -76,12 +76,14 @@ protected:
 };
 
 TEST_F(FrameSourceTest, LivesFromItsFirstPassToItsLastWhoeverHoldsIt) {
-    PauseGate gate;
+    Gate gate;
+    const InsteadOfPause pause([&gate] { gate.hold(); });
     auto* const made = new FDSessionTest;
-    ASSERT_TRUE(gate.waitUntilPausing());
+    EXPECT_TRUE(gate.waitUntilHeld(1));
     EXPECT_EQ(made->getStrongCount(), 1);  // the thread's own, kept by the pause
     source = made;
-    ASSERT_TRUE(gate.passOnce());
+    gate.letGo(1);
+    EXPECT_TRUE(gate.waitUntilHeld(2));
     source->requestExit();
     source.clear();  // the thread drops the last reference, and the object dies on it
     gate.open();

@@ -60,12 +60,6 @@ void Gate::letGo(int count) {
     mChanged.notify_all();
 }
 
-bool PauseGate::passOnce() {
-    if (!waitUntilPausing()) return false;
-    letGo(mLetGo + 1);
-    return waitUntilPausing();
-}
-
 }  // namespace testing_support
 
 using namespace testing_support;  // NOLINT: what the functions below do

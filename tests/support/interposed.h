@@ -84,31 +84,21 @@ struct FileWatch : DuringFileCall {
     FileWatch(int fd, Watching calls, std::function<void()> during);
 };
 
-/** Holds threads up. */
+/** Holds threads up, for good until they are let go of. */
 class Gate {
 public:
     void hold();
     /** Waits until so many have come, all since the beginning; false after 10 s. */
     bool waitUntilHeld(int count);
+    /** Those that came first, so many, and from now on. */
     void letGo(int count);
     void open() { letGo(INT_MAX); }
 
-protected:
+private:
     std::mutex mMutex;
     std::condition_variable mChanged;
     int mHeld = 0;   // guarded by mMutex
     int mLetGo = 0;  // guarded by mMutex
-};
-
-/** Holds the frame source in its pause. For one thread at a time. */
-struct PauseGate : Gate {
-    ~PauseGate() { open(); }
-
-    bool waitUntilPausing() { return waitUntilHeld(mLetGo + 1); }
-    /** Lets one pause go by and waits until the next; false after 10 s. */
-    bool passOnce();
-
-    const InsteadOfPause mPause{[this] { hold(); }};
 };
 
 /** Steps the wall clock, or stops it. */
@@ -125,11 +115,10 @@ struct WallClock {
 
 /** Lets duplicating a descriptor fail, once told to. */
 struct FewDuplicates {
-    ~FewDuplicates() { lift(); }
+    ~FewDuplicates() { sLeft = INT64_MAX; }
 
     /** So many duplicates can be made from now on; then there are no descriptors left. */
     void limitTo(int64_t count) { sLeft = count; }
-    void lift() { sLeft = INT64_MAX; }
 
     inline static std::atomic<int64_t> sLeft{INT64_MAX};
 };
