@@ -93,8 +93,8 @@ TEST_F(BoundsTest, TakesWhatIsWithinTheLimitsAndNoMore) {
         // Free slots when a descriptor arrives: it may get the last number before the reserve.
         EXPECT_TRUE(remote->ping().isOk());  // served after what came before was let go of
         {
-            const TakenUpTo taken(few.limit() - host::kConnectionFds - host::kReservedFds + more -
-                                  2);
+            const auto taken =
+                takenUpTo(few.limit - host::kConnectionFds - host::kReservedFds + more - 2);
             EXPECT_EQ(refusalOf(requestFor(1, 2, buffer.handle())),
                       fits ? "" : " too few descriptor slots are free'");
             EXPECT_TRUE(remote->ping().isOk());  // calls without descriptors still pass

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <ctime>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "holdings.h"
@@ -87,17 +88,6 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     gate.open();
 }
 
-TEST_F(ClosingTest, HoldsNobodyUpWithASocketThatNeverCloses) {
-    // What waits unread in a socket's queue goes with the socket.
-    const auto [mine, theirs] = kit::socketPair();
-    const RawClient raw = connectRaw();
-    const FileWatch watch = silenced(theirs.get());
-    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
-    expectStatus(connect()->setCallback(callback), Status::OK);  // which replaces it
-    expectNobodyIsHeldUp(1);
-    gate.open();
-}
-
 TEST_F(ClosingTest, HoldsNobodyUpWithTheSocketsOfAServer) {
     const DuringFileCall watch([this](Watching call, int fd) {
         sockaddr_un name = {};
@@ -126,7 +116,7 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     bring(host::kClosingThreads);
     EXPECT_TRUE(gate.waitUntilHeld(host::kClosingThreads));
     bring(host::kMaxWaitingToClose - 3);
-    // The old one's socket waits, too.
+    // The old one's socket waits, too: what is unread in its queue goes with it.
     EXPECT_EQ(early.setCallback(theirs.get()), kAnswer);
     bring(1);
     EXPECT_TRUE(remote->ping().isOk());
@@ -145,25 +135,22 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     EXPECT_EQ(late.receivedKind(), kAnswer);
 }
 
-/** A socket whose last close waits 10 s for a peer that does not read, or until that has gone. */
-struct Lingering {
-    Lingering() {
-        const UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(listen(listening.get(), 1), 0);
-        sockaddr address = {};
-        socklen_t size = sizeof(address);
-        EXPECT_EQ(getsockname(listening.get(), &address, &size), 0);
-        EXPECT_EQ(connect(sending.get(), &address, size), 0);
-        unread.reset(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC));
-        const linger lingering = {1, 10};
-        setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &lingering, sizeof(lingering));
-        const std::vector<char> bytes(1 << 16);
-        while (send(sending.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
-        }
+/** A socket whose last close waits 10 s, or until its silent peer, the second one, has gone. */
+static std::pair<UniqueFd, UniqueFd> lingering() {
+    const UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(listen(listening.get(), 1), 0);
+    sockaddr address = {};
+    socklen_t size = sizeof(address);
+    EXPECT_EQ(getsockname(listening.get(), &address, &size), 0);
+    UniqueFd sending(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(connect(sending.get(), &address, size), 0);
+    const linger patience = {1, 10};
+    setsockopt(sending.get(), SOL_SOCKET, SO_LINGER, &patience, sizeof(patience));
+    const std::vector<char> bytes(1 << 16);
+    while (send(sending.get(), bytes.data(), bytes.size(), MSG_DONTWAIT) > 0) {
     }
-    UniqueFd sending{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-    UniqueFd unread;
-};
+    return {std::move(sending), UniqueFd(accept4(listening.get(), nullptr, nullptr, SOCK_CLOEXEC))};
+}
 
 using SlotsTest = TransportFixture;
 
@@ -171,10 +158,10 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
     const RawClient early(path);
     const RawClient late(path);
-    TakenUpTo taken(200);
+    auto taken = takenUpTo(200);
     const FewDescriptors none(0);
     EXPECT_TRUE(early.connect() && early.isServed());  // by one of those in reserve
-    limitSlotsTo(none.limit() - host::kConnectionFds);
+    limitSlotsTo(none.limit - host::kConnectionFds);
     EXPECT_TRUE(late.connect() && late.send(rawMessage({kCall, 99, 1, 0})));
     const std::clock_t used = std::clock();
     pollfd answer = {late.fd(), POLLIN, 0};
@@ -183,7 +170,7 @@ TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(has(refusalOf(requestFor(1, 1, buffer.handle())), "no slot was free for them"));
     EXPECT_FALSE(remote->ping().isOk());  // that channel is at its end
     EXPECT_TRUE(early.isServed());
-    taken = TakenUpTo(0);
+    taken.clear();
     EXPECT_TRUE(late.isClosed());
 }
 
@@ -197,7 +184,7 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
                                       " --gtest_brief=1 --gtest_filter=*LeavesTheKernelNothing*");
         EXPECT_EQ(again.exitCode, 0) << again.text;
     }
-    Lingering weapon;
+    auto [weapon, unread] = lingering();
     server.reset();
     limitSlotsTo(host::kConnectionFds + 3 * host::kReservedFds - 1);
     EXPECT_EQ(host::Server::listen(path, client, reason), nullptr);
@@ -210,13 +197,13 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     EXPECT_TRUE(raw.isServed());  // each message is looked at first, and then taken
     {
         // As far as a client gets.
-        const TakenUpTo taken(kSlots - host::kConnectionFds - host::kReservedFds);
+        const auto taken = takenUpTo(kSlots - host::kConnectionFds - host::kReservedFds);
         const auto isHandle = [] { return handleOf({STDERR_FILENO}).getNativeHandle() != nullptr; };
         EXPECT_FALSE(isHandle());
         std::vector<int> most(host::kMaxMessageFds - 1, STDERR_FILENO);
-        most.push_back(weapon.sending.get());
+        most.push_back(weapon.get());
         raw.send(rawMessage({kCall, kConfigure, 1, 64, 0, 0}), most);
-        weapon.sending.reset();  // so that the last one is on its way
+        weapon.reset();  // so that the last one is on its way
         const auto start = std::chrono::steady_clock::now();
         EXPECT_NE(raw.receivedKind(), kAnswer);
         server.reset();

@@ -24,35 +24,25 @@ inline void limitSlotsTo(rlim_t slots) {
 }
 
 /** Leaves the process so many slots, from the lowest that is free, for the scope of this object. */
-class FewDescriptors {
-public:
+struct FewDescriptors {
     explicit FewDescriptors(int spare)
-        : mLimit(static_cast<rlim_t>(host::UniqueFd(dup(STDERR_FILENO)).get() + spare)) {
-        limitSlotsTo(mLimit);
+        : limit(static_cast<rlim_t>(host::UniqueFd(dup(STDERR_FILENO)).get() + spare)) {
+        limitSlotsTo(limit);
     }
-    ~FewDescriptors() { limitSlotsTo(mBefore); }
+    ~FewDescriptors() { limitSlotsTo(before); }
 
-    /** The process's limit meanwhile. */
-    rlim_t limit() const { return mLimit; }
-
-private:
-    const rlim_t mBefore = slotLimits().rlim_cur;
-    const rlim_t mLimit;
+    const rlim_t before = slotLimits().rlim_cur;
+    const rlim_t limit;
 };
 
-/** Takes every number below this one, for the scope of this object. */
-class TakenUpTo {
-public:
-    explicit TakenUpTo(size_t number) {
-        for (;;) {
-            host::UniqueFd fd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
-            if (static_cast<size_t>(fd.get()) >= number) return;
-            mTaken.push_back(std::move(fd));
-        }
+/** Takes every number below this one. */
+inline std::vector<host::UniqueFd> takenUpTo(size_t number) {
+    std::vector<host::UniqueFd> taken;
+    for (;;) {
+        host::UniqueFd fd(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+        if (static_cast<size_t>(fd.get()) >= number) return taken;
+        taken.push_back(std::move(fd));
     }
-
-private:
-    std::vector<host::UniqueFd> mTaken;
-};
+}
 
 }  // namespace testing_support
