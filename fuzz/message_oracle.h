@@ -61,9 +61,6 @@ inline const std::map<uint32_t, bool (*)(host::Reader&, host::Outgoing&)> kReade
     {SESSION + kAnswer + 1, rewrite<Status>},
     {CALLBACK + 1, rewrite<hidl_vec<CaptureResult>>},
     {CALLBACK + 2, rewrite<hidl_vec<FDNotifyMsg>>},
-    {CONTROL + 1, rewrite<control::SceneControl>},
-    {CONTROL + 5, rewrite<control::TrackControl>},
-    {CONTROL + 7, rewrite<control::TrackingMode>},
     {CONTROL + 14, rewrite<control::Followed>},
     {CONTROL + kAnswer, rewrite<control::Answer, control::Event>},
     {CONTROL + kAnswer + 1, rewrite<control::Answer, control::CameraStatus>}};
