@@ -67,9 +67,14 @@ public:
 
     void step() {
         const int what = mData.ConsumeIntegralInRange(0, 9);
-        if (what > 1) return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
         if (what == 1) mCallback.reset();
         if (what == 0 && mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
+        if (what < 2) return;
+        Packet packet = call(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
+        spoil(packet);
+        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
+        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
+        mHandedOver.clear();
     }
 
 private:
@@ -117,13 +122,6 @@ private:
             bytes[offsetof(Header, fds)] = static_cast<uint8_t>(packet.fds.size());
     }
 
-    void send(uint32_t method) {
-        Packet packet = call(method);
-        spoil(packet);
-        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
-        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
-        mHandedOver.clear();
-    }
     /** A call is answered, and everything else is the end. */
     void receive(const Packet& packet) {
         pollfd entry = {mSocket->fd(), POLLIN, 0};

@@ -37,9 +37,8 @@ struct Reading {
 template <typename... Records>
 bool rewrite(host::Reader& reader, host::Outgoing& out) {
     std::tuple<Records...> records;
-    host::Writer writer(out);
     std::apply(reader, records);
-    std::apply(writer, records);
+    std::apply(host::Writer{out}, records);
     return reader.complete() && reader.refusal().empty();
 }
 
@@ -47,8 +46,7 @@ bool rewrite(host::Reader& reader, host::Outgoing& out) {
 inline bool rewriteCallback(host::Reader& reader, host::Outgoing& out) {
     android::sp<host::IBase> callback;
     const bool isOne = host::readInterface(reader, IFDSessionCallback::descriptor, callback);
-    host::Writer writer(out);
-    writer(callback != nullptr);
+    host::Writer{out}(callback != nullptr);
     return isOne && reader.complete() && reader.refusal().empty();
 }
 
@@ -76,8 +74,7 @@ inline Reading readMessage(Served served, host::Peer from, const std::vector<uin
     for (const int fd : fds)
         in.fds.emplace_back(fd);
     Header header = {};
-    const host::detail::Failure failure =
-        host::detail::parseMessage(message.data(), message.size(), 0, header, in);
+    const auto failure = host::detail::parseMessage(message.data(), message.size(), 0, header, in);
     const bool isKnown = header.kind == Header::CALL || header.kind == Header::ANSWER ||
                          header.kind == Header::REFUSED;
     const bool isMessage = message.size() >= sizeof(header) && isKnown &&
@@ -103,8 +100,7 @@ template <typename... Values>
 std::vector<uint8_t> messageOf(const Header& header, const Values&... values) {
     host::Outgoing out;
     out.bytes.append(&header, sizeof(header));
-    host::Writer writer(out);
-    writer(values...);
+    host::Writer{out}(values...);
     return {out.bytes.data(), out.bytes.data() + out.bytes.size()};
 }
 

@@ -56,38 +56,34 @@ std::vector<Message> messages() {
     result.result.resize(8);
     control::Event event;
     event.scene.crops.resize(1);
-    const auto call = [](uint32_t method, uint32_t fds = 0) {
-        return Header{Header::CALL, method, 7, fds};
+    const auto call = [](uint32_t method, uint32_t fds = 0, uint32_t kind = Header::CALL) {
+        return Header{kind, method, 7, fds};
     };
     using namespace fuzz;  // NOLINT: who is served
     return {
-        {"an event", CONTROL, 0,
-         messageOf(Header{Header::ANSWER, 12, 7, 0}, control::Answer(), event)},
+        {"an event", CONTROL, 0, messageOf(call(12, 0, Header::ANSWER), control::Answer(), event)},
         {"a ping", SESSION, 0, messageOf(call(0))},
         {"a callback", SESSION, 1, messageOf(call(1, 1), true)},
         {"a configuration", SESSION, 0, messageOf(call(2), configurationOf(0))},
         {"a request", SESSION, 2, messageOf(call(3, 2), request)},
         {"a result", CALLBACK, 2, messageOf(call(1, 2), hidl_vec<CaptureResult>{result})},
         {"a notification", CALLBACK, 0, messageOf(call(2), hidl_vec<FDNotifyMsg>{FDNotifyMsg()})},
-        {"an answer", SESSION, 0, messageOf(Header{Header::ANSWER, 1, 7, 0}, uint32_t{0})}};
+        {"an answer", SESSION, 0, messageOf(call(1, 0, Header::ANSWER), uint32_t{0})}};
 }
 
 /** Whether a message is taken; nothing else may happen to it, or to what comes with it. */
 bool isTaken(const Message& message, size_t sent) {
     std::vector<int> fds(sent);
     std::generate(fds.begin(), fds.end(), [] { return dup(memory.get()); });
-    const fuzz::Reading reading =
-        fuzz::readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
-    EXPECT_EQ(reading.fault, nullptr) << reading.fault;
+    const auto read = fuzz::readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
+    EXPECT_EQ(read.fault, nullptr) << read.fault;
     for (const int fd : fds)
         EXPECT_TRUE(eventually([fd] { return fcntl(fd, F_GETFD) < 0; })) << "one is left open";
-    return reading.isTaken;
+    return read.isTaken;
 }
 
 /** A channel whose calls a test answers by hand. */
 struct HeldChannel {
-    explicit HeldChannel(host::Peer served = host::Peer::PROVIDER)
-        : caller(std::move(ends.first), served) {}
     /** Why the call fails, of a status of the transport; empty when it does not. */
     std::string call(uint32_t method = 1) {
         const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
@@ -95,9 +91,10 @@ struct HeldChannel {
         return status.isOk() ? "" : status.description().substr(failed.size());
     }
 
+    const host::Peer served = host::Peer::PROVIDER;
     std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
     const int socket = ends.first.get();
-    host::CallChannel caller;
+    host::CallChannel caller{std::move(ends.first), served};
     RawClient peer{std::move(ends.second)};
 };
 
@@ -134,7 +131,7 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     HeldChannel channel;
     HeldChannel dying;
     HeldChannel unanswered;
-    HeldChannel handedOver(host::Peer::CLIENT);
+    HeldChannel handedOver{host::Peer::CLIENT};
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
