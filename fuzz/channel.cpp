@@ -24,13 +24,11 @@
 namespace {
 
 using namespace fuzz;  // NOLINT: the oracle's
-using android::sp;
 using android::hardware::Return;
-using host::UniqueFd;
 
 /** Calls a callback back at once, and keeps nothing. */
 struct CallingBack : public IFDSession {
-    Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
+    Return<Status> setCallback(const android::sp<IFDSessionCallback>& callback) override {
         expect(host::callingProcess() == getpid(), "nobody knows who calls");
         for (int i = 0; callback != nullptr && i < 3; ++i)
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
@@ -146,7 +144,7 @@ private:
     const House& mHouse;
     std::optional<kit::RawClient> mSocket;
     std::optional<kit::RawClient> mCallback;  ///< this end of the last callback
-    std::vector<UniqueFd> mHandedOver;        ///< the other ends, until they are sent
+    std::vector<host::UniqueFd> mHandedOver;  ///< the other ends, until they are sent
     uint32_t mSerial = 0;
 };
 

@@ -50,18 +50,18 @@ inline bool rewriteCallback(host::Reader& reader, host::Outgoing& out) {
     return isOne && reader.complete() && reader.refusal().empty();
 }
 
-constexpr uint32_t kAnswer = 50;
+constexpr uint32_t kAnswerTo = 50;
 /** By who is served and a method's number. */
 inline const std::map<uint32_t, bool (*)(host::Reader&, host::Outgoing&)> kReaders = {
     {SESSION + 1, rewriteCallback},
     {SESSION + 2, rewrite<StreamConfiguration>},
     {SESSION + 3, rewrite<CaptureRequest>},
-    {SESSION + kAnswer + 1, rewrite<Status>},
+    {SESSION + kAnswerTo + 1, rewrite<Status>},
     {CALLBACK + 1, rewrite<hidl_vec<CaptureResult>>},
     {CALLBACK + 2, rewrite<hidl_vec<FDNotifyMsg>>},
     {CONTROL + 14, rewrite<control::Followed>},
-    {CONTROL + kAnswer, rewrite<control::Answer, control::Event>},
-    {CONTROL + kAnswer + 1, rewrite<control::Answer, control::CameraStatus>}};
+    {CONTROL + kAnswerTo, rewrite<control::Answer, control::Event>},
+    {CONTROL + kAnswerTo + 1, rewrite<control::Answer, control::CameraStatus>}};
 
 /**
  * Reads a message as an end of a channel does, and looks whether it was right to take it: then what
@@ -83,9 +83,8 @@ inline Reading readMessage(Served served, host::Peer from, const std::vector<uin
     if (!failure.isOk()) return {false, failure.text.empty() ? "nothing says why" : nullptr};
     host::Reader reader(in, from);
     host::Outgoing out;
-    const bool isCall = header.kind == Header::CALL;
-    const auto found =
-        kReaders.find(served + (isCall ? header.method : kAnswer + header.method % 2));
+    const auto found = kReaders.find(
+        served + (header.kind == Header::CALL ? header.method : kAnswerTo + header.method % 2));
     const bool isTaken = (found == kReaders.end() ? rewrite<> : found->second)(reader, out);
     const bool isSame = std::equal(in.data, in.data + in.size, out.bytes.data(),
                                    out.bytes.data() + out.bytes.size()) &&

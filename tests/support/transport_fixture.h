@@ -40,7 +40,6 @@ protected:
         session->handleSetCallback(nullptr);
         callback.clear();
         deliveries.waitForDeath();
-        server.reset();
     }
 
     void serve() {
