@@ -24,13 +24,11 @@
 namespace {
 
 using namespace fuzz;  // NOLINT: the oracle's
-using android::sp;
 using android::hardware::Return;
-using host::UniqueFd;
 
 /** Calls a callback back at once, and keeps nothing. */
 struct CallingBack : public IFDSession {
-    Return<Status> setCallback(const sp<IFDSessionCallback>& callback) override {
+    Return<Status> setCallback(const android::sp<IFDSessionCallback>& callback) override {
         expect(host::callingProcess() == getpid(), "nobody knows who calls");
         for (int i = 0; callback != nullptr && i < 3; ++i)
             (void)callback->processCaptureResult({kit::resultFor({})}).isOk();
@@ -67,9 +65,14 @@ public:
 
     void step() {
         const int what = mData.ConsumeIntegralInRange(0, 9);
-        if (what > 1) return send(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
         if (what == 1) mCallback.reset();
         if (what == 0 && mSocket) shutdown(mSocket->fd(), mData.ConsumeBool());
+        if (what < 2) return;
+        Packet packet = call(mData.ConsumeIntegralInRange<uint32_t>(0, 4));
+        spoil(packet);
+        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
+        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
+        mHandedOver.clear();
     }
 
 private:
@@ -117,13 +120,6 @@ private:
             bytes[offsetof(Header, fds)] = static_cast<uint8_t>(packet.fds.size());
     }
 
-    void send(uint32_t method) {
-        Packet packet = call(method);
-        spoil(packet);
-        if (!mSocket) expect(mSocket.emplace(mHouse.path).connect(), "cannot connect");
-        mSocket->send(packet.bytes, packet.fds) ? receive(packet) : mSocket.reset();
-        mHandedOver.clear();
-    }
     /** A call is answered, and everything else is the end. */
     void receive(const Packet& packet) {
         pollfd entry = {mSocket->fd(), POLLIN, 0};
@@ -148,7 +144,7 @@ private:
     const House& mHouse;
     std::optional<kit::RawClient> mSocket;
     std::optional<kit::RawClient> mCallback;  ///< this end of the last callback
-    std::vector<UniqueFd> mHandedOver;        ///< the other ends, until they are sent
+    std::vector<host::UniqueFd> mHandedOver;  ///< the other ends, until they are sent
     uint32_t mSerial = 0;
 };
 

@@ -37,9 +37,8 @@ struct Reading {
 template <typename... Records>
 bool rewrite(host::Reader& reader, host::Outgoing& out) {
     std::tuple<Records...> records;
-    host::Writer writer(out);
     std::apply(reader, records);
-    std::apply(writer, records);
+    std::apply(host::Writer{out}, records);
     return reader.complete() && reader.refusal().empty();
 }
 
@@ -47,26 +46,22 @@ bool rewrite(host::Reader& reader, host::Outgoing& out) {
 inline bool rewriteCallback(host::Reader& reader, host::Outgoing& out) {
     android::sp<host::IBase> callback;
     const bool isOne = host::readInterface(reader, IFDSessionCallback::descriptor, callback);
-    host::Writer writer(out);
-    writer(callback != nullptr);
+    host::Writer{out}(callback != nullptr);
     return isOne && reader.complete() && reader.refusal().empty();
 }
 
-constexpr uint32_t kAnswer = 50;
+constexpr uint32_t kAnswerTo = 50;
 /** By who is served and a method's number. */
 inline const std::map<uint32_t, bool (*)(host::Reader&, host::Outgoing&)> kReaders = {
     {SESSION + 1, rewriteCallback},
     {SESSION + 2, rewrite<StreamConfiguration>},
     {SESSION + 3, rewrite<CaptureRequest>},
-    {SESSION + kAnswer + 1, rewrite<Status>},
+    {SESSION + kAnswerTo + 1, rewrite<Status>},
     {CALLBACK + 1, rewrite<hidl_vec<CaptureResult>>},
     {CALLBACK + 2, rewrite<hidl_vec<FDNotifyMsg>>},
-    {CONTROL + 1, rewrite<control::SceneControl>},
-    {CONTROL + 5, rewrite<control::TrackControl>},
-    {CONTROL + 7, rewrite<control::TrackingMode>},
     {CONTROL + 14, rewrite<control::Followed>},
-    {CONTROL + kAnswer, rewrite<control::Answer, control::Event>},
-    {CONTROL + kAnswer + 1, rewrite<control::Answer, control::CameraStatus>}};
+    {CONTROL + kAnswerTo, rewrite<control::Answer, control::Event>},
+    {CONTROL + kAnswerTo + 1, rewrite<control::Answer, control::CameraStatus>}};
 
 /**
  * Reads a message as an end of a channel does, and looks whether it was right to take it: then what
@@ -79,8 +74,7 @@ inline Reading readMessage(Served served, host::Peer from, const std::vector<uin
     for (const int fd : fds)
         in.fds.emplace_back(fd);
     Header header = {};
-    const host::detail::Failure failure =
-        host::detail::parseMessage(message.data(), message.size(), 0, header, in);
+    const auto failure = host::detail::parseMessage(message.data(), message.size(), 0, header, in);
     const bool isKnown = header.kind == Header::CALL || header.kind == Header::ANSWER ||
                          header.kind == Header::REFUSED;
     const bool isMessage = message.size() >= sizeof(header) && isKnown &&
@@ -89,9 +83,8 @@ inline Reading readMessage(Served served, host::Peer from, const std::vector<uin
     if (!failure.isOk()) return {false, failure.text.empty() ? "nothing says why" : nullptr};
     host::Reader reader(in, from);
     host::Outgoing out;
-    const bool isCall = header.kind == Header::CALL;
-    const auto found =
-        kReaders.find(served + (isCall ? header.method : kAnswer + header.method % 2));
+    const auto found = kReaders.find(
+        served + (header.kind == Header::CALL ? header.method : kAnswerTo + header.method % 2));
     const bool isTaken = (found == kReaders.end() ? rewrite<> : found->second)(reader, out);
     const bool isSame = std::equal(in.data, in.data + in.size, out.bytes.data(),
                                    out.bytes.data() + out.bytes.size()) &&
@@ -106,8 +99,7 @@ template <typename... Values>
 std::vector<uint8_t> messageOf(const Header& header, const Values&... values) {
     host::Outgoing out;
     out.bytes.append(&header, sizeof(header));
-    host::Writer writer(out);
-    writer(values...);
+    host::Writer{out}(values...);
     return {out.bytes.data(), out.bytes.data() + out.bytes.size()};
 }
 

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -32,16 +31,13 @@ namespace testing_support {
 
 namespace {
 
+using namespace fuzz;  // NOLINT: the oracle's
 using CallsTest = TransportFixture;
 using Clock = std::chrono::steady_clock;
-using fuzz::messageOf;
-using host::detail::Header;
-
-const host::UniqueFd memory(memfd_create("any", MFD_CLOEXEC));
 
 struct Message {
     const char* name;
-    fuzz::Served served;
+    Served served;
     uint32_t fds;  ///< how many come with it
     std::vector<uint8_t> bytes;
 };
@@ -51,33 +47,30 @@ std::vector<Message> messages() {
     const host::Buffer buffer = kit::allocate({16, 8});
     CaptureRequest request = requestFor(3, 5, buffer.handle());
     request.settings.resize(8);
-    request.outputBuffers[0].acquireFence = handleOf({memory.get()});
+    request.outputBuffers[0].acquireFence = handleOf({STDERR_FILENO});
     CaptureResult result = resultFor(request);
     result.result.resize(8);
-    control::Followed followed = {};
-    followed.scene.crops.resize(1);
-    const auto call = [](uint32_t method, uint32_t fds = 0) {
-        return Header{Header::CALL, method, 7, fds};
+    control::Event event;
+    event.scene.crops.resize(1);
+    const auto call = [](uint32_t method, uint32_t fds = 0, uint32_t kind = Header::CALL) {
+        return Header{kind, method, 7, fds};
     };
-    using namespace fuzz;  // NOLINT: who is served
     return {
-        {"a follower's step", CONTROL, 0, messageOf(call(14), followed)},
-        {"a tracking control", CONTROL, 0, messageOf(call(5), control::TrackControl())},
+        {"an event", CONTROL, 0, messageOf(call(12, 0, Header::ANSWER), control::Answer(), event)},
         {"a ping", SESSION, 0, messageOf(call(0))},
         {"a callback", SESSION, 1, messageOf(call(1, 1), true)},
         {"a configuration", SESSION, 0, messageOf(call(2), configurationOf(0))},
         {"a request", SESSION, 2, messageOf(call(3, 2), request)},
         {"a result", CALLBACK, 2, messageOf(call(1, 2), hidl_vec<CaptureResult>{result})},
         {"a notification", CALLBACK, 0, messageOf(call(2), hidl_vec<FDNotifyMsg>{FDNotifyMsg()})},
-        {"an answer", SESSION, 0, messageOf(Header{Header::ANSWER, 1, 7, 0}, uint32_t{0})}};
+        {"an answer", SESSION, 0, messageOf(call(1, 0, Header::ANSWER), uint32_t{0})}};
 }
 
 /** Whether a message is taken; nothing else may happen to it, or to what comes with it. */
 bool isTaken(const Message& message, size_t sent) {
     std::vector<int> fds(sent);
-    std::generate(fds.begin(), fds.end(), [] { return dup(memory.get()); });
-    const fuzz::Reading reading =
-        fuzz::readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
+    std::generate(fds.begin(), fds.end(), [] { return dup(STDERR_FILENO); });
+    const auto reading = readMessage(message.served, host::Peer::PROVIDER, message.bytes, fds);
     EXPECT_EQ(reading.fault, nullptr) << reading.fault;
     for (const int fd : fds)
         EXPECT_TRUE(eventually([fd] { return fcntl(fd, F_GETFD) < 0; })) << "one is left open";
@@ -86,8 +79,6 @@ bool isTaken(const Message& message, size_t sent) {
 
 /** A channel whose calls a test answers by hand. */
 struct HeldChannel {
-    explicit HeldChannel(host::Peer served = host::Peer::PROVIDER)
-        : caller(std::move(ends.first), served) {}
     /** Why the call fails, of a status of the transport; empty when it does not. */
     std::string call(uint32_t method = 1) {
         const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
@@ -95,9 +86,10 @@ struct HeldChannel {
         return status.isOk() ? "" : status.description().substr(failed.size());
     }
 
+    const host::Peer served = host::Peer::PROVIDER;
     std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
     const int socket = ends.first.get();
-    host::CallChannel caller;
+    host::CallChannel caller{std::move(ends.first), served};
     RawClient peer{std::move(ends.second)};
 };
 
@@ -124,8 +116,8 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
               inWords(files, CaptureResult(result)));
     const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     notify(msg);
-    ASSERT_EQ(deliveries.notified().size(), 1U);
-    EXPECT_EQ(inWords(files, deliveries.notified()[0]), inWords(files, msg));
+    EXPECT_EQ(inWords(files, hidl_vec<FDNotifyMsg>(deliveries.notified())),
+              inWords(files, hidl_vec<FDNotifyMsg>{msg}));
 }
 
 TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
@@ -134,7 +126,7 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     HeldChannel channel;
     HeldChannel dying;
     HeldChannel unanswered;
-    HeldChannel handedOver(host::Peer::CLIENT);
+    HeldChannel handedOver{host::Peer::CLIENT};
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
@@ -176,7 +168,6 @@ TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {
         {refusal, {}, refused},
         {rawMessage({kAnswer, 1, 9, 0}), {}, "the answer is to another call"},
         {rawMessage({kCall, 1, 1, 0}), {}, "the answer is to another call"},
-        {{}, {}, "bytes that are no message"},
         {rawMessage({kAnswer, 1, 1, 0, 7}), {}, "the answer does not add up"},
         {rawMessage({kRefused, 1, 1, 1}), {STDERR_FILENO}, "the answer brings descriptors"}};
     for (const auto& [bytes, fds, said] : answers) {
@@ -191,7 +182,7 @@ TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {
     }
 }
 
-TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
+TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverComesOfItAndWithIt) {
     // More than a million reads, which take some seconds. Where all is slow every
     // 23rd second bit has to do.
     for (Message message : messages()) {
@@ -199,7 +190,6 @@ TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
         const auto flip = [&](size_t bit) {
             message.bytes[bit / 8] ^= static_cast<uint8_t>(1U << bit % 8);
         };
-        ASSERT_TRUE(isTaken(message, message.fds));
         for (size_t one = 0, bits = message.bytes.size() * 8; one < bits; ++one) {
             flip(one);
             isTaken(message, message.fds);
@@ -211,12 +201,6 @@ TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverBitsAreFlipped) {
             }
             flip(one);
         }
-    }
-}
-
-TEST(MessageTest, IsNotTakenWhenItIsCutOffOrLongerOrWithOtherDescriptorsThanItAnnounces) {
-    for (Message message : messages()) {
-        SCOPED_TRACE(message.name);
         for (size_t size = 0; size < message.bytes.size() + 9; ++size) {
             Message cut = message;
             cut.bytes.resize(size);

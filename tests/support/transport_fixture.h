@@ -36,8 +36,10 @@ protected:
     }
     ~TransportFixture() override {
         remote.clear();
-        endCallback();
-        server.reset();
+        // Until no thread is in the callback, or will be.
+        session->handleSetCallback(nullptr);
+        callback.clear();
+        deliveries.waitForDeath();
     }
 
     void serve() {
@@ -80,13 +82,6 @@ protected:
         });
     }
     void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
-
-    /** Waits until no thread is in the callback, or will be. */
-    void endCallback() {
-        session->handleSetCallback(nullptr);
-        callback.clear();
-        deliveries.waitForDeath();
-    }
 
     const kit::TemporaryFolder folder;
     const std::string path = folder / "socket";
