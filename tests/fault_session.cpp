@@ -142,11 +142,15 @@ private:
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
         const auto isAnswered = [&] { return mAnswers->frameNumber == mNumber; };
-        if (!eventually([&] {
-                asProvider([this] { provide(); });
-                return isAnswered() || errors(kNotDelivered) > lost;
-            }))
-            fail("neither a frame nor a word of it");
+        const auto isOver = [&] {
+            asProvider([this] {
+                FDNotifyMsg msg = {};
+                if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
+                mSource->threadLoop();
+            });
+            return isAnswered() || errors(kNotDelivered) > lost;
+        };
+        if (!eventually(isOver)) fail("neither a frame nor a word of it");
         const bool wasFilled = isAnswered() && mAnswers->wasFilled;
         if (wasFilled && kit::packed(buffer) == mTurned) return true;
         if (mWantsAll) fail("the frame is not right");
@@ -154,13 +158,6 @@ private:
             fail("the frame is wrong, and nobody was told");
         if (mEffect == Effect::LOSS) throw Lost{};
         return true;
-    }
-
-    /** Fills what the client asks for. */
-    void provide() {
-        FDNotifyMsg msg = {};
-        if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
-        mSource->threadLoop();
     }
 
     /** Writes a frame into a file, as a provider may, or is told why not. */
