@@ -15,7 +15,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -72,46 +71,42 @@ const Row kRows[] = {
 constexpr int kUnreached = 10;
 
 /** In a process of its own, without threads of the one that it comes from. */
-pid_t start(Effect effect, const faults::Fault& fault) {
+void start(Effect effect, const faults::Fault& fault) {
     fflush(stdout);
-    const pid_t child = fork();
-    if (child != 0) return child;
+    if (fork() != 0) return;
     alarm(30);
     faults::chosen = fault;
     faults::runSession(effect);
     exit(faults::calls >= fault.n ? 0 : kUnreached);
 }
 
-/** How many calls were made to fail. Ends the program when something does not hold. */
-int runAll(const Row& row, bool stays, int error, int step) {
+/** Every so manieth call that the client's life reaches. Ends the program when something does not
+ * hold. */
+void runAll(const Row& row, bool stays, int error, int step) {
     constexpr int kAtOnce = 4;  // they wait more than they work
     int reached = 0;
     for (int tried = 0; reached == tried; tried += kAtOnce) {
-        std::map<pid_t, int> children;
+        for (int i = 0; i < kAtOnce; ++i)
+            start(row.effect, {row.call, error, stays, 1 + (tried + i) * step});
         for (int i = 0; i < kAtOnce; ++i) {
-            const int call = 1 + (tried + i) * step;
-            children[start(row.effect, {row.call, error, stays, call})] = call;
-        }
-        for (const auto& [child, call] : children) {
             int status = -1;
-            waitpid(child, &status, 0);
+            wait(&status);
             if (status == W_EXITCODE(kUnreached, 0)) continue;
             ++reached;
             if (status == 0 || (row.effect == Effect::END && WTERMSIG(status) == SIGABRT)) continue;
-            printf("call %d of %s, with %d%s: ended with %#x\n", call, row.call, error,
-                   stays ? " from then on" : "", static_cast<unsigned>(status));
+            printf("%s, with %d%s: ended with %#x\n", row.call, error, stays ? " from then on" : "",
+                   static_cast<unsigned>(status));
             exit(1);
         }
     }
     if (reached == 0) faults::fail(row.call + std::string(" is not called any more"));
     printf("%s %d: %d\n", row.call, error, reached);
-    return reached;
 }
 
 }  // namespace
 
 void faults::fail(const std::string& what) {
-    fprintf(stderr, "fault-probe: %s\n", what.c_str());
+    fprintf(stderr, "fault-probe, call %d: %s\n", chosen.n, what.c_str());
     _exit(1);
 }
 
@@ -119,14 +114,12 @@ int main(int argc, char** argv) {
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
     const int step = argc > 1 ? atoi(argv[1]) : 1;  // NOLINT(cert-err34-c)
-    int tried = 0;
     for (const Row& row : kRows) {
         if (argc > 2 && argv[2] != std::string(row.call)) continue;
         for (const bool stays : {false, true}) {
             for (const int error : stays ? row.stays : row.once)
-                tried += runAll(row, stays, error, step);
+                runAll(row, stays, error, step);
         }
     }
-    printf("%d faults, one at a time\n", tried);
     return 0;
 }

@@ -5,27 +5,22 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "FDSession.h"
 #include "FDSessionTest.h"
 #include "TestInput.h"
 #include "YUVFile.h"
-#include "frame.h"
 #include "holdings.h"
 #include "host/accepted.h"
 #include "host/channel.h"
 #include "host/properties.h"
 #include "host/threads.h"
-#include "records.h"
 #include "support/faults.h"
-#include "support/log_lines.h"
+#include "support/session_fixture.h"
 #include "support/spy_mapper.h"
 #include "temporary_folder.h"
 
@@ -33,11 +28,8 @@ namespace faults {
 
 namespace {
 
-using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
-using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
-using android::hardware::hidl_vec;
+using namespace testing_support;  // NOLINT
 using android::hardware::camera::common::V1_0::Status;
-using android::hardware::camera::device::V3_2::BufferStatus;
 
 /** The client's channel is gone. */
 struct Lost {};
@@ -45,32 +37,21 @@ struct Lost {};
 constexpr kit::FrameSize kSize = {64, 32};
 constexpr const char* kNotDelivered = "processCaptureResult transaction failed";
 
-/** Remembers what a client is told. */
+/** Remembers what a client is told of the newest request that has an answer. */
 struct Answers : public IFDSessionCallback {
     Return<void> processCaptureResult(const hidl_vec<CaptureResult>& results) override {
         const auto& output = results[0].outputBuffers[0];
-        // One that was asked for earlier may still come: it is not ours.
-        if (output.bufferId < id) return {};
-        const bool isWhole = output.buffer != nullptr && output.acquireFence != nullptr;
-        if (output.status == BufferStatus::OK && !isWhole) fail("a filled frame lacks a handle");
         wasFilled = output.status == BufferStatus::OK;
-        ++came;
+        if (wasFilled && (output.buffer == nullptr || output.acquireFence == nullptr))
+            fail("a filled frame lacks a handle");
+        frameNumber = results[0].frameNumber;
         return {};
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
 
-    std::atomic<uint64_t> id{0};
     std::atomic<bool> wasFilled{false};
-    std::atomic<int> came{0};
+    std::atomic<uint32_t> frameNumber{0};
 };
-
-template <typename Condition>
-bool waitUntil(Condition holds) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!holds() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
-    return holds();
-}
 
 class Run {
 public:
@@ -99,7 +80,7 @@ public:
         mServer.reset();
         mSource->decStrong(this);
         mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
-        if (!waitUntil([&] { return kit::Holdings::of() == before; }))
+        if (!eventually([&] { return kit::Holdings::of() == before; }))
             fail(kit::Holdings::of().differenceFrom(before));
     }
 
@@ -151,35 +132,32 @@ private:
     /** Whether a request is accepted; it then has a frame, or a word of it. */
     bool ask(const host::Buffer& buffer, const native_handle_t* handle) {
         std::fill_n(buffer.bytes(), buffer.size(), uint8_t{0});
-        CaptureRequest request = kit::requestFor(1, mAnswers->id = mId, handle);
+        CaptureRequest request = requestFor(++mNumber, mId, handle);
         request.inputBuffer.streamId = 7;
         native_handle_t* const fence = native_handle_create(2, 0);
         std::generate_n(fence->data, 2, [] { return eventfd(0, EFD_CLOEXEC); });
         request.outputBuffers[0].acquireFence.setTo(fence, true);
         request.inputBuffer.releaseFence = request.outputBuffers[0].acquireFence;
-        const int before = mAnswers->came;
         const auto said = errors() - errors("pBuffer");  // which is said once for all frames
         const auto lost = errors(kNotDelivered);
         if (!call([&] { return mClient->processCaptureRequest(request); })) return false;
-        const auto isAnswered = [&] {
-            asProvider([this] { provide(); });
-            return mAnswers->came > before || errors(kNotDelivered) > lost;
+        const auto isAnswered = [&] { return mAnswers->frameNumber == mNumber; };
+        const auto isOver = [&] {
+            asProvider([this] {
+                FDNotifyMsg msg = {};
+                if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
+                mSource->threadLoop();
+            });
+            return isAnswered() || errors(kNotDelivered) > lost;
         };
-        if (!waitUntil(isAnswered)) fail("neither a frame nor a word of it");
-        const bool wasFilled = mAnswers->came > before && mAnswers->wasFilled;
+        if (!eventually(isOver)) fail("neither a frame nor a word of it");
+        const bool wasFilled = isAnswered() && mAnswers->wasFilled;
         if (wasFilled && kit::packed(buffer) == mTurned) return true;
         if (mWantsAll) fail("the frame is not right");
-        if (errors() == said && (wasFilled || mAnswers->came == before))
+        if (errors() == said && (wasFilled || !isAnswered()))
             fail("the frame is wrong, and nobody was told");
         if (mEffect == Effect::LOSS) throw Lost{};
         return true;
-    }
-
-    /** Fills what the client asks for. */
-    void provide() {
-        FDNotifyMsg msg = {};
-        if (mSession->isCaptureRequestReady()) mSession->sendNotify(msg);
-        mSource->threadLoop();
     }
 
     /** Writes a frame into a file, as a provider may, or is told why not. */
@@ -222,8 +200,9 @@ private:
     const kit::Frame mFrame = kit::patternOf(kSize);
     const kit::Frame mTurned = kit::turnedBy180(mFrame, kSize);
     uint64_t mId = 0;
+    uint32_t mNumber = 0;
     bool mWantsAll = false;
-    testing_support::LogLines mLog;
+    LogLines mLog;
     sp<FDSession> mSession;
     std::unique_ptr<host::Server> mServer;
     FDSessionTest* mSource = nullptr;
@@ -234,7 +213,6 @@ private:
 }  // namespace
 
 void runSession(Effect effect) {
-    using testing_support::SpyMapper3;
     const sp<SpyMapper3> mapper = new SpyMapper3(host::realMapper3());
     mapper->fault = [] { return errorOf("mapper"); };
     const host::ScopedMapper scope(mapper, host::realMapper2());

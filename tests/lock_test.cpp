@@ -34,11 +34,9 @@ namespace {
 constexpr size_t kRounds = 300;
 
 struct Recipient : public android::hardware::hidl_death_recipient {
-    ~Recipient() override {
-        if (atItsEnd) atItsEnd();
-    }
+    ~Recipient() override { atItsEnd(); }
     void serviceDied(uint64_t /*cookie*/, const android::wp<host::IBase>& /*who*/) override {}
-    std::function<void()> atItsEnd;
+    std::function<void()> atItsEnd = [] {};
 };
 
 }  // namespace
@@ -97,27 +95,25 @@ TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
     const CaptureRequest request = requestFor(1, 1, nullptr);
     const hidl_vec<CaptureResult> results = {resultFor(request)};
     const auto place = [&](size_t) { const host::RequestBounds::Place own(bounds, request); };
-    const auto find = [](size_t i) {
-        static_cast<void>(host::detail::findInterface(std::to_string(i).c_str()));
-    };
-    race({{"close", close},
-          {"another close", close},
-          {"isClosingBehind", [](size_t) { static_cast<void>(host::detail::isClosingBehind()); }},
-          {"watch", watch},
-          {"another watch", watch},
-          {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }},
-          {"call", call},
-          {"another call", call},
-          {"wait", [&](size_t) { static_cast<void>(calls.waitForAll({})); }},
-          {"channelEnded", [&](size_t) { calls.channelEnded(host::ServedEnd::LET_GO); }},
-          {"callOff", [&](size_t) { calls.callOff(); }},
-          {"place", place},
-          {"another place", place},
-          {"handedOver", [&](size_t) { bounds.handedOver(results); }},
-          {"restart", [&](size_t) { bounds.restart(); }},
-          {"register", [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); }},
-          {"find", find}},
-         kRounds / 3);
+    race(
+        {{"close", close},
+         {"another close", close},
+         {"isClosingBehind", [](size_t) { static_cast<void>(host::detail::isClosingBehind()); }},
+         {"watch", watch},
+         {"another watch", watch},
+         {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }},
+         {"call", call},
+         {"another call", call},
+         {"wait", [&](size_t) { static_cast<void>(calls.waitForAll({})); }},
+         {"channelEnded", [&](size_t) { calls.channelEnded(host::ServedEnd::LET_GO); }},
+         {"callOff", [&](size_t) { calls.callOff(); }},
+         {"place", place},
+         {"another place", place},
+         {"handedOver", [&](size_t) { bounds.handedOver(results); }},
+         {"restart", [&](size_t) { bounds.restart(); }},
+         {"register", [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); }},
+         {"find", [](size_t i) { return host::detail::findInterface(std::to_string(i).c_str()); }}},
+        kRounds / 3);
 }
 
 TEST(LockTest, IsKeptByTheSlotsForConnections) {

@@ -72,9 +72,8 @@ void expectExit(
 
 TEST(UnloadTest, LeavesNothingOfTheLibraryAtAnyMomentOfAPass) {
     // More when the environment asks for it, as the nightly checks do.
-    const char* const rounds = getenv("FDSTREAM_UNLOAD_ROUNDS");
-    const Output output = runShell("exec " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " " +
-                                   std::string(rounds != nullptr ? rounds : "450"));
+    const Output output =
+        runShell("exec " UNLOAD_PROBE " " IMPLEMENTATION_LIBRARY " ${FDSTREAM_UNLOAD_ROUNDS:-450}");
     EXPECT_EQ(output.exitCode, 0);
     EXPECT_EQ(output.text, "");
 }

@@ -115,8 +115,8 @@ TEST_F(DescriptorsTest, CrossWhereTheirKindBelongsAndNowhereElse) {
 }
 
 TEST_F(DescriptorsTest, AllArriveThatTheKernelDeliversAndNothingStaysThatItAdds) {
-    if (!kernel().closesWhatHasNoRoom) GTEST_SKIP() << "an emulator leaves open what has no room";
-    if (!kernel().addsPidfds) printf("not tried, for want of one: a pidfd beside descriptors\n");
+    if (!kClosesWhatHasNoRoom) GTEST_SKIP() << "an emulator leaves open what has no room";
+    if (!kAddsPidfds) printf("not tried, for want of one: a pidfd beside descriptors\n");
     const auto [mine, theirs] = kit::socketPair();
     const int on = 1;
     for (const int option : kAdding)

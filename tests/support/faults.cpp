@@ -13,38 +13,35 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <memory>
 #include <new>
-#include <tuple>
 
 namespace faults {
 
-namespace {
-
-thread_local bool tIsProvider = false;
-
-/** A thread's body and argument, and whether it is on the provider's side, as who makes it is. */
-using Start = std::tuple<void* (*)(void*), void*, bool>;
-
-}  // namespace
-
+// The provider's side blocks a signal that nobody sends, and so does each thread that it makes.
 void asProvider(const std::function<void()>& what) {
-    tIsProvider = true;
+    sigset_t mark;
+    sigemptyset(&mark);
+    sigaddset(&mark, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &mark, nullptr);
     try {
         what();
     } catch (const std::bad_alloc&) {
-        tIsProvider = false;
+        isArmed = false;
         fail("an exception came out of the library, which has left its locks held");
     }
-    tIsProvider = false;
+    pthread_sigmask(SIG_UNBLOCK, &mark, nullptr);
 }
 
 int errorOf(const char* call) {
-    if (!tIsProvider || !isArmed || strcmp(call, chosen.call) != 0) return 0;
+    if (!isArmed || strcmp(call, chosen.call) != 0) return 0;
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    if (sigismember(&blocked, SIGUSR1) == 0) return 0;
     const int n = ++calls;
     if (n != chosen.n && !(chosen.stays && n > chosen.n)) return 0;
     return errno = chosen.error;
@@ -75,6 +72,8 @@ FAILING(size_t, fwrite, (const void* a, size_t b, size_t c, FILE* d), (a, b, c, 
 FAILING(int, getsockopt, (int a, int b, int c, void* d, socklen_t* e), (a, b, c, d, e), -1)
 FAILING(int, listen, (int a, int b), (a, b), -1)
 FAILING(int, poll, (pollfd * a, nfds_t b, int c), (a, b, c), -1)
+FAILING(int, pthread_create, (pthread_t * a, const pthread_attr_t* b, void* (*c)(void*), void* d),
+        (a, b, c, d), EAGAIN)
 FAILING(ssize_t, readlink, (const char* a, char* b, size_t c), (a, b, c), -1)
 FAILING(ssize_t, recvmsg, (int a, msghdr* b, int c), (a, b, c), -1)
 FAILING(ssize_t, sendmsg, (int a, const msghdr* b, int c), (a, b, c), -1)
@@ -98,25 +97,9 @@ extern "C" int fcntl(int fd, int command, ...) {
     return next(fd, command, argument);
 }
 
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*body)(void*), void* argument) {
-    static auto* const next = NEXT(pthread_create);
-    if (const int error = faults::errorOf("pthread_create")) return error;
-    std::unique_ptr<faults::Start> start(new faults::Start{body, argument, faults::tIsProvider});
-    void* (*const begin)(void*) = [](void* given) {
-        const std::unique_ptr<faults::Start> own(static_cast<faults::Start*>(given));
-        faults::tIsProvider = std::get<bool>(*own);
-        return std::get<0>(*own)(std::get<void*>(*own));
-    };
-    const int result = next(thread, attributes, begin, start.get());
-    if (result == 0) start.release();  // NOLINT(bugprone-unused-return-value): the thread owns it
-    return result;
-}
-
 /** Stands still, so that no request grows stale on a slow machine; the "error" is a step of it. */
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) {
-    constexpr time_t kNow = 1700000000;
-    time->tv_sec = kNow + faults::errorOf("gettimeofday");
+    time->tv_sec = 1700000000 + faults::errorOf("gettimeofday");
     time->tv_usec = 0;
     return 0;
 }

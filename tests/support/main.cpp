@@ -8,7 +8,6 @@
 #include <thread>
 
 #include "host/log.h"
-#include "support/kernel.h"
 #include "support/leak_check.h"
 #include "support/spy_mapper.h"
 
@@ -17,7 +16,6 @@ int main(int argc, char** argv) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     host::setStderrLogPriority(ANDROID_LOG_FATAL);
     const host::ScopedMapper scope(&testing_support::sessionMapper(), host::realMapper2());
-    testing_support::kernel();
     // A sanitizer makes a thread of its own with the first one of the program: that has to be
     // before any count. A joined thread stays in the kernel's list for a moment, so wait until it
     // has left.
