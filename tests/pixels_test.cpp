@@ -29,12 +29,10 @@ const int kHeightStep = isSlow() ? 13 : 1;
 
 /** Writes a frame into the first rows of a buffer. */
 void put(const host::Buffer& buffer, const Bytes& frame, FrameSize size) {
-    const auto width = static_cast<size_t>(size.width);
     const auto height = static_cast<uint32_t>(size.height);
-    for (uint32_t y = 0; y < size.rows(); ++y) {
-        uint8_t* const row = y < height ? buffer.lumaRow(y) : buffer.chromaRow(y - height);
-        std::copy_n(&frame[y * width], width, row);
-    }
+    const uint8_t* row = frame.data();
+    for (uint32_t y = 0; y < size.rows(); ++y, row += size.width)
+        std::copy_n(row, size.width, y < height ? buffer.lumaRow(y) : buffer.chromaRow(y - height));
 }
 
 size_t wholePages(const host::Buffer& buffer) {
