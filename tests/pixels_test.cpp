@@ -15,7 +15,6 @@
 #include "host/unique_fd.h"
 #include "support/guarded.h"
 #include "support/session_fixture.h"
-#include "support/slow.h"
 
 namespace testing_support {
 
@@ -25,7 +24,7 @@ using Bytes = kit::Frame;
 using kit::FrameSize;
 
 constexpr int kMost = 130;
-const int kHeightStep = isSlow() ? 13 : 1;
+const int kHeightStep = IS_SLOW ? 13 : 1;
 
 /** Writes a frame into the first rows of a buffer. */
 void put(const host::Buffer& buffer, const Bytes& frame, FrameSize size) {
