@@ -117,7 +117,7 @@ struct Life {
     /** Which a seal, or having none, may forbid. */
     void change(int file, int64_t size) {
         (void)!ftruncate(file, nearly(size, {size - 1, size + 5000, kMost - 1, kMost, kMost + 1}));
-        fcntl(file, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_GROW, F_SEAL_SEAL}));
+        fcntl(file, F_ADD_SEALS, nearly(F_SEAL_SHRINK, {0, 0, F_SEAL_WRITE, F_SEAL_SEAL}));
         if (data.ConsumeIntegral<uint8_t>() < 32)
             fallocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, size & 4095, 1 + size);
     }
@@ -148,9 +148,10 @@ struct Life {
         Import made = {nullptr, file, claimOf(raw)};
         const int64_t total = made.claim.total;
         fuzz::expect(host::claimedBytes(raw) == static_cast<uint64_t>(total), "another claim");
-        const int seals = fcntl(file, F_GET_SEALS);
-        const bool isBuffer = total > 0 && seals >= 0 && (seals & F_SEAL_SHRINK) != 0 &&
-                              isWithin(lseek(file, 0, SEEK_END), total, kMost);
+        // What may not be written cannot be mapped. A file without seals has both of them here.
+        const int seals = fcntl(file, F_GET_SEALS) & (F_SEAL_SHRINK | F_SEAL_WRITE);
+        const bool isBuffer =
+            total > 0 && seals == F_SEAL_SHRINK && isWithin(lseek(file, 0, SEEK_END), total, kMost);
         const Error expected = isBuffer ? Error::NONE : Error::BAD_BUFFER;
         if (!expectAnswer(mapper.import(raw, made.handle), expected, counts.imports)) return;
         imports.push_back(made);

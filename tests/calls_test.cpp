@@ -24,7 +24,6 @@
 #include "model/operands.h"
 #include "model/words.h"
 #include "raw_socket.h"
-#include "support/slow.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -193,7 +192,7 @@ TEST(MessageTest, IsTakenAsItIsOrNotAtAllWhateverComesOfItAndWithIt) {
         for (size_t one = 0, bits = message.bytes.size() * 8; one < bits; ++one) {
             flip(one);
             isTaken(message, message.fds);
-            for (size_t other = one + 1; other < bits; other += isSlow() ? 23U : 1U) {
+            for (size_t other = one + 1; other < bits; other += IS_SLOW ? 23U : 1U) {
                 flip(other);
                 isTaken(message, message.fds);
                 flip(other);

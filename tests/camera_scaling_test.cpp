@@ -12,7 +12,6 @@
 #include "source/ffmpeg.h"
 #include "source/picture_scaler.h"
 #include "support/guarded.h"
-#include "support/slow.h"
 extern "C" {
 #include <libavutil/display.h>
 #include <libavutil/pixdesc.h>
@@ -117,10 +116,10 @@ TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
         {AV_PIX_FMT_MONOBLACK, {255}, {235, 128, 128}, {235, 128, 128}},  // cannot be cropped
         {AV_PIX_FMT_BGR32, {255, 0, 0}, {81, 90, 240}, {81, 90, 240}}};   // red, by BT.601
     camera::PictureScaler scaler;
-    for (int width = 1; width <= kMost; width += isSlow() ? 7 : 1) {
+    for (int width = 1; width <= kMost; width += IS_SLOW ? 7 : 1) {
         const auto& [format, colour, full, limited] = pictures[width % 6];
         const auto other = frameOf({50, 38}, format, colour);
-        for (int height = 1; height <= kMost; height += isSlow() ? 13 : 1) {
+        for (int height = 1; height <= kMost; height += IS_SLOW ? 13 : 1) {
             // Of another size, turned, and as it is, in a format that it shares with the planes.
             const auto same = frameOf({width, height}, std::get<0>(pictures[height % 3]), kColour);
             for (int way = 0; way < 4; ++way) {

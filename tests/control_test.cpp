@@ -17,7 +17,6 @@
 #include "host/limits.h"
 #include "support/few_descriptors.h"
 #include "support/run_shell.h"
-#include "support/slow.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -132,7 +131,7 @@ TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
         while (!done)
             EXPECT_TRUE(one->follow(many, sceneOf(4)).isOk());
     });
-    for (int round = 0; round < (isSlow() ? 500 : 15000) && !HasFailure(); ++round) {
+    for (int round = 0; round < (IS_SLOW ? 500 : 15000) && !HasFailure(); ++round) {
         EXPECT_EQ(other->setMode(TrackingMode::GROUP), Answer::OK);
         EXPECT_TRUE(eventually([&] { return ptz() == json(sceneOf(4)); }));
         EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);

@@ -26,23 +26,6 @@ namespace testing_support {
 
 using android::hardware::camera::common::V1_0::helper::HandleImporter;
 
-namespace {
-
-/** Of 64 x 64, whose memory is not sealed. */
-host::UniqueHandle forge() {
-    host::UniqueFd memory(memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    EXPECT_EQ(ftruncate(memory.get(), 64 * 96), 0);
-    return host::detail::encode(std::move(memory), {64, 64, 64, 64});
-}
-
-int wrapped(const native_handle_t* handle) {
-    return sp<GraphicBuffer>(
-               new GraphicBuffer(handle, GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64))
-        ->initCheck();
-}
-
-}  // namespace
-
 TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
     EXPECT_EQ(fcntl(allocate(8, 6).handle()->data[0], F_GET_SEALS),
               F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
@@ -63,28 +46,29 @@ TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
 
 TEST(MapperTest, HasNothingLeftOfAnImportThatFails) {
     const host::Buffer buffer = allocate(64, 64);
-    const host::UniqueHandle sealed = forge();
-    fcntl(sealed->data[0], F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_WRITE);
     const int64_t before = host::mapperCounters().mappings;
-    EXPECT_EQ(wrapped(sealed.get()), 2);
     FewDuplicates none;
     none.limitTo(0);
-    EXPECT_EQ(wrapped(buffer.handle()), 5);
+    EXPECT_EQ(wrap(buffer)->initCheck(), 5);
     EXPECT_EQ(host::mapperCounters().mappings, before);
 }
 
 TEST(MapperTest, RefusesAFileThatShrinksBetweenTwoLooks) {
     int looks = 1;
     for (int look = 1; look <= looks && look < 10; ++look) {
-        const host::UniqueHandle forged = forge();
-        const int file = forged->data[0];
+        const int file = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+        EXPECT_EQ(ftruncate(file, 64 * 96), 0);
+        const host::UniqueHandle forged =
+            host::detail::encode(host::UniqueFd(file), {64, 64, 64, 64});
         looks = 0;
         const FileWatch watch(file, Watching::ALL, [&] {
             if (++looks != look) return;
             EXPECT_EQ(ftruncate(file, 0), 0);
             syscall(SYS_fcntl, file, F_ADD_SEALS, F_SEAL_SHRINK);
         });
-        EXPECT_EQ(wrapped(forged.get()), 2) << look;
+        const sp<GraphicBuffer> buffer =
+            new GraphicBuffer(forged.get(), GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64);
+        EXPECT_EQ(buffer->initCheck(), 2) << look;
     }
 }
 

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include "Rotate180.h"
 #include "YUVFile.h"
@@ -16,7 +15,6 @@
 #include "host/unique_fd.h"
 #include "support/guarded.h"
 #include "support/session_fixture.h"
-#include "support/slow.h"
 
 namespace testing_support {
 
@@ -26,16 +24,14 @@ using Bytes = kit::Frame;
 using kit::FrameSize;
 
 constexpr int kMost = 130;
-const int kHeightStep = isSlow() ? 13 : 1;
+const int kHeightStep = IS_SLOW ? 13 : 1;
 
 /** Writes a frame into the first rows of a buffer. */
 void put(const host::Buffer& buffer, const Bytes& frame, FrameSize size) {
-    const auto width = static_cast<size_t>(size.width);
     const auto height = static_cast<uint32_t>(size.height);
-    for (uint32_t y = 0; y < size.rows(); ++y) {
-        uint8_t* const row = y < height ? buffer.lumaRow(y) : buffer.chromaRow(y - height);
-        std::copy_n(&frame[y * width], width, row);
-    }
+    const uint8_t* row = frame.data();
+    for (uint32_t y = 0; y < size.rows(); ++y, row += size.width)
+        std::copy_n(row, size.width, y < height ? buffer.lumaRow(y) : buffer.chromaRow(y - height));
 }
 
 size_t wholePages(const host::Buffer& buffer) {
@@ -95,11 +91,11 @@ struct PixelsTest : public testing::TestWithParam<bool> {
         const std::string path = "/proc/self/fd/" + std::to_string(file.get());
         const int bytes = whole.width * whole.height * 3 / 2;
         Bytes expected = frame;
-        expected.resize(static_cast<size_t>(bytes));
+        expected.resize(static_cast<size_t>(bytes) + 1);
         ASSERT_EQ(YUVFile(path.c_str(), whole.width, whole.height).putFrame(record), bytes);
-        Bytes written(expected.size() + 1);
+        Bytes written(expected.size());
         ASSERT_EQ(pread(file.get(), written.data(), written.size(), 0), bytes);
-        ASSERT_TRUE(std::equal(expected.begin(), expected.end(), written.begin()));
+        ASSERT_TRUE(written == expected);
         // The claim is larger in one direction and smaller in the other.
         record.width = kMost + 1 - size.width;
         record.height = size.width;
@@ -107,10 +103,10 @@ struct PixelsTest : public testing::TestWithParam<bool> {
 
         put(target, frame, size);
         Bytes memory = noise;
-        std::copy(noise.begin(), noise.end(), guarded.begin());
-        std::copy(frame.begin(), frame.end(), memory.begin() + (packed - guarded.begin()));
+        std::copy(noise.begin(), noise.end(), guarded.begin);
+        std::copy(frame.begin(), frame.end(), memory.begin() + (packed - guarded.begin));
         ASSERT_EQ(ZoruUtil::copyFrom(packed, wrapped), 0);
-        ASSERT_TRUE(std::equal(memory.begin(), memory.end(), guarded.begin()));
+        ASSERT_TRUE(std::equal(memory.begin(), memory.end(), guarded.begin));
         rotate180(wrapped);
         put(image, kit::turnedBy180(frame, size), size);
         ASSERT_TRUE(arrives(0));

@@ -17,7 +17,6 @@
 #include "host/threads.h"
 #include "support/driven_session.h"
 #include "support/run_shell.h"
-#include "support/slow.h"
 
 namespace testing_support {
 
@@ -113,8 +112,8 @@ TEST(UnloadDeathTest, ExitsWithALiveSessionInOrderOrSaysWhyNot) {
 // Takes its time, because those are many hundreds; in a sanitizer's build, where a process takes
 // longer, it is every fifth call.
 TEST(FaultTest, LosesNothingWhateverFails) {
-    const auto probe = startShell("exec " FAULT_PROBE + std::string(isSlow() ? " 5" : ""));
-    const std::string text = probe->rest(std::chrono::seconds(isSlow() ? 290 : 110));
+    const auto probe = startShell("exec " FAULT_PROBE + std::string(IS_SLOW ? " 5" : ""));
+    const std::string text = probe->rest(std::chrono::seconds(IS_SLOW ? 290 : 110));
     EXPECT_EQ(probe->exitCode(kPatience), 0) << text;
 }
 

@@ -3,8 +3,7 @@
 
 #include <unistd.h>
 
-#include <filesystem>
-#include <string>
+#include <csignal>
 #include <thread>
 
 #include "host/log.h"
@@ -21,7 +20,7 @@ int main(int argc, char** argv) {
     // has left.
     pid_t id = 0;
     std::thread([&id] { id = gettid(); }).join();
-    while (std::filesystem::exists("/proc/self/task/" + std::to_string(id)))
+    while (tgkill(getpid(), id, 0) == 0)
         std::this_thread::yield();
     // The listeners own it.
     testing::UnitTest::GetInstance()->listeners().Append(new testing_support::LeakCheck);
