@@ -147,11 +147,11 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     }
 
     // A stream that needs more than a frame of the file: nothing is read past the frame memory.
-    const host::Buffer large = allocate(1280, 722);
-    configure(4, 1280, 722);
+    const host::Buffer large = allocate(1284, 720);
+    configure(4, 1284, 720);
     submit(5, large.handle());
     EXPECT_EQ(passWithAnswer(5), Lines{"E threadLoop: a frame of the file is too small for "
-                                       "width(1280) height(722) \n"});
+                                       "width(1284) height(720) \n"});
     EXPECT_EQ(large.bytes()[0], 0);
     // That took a frame, and what cannot be wrapped takes none.
     submit(6, target.handle());
