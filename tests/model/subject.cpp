@@ -47,8 +47,7 @@ private:
         mSubject.say(words("callback", mNumber, what, records));
         mSubject.carryOutNested();
         if (mSubject.mLuck[CALLS] == 0) return {};
-        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
-                                                      "the peer has closed the connection");
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
     }
 
     Subject& mSubject;
