@@ -34,10 +34,8 @@ void turn(uint8_t* plane, size_t stride, size_t step, size_t columns, size_t row
 }
 
 class SessionModel : public SceneModel {
-public:
-    explicit SessionModel(const FileSet& files) : SceneModel(files) {}
+    using SceneModel::SceneModel;
 
-private:
     using Name = std::pair<int32_t, uint64_t>;  // the stream's id, and the buffer's
     struct Waiting {
         CaptureRequest request;
