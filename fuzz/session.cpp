@@ -11,7 +11,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     using namespace testing_support;  // NOLINT: all of the model
     static const host::ScopedMapper scope(&sessionMapper(), host::realMapper2());
-    static const Files files;
+    static const FileSet files;
     const Sequence sequence = sequenceFrom(bytes, size);
     const std::string found = disagreement(files, sequence);
     if (found.empty()) return 0;

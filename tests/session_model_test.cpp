@@ -16,7 +16,7 @@ static uint64_t numberFrom(const char* variable, uint64_t otherwise) {
 
 // FDSTREAM_MODEL_SEQUENCES and FDSTREAM_MODEL_SEED choose how many, and which is the first.
 TEST(SessionModelTest, AgreesWithTheSessionOnEverythingThatCanBeSeen) {
-    const Files files;
+    const FileSet files;
     const uint64_t first = numberFrom("FDSTREAM_MODEL_SEED", 0);
     const uint64_t count = numberFrom("FDSTREAM_MODEL_SEQUENCES", 1000);
     for (uint64_t seed = first; seed < first + count; ++seed) {

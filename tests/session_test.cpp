@@ -9,7 +9,6 @@
 #include <future>
 #include <memory>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "ObserverCalls.h"
@@ -27,13 +26,6 @@ using SessionTest = SessionFixture;
 using LettingGoTest = DrivenSession;
 using SessionLock = ObserverCalls::SessionLock;
 using android::hardware::camera::common::V1_0::Status;
-
-/** A callback whose end does something. */
-struct Ending : public Callback {
-    Ending(Deliveries& told, std::function<void()> act) : Callback(told), end(std::move(act)) {}
-    ~Ending() override { end(); }
-    const std::function<void()> end;
-};
 
 }  // namespace
 
@@ -150,7 +142,9 @@ TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {
              EXPECT_EQ(session->getProcessCaptureRequest(request), 0);
          }},
         {"a callback", 1, [&] {
-             session->handleSetCallback(new Ending(deliveries, goOn));
+             callback->during = [own = std::make_shared<host::UniqueFd>(dup(file.get()))] {};
+             session->handleSetCallback(callback);
+             callback.clear();
              session->handleSetCallback(nullptr);
          }}};
     session->handleSetCallback(nullptr);  // what is to be delivered ends here

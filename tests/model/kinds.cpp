@@ -9,15 +9,19 @@
 
 namespace testing_support {
 
-const std::array<Subject::Kind, 21> Subject::kKinds = {{
-    // The client's. Callback 0 is none, 3 is the last one once more. With these two, in this order,
-    // most sequences begin.
+const std::array<Subject::Kind, 20> Subject::kKinds = {{
+    // The client's. Callback 0 is none, 3 is the last one once more. With the first two, in this
+    // order, most sequences begin; with the three they all end.
     {"SetCallback", 4, [](Subject& s, const Args& args) { s.setCallback(args[0] % 4); }},
     {"Configure", 6,
      [](Subject& s, const Args& args) {
          s.say(words("configure", product::Status(s.client().configure(configurationOf(args)))));
      }},
-    {"Submit", 30, [](Subject& s, const Args& args) { s.submit(args); }},
+    {"Submit", 30,
+     [](Subject& s, const Args& args) {
+         const auto request = recordOf<product::CaptureRequest>(args, s.mFiles);
+         s.say(words("submit", product::Status(s.client().processCaptureRequest(request))));
+     }},
     // The provider's, who keeps what it takes, three requests, and two buffers.
     {"Take", 10,
      [](Subject& s, const Args&) {
@@ -74,9 +78,14 @@ const std::array<Subject::Kind, 21> Subject::kKinds = {{
      [](Subject& s, const Args& args) {
          s.session().setSceneCallback(s.mObservers[args[0] % s.mObservers.size()].get());
      }},
-    {"SetScene", 3,
-     [](Subject& s, const Args& args) { s.session().setSceneControl(sceneOf(args)); }},
-    {"SetPTZ", 3, [](Subject& s, const Args& args) { s.session().setPTZControl(sceneOf(args)); }},
+    {"SetSceneOrPTZ", 6,
+     [](Subject& s, const Args& args) {
+         product::SceneControl control = {};
+         control.crops.resize(args[0] % 4);
+         fill(control, args[1] % 3U);  // few different ones, so that some are stored again
+         if (args[2] % 2 == 0) return s.session().setSceneControl(control);
+         s.session().setPTZControl(control);
+     }},
     {"SetMode", 4,
      [](Subject& s, const Args& args) {
          s.session().setTrackingMode(product::TrackingMode(oneOf({0, 0, 1, 2, -1}, args[0])));
@@ -124,11 +133,6 @@ void Subject::read() {
               got(product::TrackControl(), &product::FDSession::getTrackControl),
               session().getTrackingMode(), session().getPeopleCount(),
               session().isCaptureRequestReady()));
-}
-
-void Subject::submit(const Args& args) {
-    const auto request = recordOf<product::CaptureRequest>(args, mFiles);
-    say(words("processCaptureRequest", product::Status(client().processCaptureRequest(request))));
 }
 
 void Subject::send(const product::CaptureResult& result) {

@@ -111,11 +111,4 @@ product::StreamConfiguration configurationOf(const Args& args) {
     return configuration;
 }
 
-product::SceneControl sceneOf(const Args& args) {
-    product::SceneControl control = {};
-    control.crops.resize(args[0] % 4);
-    fill(control, args[1] % 3U);  // few different ones, so that some are stored again
-    return control;
-}
-
 }  // namespace testing_support

@@ -51,7 +51,6 @@ T oneOf(const T (&choices)[N], uint8_t arg) {
 template <typename Record>
 Record recordOf(const Args& args, const FileSet& files);
 product::StreamConfiguration configurationOf(const Args& args);
-product::SceneControl sceneOf(const Args& args);
 /** A buffer, from six arguments from this one on. */
 product::StreamBuffer bufferOf(const Args& args, const FileSet& files, size_t first = 0);
 

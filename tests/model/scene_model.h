@@ -33,7 +33,8 @@ protected:
         hidl_vec<CaptureResult> results;
         results.resize(1);
         results[0] = std::move(result);  // no copy, which would need descriptors
-        logUnlessOk(callback->processCaptureResult(results), "threadLoop: processCaptureResult");
+        isDone(callback->processCaptureResult(results),
+               "threadLoop: processCaptureResult transaction");
     }
     void sendNotify(FDNotifyMsg& msg) override {
         const sp<IFDSessionCallback> callback = mCallback;
@@ -42,7 +43,7 @@ protected:
             log('E',
                 "sendNotify: called inside an observer's operation that has the session locked \n");
         }
-        logUnlessOk(callback->notify({msg}), "sendNotify: notify");
+        isDone(callback->notify({msg}), "sendNotify: notify transaction");
     }
 
     void setSceneCallback(ISceneCallback* observer) override { mObserver = observer; }
@@ -83,15 +84,17 @@ protected:
         return mIsOver;
     }
 
+    template <typename Answer>
+    bool isDone(const Answer& answer, const char* call) {
+        if (!answer.isOk()) {
+            log('E', cat(call, " failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'"));
+        }
+        return answer.isOk();
+    }
+
     sp<IFDSessionCallback> mCallback;
 
 private:
-    void logUnlessOk(const Return<void>& answer, const char* call) {
-        if (answer.isOk()) return;
-        log('E', cat(call,
-                     " transaction failed: Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: the "
-                     "peer has closed the connection'"));
-    }
     /** With the session locked. */
     template <typename Control>
     void tell(void (ISceneCallback::*operation)(Control), const Control& control) {

@@ -15,10 +15,8 @@ namespace {
 
 /** The session itself, whose thread's start is refused: the passes are made here, on one thread. */
 class SessionDriver : public Subject {
-public:
-    explicit SessionDriver(const FileSet& files) : Subject(files) {}
+    using Subject::Subject;
 
-private:
     product::FDSession& session() override { return *mSession; }
     fdstream::IFDSession& client() override { return *mInterface; }
     void make() override {
@@ -38,16 +36,6 @@ private:
     android::sp<product::FDSessionImpl> mSession;
     android::sp<fdstream::IFDSession> mInterface;
 };
-
-std::string difference(const Events& got, const Events& expected, const std::string& where) {
-    if (got == expected) return {};
-    std::string text = where;
-    for (const std::string& event : got)
-        text += "\n  session: " + event;
-    for (const std::string& event : expected)
-        text += "\n  model:   " + event;
-    return text + "\n";
-}
 
 }  // namespace
 
@@ -83,17 +71,13 @@ Sequence sequenceFrom(const uint8_t* data, size_t size) {
     return sequence;
 }
 
-std::string disagreement(const Files& files, const Sequence& sequence) {
-    const std::unique_ptr<Subject> model = makeModel(files.models);
-    const std::unique_ptr<Subject> session = std::make_unique<SessionDriver>(files.sessions);
-    std::string found = difference(session->begin(), model->begin(), "at the beginning");
-    for (size_t i = 0; i < sequence.size() && found.empty(); ++i) {
-        const Events got = session->step(sequence[i]);
-        found = difference(got, model->step(sequence[i]), cat("in operation ", i));
-    }
-    // Also of those that do not agree, so that nothing of them stays.
-    const std::string last = difference(session->end(), model->end(), "at the end");
-    return found.empty() ? last : found;
+std::string disagreement(const FileSet& files, const Sequence& sequence) {
+    const auto session = SessionDriver(files).play(sequence);
+    const auto model = makeModel(files)->play(sequence);
+    const auto [got, expected] = std::mismatch(session.begin(), session.end(), model.begin());
+    if (got == session.end()) return {};
+    return cat("in step ", got - session.begin(), ", after the beginning, which is step 0",
+               "\n  session:", *got, "\n  model:", *expected, "\n");
 }
 
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {
@@ -119,7 +103,7 @@ std::string asCode(const Sequence& sequence) {
             code += cat(arg, ", ");
         code += cat("}},  // ", Subject::kKinds[kind].name, "\n");
     }
-    return code + "};\nEXPECT_EQ(disagreement(Files(), sequence), \"\");\n";
+    return code + "};\nEXPECT_EQ(disagreement(FileSet(), sequence), \"\");\n";
 }
 
 }  // namespace testing_support

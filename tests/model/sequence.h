@@ -17,20 +17,15 @@ struct Operation {
 };
 using Sequence = std::vector<Operation>;
 
-/** Of the session, and of its model: each has memories of its own. */
-struct Files {
-    FileSet sessions;
-    FileSet models;
-};
-
 /** The number of the kind that this byte stands for: of the frequent ones by many. */
 uint8_t kindAt(uint8_t byte);
 /** 20 to 60 operations, always the same ones for a seed. */
 Sequence sequenceOf(uint64_t seed);
 /** Operations from arbitrary bytes, 60 at most. */
 Sequence sequenceFrom(const uint8_t* data, size_t size);
-/** What the session and its model do not agree on first; empty when they agree on all of it. */
-std::string disagreement(const Files& files, const Sequence& sequence);
+/** What the session and its model, one after the other with the same memories, do not agree on
+ * first; empty when they agree on all of it. */
+std::string disagreement(const FileSet& files, const Sequence& sequence);
 /** Without operations, and bytes of them, that this does not need to hold. */
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds);
 /** As code that can be put into a test. */

@@ -4,7 +4,6 @@
 #include <map>
 #include <set>
 
-#include "frame.h"
 #include "model/scene_model.h"
 #include "support/spy_mapper.h"
 
@@ -15,7 +14,6 @@ namespace {
 using android::hardware::hidl_handle;
 
 constexpr int64_t kStaleUs = 1000000;
-constexpr const char* kGone = "Status(EX_TRANSACTION_FAILED): 'DEAD_OBJECT: gone'";
 
 /** Which handles there are: a copy has fewer when they could not be duplicated. */
 std::array<bool, 3> handlesOf(const StreamBuffer& buffer) {
@@ -24,26 +22,20 @@ std::array<bool, 3> handlesOf(const StreamBuffer& buffer) {
             buffer.releaseFence.getNativeHandle() != nullptr};
 }
 
-void turn(const android_ycbcr& planes, kit::FrameSize size) {
-    const auto rowAt = [&](size_t row) {
-        const auto luma = static_cast<size_t>(size.height);
-        return row < luma ? static_cast<uint8_t*>(planes.y) + row * planes.ystride
-                          : static_cast<uint8_t*>(std::min(planes.cb, planes.cr)) +
-                                (row - luma) * planes.cstride;
-    };
-    kit::Frame frame;
-    for (size_t row = 0; row < size.rows(); ++row)
-        frame.insert(frame.end(), rowAt(row), rowAt(row) + size.width);
-    const kit::Frame turned = kit::turnedBy180(frame, size);
-    for (size_t row = 0; row < size.rows(); ++row)
-        std::copy_n(&turned[static_cast<size_t>(size.width) * row], size.width, rowAt(row));
+std::string textOf(const StreamBuffer& buffer) {
+    return cat(" streamId(", buffer.streamId, "), bufferId(", buffer.bufferId, ") \n");
+}
+
+/** Swaps each sample of a plane with the one on the other side of its middle. */
+void turn(uint8_t* plane, size_t stride, size_t step, size_t columns, size_t rows) {
+    const auto at = [=](size_t i) { return plane + i / columns * stride + i % columns * step; };
+    for (size_t i = 0; i < columns * rows / 2; ++i)
+        std::swap_ranges(at(i), at(i) + step, at(columns * rows - 1 - i));
 }
 
 class SessionModel : public SceneModel {
-public:
-    explicit SessionModel(const FileSet& files) : SceneModel(files) {}
+    using SceneModel::SceneModel;
 
-private:
     using Name = std::pair<int32_t, uint64_t>;  // the stream's id, and the buffer's
     struct Waiting {
         CaptureRequest request;
@@ -87,49 +79,38 @@ private:
 
     // ---- The buffers ----
 
-    std::optional<buffer_handle_t> lookUpOrImport(const StreamBuffer& buffer) {
-        const Name name = {buffer.streamId, buffer.bufferId};
+    /** Imports a buffer that is new. */
+    Status know(const StreamBuffer& buffer) {
         mStreams.insert(buffer.streamId);
-        if (mRegistry.count(name) != 0) return mRegistry[name];
-        if (buffer.buffer.getNativeHandle() == nullptr) {
-            logBuffer('E', "handleCaptureRequest: buffer", buffer);
-            return std::nullopt;
-        }
+        if (mRegistry.count(nameOf(buffer)) != 0) return Status::OK;
+        if (buffer.buffer.getNativeHandle() == nullptr) return refused("buffer" + textOf(buffer));
         const std::optional<buffer_handle_t> imported = import(buffer.buffer);
-        if (!imported) {
-            logBuffer('E', "handleCaptureRequest: import buffer failed,", buffer);
-            return std::nullopt;
-        }
-        mRegistry[name] = *imported;
+        if (!imported) return refused("import buffer failed," + textOf(buffer));
+        mRegistry[nameOf(buffer)] = *imported;
         const auto& stream = mConfiguration->streams[0];
         mGraphicBuffers[buffer.bufferId] =
             new GraphicBuffer(*imported, GraphicBuffer::CLONE_HANDLE, stream.width, stream.height,
                               35, 1, stream.usage, stream.width);
-        logBuffer('I', "handleCaptureRequest: import buffer success,", buffer);
-        return imported;
+        log('I', "handleCaptureRequest: import buffer success," + textOf(buffer));
+        return Status::OK;
     }
     std::optional<buffer_handle_t> import(const hidl_handle& raw) {
         if (raw->numFds + raw->numInts == 0) return nullptr;
         std::optional<buffer_handle_t> imported;
-        const Return<void> answer =
-            sessionMapper().importBuffer(raw, [&](mapper3::Error error, void* handle) {
-                if (error == mapper3::Error::NONE) imported = static_cast<buffer_handle_t>(handle);
-            });
-        if (!answer.isOk()) {
-            log('E',
-                cat("HandleImporter: importBufferInternal: mapper importBuffer failed: ", kGone));
-            return std::nullopt;
-        }
-        return imported;
+        const auto take = [&](mapper3::Error error, void* handle) {
+            if (error == mapper3::Error::NONE) imported = static_cast<buffer_handle_t>(handle);
+        };
+        const bool isAnswered = isDone(sessionMapper().importBuffer(raw, take),
+                                       "HandleImporter: importBufferInternal: mapper importBuffer");
+        return isAnswered ? imported : std::nullopt;
     }
     void release(buffer_handle_t imported) {
         if (imported == nullptr) return;
-        if (!sessionMapper().freeBuffer(const_cast<native_handle_t*>(imported)).isOk()) {  // NOLINT
-            log('E', cat("HandleImporter: freeBuffer: mapper freeBuffer failed: ", kGone));
-        }
+        isDone(sessionMapper().freeBuffer(const_cast<native_handle_t*>(imported)),  // NOLINT
+               "HandleImporter: freeBuffer: mapper freeBuffer");
     }
     void freeBuffer(const StreamBuffer& buffer) override {
-        const auto found = mRegistry.find({buffer.streamId, buffer.bufferId});
+        const auto found = mRegistry.find(nameOf(buffer));
         if (found == mRegistry.end()) {
             const std::string what = mStreams.count(buffer.streamId) == 0
                                          ? cat("streamId(", buffer.streamId)
@@ -149,51 +130,45 @@ private:
 
     Return<Status> processCaptureRequest(const CaptureRequest& request) override {
         if (isGone("processCaptureRequest")) return Status::INTERNAL_ERROR;
-        CaptureRequest copy = {request.frameNumber,
-                               request.fmqSettingsSize,
-                               request.settings,
-                               request.inputBuffer,
-                               {}};
-        copy.outputBuffers.resize(request.outputBuffers.size());
-        for (size_t i = 0; i < request.outputBuffers.size(); ++i) {
-            const StreamBuffer& from = request.outputBuffers[i];
-            copy.outputBuffers[i] = {from.streamId, from.bufferId,     {},
-                                     from.status,   from.acquireFence, from.releaseFence};
+        const auto& [number, size, settings, input, outputs] = request;
+        CaptureRequest copy = {number, size, settings, input, {}};
+        copy.outputBuffers.resize(outputs.size());
+        for (size_t i = 0; i < outputs.size(); ++i) {
+            const auto& [stream, id, handle, status, acquire, release] = outputs[i];
+            copy.outputBuffers[i] = {stream, id, {}, status, acquire, release};
         }
-        if (!fits(request)) return Status::ILLEGAL_ARGUMENT;
+        if (outputs.size() != 1) {
+            return refused(cat("outputBuffersCount(", outputs.size(), ")  \n"));
+        }
+        if (!mConfiguration) return refused("mConfigSet(0)  \n");
+        const StreamBuffer& buffer = outputs[0];
+        const int32_t configured = mConfiguration->streams[0].id;
+        if (buffer.streamId != configured) {
+            return refused(cat("buffer streamId(", buffer.streamId, "), configuration streamId(",
+                               configured, ") \n"));
+        }
 
-        const StreamBuffer& buffer = request.outputBuffers[0];
-        const bool isNew = mRegistry.count({buffer.streamId, buffer.bufferId}) == 0;
-        const std::optional<buffer_handle_t> imported = lookUpOrImport(buffer);
-        if (!imported) return Status::ILLEGAL_ARGUMENT;
-        const hidl_handle registered(*imported);
+        const bool isNew = mRegistry.count(nameOf(buffer)) == 0;
+        if (know(buffer) != Status::OK) return Status::ILLEGAL_ARGUMENT;
+        const hidl_handle registered(mRegistry[nameOf(buffer)]);
         copy.outputBuffers[0].buffer = registered;
         std::array<bool, 3> whole = handlesOf(buffer);
-        whole[0] = *imported != nullptr;
-        if (handlesOf(copy.outputBuffers[0]) != whole ||
-            handlesOf(copy.inputBuffer) != handlesOf(request.inputBuffer)) {
-            logBuffer('E', "handleCaptureRequest: duplicating handles failed,", buffer);
-            if (isNew) {
-                freeBuffer(buffer);
-                mGraphicBuffers.erase(buffer.bufferId);
-            }
-            return Status::ILLEGAL_ARGUMENT;
+        whole[0] = registered.getNativeHandle() != nullptr;
+        if (handlesOf(copy.outputBuffers[0]) == whole &&
+            handlesOf(copy.inputBuffer) == handlesOf(input)) {
+            mRequests.push_back({std::move(copy), mNow});
+            return Status::OK;
         }
-        mRequests.push_back({std::move(copy), mNow});
-        return Status::OK;
+        const Status answer = refused("duplicating handles failed," + textOf(buffer));
+        if (isNew) {
+            freeBuffer(buffer);
+            mGraphicBuffers.erase(buffer.bufferId);
+        }
+        return answer;
     }
-    bool fits(const CaptureRequest& request) {
-        std::string reason;
-        if (request.outputBuffers.size() != 1) {
-            reason = cat("outputBuffersCount(", request.outputBuffers.size(), ")  \n");
-        } else if (!mConfiguration) {
-            reason = "mConfigSet(0)  \n";
-        } else if (request.outputBuffers[0].streamId != mConfiguration->streams[0].id) {
-            reason = cat("buffer streamId(", request.outputBuffers[0].streamId,
-                         "), configuration streamId(", mConfiguration->streams[0].id, ") \n");
-        }
-        if (!reason.empty()) log('E', "handleCaptureRequest: " + reason);
-        return reason.empty();
+    Status refused(const std::string& why) {
+        log('E', "handleCaptureRequest: " + why);
+        return Status::ILLEGAL_ARGUMENT;
     }
     bool isCaptureRequestReady() override { return !mRequests.empty(); }
     int32_t getProcessCaptureRequest(CaptureRequest& request) override {
@@ -209,7 +184,7 @@ private:
         CaptureResult copy = result;
         const auto check = [this](StreamBuffer& buffer, const StreamBuffer& original) {
             if (handlesOf(buffer) == handlesOf(original)) return;
-            logBuffer('E', "sendCaptureResult: duplicating handles failed,", buffer);
+            log('E', "sendCaptureResult: duplicating handles failed," + textOf(buffer));
             buffer.status = BufferStatus::ERROR;
         };
         for (size_t i = 0; i < result.outputBuffers.size(); ++i)
@@ -241,7 +216,13 @@ private:
             return log('E', cat("rotate180: lockYCbCr failed, error (", error, ") \n"));
         }
         if (planes.chroma_step == 2) {
-            turn(planes, {buffer.width, buffer.height});
+            const auto width = static_cast<size_t>(buffer.width);
+            const auto height = static_cast<size_t>(buffer.height);
+            auto* const chroma = static_cast<uint8_t*>(std::min(planes.cb, planes.cr));
+            turn(static_cast<uint8_t*>(planes.y), planes.ystride, 1, width, height);
+            turn(chroma, planes.cstride, 2, width / 2, height / 2);
+            // The byte of no pair, if there is one, keeps its column.
+            turn(chroma + width / 2 * 2, planes.cstride, width % 2, 1, height / 2);
         } else {
             log('E', cat("rotate180: unhandled chroma format step ", planes.chroma_step, " \n"));
         }
@@ -250,10 +231,8 @@ private:
         }
     }
 
-    void logBuffer(char priority, const char* event, const StreamBuffer& buffer) {
-        log(priority,
-            cat(event, " streamId(", buffer.streamId, "), bufferId(", buffer.bufferId, ") \n"));
-    }
+    static Name nameOf(const StreamBuffer& buffer) { return {buffer.streamId, buffer.bufferId}; }
+
     std::optional<StreamConfiguration> mConfiguration;
     std::map<Name, buffer_handle_t> mRegistry;
     std::set<int32_t> mStreams;  // of which there was a buffer, taken or not

@@ -47,8 +47,7 @@ private:
         mSubject.say(words("callback", mNumber, what, records));
         mSubject.carryOutNested();
         if (mSubject.mLuck[CALLS] == 0) return {};
-        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
-                                                      "the peer has closed the connection");
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
     }
 
     Subject& mSubject;
@@ -84,29 +83,28 @@ Subject::Subject(const FileSet& files) : mFiles(files) {
         mObservers[i] = std::make_unique<Observer>(*this, i);
 }
 
-Subject::~Subject() {
-    mLuck = {};
-    enterWorld();
-    static_cast<Spied&>(sessionMapper()) = {};
-}
-
-Events Subject::end() {
-    return seen([this] {
+std::vector<std::string> Subject::play(const Sequence& sequence) {
+    std::vector<std::string> all = {seen([this] { make(); })};
+    for (const Operation& operation : sequence)
+        all.push_back(seen([&] { kKinds[operation.kind].carryOut(*this, operation.args); }));
+    all.push_back(seen([this] {
         mNested.reset();
         mTaken.clear();
         mHeld.clear();
         read();
-        say(words("configure",
-                  product::Status(client().configure(configurationOf({})))));  // frees the buffers
+        kKinds[1].carryOut(*this, {});  // frees the buffers
         mIsOver = true;
         drop();
-        setCallback(0);
-        say(words("configure", product::Status(client().configure({}))));
-        submit({});
-    });
+        for (const size_t kind : {0U, 1U, 2U})
+            kKinds[kind].carryOut(*this, {});
+    }));
+    mLuck = {};
+    enterWorld();
+    static_cast<Spied&>(sessionMapper()) = {};
+    return all;
 }
 
-Events Subject::seen(const std::function<void()>& operation) {
+std::string Subject::seen(const std::function<void()>& operation) {
     const host::ScopedLogSink scope(*this);
     enterWorld();
     mFewDuplicates.limitTo(std::exchange(mDuplicates, -1));
@@ -125,7 +123,7 @@ Events Subject::seen(const std::function<void()>& operation) {
               now.unlocks - before.unlocks, "refusals", now.refusals - before.refusals, "maps",
               now.maps - before.maps, "mappings", now.mappings - before.mappings, "mapper",
               std::exchange(mMapped, {}), "bytes", bytes));
-    return std::exchange(mEvents, {});
+    return std::exchange(mSeen, {});
 }
 
 void Subject::enterWorld() {
@@ -154,7 +152,7 @@ void Subject::carryOutNested() {
 }
 
 void Subject::setCallback(int choice) {
-    android::sp<Client> callback;
+    android::sp<fdstream::IFDSessionCallback> callback;
     if (choice == 3) callback = mClient.promote();
     if (callback == nullptr && choice != 0) callback = new Client(*this, ++mCallbacksMade);
     mClient = callback;

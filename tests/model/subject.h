@@ -18,11 +18,8 @@
 
 namespace testing_support {
 
-/** All that can be seen of a step, in order, each event a sentence. */
-using Events = std::vector<std::string>;
-
 /**
- * What a sequence is played on: the session or the model of it, with all who use it. Carries
+ * What one sequence is played on: the session or the model of it, with all who use it. Carries
  * operations out, and says what could be seen of each in the same words for both.
  */
 class Subject : private host::LogSink {
@@ -33,27 +30,22 @@ public:
         uint8_t weight;  ///< how often it comes up
         void (*carryOut)(Subject& subject, const Args& args);
     };
-    static const std::array<Kind, 21> kKinds;
+    static const std::array<Kind, 20> kKinds;
 
-    Events begin() {
-        return seen([this] { make(); });
-    }
-    Events step(const Operation& operation) {
-        return seen([&] { kKinds[operation.kind].carryOut(*this, operation.args); });
-    }
-    /** The session's end, and what a client hears that calls it after that. */
-    Events end();
-
-    ~Subject() override;
-
-protected:
     explicit Subject(const FileSet& files);
 
+    /**
+     * What can be seen of the beginning, of each operation, and of the session's end with what a
+     * client hears that calls it after that: each a text, with a line for each event, in order.
+     */
+    std::vector<std::string> play(const Sequence& sequence);
+
+protected:
     /** The client's calls; the mapper, below 0 gone; the first lock and unlock of a step; the flip,
      * 0 while nobody has said, below 0 "false". */
     enum Luck { CALLS, MAPPER, LOCK, UNLOCK, FLIP };
 
-    void say(std::string event) { mEvents.push_back(std::move(event)); }
+    void say(const std::string& event) { mSeen += "\n    " + event; }
 
     virtual product::FDSession& session() = 0;
     virtual fdstream::IFDSession& client() = 0;
@@ -74,17 +66,16 @@ private:
 
     void write(const host::LogLine& line) override;
     /** What an operation does, and what else can be seen of that. */
-    Events seen(const std::function<void()>& operation);
-    /** What all of this process share, as it is for this subject. */
+    std::string seen(const std::function<void()>& operation);
+    /** What all of this process share, as it is now. */
     void enterWorld();
     void carryOutNested();
     /** Says all that can be read of the session. */
     void read();
     void setCallback(int choice);
-    void submit(const Args& args);
     void send(const product::CaptureResult& result);
 
-    Events mEvents;
+    std::string mSeen;
     std::optional<Operation> mNested;
 
     // The world.
@@ -96,7 +87,7 @@ private:
     // The users.
     int mCallbacksMade = 0;
     size_t mUndelivered = 0;
-    android::wp<Client> mClient;
+    android::wp<fdstream::IFDSessionCallback> mClient;
     std::array<std::unique_ptr<product::ISceneCallback>, 3> mObservers;  // the first is none
     std::deque<product::CaptureRequest> mTaken;
     std::deque<android::sp<android::GraphicBuffer>> mHeld;

@@ -1,15 +1,20 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "FDSession.h"
@@ -32,14 +37,28 @@ using kit::resultFor;
 
 constexpr const char* kSessionTag = "vendor.zoru.zoruprovider.fdstream@1.0-impl";
 
+/** Until when a test waits for an event. */
+inline auto inTenSeconds() {
+    return std::chrono::system_clock::now() + std::chrono::seconds(10);
+}
+
 /** Asks again and again, for events that nobody tells; false after 10 s. */
-bool eventually(const std::function<bool()>& condition);
+inline bool eventually(const std::function<bool()>& condition) {
+    const auto limit = inTenSeconds();
+    while (!condition()) {
+        if (std::chrono::system_clock::now() > limit) return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
 
 /** Whether this thread of the process waits for something. */
-bool isAsleep(pid_t thread);
-
-/** Of the calling thread, as the kernel keeps it. */
-std::string threadName();
+inline bool isAsleep(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string text;
+    std::getline(file, text);
+    return text.find(") S ") != std::string::npos;
+}
 
 /** What the client was told, kept beyond the callback's own life. Any thread. */
 class Deliveries {
@@ -48,12 +67,31 @@ public:
         CaptureResult result;
     };
 
-    void add(const hidl_vec<CaptureResult>& results);
-    void add(const hidl_vec<FDNotifyMsg>& msgs);
-    void callbackDied();
+    void add(const hidl_vec<CaptureResult>& results) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDeliveries.push_back({results[0]});
+        mChanged.notify_all();
+    }
+    void add(const hidl_vec<FDNotifyMsg>& msgs) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        EXPECT_EQ(msgs.size(), 1U);
+        mNotified.push_back(msgs[0]);
+    }
+    void callbackDied() {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        pthread_getname_np(pthread_self(), mDeathThread, sizeof(mDeathThread));
+        mChanged.notify_all();
+    }
     /** Waits for so many since the start, or fails after 10 s; gives all from the first asked for.
      */
-    std::vector<Delivery> waitFor(size_t count, size_t first = 0);
+    std::vector<Delivery> waitFor(size_t count, size_t first = 0) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        EXPECT_TRUE(
+            mChanged.wait_until(lock, inTenSeconds(), [&] { return mDeliveries.size() >= count; }))
+            << mDeliveries.size() << " of " << count << " results came";
+        mDeliveries.resize(std::max(count, mDeliveries.size()));
+        return {mDeliveries.begin() + static_cast<ptrdiff_t>(first), mDeliveries.end()};
+    }
     size_t count() const {
         const std::lock_guard<std::mutex> lock(mMutex);
         return mDeliveries.size();
@@ -63,7 +101,11 @@ public:
         return mNotified;
     }
     /** Name of the thread on which the callback died; waits for it. */
-    std::string waitForDeath();
+    std::string waitForDeath() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        EXPECT_TRUE(mChanged.wait_until(lock, inTenSeconds(), [&] { return *mDeathThread != 0; }));
+        return mDeathThread;
+    }
 
 private:
     mutable std::mutex mMutex;
@@ -71,7 +113,7 @@ private:
     // Guarded by mMutex.
     std::vector<Delivery> mDeliveries;
     std::vector<FDNotifyMsg> mNotified;
-    std::string mDeathThread;
+    char mDeathThread[16] = "";
 };
 
 /** The client's callback. `during`, if set, runs inside each call, on the calling thread. */
@@ -107,15 +149,35 @@ inline host::Buffer allocate(uint32_t width, uint32_t height,
 }
 
 /** The buffer as the session wraps it, with this usage. */
-sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33);
+inline sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
+    const host::BufferGeometry& size = buffer.geometry();
+    return new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, size.width, size.height,
+                             35, 1, usage, size.width);
+}
 
 /** One stream, none of whose fields is 0, with a usage of more than 32 bits. */
-StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8);
+inline StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8) {
+    StreamConfiguration configuration =
+        kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
+    Stream& stream = configuration.streams[0];
+    stream.streamType = decltype(stream.streamType)::INPUT;
+    stream.usage = 0x100000033;
+    stream.dataSpace = 77;
+    stream.rotation = decltype(stream.rotation)::ROTATION_270;
+    configuration.operationMode = decltype(configuration.operationMode)::VENDOR_MODE_1;
+    return configuration;
+}
 
 class SessionFixture : public testing::Test {
 protected:
-    explicit SessionFixture(const sp<FDSessionImpl>& tested = new FDSessionImpl);
-    ~SessionFixture() override;
+    explicit SessionFixture(const sp<FDSessionImpl>& tested = new FDSessionImpl) : session(tested) {
+        session->handleSetCallback(callback);
+    }
+    ~SessionFixture() override {
+        if (session == nullptr) return;
+        session->handleConfigure(configurationOf(0));  // gives every imported buffer back
+        stop();
+    }
 
     /** Configures stream 0 and submits one request with a buffer of its size. */
     void configure(int32_t id = 0) { ASSERT_EQ(session->handleConfigure(configurationOf(id)), 0); }
@@ -130,19 +192,26 @@ protected:
     /** Takes the oldest request and hands its buffer back. */
     void serveOne() { session->sendCaptureResult(resultFor(take())); }
     /** Ends the monitor, so that what a callback's `during` refers to may go. */
-    void stop();
+    void stop() {
+        session->requestExit();
+        drivePass();  // ends the wait
+        session->join();
+    }
     /** From now on the client is inside each call until the lock is let go of. */
-    std::unique_lock<std::mutex> holdClient();
+    std::unique_lock<std::mutex> holdClient() {
+        callback->during = [this] { const std::lock_guard<std::mutex> pass(clientGate); };
+        return std::unique_lock<std::mutex>(clientGate);
+    }
     /** Makes the monitor go through one pass at once. */
     void drivePass() { session->sendCaptureResult(CaptureResult()); }
 
     std::mutex clientGate;
     LogLines log;
     Deliveries deliveries;
-    const host::Buffer buffer;
+    const host::Buffer buffer = allocate(16, 8);
     sp<FDSessionImpl> session;
-    sp<IFDSession> client;
-    sp<Callback> callback;
+    sp<IFDSession> client = session->getInterface();
+    sp<Callback> callback = new Callback(deliveries);
 };
 
 }  // namespace testing_support
