@@ -67,14 +67,6 @@ int farthest(const Planes& planes, const Colour& colour) {
     return most;
 }
 
-bool scale(camera::PictureScaler& scaler, const AVFrame& frame, const Planes& to,
-           const camera::Orientation& orientation = {}) {
-    const FrameSize size = {frame.width, frame.height};
-    const PictureShape shape = {size, size, orientation};
-    const FrameSize picture = shape.picture();
-    return scaler.scale(frame, shape, {0, 0, picture.width, picture.height}, to);
-}
-
 /** Its client's planes are guarded, and have the tightest strides that a buffer may have. */
 class CameraScalingTest : public testing::TestWithParam<Order> {
 protected:
@@ -128,8 +120,10 @@ TEST_P(CameraScalingTest, FillsEverySizeAndTouchesNothingElse) {
                 const bool isFull = way < 3 ? way != 1 : width % 2 == 0;
                 frame.color_range = isFull ? AVCOL_RANGE_JPEG : AVCOL_RANGE_MPEG;
                 const Planes to = planes({width, height});
-                const camera::Orientation turn = {way == 2, way == 2 ? 1 + height % 3 : 0};
-                ASSERT_TRUE(scale(scaler, frame, to, turn));
+                const FrameSize size = {frame.width, frame.height};
+                const PictureShape shape = {size, size, {way == 2, way == 2 ? 1 + height % 3 : 0}};
+                const FrameSize all = shape.picture();
+                ASSERT_TRUE(scaler.scale(frame, shape, {0, 0, all.width, all.height}, to));
                 const Colour& shown =
                     way < 3 ? (isFull ? full : limited) : (isFull ? kShown : kColour);
                 ASSERT_LE(farthest(to, shown), 1) << width << 'x' << height << " way " << way;
@@ -161,13 +155,13 @@ TEST_P(CameraScalingTest, TurnsAsItIsTold) {
         const auto quarter = [&](int x, int y) {
             return to.luma[size.height * y / 4 * to.lumaStride + size.width * x / 4] / 50 - 1;
         };
-        ASSERT_TRUE(scale(scaler, *frame, to, shape.orientation));
+        const FrameSize whole = shape.picture();
+        ASSERT_TRUE(scaler.scale(*frame, shape, {0, 0, whole.width, whole.height}, to));
         std::string seen;
         for (const auto& [x, y] : {std::pair(1, 1), {3, 1}, {1, 3}, {3, 3}})
             seen += static_cast<char>('0' + quarter(x, y));
         EXPECT_EQ(seen, expected[turn]) << turn;
         // The upper left quarter of what is seen.
-        const FrameSize whole = shape.picture();
         ASSERT_TRUE(scaler.scale(*frame, shape, {0, 0, whole.width / 2, whole.height / 2}, to));
         EXPECT_EQ(quarter(2, 2), expected[turn][0] - '0');
     }

@@ -1,20 +1,27 @@
 // A camera in software: which frames its client gets and when, what it is told of them, and what
-// happens when there are none.
+// happens when there are none; then clients that die at any moment, and files that were corrupted,
+// each in a way of its own. FDSTREAM_HOSTILE_FILES says how many of each kind.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <fstream>
-#include <future>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "host/channel.h"
 #include "support/camera_fixture.h"
 #include "support/interposed.h"
 #include "view/announcements.h"
-#include "view/pace.h"
 
 namespace testing_support {
 
@@ -22,6 +29,26 @@ namespace {
 
 using std::chrono::steady_clock;
 using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
+
+/** Bytes changed, cut out, doubled or cut off: most of it near the beginning, where sizes are. */
+std::string corrupted(std::string bytes, unsigned seed) {
+    std::minstd_rand random(seed * 2654435761U + 1);
+    const auto below = [&](size_t limit) { return random() / 7 % limit; };
+    for (size_t left = 1 + below(12); left > 0 && bytes.size() > 64; --left) {
+        const size_t most = below(3) == 0 ? std::min<size_t>(bytes.size(), 1024) : bytes.size();
+        const size_t place = below(most);
+        const size_t kind = below(8);
+        if (kind == 0) bytes.erase(place, 1 + below(200));
+        if (kind == 1) bytes.insert(place, bytes.substr(below(most), 1 + below(200)));
+        if (kind == 2) bytes.resize(bytes.size() / 2 + below(bytes.size() / 2));
+        if (kind == 3) bytes.replace(place, 4, std::string(4, below(2) == 0 ? '\xFF' : '\x7F'));
+        if (kind > 3) bytes[place] = static_cast<char>(random() >> 8);
+    }
+    return bytes;
+}
+
+using CameraHostileTest = CameraFixture;
+using CameraToolTest = CameraFixture;
 
 /** With a FIFO for raw pictures, each of one grey. */
 class CameraTest : public CameraFixture {
@@ -48,17 +75,7 @@ protected:
         open();
         write(1);
         ASSERT_EQ(play(fifo()), "");
-        waitForDropped(1);
-    }
-    void waitForDropped(uint64_t frames) const {
-        EXPECT_TRUE(eventually([&] { return source->status().dropped == frames; }));
-    }
-    void waitUntilAllAreTaken() const {
-        EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
-    }
-    /** Waits until the client, which is held, is called. */
-    void waitUntilTold(size_t messages) const {
-        EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == messages; }));
+        EXPECT_TRUE(eventually([&] { return source->status().dropped == 1; }));
     }
 
     static constexpr size_t kBytes = 64 * 48 * 3 / 2;
@@ -67,7 +84,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CameraTest, PlaysEachFrameAndBeginsAgainOrNot) {
+TEST_F(CameraTest, PlaysEachFrameAndBeginsAgainOrNotAndAStillPictureWhoeverAsks) {
     // Takes over a second, after which a source that was lost would be tried anew.
     writeClip("clip", "50+50*N", 4, "mpeg4 -f mp4");
     camera::SourceOptions options = sourceOf("clip");
@@ -85,11 +102,9 @@ TEST_F(CameraTest, PlaysEachFrameAndBeginsAgainOrNot) {
         EXPECT_EQ(askFor(), kError);
     EXPECT_GE(steady_clock::now() - begin, std::chrono::milliseconds(1100));
     EXPECT_EQ(saidSoFar(), "it is over\n");
-}
 
-TEST_F(CameraTest, PlaysAStillPictureWhoeverAsks) {
     writeClip("still.jpg", "120", 1, "mjpeg");
-    camera::SourceOptions options = sourceOf("still.jpg");
+    options = sourceOf("still.jpg");
     options.fps.reset();
     ASSERT_EQ(play(options), "");
     EXPECT_TRUE(eventually([&] { return source->status().dropped >= 3; }));
@@ -106,7 +121,7 @@ TEST_F(CameraTest, AnnouncesEachFrameWithItsViewBeforeItsResult) {
     session->setPTZControl({std::vector<Crop>{{32, 16, 64, 16}}, 64, 32, 0, 0, 0});
     std::unique_lock<std::mutex> inside(clientGate);
     ask();
-    waitUntilTold(4);
+    EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == 4; }));
     session->sendCaptureResult(resultFor(requestFor(77, 1)));
     inside.unlock();
     EXPECT_EQ(deliveries.waitFor(3)[1].result.frameNumber, 77U) << "told after its result";
@@ -134,7 +149,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     WallClock clock;
     for (int i = 0; i < 3; ++i)
         ask();
-    waitUntilAllAreTaken();
+    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
     clock.stepBy(5000000);
     drivePass();
     write(10);
@@ -149,7 +164,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     EXPECT_EQ(answer(3), 30);
 
     ask();
-    waitUntilAllAreTaken();
+    EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
     source->clientWent();
     EXPECT_EQ(answer(4), kError);
     EXPECT_FALSE(source->status().isBroken);  // which would be another reason
@@ -159,7 +174,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     std::unique_lock<std::mutex> inside(clientGate);
     const size_t before = deliveries.notified().size();
     write(50);
-    waitUntilTold(before + 1);
+    EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == before + 1; }));
     EXPECT_TRUE(session->isCaptureRequestReady());  // one is left when the camera has looked again
     inside.unlock();
     EXPECT_EQ(answer(5), 50);
@@ -177,7 +192,7 @@ TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSource) {
     EXPECT_EQ(deliveries.notified()[0].frameNumber, 0U);
     EXPECT_EQ(saidSoFar(), "nothing came for 2 s\n");
     write(2, kBytes - 1000);  // and goes on where it was
-    waitForDropped(2);
+    EXPECT_TRUE(eventually([&] { return source->status().dropped == 2; }));
 
     mFifo.close();
     EXPECT_TRUE(eventually([&] { return source->status().isBroken; }));
@@ -188,37 +203,98 @@ TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSource) {
     EXPECT_TRUE(eventually([&] { return !source->status().isBroken; }));
 }
 
-TEST_F(CameraTest, GivesUpWhateverItWaitsFor) {
+TEST_F(CameraTest, GivesUpWaitingForAPipe) {
     camera::Camera silent(session, fifo(), [](const std::string&) {});  // nobody writes
     std::string problem;
-    auto opening = std::async(std::launch::async, [&] { return silent.start(problem); });
     silent.giveUp();
-    EXPECT_FALSE(opening.get());
+    EXPECT_FALSE(silent.start(problem));
     EXPECT_EQ(problem, "it was stopped");
-
-    playFifo();
-    ask();
-    waitUntilAllAreTaken();
-    const auto begin = steady_clock::now();
-    source->end();  // in a read that waits for the pipe
-    EXPECT_LT(steady_clock::now() - begin, std::chrono::seconds(1));
-    answer(0);
 }
 
-TEST(PaceTest, FollowsTheStampsAndNoLeap) {
-    constexpr int64_t kMs = 1'000'000;
-    camera::Pace pace;
-    const auto due = [&](int64_t stamp, int64_t now = 1000) {
-        return pace.dueOf(stamp * kMs, 40 * kMs, now * kMs) / kMs;
-    };
-    EXPECT_EQ(due(500), 1000);
-    EXPECT_EQ(due(600), 1100);
-    EXPECT_EQ(due(600), 1140);                // stands still
-    EXPECT_EQ(due(9'000'000'000'000), 1180);  // leaps
-    EXPECT_EQ(due(540, 1300), 1220);          // goes back, and is late, but a little
-    EXPECT_EQ(due(580, 9000), 9000);          // does not catch up
-    pace.beginAgain();
-    EXPECT_EQ(due(900), 9040);
+TEST_F(CameraHostileTest, HarmsNobodyInOneProcess) {
+    // Takes a few seconds: each file is opened, and played for up to a second if it can be.
+    const char* const files = getenv("FDSTREAM_HOSTILE_FILES");
+    const int filesOfEachKind = files == nullptr ? 20 : std::stoi(files);
+    for (const std::string encoder : {"mpeg4 -f mp4", "mjpeg -f matroska", "mpeg4 -f avi"}) {
+        // Of a picture that changes, so that there is something to be coded.
+        writeClip("whole", "40+15*N", 12, encoder, "96x80");
+        for (int seed = 0; seed < filesOfEachKind; ++seed) {
+            SCOPED_TRACE(encoder + " " + std::to_string(seed));
+            std::ofstream(folder / "hostile", std::ios::binary)
+                << corrupted(contentOf(folder / "whole"), static_cast<unsigned>(seed));
+            camera::SourceOptions options = sourceOf("hostile", 1000);
+            options.decodingThreads = 1;
+            if (!play(options).empty()) continue;
+            const std::clock_t end = std::clock() + CLOCKS_PER_SEC;  // of the processor's time
+            // What breaks down gets errors at the frames' pace.
+            for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
+                if (askFor() == kError) break;
+            source.reset();
+            configureAnew();
+        }
+        // After all of them a whole file plays.
+        ASSERT_EQ(play(sourceOf("whole")), "");
+        EXPECT_NEAR(askFor(), 40, 20);
+    }
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
+}
+
+TEST_F(CameraToolTest, SaysWhatCannotBePlayedAndEndsWhenARawClipIsCutShort) {
+    std::ofstream(folder / "text.mp4") << "no video\n";
+    std::ofstream(folder / "raw.yuv") << "no frame\n";
+    expectRuns(
+        "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
+        {{"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
+         {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
+         {"--input /dev/video0 --camera 4x4@nan", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
+
+    const std::string clip = folder / "it's.yuv";
+    const std::string socket = folder / "socket";
+    std::ofstream(clip) << std::string(2 * kit::kFrameBytes, 'a');
+    const auto playing =
+        startShell("exec " PROVIDER_TOOL " --socket " + socket + " --input \"" + clip + "\"");
+    EXPECT_EQ(playing->nextLine(kPatience), "listening on " + socket);
+    expectRuns(
+        "tr a b <\"" + clip + "\" | " CLIENT_TOOL " --frames 3 --compare - --socket " + socket,
+        {{"", 1, "is none of the file's frames"}});
+    std::filesystem::resize_file(clip, kit::kFrameBytes);
+    EXPECT_TRUE(has(playing->rest(kPatience), " has become shorter while it was played\n"));
+    EXPECT_EQ(playing->exitCode(kPatience), 1);
+}
+
+TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
+    // Takes a few seconds: clients are processes, and are killed while frames are on their way.
+    const std::string socket = folder / "socket";
+    const auto provider =
+        startShell("exec " PROVIDER_TOOL
+                   " --flipped --format lavfi --input testsrc2=s=320x240:r=50 --socket " +
+                   socket);
+    EXPECT_EQ(provider->nextLine(kPatience), "listening on " + socket);
+    const std::string tool = "exec " CLIENT_TOOL " --size 160x120 --socket " + socket;
+    for (int i = 0; i < 4; ++i) {
+        const auto killed = startShell(tool + " --frames 0");
+        EXPECT_NE(killed->nextLine(kPatience).value_or(""), "");  // some frames
+        killed->signal(SIGKILL);
+        expectRuns(tool, {{"--frames 25", 0, ""}});  // and leaves no result
+    }
+    // One that answers no notification does not keep it from ending.
+    std::unique_lock<std::mutex> inside = holdClient();
+    std::string problem;
+    const auto silent = host::connect<IFDSession>(socket, problem);
+    EXPECT_TRUE(silent->setCallback(callback).isOk());
+    EXPECT_TRUE(silent->configure(configurationOf(0, 160, 120)).isOk());
+    const host::Buffer frame = allocate(160, 120);
+    EXPECT_TRUE(silent->processCaptureRequest(requestFor(1, 1, frame.handle())).isOk());
+    EXPECT_TRUE(eventually([&] { return !deliveries.notified().empty(); }));
+    provider->signal(SIGTERM);
+    const std::string said = provider->rest(kPatience);
+    EXPECT_EQ(provider->exitCode(kPatience), 0);
+    inside.unlock();
+    EXPECT_FALSE(has(said, "references")) << said;  // to the session, at its end
+    EXPECT_FALSE(has(said, "no answer within")) << said;
+    EXPECT_TRUE(has(said, " came\n") && has(said, " went\n")) << said;
 }
 
 }  // namespace testing_support

@@ -1,20 +1,32 @@
-// What of its picture the camera shows, where faces are in it, and how the view goes after them.
+// What of its picture the camera shows, where faces are in it, and how the view goes after them;
+// when a frame is due; and webcams, made up: files in whose place the kernel's answers are the
+// test's.
 
 #include <gtest/gtest.h>
+#include <linux/videodev2.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "source/webcams.h"
+#include "temporary_folder.h"
 #include "view/controller.h"
 #include "view/crop_rule.h"
 #include "view/faces.h"
+#include "view/pace.h"
 
 namespace testing_support {
 
@@ -58,6 +70,34 @@ struct Stream {
     }
 };
 
+/** By the first letter of the file: a webcam, one with ranges, or something else. */
+bool answer(char kind, unsigned long request, void* argument) {
+    const bool hasRanges = kind == 'r';
+    if (request == VIDIOC_QUERYCAP) {
+        auto& capability = *static_cast<v4l2_capability*>(argument);
+        strcpy(reinterpret_cast<char*>(capability.card), hasRanges ? "Ranges" : "Lists");
+        capability.capabilities = V4L2_CAP_DEVICE_CAPS | V4L2_CAP_VIDEO_CAPTURE;
+        capability.device_caps = kind == 'm' ? V4L2_CAP_META_CAPTURE : V4L2_CAP_VIDEO_CAPTURE;
+        return true;
+    }
+    if (request == VIDIOC_ENUM_FMT) {
+        auto& entry = *static_cast<v4l2_fmtdesc*>(argument);
+        entry.pixelformat = entry.index == 0 ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_SRGGB8;
+        return entry.index < (hasRanges ? 1 : 2);
+    }
+    if (request == VIDIOC_ENUM_FRAMESIZES) {
+        auto& entry = *static_cast<v4l2_frmsizeenum*>(argument);
+        entry.type = hasRanges ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_DISCRETE;
+        entry.discrete = {640U << entry.index, 480};
+        if (hasRanges) entry.stepwise = {32, 4096, 2, 32, 4096, 2};
+        return entry.index < (hasRanges ? 1 : 2);
+    }
+    auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
+    entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+    entry.discrete = {1, (entry.width == 640 ? 30U : 10U) >> entry.index};
+    return request == VIDIOC_ENUM_FRAMEINTERVALS && entry.index < 640 / entry.width + 1;
+}
+
 }  // namespace
 
 TEST(ViewTest, ShowsWhatIsAskedForAndNeverStretchesIt) {
@@ -65,11 +105,10 @@ TEST(ViewTest, ShowsWhatIsAskedForAndNeverStretchesIt) {
                           FrameSize stream = kPicture) {
         return camera::viewFor(wanted, of, kPicture, stream);
     };
-    EXPECT_EQ(shown(kAll, kPicture, {640, 480}), (Rect{160, 0, 960, 720}));  // its middle
-    EXPECT_EQ(shown({0, 0, 50, 50}, {100, 200}), (Rect{0, 0, 640, 360}));    // two scales
-    EXPECT_EQ(shown({600, 300, 160, 10}), (Rect{600, 260, 160, 90}));  // grown about its middle
-    EXPECT_EQ(shown({-50, -50, 210, 140}), (Rect{0, 0, 160, 90}));     // clipped
-    EXPECT_EQ(shown({101, 51, 160, 90}), (Rect{100, 50, 162, 92}));    // outward to the chroma
+    EXPECT_EQ(shown({0, 0, 50, 50}, {100, 200}), (Rect{0, 0, 640, 360}));  // two scales
+    EXPECT_EQ(shown({600, 300, 160, 10}), (Rect{600, 260, 160, 90}));      // grown about its middle
+    EXPECT_EQ(shown({-50, -50, 210, 140}), (Rect{0, 0, 160, 90}));         // clipped
+    EXPECT_EQ(shown({101, 51, 160, 90}), (Rect{100, 50, 162, 92}));        // outward to the chroma
     // The other side is cut.
     EXPECT_EQ(shown({0, 0, 1280, 400}, kPicture, {100, 100}), (Rect{280, 0, 720, 720}));
     // Nothing left, or of no size.
@@ -96,6 +135,22 @@ TEST(ViewTest, IsInsideThePictureOnTheGridAndOfTheStreamsShape) {
             }
         }
     }
+}
+
+TEST(PaceTest, FollowsTheStampsAndNoLeap) {
+    constexpr int64_t kMs = 1'000'000;
+    camera::Pace pace;
+    const auto due = [&](int64_t stamp, int64_t now = 1000) {
+        return pace.dueOf(stamp * kMs, 40 * kMs, now * kMs) / kMs;
+    };
+    EXPECT_EQ(due(500), 1000);
+    EXPECT_EQ(due(600), 1100);
+    EXPECT_EQ(due(600), 1140);                // stands still
+    EXPECT_EQ(due(9'000'000'000'000), 1180);  // leaps
+    EXPECT_EQ(due(540, 1300), 1220);          // goes back, and is late, but a little
+    EXPECT_EQ(due(580, 9000), 9000);          // does not catch up
+    pace.beginAgain();
+    EXPECT_EQ(due(900), 9040);
 }
 
 TEST(CameraFollowTest, KeepsAFaceThatWasRecordedInTheView) {
@@ -157,13 +212,44 @@ TEST(CameraFollowTest, MapsFacesByTheViewAndTheTurnAndBack) {
     const FrameSize frame = {640, 480};
     const Rect view = {100, 50, 320, 240};
     const Rect face = {64, 48, 64, 48};
-    const Rect upright = {132, 74, 32, 24};
-    const Rect turned = {356, 242, 32, 24};
-    EXPECT_EQ(camera::inPicture(face, frame, view, false), upright);
-    EXPECT_EQ(camera::inPicture(face, frame, view, true), turned);
-    EXPECT_EQ(camera::inFrame(upright, frame, view, false), face);
-    EXPECT_EQ(camera::inFrame(turned, frame, view, true), face);
+    for (const bool isTurned : {false, true}) {
+        const Rect place = isTurned ? Rect{356, 242, 32, 24} : Rect{132, 74, 32, 24};
+        EXPECT_EQ(camera::inPicture(face, frame, view, isTurned), place);
+        EXPECT_EQ(camera::inFrame(place, frame, view, isTurned), face);
+    }
     EXPECT_EQ(camera::inPicture({1, 1, 1, 1}, frame, view, false), (Rect{100, 50, 1, 1}));
 }
 
+TEST(WebcamsTest, AreListedWithTheirModesAndTheLargestFastOneIsChosen) {
+    const kit::TemporaryFolder folder;
+    for (const std::string file : {"list video2", "range video10", "meta video3", "none vide1"})
+        std::ofstream(folder / file.substr(file.find(' ') + 1)) << file;
+    std::string listed;
+    for (const camera::Webcam& webcam : camera::webcams(folder.path()))
+        listed += inWords(webcam) + std::to_string(bestModeOf(webcam).size->width) + " is chosen\n";
+    EXPECT_EQ(listed, folder / "video2" +
+                          ": Lists\n"
+                          "  640x480 yuyv422 at 30, 15 frames a second\n"
+                          "  1280x480 yuyv422 at 10 frames a second\n"
+                          "  640x480 RGGB at 30, 15 frames a second\n"
+                          "  1280x480 RGGB at 10 frames a second\n640 is chosen\n" +
+                          folder / "video10" +
+                          ": Ranges\n"
+                          "  1920x1080 yuyv422 at 10 frames a second\n"
+                          "  4096x4096 yuyv422 at 10 frames a second\n1920 is chosen\n");
+}
+
 }  // namespace testing_support
+
+// A program's symbols win over the library's.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+    va_list rest;
+    va_start(rest, request);
+    void* const argument = va_arg(rest, void*);
+    va_end(rest);
+    if (_IOC_TYPE(request) != 'V')  // no webcam's
+        return static_cast<int>(syscall(SYS_ioctl, fd, request, argument));
+    char kind = 0;
+    errno = EINVAL;
+    return pread(fd, &kind, 1, 0) == 1 && testing_support::answer(kind, request, argument) ? 0 : -1;
+}

@@ -71,8 +71,6 @@ TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
     });
     EXPECT_EQ(run("--frames 40 --json json"), 1) << read("err");
     EXPECT_TRUE(has(read("err"), "the provider has given this client up")) << read("err");
-    // Lost with its channel, or answered with an error on the new one: whichever call timed out.
-    EXPECT_FALSE(has(read("json"), "\"missing\": 0,") && has(read("json"), "\"failed\": 0,"));
     EXPECT_TRUE(has(read("json"), "{\"frame\": 39,")) << read("json");
 }
 
@@ -82,7 +80,6 @@ TEST_F(ClientToolTest, SaysInOneSentenceWhatIsWrong) {
         "cd " + folder.path().string() + "; exec >/dev/null; C='" CLIENT_TOOL " --socket socket';",
         {{"$C --size 3x0", 2, "fdstream-client: --size: 3x0 is no size"},
          {"$C --y4m - --raw -", 2, "fdstream-client: --raw and --y4m cannot both go to -\n"},
-         {"$C --watch", 2, "fdstream-client: --watch needs a terminal to show the stream in\n"},
          {"$C --frames 2 --json /dev/full", 1, "fdstream-client: /dev/full" + full},
          {"($C --frames 0 --size 64x64 --y4m -; echo $? >&2) | head -c 100000", 0, "0\n"},
          {"$C --frames 0 --raw - | head -c 1000", 0,

@@ -12,8 +12,6 @@
 
 namespace testing_support {
 
-constexpr camera::FrameSize kSize = {64, 48};
-
 /** A camera on the fixture's session, whose client has a buffer of 64 x 48 for each request. */
 class CameraFixture : public SessionFixture {
 protected:
@@ -36,11 +34,9 @@ protected:
      */
     void writeClip(const std::string& file, const std::string& luma, int frames,
                    const std::string& encoder, const std::string& size = "64x48") const {
-        const Output made =
-            runShell("ffmpeg -v error -y -f lavfi -i 'nullsrc=s=" + size + ":r=25,geq=" + luma +
-                     ":128:128' -frames:v " + std::to_string(frames) + " -q:v 2 -c:v " + encoder +
-                     " " + folder / file);
-        ASSERT_EQ(made.exitCode, 0) << made.text;
+        expectRuns("ffmpeg -v error -y -f lavfi -i 'nullsrc=s=" + size + ":r=25,geq=" + luma +
+                       ":128:128' -frames:v " + std::to_string(frames) + " -q:v 2 -c:v " + encoder,
+                   {{folder / file, 0, ""}});
     }
     /** A file in the fixture's folder, unless told otherwise without a pace. */
     camera::SourceOptions sourceOf(const std::string& name, double fps = 0) const {

@@ -75,23 +75,10 @@ protected:
     const kit::TemporaryFolder folder;
     std::unique_ptr<host::Server> server;
     std::atomic<pid_t> tool{0};
-    std::atomic<useconds_t> pauseUs{0};
+    std::atomic<useconds_t> pauseUs{100};
     std::string program = CLIENT_TOOL;
 
 private:
-    bool provideOne() {
-        CaptureRequest request = {};
-        if (session->getProcessCaptureRequest(request) != 0) return false;
-        {
-            const std::lock_guard<std::mutex> lock(mMutex);
-            CaptureResult result = resultFor(request);
-            result.outputBuffers[0].status = mFill(request);
-            session->sendCaptureResult(result);
-        }
-        usleep(pauseUs);
-        return true;
-    }
-
     kit::Frame mFrame = kit::patternOf(kit::kClipSize);
     mutable std::mutex mMutex;
     // Guarded by mMutex.
@@ -99,8 +86,14 @@ private:
         [this](const CaptureRequest& request) { return fill(request); };
     std::atomic<bool> mEnd{false};
     std::future<void> mProvider = std::async(std::launch::async, [this] {
-        while (!mEnd)
-            if (!provideOne()) usleep(100);
+        for (; !mEnd; usleep(pauseUs)) {
+            CaptureRequest request = {};
+            if (session->getProcessCaptureRequest(request) != 0) continue;
+            const std::lock_guard<std::mutex> lock(mMutex);
+            CaptureResult result = resultFor(request);
+            result.outputBuffers[0].status = mFill(request);
+            session->sendCaptureResult(result);
+        }
     });
 };
 
