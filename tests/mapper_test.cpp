@@ -36,6 +36,20 @@ TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
     EXPECT_EQ(mapper2::IMapper::getService("another"), nullptr);
 }
 
+TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
+    const host::Buffer buffer = allocate(64, 32);
+    for (const auto& [width, height] :
+         {std::pair{64U, 32U}, {65, 32}, {64, 33}, {0, 32}, {64, 0}}) {
+        const bool fits = width == 64 && height == 32;
+        const sp<GraphicBuffer> wrapped = new GraphicBuffer(
+            buffer.handle(), GraphicBuffer::CLONE_HANDLE, width, height, 35, 1, 0x100000033, 7);
+        EXPECT_EQ(wrapped->initCheck(), fits ? 0 : 3);
+        EXPECT_EQ(wrapped->handle != nullptr, fits);
+        EXPECT_EQ(std::tuple(wrapped->width, wrapped->height, wrapped->stride, wrapped->format),
+                  fits ? std::tuple(64, 32, 7, 35) : std::tuple(0, 0, 0, 0));
+    }
+}
+
 TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
     const OneInodeNumber same;
     const int64_t maps = host::mapperCounters().maps;
