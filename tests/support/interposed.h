@@ -55,7 +55,8 @@ private:
     // No lock, which would be lost to a child by fork().
     inline static std::atomic<pid_t> sThread{0};  // 0: none, -1: any
     inline static std::atomic<int> sInside{0};
-    inline static std::function<void(Arguments...)> sWhat;
+    // Stays, because threads may still be in a call when the process ends.
+    inline static auto& sWhat = *new std::function<void(Arguments...)>;
 };
 
 /** In each wait until a time of the wall clock, which it may change. The mutex is held. */
