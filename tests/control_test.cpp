@@ -3,11 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <deque>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -116,26 +114,6 @@ TEST_F(ControlTest, LetsOneFollowUntilItStopsOrDies) {
         EXPECT_TRUE(hasDefaultView());
         EXPECT_EQ((dies ? other : one)->startFollowing(), Answer::OK);
     }
-}
-
-TEST_F(ControlTest, MovesNoViewAfterModeOffWasAnswered) {
-    // A step of many crops takes its time. Takes about a second: not every round hits one.
-    const SceneControl many = sceneOf(3, 100);
-    EXPECT_EQ(one->startFollowing(), Answer::OK);
-    std::atomic<bool> done{false};
-    std::thread following([&] {
-        while (!done)
-            EXPECT_TRUE(one->follow(many, sceneOf(4)).isOk());
-    });
-    for (int round = 0; round < (IS_SLOW ? 500 : 15000) && !HasFailure(); ++round) {
-        EXPECT_EQ(other->setMode(TrackingMode::GROUP), Answer::OK);
-        EXPECT_TRUE(eventually([&] { return ptz() == json(sceneOf(4)); }));
-        EXPECT_EQ(other->setMode(TrackingMode::OFF), Answer::OK);
-        for (int look = 0; look < 5; ++look)
-            EXPECT_TRUE(hasDefaultView());
-    }
-    done = true;
-    following.join();
 }
 
 TEST_F(ControlTest, KeepsAThousandCallsForAWatcherAndCountsTheOthers) {

@@ -153,7 +153,7 @@ TEST_F(DeviceTest, WritesFramesOfMemoryAndPlaysThemInALoop) {
     // A device's own place for what tests write is not everybody's.
     const bool isDevice = access("/data/local/tmp", W_OK) == 0;
     const std::string folder = isDevice ? "/data/local/tmp/" : testing::TempDir();
-    const std::string name = folder + "fdstream-device-test.nv12";
+    const std::string name = folder + "fdstream-device-test-" + std::to_string(getpid());
     std::ofstream(name) << "what was there before";
     std::vector<uint8_t> memory(128 * 32 + 128 * 16);
     std::iota(memory.begin(), memory.end(), uint8_t{0});

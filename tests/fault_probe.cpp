@@ -57,6 +57,7 @@ const Row kRows[] = {
     {"mapper", Effect::REFUSAL, {2, 5, -1}, {5, -1}},
     {"poll", Effect::NONE, {EINTR}, {}},
     {"poll", Effect::LOSS, {ENOMEM}, {}},
+    {"pthread_cond_timedwait", Effect::NONE, {EINTR, ETIMEDOUT, 3600}, {}},
     {"pthread_create", Effect::LOSS, {EAGAIN}, {EAGAIN}},
     {"readlink", Effect::REFUSAL, {EACCES}, {}},
     {"recvmsg", Effect::NONE, {EINTR, EAGAIN}, {}},

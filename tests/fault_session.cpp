@@ -9,6 +9,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "FDSessionTest.h"
@@ -78,6 +79,7 @@ public:
         mClient.clear();
         mAnswers.clear();
         mServer.reset();
+        mKept.reset();
         mSource->decStrong(this);
         mSession->getInterface()->configure(kit::configurationOf(kSize)).isOk();
         if (!eventually([&] { return kit::Holdings::of() == before; }))
@@ -166,7 +168,7 @@ private:
         int written = 0;
         asProvider([&] {
             auto* const handle = const_cast<native_handle_t*>(buffer.handle());  // NOLINT
-            written = YUVFile("kept", kSize.width, kSize.height).putFrame(handle);
+            written = mKept->putFrame(handle);
         });
         if (written == static_cast<int>(kSize.bytes())) return;
         if (mWantsAll || errors() == said) fail("a frame is not written, or nobody is told why");
@@ -199,6 +201,8 @@ private:
     const std::string mSocket = mFolder / "socket";
     const kit::Frame mFrame = kit::patternOf(kSize);
     const kit::Frame mTurned = kit::turnedBy180(mFrame, kSize);
+    // The same one when the disk has room again.
+    std::optional<YUVFile> mKept{std::in_place, "kept", kSize.width, kSize.height};
     uint64_t mId = 0;
     uint32_t mNumber = 0;
     bool mWantsAll = false;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -77,7 +78,11 @@ TEST(LockTest, IsKeptByTheMappers) {
           {"lock", [&](size_t) { mapper.lock(known, 3, whole, data); }},
           {"lockYCbCr", [&](size_t) { mapper.lockYCbCr(known, 3, whole, layout); }},
           {"unlock", [&](size_t) { mapper.unlock(known); }},
-          {"geometryOf", [&](size_t) { mapper.geometryOf(known); }}},
+          // On either side of whatever is there.
+          {"geometryOf",
+           [&](size_t i) {
+               mapper.geometryOf(reinterpret_cast<buffer_handle_t>(i % 2 == 0 ? 0 : UINTPTR_MAX));
+           }}},
          kRounds);
     mapper.free(known);
 }

@@ -9,6 +9,7 @@
 #include <utils/Thread.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <utility>
@@ -100,6 +101,15 @@ TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {
         EXPECT_EQ(property_get_bool(kKey, 7), expected) << value;
     }
     host::clearProperty(kKey);
+}
+
+TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
+    const auto stop = [](size_t round) {
+        if (round == 3) pause();
+    };
+    EXPECT_DEATH(
+        race({{"stuck", stop}, {"quick", [](size_t) {}}}, 5, std::chrono::milliseconds(500)),
+        "watchdog ends .*: stuck after 3; quick after 5; ");
 }
 
 TEST(ThreadTest, RunsStopsAndRunsAgain) {

@@ -93,12 +93,14 @@ TEST_F(DescriptorsTest, CrossWhereTheirKindBelongsAndNowhereElse) {
         {"channel of nobody", CHANNEL, kit::rawSocket()},
         {"channel to the provider", CHANNEL, UniqueFd(fcntl(own.fd(), F_DUPFD_CLOEXEC, 0))},
         {"stream socket", NOWHERE, kit::socketPair(SOCK_STREAM).first},
+        {"socket of the network", NOWHERE, UniqueFd(socket(AF_INET, SOCK_STREAM, 0))},
         {"socket between machines", NOWHERE, UniqueFd(socket(AF_VSOCK, SOCK_SEQPACKET, 0))},
         {"file", NOWHERE, opened(folder / "file", O_RDWR | O_CREAT)},
         {"file in memory", NOWHERE, opened("/dev/shm", O_RDWR | O_TMPFILE)},
         {"file named as a memfd", NOWHERE, opened("memfd:x", O_RDWR | O_CREAT, tree.get())},
         {"folder", NOWHERE, opened(folder.path(), O_RDONLY)},
         {"device", NOWHERE, opened("/dev/null", O_RDWR)},
+        {"path only", NOWHERE, opened("/dev/null", O_PATH)},
         {"terminal", NOWHERE, opened("/dev/ptmx", O_RDWR | O_NOCTTY)},
         {"epoll", NOWHERE, UniqueFd(epoll_create1(EPOLL_CLOEXEC))},
     };
@@ -210,6 +212,8 @@ TEST(RecordsTest, CopiesOwnMovesEmptyAndFailuresAreEmptyToo) {
     copy.setTo(native_handle_clone(raw), true);  // lets go of the one before
     copy = raw;                                  // so does this, and owns nothing
     copy.setTo(raw);
+    copy.setTo(nullptr);
+    EXPECT_GE(fcntl(STDERR_FILENO, F_GETFD), 0);  // nor is what it did not own closed
     raw->numFds = 3;  // of three descriptors the second cannot be duplicated
     raw->data[1] = -1;
     EXPECT_EQ(hidl_handle(borrowed).getNativeHandle(), nullptr);
