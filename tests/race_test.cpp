@@ -220,6 +220,7 @@ TEST_F(RaceTest, LetsGoOfAnObserverOnlyWhenNoCallIsInsideOrAboutToBe) {
             *hook = [&] {
                 other.emplace([&] { session->setSceneCallback(next); },
                               next == nullptr ? Other::WAITS : Other::GOES_ON);
+                session->getTrackingMode();  // whoever waits for this call has nothing locked
             };
             session->setTrackControl({});
             EXPECT_TRUE(other.has_value());
