@@ -67,6 +67,7 @@ TEST(LockTest, IsKeptByTheMappers) {
         mapper.import(buffer.handle(), own);
         mapper.free(own);
     };
+    std::vector<buffer_handle_t> kept(kRounds);
     const host::detail::MapperRect whole = {0, 0, 16, 8};
     void* data = nullptr;
     host::detail::MapperLayout layout = {};
@@ -74,7 +75,7 @@ TEST(LockTest, IsKeptByTheMappers) {
           {"3", [](size_t) { mapper3::IMapper::getService(); }},
           {"scope", [](size_t) { const host::ScopedMapper inner(nullptr, nullptr); }},
           {"import and free", importAndFree},
-          {"another import and free", importAndFree},
+          {"import and keep", [&](size_t i) { mapper.import(buffer.handle(), kept[i]); }},
           {"lock", [&](size_t) { mapper.lock(known, 3, whole, data); }},
           {"lockYCbCr", [&](size_t) { mapper.lockYCbCr(known, 3, whole, layout); }},
           {"unlock", [&](size_t) { mapper.unlock(known); }},
@@ -84,6 +85,8 @@ TEST(LockTest, IsKeptByTheMappers) {
                mapper.geometryOf(reinterpret_cast<buffer_handle_t>(i % 2 == 0 ? 0 : UINTPTR_MAX));
            }}},
          kRounds);
+    for (const buffer_handle_t handle : kept)
+        mapper.free(handle);
     mapper.free(known);
 }
 
