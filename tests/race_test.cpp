@@ -221,11 +221,16 @@ TEST_F(RaceTest, LetsGoOfAnObserverOnlyWhenNoCallIsInsideOrAboutToBe) {
                 other.emplace([&] { session->setSceneCallback(next); },
                               next == nullptr ? Other::WAITS : Other::GOES_ON);
                 session->getTrackingMode();  // whoever waits for this call has nothing locked
+                FDNotifyMsg msg = {};
+                session->sendNotify(msg);  // nor has the call, which would be said
             };
             session->setTrackControl({});
             EXPECT_TRUE(other.has_value());
         }
     }
+    EXPECT_EQ(log.timesSaid("E sendNotify: called inside an observer's operation that has the "
+                            "session locked \n"),
+              0);
 }
 
 TEST_F(RaceTest, AnswersModeOffWhenNoStepOfAFollowerIsUnderWay) {
