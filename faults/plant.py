@@ -34,7 +34,7 @@ ROOT = Path(__file__).resolve().parent.parent
 TREES = ROOT / "build" / "faults"
 SHORTEST_SILENCE = 60  # seconds; tests that say nothing for so long hang
 NOT_COPIED = {".git", "build", "out"}
-# The quick tests: all but those that run the tools, which take seconds and test little else.
+# The quick tests: all but those of the client's tool, which take seconds and test little else.
 QUICK = "-ClientToolTest.*"
 # Of the session and its model: some faults are seen by one of thousands only.
 MORE_SEQUENCES = {"FDSTREAM_MODEL_SEQUENCES": "5000"}

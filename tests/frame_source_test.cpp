@@ -1,4 +1,5 @@
-// The test frame source: a thread in the provider's place. Its pauses are gated, so nothing waits.
+// The test frame source, a thread in the provider's place. Where the thread is not the subject, the
+// test makes its passes.
 
 #include <sys/stat.h>
 

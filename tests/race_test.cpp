@@ -1,5 +1,5 @@
-// Each operation of the session against each other one, over and over, for the thread sanitizer;
-// where each one lets go of the lock, and what waits for it, or for an observer's call.
+// Each operation of the session against itself and each other one, over and over, for the thread
+// sanitizer; where each one lets go of the lock, and what waits for it, or for an observer's call.
 
 #include <dlfcn.h>
 #include <pthread.h>
