@@ -10,8 +10,11 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "host/properties.h"
@@ -29,6 +32,7 @@ namespace {
 /** Runs `body` in each pass. */
 struct LoopThread : public android::Thread {
     explicit LoopThread(std::function<bool(LoopThread&)> inEach) : body(std::move(inEach)) {}
+    ~LoopThread() override { join(); }
     using Thread::exitPending;
     android::status_t readyToRun() override { return readiness; }
     bool threadLoop() override { return body(*this); }
@@ -166,6 +170,25 @@ TEST(ThreadTest, RefusesToWaitForItselfWhileItsLoopRuns) {
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(lines[0].rfind("W Thread (this=0x", 0), 0U);
     EXPECT_NE(lines[1].find("): don't call requestExitAndWait() from"), std::string::npos);
+}
+
+TEST(ThreadTest, GivesItsStackBackWhenItsObjectDiesOnIt) {
+    constexpr size_t kStack = size_t{1} << 30;  // none as large is kept for another thread
+    const auto mappedPages = [] {
+        size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        return pages;
+    };
+    const size_t most = mappedPages() + kStack / static_cast<size_t>(getpagesize()) / 2;
+    sp<LoopThread> thread =
+        new LoopThread([](LoopThread& own) { return own.getStrongCount() > 1; });
+    thread->run("large", android::PRIORITY_DEFAULT, kStack);
+    EXPECT_GT(mappedPages(), most);
+    thread.clear();
+    EXPECT_TRUE(eventually([&] {
+        std::thread([] {}).join();  // with the next stack the C library frees those it has left
+        return mappedPages() < most;
+    }));
 }
 
 TEST(RefBaseTest, KeepsTheCountsAndTheLifeTimes) {
