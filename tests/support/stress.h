@@ -97,8 +97,12 @@ public:
 
     /** Looks again. */
     void expect(Other expected) const {
-        EXPECT_TRUE(eventually(
-            [&] { return mHasEnded || (expected == Other::WAITS && mId != 0 && isAsleep(mId)); }));
+        // Asleep for many looks: what waits for a moment only is awake in one of them.
+        int looks = 0;
+        EXPECT_TRUE(eventually([&] {
+            looks = expected == Other::WAITS && mId != 0 && isAsleep(mId) ? looks + 1 : 0;
+            return mHasEnded || looks == 100;
+        }));
         EXPECT_EQ(mHasEnded, expected == Other::GOES_ON);
     }
 
