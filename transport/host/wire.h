@@ -124,8 +124,8 @@ enum class Peer { PROVIDER, CLIENT };
 
 /**
  * Takes values out of what arrived, which is not trusted. The first value that does not fit fails
- * the whole message: from then on nothing is read, and complete() is false. Nothing is allocated
- * before the bytes for it are known to be there.
+ * the whole message: from then on nothing is read, and complete() is false. Nothing larger than a
+ * handle is allocated before the bytes for it are known to be there.
  *
  * A message that fits but is not wanted is refused: reading goes on, but its descriptors stay in
  * Incoming, and the values must not be used.

@@ -70,14 +70,8 @@ void Reader::readHandle(hidl_handle& handle, Crossing kind) {
     int32_t numInts = 0;
     read(numFds);
     read(numInts);
-    const size_t fdsLeft = mIn.fds.size() - mNextFd;
-    if (mFailed || numFds < 0 || numInts < 0 || static_cast<size_t>(numFds) > fdsLeft ||
-        static_cast<size_t>(numInts) > left() / sizeof(int)) {
-        mFailed = true;
-        return;
-    }
     UniqueHandle native(native_handle_create(numFds, numInts));
-    if (native == nullptr) {  // more than a handle may have
+    if (native == nullptr) {  // more than a handle may have, or less than none
         mFailed = true;
         return;
     }
