@@ -11,6 +11,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <future>
@@ -28,6 +29,7 @@ namespace {
 
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0;                  // NOLINT
 using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // NOLINT
+using android::hardware::hidl_vec;
 
 void require(bool held, const char* what) {
     if (held) return;
@@ -35,13 +37,30 @@ void require(bool held, const char* what) {
     _exit(1);
 }
 
+/** A client that takes its time, so that the library goes before, in and after its calls. */
+struct Callback : public IFDSessionCallback {
+    Callback() { ++alive; }
+    ~Callback() override { --alive; }
+    Return<void> processCaptureResult(const hidl_vec<CaptureResult>& /*results*/) override {
+        for (int turns = 0; turns < 10; ++turns)
+            sched_yield();
+        return {};
+    }
+    Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
+
+    static std::atomic<int> alive;
+};
+std::atomic<int> Callback::alive{0};
+
 /** From several threads, each with references of its own, until a moment before the end; leaves
- * requests waiting and buffers known. */
+ * requests waiting, results on their way and buffers known. */
 void use(const sp<FDSession>& session) {
     constexpr kit::FrameSize kSize = {16, 8};
     const host::Buffer buffer = kit::allocate(kSize);
     const sp<IFDSession> client = session->getInterface();
-    require(host::isAccepted(client->configure(kit::configurationOf(kSize))), "configure failed");
+    require(host::isAccepted(client->configure(kit::configurationOf(kSize))) &&
+                host::isAccepted(client->setCallback(new Callback)),
+            "configure failed");
     std::vector<std::future<void>> ends(3);
     for (auto& end : ends) {
         end = std::async(std::launch::async, [session, client, &buffer] {
@@ -71,7 +90,7 @@ void loadUseAndUnload(const char* library) {
     require(weak.promote() != nullptr, "the session went before the library");
     require(dlclose(handle) == 0, "dlclose failed");
     require(host::threadCount() == 0, "a thread is left");
-    require(weak.promote() == nullptr, "the session outlived the library");
+    require(weak.promote() == nullptr && Callback::alive == 0, "something outlived the library");
     require(dlopen(library, RTLD_NOW | RTLD_NOLOAD) == nullptr, "the library is still mapped");
 }
 
