@@ -3,9 +3,9 @@
 //
 //   fault-probe [STEP [CALL]]
 //
-// With a step only every so manieth call. Prints how many calls of each were made to fail. Exits
-// with 1 and a line when something does not hold: a client that is told nothing, a wrong frame,
-// something left behind, a lock that is kept, or no next frame when the fault is over.
+// With a step of 5 only every fifth call of each fails. Prints how many calls of each were made to
+// fail. Exits with 1 and a line when something does not hold: a client that is told nothing, a
+// wrong frame, something left behind, a lock that is kept, or no next frame when the fault is over.
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -81,8 +81,8 @@ void start(Effect effect, const faults::Fault& fault) {
     exit(faults::calls >= fault.n ? 0 : kUnreached);
 }
 
-/** Every so manieth call that the client's life reaches. Ends the program when something does not
- * hold. */
+/** Each call that the client's life reaches, or one in so many as the step says. Ends the program
+ * when something does not hold. */
 void runAll(const Row& row, bool stays, int error, int step) {
     constexpr int kAtOnce = 4;  // they wait more than they work
     int reached = 0;
