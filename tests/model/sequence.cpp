@@ -52,12 +52,14 @@ Sequence sequenceOf(uint64_t seed) {
     std::vector<uint8_t> bytes((20 + random() % 41) * sizeof(Operation));
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
     Sequence sequence = sequenceFrom(bytes.data(), bytes.size());
-    // Most sequences get somewhere: with a callback, and one stream of the usual id.
+    // Most sequences get somewhere: with a callback, one stream of the usual id, and frames that
+    // are turned.
     if (seed % 8 != 0) {
         sequence[0] = {0, {1}};
         sequence[1].kind = 1;
         sequence[1].args[0] = sequence[1].args[2] = 0;
     }
+    if (seed % 2 != 0) sequence[2] = {17, {4, 3}};
     return sequence;
 }
 

@@ -118,8 +118,8 @@ struct WallClock {
 struct FewDuplicates {
     ~FewDuplicates() { sLeft = INT64_MAX; }
 
-    /** So many duplicates can be made from now on; then there are no descriptors left. */
-    void limitTo(int64_t count) { sLeft = count; }
+    /** So many duplicates can be made from now on, all below 0; then no descriptors are left. */
+    void limitTo(int64_t count) { sLeft = count < 0 ? INT64_MAX : count; }
 
     inline static std::atomic<int64_t> sLeft{INT64_MAX};
 };
