@@ -3,20 +3,12 @@
 // every one or two bits of it flipped, cut off at every byte, and with every number of descriptors.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstring>
 #include <future>
-#include <string>
-#include <thread>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "host/limits.h"
 #include "host/remote.h"
@@ -24,6 +16,7 @@
 #include "model/operands.h"
 #include "model/words.h"
 #include "raw_socket.h"
+#include "support/interposed.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -80,12 +73,14 @@ bool isTaken(const Message& message, size_t sent) {
 struct HeldChannel {
     /** Why the call fails, of a status of the transport; empty when it does not. */
     std::string call(uint32_t method = 1) {
-        const auto status = caller.call(method, {}, [](host::Reader& /*reader*/) {});
+        const auto status =
+            caller.call(method, {}, [this](host::Reader& /*reader*/) { reading(); });
         const std::string failed = "Status(EX_TRANSACTION_FAILED): ";
         return status.isOk() ? "" : status.description().substr(failed.size());
     }
 
     const host::Peer served = host::Peer::PROVIDER;
+    std::function<void()> reading = [] {};  ///< runs when the answer has come
     std::pair<host::UniqueFd, host::UniqueFd> ends = kit::socketPair();
     const int socket = ends.first.get();
     host::CallChannel caller{std::move(ends.first), served};
@@ -126,6 +121,9 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     HeldChannel dying;
     HeldChannel unanswered;
     HeldChannel handedOver{host::Peer::CLIENT};
+    HeldChannel slow;
+    Gate gate;
+    slow.reading = [&] { gate.hold(); };
     const timeval longer = {2, 0};  // whoever handed it over can set it
     setsockopt(handedOver.socket, SOL_SOCKET, SO_RCVTIMEO, &longer, sizeof(longer));
 
@@ -151,12 +149,19 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     }
     begin(unanswered, 1, 10, late);
     begin(handedOver, 1, 10, late);
-    dying.peer.send({});  // which all that wait hear of at once
+    slow.peer.send(rawMessage({kAnswer, 1, 1, 0}));
+    begin(slow, 1, 10, "");
+    begin(slow, 2, 10, late);  // for its turn, after which it keeps nobody waiting
+    dying.peer.send({});       // which all that wait hear of at once
     std::this_thread::sleep_until(start + host::kCallPatience * 8 / 10);
     for (const uint32_t method : {1U, 2U, 3U}) {
         EXPECT_EQ(channel.peer.receivedMethod(), method);
         if (method < 3) channel.peer.send(rawMessage({kAnswer, method, method, 0}));
     }
+    calls.back().wait();
+    gate.open();
+    slow.peer.send(rawMessage({kAnswer, 3, 2, 0}));
+    EXPECT_EQ(slow.call(3), "");
 }
 
 TEST(CallChannelTest, GoesOnAfterARefusalAndEndsForGoodWithAnAnswerThatIsNone) {

@@ -1,18 +1,11 @@
 // What a client sent may close slowly or never, and a provider may have few descriptor slots left:
 // nobody waits for that, and nobody loses more than what came.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <ctime>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "holdings.h"
 #include "host/limits.h"
@@ -178,14 +171,14 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     // Of what finds no slot when it arrives. The provider makes room for it where the hard limit
     // allows; so this runs again in a process of its own, where it does not.
     constexpr rlim_t kSlots = 300;
-    const rlimit before = slotLimits();
-    if (before.rlim_max > kSlots) {
+    if (slotLimits().rlim_max > kSlots) {
         const Output again = runShell("ulimit -n 300; exec " THIS_PROGRAM
                                       " --gtest_brief=1 --gtest_filter=*LeavesTheKernelNothing*");
         EXPECT_EQ(again.exitCode, 0) << again.text;
     }
     auto [weapon, unread] = lingering();
     server.reset();
+    const FewDescriptors few(0);  // which puts the limit back
     limitSlotsTo(host::kConnectionFds + 3 * host::kReservedFds - 1);
     EXPECT_EQ(host::Server::listen(path, client, reason), nullptr);
     EXPECT_EQ(reason, path + ": too few descriptors may be open to serve");
@@ -216,7 +209,6 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     limitSlotsTo(kSlots - 1);  // by somebody else, so it stays
     server.reset();
     EXPECT_EQ(slotLimits().rlim_cur, kSlots - 1);
-    limitSlotsTo(before.rlim_cur);
 }
 
 }  // namespace testing_support

@@ -2,19 +2,14 @@
 
 #include <android/log.h>
 #include <cutils/properties.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdint>
-#include <functional>
 #include <optional>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "buffer_mapper.h"
 #include "closing.h"
 #include "holdings.h"
+#include "host/channel.h"
 #include "host/log.h"
 #include "host/properties.h"
 #include "host/served_watch.h"
@@ -99,29 +94,37 @@ TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
         calls.begin();
         calls.end();
     };
+    // Without a socket, whose closing would order the threads.
+    const auto client = [](size_t) { host::CallChannel({}, host::Peer::CLIENT); };
     host::RequestBounds bounds;
     const CaptureRequest request = requestFor(1, 1, nullptr);
     const hidl_vec<CaptureResult> results = {resultFor(request)};
     const auto place = [&](size_t) { const host::RequestBounds::Place own(bounds, request); };
-    race(
-        {{"close", close},
-         {"another close", close},
-         {"isClosingBehind", [](size_t) { static_cast<void>(host::detail::isClosingBehind()); }},
-         {"watch", watch},
-         {"another watch", watch},
-         {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }},
-         {"call", call},
-         {"another call", call},
-         {"wait", [&](size_t) { static_cast<void>(calls.waitForAll({})); }},
-         {"channelEnded", [&](size_t) { calls.channelEnded(host::ServedEnd::LET_GO); }},
-         {"callOff", [&](size_t) { calls.callOff(); }},
-         {"place", place},
-         {"another place", place},
-         {"handedOver", [&](size_t) { bounds.handedOver(results); }},
-         {"restart", [&](size_t) { bounds.restart(); }},
-         {"register", [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); }},
-         {"find", [](size_t i) { return host::detail::findInterface(std::to_string(i).c_str()); }}},
-        kRounds / 3);
+    race({{"close", close},
+          {"another close", close},
+          {"isClosingBehind", [](size_t) { static_cast<void>(host::detail::isClosingBehind()); }},
+          {"watch", watch},
+          {"another watch", watch},
+          {"watchesOf", [&](size_t) { host::detail::watchesOf(object.get()); }},
+          {"call", call},
+          {"another call", call},
+          {"wait", [&](size_t) { static_cast<void>(calls.waitForAll({})); }},
+          {"channelEnded", [&](size_t) { calls.channelEnded(host::ServedEnd::LET_GO); }},
+          {"callOff", [&](size_t) { calls.callOff(); }},
+          {"place", place},
+          {"another place", place},
+          {"handedOver", [&](size_t) { bounds.handedOver(results); }},
+          {"restart", [&](size_t) { bounds.restart(); }},
+          {"register", [](size_t i) { host::registerInterface(std::to_string(i).c_str(), {}); }},
+          {"find",
+           [](size_t i) {  // what the other one has just registered
+               while (host::detail::findInterface(std::to_string(i).c_str()) == nullptr)
+                   std::this_thread::yield();
+           }},
+          {"client", client},
+          {"another client", client},
+          {"hang up", [](size_t) { host::hangUpOnClients(); }}},
+         kRounds / 3);
 }
 
 TEST(LockTest, IsKeptByTheSlotsForConnections) {

@@ -2,26 +2,21 @@
 // socket itself.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <future>
-#include <string>
+#include <optional>
 #include <tuple>
-#include <utility>
-#include <vector>
 
 #include "host/limits.h"
 #include "host/remote.h"
 #include "host/served_watch.h"
 #include "host/threads.h"
 #include "support/interposed.h"
+#include "support/stress.h"
 #include "support/transport_fixture.h"
 
 namespace testing_support {
@@ -35,8 +30,15 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultOrReadsNoAnswerAndNoOther) {
         {rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65, "too many descriptors"},
         {rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"}};
     host::ServedWatch watch(callback);
-    callback->during = [&] { EXPECT_FALSE(watch.waitUntilAnswered({})); };
-    setUpStream();
+    std::optional<Meanwhile> waiting;
+    callback->during = [&] {
+        EXPECT_FALSE(watch.waitUntilAnswered({}));
+        waiting.emplace([&] { watch.waitUntilAnswered(std::chrono::seconds(15)); }, Other::WAITS);
+    };
+    {
+        const host::ServedWatch gone(callback, [](host::ServedEnd) { ADD_FAILURE(); });
+        setUpStream();
+    }
     for (const auto& [bytes, fds, said] : faults) {
         RawClient hostile = connectRaw();
         hostile.send(bytes, std::vector<int>(fds, STDERR_FILENO));
@@ -48,7 +50,7 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultOrReadsNoAnswerAndNoOther) {
     EXPECT_EQ(connectRaw().setCallback(STDERR_FILENO), kRefused);
     notify();
     EXPECT_EQ(deliveries.notified().size(), 1U);
-    EXPECT_TRUE(watch.waitUntilAnswered(std::chrono::seconds(10)));
+    waiting->expect(Other::GOES_ON);
     // Takes as long as the bounded wait, which is what it is about.
     connectRaw().sendUnread(rawMessage({kCall, 0, 1, 0}));
     EXPECT_EQ(log.take("transport"), Lines{"E a channel ends: the peer does not read its answers"});
@@ -127,7 +129,9 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
     EXPECT_FALSE(bool(remote->unlinkToDeath(told)));
     EXPECT_TRUE(bool(remote->linkToDeath(told, 42)));  // and told twice, its promise would break
     server.reset();
-    EXPECT_EQ(told->died.get_future().get(), (std::pair<uint64_t, bool>{42, true}));
+    auto death = told->died.get_future();
+    ASSERT_EQ(death.wait_until(inTenSeconds()), std::future_status::ready);
+    EXPECT_EQ(death.get(), (std::pair<uint64_t, bool>{42, true}));
     host::failNextThreadStart();
     EXPECT_FALSE(bool(remote->linkToDeath(told, 43)));
     EXPECT_EQ(refusalOf(requestFor(1, 1)),

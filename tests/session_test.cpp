@@ -17,6 +17,7 @@
 #include "host/unique_fd.h"
 #include "host/unique_handle.h"
 #include "support/driven_session.h"
+#include "support/spy_mapper.h"
 
 namespace testing_support {
 
@@ -156,6 +157,18 @@ TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {
         act();
         EXPECT_EQ(others.size(), times);
     }
+}
+
+TEST_F(LettingGoTest, DiesInsideTheClientsCallThatHoldsItLastAndNotBeforeItsEnd) {
+    const wp<FDSessionImpl> watched(session);
+    configure();
+    ASSERT_EQ(submit(1, 1), 0);
+    sessionMapper().during = [&] {  // which gives the buffer back
+        session.clear();
+        EXPECT_NE(watched.promote(), nullptr);
+    };
+    EXPECT_EQ(Status(client->configure(configurationOf(0))), Status::OK);
+    EXPECT_EQ(watched.promote(), nullptr);
 }
 
 TEST(ObserverCallsTest, WakesAllWhoWaitWhenTheCallsThatTheyWaitForHaveEnded) {
