@@ -25,25 +25,19 @@ using testing_support::Lines;
 
 constexpr size_t kLarge = 1 << 16;  // larger frames are not moved, which would take long
 constexpr int kMost = 20000;        // of a file at first
-constexpr size_t kStream = 4096;
 constexpr int kTooMany = INT32_MAX / 3 + 1;
 constexpr int kLimits[] = {INT32_MIN, -6, 0, 1, 2, 65536, kTooMany - 1, kTooMany, INT32_MAX};
 /** Of a record that has no rows, or more than any file. */
 constexpr FrameSize kImpossible[] = {{0, 1}, {1, 0}, {-6, -6}, {65536, 65536}, {INT32_MAX, 1}};
 
-const std::string kNull = "E invalid Graphics buffer \n";
 const std::string kNoBuffer = "E Failed to get Graphics buffer \n";
 const std::string kInvalid = "E  Invalid handle \n";
 const std::string kNoFile = "E file  open failed, error - No such file or directory \n";
-const Lines kNotCopied = {"E Invalid params: buffer((nil)) \n",
-                          "E Failed to from Graphics buffer \n"};
+const Lines kUncopied = {"E Invalid params: buffer((nil)) \n",
+                         "E Failed to from Graphics buffer \n"};
 
 FrameSize sizeFrom(FuzzedDataProvider& data) {
     return {data.ConsumeIntegralInRange(1, 64), data.ConsumeIntegralInRange(1, 64)};
-}
-FrameSize geometryFrom(FuzzedDataProvider& data) {
-    if (data.ConsumeIntegral<uint8_t>() < 192) return sizeFrom(data);
-    return {data.PickValueInArray(kLimits), data.PickValueInArray(kLimits)};
 }
 bool hasRows(FrameSize size) {
     return size.width > 0 && size.height > 0;
@@ -54,7 +48,10 @@ std::string textOf(FrameSize size) {
 
 struct Play {
     FuzzedDataProvider& data;
-    const FrameSize geometry = geometryFrom(data);
+    const FrameSize geometry =
+        data.ConsumeIntegral<uint8_t>() < 192
+            ? sizeFrom(data)
+            : FrameSize{data.PickValueInArray(kLimits), data.PickValueInArray(kLimits)};
     const bool hasPath = data.ConsumeIntegral<uint8_t>() < 240;
     const bool isFull = data.ConsumeIntegral<uint8_t>() < 32;  ///< and only written
     const int64_t samples = int64_t{geometry.width} * geometry.height;
@@ -110,41 +107,39 @@ struct Play {
         const bool isSame = isFrame && bytes <= kLarge && data.ConsumeBool();
         const FrameSize size = isSame ? geometry : sizeFrom(data);
         const auto stride = static_cast<uint32_t>(size.width + data.ConsumeIntegralInRange(1, 3));
-        const auto order = static_cast<host::ChromaOrder>(data.ConsumeBool());
-        const host::Buffer buffer = kit::allocate(size, {0, 0, stride, stride + 7, order});
+        const host::Buffer buffer = kit::allocate(size, {0, 0, stride, stride + 7});
         kit::fill(buffer, kit::patternOf(size, data.ConsumeIntegral<uint8_t>()));
         const sp<GraphicBuffer> wrapped = new GraphicBuffer(
             buffer.handle(), GraphicBuffer::CLONE_HANDLE, static_cast<uint32_t>(size.width),
             static_cast<uint32_t>(size.height), 35, 1, 0x33, 0);
         auto* const handle = const_cast<native_handle_t*>(buffer.handle());
         const int way = data.ConsumeIntegralInRange(0, 8);
-        if (way == 0) return expectPut(yuv.putFrame(sp<GraphicBuffer>()), {kNull});
-        if (way == 1)
-            return expectPut(yuv.putFrame(static_cast<native_handle*>(nullptr)), {kInvalid});
-        if (way == 2) return expectPut(yuv.putFrame(), isFrame ? append() : Lines{kNoFile});
+        if (way == 0)
+            return gives(yuv.putFrame(sp<GraphicBuffer>()), {"E invalid Graphics buffer \n"});
+        if (way == 1) return gives(yuv.putFrame(static_cast<native_handle*>(nullptr)), {kInvalid});
+        if (way == 2) return gives(yuv.putFrame(), isFrame ? append() : Lines{kNoFile});
         if (way < 5)
-            return expectPut(yuv.putFrame(wrapped), isFrame ? append(buffer, size) : kNotCopied);
+            return gives(yuv.putFrame(wrapped), isFrame ? append(buffer, size) : kUncopied);
         if (way < 7) return putRecord(buffer, size);
         // Of a larger buffer a handle gives the part that is the file's.
         const bool isPart =
             hasRows(geometry) && geometry.width <= size.width && geometry.height <= size.height;
-        if (!isPart) return expectPut(yuv.putFrame(handle), {kNoBuffer});
-        expectPut(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kNotCopied);
+        if (!isPart) return gives(yuv.putFrame(handle), {kNoBuffer});
+        gives(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kUncopied);
     }
     void putRecord(const host::Buffer& buffer, FrameSize size) {
         if (data.ConsumeIntegral<uint8_t>() < 32) size = data.PickValueInArray(kImpossible);
         zoru_ycbcr record(buffer.bytes(), size.width, size.height);
-        const ptrdiff_t cr = buffer.geometry().order == host::ChromaOrder::CrFirst ? 0 : 1;
-        record.cb = buffer.chromaRow(0) + 1 - cr;
-        record.cr = buffer.chromaRow(0) + cr;
+        record.cb = buffer.chromaRow(0);
+        record.cr = buffer.chromaRow(0) + 1;
         record.ystride = buffer.geometry().stride;
         record.cstride = buffer.geometry().chromaStride;
         record.chroma_step = data.ConsumeIntegral<uint8_t>();  // which nobody looks at
-        void** const planes[] = {&record.y, &record.cb, &record.cr};
-        const auto lost = data.ConsumeIntegralInRange<size_t>(0, 23);
-        if (lost < std::size(planes)) *planes[lost] = nullptr;
-        const bool isTaken = isFrame && lost >= std::size(planes);
-        expectPut(yuv.putFrame(record), isTaken ? append(buffer, size) : Lines{kInvalid});
+        void** const planes[] = {&record.y, &record.cb, &record.cr, nullptr, nullptr, nullptr};
+        void** const lost = data.PickValueInArray(planes);
+        if (lost != nullptr) *lost = nullptr;
+        const bool isTaken = isFrame && lost == nullptr;
+        gives(yuv.putFrame(record), isTaken ? append(buffer, size) : Lines{kInvalid});
     }
 
     /** Nothing of an impossible size. */
@@ -164,14 +159,14 @@ struct Play {
         const bool isFirst = std::exchange(state, WRITING) == CLOSED;
         if (isFirst) file.clear();
         // So much a stream keeps, unless it has nothing yet and more comes at once.
-        const size_t kept = isFirst && bytes >= kStream ? 0 : std::min(bytes, kStream);
+        const size_t kept = isFirst && bytes >= 4096 ? 0 : std::min<size_t>(bytes, 4096);
         if (isFull) return {failed("writing", kept, "No space left on device")};
         file.resize(std::max(file.size(), at + bytes));
         std::copy(memory.begin(), memory.end(), file.data() + at);
         at += bytes;
         return {};
     }
-    void expectPut(int status, const Lines& lines) {
+    void gives(int status, const Lines& lines) {
         expectLog(lines);
         const int expected = lines.empty() ? static_cast<int>(bytes) : -1;
         fuzz::expect(status == expected, "another status than there has to be");
