@@ -23,10 +23,10 @@ using namespace vendor::zoru::zoruprovider::fdstream::V1_0::implementation;  // 
 using kit::FrameSize;
 using testing_support::Lines;
 
-constexpr size_t kLarge = 1 << 16;  // larger frames are not moved, which would take long
+constexpr size_t kLarge = 1 << 16;  // a larger frame is not moved, as that takes long
 constexpr int kMost = 20000;        // of a file at first
 constexpr int kTooMany = INT32_MAX / 3 + 1;
-constexpr int kLimits[] = {INT32_MIN, -6, 0, 1, 2, 65536, kTooMany - 1, kTooMany, INT32_MAX};
+constexpr int kLimits[] = {INT32_MIN, -6, 0, 1, 2, 65536, 1 << 24, kTooMany, INT32_MAX};
 /** Of a record that has no rows, or more than any file. */
 constexpr FrameSize kImpossible[] = {{0, 1}, {1, 0}, {-6, -6}, {65536, 65536}, {INT32_MAX, 1}};
 
@@ -115,17 +115,16 @@ struct Play {
         auto* const handle = const_cast<native_handle_t*>(buffer.handle());
         const int way = data.ConsumeIntegralInRange(0, 8);
         if (way == 0)
-            return gives(yuv.putFrame(sp<GraphicBuffer>()), {"E invalid Graphics buffer \n"});
-        if (way == 1) return gives(yuv.putFrame(static_cast<native_handle*>(nullptr)), {kInvalid});
-        if (way == 2) return gives(yuv.putFrame(), isFrame ? append() : Lines{kNoFile});
-        if (way < 5)
-            return gives(yuv.putFrame(wrapped), isFrame ? append(buffer, size) : kUncopied);
+            return says(yuv.putFrame(sp<GraphicBuffer>()), {"E invalid Graphics buffer \n"});
+        if (way == 1) return says(yuv.putFrame(static_cast<native_handle*>(nullptr)), {kInvalid});
+        if (way == 2) return says(yuv.putFrame(), isFrame ? append() : Lines{kNoFile});
+        if (way < 5) return says(yuv.putFrame(wrapped), isFrame ? append(buffer, size) : kUncopied);
         if (way < 7) return putRecord(buffer, size);
         // Of a larger buffer a handle gives the part that is the file's.
         const bool isPart =
             hasRows(geometry) && geometry.width <= size.width && geometry.height <= size.height;
-        if (!isPart) return gives(yuv.putFrame(handle), {kNoBuffer});
-        gives(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kUncopied);
+        if (!isPart) return says(yuv.putFrame(handle), {kNoBuffer});
+        says(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kUncopied);
     }
     void putRecord(const host::Buffer& buffer, FrameSize size) {
         if (data.ConsumeIntegral<uint8_t>() < 32) size = data.PickValueInArray(kImpossible);
@@ -138,8 +137,8 @@ struct Play {
         void** const planes[] = {&record.y, &record.cb, &record.cr, nullptr, nullptr, nullptr};
         void** const lost = data.PickValueInArray(planes);
         if (lost != nullptr) *lost = nullptr;
-        const bool isTaken = isFrame && lost == nullptr;
-        gives(yuv.putFrame(record), isTaken ? append(buffer, size) : Lines{kInvalid});
+        says(yuv.putFrame(record),
+             isFrame && lost == nullptr ? append(buffer, size) : Lines{kInvalid});
     }
 
     /** Nothing of an impossible size. */
@@ -166,10 +165,9 @@ struct Play {
         at += bytes;
         return {};
     }
-    void gives(int status, const Lines& lines) {
+    void says(int status, const Lines& lines) {
         expectLog(lines);
-        const int expected = lines.empty() ? static_cast<int>(bytes) : -1;
-        fuzz::expect(status == expected, "another status than there has to be");
+        fuzz::expect(status == (lines.empty() ? static_cast<int>(bytes) : -1), "another status");
     }
     void expectLog(const Lines& lines) {
         fuzz::expect(log.take("zoruutil") == lines, "the log says something else");

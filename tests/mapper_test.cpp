@@ -38,9 +38,8 @@ TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
 TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
     const host::Buffer buffer = allocate(64, 32);
     for (const bool fits : {true, false}) {
-        const sp<GraphicBuffer> wrapped =
-            new GraphicBuffer(buffer.handle(), GraphicBuffer::CLONE_HANDLE, 64, fits ? 32 : 33, 35,
-                              1, 0x100000033, 7);
+        const sp<GraphicBuffer> wrapped = new GraphicBuffer(
+            buffer.handle(), GraphicBuffer::CLONE_HANDLE, 64, fits ? 32 : 33, 35, 1, 0x33, 7);
         EXPECT_EQ(wrapped->initCheck(), fits ? 0 : 3);
         EXPECT_EQ(wrapped->handle != nullptr, fits);
         EXPECT_EQ(std::tuple(wrapped->width, wrapped->height, wrapped->stride, wrapped->format),
@@ -66,8 +65,8 @@ TEST(MapperTest, HasNothingLeftOfAnImportThatFails) {
 }
 
 TEST(MapperTest, RefusesAFileThatShrinksBetweenTwoLooks) {
-    // Before the first look, the second one and so on: one that is refused by an early look may pass
-    // when it shrinks later.
+    // Before the first look, the second one and so on: one that is refused by an early look may
+    // pass when it shrinks later.
     int looks = 0;
     for (int look = 1; looks >= look - 1 && look < 10; ++look) {
         const int file = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);

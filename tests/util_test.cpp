@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "YUVFile.h"
 #include "ZoruUtil.h"
 #include "host/mapper.h"
 #include "support/session_fixture.h"
@@ -80,6 +81,7 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
 
 TEST_F(UtilTest, TakesADescribedFrameThatHasAddresses) {
     const std::string invalid = "E copy:372: Invalid args \n";
+    YUVFile("frames", 1, INT32_MAX / 3);  // the largest, of which there is nothing to say
     fails(ZoruUtil::copy(nullptr, frame), invalid);
     for (void** const plane : {&frame.y, &frame.cb, &frame.cr}) {
         void* const kept = std::exchange(*plane, nullptr);
