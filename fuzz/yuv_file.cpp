@@ -30,7 +30,6 @@ constexpr int kLimits[] = {INT32_MIN, -6, 0, 1, 2, 65536, 1 << 24, kTooMany, INT
 /** Of a record that has no rows, or more than any file. */
 constexpr FrameSize kImpossible[] = {{0, 1}, {1, 0}, {-6, -6}, {65536, 65536}, {INT32_MAX, 1}};
 
-const std::string kNoBuffer = "E Failed to get Graphics buffer \n";
 const std::string kInvalid = "E  Invalid handle \n";
 const std::string kNoFile = "E file  open failed, error - No such file or directory \n";
 const Lines kUncopied = {"E Invalid params: buffer((nil)) \n",
@@ -123,7 +122,7 @@ struct Play {
         // Of a larger buffer a handle gives the part that is the file's.
         const bool isPart =
             hasRows(geometry) && geometry.width <= size.width && geometry.height <= size.height;
-        if (!isPart) return says(yuv.putFrame(handle), {kNoBuffer});
+        if (!isPart) return says(yuv.putFrame(handle), {"E Failed to get Graphics buffer \n"});
         says(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kUncopied);
     }
     void putRecord(const host::Buffer& buffer, FrameSize size) {

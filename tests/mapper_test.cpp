@@ -71,8 +71,7 @@ TEST(MapperTest, RefusesAFileThatShrinksBetweenTwoLooks) {
     for (int look = 1; looks >= look - 1 && look < 10; ++look) {
         const int file = memfd_create("fdstream-buffer", MFD_CLOEXEC | MFD_ALLOW_SEALING);
         EXPECT_EQ(ftruncate(file, 64 * 96), 0);
-        const host::UniqueHandle forged =
-            host::detail::encode(host::UniqueFd(file), {64, 64, 64, 64});
+        const host::UniqueHandle raw = host::detail::encode(host::UniqueFd(file), {64, 64, 64, 64});
         looks = 0;
         const FileWatch watch(file, Watching::ALL, [&] {
             if (++looks != look) return;
@@ -80,7 +79,7 @@ TEST(MapperTest, RefusesAFileThatShrinksBetweenTwoLooks) {
             syscall(SYS_fcntl, file, F_ADD_SEALS, F_SEAL_SHRINK);
         });
         const sp<GraphicBuffer> buffer =
-            new GraphicBuffer(forged.get(), GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64);
+            new GraphicBuffer(raw.get(), GraphicBuffer::CLONE_HANDLE, 64, 64, 35, 1, 0x33, 64);
         EXPECT_TRUE(looks > 0 && buffer->initCheck() == 2) << look;
     }
 }

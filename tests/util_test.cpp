@@ -28,7 +28,7 @@ struct UtilTest : public testing::Test {
     LogLines log;
     const sp<GraphicBuffer> good = bufferOf(8, 4, 2);
     const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);  // no processor usage
-    uint8_t memory[128 * 48] = {};
+    uint8_t memory[128 * 48] = {7};
     zoru_ycbcr frame{memory, 8, 4};
 };
 
@@ -36,7 +36,9 @@ struct UtilTest : public testing::Test {
 
 TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     const host::MapperCounters before = host::mapperCounters();
-    const sp<GraphicBuffer> planar = bufferOf(8, 4, 1);
+    const host::Buffer zeros = allocate(8, 4, {0, 0, 0, 0, host::ChromaOrder::CbFirst, 1});
+    const sp<GraphicBuffer> planar = wrap(zeros);
+    EXPECT_EQ(ZoruUtil::copyTo(memory, good), 0);
     const std::string unhandled = "E 420 planar format is not handled \n";
     fails(ZoruUtil::copyTo(memory, planar), unhandled);
     fails(ZoruUtil::copy(good, planar), unhandled);
@@ -63,10 +65,12 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     fails(ZoruUtil::copy(good, closed), "E 325:lock failed, error (3) \n");
     fails(ZoruUtil::copy(closed, good), "E 332:lock failed, error (3) \n");
     fails(ZoruUtil::copy(closed, frame), "E copy:379: lockYCbCr failed, error (3) \n");
+    EXPECT_TRUE(std::exchange(*memory, 0) == 7 && *zeros.bytes() == 0);  // nothing was copied
     // A failed unlock alone: told by copyFrom and copyTo, ignored by both copies.
     frame.chroma_step = 2;
     host::failNextUnlock(-8);
     fails(ZoruUtil::copyFrom(memory, good), "E unlock failed, error (-8) \n");
+    EXPECT_EQ(*memory, 7);
     host::failNextUnlock(-8);
     fails(ZoruUtil::copyTo(memory, good), "E unlock failed, error(-8) \n");
     host::failNextUnlock(-8);
