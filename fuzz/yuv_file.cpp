@@ -68,10 +68,9 @@ struct Play {
     size_t at = 0;  ///< where the file is read or written next
 
     void run() {
-        char address[32];
-        snprintf(address, sizeof(address), "%p",
-                 static_cast<const void*>(hasPath ? &path[0] : nullptr));
-        const std::string refusal = std::string("E invalid args: inFile(") + address + ") ";
+        char text[32];
+        snprintf(text, sizeof(text), "%p", static_cast<const void*>(hasPath ? &path[0] : nullptr));
+        const std::string refusal = std::string("E invalid args: inFile(") + text + ") ";
         expectLog(isFrame ? Lines() : Lines{refusal + textOf(geometry) + " \n"});
         if (isFrame && data.ConsumeBool()) file.resize(file.size() / bytes * bytes);
         fuzz::expect(write(fd.get(), file.data(), file.size()) >= 0, "no file");

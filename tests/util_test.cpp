@@ -92,6 +92,7 @@ TEST_F(UtilTest, TakesADescribedFrameThatHasAddresses) {
         fails(ZoruUtil::copy(good, frame), invalid);
         *plane = kept;
     }
+    EXPECT_EQ(zoru_ycbcr(memory, 128, 0).cb, zoru_ycbcr(memory, 128, 32).cb);
     // Of no memory, negative, or over 32 bits.
     const zoru_ycbcr impossible[] = {
         {nullptr, 16, 16}, {memory, 200, -100}, {memory, -200, -100}, {memory, 65536, 65536}};
