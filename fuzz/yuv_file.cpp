@@ -119,9 +119,8 @@ struct Play {
         if (way < 5) return says(yuv.putFrame(wrapped), isFrame ? append(buffer, size) : kUncopied);
         if (way < 7) return putRecord(buffer, size);
         // Of a larger buffer a handle gives the part that is the file's.
-        const bool isPart =
-            hasRows(geometry) && geometry.width <= size.width && geometry.height <= size.height;
-        if (!isPart) return says(yuv.putFrame(handle), {"E Failed to get Graphics buffer \n"});
+        if (!hasRows(geometry) || geometry.width > size.width || geometry.height > size.height)
+            return says(yuv.putFrame(handle), {"E Failed to get Graphics buffer \n"});
         says(yuv.putFrame(handle), isFrame ? append(buffer, geometry) : kUncopied);
     }
     void putRecord(const host::Buffer& buffer, FrameSize size) {
