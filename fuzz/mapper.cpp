@@ -141,14 +141,15 @@ struct Life {
         if (data.ConsumeIntegral<uint8_t>() < 32) *pick(header) += data.ConsumeBool() ? 1 : -1;
         if (data.ConsumeBool()) change(file, claimOf(forged.get()).total);
         import(forged.get(), file);
-        std::tie(forged->version, forged->numFds, forged->numInts) =
-            kUsual;  // else it would not be closed
+        // Else it would not be closed.
+        std::tie(forged->version, forged->numFds, forged->numInts) = kUsual;
     }
     void import(buffer_handle_t raw, int file) {
         Import made = {nullptr, file, claimOf(raw)};
         const int64_t total = made.claim.total;
         fuzz::expect(host::claimedBytes(raw) == static_cast<uint64_t>(total), "another claim");
-        // What may not be written cannot be mapped. A file without seals has both of them here.
+        // What may not be written cannot be mapped. A file that knows no seals gives -1, with the
+        // bits of both.
         const int seals = fcntl(file, F_GET_SEALS) & (F_SEAL_SHRINK | F_SEAL_WRITE);
         const bool isBuffer =
             total > 0 && seals == F_SEAL_SHRINK && isWithin(lseek(file, 0, SEEK_END), total, kMost);
