@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,7 +24,6 @@
 #include "temporary_folder.h"
 #include "view/controller.h"
 #include "view/crop_rule.h"
-#include "view/faces.h"
 #include "view/pace.h"
 
 namespace testing_support {
@@ -159,17 +157,13 @@ TEST(CameraFollowTest, KeepsAFaceThatWasRecordedInTheView) {
     int before = 0;
     int seen = 0;
     int kept = 0;
-    for (std::string line; std::getline(recorded, line);) {
-        std::istringstream numbers(line);
-        int now = 0;
-        numbers >> now;
-        std::vector<Rect> faces;
-        for (Rect face; numbers >> face.x >> face.y >> face.width >> face.height;)
-            faces.push_back(face);
-        const bool isCounted = !faces.empty() && now >= 1000;
-        seen += isCounted ? 1 : 0;
-        kept += isCounted && holds(stream.view, faces[0]) ? 1 : 0;  // as it was looked at
-        stream.step(faces, std::chrono::milliseconds(now - std::exchange(before, now)));
+    Rect face;
+    for (int now = 0; recorded >> now >> face.x >> face.y >> face.width >> face.height;) {
+        const bool isThere = face.width > 0;
+        if (isThere && now >= 1000) ++seen;
+        if (isThere && now >= 1000 && holds(stream.view, face)) ++kept;  // as it was looked at
+        stream.step(std::vector<Rect>(isThere ? 1 : 0, face),
+                    std::chrono::milliseconds(now - std::exchange(before, now)));
         EXPECT_TRUE(now < 4000 || now > 8000 || stream.view.width < 600) << now;
     }
     EXPECT_GT(seen, 100);
@@ -206,18 +200,6 @@ TEST(CameraFollowTest, KeepsAFaceThatIsMissedAndShowsAllWithoutOne) {
     EXPECT_EQ(stream.run(4s, {}), (Rect{160, 0, 960, 720}));  // as the stream's shape shows it
     stream.step({here}, 5s);  // after a gap no further than in half a second
     EXPECT_GE(stream.view.x + stream.view.width, 1120 - 0.3 * 1280 / 2 - 1);
-}
-
-TEST(CameraFollowTest, MapsFacesByTheViewAndTheTurnAndBack) {
-    const FrameSize frame = {640, 480};
-    const Rect view = {100, 50, 320, 240};
-    const Rect face = {64, 48, 64, 48};
-    for (const bool isTurned : {false, true}) {
-        const Rect place = isTurned ? Rect{356, 242, 32, 24} : Rect{132, 74, 32, 24};
-        EXPECT_EQ(camera::inPicture(face, frame, view, isTurned), place);
-        EXPECT_EQ(camera::inFrame(place, frame, view, isTurned), face);
-    }
-    EXPECT_EQ(camera::inPicture({1, 1, 1, 1}, frame, view, false), (Rect{100, 50, 1, 1}));
 }
 
 TEST(WebcamsTest, AreListedWithTheirModesAndTheLargestFastOneIsChosen) {
