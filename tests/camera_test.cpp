@@ -138,9 +138,11 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     ask();
     EXPECT_TRUE(eventually([&] { return !session->isCaptureRequestReady(); }));
     source->clientWent();
-    EXPECT_EQ(answer(4), kError);
-    EXPECT_FALSE(source->status().isBroken);  // which would be another reason
     source->clientCame();
+    ask();  // the next client's
+    write(40);
+    EXPECT_EQ(answer(4), kError);
+    EXPECT_EQ(answer(5), 40);
     for (int i = 0; i < 33; ++i)
         ask();
     std::unique_lock<std::mutex> inside(clientGate);
@@ -149,7 +151,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == before + 1; }));
     EXPECT_TRUE(session->isCaptureRequestReady());  // one is left when the camera has looked again
     inside.unlock();
-    EXPECT_EQ(answer(5), 50);
+    EXPECT_EQ(answer(6), 50);
 }
 
 TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSourceAndWaitsForNoneWhenItEnds) {
@@ -167,7 +169,6 @@ TEST_F(CameraTest, AnswersWithErrorsWhileThereIsNoSourceAndWaitsForNoneWhenItEnd
     const std::vector<FDNotifyMsg> told = deliveries.notified();
     EXPECT_TRUE(told.size() == 1 && told[0].type == FDNotifyType::ERROR &&
                 told[0].frameNumber == 0);
-    EXPECT_EQ(saidSoFar(), "nothing came for 2 s\n");
     write(2, kBytes - 1000);  // and goes on where it was
     EXPECT_TRUE(eventually([&] { return source->status().dropped == 2; }));
 
