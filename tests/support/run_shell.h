@@ -55,7 +55,7 @@ struct Run {
 inline void expectRuns(const std::string& program, const std::vector<Run>& runs) {
     for (const Run& run : runs) {
         const Output output = runShell(program + " " + run.arguments);
-        EXPECT_EQ(output.exitCode, run.exitCode) << run.arguments;
+        EXPECT_EQ(output.exitCode, run.exitCode) << run.arguments << output.text;
         EXPECT_TRUE(has(output.text, run.said)) << run.arguments << output.text;
     }
 }
