@@ -3,14 +3,12 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <filesystem>
-#include <future>
 #include <string>
+#include <tuple>
 
-#include "host/channel.h"
 #include "support/client_tool_fixture.h"
 #include "view/announcements.h"
 
@@ -18,7 +16,6 @@ namespace testing_support {
 
 namespace {
 
-using kit::kFrameBytes;
 using ClientToolTest = ClientToolFixture;
 
 }  // namespace
@@ -26,12 +23,15 @@ using ClientToolTest = ClientToolFixture;
 TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
         after(5, [this, number] { kill(tool, number); });
-        EXPECT_EQ(run("--frames 0 --json json --raw raw"), 0) << number << read("err");
+        EXPECT_EQ(run("--frames 0 --json json --raw raw"), 0) << number;
         EXPECT_TRUE(has(read("json"), "\"interrupted\"")) << read("json");
         EXPECT_TRUE(exists("raw") && !exists("raw.part") && !exists("json.part"));
-        EXPECT_EQ(std::filesystem::file_size(folder / "raw") % kFrameBytes, 0U);
+        EXPECT_EQ(std::filesystem::file_size(folder / "raw") % kit::kFrameBytes, 0U);
+        EXPECT_EQ(read("err").find('\n') + 1, read("err").size()) << read("err");  // says so
         std::filesystem::remove(folder / "json");
     }
+    for (const std::string& line : log.said())
+        EXPECT_EQ(line[0], 'I') << line;
 }
 
 TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThereOrAnothers) {
@@ -45,33 +45,10 @@ TEST_F(ClientToolTest, TellsAProviderThatIsGoneFromOneThatIsNotThereOrAnothers) 
     EXPECT_EQ(run("--frames 1"), 3);  // nobody listens any more
     EXPECT_TRUE(has(read("err"), "there is no provider")) << read("err");
 
-    auto waiting = std::async(std::launch::async, [this] { return run("--wait --frames 1"); });
-    EXPECT_TRUE(eventually([&] { return has(read("err"), "waiting for a provider"); }));
     listen();
-    EXPECT_EQ(waiting.get(), 0) << read("err");
-
     after(5, [this] { EXPECT_TRUE(client->setCallback(callback).isOk()); });
     EXPECT_EQ(run("--frames 0"), 4);
     EXPECT_TRUE(has(read("err"), "another client has taken the session over")) << read("err");
-}
-
-TEST_F(ClientToolTest, ConnectsAnewWhenTheProviderGaveItUp) {
-    // Takes as long as the bounded wait for a client that does not answer.
-    const char* const failure =
-        "threadLoop: processCaptureResult transaction failed: Status(EX_TRANSACTION_FAILED): "
-        "'TIMED_OUT: no answer within 1000 ms'";
-    after(5, [&] {
-        EXPECT_TRUE(eventually([&] { return session->isCaptureRequestReady(); }));  // it loses one
-        kill(tool, SIGSTOP);
-        CaptureResult result = {};
-        result.outputBuffers.resize(1);
-        session->sendCaptureResult(result);
-        EXPECT_TRUE(log.waitFor(failure));
-        kill(tool, SIGCONT);
-    });
-    EXPECT_EQ(run("--frames 40 --json json"), 1) << read("err");
-    EXPECT_TRUE(has(read("err"), "the provider has given this client up")) << read("err");
-    EXPECT_TRUE(has(read("json"), "{\"frame\": 39,")) << read("json");
 }
 
 TEST_F(ClientToolTest, SaysInOneSentenceWhatIsWrong) {
@@ -89,25 +66,41 @@ TEST_F(ClientToolTest, SaysInOneSentenceWhatIsWrong) {
     EXPECT_TRUE(exists("raw.part") && !exists("raw"));
 }
 
+TEST_F(ClientToolTest, AsksForNoMoreThanIsRead) {
+    // 32 that nobody has looked at, the one that is written, and its four buffers.
+    after(40, [this] { EXPECT_TRUE(exists("go")); });
+    // In that time it would ask for the others, too.
+    EXPECT_EQ(run("--frames 60 --raw - | { sleep 0.3; touch go; cat; } >/dev/null"), 0);
+}
+
 TEST_F(ClientToolTest, WritesY4mWithTheRateAndTheLastFrameForOneThatIsMissing) {
     constexpr size_t kLuma = 35 * 23;
     constexpr size_t kChroma = 18 * 12;
-    fillBy([this](const CaptureRequest& request) {
-        const uint32_t number = request.frameNumber;
-        FDNotifyMsg shutter = camera::shutterOf(number, 1000 + number * uint64_t{33366667});
-        if (number != 1) session->sendNotify(shutter);
-        return number == 1 ? BufferStatus::ERROR : fill(request);
-    });
-    EXPECT_EQ(run("--frames 12 --buffers 2 --y4m y4m --raw raw --size 35x23"), 1);
-    const std::string raw = read("raw");
-    std::string expected = "YUV4MPEG2 W35 H23 F30000:1001 Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
-    for (size_t frame = 0; frame < 12; ++frame) {
-        const std::string packed = raw.substr((frame < 1 ? 0 : frame - 1) * (kLuma + 2 * kChroma));
-        expected += "FRAME\n" + packed.substr(0, kLuma);
-        for (size_t i = 0; i < 2 * kChroma; ++i)
-            expected += packed[kLuma + (i < kChroma ? 2 * i : 2 * (i - kChroma) + 1)];
+    // The arguments, what is told of from frame to frame, and what the header says then.
+    const std::tuple<std::string, uint64_t, std::string> cases[] = {
+        {"--frames 12", 33366667, "30000:1001"},
+        {"--frames 3", 41666667, "24:1"},  // ends before the tenth
+        {"--frames 3 --fps 12.5", 33366667, "12500:1000"}};
+    for (const auto& [arguments, period, rate] : cases) {
+        fillBy([this, ns = period](const CaptureRequest& request) {
+            FDNotifyMsg shutter =
+                camera::shutterOf(request.frameNumber, 1000 + request.frameNumber * ns);
+            if (request.frameNumber == 1) return BufferStatus::ERROR;
+            session->sendNotify(shutter);
+            return fill(request);
+        });
+        EXPECT_EQ(run(arguments + " --buffers 2 --y4m y4m --raw raw --size 35x23"), 1);
+        const std::string raw = read("raw");
+        std::string expected =
+            "YUV4MPEG2 W35 H23 F" + rate + " Ip A1:1 C420mpeg2 XCOLORRANGE=LIMITED\n";
+        for (size_t at = 0; at < raw.size(); at += kLuma + 2 * kChroma) {
+            std::string frame = "FRAME\n" + raw.substr(at, kLuma);
+            for (size_t i = 0; i < 2 * kChroma; ++i)
+                frame += raw[at + kLuma + 2 * i % (2 * kChroma) + i / kChroma];
+            expected += at == 0 ? frame + frame : frame;
+        }
+        EXPECT_TRUE(read("y4m") == expected) << read("y4m").substr(0, 70);
     }
-    EXPECT_TRUE(read("y4m") == expected) << read("y4m").substr(0, 70);
 }
 
 }  // namespace testing_support

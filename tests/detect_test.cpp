@@ -53,11 +53,11 @@ protected:
     static Rect placeOf(const Crop& crop) { return {crop.x, crop.y, crop.width, crop.height}; }
     /** Tells of the frame, and fills it. */
     BufferStatus shoot(const CaptureRequest& request) {
-        const auto now = std::chrono::steady_clock::now();
         view = camera::viewFor(wanted(), kPicture, kPicture, kStream);
-        const double seconds = std::chrono::duration<double>(now - start).count();
-        if (isMoving) face.x = 400 + static_cast<int>(300 * std::sin(seconds / 3));  // 8 % a second
-        const auto ns = static_cast<uint64_t>(now.time_since_epoch().count());
+        // At most 8 % of the picture's width in a second.
+        if (isMoving) face.x = 400 + static_cast<int>(300 * std::sin(++moves / 300.0));
+        const auto now = std::chrono::steady_clock::now().time_since_epoch();
+        const auto ns = static_cast<uint64_t>(now.count());
         const uint32_t number = request.frameNumber;
         for (FDNotifyMsg msg : {camera::shutterOf(number, ns), camera::viewOf(number, view),
                                 camera::pictureOf(number, {kPicture, isTurned})}) {
@@ -72,19 +72,19 @@ protected:
         return BufferStatus::OK;
     }
 
-    /** The lines of a kind that the program wrote to "json". */
-    std::vector<std::string> lines(const std::string& outcome) const {
+    /** The lines with this in them that the program wrote to "json". */
+    std::vector<std::string> lines(const std::string& part) const {
         const std::string json = read("json");
-        const std::regex line("\\{\"frame[^\n]*\"outcome\": \"" + outcome + "[^\n]*");
+        const std::regex line("\\{\"frame[^\n]*" + part + "[^\n]*");
         return {std::sregex_token_iterator(json.begin(), json.end(), line), {}};
     }
 
     std::string problem;
     const std::unique_ptr<control::ControlServer> controls =
         control::ControlServer::listen(folder / "socket.control", session, {}, problem);
-    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     Rect view;
     Rect face = {520, 280, 96, 96};
+    int moves = 0;
     std::atomic<bool> isMoving{false};
     std::atomic<bool> tells{true};
     std::atomic<bool> isTurned{false};
@@ -102,8 +102,10 @@ Rect faceIn(const std::string& line, const std::string& field) {
 
 TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
     SceneControl ptz = {};
-    ptz.crops = std::vector<Crop>{{320, 180, 640, 360}};
+    ptz.crops = std::vector<Crop>{{320, 180, 320, 180}};
     session->setPTZControl(ptz);
+    face = {400, 200, 48, 48};
+    EXPECT_EQ(camera::overlap(face, face), 1);
     for (const auto& [told, turned] : {std::pair(true, false), {true, true}, {false, false}}) {
         tells = told;
         after(10, [this, turned = turned] { isTurned = turned; });
@@ -112,25 +114,32 @@ TEST_F(DetectTest, FindsFacesInTheFrameAndInThePicture) {
         ASSERT_GE(seen.size(), 2U) << read("json");
         EXPECT_EQ(faceIn(seen[0], "faces").width, 0) << seen[0];  // from the second time on
         const std::string& last = seen.back();
-        const Rect found = faceIn(last, "faces");
-        EXPECT_GE(camera::overlap(found, {200, 100, 96, 96}), 0.3) << last;
-        const Rect place = camera::inPicture(found, kStream, view, turned);
-        EXPECT_EQ(faceIn(last, "faces_in_picture"), told ? place : Rect()) << last;
-        EXPECT_EQ(has(last, "\"view\": [320, 180, 640, 360]"), told) << last;
+        EXPECT_GE(camera::overlap(faceIn(last, "faces"), {160, 40, 96, 96}), 0.3) << last;
+        const Rect place = turned ? Rect{512, 292, 48, 48} : face;
+        const Rect found = faceIn(last, "faces_in_picture");
+        EXPECT_EQ(camera::overlap(found, place) >= 0.3, told) << last;
+        EXPECT_EQ(has(last, "\"view\": [320, 180, 320, 180]"), told) << last;
         EXPECT_EQ(has(last, "\"camera_to_faces_ms\": null"), !told) << last;
         EXPECT_EQ(lines("").size(), 40U);
         EXPECT_TRUE(exists("png/frame-" + last.substr(10, last.find(',') - 10) + ".png")) << last;
         EXPECT_FALSE(has(read("json"), "{\"frame\": 0,"));
+        // Five frames may have been told of before they were turned, or behind.
+        const std::vector<std::string> unsure = lines("turned\": true");
+        for (size_t i = 0; i < std::min<size_t>(unsure.size(), 5); ++i)
+            EXPECT_TRUE(has(unsure[i], "faces_in_picture\": null")) << unsure[i];
     }
 }
 
 TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
     pauseUs = 100;
-    EXPECT_EQ(detect("--frames 200 --factor 1.02 --json json"), 0) << read("err");
-    const size_t looked = lines("detected").size();
+    after(100, [this] { std::ofstream(folder / "go"); });
+    // Until then nobody reads the frames that were looked at, of which ten wait for the rate.
+    EXPECT_EQ(detect("--frames 200 --json json --y4m - |"
+                     " { until [ -e go ]; do sleep 0.01; done; cat; } >/dev/null"),
+              0);
     const size_t skipped = lines("skipped").size();
-    EXPECT_EQ(looked + skipped, 200U);
-    EXPECT_GT(skipped, 2 * looked);  // the provider did not wait for the detector
+    EXPECT_GT(skipped, 80U);  // the provider did not wait for the detector
+    EXPECT_EQ(lines("detected").size() + skipped, 200U);
 }
 
 TEST_F(DetectTest, EndsAsItsDocumentsSay) {
@@ -142,44 +151,36 @@ TEST_F(DetectTest, EndsAsItsDocumentsSay) {
     EXPECT_EQ(detect(""), 3);
 }
 
-TEST_F(DetectTest, OutlinesFacesInATerminal) {
-    detect("--watch --frames 30' /dev/null </dev/null",
-           "script -qec 'stty rows 24 cols 40; TERM=xterm COLORTERM=truecolor");
-    EXPECT_TRUE(has(read("out"), "faces     1") && has(read("out"), "8;2;90;220;90m"));
-}
-
 TEST_F(DetectTest, FollowsAFaceWhileTheModeIsNotOffAndIsTheOnlyOne) {
-    // Takes four seconds: the view takes its time, and the face goes on.
+    // Takes some seconds: the view takes its time, and the face goes on.
     isMoving = true;
     SceneControl scene = {};
     pid_t first = 0;
-    int frame = 0;
+    int since = 0;
+    int step = 0;
     fillBy([&](const CaptureRequest& request) {
-        if (++frame == 1) first = tool;
-        if (frame == 60) {
-            EXPECT_NE(wanted(), kAll);
-            expectRuns(DETECT_TOOL " --socket " + folder / "socket",
-                       {{"--follow", 1, "the view cannot follow: "}});
-            session->setTrackingMode(TrackingMode::OFF);
-        }
-        if (frame == 90) {
+        session->getSceneControl(scene);
+        if (step == 0 && wanted() != kAll) {
+            first = tool;
+            const std::string socket = " --socket " + folder / "socket";
+            expectRuns("exec", {{DETECT_TOOL " --follow" + socket, 1, "the view cannot follow: "},
+                                {CONTROL_TOOL " mode 0" + socket, 0, "0"}});
+            since = moves;
+            step = 1;
+        } else if (step == 1 && moves == since + 30) {
             EXPECT_EQ(wanted(), kAll);
             session->setTrackingMode(TrackingMode::SPEAKER);
-        }
-        if (frame == 390) {
-            EXPECT_TRUE(view.x <= face.x && view.x + view.width >= face.x + face.width) << view.x;
-            EXPECT_LT(view.width, 600);
-            session->getSceneControl(scene);
-            EXPECT_TRUE(scene.crops.size() == 1 && scene.peopleCount == 1);
-            EXPECT_GT(camera::overlap(placeOf(scene.crops[0]), face), 0.1);
+            step = 2;
+        } else if (step == 2 && view.width < 600 && view.x <= face.x &&
+                   view.x + view.width >= face.x + face.width && scene.crops.size() == 1 &&
+                   scene.peopleCount == 1 && camera::overlap(placeOf(scene.crops[0]), face) > 0.1) {
             kill(first, SIGTERM);
+            step = 3;
         }
         return shoot(request);
     });
     EXPECT_EQ(detect("--follow --frames 0"), 0) << read("err");
-    session->getSceneControl(scene);
-    EXPECT_TRUE(scene.crops.size() == 0 && scene.peopleCount == 0 && wanted() == kAll);
-    EXPECT_EQ(session->getTrackingMode(), TrackingMode::OFF);
+    EXPECT_TRUE(session->getTrackingMode() == TrackingMode::OFF && wanted() == kAll);
 }
 
 }  // namespace testing_support

@@ -49,10 +49,6 @@ void Filler::clientWent() {
 void Filler::run() {
     std::chrono::microseconds patience = kShortest / 2;
     for (;;) {
-        if (const uint64_t departures = mDepartures; departures != mSeenDepartures) {
-            mSeenDepartures = departures;
-            answerKept();
-        }
         collect();
         const bool isForRequests = !mIsPaced && mKept.empty();
         patience = isForRequests ? std::min(2 * patience, kLongest) : kShortest / 2;
@@ -73,6 +69,11 @@ void Filler::run() {
 
 /** Takes what has come, each with the buffer that the session has for it now. */
 void Filler::collect() {
+    // Before each look, so that the next client's requests are not taken for those of who has gone.
+    if (const uint64_t departures = mDepartures; departures != mSeenDepartures) {
+        mSeenDepartures = departures;
+        answerKept();
+    }
     while (mKept.size() < kMostKept && mSession->isCaptureRequestReady()) {
         CaptureRequest request = {};
         if (mSession->getProcessCaptureRequest(request) != 0) return;

@@ -2,7 +2,6 @@
 
 extern "C" {
 #include <libavutil/opt.h>
-#include <libavutil/pixdesc.h>
 }
 #include <libyuv.h>
 

@@ -27,25 +27,22 @@ inline std::string contentOf(const std::string& path) {
 
 /** Both what it prints and its errors are read; a test that cannot start it fails. */
 inline std::unique_ptr<kit::ChildProcess> startShell(const std::string& line) {
-    kit::ChildOptions options;
-    options.errorsToo = true;
     std::string problem;
-    auto shell = kit::ChildProcess::startShell(line, problem, options);
+    auto shell = kit::ChildProcess::startShell(line, problem, {false, true, {}});
     EXPECT_NE(shell, nullptr) << problem;
     return shell;
 }
 
-/** How a line of the shell ended, and all that it printed. */
+/** All that a line of the shell printed, and how it ended. */
 struct Output {
-    int exitCode = -1;
     std::string text;
+    int exitCode = -1;
 };
 
 inline Output runShell(const std::string& line) {
     const auto shell = startShell(line);
     if (shell == nullptr) return {};
-    const std::string text = shell->rest(kPatience);
-    return {shell->exitCode(kPatience), text};
+    return {shell->rest(kPatience), shell->exitCode(kPatience)};
 }
 
 /** What a program is told, how it ends then, and what it says, or a part of that. */
@@ -58,7 +55,7 @@ struct Run {
 inline void expectRuns(const std::string& program, const std::vector<Run>& runs) {
     for (const Run& run : runs) {
         const Output output = runShell(program + " " + run.arguments);
-        EXPECT_EQ(output.exitCode, run.exitCode) << run.arguments;
+        EXPECT_EQ(output.exitCode, run.exitCode) << run.arguments << output.text;
         EXPECT_TRUE(has(output.text, run.said)) << run.arguments << output.text;
     }
 }
