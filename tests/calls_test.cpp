@@ -106,8 +106,7 @@ TEST_F(CallsTest, CarriesEveryFieldAndEveryDescriptor) {
     const CaptureResult result =
         recordOf<CaptureResult>({3, 4, 23, 3, 1, 9, 7, 6, 8, 15, 8}, files);
     session->sendCaptureResult(result);
-    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0].result),
-              inWords(files, CaptureResult(result)));
+    EXPECT_EQ(inWords(files, deliveries.waitFor(1)[0]), inWords(files, CaptureResult(result)));
     const FDNotifyMsg msg = {FDNotifyType::ERROR, 3, 1ULL << 60};
     notify(msg);
     EXPECT_EQ(inWords(files, hidl_vec<FDNotifyMsg>(deliveries.notified())),

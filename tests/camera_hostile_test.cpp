@@ -70,7 +70,7 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcessNorTheTool) {
             for (int frame = 0; frame < 30 && std::clock() < end; ++frame)
                 if (askFor() == kError) break;
             source.reset();
-            configureAnew();
+            configure(0, {64, 48});
         }
         // After all of them a whole file plays.
         ASSERT_EQ(play(sourceOf("whole")), "");
@@ -114,7 +114,7 @@ TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     std::string problem;
     client = host::connect<IFDSession>(socket, problem);
     EXPECT_TRUE(client->setCallback(callback).isOk());
-    EXPECT_TRUE(client->configure(configurationOf(0, 64, 48)).isOk());
+    EXPECT_TRUE(client->configure(configurationOf(0, {64, 48})).isOk());
     ask();
     EXPECT_TRUE(eventually([&] { return !deliveries.notified().empty(); }));
     provider->signal(SIGTERM);

@@ -96,7 +96,7 @@ TEST_F(CameraTest, AnnouncesEachFrameWithItsViewBeforeItsResult) {
     EXPECT_TRUE(eventually([&] { return deliveries.notified().size() == 4; }));
     session->sendCaptureResult(resultFor(requestFor(77, 1)));
     inside.unlock();
-    EXPECT_EQ(deliveries.waitFor(3)[1].result.frameNumber, 77U) << "told after its result";
+    EXPECT_EQ(deliveries.waitFor(3)[1].frameNumber, 77U) << "told after its result";
     ask();
     answer(3);
     const std::vector<FDNotifyMsg> told = deliveries.notified();
@@ -129,7 +129,7 @@ TEST_F(CameraTest, KeepsRequestsBeyondTheirSecondUntilThereIsAFrame) {
     write(20);
     EXPECT_EQ(answer(1), 20);
 
-    configureAnew();  // the third has a buffer that is no more
+    configure(0, {64, 48});  // the third has a buffer that is no more
     ask();
     write(30);
     EXPECT_EQ(answer(2), kError);

@@ -33,7 +33,7 @@ protected:
     ~FrameSourceTest() override {
         source.clear();
         EXPECT_TRUE(log.waitUntilSaid("I ~FDSessionTest: \n"));
-        SessionFixture::configure();  // lets go of the buffers
+        configure();  // lets go of the buffers
         session->handleSetCallback(nullptr);
         session.clear();
         // The session's thread may have it still, and tells deliveries when it lets go of it.
@@ -46,9 +46,6 @@ protected:
         host::failNextThreadStart();
         source = new FDSessionTest;
         source->decStrong(this);  // what the maker's reference cannot know of
-    }
-    void configure(int32_t id, uint32_t width = 1280, uint32_t height = 720) {
-        ASSERT_EQ(session->handleConfigure(configurationOf(id, width, height)), 0);
     }
     void submit(uint32_t frame, const native_handle_t* handle) {
         CaptureRequest request = requestFor(frame, frame, handle, 4);
@@ -65,7 +62,7 @@ protected:
     /** The same for a pass that answers this request. */
     Lines passWithAnswer(uint32_t frame) {
         Lines said = pass();
-        const CaptureResult result = deliveries.waitFor(frame)[frame - 1].result;
+        const CaptureResult result = deliveries.waitFor(frame)[frame - 1];
         EXPECT_EQ(result.frameNumber, frame);
         EXPECT_EQ(result.outputBuffers[0].status, BufferStatus::OK);
         return said;
@@ -73,7 +70,7 @@ protected:
 
     const kit::TemporaryFolder folder;
     WallClock clock;
-    const host::Buffer target = allocate(1280, 720);
+    const host::Buffer target = allocate(kit::kClipSize);
     sp<FDSessionTest> source;
 };
 
@@ -101,7 +98,7 @@ TEST_F(FrameSourceTest, LivesFromItsFirstPassToItsLastWhoeverHoldsIt) {
 TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen) {
     ASSERT_EQ(mkfifo(kInput, 0600), 0);
     start();
-    configure(4);
+    configure(4, kit::kClipSize);
     submit(1, target.handle());
     const FileWatch watch(target.handle()->data[0], Watching::CLOSES, [this] {
         EXPECT_TRUE(eventually([this] { return deliveries.count() > 1; }));
@@ -110,21 +107,21 @@ TEST_F(FrameSourceTest, SendsNoBufferBeforeItIsFilledAndKeepsItsWrapperUntilThen
     {
         std::ofstream pipe(kInput, std::ios::binary);  // is open when the source waits for bytes
         session->sendCaptureResult(resultFor(requestFor(9, 9)));
-        EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 9U);
+        EXPECT_EQ(deliveries.waitFor(1)[0].frameNumber, 9U);
         pipe << std::string(kit::kFrameBytes, 'a');
     }
-    EXPECT_EQ(deliveries.waitFor(2)[1].result.frameNumber, 1U);
+    EXPECT_EQ(deliveries.waitFor(2)[1].frameNumber, 1U);
     EXPECT_EQ(target.bytes()[kit::kFrameBytes - 1], 'a');
 }
 
 TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     // It speaks of a stream only when the stream's id changes.
-    configure(0, 64, 64);
+    configure(0, {64, 64});
     start();
     EXPECT_EQ(pass(), Lines{"I threadLoop: received first configration \n"});
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
     EXPECT_TRUE(pass().empty());
-    configure(4);
+    configure(4, kit::kClipSize);
     EXPECT_EQ(pass(), Lines{"I threadLoop: stream configuration change  \n"});
     EXPECT_EQ(log.said("zoruutil").size(), 4U);
 
@@ -149,8 +146,8 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     }
 
     // A stream that needs more than a frame of the file: nothing is read past the frame memory.
-    const host::Buffer large = allocate(1284, 720);
-    configure(4, 1284, 720);
+    const host::Buffer large = allocate({1284, 720});
+    configure(4, {1284, 720});
     submit(5, large.handle());
     EXPECT_EQ(passWithAnswer(5), Lines{"E threadLoop: a frame of the file is too small for "
                                        "width(1284) height(720) \n"});
@@ -158,7 +155,7 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
     // That took a frame, and what cannot be wrapped takes none.
     submit(6, target.handle());
     EXPECT_EQ(passWithAnswer(6), Lines{"E threadLoop: GraphicBuffer failed \n"});
-    configure(4);
+    configure(4, kit::kClipSize);
     submit(7, target.handle());
     EXPECT_TRUE(passWithAnswer(7).empty());
     EXPECT_EQ(target.bytes()[0], 'a');
@@ -168,10 +165,10 @@ TEST_F(FrameSourceTest, AnswersOneRequestAPassWithTheNextFrameOrWithoutOne) {
 TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
     constexpr uint32_t kRequests = 60;
     std::ofstream(kInput) << std::string(kit::kFrameBytes, 'a');
-    configure(4, 64, 64);
+    configure(4, {64, 64});
     const InsteadOfPause pause([] { std::this_thread::yield(); });
     source = new FDSessionTest;
-    const host::Buffer small = allocate(64, 64);
+    const host::Buffer small = allocate({64, 64});
     const auto provide = [&](size_t) {
         CaptureRequest request = {};
         if (session->getProcessCaptureRequest(request) != 0) return;
@@ -183,8 +180,8 @@ TEST_F(FrameSourceTest, SharesOneQueueWithProvidersAndTheSweep) {
           {"another provider", provide}},
          kRequests);
     std::set<uint32_t> answered;
-    for (const auto& delivery : deliveries.waitFor(kRequests))
-        answered.insert(delivery.result.frameNumber);
+    for (const CaptureResult& result : deliveries.waitFor(kRequests))
+        answered.insert(result.frameNumber);
     EXPECT_EQ(answered.size(), kRequests);
     EXPECT_EQ(deliveries.count(), kRequests);  // each one once
 }

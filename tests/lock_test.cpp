@@ -54,7 +54,7 @@ TEST(LockTest, IsKeptByTheMappers) {
     // Without a service, whose count of references would order the threads.
     const host::ScopedMapper none(nullptr, nullptr);
     auto& mapper = host::detail::BufferMapper::get();
-    const host::Buffer buffer = allocate(16, 8);
+    const host::Buffer buffer = allocate({16, 8});
     buffer_handle_t known = nullptr;
     mapper.import(buffer.handle(), known);
     const auto importAndFree = [&](size_t) {

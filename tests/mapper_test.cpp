@@ -26,7 +26,7 @@ namespace testing_support {
 using android::hardware::camera::common::V1_0::helper::HandleImporter;
 
 TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
-    EXPECT_EQ(fcntl(allocate(8, 6).handle()->data[0], F_GET_SEALS),
+    EXPECT_EQ(fcntl(allocate({8, 6}).handle()->data[0], F_GET_SEALS),
               F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
     EXPECT_TRUE(host::Buffer::allocate({2, 255, 1U << 20, 8192}));
     EXPECT_FALSE(host::Buffer::allocate({2, 255, 1U << 20, 8194}));
@@ -36,7 +36,7 @@ TEST(MapperTest, SealsItsOwnBuffersAndHasOneName) {
 }
 
 TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
-    const host::Buffer buffer = allocate(64, 32);
+    const host::Buffer buffer = allocate({64, 32});
     for (const bool fits : {true, false}) {
         const sp<GraphicBuffer> wrapped = new GraphicBuffer(
             buffer.handle(), GraphicBuffer::CLONE_HANDLE, 64, fits ? 32 : 33, 35, 1, 0x33, 7);
@@ -50,13 +50,13 @@ TEST(MapperTest, WrapsABufferOfThisSizeOrNothing) {
 TEST(MapperTest, TellsTwoFilesApartWhoseInodesHaveTheSameNumber) {
     const OneInodeNumber same;
     const int64_t maps = host::mapperCounters().maps;
-    const sp<GraphicBuffer> one = wrap(allocate(8, 4));
-    const sp<GraphicBuffer> other = wrap(allocate(8, 4));
+    const sp<GraphicBuffer> one = wrap(allocate({8, 4}));
+    const sp<GraphicBuffer> other = wrap(allocate({8, 4}));
     EXPECT_EQ(host::mapperCounters().maps, maps + 2);
 }
 
 TEST(MapperTest, HasNothingLeftOfAnImportThatFails) {
-    const host::Buffer buffer = allocate(64, 64);
+    const host::Buffer buffer = allocate({64, 64});
     const int64_t before = host::mapperCounters().mappings;
     FewDuplicates none;
     none.limitTo(0);
@@ -95,7 +95,7 @@ struct ImporterTest : public testing::TestWithParam<bool> {
     const host::ScopedMapper scope{GetParam() ? spy3 : nullptr, spy2};
     LogLines log;
     native_handle_t* const fence = native_handle_create(2, 1);
-    const host::Buffer buffer = allocate(64, 32, {0, 0, 0, 70});
+    const host::Buffer buffer = allocate({64, 32}, {0, 0, 0, 70});
     buffer_handle_t handle = buffer.handle();
     HandleImporter importer;
     /** The operations by their names, and whether nothing comes of them. */

@@ -45,7 +45,7 @@ TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     configure();
     ASSERT_EQ(submit(1, 4), 0);
     clock.stopAt(1700000001000001);  // seen at the end of an idle wait
-    EXPECT_EQ(deliveries.waitFor(1)[0].result.frameNumber, 1U);
+    EXPECT_EQ(deliveries.waitFor(1)[0].frameNumber, 1U);
     configure();
     callback.clear();
     session.clear();

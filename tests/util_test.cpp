@@ -21,13 +21,13 @@ struct UtilTest : public testing::Test {
         EXPECT_EQ(result, -1);
         EXPECT_EQ(said(), Lines{line});
     }
-    static sp<GraphicBuffer> bufferOf(uint32_t width, uint32_t height, uint32_t chromaStep) {
-        return wrap(allocate(width, height, {0, 0, 0, 0, host::ChromaOrder::CbFirst, chromaStep}));
+    static sp<GraphicBuffer> bufferOf(kit::FrameSize size, uint32_t chromaStep) {
+        return wrap(allocate(size, {0, 0, 0, 0, host::ChromaOrder::CbFirst, chromaStep}));
     }
 
     LogLines log;
-    const sp<GraphicBuffer> good = bufferOf(8, 4, 2);
-    const sp<GraphicBuffer> closed = wrap(allocate(8, 4), 0);  // no processor usage
+    const sp<GraphicBuffer> good = bufferOf({8, 4}, 2);
+    const sp<GraphicBuffer> closed = wrap(allocate({8, 4}), 0);  // no processor usage
     uint8_t memory[128 * 48] = {7};
     zoru_ycbcr frame{memory, 8, 4};
 };
@@ -36,7 +36,7 @@ struct UtilTest : public testing::Test {
 
 TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     const host::MapperCounters before = host::mapperCounters();
-    const host::Buffer zeros = allocate(8, 4, {0, 0, 0, 0, host::ChromaOrder::CbFirst, 1});
+    const host::Buffer zeros = allocate({8, 4}, {0, 0, 0, 0, host::ChromaOrder::CbFirst, 1});
     const sp<GraphicBuffer> planar = wrap(zeros);
     EXPECT_EQ(ZoruUtil::copyTo(memory, good), 0);
     const std::string unhandled = "E 420 planar format is not handled \n";
@@ -46,11 +46,11 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     fails(ZoruUtil::copy(planar, frame), unhandled);
     frame.chroma_step = 1;
     fails(ZoruUtil::copy(good, frame), unhandled);
-    fails(ZoruUtil::copy(good, bufferOf(4, 4, 2)),
+    fails(ZoruUtil::copy(good, bufferOf({4, 4}, 2)),
           "E source is smaller: width(4) height(4), not width(8) height(4) \n");
-    fails(ZoruUtil::copy(good, bufferOf(8, 2, 2)),
+    fails(ZoruUtil::copy(good, bufferOf({8, 2}, 2)),
           "E source is smaller: width(8) height(2), not width(8) height(4) \n");
-    const sp<GraphicBuffer> wide = bufferOf(8, 4, 4);
+    const sp<GraphicBuffer> wide = bufferOf({8, 4}, 4);
     android_ycbcr at = {};
     EXPECT_EQ(wide->lockYCbCr(0x33, &at), 0);
     EXPECT_EQ(closed->lockYCbCr(0, &at), 3);  // leaves the record alone
@@ -104,7 +104,7 @@ TEST_F(UtilTest, DumpsRequestsAndConfigurations) {
     CaptureRequest request = requestFor(7, UINT64_MAX, nullptr, -3);
     request.outputBuffers.resize(2);
     ZoruUtil::dumpCaptureRequest(request);
-    StreamConfiguration configuration = configurationOf(2, 1280, 720);
+    StreamConfiguration configuration = configurationOf(2, kit::kClipSize);
     configuration.streams.resize(2);
     ZoruUtil::dumpConfiguration(configuration);
     EXPECT_EQ(

@@ -202,9 +202,9 @@ TEST_F(WeaponsTest, TurnsNoMoreThanMemoryClaims) {
 
 TEST_F(WeaponsTest, TurnsTheLargestBufferWhileTheOthersGoOn) {
     if (std::string(SANITIZERS) == "thread") GTEST_SKIP() << "its shadow of 256 MiB is too much";
-    constexpr uint32_t kSide = 13376;
-    expectStatus(remote->configure(configurationOf(0, kSide, kSide)), Status::OK);
-    const host::Buffer sparse = allocate(kSide, kSide);
+    constexpr int kSide = 13376;
+    expectStatus(remote->configure(configurationOf(0, {kSide, kSide})), Status::OK);
+    const host::Buffer sparse = allocate({kSide, kSide});
     sparse.bytes()[3] = 7;
     submitAs(1, sparse.handle());
     serveOne();

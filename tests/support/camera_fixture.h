@@ -19,17 +19,14 @@ protected:
 
     CameraFixture() {
         for (int i = 0; i < 64; ++i)
-            mBuffers.push_back(allocate(64, 48));
-        configureAnew();
+            mBuffers.push_back(allocate({64, 48}));
+        configure(0, {64, 48});
     }
     ~CameraFixture() override {
         source.reset();
         stop();
     }
 
-    void configureAnew() const {
-        EXPECT_EQ(session->handleConfigure(configurationOf(0, 64, 48)), 0);
-    }
     /** So many greys, by an expression with their number N, 25 a second, made by FFmpeg's program.
      */
     void writeClip(const std::string& file, const std::string& luma, int frames,
@@ -62,7 +59,7 @@ protected:
     }
     /** The first pixel's luma of the n-th answer since the beginning, once it is there. */
     int answer(size_t index) {
-        const auto result = deliveries.waitFor(index + 1, index)[0].result;
+        const auto result = deliveries.waitFor(index + 1, index)[0];
         if (result.outputBuffers.size() == 0) return kError;
         const auto& output = result.outputBuffers[0];
         return output.status == BufferStatus::OK ? mBuffers[output.bufferId - 1].bytes()[0]

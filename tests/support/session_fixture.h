@@ -32,6 +32,7 @@ using android::hardware::hidl_handle;
 using android::hardware::hidl_vec;
 using android::hardware::camera::device::V3_2::BufferStatus;
 using android::hardware::camera::device::V3_2::Stream;
+using kit::allocate;
 using kit::requestFor;
 using kit::resultFor;
 
@@ -63,13 +64,9 @@ inline bool isAsleep(pid_t thread) {
 /** What the client was told, kept beyond the callback's own life. Any thread. */
 class Deliveries {
 public:
-    struct Delivery {
-        CaptureResult result;
-    };
-
     void add(const hidl_vec<CaptureResult>& results) {
         const std::lock_guard<std::mutex> lock(mMutex);
-        mDeliveries.push_back({results[0]});
+        mDeliveries.push_back(results[0]);
         mChanged.notify_all();
     }
     void add(const hidl_vec<FDNotifyMsg>& msgs) {
@@ -84,7 +81,7 @@ public:
     }
     /** Waits for so many since the start, or fails after 10 s; gives all from the first asked for.
      */
-    std::vector<Delivery> waitFor(size_t count, size_t first = 0) {
+    std::vector<CaptureResult> waitFor(size_t count, size_t first = 0) {
         std::unique_lock<std::mutex> lock(mMutex);
         EXPECT_TRUE(
             mChanged.wait_until(lock, inTenSeconds(), [&] { return mDeliveries.size() >= count; }))
@@ -111,7 +108,7 @@ private:
     mutable std::mutex mMutex;
     std::condition_variable mChanged;
     // Guarded by mMutex.
-    std::vector<Delivery> mDeliveries;
+    std::vector<CaptureResult> mDeliveries;
     std::vector<FDNotifyMsg> mNotified;
     char mDeathThread[16] = "";
 };
@@ -136,17 +133,11 @@ private:
         mDeliveries.add(records);
         if (during) during();
         if (!failing) return {};
-        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT,
-                                                      "the peer has closed the connection");
+        return android::hardware::Status::fromStatusT(android::DEAD_OBJECT, "gone");
     }
 
     Deliveries& mDeliveries;
 };
-
-inline host::Buffer allocate(uint32_t width, uint32_t height,
-                             const host::BufferGeometry& other = {}) {
-    return kit::allocate({static_cast<int>(width), static_cast<int>(height)}, other);
-}
 
 /** The buffer as the session wraps it, with this usage. */
 inline sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33) {
@@ -156,9 +147,8 @@ inline sp<GraphicBuffer> wrap(const host::Buffer& buffer, uint64_t usage = 0x33)
 }
 
 /** One stream, none of whose fields is 0, with a usage of more than 32 bits. */
-inline StreamConfiguration configurationOf(int32_t id, uint32_t width = 16, uint32_t height = 8) {
-    StreamConfiguration configuration =
-        kit::configurationOf({static_cast<int>(width), static_cast<int>(height)}, id);
+inline StreamConfiguration configurationOf(int32_t id, kit::FrameSize size = {16, 8}) {
+    StreamConfiguration configuration = kit::configurationOf(size, id);
     Stream& stream = configuration.streams[0];
     stream.streamType = decltype(stream.streamType)::INPUT;
     stream.usage = 0x100000033;
@@ -179,8 +169,9 @@ protected:
         stop();
     }
 
-    /** Configures stream 0 and submits one request with a buffer of its size. */
-    void configure(int32_t id = 0) { ASSERT_EQ(session->handleConfigure(configurationOf(id)), 0); }
+    void configure(int32_t id = 0, kit::FrameSize size = {16, 8}) {
+        ASSERT_EQ(session->handleConfigure(configurationOf(id, size)), 0);
+    }
     int32_t submit(uint32_t frameNumber, uint64_t bufferId) {
         return session->handleCaptureRequest(requestFor(frameNumber, bufferId, buffer.handle()));
     }
@@ -208,7 +199,7 @@ protected:
     std::mutex clientGate;
     LogLines log;
     Deliveries deliveries;
-    const host::Buffer buffer = allocate(16, 8);
+    const host::Buffer buffer = allocate({16, 8});
     sp<FDSessionImpl> session;
     sp<IFDSession> client = session->getInterface();
     sp<Callback> callback = new Callback(deliveries);
