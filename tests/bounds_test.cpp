@@ -124,7 +124,7 @@ TEST_F(BoundsTest, BoundsWhatClientsLeaveWithTheProvider) {
     // A result makes a place, from inside already, and whether the client takes it or not.
     callback->failing = true;
     serveOne();
-    EXPECT_TRUE(eventually([&] { return linesWith("transaction failed") == 1; }));
+    EXPECT_TRUE(eventually([&] { return log.linesWith("transaction failed") == 1; }));
     EXPECT_EQ(fromInside, "");
     EXPECT_EQ(refusalOf(request), tooMany);
     // A configuration that is refused makes none.

@@ -56,7 +56,7 @@ protected:
 TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     const FileWatch watch = silenced(slow.get());
     bring(1);
-    EXPECT_EQ(linesWith("handleCaptureRequest"), 0);  // the session has not seen it
+    EXPECT_EQ(log.linesWith("handleCaptureRequest"), 0);  // the session has not seen it
     expectNobodyIsHeldUp(1);
     // More than a message may have, of which none is left for the kernel to close.
     const RawClient faulty = connectRaw();
@@ -72,7 +72,7 @@ TEST_F(ClosingTest, HoldsNobodyUpWithAFileThatNeverCloses) {
     kit::sendRaw(mine.get(), rawMessage({kAnswer, 1, 1, 1}).data(), 16, {slow.get()});
     const CaptureResult result = resultFor(requestFor(1, 1, nullptr));
     session->sendCaptureResult(result);
-    EXPECT_TRUE(eventually([this] { return linesWith("the answer brings descriptors") == 1; }));
+    EXPECT_TRUE(eventually([this] { return log.linesWith("the answer brings descriptors") == 1; }));
     expectNobodyIsHeldUp(3);
     session->sendCaptureResult(result);
     deliveries.waitFor(1);
@@ -115,7 +115,7 @@ TEST_F(ClosingTest, TakesNoMoreWhileTooMuchWaitsToBeClosed) {
     EXPECT_TRUE(remote->ping().isOk());
     bring(1);
     EXPECT_FALSE(remote->ping().isOk());
-    EXPECT_EQ(linesWith("E a channel ends: it brings what has to be closed, and too much"), 1);
+    EXPECT_EQ(log.linesWith("E a channel ends: it brings what has to be closed, and too much"), 1);
     EXPECT_TRUE(late.connect() && late.send(rawMessage({kCall, 0, 1, 0})));
     EXPECT_TRUE(early.isServed());  // calls of the others go on
     EXPECT_EQ(early.setCallback(theirs.get()), kRefused);

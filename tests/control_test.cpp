@@ -158,7 +158,7 @@ TEST_F(ControlTest, HasConnectionsThatNoSessionsClientCanTakeAndTheOtherWayRound
     EXPECT_TRUE(clients[65].send(rawMessage({kCall, 16, 1, 0})) && clients[65].isClosed());
     EXPECT_TRUE(clients[66].send(rawMessage({kCall, 2, 1, 0, 5})) && clients[66].isClosed());
     EXPECT_TRUE(remote->ping().isOk() && other->ping().isOk() && one->ping().isOk());
-    EXPECT_EQ(linesWith("a connection beyond the limit of 8 is refused"), 1);
+    EXPECT_EQ(log.linesWith("a connection beyond the limit of 8 is refused"), 1);
 }
 
 TEST_F(ControlToolTest, SetsWhatItIsToldAndTellsWhatThereIs) {

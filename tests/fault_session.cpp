@@ -190,12 +190,7 @@ private:
     }
 
     /** How many lines at ERROR have this in them. */
-    int64_t errors(const std::string& part = "") const {
-        const auto lines = mLog.said();
-        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line[0] == 'E' && line.find(part) != std::string::npos;
-        });
-    }
+    int64_t errors(const std::string& part = "") const { return mLog.linesWith(part, "E"); }
 
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;

@@ -105,8 +105,8 @@ TEST_F(DescriptorsTest, CrossWhereTheirKindBelongsAndNowhereElse) {
         // Not more at once than may wait to be closed.
         EXPECT_TRUE(eventually([&] { return kit::Holdings::of().descriptors <= before + 8; }));
     }
-    EXPECT_EQ(linesWith("a channel ends"), 1);  // the one on which the provider called itself
-    EXPECT_EQ(linesWith("E sendNotify: notify transaction failed"), 2);
+    EXPECT_EQ(log.linesWith("a channel ends"), 1);  // the one on which the provider called itself
+    EXPECT_EQ(log.linesWith("E sendNotify: notify transaction failed"), 2);
 }
 
 TEST(ControlDataTest, IsTakenOrClosedOrLeftAloneByItsKind) {

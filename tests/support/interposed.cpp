@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdarg>
 
 namespace testing_support {
@@ -41,24 +40,6 @@ FileWatch::FileWatch(int fd, Watching calls, std::function<void()> during)
     : During([calls, file = fileOf(fd), during = std::move(during)](Watching call, int on) {
           if ((call == Watching::CLOSES || calls == Watching::ALL) && fileOf(on) == file) during();
       }) {}
-
-void Gate::hold() {
-    std::unique_lock<std::mutex> lock(mMutex);
-    const int mine = ++mHeld;
-    mChanged.notify_all();
-    mChanged.wait(lock, [&] { return mLetGo >= mine; });
-}
-
-bool Gate::waitUntilHeld(int count) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    return mChanged.wait_for(lock, std::chrono::seconds(10), [&] { return mHeld >= count; });
-}
-
-void Gate::letGo(int count) {
-    const std::lock_guard<std::mutex> lock(mMutex);
-    mLetGo = count;
-    mChanged.notify_all();
-}
 
 }  // namespace testing_support
 

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <condition_variable>
 #include <cstdint>
@@ -88,11 +89,23 @@ struct FileWatch : DuringFileCall {
 /** Holds threads up, for good until they are let go of. */
 class Gate {
 public:
-    void hold();
+    void hold() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        const int mine = ++mHeld;
+        mChanged.notify_all();
+        mChanged.wait(lock, [&] { return mLetGo >= mine; });
+    }
     /** Waits until so many have come, all since the beginning; false after 10 s. */
-    bool waitUntilHeld(int count);
+    bool waitUntilHeld(int count) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, std::chrono::seconds(10), [&] { return mHeld >= count; });
+    }
     /** Those that came first, so many, and from now on. */
-    void letGo(int count);
+    void letGo(int count) {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mLetGo = count;
+        mChanged.notify_all();
+    }
     void open() { letGo(INT_MAX); }
 
 private:

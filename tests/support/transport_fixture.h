@@ -74,13 +74,6 @@ protected:
         const std::string text = answer.isOk() ? "" : answer.description();
         return text.substr(text.find(": ", text.find("FAILED_TRANSACTION")) + 1);
     }
-    /** How many log lines have this in them, the letter of their priority in front. */
-    int64_t linesWith(const std::string& part) const {
-        const Lines lines = log.said();
-        return std::count_if(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.find(part) != std::string::npos;
-        });
-    }
     void notify(FDNotifyMsg msg = {}) { session->sendNotify(msg); }
 
     const kit::TemporaryFolder folder;
