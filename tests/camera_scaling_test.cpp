@@ -68,8 +68,7 @@ protected:
     /** Cleared. */
     Planes planes(FrameSize size) const {
         const int pairs = (size.width + 1) / 2;
-        const size_t bytes =
-            static_cast<size_t>(pairs) * ((static_cast<size_t>(size.height) + 1) / 2);
+        const auto bytes = static_cast<size_t>(pairs * ((size.height + 1) / 2));
         uint8_t* const luma = last(mLuma, size.lumaBytes());
         if (GetParam() == PLANAR)
             return {size, luma, size.width, last(mChroma, bytes), last(mOther, bytes), pairs, 1};

@@ -69,7 +69,6 @@ struct Stream {
 
 /** By the first letter of the file: a webcam, one with ranges, or something else. */
 bool answer(char kind, unsigned long request, void* argument) {
-    const bool hasRanges = kind == 'r';
     if (request == VIDIOC_QUERYCAP) {
         auto& capability = *static_cast<v4l2_capability*>(argument);
         capability.card[0] = static_cast<uint8_t>(kind);
@@ -77,22 +76,22 @@ bool answer(char kind, unsigned long request, void* argument) {
         capability.device_caps = kind == 'm' ? V4L2_CAP_META_CAPTURE : V4L2_CAP_VIDEO_CAPTURE;
         return true;
     }
+    const bool hasRanges = kind == 'r';
+    const uint32_t index = *static_cast<uint32_t*>(argument);  // with which all the others begin
     if (request == VIDIOC_ENUM_FMT) {
         auto& entry = *static_cast<v4l2_fmtdesc*>(argument);
-        entry.pixelformat = entry.index == 0 ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_SRGGB8;
-        return entry.index < (hasRanges ? 1 : 2);
-    }
-    if (request == VIDIOC_ENUM_FRAMESIZES) {
+        entry.pixelformat = index == 0 ? V4L2_PIX_FMT_YUYV : V4L2_PIX_FMT_SRGGB8;
+    } else if (request == VIDIOC_ENUM_FRAMESIZES) {
         auto& entry = *static_cast<v4l2_frmsizeenum*>(argument);
         entry.type = hasRanges ? V4L2_FRMSIZE_TYPE_STEPWISE : V4L2_FRMSIZE_TYPE_DISCRETE;
-        entry.discrete = {640U << entry.index, 480};
+        entry.discrete = {640U << index, 480};
         if (hasRanges) entry.stepwise = {32, 4096, 2, 32, 4096, 2};
-        return entry.index < (hasRanges ? 1 : 2);
+    } else {
+        auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
+        entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
+        entry.discrete = {1, (entry.width == 640 ? 30U : 10U) >> index};
     }
-    auto& entry = *static_cast<v4l2_frmivalenum*>(argument);
-    entry.type = V4L2_FRMIVAL_TYPE_DISCRETE;
-    entry.discrete = {1, (entry.width == 640 ? 30U : 10U) >> entry.index};
-    return request == VIDIOC_ENUM_FRAMEINTERVALS && entry.index < 640 / entry.width + 1;
+    return index < (hasRanges ? 1 : 2);
 }
 
 }  // namespace
@@ -154,19 +153,18 @@ TEST(CameraFollowTest, KeepsAFaceThatWasRecordedInTheView) {
     std::ifstream recorded(TEST_DATA "/faces_in_picture.txt");
     Stream stream;
     int before = 0;
-    int seen = 0;
+    int lost = 0;
     int kept = 0;
     Rect face;
     for (int now = 0; recorded >> now >> face.x >> face.y >> face.width >> face.height;) {
         const bool isThere = face.width > 0;
-        if (isThere && now >= 1000) ++seen;
-        if (isThere && now >= 1000 && holds(stream.view, face)) ++kept;  // as it was looked at
+        if (isThere && now >= 1000) ++(holds(stream.view, face) ? kept : lost);  // as it was seen
         stream.step(std::vector<Rect>(isThere ? 1 : 0, face),
                     std::chrono::milliseconds(now - std::exchange(before, now)));
         EXPECT_TRUE(now < 4000 || now > 8000 || stream.view.width < 600) << now;
     }
-    EXPECT_GT(seen, 100);
-    EXPECT_GE(kept * 100, seen * 95) << kept << " of " << seen;
+    EXPECT_GT(kept, 100);
+    EXPECT_GE(kept, 19 * lost) << lost;
 }
 
 TEST(CameraFollowTest, RestsInTheDeadZoneCutsNoFaceAndKeepsOneThatIsMissed) {
@@ -209,9 +207,9 @@ TEST(WebcamsTest, AreListedWithTheirModesAndTheLargestFastOneIsChosen) {
     EXPECT_EQ(listed, folder / "video2" +
                           ": l\n"
                           "  640x480 yuyv422 at 30, 15 frames a second\n"
-                          "  1280x480 yuyv422 at 10 frames a second\n"
+                          "  1280x480 yuyv422 at 10, 5 frames a second\n"
                           "  640x480 RGGB at 30, 15 frames a second\n"
-                          "  1280x480 RGGB at 10 frames a second\n640 is chosen\n" +
+                          "  1280x480 RGGB at 10, 5 frames a second\n640 is chosen\n" +
                           folder / "video10" +
                           ": r\n"
                           "  1920x1080 yuyv422 at 10 frames a second\n"

@@ -13,6 +13,7 @@
 #include "control_json.h"
 #include "control_server.h"
 #include "host/limits.h"
+#include "model/words.h"
 #include "support/few_descriptors.h"
 #include "support/run_shell.h"
 #include "support/transport_fixture.h"
@@ -26,14 +27,12 @@ using control::Answer;
 using control::Event;
 using control::IFDControl;
 using tools::json;
-using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
 
 /** All of whose numbers differ, in each byte. */
-SceneControl sceneOf(uint32_t first, size_t crops = 2) {
-    const auto next = [&first] { return static_cast<int32_t>(0x01010101 * first++); };
-    SceneControl scene = {std::vector<Crop>(crops), next(), next(), next(), next(), next()};
-    for (size_t i = 0; i < crops; ++i)
-        scene.crops[i] = {next(), next(), next(), next()};
+SceneControl sceneOf(uint64_t first, size_t crops = 2) {
+    SceneControl scene = {};
+    scene.crops.resize(crops);
+    fill(scene, first);
     return scene;
 }
 
