@@ -214,7 +214,7 @@ struct Life {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    const fuzz::Descriptors before = fuzz::openDescriptors();
+    const int64_t before = fuzz::openDescriptors();
     Life{data}.run();
     fuzz::expectOpen(before);
     return 0;

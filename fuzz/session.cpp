@@ -12,9 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     using namespace testing_support;  // NOLINT: all of the model
     static const host::ScopedMapper scope(&sessionMapper(), host::realMapper2());
     static const FileSet files;
-    const Sequence sequence = sequenceFrom(bytes, size);
-    const std::string found = disagreement(files, sequence);
+    const std::string found = disagreement(files, sequenceFrom(bytes, size));
     if (found.empty()) return 0;
-    fprintf(stderr, "%s%s", found.c_str(), asCode(sequence).c_str());
+    fprintf(stderr, "%s", found.c_str());
     abort();
 }

@@ -21,8 +21,7 @@ namespace fuzz {
 void expect(bool holds, const char* what);
 
 /** How many descriptors are open. */
-using Descriptors = int64_t;
-inline Descriptors openDescriptors() {
+inline int64_t openDescriptors() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 /** Waits for what other threads still do; a finding after a minute. */
@@ -34,7 +33,7 @@ void expectSoon(Condition condition, const char* what) {
         std::this_thread::yield();
     }
 }
-inline void expectOpen(Descriptors before) {
+inline void expectOpen(int64_t before) {
     expectSoon([&] { return openDescriptors() == before; }, "descriptors are left or lost");
 }
 

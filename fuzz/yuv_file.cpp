@@ -179,7 +179,7 @@ struct Play {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    const fuzz::Descriptors before = fuzz::openDescriptors();
+    const int64_t before = fuzz::openDescriptors();
     Play{data}.run();
     fuzz::expectOpen(before);
     return 0;

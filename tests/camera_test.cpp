@@ -20,7 +20,6 @@ namespace testing_support {
 namespace {
 
 using std::chrono::steady_clock;
-using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
 
 /** With a FIFO for raw pictures, each of one grey. */
 class CameraTest : public CameraFixture {

@@ -172,9 +172,8 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     // allows; so this runs again in a process of its own, where it does not.
     constexpr rlim_t kSlots = 300;
     if (slotLimits().rlim_max > kSlots) {
-        const Output again = runShell("ulimit -n 300; exec " THIS_PROGRAM
-                                      " --gtest_brief=1 --gtest_filter=*LeavesTheKernelNothing*");
-        EXPECT_EQ(again.exitCode, 0) << again.text;
+        expectRuns("ulimit -n 300; exec " THIS_PROGRAM,
+                   {{"--gtest_brief=1 --gtest_filter=*LeavesTheKernelNothing*", 0, ""}});
     }
     auto [weapon, unread] = lingering();
     server.reset();

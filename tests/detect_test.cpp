@@ -26,7 +26,6 @@ namespace {
 
 using camera::FrameSize;
 using camera::Rect;
-using vendor::zoru::zoruprovider::zoruprovider::V2_4::Crop;
 
 constexpr FrameSize kPicture = {1280, 720};
 constexpr FrameSize kStream = {640, 360};

@@ -53,10 +53,7 @@ namespace testing_support {
 namespace {
 
 SceneControl sceneOf(size_t i) {
-    SceneControl scene = {};
-    scene.crops.resize(i % 3);
-    scene.peopleCount = static_cast<int32_t>(i);
-    return scene;
+    return {std::vector<Crop>(i % 3), 0, 0, 0, 0, static_cast<int32_t>(i)};
 }
 
 }  // namespace

@@ -48,9 +48,8 @@ struct Callback : public IFDSessionCallback {
     }
     Return<void> notify(const hidl_vec<FDNotifyMsg>& /*msgs*/) override { return {}; }
 
-    static std::atomic<int> alive;
+    inline static std::atomic<int> alive{0};
 };
-std::atomic<int> Callback::alive{0};
 
 /** From several threads, each with references of its own, until a moment before the end; leaves
  * requests waiting, results on their way and buffers known. */

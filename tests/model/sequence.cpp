@@ -78,8 +78,15 @@ std::string disagreement(const FileSet& files, const Sequence& sequence) {
     const auto model = makeModel(files)->play(sequence);
     const auto [got, expected] = std::mismatch(session.begin(), session.end(), model.begin());
     if (got == session.end()) return {};
-    return cat("in step ", got - session.begin(), ", after the beginning, which is step 0",
-               "\n  session:", *got, "\n  model:", *expected, "\n");
+    std::string text = cat("in step ", got - session.begin(), ", after the beginning, step 0",
+                           "\n  session:", *got, "\n  model:", *expected, "\nof {\n");
+    for (const auto& [kind, args] : sequence) {
+        text += cat("    {", kind, ", {");
+        for (const uint8_t arg : args)
+            text += cat(arg, ", ");
+        text += cat("}},  // ", Subject::kKinds[kind].name, "\n");
+    }
+    return text + "}\n";
 }
 
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds) {
@@ -95,17 +102,6 @@ Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& h
         }
     }
     return sequence;
-}
-
-std::string asCode(const Sequence& sequence) {
-    std::string code = "const Sequence sequence = {\n";
-    for (const auto& [kind, args] : sequence) {
-        code += cat("    {", kind, ", {");
-        for (const uint8_t arg : args)
-            code += cat(arg, ", ");
-        code += cat("}},  // ", Subject::kKinds[kind].name, "\n");
-    }
-    return code + "};\nEXPECT_EQ(disagreement(FileSet(), sequence), \"\");\n";
 }
 
 }  // namespace testing_support

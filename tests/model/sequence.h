@@ -24,11 +24,9 @@ Sequence sequenceOf(uint64_t seed);
 /** Operations from arbitrary bytes, 60 at most. */
 Sequence sequenceFrom(const uint8_t* data, size_t size);
 /** What the session and its model, one after the other with the same memories, do not agree on
- * first; empty when they agree on all of it. */
+ * first, and the sequence as code for a test; empty when they agree on all of it. */
 std::string disagreement(const FileSet& files, const Sequence& sequence);
 /** Without operations, and bytes of them, that this does not need to hold. */
 Sequence shrunk(Sequence sequence, const std::function<bool(const Sequence&)>& holds);
-/** As code that can be put into a test. */
-std::string asCode(const Sequence& sequence);
 
 }  // namespace testing_support
