@@ -1,7 +1,6 @@
 // What cannot be played, clients that die at any moment, and files that were corrupted, each in a
 // way of its own. FDSTREAM_HOSTILE_FILES says how many of each kind.
 
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 
 #include <atomic>

@@ -1,7 +1,6 @@
 // A camera in software: which frames its client gets and when, what it is told of them, and what
 // happens when there are none.
 
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <chrono>

@@ -1,7 +1,6 @@
 // The client program: its way from its start to its end, whatever its provider and others do, and
 // what it writes, and where to.
 
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <cstdint>

@@ -1,8 +1,6 @@
 // The session's controls on a socket of their own: who connects, who follows, who watches, and what
 // fdstream-ctl makes of it.
 
-#include <gtest/gtest.h>
-
 #include <deque>
 #include <memory>
 #include <string>

@@ -126,7 +126,16 @@ private:
                     fail("a buffer stays known of a request that was refused");
             }
         }
-        keep(kit::allocate(kSize));
+        // Writes a frame into a file, as a provider may, or is told why not.
+        const host::Buffer last = kit::allocate(kSize);
+        const auto said = errors();
+        int written = 0;
+        asProvider([&] {
+            written = mKept->putFrame(const_cast<native_handle_t*>(last.handle()));  // NOLINT
+            YUVFile("zeros", 2, 2).putFrame();  // of a memory that may be missing
+        });
+        if (written != static_cast<int>(kSize.bytes()) && (mWantsAll || errors() == said))
+            fail("a frame is not written, or nobody is told why");
         call([&] { return mClient->setCallback(nullptr); });
     } catch (const Lost&) {
     }
@@ -160,19 +169,6 @@ private:
             fail("the frame is wrong, and nobody was told");
         if (mEffect == Effect::LOSS) throw Lost{};
         return true;
-    }
-
-    /** Writes a frame into a file, as a provider may, or is told why not. */
-    void keep(const host::Buffer& buffer) {
-        const auto said = errors();
-        int written = 0;
-        asProvider([&] {
-            auto* const handle = const_cast<native_handle_t*>(buffer.handle());  // NOLINT
-            written = mKept->putFrame(handle);
-            YUVFile("zeros", 2, 2).putFrame();  // of a memory that may be missing
-        });
-        if (written == static_cast<int>(kSize.bytes())) return;
-        if (mWantsAll || errors() == said) fail("a frame is not written, or nobody is told why");
     }
 
     /** Whether a call is accepted; what refuses it says why. */

@@ -2,7 +2,6 @@
 // And the handle importer, with the real mapper behind both versions of its service.
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

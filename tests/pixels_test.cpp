@@ -2,7 +2,6 @@
 // reference. Packed memory lies against a page that cannot be touched, once before it and once
 // behind it; of a buffer every byte is compared, to the end of its last page.
 
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

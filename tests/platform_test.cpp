@@ -3,13 +3,11 @@
 #include <android/log.h>
 #include <cutils/properties.h>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <unistd.h>
 #include <utils/RefBase.h>
 #include <utils/Thread.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <fstream>
 #include <functional>
@@ -105,15 +103,6 @@ TEST(PropertyTest, KnowsTheWordsForYesAndNoAndNoOthers) {
         EXPECT_EQ(property_get_bool(kKey, 7), expected) << value;
     }
     host::clearProperty(kKey);
-}
-
-TEST(WatchdogDeathTest, SaysWhereEachThreadIs) {
-    const auto stop = [](size_t round) {
-        if (round == 3) pause();
-    };
-    EXPECT_DEATH(
-        race({{"stuck", stop}, {"quick", [](size_t) {}}}, 5, std::chrono::milliseconds(500)),
-        "watchdog ends .*: stuck after 3; quick after 5; ");
 }
 
 TEST(ThreadTest, RunsStopsAndRunsAgain) {

@@ -1,8 +1,6 @@
 // What the copies of frames refuse, and say. What they move is in the pixels' test, and the raw YUV
 // file has its fuzzer.
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <utility>
 

@@ -32,10 +32,8 @@ protected:
     }
 
     void listen() {
-        host::ConnectionEvents events;
-        events.came = [this](pid_t process) { tool = process; };
-        std::string problem;
-        server = host::Server::listen(folder / "socket", client, problem, events);
+        server = host::Server::listen(folder / "socket", client, problem,
+                                      {[this](pid_t process) { tool = process; }, {}});
     }
     /** From now on buffers are filled so, on the provider's thread, and come back with its status.
      */
@@ -51,11 +49,11 @@ protected:
             return filling(request);
         };
     }
-    /** The exit code of the program with these arguments, after these words of the shell. */
-    int run(const std::string& arguments, const std::string& before = "") const {
+    /** The exit code of the program with these arguments. */
+    int run(const std::string& arguments) const {
         const Output output =
-            runShell("cd " + folder.path().string() + "; exec >out 2>err; " + before +
-                     " timeout 60 " + program + " --socket socket " + arguments);
+            runShell("cd " + folder.path().string() + "; exec >out 2>err; timeout 60 " + program +
+                     " --socket socket " + arguments);
         // What an event did is seen from here on.
         const std::lock_guard<std::mutex> lock(mMutex);
         return output.exitCode;
@@ -71,6 +69,7 @@ protected:
     }
 
     const kit::TemporaryFolder folder;
+    std::string problem;  ///< of who cannot listen
     std::unique_ptr<host::Server> server;
     std::atomic<pid_t> tool{0};
     std::atomic<useconds_t> pauseUs{100};

@@ -28,7 +28,7 @@ struct Spied {
 
 /** A mapper that passes calls on to the real one. What lets go of something does so whatever it is
  * told. For one thread at a time. */
-template <typename IMapper, typename Error, typename YCbCrLayout>
+template <typename IMapper, typename Error>
 class SpyMapper : public IMapper, public Spied {
 public:
     using Rect = typename IMapper::Rect;
@@ -108,8 +108,8 @@ private:
 
 namespace mapper2 = android::hardware::graphics::mapper::V2_0;
 namespace mapper3 = android::hardware::graphics::mapper::V3_0;
-using SpyMapper2 = SpyMapper<mapper2::IMapper, mapper2::Error, mapper2::YCbCrLayout>;
-using SpyMapper3 = SpyMapper<mapper3::IMapper, mapper3::Error, mapper3::YCbCrLayout>;
+using SpyMapper2 = SpyMapper<mapper2::IMapper, mapper2::Error>;
+using SpyMapper3 = SpyMapper<mapper3::IMapper, mapper3::Error>;
 
 /** The mapper that the session's importer meets in this program; in place before any test. */
 inline SpyMapper3& sessionMapper() {

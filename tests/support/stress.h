@@ -50,8 +50,7 @@ using Side = std::pair<std::string, std::function<void(size_t)>>;
  * Runs each side so often, on a thread of its own. They begin when all are there. Aborts when they
  * have not ended in time, and says in which operation and after how many rounds each one is.
  */
-inline void race(const std::vector<Side>& sides, size_t rounds,
-                 std::chrono::milliseconds patience = std::chrono::seconds(60)) {
+inline void race(const std::vector<Side>& sides, size_t rounds) {
     // Counted without an order, which would order what the sides do, too.
     constexpr auto kNoOrder = std::memory_order_relaxed;
     std::vector<std::atomic<size_t>> reached(sides.size());
@@ -61,7 +60,7 @@ inline void race(const std::vector<Side>& sides, size_t rounds,
             text += sides[i].first + " after " + std::to_string(reached[i].load(kNoOrder)) + "; ";
         return text;
     };
-    const Watchdog watchdog(where, patience);
+    const Watchdog watchdog(where);
     std::atomic<size_t> missing{sides.size()};
     std::vector<std::thread> threads;
     for (size_t i = 0; i < sides.size(); ++i) {
