@@ -31,14 +31,6 @@ std::string nameOf(status_t status) {
 
 }  // namespace
 
-Status Status::fromExceptionCode(int32_t exceptionCode, const char* message) {
-    Status status;
-    status.mException = exceptionCode;
-    status.mMessage = message;
-    if (exceptionCode == EX_TRANSACTION_FAILED) status.mError = FAILED_TRANSACTION;
-    return status;
-}
-
 Status Status::fromStatusT(status_t error, const char* message) {
     Status status;
     if (error == OK) return status;
@@ -50,10 +42,7 @@ Status Status::fromStatusT(status_t error, const char* message) {
 
 std::string Status::description() const {
     if (mException == EX_NONE) return "Status(EX_NONE): ''";
-    if (mException == EX_TRANSACTION_FAILED) {
-        return "Status(EX_TRANSACTION_FAILED): '" + nameOf(mError) + ": " + mMessage + "'";
-    }
-    return "Status(" + std::to_string(mException) + "): '" + mMessage + "'";
+    return "Status(EX_TRANSACTION_FAILED): '" + nameOf(mError) + ": " + mMessage + "'";
 }
 
 namespace details {

@@ -18,7 +18,6 @@ public:
 
     Status() = default;
     static Status ok() { return {}; }
-    static Status fromExceptionCode(int32_t exceptionCode, const char* message = "");
     /** EX_TRANSACTION_FAILED with this status; 0 is ok(). */
     static Status fromStatusT(status_t status, const char* message = "");
 
