@@ -80,16 +80,6 @@ TEST_F(CameraHostileTest, HarmsNobodyInOneProcessNorTheTool) {
     EXPECT_LT(usage.ru_maxrss, 1 << 20) << "kilobytes";
 }
 
-TEST_F(CameraToolTest, SaysWhatCannotBePlayed) {
-    std::ofstream(folder / "text.mp4") << "no video\n";
-    std::ofstream(folder / "raw.yuv") << "no frame\n";
-    expectRuns(
-        "cd " + folder.path().string() + "; " PROVIDER_TOOL " --socket socket",
-        {{"--input - <text.mp4", 2, "standard input cannot be played: it is no video"},
-         {"--input raw.yuv", 2, "raw.yuv cannot be played: its 9 bytes are less than a frame"},
-         {"--input /dev/video0 --camera 4x4@nan", 2, "--camera takes WxH[@RATE][:FORMAT]"}});
-}
-
 TEST_F(CameraToolTest, ServesTheNextClientAtFullRate) {
     // Takes a few seconds: clients are processes, and are killed while frames are on their way.
     const std::string socket = folder / "socket";
