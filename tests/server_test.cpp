@@ -52,7 +52,9 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultOrReadsNoAnswerAndNoOther) {
     EXPECT_EQ(deliveries.notified().size(), 1U);
     waiting->expect(Other::GOES_ON);
     // Takes as long as the bounded wait, which is what it is about.
+    const auto start = std::chrono::steady_clock::now();
     connectRaw().sendUnread(rawMessage({kCall, 0, 1, 0}));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, host::kCallPatience);
     EXPECT_EQ(log.take("transport"), Lines{"E a channel ends: the peer does not read its answers"});
 }
 
@@ -124,6 +126,7 @@ TEST_F(ServerTest, TellsOfTheEndOfItsPeer) {
         std::promise<std::pair<uint64_t, bool>> died;
     };
     const sp<Recipient> told = new Recipient;
+    EXPECT_FALSE(bool(remote->linkToDeath(nullptr, 40)));
     EXPECT_TRUE(bool(remote->linkToDeath(told, 41)));
     EXPECT_TRUE(bool(remote->unlinkToDeath(told)));
     EXPECT_FALSE(bool(remote->unlinkToDeath(told)));
