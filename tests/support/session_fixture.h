@@ -67,6 +67,8 @@ public:
     void add(const hidl_vec<CaptureResult>& results) {
         const std::lock_guard<std::mutex> lock(mMutex);
         mDeliveries.push_back(results[0]);
+        // Each has descriptors of its own, so of many the first ones are let go of.
+        if (mDeliveries.size() > 512) mDeliveries[mDeliveries.size() - 513] = {};
         mChanged.notify_all();
     }
     void add(const hidl_vec<FDNotifyMsg>& msgs) {
