@@ -173,6 +173,7 @@ TEST_F(DetectTest, FollowsAFaceWhileTheModeIsNotOffAndIsTheOnlyOne) {
         return shoot(request);
     });
     EXPECT_EQ(detect("--follow --frames 0"), 0) << read("err");
+    fillBy([](const CaptureRequest&) { return BufferStatus::ERROR; });  // what is here goes now
     EXPECT_TRUE(session->getTrackingMode() == TrackingMode::OFF && wanted() == kAll);
 }
 
