@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "ZoruUtil.h"
 #include "control_server.h"
 #include "support/client_tool_fixture.h"
 #include "view/crop_rule.h"
@@ -65,8 +64,7 @@ protected:
         for (int y = std::max(0, place.y); y < std::min(360, place.y + place.height); ++y)
             for (int x = std::max(0, place.x); x < std::min(640, place.x + place.width); ++x)
                 frame[static_cast<size_t>(y * 640 + x)] = y - place.y < place.height / 2 ? 235 : 16;
-        ZoruUtil::copyTo(frame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-        return BufferStatus::OK;
+        return put(frame, request);
     }
 
     /** The lines with this in them that the program wrote to "json". */

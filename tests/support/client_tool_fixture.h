@@ -61,11 +61,16 @@ protected:
     /** A file of the program's folder, where "out" and "err" are what it printed. */
     std::string read(const std::string& name) const { return contentOf(folder / name); }
     bool exists(const std::string& name) const { return std::ifstream(folder / name).good(); }
+    BufferStatus put(kit::Frame& frame, const CaptureRequest& request) {
+        // Null when the next client has configured since this one asked.
+        const auto target = session->getBufferForId(request.outputBuffers[0].bufferId);
+        const bool isPut = target != nullptr && ZoruUtil::copyTo(frame.data(), target) == 0;
+        return isPut ? BufferStatus::OK : BufferStatus::ERROR;
+    }
     /** With bytes of which the first is the frame's number. */
     BufferStatus fill(const CaptureRequest& request) {
         mFrame[0] = static_cast<uint8_t>(request.frameNumber);
-        ZoruUtil::copyTo(mFrame.data(), session->getBufferForId(request.outputBuffers[0].bufferId));
-        return BufferStatus::OK;
+        return put(mFrame, request);
     }
 
     const kit::TemporaryFolder folder;
