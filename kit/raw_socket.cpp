@@ -29,7 +29,7 @@ bool connectRaw(int socket, const std::string& path) {
 bool listenRaw(int socket, const std::string& path) {
     const sockaddr_un address = addressOf(path);
     return bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-           listen(socket, 1) == 0;
+           listen(socket, 0) == 0;
 }
 
 std::pair<host::UniqueFd, host::UniqueFd> socketPair(int type) {

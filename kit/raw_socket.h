@@ -16,7 +16,7 @@ namespace kit {
 host::UniqueFd rawSocket();
 /** False when nobody at this path takes the connection. */
 bool connectRaw(int socket, const std::string& path);
-/** False when nobody can connect at this path. */
+/** False when nobody can connect at this path. One that connects may wait, and no more. */
 bool listenRaw(int socket, const std::string& path);
 
 /** Two sockets that are connected with each other; invalid ones when there can be none. */

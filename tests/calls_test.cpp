@@ -119,6 +119,7 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
     HeldChannel channel;
     HeldChannel dying;
     HeldChannel unanswered;
+    HeldChannel leaving;
     HeldChannel handedOver{host::Peer::CLIENT};
     HeldChannel slow;
     Gate gate;
@@ -147,6 +148,8 @@ TEST(CallChannelTest, TakesTurnsAndGivesUpInTimeWhateverComesBetween) {
         begin(dying, method, 0, (method == 1 ? "'FAILED_TRANSACTION: " : "'DEAD_OBJECT: ") + none);
     }
     begin(unanswered, 1, 10, late);
+    begin(leaving, 1, 0, "'DEAD_OBJECT: the peer has closed the connection'");
+    leaving.peer = RawClient(host::UniqueFd());  // which leaves the call unread
     begin(handedOver, 1, 10, late);
     slow.peer.send(rawMessage({kAnswer, 1, 1, 0}));
     begin(slow, 1, 10, "");

@@ -4,6 +4,7 @@
 #include <cutils/properties.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <optional>
 
 #include "buffer_mapper.h"
@@ -89,7 +90,10 @@ TEST(LockTest, IsKeptByWhatIsServedAndClosedLater) {
     const auto close = [](size_t) { host::detail::closeLater(host::UniqueFd(dup(STDERR_FILENO))); };
     const sp<host::IBase> object = new host::IBase;
     const auto watch = [&](size_t) { const host::ServedWatch own(object); };
-    host::detail::ServedCalls calls([](host::ServedEnd) {});
+    // What it is to call is let go of without the lock.
+    host::detail::ServedCalls calls([own = std::shared_ptr<void>(nullptr, [&calls](void* /*none*/) {
+                                         Meanwhile([&] { calls.callOff(); }, Other::GOES_ON);
+                                     })](host::ServedEnd) {});
     const auto call = [&](size_t) {
         calls.begin();
         calls.end();
@@ -155,8 +159,9 @@ TEST(LockTest, IsKeptByAChannelWhosePeerDies) {
          30);
 }
 
-TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {
+TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOfOrAWatchedSocketCloses) {
     auto [one, other] = kit::socketPair();
+    const int watched = one.get();
     host::CallChannel channel(std::move(one));
     auto* const ending = new Recipient;
     sp<android::hardware::hidl_death_recipient> recipient = ending;
@@ -169,6 +174,17 @@ TEST(LockTest, IsNotHeldWhileARecipientIsLetGoOf) {
     // The caller's own reference goes meanwhile, so that the channel's is the last one.
     const DuringWakeUp letGo([&recipient = recipient] { recipient.clear(); });
     EXPECT_TRUE(channel.unlinkToDeath(recipient));
+
+    recipient = new Recipient;
+    ASSERT_TRUE(channel.linkToDeath(recipient, 0, nullptr));
+    std::optional<Meanwhile> unlink;  // ends when the closing, and with it the watch on it, has
+    std::atomic<bool> closes{false};
+    const FileWatch closing(watched, Watching::CLOSES, [&] {
+        unlink.emplace([&] { channel.unlinkToDeath(recipient); }, Other::GOES_ON);
+        closes = true;
+    });
+    other.reset();
+    EXPECT_TRUE(eventually([&] { return closes.load(); }));
 }
 
 }  // namespace testing_support

@@ -16,6 +16,7 @@
 #include "host/served_watch.h"
 #include "host/threads.h"
 #include "support/interposed.h"
+#include "support/run_shell.h"
 #include "support/stress.h"
 #include "support/transport_fixture.h"
 
@@ -30,14 +31,17 @@ TEST_F(ServerTest, EndsAChannelThatIsAtFaultOrReadsNoAnswerAndNoOther) {
         {rawMessage({kCall, kConfigure, 1, 65, 0, 0}), 65, "too many descriptors"},
         {rawMessage({kCall, kConfigure, 1, 0}, host::kMaxMessageBytes), 0, "message too long"}};
     host::ServedWatch watch(callback);
+    host::ServedWatch others(new host::IBase);
     std::optional<Meanwhile> waiting;
     callback->during = [&] {
-        EXPECT_FALSE(watch.waitUntilAnswered({}));
+        EXPECT_TRUE(!watch.waitUntilAnswered({}) && others.waitUntilAnswered({}));
         waiting.emplace([&] { watch.waitUntilAnswered(std::chrono::seconds(15)); }, Other::WAITS);
     };
     {
         const host::ServedWatch gone(callback, [](host::ServedEnd) { ADD_FAILURE(); });
+        const std::string inherited = runShell("ls /proc/self/fd").text;
         setUpStream();
+        EXPECT_EQ(runShell("ls /proc/self/fd").text, inherited);  // by the processes of others
     }
     for (const auto& [bytes, fds, said] : faults) {
         RawClient hostile = connectRaw();
@@ -66,6 +70,11 @@ TEST_F(ServerTest, SaysWhyItCannotServe) {
     EXPECT_EQ(problemAt(path), path + " is in use by another provider");
     std::ofstream(folder / "file") << "text";
     EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
+    // Waits for a second, which somebody who takes connections would not need.
+    const RawClient busy(folder / "busy");
+    const RawClient waiting(folder / "busy");
+    EXPECT_TRUE(busy.listen() && waiting.connect());
+    EXPECT_EQ(problemAt(folder / "busy"), folder / "busy is in use by another provider");
     for (const std::string& bad : {std::string(), std::string(108, 'x')})
         EXPECT_EQ(problemAt(bad), "a socket's path has 1 to 107 characters: " + bad);
     EXPECT_TRUE(remote->ping().isOk());  // its own thread is there
