@@ -4,10 +4,9 @@
 
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
-#include <iterator>
 #include <thread>
 
+#include "holdings.h"
 #include "host/unique_fd.h"
 
 /** A target: tries one input, and returns 0. */
@@ -20,10 +19,6 @@ namespace fuzz {
 /** Says what does not hold and aborts, by which the fuzzer has found something. */
 void expect(bool holds, const char* what);
 
-/** How many descriptors are open. */
-inline int64_t openDescriptors() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
-}
 /** Waits for what other threads still do; a finding after a minute. */
 template <typename Condition>
 void expectSoon(Condition condition, const char* what) {
@@ -33,9 +28,13 @@ void expectSoon(Condition condition, const char* what) {
         std::this_thread::yield();
     }
 }
-inline void expectOpen(int64_t before) {
-    expectSoon([&] { return openDescriptors() == before; }, "descriptors are left or lost");
-}
+/** Waits at its end until there are as many descriptors, threads and mappings as there were. */
+struct SameHoldings {
+    ~SameHoldings() {
+        expectSoon([this] { return kit::Holdings::of() == before; }, "something is left or lost");
+    }
+    const kit::Holdings before = kit::Holdings::of();
+};
 
 /** A descriptor of each kind, of which the first ones may cross where they belong. */
 constexpr int kMayCross = 3;
