@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "ObserverCalls.h"
-#include "Rotate180.h"
 #include "host/threads.h"
 #include "host/unique_fd.h"
 #include "host/unique_handle.h"
@@ -92,12 +91,6 @@ TEST(FirstInstanceDeathTest, IsMadeOnceByWhoeverComesFirst) {
         exit(log.timesSaid("D PTZ Scene reset 0 0 1280 720") == 1 ? 0 : 1);
     };
     EXPECT_EXIT(getFromFourThreads(), testing::ExitedWithCode(0), "");
-}
-
-TEST(RotationTest, SaysThatThereIsNoBuffer) {
-    const LogLines log;
-    rotate180(nullptr);
-    EXPECT_EQ(log.said(kSessionTag), Lines{"E rotate180: Invalid graphics buffer \n"});
 }
 
 TEST_F(LettingGoTest, LetsGoOfWhatItWasSentWithoutALock) {

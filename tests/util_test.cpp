@@ -1,9 +1,10 @@
-// What the copies of frames refuse, and say. What they move is in the pixels' test, and the raw YUV
-// file has its fuzzer.
+// What copies and rotation refuse, and say, and how a frame in memory is described. What they move
+// is in the pixels' test, and the raw YUV file has its fuzzer.
 
 #include <string>
 #include <utility>
 
+#include "Rotate180.h"
 #include "YUVFile.h"
 #include "ZoruUtil.h"
 #include "host/mapper.h"
@@ -75,6 +76,8 @@ TEST_F(UtilTest, TellsWhyAFrameIsNotCopied) {
     EXPECT_EQ(ZoruUtil::copy(good, good), 0);
     host::failNextUnlock(-8);
     EXPECT_EQ(ZoruUtil::copy(good, frame), 0);
+    rotate180(nullptr);
+    EXPECT_EQ(log.take(kSessionTag), Lines{"E rotate180: Invalid graphics buffer \n"});
     // No buffer stays locked, and none but the one above is unlocked in vain.
     const host::MapperCounters now = host::mapperCounters();
     EXPECT_EQ(now.locks - before.locks, now.unlocks - before.unlocks);
@@ -90,7 +93,8 @@ TEST_F(UtilTest, TakesADescribedFrameThatHasAddresses) {
         fails(ZoruUtil::copy(good, frame), invalid);
         *plane = kept;
     }
-    EXPECT_EQ(zoru_ycbcr(memory, 128, 0).cb, zoru_ycbcr(memory, 128, 32).cb);
+    for (const int height : {0, 1, 32})
+        EXPECT_EQ(zoru_ycbcr(memory, 128, height).cb, memory + 128 * 32);
     // Of no memory, negative, or over 32 bits.
     const zoru_ycbcr impossible[] = {
         {nullptr, 16, 16}, {memory, 200, -100}, {memory, -200, -100}, {memory, 65536, 65536}};
