@@ -185,8 +185,8 @@ private:
         return false;
     }
 
-    /** How many lines at ERROR have this in them. */
-    int64_t errors(const std::string& part = "") const { return mLog.linesWith(part, "E"); }
+    /** How many lines have this in them, or are at ERROR. */
+    int64_t errors(const std::string& part = "E ") const { return mLog.linesWith(part); }
 
     const Effect mEffect;
     const kit::TemporaryFolder mFolder;

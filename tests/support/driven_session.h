@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <ctime>
 #include <functional>
 #include <string>
@@ -40,7 +39,7 @@ protected:
         session->threadLoop();
     }
 
-    const Watchdog watchdog{[this] { return where; }, std::chrono::seconds(30)};
+    const Watchdog watchdog{[this] { return where; }};
     std::string where;
     WallClock clock;
     Observer observer;

@@ -28,12 +28,11 @@ public:
         clear();
         return result;
     }
-    /** How many lines have this in them, of these priorities. */
-    int64_t linesWith(const std::string& part, const std::string& priorities = "VDIWEF") const {
+    /** How many lines have this in them. */
+    int64_t linesWith(const std::string& part) const {
         const Lines all = said();
         return std::count_if(all.begin(), all.end(), [&](const std::string& line) {
-            return priorities.find(line[0]) != std::string::npos &&
-                   line.find(part) != std::string::npos;
+            return line.find(part) != std::string::npos;
         });
     }
     /** How many lines are exactly this one. */

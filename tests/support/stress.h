@@ -23,10 +23,10 @@ namespace testing_support {
 /** Aborts the process, with a line that says where it is, unless this object goes in time. */
 class Watchdog {
 public:
-    explicit Watchdog(std::function<std::string()> where,
-                      std::chrono::milliseconds patience = std::chrono::seconds(60))
-        : mThread([this, where = std::move(where), patience] {
-              if (mIsOver.get_future().wait_for(patience) == std::future_status::ready) return;
+    explicit Watchdog(std::function<std::string()> where)
+        : mThread([this, where = std::move(where)] {
+              const auto over = mIsOver.get_future().wait_for(std::chrono::seconds(60));
+              if (over == std::future_status::ready) return;
               fprintf(stderr, "The watchdog ends what takes too long: %s\n", where().c_str());
               abort();
           }) {}
