@@ -149,6 +149,9 @@ using SlotsTest = TransportFixture;
 
 TEST_F(SlotsTest, AcceptsAgainWhenSlotsAreBack) {
     EXPECT_TRUE(remote->ping().isOk());  // its own connection is there
+    const kit::Holdings before = kit::Holdings::of();
+    EXPECT_TRUE(connectRaw().isServed());  // and another one has been
+    EXPECT_TRUE(eventually([&] { return kit::Holdings::of() == before; }));
     const RawClient early(path);
     const RawClient late(path);
     auto taken = takenUpTo(200);
@@ -187,6 +190,14 @@ TEST_F(SlotsTest, LeavesTheKernelNothingToCloseWhenSlotsAreShort) {
     EXPECT_NE(slotLimits().rlim_cur, kSlots);
     const RawClient raw = connectRaw();
     EXPECT_TRUE(raw.isServed());  // each message is looked at first, and then taken
+    // A client that has the look begin behind what there is gets no more than the time of a call.
+    auto [mine, theirs] = kit::socketPair();
+    EXPECT_EQ(raw.setCallback(theirs.get()), kAnswer);
+    const int behind = 1 << 20;
+    setsockopt(theirs.get(), SOL_SOCKET, SO_PEEK_OFF, &behind, sizeof(behind));
+    kit::sendRaw(mine.get(), "", 1, {});
+    notify();
+    EXPECT_EQ(log.linesWith("notify transaction failed"), 1);
     {
         // As far as a client gets, and what is free by then.
         constexpr rlim_t kClients = kSlots - host::kConnectionFds - host::kReservedFds;

@@ -73,6 +73,16 @@ Failure failureOf(int error) {
     }
 }
 
+/** Nothing when the call that failed is to be made again. */
+Failure retry(int error, Deadline deadline) {
+    if (error == EINTR) return {};
+    if (error != EAGAIN) return failureOf(error);
+    // A poll alone would not end it: where the peer has this socket, too, and says by SO_PEEK_OFF
+    // what is looked at first, there is something to poll for and nothing to receive.
+    if (deadline && std::chrono::steady_clock::now() >= *deadline) return {TIMED_OUT, {}};
+    return {};
+}
+
 Failure check(int flags, size_t size, const Header& header, const Incoming& in) {
     if (in.fds.size() > kMaxMessageFds) return {FAILED_TRANSACTION, "too many descriptors"};
     if ((flags & MSG_CTRUNC) != 0) {
@@ -116,8 +126,8 @@ Failure sendMessage(int socket, const Header& header, const Outgoing& out, Deadl
     }
     for (;;) {
         if (sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return {};
-        if (errno == EINTR) continue;
-        if (errno != EAGAIN) return failureOf(errno);
+        Failure failed = retry(errno, deadline);
+        if (!failed.isOk()) return failed;
         Failure waited = waitFor(socket, POLLOUT, deadline);
         if (!waited.isOk()) return waited;
     }
@@ -173,7 +183,8 @@ Failure receiveMessage(int socket, Header& header, std::vector<uint8_t>& buffer,
             if (length == 0 && in.fds.empty() && hasHungUp(socket)) return closedByPeer();
             return parseMessage(buffer.data(), length, message.msg_flags, header, in);
         }
-        if (errno != EINTR && errno != EAGAIN) return failureOf(errno);
+        Failure failed = retry(errno, deadline);
+        if (!failed.isOk()) return failed;
         waitsItself = !deadline;
     }
 }
