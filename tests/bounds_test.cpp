@@ -156,6 +156,8 @@ TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
     EXPECT_EQ(take(same), tooManyLeft);
     now += std::chrono::nanoseconds(1);
     leaveOver();
+    handOver(requestFor(7, 7));  // nobody's
+    EXPECT_EQ(take(same), tooManyLeft);
 }
 
 TEST_F(RequestBoundsTest, NeverRefusesWhoConfiguresAnewAllTheTime) {
@@ -176,16 +178,18 @@ TEST_F(RequestBoundsTest, CountsIdsAndBytesOfWhatTheSessionKeeps) {
     const host::Buffer memory = kit::allocate({4096, 2304});
     const host::UniqueHandle claim(native_handle_clone(memory.handle()));
     dup2(UniqueFd(memfd_create("fdstream-buffer", MFD_CLOEXEC)).get(), claim->data[0]);
-    const uint64_t left = host::kMaxBroughtBytes - memory.size();
+    const uint64_t left = host::kMaxBroughtBytes - memory.size() - 1;
     {
         const Place refused(bounds, requestFor(1, 2, claim.get()), now);
         const Place first(bounds, requestFor(1, 1, claim.get()), now);
         Place second(bounds, requestFor(1, 1, claim.get()), now);
         second.keep();  // so that it stays when the first one is refused
     }
-    EXPECT_EQ(bring(1, host::kMaxBroughtBytes), "");  // the session keeps the first one
-    for (const uint64_t more : {left + 1, uint64_t{INT64_MAX}})
-        EXPECT_EQ(bring(2, more),
+    for (const uint64_t bytes : {memory.size() + 1, size_t{1}})
+        EXPECT_EQ(bring(1, bytes), "");  // counts once, with the largest size
+    for (const auto& [id, more] :
+         {std::pair(2U, left + 1), {2U, INT64_MAX}, {1U, host::kMaxBroughtBytes + 1}})
+        EXPECT_EQ(bring(id, more),
                   "too much memory came with buffers since the stream was configured");
     EXPECT_EQ(bring(2, left), "");
     bounds.restart(now);
@@ -197,11 +201,12 @@ TEST_F(RequestBoundsTest, CountsIdsAndBytesOfWhatTheSessionKeeps) {
     const auto empties = [&](uint64_t id) { return requestFor(1, id, empty.getNativeHandle()); };
     {
         Place overtaken(bounds, empties(kFirst), now);
-        const Place refused(bounds, same, now);
+        const Place refused(bounds, empties(kLast), now);
         bounds.restart(now);
         overtaken.keep();
+        EXPECT_EQ(take(empties(kLast)), "");
     }
-    for (uint64_t id = kFirst + 1; id <= kLast; ++id) {
+    for (uint64_t id = kFirst + 1; id < kLast; ++id) {
         EXPECT_EQ(take(empties(id)), "");
         handOver(empties(id));
     }
@@ -212,10 +217,8 @@ TEST_F(RequestBoundsTest, CountsIdsAndBytesOfWhatTheSessionKeeps) {
     CaptureRequest two = empties(kLast + 1);
     two.outputBuffers = {two.outputBuffers[0], two.outputBuffers[0]};
     EXPECT_EQ(take(two), "");
-    // On their way are these three, and the one that a configuration overtook.
-    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - 4);
-    handOver(requestFor(7, 7));  // nobody's, which makes a place nevertheless
-    EXPECT_EQ(flood(), 1U);
+    // On their way are these three, the last one, and the one that a configuration overtook.
+    EXPECT_EQ(flood(), host::kMaxRequestsOnTheWay - 5);
 }
 
 }  // namespace testing_support

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "host/buffer.h"
 #include "host/limits.h"
@@ -27,20 +28,23 @@ std::optional<Brought> broughtBy(const CaptureRequest& request) {
 }
 
 const char* BroughtBuffers::problem(const Brought& brought) const {
-    if (mIds.count(brought.id) != 0) return nullptr;
-    if (mIds.size() >= kMaxBufferIds) {
+    const auto known = mIds.find(brought.id);
+    if (known == mIds.end() && mIds.size() >= kMaxBufferIds) {
         return "too many buffer ids came since the stream was configured";
     }
-    if (brought.bytes > kMaxBroughtBytes || mBytes > kMaxBroughtBytes - brought.bytes) {
+    const uint64_t counted = known != mIds.end() ? known->second.bytes : 0;
+    if (brought.bytes <= counted) return nullptr;
+    if (brought.bytes > kMaxBroughtBytes || mBytes - counted > kMaxBroughtBytes - brought.bytes) {
         return "too much memory came with buffers since the stream was configured";
     }
     return nullptr;
 }
 
 void BroughtBuffers::add(const Brought& brought) {
-    const auto [known, isNew] = mIds.try_emplace(brought.id, Known{brought.bytes, 0});
-    if (isNew) mBytes += brought.bytes;
-    ++known->second.requests;
+    Known& known = mIds[brought.id];
+    const uint64_t bytes = std::max(known.bytes, brought.bytes);
+    mBytes += bytes - std::exchange(known.bytes, bytes);
+    ++known.requests;
 }
 
 void BroughtBuffers::takeBack(const Brought& brought) {

@@ -28,8 +28,9 @@ struct Brought {
 
 /**
  * Bounds what came with new ids since the last accepted configuration: at most kMaxBufferIds ids,
- * and kMaxBroughtBytes. An id that comes again counts once, with the size that it came with first,
- * for the session keeps the first handle. REQUIRES: one thread at a time.
+ * and kMaxBroughtBytes. An id that comes again counts once, with the largest size that it came
+ * with: the session keeps the first handle that it accepts, and which one that is nobody knows
+ * while several are on their way. REQUIRES: one thread at a time.
  */
 class BroughtBuffers {
 public:
