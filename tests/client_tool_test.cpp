@@ -13,11 +13,7 @@
 
 namespace testing_support {
 
-namespace {
-
 using ClientToolTest = ClientToolFixture;
-
-}  // namespace
 
 TEST_F(ClientToolTest, EndsInOrderWhenItIsInterrupted) {
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {

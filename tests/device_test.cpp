@@ -127,7 +127,6 @@ TEST(ContractTest, RecordsKeepTheirSizeAndAlignment) {
 TEST_F(DeviceTest, StoresControlsAndPutsTheViewBack) {
     const sp<FDSession> session = FDSession::getInstance();
     SceneControl scene = {};
-    scene.crops = {Crop{1, 2, 3, 4}};
     scene.peopleCount = 3;
     session->setSceneControl(scene);
     EXPECT_EQ(session->getPeopleCount(), 3);
@@ -136,7 +135,6 @@ TEST_F(DeviceTest, StoresControlsAndPutsTheViewBack) {
     session->setTrackingMode(TrackingMode::OFF);
     session->getPTZControl(scene);
     EXPECT_EQ(scene.crops[0].width, 1280);
-    session->setSceneControl({});
 }
 
 TEST_F(DeviceTest, WritesFramesOfMemoryAndPlaysThemInALoop) {

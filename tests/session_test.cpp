@@ -20,14 +20,10 @@
 
 namespace testing_support {
 
-namespace {
-
 using SessionTest = SessionFixture;
 using LettingGoTest = DrivenSession;
 using SessionLock = ObserverCalls::SessionLock;
 using android::hardware::camera::common::V1_0::Status;
-
-}  // namespace
 
 TEST_F(SessionTest, SweepsAndDiesOnAThreadOfItsOwn) {
     const int threads = host::threadCount();
