@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,6 +16,7 @@
 #include "host/remote.h"
 #include "host/served_watch.h"
 #include "host/threads.h"
+#include "raw_socket.h"
 #include "support/interposed.h"
 #include "support/run_shell.h"
 #include "support/stress.h"
@@ -70,6 +72,9 @@ TEST_F(ServerTest, SaysWhyItCannotServe) {
     EXPECT_EQ(problemAt(path), path + " is in use by another provider");
     std::ofstream(folder / "file") << "text";
     EXPECT_EQ(problemAt(folder / "file"), folder / "file exists and is not a socket");
+    const host::UniqueFd stranger(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_TRUE(kit::listenRaw(stranger.get(), folder / "stranger"));
+    EXPECT_EQ(problemAt(folder / "stranger"), folder / "stranger: Protocol wrong type for socket");
     // Waits for a second, which somebody who takes connections would not need.
     const RawClient busy(folder / "busy");
     const RawClient waiting(folder / "busy");
