@@ -99,6 +99,7 @@ TEST(UnloadDeathTest, ExitsWithALiveSessionInOrderOrSaysWhyNot) {
         session.setSceneControl({});
     });
     // These two wait for two seconds, and no longer.
+    const auto start = std::chrono::steady_clock::now();
     expectExit(
         "stuck", 1, "the session's thread is still inside a pass", [](FDSession&) {},
         [] {
@@ -107,6 +108,7 @@ TEST(UnloadDeathTest, ExitsWithALiveSessionInOrderOrSaysWhyNot) {
         });
     expectExit("kept", 0, "1 references to the session are held",
                [](FDSession& session) { session.incStrong(nullptr); });
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));
 }
 
 // Takes its time, because those are many hundreds; in a sanitizer's build, where a process takes
