@@ -156,7 +156,7 @@ TEST_F(RequestBoundsTest, LetsAFloodThatConfiguresGrowByWhatIsHandedOver) {
     EXPECT_EQ(take(same), tooManyLeft);
     now += std::chrono::nanoseconds(1);
     leaveOver();
-    handOver(requestFor(7, 7));  // nobody's
+    bounds.handedOver({CaptureResult()}, now);  // nobody's
     EXPECT_EQ(take(same), tooManyLeft);
 }
 

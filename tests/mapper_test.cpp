@@ -126,6 +126,7 @@ TEST_P(ImporterTest, ImportsLocksAndFreesAndTurnsFencesIntoDescriptors) {
         {1, 0, -7, {"E failed to dup fence fd -7", bad + "FD -1"}},
         {-1, 0, 2, {many + "-1 file descriptors", bad + "numInts 0 numFds -1"}},
         {2, 0, 2, {many + "2 file descriptors", bad + "numInts 0 numFds 2"}}};
+    EXPECT_EQ(importer.unlock(handle), -1);  // with no fence at all
     spy.releaseFence.setTo(fence);
     for (const auto& [descriptors, integers, descriptor, lines] : rows) {
         std::tie(fence->numFds, fence->numInts) = std::tuple(descriptors, integers);

@@ -79,7 +79,7 @@ TEST_F(DescriptorsTest, CrossWhereTheirKindBelongsAndNowhereElse) {
     const std::string memory = "/proc/self/fd/" + std::to_string(buffer.handle()->data[0]);
     // Invalid is what this user or kernel cannot have.
     const std::tuple<const char*, Place, UniqueFd> kinds[] = {
-        {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC))},
+        {"memfd", MEMORY, UniqueFd(memfd_create("any", MFD_CLOEXEC | MFD_ALLOW_SEALING))},
         {"memfd of huge pages", NOWHERE, UniqueFd(memfd_create("h", MFD_CLOEXEC | MFD_HUGETLB))},
         {"eventfd", FENCE, UniqueFd(fcntl(event.get(), F_DUPFD_CLOEXEC, 0))},
         {"pipe, to read", FENCE, UniqueFd(pipe[0])},
