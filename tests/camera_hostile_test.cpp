@@ -16,10 +16,11 @@
 
 namespace testing_support {
 
-namespace {
+using CameraHostileTest = CameraFixture;
+using CameraToolTest = CameraFixture;
 
 /** Bytes changed, cut out, doubled or cut off: most of it near the beginning, where sizes are. */
-std::string corrupted(std::string bytes, unsigned seed) {
+static std::string corrupted(std::string bytes, unsigned seed) {
     std::minstd_rand random(seed * 2654435761U + 1);
     const auto below = [&](size_t limit) { return random() / 7 % limit; };
     for (size_t left = 1 + below(6); left > 0 && bytes.size() > 1024; --left) {
@@ -33,11 +34,6 @@ std::string corrupted(std::string bytes, unsigned seed) {
     }
     return bytes;
 }
-
-using CameraHostileTest = CameraFixture;
-using CameraToolTest = CameraFixture;
-
-}  // namespace
 
 TEST_F(CameraHostileTest, HarmsNobodyInOneProcessNorTheTool) {
     // Takes a few seconds: each file is opened, and played for up to a second if it can be.

@@ -50,13 +50,9 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 
 namespace testing_support {
 
-namespace {
-
-SceneControl sceneOf(size_t i) {
+static SceneControl sceneOf(size_t i) {
     return {std::vector<Crop>(i % 3), 0, 0, 0, 0, static_cast<int32_t>(i)};
 }
-
-}  // namespace
 
 class RaceTest : public DrivenSession {
 protected:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/eventfd.h>
+
 #include <fstream>
 #include <memory>
 #include <string>
@@ -54,8 +56,12 @@ protected:
     std::string saidSoFar() const { return contentOf(folder / "said"); }
     void ask() {
         const uint64_t id = mAsked++ % mBuffers.size() + 1;
-        EXPECT_TRUE(client->processCaptureRequest(requestFor(mAsked, id, mBuffers[id - 1].handle()))
-                        .isOk());
+        CaptureRequest request = requestFor(mAsked, id, mBuffers[id - 1].handle());
+        // The client is done with its buffer, by a fence with a descriptor or without one.
+        native_handle_t* const fence = native_handle_create(mAsked % 2 == 0 ? 0 : 1, 0);
+        if (fence->numFds > 0) fence->data[0] = eventfd(1, EFD_CLOEXEC);
+        request.outputBuffers[0].acquireFence.setTo(fence, true);
+        EXPECT_TRUE(client->processCaptureRequest(request).isOk());
     }
     /** The first pixel's luma of the n-th answer since the beginning, once it is there. */
     int answer(size_t index) {
