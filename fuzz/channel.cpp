@@ -132,6 +132,8 @@ private:
         memcpy(&call, packet.bytes.data(), std::min(sizeof(call), packet.bytes.size()));
         std::vector<int> fds(packet.fds.size());
         std::transform(packet.fds.begin(), packet.fds.end(), fds.begin(), dup);
+        // Else a callback that the provider took would be refused here.
+        expectSoon([] { return !host::detail::isClosingBehind(); }, "closing stays behind");
         const bool isWhole = readMessage(SESSION, host::Peer::CLIENT, packet.bytes, fds).isTaken;
         const bool isSame = size == sizeof(answer) && answer.method == call.method &&
                             answer.serial == call.serial && answer.fds == 0;

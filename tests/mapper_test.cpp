@@ -132,8 +132,7 @@ TEST_P(ImporterTest, ImportsLocksAndFreesAndTurnsFencesIntoDescriptors) {
         std::tie(fence->numFds, fence->numInts) = std::tuple(descriptors, integers);
         fence->data[0] = descriptor;
         int fd = 99;
-        EXPECT_TRUE(importer.importFence(nullptr, fd));
-        EXPECT_EQ(fd, -1);
+        EXPECT_TRUE(importer.importFence(nullptr, fd) && fd == -1);
         EXPECT_EQ(importer.importFence(fence, fd), lines.size() < 2);
         const int released = importer.unlock(handle);
         EXPECT_EQ(said(), lines);
