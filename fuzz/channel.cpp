@@ -155,7 +155,7 @@ private:
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     static House& house = *new House;
     // Now, because the fuzzer opens descriptors of its own between two inputs.
-    const SameHoldings same;
+    const SameDescriptors same;
     FuzzedDataProvider data(bytes, size);
     {
         Peer peer(data, house);

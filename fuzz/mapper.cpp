@@ -214,7 +214,7 @@ struct Life {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    const fuzz::SameHoldings same;
+    const fuzz::SameDescriptors same;
     Life{data}.run();
     return 0;
 }

@@ -28,12 +28,12 @@ void expectSoon(Condition condition, const char* what) {
         std::this_thread::yield();
     }
 }
-/** Waits at its end until there are as many descriptors, threads and mappings as there were. */
-struct SameHoldings {
-    ~SameHoldings() {
-        expectSoon([this] { return kit::Holdings::of() == before; }, "something is left or lost");
+/** Waits at its end until as many descriptors are open as there were. */
+struct SameDescriptors {
+    ~SameDescriptors() {
+        expectSoon([this] { return kit::Holdings::of().descriptors == before; }, "fds are left");
     }
-    const kit::Holdings before = kit::Holdings::of();
+    const int before = kit::Holdings::of().descriptors;
 };
 
 /** A descriptor of each kind, of which the first ones may cross where they belong. */

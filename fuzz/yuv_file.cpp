@@ -179,7 +179,7 @@ struct Play {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FuzzedDataProvider data(bytes, size);
-    const fuzz::SameHoldings same;
+    const fuzz::SameDescriptors same;
     Play{data}.run();
     return 0;
 }
