@@ -134,6 +134,7 @@ TEST_F(DetectTest, LooksAtTheNewestFrameAndSkipsTheOthersAtOnce) {
     const size_t skipped = lines("skipped").size();
     EXPECT_GT(skipped, 80U);  // the provider did not wait for the detector
     EXPECT_EQ(lines("detected").size() + skipped, 200U);
+    // And what it cannot do it says before it takes anybody's session.
     for (const char* wrong : {"--cascade nowhere", "--cascade socket", "--json - --y4m -"})
         EXPECT_EQ(run(wrong), 2) << wrong;
 }
